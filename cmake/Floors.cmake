@@ -1,0 +1,36 @@
+# One folder, one target. `nav_floor(NAME SOURCES ... USES ...)` declares the object library of the
+# current folder; the two shared libraries and the programs are put together from these.
+
+add_library(nav_options INTERFACE)
+target_compile_options(nav_options INTERFACE -Wall -Wextra -Wpedantic)
+target_include_directories(nav_options INTERFACE ${PROJECT_SOURCE_DIR})
+if(NAV_SANITIZE)
+    target_compile_options(nav_options INTERFACE -fsanitize=${NAV_SANITIZE} -fno-omit-frame-pointer
+                                                 -fno-sanitize-recover=all)
+    target_link_options(nav_options INTERFACE -fsanitize=${NAV_SANITIZE})
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+function(nav_floor name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;USES" ${ARGN})
+    add_library(${name} OBJECT ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE nav_options ${ARG_USES})
+    set_target_properties(${name} PROPERTIES FOLDER ${CMAKE_CURRENT_SOURCE_DIR})
+endfunction()
+
+# A shared library made of the objects of the given floors.
+function(nav_shared_library name)
+    cmake_parse_arguments(ARG "" "" "FLOORS;USES" ${ARGN})
+    add_library(${name} SHARED)
+    foreach(floor ${ARG_FLOORS})
+        target_sources(${name} PRIVATE $<TARGET_OBJECTS:${floor}>)
+    endforeach()
+    target_link_libraries(${name} PUBLIC ${ARG_USES} PRIVATE nav_options)
+    set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION}
+                                             SOVERSION ${PROJECT_VERSION_MAJOR})
+    target_compile_features(${name} PUBLIC cxx_std_20)
+endfunction()
