@@ -1,0 +1,24 @@
+// The errors the platform raises for bad input. Each carries its whole message; texts that callers
+// rely on are fixed. A state that cannot be is no error but an assertion (Assert.h).
+#pragma once
+
+#include <stdexcept>
+
+#include "platform/Export.h"
+
+namespace Vel {
+
+class VEL_EXPORT Error : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+    ~Error() override;
+};
+
+// A value outside the range of its type.
+class VEL_EXPORT RangeError : public Error {
+  public:
+    using Error::Error;
+    ~RangeError() override;
+};
+
+}  // namespace Vel

@@ -1,0 +1,63 @@
+// The identifier of an interface: its name, held in place, so that the value is trivially copyable
+// and can live in shared memory. Linux names have at most 15 bytes (IFNAMSIZ); logical interfaces
+// of a router have longer ones. Empty means no interface. Bytes after the name are always zero.
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "platform/Export.h"
+#include "platform/netz/Hash.h"
+
+namespace Netz {
+
+class VEL_EXPORT IntfId {
+  public:
+    static constexpr size_t maxLength = 31;
+
+    constexpr IntfId() = default;
+    // Raises Vel::RangeError where `parse` gives nothing.
+    explicit IntfId(std::string_view name);
+    // Nothing for a name that is too long or holds blanks or control characters.
+    static std::optional<IntfId> parse(std::string_view name);
+
+    bool empty() const { return name_[0] == 0; }
+    std::string_view str() const { return {name_.data(), strnlen(name_.data(), maxLength)}; }
+    std::string stringValue() const { return std::string(str()); }
+    // As routers abbreviate: a leading word of more than four letters before a digit shrinks to its
+    // first two ("Ethernet1/2" is "Et1/2"); any other name stays whole.
+    std::string shortName() const;
+
+    uint64_t mix() const {
+        uint64_t words[4];
+        std::memcpy(words, name_.data(), sizeof words);
+        return hashMix(hashMix(words[0], words[1]), hashMix(words[2], words[3]));
+    }
+    uint32_t hash() const { return static_cast<uint32_t>(mix() >> 32); }
+
+    constexpr bool operator==(const IntfId&) const = default;
+    constexpr auto operator<=>(const IntfId&) const = default;
+
+  private:
+    std::array<char, maxLength + 1> name_{};
+};
+
+static_assert(sizeof(IntfId) == 32 && std::is_trivially_copyable_v<IntfId>);
+
+VEL_EXPORT std::ostream& operator<<(std::ostream& out, const IntfId& intf);
+
+}  // namespace Netz
+
+template <>
+struct std::hash<Netz::IntfId> {
+    size_t operator()(const Netz::IntfId& intf) const { return intf.mix(); }
+};
