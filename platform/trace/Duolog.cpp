@@ -1,0 +1,77 @@
+#include "platform/trace/Duolog.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace Duolog {
+namespace {
+
+constinit Facility* firstFacility = nullptr;
+constinit int levelOfNewFacilities = Facility::defaultLevel;
+
+std::function<void(std::string_view)>& sink() {
+    static std::function<void(std::string_view)> instance;
+    return instance;
+}
+constinit std::vector<std::string>* capture = nullptr;
+
+void updateDelivers() {
+    Ringlog::state.delivers = sink() || capture;
+}
+
+}  // namespace
+
+Facility::Facility(const char* name)
+    : level_(levelOfNewFacilities), name_(name), next_(std::exchange(firstFacility, this)) {}
+
+bool levelIs(std::string_view name, int level) {
+    const bool all = name == "*";
+    bool found = all;
+    if (all) levelOfNewFacilities = level;
+    for (Facility* facility = firstFacility; facility; facility = facility->next()) {
+        if (!all && facility->name() != name) continue;
+        facility->levelIs(level);
+        found = true;
+    }
+    return found;
+}
+
+std::vector<std::pair<std::string_view, int>> facilities() {
+    std::vector<std::pair<std::string_view, int>> result;
+    for (Facility* facility = firstFacility; facility; facility = facility->next()) {
+        result.emplace_back(facility->name(), facility->level());
+    }
+    std::sort(result.begin(), result.end());
+    return result;
+}
+
+void textSinkIs(std::function<void(std::string_view)> newSink) {
+    sink() = std::move(newSink);
+    updateDelivers();
+}
+
+void textSinkIs(int fd) {
+    if (fd < 0) return textSinkIs(nullptr);
+    textSinkIs([fd](std::string_view line) {
+        const std::string text = std::string(line) + '\n';
+        // A trace that cannot be written is lost; the ring still has it.
+        [[maybe_unused]] const ssize_t written = write(fd, text.data(), text.size());
+    });
+}
+
+void captureIs(std::vector<std::string>* texts) {
+    capture = texts;
+    updateDelivers();
+}
+
+void deliver() {
+    Ringlog::state.delivers = false;  // what sinks and formatters trace goes to the ring only
+    const Ringlog::Line newest = Ringlog::newest();
+    if (capture) capture->push_back(newest.line.substr(newest.textOffset));
+    if (const auto current = sink()) current(newest.line);
+    updateDelivers();
+}
+
+}  // namespace Duolog

@@ -1,0 +1,46 @@
+// A trace facility: the name under which one subsystem traces, and the level up to which it does.
+// A subsystem has one, at namespace scope in a header of its own:
+//
+//     inline Duolog::Facility pathTrace{"path"};
+//
+// Facilities are never destroyed before the process ends: trace records refer to them. Levels may
+// be changed at any time, on the event thread. A call site of level L traces while L <= level().
+#pragma once
+
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/Export.h"
+
+namespace Duolog {
+
+class VEL_EXPORT Facility {
+  public:
+    static constexpr int defaultLevel = 5;
+
+    // `name` is a literal. The level is that of the newest levelIs("*", ...), else defaultLevel.
+    explicit Facility(const char* name);
+    Facility(const Facility&) = delete;
+    Facility& operator=(const Facility&) = delete;
+
+    std::string_view name() const { return name_; }
+    int level() const { return level_; }
+    bool isOn(int level) const { return level <= level_; }
+    void levelIs(int level) { level_ = level; }
+    Facility* next() const { return next_; }
+
+  private:
+    int level_;
+    const char* name_;
+    Facility* next_;
+};
+
+// Sets the level of the facilities of that name, or of all and those to come when the name is "*".
+// Returns false when there is none of that name.
+VEL_EXPORT bool levelIs(std::string_view name, int level);
+
+// Name and level of each facility, by name.
+VEL_EXPORT std::vector<std::pair<std::string_view, int>> facilities();
+
+}  // namespace Duolog

@@ -1,0 +1,215 @@
+// Addresses, interface ids and names: text forms, refusals, order, hashes.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <set>
+#include <sstream>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/netz/Assert.h"
+#include "platform/netz/Error.h"
+#include "platform/netz/IntfId.h"
+#include "platform/netz/IpAddrWithMask.h"
+#include "platform/netz/IpGenAddr.h"
+#include "platform/netz/VrfName.h"
+
+namespace {
+
+using Netz::IntfId;
+using Netz::IpAddrWithMask;
+using Netz::IpGenAddr;
+
+IpGenAddr addr(const char* text) {
+    return IpGenAddr::parse(text).value();
+}
+
+TEST(IpGenAddr, PrintsTheCanonicalForm) {
+    const struct {
+        const char* in;
+        const char* out;
+    } cases[] = {
+        {"0.0.0.0", "0.0.0.0"},
+        {"255.255.255.255", "255.255.255.255"},
+        {"::", "::"},
+        {"0:0:0:0:0:0:0:1", "::1"},
+        {"1:0:0:0:0:0:0:0", "1::"},
+        {"2001:DB8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},  // the first of two equal runs
+        {"2001:0:0:1:0:0:0:1", "2001:0:0:1::1"},        // the longer one
+        {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1"},
+        {"::ffff:192.0.2.1", "::ffff:192.0.2.1"},
+        {"::ffff:0.0.0.0", "::ffff:0.0.0.0"},
+        {"ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
+    };
+    for (const auto& [in, out] : cases) {
+        EXPECT_EQ(addr(in).stringValue(), out);
+        std::ostringstream stream;
+        stream << addr(in);
+        EXPECT_EQ(stream.str(), out);
+    }
+}
+
+TEST(IpGenAddr, AgreesWithTheSystemOnRandomAddresses) {
+    constexpr unsigned seed = 20260131;
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    for (int round = 0; round < 20000; ++round) {
+        std::array<uint8_t, 16> octets;
+        for (auto& octet : octets) octet = static_cast<uint8_t>(random());
+        const uint32_t zeroed = random();
+        for (unsigned group = 0; group < 8; ++group) {
+            if (zeroed >> group & 1) octets[2 * group] = octets[2 * group + 1] = 0;
+        }
+        octets[0] |= 0x20;  // the system prints ::a.b.c.d for what RFC 5952 writes in groups
+        char expected[INET6_ADDRSTRLEN];
+        inet_ntop(AF_INET6, octets.data(), expected, sizeof expected);
+        const auto v6 = IpGenAddr::fromV6(octets);
+        ASSERT_EQ(v6.stringValue(), expected);
+        ASSERT_EQ(IpGenAddr::parse(expected), v6);
+
+        inet_ntop(AF_INET, octets.data(), expected, sizeof expected);
+        const auto v4 = IpGenAddr::fromV4({octets[0], octets[1], octets[2], octets[3]});
+        ASSERT_EQ(v4.stringValue(), expected);
+        ASSERT_EQ(IpGenAddr::parse(expected), v4);
+    }
+}
+
+TEST(IpGenAddr, RefusesWhatIsNoAddress) {
+    using namespace std::string_view_literals;
+    for (const auto text :
+         {""sv, " 1.2.3.4"sv, "1.2.3.4 "sv, "1.2.3"sv, "1.2.3.256"sv, "01.2.3.4"sv, "1.2.3.4\0"sv,
+          "1.2.3.4/24"sv, "fe80::1%eth0"sv, "1::2::3"sv, ":"sv, "12345::"sv, "::1.2.3.04"sv,
+          "0x7f.0.0.1"sv, "ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.2555"sv}) {
+        EXPECT_FALSE(IpGenAddr::parse(text)) << text;
+    }
+    // A view into a longer text ends where it says.
+    EXPECT_EQ(IpGenAddr::parse("10.0.0.123"sv.substr(0, 8)), IpGenAddr::fromV4(0x0a000001));
+}
+
+TEST(IpGenAddr, KeepsFamiliesApart) {
+    const auto v4 = addr("10.0.0.1");
+    const auto mapped = addr("::ffff:10.0.0.1");
+    const auto sameOctets = addr("a00:1::");
+    EXPECT_NE(v4, mapped);
+    EXPECT_NE(v4, sameOctets);
+    EXPECT_NE(IpGenAddr(), addr("::"));
+    EXPECT_TRUE(IpGenAddr().isZero() && addr("::").isZero());
+    EXPECT_FALSE(mapped.isZero() || addr("0.0.0.1").isZero());
+    EXPECT_EQ(v4.hash(), mapped.hash());
+
+    std::vector<IpGenAddr> sorted{addr("0.0.0.0"),   addr("9.255.0.0"), addr("10.0.0.0"),
+                                  addr("200.0.0.0"), addr("::"),        addr("::1"),
+                                  addr("ff::")};
+    auto shuffled = sorted;
+    std::reverse(shuffled.begin(), shuffled.end());
+    std::sort(shuffled.begin(), shuffled.end());
+    EXPECT_EQ(shuffled, sorted);
+}
+
+// The low bits and the high ones index tables: neighbours, in either half of an IPv6 address, must
+// not fall together.
+TEST(IpGenAddr, SpreadsNeighbours) {
+    for (const size_t varied : {size_t{5}, size_t{14}}) {
+        std::set<uint64_t> low, high;
+        for (unsigned i = 0; i < 4096; ++i) {
+            std::array<uint8_t, 16> octets{0x20, 0x01};
+            octets[varied] = static_cast<uint8_t>(i >> 8);
+            octets[varied + 1] = static_cast<uint8_t>(i);
+            const uint64_t mixed = IpGenAddr::fromV6(octets).mix();
+            low.insert(mixed & 4095);
+            high.insert(mixed >> 52);
+        }
+        EXPECT_GT(low.size(), 2400u);  // 4096 random throws hit 63 % of the slots, 2589
+        EXPECT_GT(high.size(), 2400u);
+    }
+}
+
+TEST(IpAddrWithMask, ParsesStrictlyAndPrints) {
+    EXPECT_EQ(IpAddrWithMask().stringValue(), "0.0.0.0/0");
+    for (const char* text : {"203.0.113.1/24", "0.0.0.0/32", "::/128",
+                             "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/128", "2001:db8::1/0"}) {
+        const auto value = IpAddrWithMask::parse(text);
+        ASSERT_TRUE(value) << text;
+        EXPECT_EQ(value->stringValue(), text);
+    }
+    for (const char* text : {"203.0.113.1", "203.0.113.1/", "203.0.113.1/33", "::/129", "::/256",
+                             "1.2.3.4/024", "1.2.3.4/+4", "1.2.3.4/ 4", "1.2.3.4/4 ", "/24"}) {
+        EXPECT_FALSE(IpAddrWithMask::parse(text)) << text;
+    }
+    EXPECT_NE(IpAddrWithMask::parse("10.0.0.1/24"), IpAddrWithMask::parse("10.0.0.1/25"));
+}
+
+TEST(IntfId, AbbreviatesAsRoutersDo) {
+    const struct {
+        const char* name;
+        const char* abbreviated;
+    } cases[] = {{"Ethernet1/2", "Et1/2"},
+                 {"Loopback0", "Lo0"},
+                 {"Vlan10", "Vlan10"},
+                 {"eth0", "eth0"},
+                 {"Ethernet", "Ethernet"},
+                 {"wan-link1", "wan-link1"},
+                 {"1Ethernet2", "1Ethernet2"},
+                 {"Tunnel1.100", "Tu1.100"},
+                 {"", ""}};
+    for (const auto& [name, abbreviated] : cases) {
+        EXPECT_EQ(IntfId(name).shortName(), abbreviated);
+    }
+}
+
+TEST(IntfId, HoldsNamesUpToItsLimit) {
+    const std::string longest(IntfId::maxLength, 'x');
+    EXPECT_EQ(IntfId(longest).stringValue(), longest);
+    EXPECT_FALSE(IntfId::parse(longest + "x"));
+    EXPECT_THROW(IntfId(longest + "x"), Vel::RangeError);
+    for (const char* bad : {"eth 0", "eth0\n", "\x7f", "\teth0"}) EXPECT_FALSE(IntfId::parse(bad));
+    EXPECT_FALSE(IntfId::parse(std::string_view("eth0\0", 5)));
+
+    std::unordered_set<uint32_t> hashes;
+    for (int i = 0; i < 1000; ++i) hashes.insert(IntfId("Ethernet" + std::to_string(i)).hash());
+    EXPECT_GT(hashes.size(), 998u);
+    IntfId reused(longest);
+    reused = IntfId("lo");
+    EXPECT_EQ(reused, IntfId("lo"));
+    EXPECT_EQ(reused.hash(), IntfId("lo").hash());
+}
+
+TEST(VrfName, RefusesMoreThanItsLimit) {
+    const std::string longest(100, 'v');
+    EXPECT_EQ(L3::VrfName(longest).str(), longest);
+    EXPECT_NE(L3::VrfName("red").hash(), L3::VrfName("blue").hash());
+    EXPECT_EQ(L3::VrfName("red"), L3::VrfName(std::string_view("redder", 3)));
+    try {
+        L3::VrfName tooLong(longest + "v");
+        FAIL() << "accepted";
+    } catch (const Vel::Error& error) {
+        EXPECT_STREQ(error.what(), "VrfName::bytes > VrfName::maxLength not allowed");
+    }
+}
+
+TEST(Assert, CallsItsHandlerWithTheTextThenEnds) {
+    const auto before =
+        Vel::assertHandlerIs([](const char* text, const char*, int) { throw std::string(text); });
+    int evaluated = 0;
+    std::string caught;
+    try {
+        VEL_ASSERT(++evaluated == 1, "holds");
+        VEL_ASSERT(++evaluated == 1, "!!pathKeyInfo");
+    } catch (const std::string& text) {
+        caught = text;
+    }
+    EXPECT_EQ(caught, "!!pathKeyInfo");
+    EXPECT_EQ(evaluated, 2);
+    EXPECT_DEATH(
+        {
+            Vel::assertHandlerIs([](const char*, const char*, int) {});
+            VEL_ASSERT(false, "returns");
+        },
+        "");
+    Vel::assertHandlerIs(before);
+    EXPECT_DEATH(VEL_ASSERT(false, "printed"), "NetzTest.cpp:[0-9]+: assertion failed: printed");
+}
+
+}  // namespace
