@@ -232,7 +232,7 @@ const char* phraseOf([[maybe_unused]] const std::remove_reference_t<Arg>& arg) {
 template <class... Args>
 [[gnu::noinline]] void record(Ringlog::Site& site, Args... args) {
     static_assert(sizeof...(Args) <= Ringlog::maxPieces);
-    static_assert((Ringlog::argsOffset + ... + Piece<Args>::maxSize) <= Ringlog::maxRecord,
+    static_assert((sizeof(Ringlog::Header) + ... + Piece<Args>::maxSize) <= Ringlog::maxRecord,
                   "too much for one trace record");
     if (!site.render) [[unlikely]] {
         site.render = render<Args...>;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <string_view>
 
 namespace Ringlog {
@@ -56,7 +57,7 @@ void appendTime(int64_t wall, std::string& out) {
 
 Header headerAt(uint64_t position) {
     Header header{};
-    std::memcpy(&header, memory + position % capacity, argsOffset);
+    std::memcpy(&header, memory + position % capacity, sizeof(Header));
     return header;
 }
 
@@ -70,7 +71,7 @@ Line lineAt(uint64_t position, const WallClock& clock) {
     result.line += std::to_string(header.site->level);
     result.line += ' ';
     result.textOffset = result.line.size();
-    header.site->render(*header.site, memory + position % capacity + argsOffset, result.line);
+    header.site->render(*header.site, memory + position % capacity + sizeof(Header), result.line);
     return result;
 }
 

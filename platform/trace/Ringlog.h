@@ -14,7 +14,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -45,17 +45,16 @@ struct Site {
 struct Header {
     const Site* site;
     uint64_t stamp;
-    uint16_t size;
-    uint16_t previousSize;  // 0 in the first record of the process
+    uint32_t size;
+    uint32_t previousSize;  // 0 in the first record of the process
 };
-inline constexpr size_t argsOffset = offsetof(Header, previousSize) + sizeof(uint16_t);
-static_assert(argsOffset == 20 && maxRecord % 8 == 0 && maxRecord <= UINT16_MAX);
+static_assert(sizeof(Header) == 24 && maxRecord % 8 == 0);
 
 struct State {
     uint8_t* memory;
     uint64_t head = 0;      // position of the next record
     uint64_t stamp = 0;     // of the newest stamped record
-    uint16_t lastSize = 0;  // of the newest record
+    uint32_t lastSize = 0;  // of the newest record
     bool delivers = false;  // whether somebody wants text as records come
 };
 VEL_EXPORT extern State state;
@@ -75,17 +74,16 @@ inline uint64_t ticks() {
 #endif
 }
 
-// Where the next record's arguments go; at most maxRecord - argsOffset bytes.
+// Where the next record's arguments go; at most maxRecord - sizeof(Header) bytes.
 inline uint8_t* argsBegin() {
-    return state.memory + state.head % capacity + argsOffset;
+    return state.memory + state.head % capacity + sizeof(Header);
 }
 
 // Makes a record of what lies between argsBegin() and `argsEnd`, with the newest stamp.
 inline void commit(const Site& site, const uint8_t* argsEnd) {
     uint8_t* const at = state.memory + state.head % capacity;
-    const auto size = static_cast<uint16_t>((static_cast<size_t>(argsEnd - at) + 7) & ~size_t{7});
-    const Header header{&site, state.stamp, size, state.lastSize};
-    std::memcpy(at, &header, argsOffset);
+    const auto size = (static_cast<uint32_t>(argsEnd - at) + 7) & ~uint32_t{7};
+    ::new (static_cast<void*>(at)) Header{&site, state.stamp, size, state.lastSize};
     state.head += size;
     state.lastSize = size;
 }
