@@ -1,4 +1,4 @@
 // Marks what libNav.so offers to others; everything else stays hidden.
 #pragma once
 
-#define NAV_EXPORT __attribute__((visibility("default")))
+#define NAV_EXPORT [[gnu::visibility("default")]]

@@ -1,0 +1,41 @@
+// A neutral tree of plain data: what an attribute looks like to somebody who knows it only by name.
+// The control socket and the configuration loader turn it into and out of their own JSON.
+#pragma once
+
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "platform/vel/Types.h"
+
+namespace Vel {
+
+struct Datum;
+struct DatumMember;
+
+struct Datum {
+    using List = std::vector<Datum>;
+    using Members = std::vector<DatumMember>;  // in order, names unique
+
+    // monostate is null. A negative number is a double, and so is one with a fraction.
+    std::variant<std::monostate, bool, U64, double, String, List, Members> value;
+
+    bool isNull() const { return value.index() == 0; }
+    template <class T>
+    const T* as() const {
+        return std::get_if<T>(&value);
+    }
+    friend bool operator==(const Datum& a, const Datum& b);
+};
+
+struct DatumMember {
+    String name;
+    Datum value;
+    bool operator==(const DatumMember&) const = default;
+};
+
+inline bool operator==(const Datum& a, const Datum& b) {
+    return a.value == b.value;
+}
+
+}  // namespace Vel

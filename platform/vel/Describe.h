@@ -1,0 +1,270 @@
+// The constant table of an entity type: what its attributes are called and how somebody who knows
+// them only by name reads, writes, walks and watches them. Writes go through the setters, so they
+// notify like any other. Text that does not fit throws Vel::Error with the reason; the caller knows
+// the place.
+#pragma once
+
+#include <array>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/vel/Subscription.h"
+#include "platform/vel/Table.h"
+#include "platform/vel/Value.h"
+
+namespace Vel {
+
+class Entity;
+struct TypeDescriptor;
+
+// What kind of attribute it is decides which of the functions it has:
+//
+//   key, plain        get; plain also set
+//   set, map, values  get, keys, keyText, getAt, setAt, eraseAt, checkKey
+//   collection        get, keys, keyText, find, create, eraseAt, checkKey, element
+//   child             get, find (key ignored), element
+struct Attribute {
+    enum class Kind : U8 { key, plain, set, map, values, collection, child };
+
+    std::string_view name;
+    Kind kind;
+    bool keyIsText = false;  // the key is free text (a name), escaped inside a path
+    const TypeDescriptor* (*element)() = nullptr;
+
+    Datum (*get)(const Entity&) = nullptr;
+    void (*set)(Entity&, const Datum&) = nullptr;
+    void (*check)(const Datum&) = nullptr;  // throws what set or setAt would refuse
+    void (*checkKey)(std::string_view) = nullptr;
+
+    std::vector<std::string> (*keys)(const Entity&) = nullptr;  // in walking order
+    std::string (*keyText)(const void* key) = nullptr;          // of a notification's key
+    std::optional<Datum> (*getAt)(const Entity&, std::string_view key) = nullptr;
+    void (*setAt)(Entity&, std::string_view key, const Datum&) = nullptr;
+    Entity* (*find)(const Entity&, std::string_view key) = nullptr;
+    Entity& (*create)(Entity&, std::string_view key) = nullptr;  // get or create
+    bool (*eraseAt)(Entity&, std::string_view key) = nullptr;    // false: there was none
+
+    bool keyed() const { return kind != Kind::key && kind != Kind::plain && kind != Kind::child; }
+};
+
+struct VEL_EXPORT TypeDescriptor {
+    TypeDescriptor(const char* name, const Attribute* attributes, size_t count);
+    TypeDescriptor(const TypeDescriptor&) = delete;
+
+    std::string_view attributeName(Ordinal ordinal) const {
+        return ordinal < count ? attributes[ordinal].name : std::string_view("(any)");
+    }
+    const Attribute* find(std::string_view attribute) const;
+
+    const char* name;
+    const Attribute* attributes;  // by ordinal
+    size_t count;
+    mutable U32 live = 0;  // objects alive, counted in debug builds
+    const TypeDescriptor* next;
+
+    static const TypeDescriptor* all;  // every type of the process, linked by next
+};
+
+// Live objects by type name, those above zero. Empty in builds without assertions.
+VEL_EXPORT std::map<std::string, U32> liveObjects();
+
+// The entity as data: its attributes in order of declaration.
+VEL_EXPORT Datum toDatum(const Entity& entity);
+
+[[noreturn]] VEL_EXPORT void reinstantiated(std::string_view attribute, std::string_view wanted,
+                                            std::string_view current);
+
+#ifdef NDEBUG
+template <class T>
+struct LiveCount {};
+#else
+template <class T>
+struct LiveCount {
+    LiveCount() { ++T::velType.live; }
+    ~LiveCount() { --T::velType.live; }
+};
+#endif
+
+template <auto member>
+struct MemberOf;
+template <class C, class R, R (C::*member)() const>
+struct MemberOf<member> {
+    using Class = C;
+    using Value = std::remove_cvref_t<R>;
+};
+
+template <auto getter>
+constexpr Attribute keyAttribute(std::string_view name) {
+    using M = MemberOf<getter>;
+    using C = typename M::Class;
+    using V = typename M::Value;
+    return {
+        .name = name,
+        .kind = Attribute::Kind::key,
+        .get =
+            [](const Entity& e) { return Codec<V>::datum((static_cast<const C&>(e).*getter)()); },
+        .check = [](const Datum& d) { (void)Codec<V>::fromDatum(d); }};
+}
+
+template <auto getter, auto setter>
+constexpr Attribute plainAttribute(std::string_view name) {
+    using V = typename MemberOf<getter>::Value;
+    using C = typename MemberOf<getter>::Class;
+    Attribute a = keyAttribute<getter>(name);
+    a.kind = Attribute::Kind::plain;
+    a.set = [](Entity& e, const Datum& d) { (static_cast<C&>(e).*setter)(Codec<V>::fromDatum(d)); };
+    return a;
+}
+
+// What all keyed attributes share.
+template <class C, class Key, auto store, auto del>
+constexpr Attribute keyedAttribute(std::string_view name, Attribute::Kind kind) {
+    using Store = std::remove_cvref_t<decltype(std::declval<C>().*store)>;
+    return {
+        .name = name,
+        .kind = kind,
+        .keyIsText = Codec<Key>::isText,
+        .checkKey = [](std::string_view key) { (void)Codec<Key>::fromKey(key); },
+        .keys =
+            [](const Entity& e) {
+                std::vector<std::string> keys;
+                for (const auto& item : static_cast<const C&>(e).*store)
+                    keys.push_back(Codec<Key>::key(Store::keyOf(item)));
+                return keys;
+            },
+        .keyText = [](const void* key) { return Codec<Key>::key(*static_cast<const Key*>(key)); },
+        .eraseAt =
+            [](Entity& e, std::string_view text) {
+                const Key key = Codec<Key>::fromKey(text);
+                if (!(static_cast<C&>(e).*store).has(key)) return false;
+                (static_cast<C&>(e).*del)(key);
+                return true;
+            }};
+}
+
+template <class C, class Key, auto store, auto is, auto del>
+constexpr Attribute setAttribute(std::string_view name) {
+    Attribute a = keyedAttribute<C, Key, store, del>(name, Attribute::Kind::set);
+    a.check = [](const Datum& d) {
+        if (d != Datum{true}) expected("true", d);
+    };
+    a.get = [](const Entity& e) {
+        Datum::List list;
+        for (const Key& key : static_cast<const C&>(e).*store)
+            list.push_back({Codec<Key>::key(key)});
+        return Datum{std::move(list)};
+    };
+    a.getAt = [](const Entity& e, std::string_view key) -> std::optional<Datum> {
+        if (!(static_cast<const C&>(e).*store).has(Codec<Key>::fromKey(key))) return std::nullopt;
+        return Datum{true};
+    };
+    a.setAt = [](Entity& e, std::string_view key, const Datum& d) {
+        if (d != Datum{true}) expected("true", d);
+        (static_cast<C&>(e).*is)(Codec<Key>::fromKey(key));
+    };
+    return a;
+}
+
+template <class C, class Key, class Value, auto store, auto is, auto del>
+constexpr Attribute mapAttribute(std::string_view name) {
+    Attribute a = keyedAttribute<C, Key, store, del>(name, Attribute::Kind::map);
+    a.check = [](const Datum& d) { (void)Codec<Value>::fromDatum(d); };
+    a.get = [](const Entity& e) {
+        Datum::Members members;
+        for (const auto& [key, value] : static_cast<const C&>(e).*store)
+            members.push_back({Codec<Key>::key(key), Codec<Value>::datum(value)});
+        return Datum{std::move(members)};
+    };
+    a.getAt = [](const Entity& e, std::string_view key) -> std::optional<Datum> {
+        const auto* item = (static_cast<const C&>(e).*store).find(Codec<Key>::fromKey(key));
+        if (!item) return std::nullopt;
+        return Codec<Value>::datum(item->second);
+    };
+    a.setAt = [](Entity& e, std::string_view key, const Datum& d) {
+        (static_cast<C&>(e).*is)(Codec<Key>::fromKey(key), Codec<Value>::fromDatum(d));
+    };
+    return a;
+}
+
+template <class C, class Key, class Value, Key Value::*field, auto store, auto is, auto del>
+constexpr Attribute valuesAttribute(std::string_view name) {
+    Attribute a = keyedAttribute<C, Key, store, del>(name, Attribute::Kind::values);
+    a.check = [](const Datum& d) { (void)Codec<Value>::fromDatum(d); };
+    a.get = [](const Entity& e) {
+        Datum::Members members;
+        for (const Value& value : static_cast<const C&>(e).*store)
+            members.push_back({Codec<Key>::key(value.*field), Codec<Value>::datum(value)});
+        return Datum{std::move(members)};
+    };
+    a.getAt = [](const Entity& e, std::string_view key) -> std::optional<Datum> {
+        const Value* value = (static_cast<const C&>(e).*store).find(Codec<Key>::fromKey(key));
+        if (!value) return std::nullopt;
+        return Codec<Value>::datum(*value);
+    };
+    a.setAt = [](Entity& e, std::string_view text, const Datum& d) {
+        Value value = Codec<Value>::fromDatum(d);
+        const Key key = Codec<Key>::fromKey(text);
+        // The key may be left out of the object; if it is given, it must be this one.
+        if (value.*field != key && value.*field != Key{})
+            expected("the key " + Codec<Key>::key(key), Codec<Key>::key(value.*field));
+        value.*field = key;
+        (static_cast<C&>(e).*is)(value);
+    };
+    return a;
+}
+
+template <class C, class Key, class Element, auto store, auto del>
+constexpr Attribute collectionAttribute(std::string_view name,
+                                        Entity& (*create)(Entity&, std::string_view)) {
+    Attribute a = keyedAttribute<C, Key, store, del>(name, Attribute::Kind::collection);
+    a.element = [] { return &Element::velType; };
+    a.get = [](const Entity& e) {
+        Datum::Members members;
+        for (const Element& element : static_cast<const C&>(e).*store)
+            members.push_back({Codec<Key>::key(element.velKey()), toDatum(element)});
+        return Datum{std::move(members)};
+    };
+    a.find = [](const Entity& e, std::string_view key) -> Entity* {
+        auto* found = (static_cast<const C&>(e).*store).find(Codec<Key>::fromKey(key));
+        return found ? found->get() : nullptr;
+    };
+    a.create = create;
+    return a;
+}
+
+template <class C, class Child, auto getter>
+constexpr Attribute childAttribute(std::string_view name) {
+    return {.name = name,
+            .kind = Attribute::Kind::child,
+            .element = [] { return &Child::velType; },
+            .get =
+                [](const Entity& e) {
+                    const Child* child = (static_cast<const C&>(e).*getter)();
+                    return child ? toDatum(*child) : Datum{};
+                },
+            .find = [](const Entity& e, std::string_view) -> Entity* {
+                return (static_cast<const C&>(e).*getter)();
+            }};
+}
+
+// The descriptors of type E, gathered by asking for ordinal 0, 1, … until there is none.
+template <U16 n>
+using OrdinalTag = std::integral_constant<U16, n>;
+
+template <class E, U16 n = 0>
+constexpr size_t attributeCount() {
+    if constexpr (requires { E::template velDescribe<E>(OrdinalTag<n>{}); })
+        return attributeCount<E, n + 1>();
+    else
+        return n;
+}
+template <class E>
+inline constexpr auto attributeTable = []<size_t... i>(std::index_sequence<i...>) {
+    return std::array<Attribute, sizeof...(i)>{
+        E::template velDescribe<E>(OrdinalTag<static_cast<U16>(i)>{})...};
+}
+(std::make_index_sequence<attributeCount<E>()>{});
+
+}  // namespace Vel

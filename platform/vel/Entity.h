@@ -1,0 +1,359 @@
+// Entities: typed attributes and keyed collections that notify whoever subscribed to them.
+//
+// An entity is declared one attribute a line:
+//
+//     class NAV_EXPORT PathConfig : public Vel::Entity {
+//         VEL_ENTITY(PathConfig, L3::VrfName, vrfName)
+//         VEL_COLLECTION(PathKey, PathConfigEntry, pathConfigEntry)
+//     };
+//
+// and its source holds VEL_DEFINE(Nav, PathConfig), which collects the descriptors into the type's
+// constant table. The names that a line gives:
+//
+//     VEL_ENTITY(Type, T, key)        key(); a constructor from it; never changes
+//     VEL_ATTRIBUTE(T, a, default)    a(), aIs(v)
+//     VEL_COUNTER(T, a, default)      the same and aInc(delta), modulo 2^bits; returns the new
+//     value VEL_COLLECTION(K, E, c)         c() to walk, c(key) or null, cIs(key) get or create,
+//     cIs(key,
+//                                     init) with init(element) before it is announced, cDel(key),
+//                                     cDelAll(); VEL_ORDERED the same in ascending order of key,
+//                                     and cHas(key)
+//     VEL_SET(K, s)                   s() to walk, sHas(key), sIs(key), sDel(key), sDelAll()
+//     VEL_MAP(K, V, m)                m() to walk pairs, m(key) or null, mIs(key, v), mDel, mDelAll
+//     VEL_VALUES(K, V, field, m)      the same, of values that hold their key: mIs(v)
+//     VEL_CHILD(T, c)                 c() or null, cIs(name) get or create, cDel()
+//
+// and with each, `aAttr` to subscribe with. What always holds:
+//
+// - Setting the value that is already there stores nothing and calls nobody.
+// - Otherwise the value is stored first, then the attribute's subscribers are called, in
+//   subscription order, before the setter returns. A handler that sets something runs that to its
+//   end first. One who subscribes during a round is not called in it, one who leaves is not called
+//   any more. More than 64 rounds inside one another stop the process.
+// - A collection tells key by key: after an insertion, after a changed value, after a removal. The
+//   receiver looks the key up in the state as it is now. A removed element is out of the collection
+//   but alive and whole while subscribers are told; what it contains goes silently. DelAll removes
+//   what was there at the call; what handlers add meanwhile stays.
+// - Walks: see Table.h.
+// - An element returned by cIs lives at least as long as it is in its collection or a Hold exists.
+#pragma once
+
+#include <utility>
+
+#include "platform/vel/Describe.h"
+#include "platform/vel/Ordered.h"
+#include "platform/vel/Subscription.h"
+#include "platform/vel/Table.h"
+
+namespace Vel {
+
+class VEL_EXPORT Entity : public Object {
+  public:
+    virtual const TypeDescriptor& type() const = 0;
+
+    // Called for every change of this entity, with the attribute's ordinal and, for a collection,
+    // its key. For those who know the entity only by name.
+    Subscription subscribeAll(void* object, Subscription::Function function) {
+        return Subscription(*this, anyAttribute, object, function);
+    }
+
+  protected:
+    Entity() = default;
+    ~Entity() override;
+
+    void changed(Ordinal attribute, const void* key = nullptr) {
+        if (interest_ & interestIn(attribute)) notify(attribute, key);
+    }
+
+    template <class T>
+    void store(T& place, Param<T> value, Ordinal attribute) {
+        if (place == value) return;
+        place = value;
+        changed(attribute);
+    }
+
+    template <class Element, class Store, class Key, class Init>
+    Element& elementIs(Store& store, Ordinal attribute, const Key& key, Init&& init) {
+        if (auto* present = store.find(key)) return **present;
+        Ptr<Element> made = make<Element>(key);
+        Element& element = *made;
+        init(element);
+        store.insert(std::move(made));
+        changed(attribute, &element.velKey());
+        return element;
+    }
+    template <class Store, class Key>
+    void elementDel(Store& store, Ordinal attribute, const Key& key) {
+        auto [found, element] = store.take(key);
+        if (found) changed(attribute, &element->velKey());
+    }
+
+    template <class Store, class Item>
+    void itemIs(Store& store, Ordinal attribute, Item item) {
+        const typename Store::Key key = Store::keyOf(item);
+        if (Item* present = store.find(key)) {
+            if (*present == item) return;
+            *present = std::move(item);
+        } else {
+            store.insert(std::move(item));
+        }
+        changed(attribute, &key);
+    }
+    template <class Store, class Key>
+    void itemDel(Store& store, Ordinal attribute, const Key& key) {
+        auto [found, item] = store.take(key);
+        if (found) changed(attribute, &Store::keyOf(item));
+    }
+
+    template <class Child>
+    Child& childIs(Ptr<Child>& place, Ordinal attribute, const Name& name) {
+        if (place) {
+            if (place->velKey() != name) reinstantiated("name", name, place->velKey());
+            return *place;
+        }
+        Ptr<Child> child = make<Child>(name);
+        place = child;
+        changed(attribute);
+        return *child;
+    }
+    template <class Child>
+    void childDel(Ptr<Child>& place, Ordinal attribute) {
+        if (Ptr<Child> gone = std::exchange(place, nullptr)) changed(attribute);
+    }
+
+  private:
+    friend class Subscription;
+    friend class Round;
+
+    static constexpr U64 interestIn(Ordinal attribute) {
+        return attribute == anyAttribute ? ~U64{0} : U64{1} << (attribute % 64);
+    }
+    void notify(Ordinal attribute, const void* key);
+
+    U64 interest_ = 0;  // a bit per attribute somebody may be interested in
+    Subscription* first_ = nullptr;
+    Subscription* last_ = nullptr;
+};
+
+// What the collections store, how it is keyed, and what a walk yields.
+template <class K, class E>
+struct ElementTraits {
+    using Key = K;
+    using Item = Ptr<E>;
+    using Yield = E*;
+    static const Key& key(const Item& item) { return item->velKey(); }
+    static Yield yield(const Item& item) { return item.get(); }
+    static E& reference(Yield now) { return *now; }
+    static const Key& keyOf(const E& yielded) { return yielded.velKey(); }
+};
+template <class K, class V>
+struct ItemTraits {
+    using Key = K;
+    using Item = V;
+    using Yield = V;
+    static const V& yield(const Item& item) { return item; }
+    static const V& reference(const Yield& now) { return now; }
+};
+template <class K>
+struct SetTraits : ItemTraits<K, K> {
+    static const K& key(const K& item) { return item; }
+    static const K& keyOf(const K& item) { return item; }
+};
+template <class K, class V>
+struct MapTraits : ItemTraits<K, std::pair<K, V>> {
+    static const K& key(const std::pair<K, V>& item) { return item.first; }
+    static const K& keyOf(const std::pair<K, V>& item) { return item.first; }
+};
+template <class K, class V, K V::*field>
+struct ValueTraits : ItemTraits<K, V> {
+    static const K& key(const V& item) { return item.*field; }
+    static const K& keyOf(const V& item) { return item.*field; }
+};
+
+// Names a keyed attribute together with its storage, for those who follow all its keys.
+template <class E, class K, class S>
+struct KeyedAttr : Attr<E, K> {
+    const S E::*store;
+};
+
+}  // namespace Vel
+
+// Ordinals are dense: each line takes the next value of the translation unit's counter, relative to
+// the one that VEL_ENTITY took.
+#define VEL_ENTITY(Self_, Type, name_)                     \
+  private:                                                 \
+    using Self = Self_;                                    \
+    friend class ::Vel::Entity;                            \
+    static constexpr int velBase = __COUNTER__ + 1;        \
+    [[no_unique_address]] ::Vel::LiveCount<Self> velLive_; \
+    const Type name_##_;                                   \
+                                                           \
+  protected:                                               \
+    ~Self_() override = default;                           \
+                                                           \
+  public:                                                  \
+    explicit Self_(const Type& name_) : name_##_(name_) {} \
+    static const ::Vel::TypeDescriptor velType;            \
+    const ::Vel::TypeDescriptor& type() const override {   \
+        return velType;                                    \
+    }                                                      \
+    using VelKey = Type;                                   \
+    const Type& velKey() const {                           \
+        return name_##_;                                   \
+    }                                                      \
+    const Type& name_() const {                            \
+        return name_##_;                                   \
+    }                                                      \
+    VEL_ORDINAL_(name_)                                    \
+    VEL_DESCRIBED_(name_, ::Vel::keyAttribute<&velSelf::name_>(#name_))
+
+#define VEL_ORDINAL_(name) enum : ::Vel::Ordinal { velOrdinalOf_##name = __COUNTER__ - velBase };
+
+#define VEL_DESCRIBED_(name, ...)                                                           \
+    template <class velSelf>                                                                \
+    static constexpr ::Vel::Attribute velDescribe(::Vel::OrdinalTag<velOrdinalOf_##name>) { \
+        return __VA_ARGS__;                                                                 \
+    }
+
+#define VEL_ATTRIBUTE(Type, name_, ...)                                   \
+  private:                                                                \
+    Type name_##_ = __VA_ARGS__;                                          \
+                                                                          \
+  public:                                                                 \
+    VEL_ORDINAL_(name_)                                                   \
+    static constexpr ::Vel::Attr<Self> name_##Attr{velOrdinalOf_##name_}; \
+    const Type& name_() const {                                           \
+        return name_##_;                                                  \
+    }                                                                     \
+    void name_##Is(::Vel::Param<Type> value) {                            \
+        store(name_##_, value, velOrdinalOf_##name_);                     \
+    }                                                                     \
+    VEL_DESCRIBED_(name_, ::Vel::plainAttribute<&velSelf::name_, &velSelf::name_##Is>(#name_))
+
+#define VEL_COUNTER(Type, name_, ...)                   \
+    VEL_ATTRIBUTE(Type, name_, __VA_ARGS__)             \
+    Type name_##Inc(Type delta) {                       \
+        name_##Is(static_cast<Type>(name_##_ + delta)); \
+        return name_##_;                                \
+    }
+
+#define VEL_ELEMENTS_(Store, Key, Element, name_)                                                  \
+  private:                                                                                         \
+    using name_##Store = ::Vel::Store<::Vel::ElementTraits<Key, Element>>;                         \
+    name_##Store name_##_;                                                                         \
+                                                                                                   \
+  public:                                                                                          \
+    VEL_ORDINAL_(name_)                                                                            \
+    static constexpr ::Vel::KeyedAttr<Self, Key, name_##Store> name_##Attr{{velOrdinalOf_##name_}, \
+                                                                           &Self::name_##_};       \
+    const name_##Store& name_() const {                                                            \
+        return name_##_;                                                                           \
+    }                                                                                              \
+    Element* name_(const Key& key) const {                                                         \
+        auto* found = name_##_.find(key);                                                          \
+        return found ? found->get() : nullptr;                                                     \
+    }                                                                                              \
+    Element& name_##Is(const Key& key) {                                                           \
+        return name_##Is(key, [](Element&) {});                                                    \
+    }                                                                                              \
+    template <class Init>                                                                          \
+    Element& name_##Is(const Key& key, Init&& init) {                                              \
+        return elementIs<Element>(name_##_, velOrdinalOf_##name_, key, init);                      \
+    }                                                                                              \
+    void name_##Del(const Key& key) {                                                              \
+        elementDel(name_##_, velOrdinalOf_##name_, key);                                           \
+    }                                                                                              \
+    void name_##DelAll() {                                                                         \
+        for (Element & element : name_##_) name_##Del(element.velKey());                           \
+    }                                                                                              \
+    VEL_DESCRIBED_(                                                                                \
+        name_, ::Vel::collectionAttribute<velSelf, Key, Element, &velSelf::name_##_,               \
+                                          &velSelf::name_##Del>(                                   \
+                   #name_, [](::Vel::Entity& e, std::string_view key) -> ::Vel::Entity& {          \
+                       return static_cast<velSelf&>(e).name_##Is(::Vel::Codec<Key>::fromKey(key)); \
+                   }))
+
+#define VEL_COLLECTION(Key, Element, name_) VEL_ELEMENTS_(Table, Key, Element, name_)
+#define VEL_ORDERED(Key, Element, name_)        \
+    VEL_ELEMENTS_(Ordered, Key, Element, name_) \
+    bool name_##Has(const Key& key) const {     \
+        return name_##_.has(key);               \
+    }
+
+#define VEL_ITEMS_(Key, name_, ...)                                                                \
+  private:                                                                                         \
+    using name_##Store = ::Vel::Table<__VA_ARGS__>;                                                \
+    name_##Store name_##_;                                                                         \
+                                                                                                   \
+  public:                                                                                          \
+    VEL_ORDINAL_(name_)                                                                            \
+    static constexpr ::Vel::KeyedAttr<Self, Key, name_##Store> name_##Attr{{velOrdinalOf_##name_}, \
+                                                                           &Self::name_##_};       \
+    const name_##Store& name_() const {                                                            \
+        return name_##_;                                                                           \
+    }                                                                                              \
+    void name_##Del(const Key& key) {                                                              \
+        itemDel(name_##_, velOrdinalOf_##name_, key);                                              \
+    }                                                                                              \
+    void name_##DelAll() {                                                                         \
+        for (const auto& item : name_##_) name_##Del(name_##Store::keyOf(item));                   \
+    }
+
+#define VEL_SET(Key, name_)                                                     \
+    VEL_ITEMS_(Key, name_, ::Vel::SetTraits<Key>)                               \
+    bool name_##Has(const Key& key) const {                                     \
+        return name_##_.has(key);                                               \
+    }                                                                           \
+    void name_##Is(const Key& key) {                                            \
+        itemIs(name_##_, velOrdinalOf_##name_, key);                            \
+    }                                                                           \
+    VEL_DESCRIBED_(name_, ::Vel::setAttribute<velSelf, Key, &velSelf::name_##_, \
+                                              &velSelf::name_##Is, &velSelf::name_##Del>(#name_))
+
+#define VEL_MAP(Key, Value, name_)                                                     \
+    VEL_ITEMS_(Key, name_, ::Vel::MapTraits<Key, Value>)                               \
+    const Value* name_(const Key& key) const {                                         \
+        const auto* item = name_##_.find(key);                                         \
+        return item ? &item->second : nullptr;                                         \
+    }                                                                                  \
+    void name_##Is(const Key& key, const Value& value) {                               \
+        itemIs(name_##_, velOrdinalOf_##name_, std::pair<Key, Value>(key, value));     \
+    }                                                                                  \
+    VEL_DESCRIBED_(name_, ::Vel::mapAttribute<velSelf, Key, Value, &velSelf::name_##_, \
+                                              &velSelf::name_##Is, &velSelf::name_##Del>(#name_))
+
+#define VEL_VALUES(Key, Value, field, name_)                                                      \
+    VEL_ITEMS_(Key, name_, ::Vel::ValueTraits<Key, Value, &Value::field>)                         \
+    const Value* name_(const Key& key) const {                                                    \
+        return name_##_.find(key);                                                                \
+    }                                                                                             \
+    void name_##Is(const Value& value) {                                                          \
+        itemIs(name_##_, velOrdinalOf_##name_, value);                                            \
+    }                                                                                             \
+    VEL_DESCRIBED_(name_,                                                                         \
+                   ::Vel::valuesAttribute<velSelf, Key, Value, &Value::field, &velSelf::name_##_, \
+                                          &velSelf::name_##Is, &velSelf::name_##Del>(#name_))
+
+#define VEL_CHILD(Type, name_)                                            \
+  private:                                                                \
+    ::Vel::Ptr<Type> name_##_;                                            \
+                                                                          \
+  public:                                                                 \
+    VEL_ORDINAL_(name_)                                                   \
+    static constexpr ::Vel::Attr<Self> name_##Attr{velOrdinalOf_##name_}; \
+    Type* name_() const {                                                 \
+        return name_##_.get();                                            \
+    }                                                                     \
+    Type& name_##Is(const ::Vel::Name& name) {                            \
+        return childIs(name_##_, velOrdinalOf_##name_, name);             \
+    }                                                                     \
+    void name_##Del() {                                                   \
+        childDel(name_##_, velOrdinalOf_##name_);                         \
+    }                                                                     \
+    VEL_DESCRIBED_(name_, ::Vel::childAttribute<velSelf, Type, &velSelf::name_>(#name_))
+
+// In the entity's source, once, in its namespace.
+#define VEL_DEFINE(Space, Type)                                                   \
+    const ::Vel::TypeDescriptor Type::velType{#Space "::" #Type,                  \
+                                              ::Vel::attributeTable<Type>.data(), \
+                                              ::Vel::attributeTable<Type>.size()};

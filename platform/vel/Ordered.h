@@ -1,0 +1,83 @@
+// The storage of ordered collections: ascending by key, with the walk rules of Table.
+#pragma once
+
+#include <iterator>
+#include <map>
+#include <optional>
+#include <utility>
+
+#include "platform/vel/Object.h"
+#include "platform/vel/Types.h"
+
+namespace Vel {
+
+// Traits as for Table. A walk remembers the key it stands on, so any change under it is harmless;
+// items that came after it began are told by their serial number and passed over.
+template <class Traits>
+class Ordered {
+  public:
+    using Key = typename Traits::Key;
+    using Item = typename Traits::Item;
+    class Cursor;
+
+    Ordered() = default;
+    Ordered(const Ordered&) = delete;
+    Ordered& operator=(const Ordered&) = delete;
+
+    U32 size() const { return static_cast<U32>(items_.size()); }
+    bool empty() const { return items_.empty(); }
+    bool has(const Key& key) const { return items_.contains(key); }
+    // The key of what a walk yields.
+    static decltype(auto) keyOf(const auto& yielded) { return Traits::keyOf(yielded); }
+    const Item* find(const Key& key) const {
+        auto it = items_.find(key);
+        return it == items_.end() ? nullptr : &it->second.second;
+    }
+    Item* find(const Key& key) { return const_cast<Item*>(std::as_const(*this).find(key)); }
+    Item& insert(Item item) {
+        Key key = Traits::key(item);
+        return items_.emplace(std::move(key), std::pair(next_++, std::move(item)))
+            .first->second.second;
+    }
+    std::pair<bool, Item> take(const Key& key) {
+        auto node = items_.extract(key);
+        if (node.empty()) return {false, Item{}};
+        return {true, std::move(node.mapped().second)};
+    }
+    Cursor begin() const { return Cursor(*this); }
+    std::default_sentinel_t end() const { return {}; }
+
+  private:
+    std::map<Key, std::pair<U64, Item>> items_;
+    U64 next_ = 0;
+};
+
+template <class Traits>
+class Ordered<Traits>::Cursor {
+  public:
+    explicit Cursor(const Ordered& table) : table_(table), end_(table.next_) { ++*this; }
+    Cursor(const Cursor&) = delete;
+    Cursor& operator=(const Cursor&) = delete;
+
+    decltype(auto) operator*() const { return Traits::reference(now_); }
+    Cursor& operator++() {
+        auto it = key_ ? table_.items_.upper_bound(*key_) : table_.items_.begin();
+        while (it != table_.items_.end() && it->second.first >= end_) ++it;
+        done_ = it == table_.items_.end();
+        if (done_) return *this;
+        key_ = it->first;
+        now_ = Traits::yield(it->second.second);
+        return *this;
+    }
+    bool operator==(std::default_sentinel_t) const { return done_; }
+
+  private:
+    Hold hold_;
+    const Ordered& table_;
+    U64 end_;
+    std::optional<Key> key_;
+    bool done_ = false;
+    typename Traits::Yield now_{};
+};
+
+}  // namespace Vel

@@ -1,0 +1,98 @@
+// Who wants to know of which change: the subscriber side of notification.
+//
+// A Subscription is the record itself, {object, function, attribute}, linked into the list of the
+// entity it watches: subscribing and letting go allocate nothing and cost a few stores. It is made
+// from a member function, `Subscription(entity, Entity::nameAttr, this, &Reactor::handleName)`,
+// and lives as a member of the reactor: when the reactor goes, nothing calls it any more. Move
+// assignment lets the old one go. An entity that dies first leaves the handle empty.
+#pragma once
+
+#include "platform/Export.h"
+#include "platform/vel/Object.h"
+
+namespace Vel {
+
+class Entity;
+class Round;
+
+using Ordinal = U16;                             // an attribute's place in its type's table
+inline constexpr Ordinal anyAttribute = 0xFFFF;  // a subscription to every change of the entity
+
+// Names an attribute of entity E; Key is void for a plain attribute, else the collection's key.
+template <class E, class Key = void>
+struct Attr {
+    Ordinal ordinal;
+};
+
+class [[nodiscard]] VEL_EXPORT Subscription {
+  public:
+    using Function = void (*)(void* object, const void* key, Ordinal attribute);
+
+    Subscription() = default;
+    Subscription(Entity& entity, Ordinal attribute, void* object, Function function);
+
+    template <auto handler, class E, class Key, class Object>
+    static Subscription to(E& entity, Attr<E, Key> attr, Object* object) {
+        return Subscription(entity, attr.ordinal, object, &call<handler, Key, Object>);
+    }
+
+    Subscription(Subscription&& other) noexcept { adopt(other); }
+    Subscription& operator=(Subscription&& other) noexcept {
+        if (this != &other) {
+            reset();
+            adopt(other);
+        }
+        return *this;
+    }
+    ~Subscription() { reset(); }
+
+    void reset();
+    explicit operator bool() const { return entity_ != nullptr; }
+
+  private:
+    friend class Entity;
+    friend class Round;
+
+    template <auto handler, class Key, class Object>
+    static void call(void* object, const void* key, Ordinal) {
+        auto* self = static_cast<Object*>(object);
+        if constexpr (requires { (self->*handler)(); })
+            (self->*handler)();
+        else
+            (self->*handler)(*static_cast<const Key*>(key));
+    }
+    void adopt(Subscription& other);
+
+    Entity* entity_ = nullptr;
+    Subscription* prev_ = nullptr;
+    Subscription* next_ = nullptr;
+    void* object_ = nullptr;
+    Function function_ = nullptr;
+    Ordinal attribute_ = 0;
+};
+
+// One notification under way, on the stack. It knows where its walk over the subscribers stands, so
+// that one who leaves is passed over and one who comes is not called in this round.
+class VEL_EXPORT Round {
+  public:
+    static constexpr U32 maxDepth = 64;
+
+  private:
+    friend class Entity;
+    friend class Subscription;
+
+    Round(Entity& entity, Ordinal attribute);
+    ~Round();
+    void run(const void* key);
+    [[noreturn]] void tooDeep() const;
+
+    Hold hold_;
+    Entity& entity_;
+    Round* outer_;
+    Subscription* next_ = nullptr;
+    Subscription* end_ = nullptr;  // the last subscriber of this round
+    U32 depth_;
+    Ordinal attribute_;
+};
+
+}  // namespace Vel

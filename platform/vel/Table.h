@@ -1,0 +1,209 @@
+// The storage of unordered collections: an append-only slot array in insertion order with an
+// open-addressing index beside it.
+//
+// Walks are in insertion order and safe while handlers insert and delete: a cursor is registered
+// with its table, stands before the next slot, and is fixed up when slots are compacted. It visits
+// each item present at its start and still present when reached, once, and yields a copy (of a
+// pointer or a small value), so what the loop holds never dangles. A removed item leaves a
+// tombstone until the next compaction; small tables do without the index.
+//
+// A table is a member of an Object, so it outlives every walk over it (the cursor is a Hold).
+#pragma once
+
+#include <iterator>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "platform/vel/Object.h"
+#include "platform/vel/Value.h"
+
+namespace Vel {
+
+// Traits: `Key`, `Item`, `static const Key& key(const Item&)`, and what a walk yields:
+// `Yield`, `static Yield yield(const Item&)`.
+template <class Traits>
+class Table {
+  public:
+    using Key = typename Traits::Key;
+    using Item = typename Traits::Item;
+    class Cursor;
+
+    Table() = default;
+    Table(const Table&) = delete;
+    Table& operator=(const Table&) = delete;
+
+    U32 size() const { return live_; }
+    bool empty() const { return live_ == 0; }
+    bool has(const Key& key) const { return find(key) != nullptr; }
+
+    // The key of what a walk yields.
+    static decltype(auto) keyOf(const auto& yielded) { return Traits::keyOf(yielded); }
+
+    // The item under a key, null if there is none. Valid until the next insertion or removal.
+    const Item* find(const Key& key) const {
+        const U32 slot = slotOf(key, index_ ? tagOf(key) : 0);
+        return slot == none ? nullptr : &slots_[slot].item;
+    }
+    Item* find(const Key& key) { return const_cast<Item*>(std::as_const(*this).find(key)); }
+
+    // REQUIRES: no item under this key.
+    Item& insert(Item item) {
+        if (slots_.size() == slots_.capacity()) makeRoom();
+        const U32 tag = tagOf(Traits::key(item));
+        slots_.push_back(Slot{std::move(item), tag, true});
+        ++live_;
+        if (index_) {
+            place(static_cast<U32>(slots_.size()) - 1);
+        } else if (slots_.size() > smallSize) {
+            reindex();
+        }
+        return slots_.back().item;
+    }
+
+    // Takes the item out; empty (a default Item) if there is none.
+    std::pair<bool, Item> take(const Key& key) {
+        const U32 at = slotOf(key, index_ ? tagOf(key) : 0);
+        if (at == none) return {false, Item{}};
+        if (index_) unplace(at);
+        Slot& slot = slots_[at];
+        Item item = std::exchange(slot.item, Item{});
+        slot.live = false;
+        --live_;
+        if (live_ == 0 || slots_.size() - live_ > live_ + 16) compact();
+        return {true, std::move(item)};
+    }
+
+    Cursor begin() const { return Cursor(*this); }
+    std::default_sentinel_t end() const { return {}; }
+
+  private:
+    static constexpr U32 none = 0xFFFFFFFF;
+    static constexpr U32 smallSize = 8;  // up to here a scan beats the index
+
+    struct Slot {
+        Item item;
+        U32 tag;
+        bool live;
+    };
+    struct IndexEntry {
+        U32 tag;
+        U32 slot;  // none: free
+    };
+
+    static U32 tagOf(const Key& key) {
+        const U64 mix = Codec<Key>::mix(key);
+        return static_cast<U32>(mix ^ (mix >> 32));
+    }
+
+    U32 slotOf(const Key& key, U32 tag) const {
+        if (!index_) {
+            for (U32 i = 0; i < slots_.size(); ++i)
+                if (slots_[i].live && Traits::key(slots_[i].item) == key) return i;
+            return none;
+        }
+        for (U32 i = tag & mask_;; i = (i + 1) & mask_) {
+            const IndexEntry& entry = index_[i];
+            if (entry.slot == none) return none;
+            if (entry.tag == tag && Traits::key(slots_[entry.slot].item) == key) return entry.slot;
+        }
+    }
+
+    void place(U32 slot) {
+        U32 i = slots_[slot].tag & mask_;
+        while (index_[i].slot != none) i = (i + 1) & mask_;
+        index_[i] = {slots_[slot].tag, slot};
+    }
+    void unplace(U32 slot) {
+        U32 hole = slots_[slot].tag & mask_;
+        while (index_[hole].slot != slot) hole = (hole + 1) & mask_;
+        // Move back what the hole would cut off from its home.
+        for (U32 i = (hole + 1) & mask_; index_[i].slot != none; i = (i + 1) & mask_) {
+            if (((i - (index_[i].tag & mask_)) & mask_) < ((i - hole) & mask_)) continue;
+            index_[hole] = index_[i];
+            hole = i;
+        }
+        index_[hole].slot = none;
+    }
+
+    void reindex() {
+        U32 wanted = 16;
+        while (wanted < slots_.capacity() * 2) wanted *= 2;
+        if (!index_ || wanted != mask_ + 1) index_ = std::make_unique<IndexEntry[]>(wanted);
+        mask_ = wanted - 1;
+        for (U32 i = 0; i <= mask_; ++i) index_[i].slot = none;
+        for (U32 i = 0; i < slots_.size(); ++i)
+            if (slots_[i].live) place(i);
+    }
+
+    void makeRoom() {
+        if (live_ < slots_.size() / 2) return compact();
+        slots_.reserve(slots_.empty() ? 4 : slots_.size() * 2);
+        if (index_) reindex();
+    }
+
+    void compact() {
+        for (Cursor* c = cursors_; c; c = c->outer_) {
+            c->at_ -= deadBefore(c->at_);
+            c->end_ -= deadBefore(c->end_);
+        }
+        std::erase_if(slots_, [](const Slot& slot) { return !slot.live; });
+        if (index_) reindex();
+    }
+    U32 deadBefore(U32 at) const {
+        U32 dead = 0;
+        for (U32 i = 0; i < at; ++i) dead += !slots_[i].live;
+        return dead;
+    }
+
+    std::vector<Slot> slots_;
+    std::unique_ptr<IndexEntry[]> index_;
+    U32 mask_ = 0;
+    U32 live_ = 0;
+    mutable Cursor* cursors_ = nullptr;  // innermost walk first
+};
+
+template <class Traits>
+class Table<Traits>::Cursor {
+  public:
+    using Yield = typename Traits::Yield;
+
+    explicit Cursor(const Table& table)
+        : table_(table), outer_(table.cursors_), end_(static_cast<U32>(table.slots_.size())) {
+        table.cursors_ = this;
+        ++*this;
+    }
+    Cursor(const Cursor&) = delete;
+    Cursor& operator=(const Cursor&) = delete;
+    ~Cursor() {
+        Cursor** link = &table_.cursors_;
+        while (*link != this) link = &(*link)->outer_;
+        *link = outer_;
+    }
+
+    decltype(auto) operator*() const { return Traits::reference(now_); }
+    Cursor& operator++() {
+        while (at_ < end_) {
+            const Slot& slot = table_.slots_[at_++];
+            if (!slot.live) continue;
+            now_ = Traits::yield(slot.item);
+            return *this;
+        }
+        done_ = true;
+        return *this;
+    }
+    bool operator==(std::default_sentinel_t) const { return done_; }
+
+  private:
+    friend class Table;
+
+    Hold hold_;
+    const Table& table_;
+    Cursor* outer_;
+    U32 at_ = 0;  // the next slot to look at
+    U32 end_;
+    bool done_ = false;
+    Yield now_{};
+};
+
+}  // namespace Vel
