@@ -1,0 +1,59 @@
+// Show-command requests: an agent turns each connection of its command socket into an entry of a
+// request directory; the reactor over the directory turns each entry into one call of a callback,
+// which writes the answer straight to the request's descriptor.
+#pragma once
+
+#include "platform/vel/Reactor.h"
+
+namespace Agent {
+
+class VEL_EXPORT AgentCommandRequest : public Vel::Entity {
+    VEL_ENTITY(AgentCommandRequest, Vel::Name, name)
+    VEL_ATTRIBUTE(Vel::U32, socket, 0)
+    VEL_ATTRIBUTE(Vel::String, command, {})
+    VEL_ATTRIBUTE(bool, answered, false)  // a request is answered once, whoever looks again
+};
+
+}  // namespace Agent
+
+namespace Vel {
+
+class VEL_EXPORT Dir : public Entity {
+    VEL_ENTITY(Dir, Name, name)
+    VEL_COLLECTION(Name, Agent::AgentCommandRequest, request)
+};
+
+}  // namespace Vel
+
+namespace Agent {
+
+class VEL_EXPORT AgentCommandCallback : public Vel::Object {
+  public:
+    // Answers one request, synchronously.
+    virtual void handleCommand(Vel::U32 socket, const Vel::String& command) = 0;
+};
+
+// Calls the callback once for each request, those present when it is asked and those that come.
+class VEL_EXPORT AgentCommandRequestDirSm : public Vel::Reactor {
+  public:
+    static constexpr const char* name = "AgentCommandRequestDirSm";
+    struct Inputs {
+        Vel::Input<Vel::Dir> navCliRequestDir;
+    };
+
+    explicit AgentCommandRequestDirSm(const Inputs& inputs);
+    const Inputs& inputs() const { return in_; }
+
+    // Until there is a callback, requests wait in the directory.
+    void callbackIs(Vel::Ptr<AgentCommandCallback> callback) { callback_ = std::move(callback); }
+    void handleCommandDir();
+    void handleRequest(const Vel::Name& request);
+
+  private:
+    Inputs in_;
+    Vel::Watch requests_;
+    Vel::Ptr<AgentCommandCallback> callback_;
+};
+VEL_INPUTS(AgentCommandRequestDirSm::Inputs, navCliRequestDir)
+
+}  // namespace Agent

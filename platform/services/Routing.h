@@ -1,0 +1,61 @@
+// The routing service: VRF ids, next-hop resolution requests and results.
+#pragma once
+
+#include "platform/vel/Entity.h"
+
+namespace Routing {
+
+namespace Hardware {
+
+class VEL_EXPORT VrfStatus : public Vel::Entity {
+    VEL_ENTITY(VrfStatus, L3::VrfName, vrfName)
+    VEL_ATTRIBUTE(Vel::U32, vrfId, 0)  // 0 means "not known yet" for every VRF but "default"
+};
+
+class VEL_EXPORT RouteStatus : public Vel::Entity {
+    VEL_ENTITY(RouteStatus, Vel::Name, name)
+    VEL_COLLECTION(L3::VrfName, VrfStatus, vrfStatus)
+};
+
+}  // namespace Hardware
+
+// The addresses whose resolution is requested in one VRF.
+class VEL_EXPORT NexthopVrfConfig : public Vel::Entity {
+    VEL_ENTITY(NexthopVrfConfig, L3::VrfName, vrfName)
+    VEL_SET(Netz::IpGenAddr, nexthop)
+};
+
+class VEL_EXPORT NexthopConfig : public Vel::Entity {
+    VEL_ENTITY(NexthopConfig, Vel::Name, name)
+    VEL_COLLECTION(L3::VrfName, NexthopVrfConfig, vrf)
+};
+
+// A resolved address and the forwarding equivalence class it goes by.
+struct NexthopResult {
+    Netz::IpGenAddr addr;
+    Vel::U64 fecId = 0;
+
+    bool operator==(const NexthopResult&) const = default;
+};
+VEL_VALUE(Routing, NexthopResult, addr, fecId)
+
+// The results of one VRF: an entry means that the address is resolved.
+class VEL_EXPORT NexthopVrfStatus : public Vel::Entity {
+    VEL_ENTITY(NexthopVrfStatus, L3::VrfName, vrfName)
+    VEL_VALUES(Netz::IpGenAddr, NexthopResult, addr, nexthop)
+};
+
+class VEL_EXPORT NexthopStatus : public Vel::Entity {
+    VEL_ENTITY(NexthopStatus, Vel::Name, name)
+    VEL_COLLECTION(L3::VrfName, NexthopVrfStatus, vrf)
+};
+
+// Addresses whose result changed and that still have to be reviewed. `version` changes whenever an
+// address is added.
+class VEL_EXPORT NexthopBacklog : public Vel::Entity {
+    VEL_ENTITY(NexthopBacklog, Vel::Name, name)
+    VEL_SET(Netz::IpGenAddr, backlog)
+    VEL_COUNTER(Vel::U32, version, 0)
+};
+
+}  // namespace Routing
