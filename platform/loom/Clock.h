@@ -1,0 +1,36 @@
+// Where time comes from. Whatever waits takes its clock from outside, so that a test can turn it.
+#pragma once
+
+#include <chrono>
+
+#include "platform/Export.h"
+
+namespace Loom {
+
+using Duration = std::chrono::nanoseconds;
+// A time on a clock that never goes back; its origin means nothing.
+using Instant = std::chrono::time_point<std::chrono::steady_clock, Duration>;
+
+class VEL_EXPORT Clock {
+  public:
+    virtual ~Clock();
+    virtual Instant now() const = 0;
+};
+
+// The system's monotonic clock.
+class VEL_EXPORT MonotonicClock final : public Clock {
+  public:
+    Instant now() const override;
+};
+
+// Stands still until it is moved on; begins at Instant{}.
+class VEL_EXPORT ManualClock final : public Clock {
+  public:
+    Instant now() const override;
+    void advance(Duration by) { now_ += by; }
+
+  private:
+    Instant now_{};
+};
+
+}  // namespace Loom
