@@ -1,0 +1,50 @@
+// The host agent: the process that owns the run directory, the event thread, the task scheduler and
+// the two sockets, from start to orderly stop. One to a process; built by main, which then runs it.
+#pragma once
+
+#include <string>
+
+#include "agent/CommandServer.h"
+#include "agent/ControlServer.h"
+#include "agent/EventLoop.h"
+#include "agent/RunDir.h"
+#include "platform/loom/TaskScheduler.h"
+
+namespace Agent {
+
+struct Options {
+    std::string config;            // file to load at start and on SIGHUP; none if empty
+    std::string platform = "sim";  // who plays the router's other services
+    std::string world;             // file that describes the simulated router; none if empty
+    std::string runDir;            // defaultRunDir() if empty
+    int logLevel = 5;
+};
+
+class HostAgent : private RequestHandler {
+  public:
+    // Takes the run directory, opens the sockets and loads the configuration. Throws what main has
+    // to say when that cannot be.
+    explicit HostAgent(Options options);
+    ~HostAgent() override;
+
+    // Until SIGTERM or SIGINT.
+    void run() { loop_.run(); }
+
+  private:
+    Answer handle(const std::string& op, const Json& request, Session& session) override;
+    void sessionClosed(Session& session) override;
+    // Makes the configuration file what a load request would; throws with the file's name, the line
+    // and the reason when it is refused, which leaves everything as it was.
+    void loadFile();
+
+    const Options options_;
+    Loom::MonotonicClock clock_;
+    Loom::TaskScheduler scheduler_;
+    RunDir runDir_;
+    EventLoop loop_;
+    EventLoop::Watch terminated_, interrupted_, hungUp_;
+    CommandServer commands_;
+    ControlServer control_;
+};
+
+}  // namespace Agent

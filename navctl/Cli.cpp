@@ -1,0 +1,297 @@
+#include "navctl/Cli.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "agent/RunDir.h"
+#include "navctl/Client.h"
+#include "navctl/Completion.h"
+#include "navctl/Show.h"
+
+namespace Navctl {
+
+namespace {
+
+// A command line that cannot be carried out for a reason on this side of the sockets.
+class BadUsage : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+class Program {
+  public:
+    explicit Program(const Streams& streams) : streams_(streams) { build(); }
+    ExitStatus run(std::vector<std::string> arguments);
+
+  private:
+    void build();
+    void buildShow();
+    CLI::App* command(CLI::App& parent, const char* name, const std::string& description,
+                      void (Program::*action)());
+
+    std::string runDir() const { return runDir_.empty() ? Agent::defaultRunDir() : runDir_; }
+    void printJson(const Json& value);
+    void printTable(const Table& table);
+    void showText(const TextView& view);
+    Json readConfig() const;
+    void sendConfig(const char* op);
+
+    void get();
+    void set();
+    void del();
+    void watch();
+    void load() { sendConfig("load"); }
+    void check() { sendConfig("check"); }
+    void save();
+    void trace();
+    void ping();
+    void batch();
+    void completion() { streams_.out << bashScript; }
+    void completeWords();
+
+    CLI::App app_{"Operates the path-selection agent of this router", "navctl"};
+    Streams streams_;
+    std::string runDir_, path_, value_, file_, shell_;
+    std::vector<std::string> words_;
+    unsigned last_ = 100;
+    bool json_ = false, raw_ = false;
+};
+
+CLI::App* Program::command(CLI::App& parent, const char* name, const std::string& description,
+                           void (Program::*action)()) {
+    CLI::App* added = parent.add_subcommand(name, description);
+    if (action != nullptr) added->callback([this, action] { (this->*action)(); });
+    return added;
+}
+
+void Program::build() {
+    app_.require_subcommand(1);
+    app_.fallthrough();
+    app_.set_version_flag("--version", NAV_VERSION);
+    app_.add_option("--run-dir", runDir_, "The agent's run directory")->type_name("DIR");
+    app_.add_flag("--json", json_, "Print JSON");
+    app_.footer("Exit status: 0 done, 1 the agent refused it, 2 bad usage, 3 no agent there.");
+    buildShow();
+
+    for (auto* each : {command(app_, "get", "Print the value at a path", &Program::get),
+                       command(app_, "set", "Assign a value to a path", &Program::set),
+                       command(app_, "del", "Delete the entry or member at a path", &Program::del),
+                       command(app_, "watch", "Print a path's value, then each change below it",
+                               &Program::watch)}) {
+        each->add_option("PATH", path_, "Such as /cliConfig/pathGroupConfig[internet]")->required();
+    }
+    app_.get_subcommand("set")
+        ->add_option("VALUE", value_, "JSON; what is no JSON is a string")
+        ->required();
+    for (auto* each :
+         {command(app_, "load", "Make a file the configuration", &Program::load),
+          command(app_, "check", "Say whether a file would be accepted", &Program::check),
+          command(app_, "save", "Write the configuration to a file", &Program::save),
+          command(app_, "batch", "Send requests, one JSON object a line", &Program::batch)}) {
+        each->add_option("FILE", file_, "- for standard input or output")->required();
+    }
+    command(app_, "trace", "Print the newest records of the trace", &Program::trace)
+        ->add_option("--last", last_, "How many, 100 unless given")
+        ->type_name("N");
+    command(app_, "ping", "Say which agent runs", &Program::ping);
+    command(app_, "completion", "Print the script for shell completion", &Program::completion)
+        ->add_option("SHELL", shell_, "bash")
+        ->required()
+        ->check(CLI::IsMember({"bash"}));
+    CLI::App* words = command(app_, "__complete", "", &Program::completeWords);
+    words->group("");
+    words->add_option("WORD", words_);
+}
+
+void Program::buildShow() {
+    CLI::App* show = command(app_, "show", "Print state as a table", nullptr);
+    show->require_subcommand(1);
+    for (const TextView& view : textViews()) {
+        CLI::App* kind = show->add_subcommand(view.name, view.description);
+        kind->add_flag("--raw", raw_, "Print the agent's text untouched");
+        kind->callback([this, &view] { showText(view); });
+    }
+    for (const TreeView& view : treeViews()) {
+        show->add_subcommand(view.name, view.description)->callback([this, &view] {
+            Client client(runDir());
+            printTable(view.table(client));
+        });
+    }
+}
+
+void Program::printJson(const Json& value) {
+    const int indent = json_ ? -1 : 2;
+    streams_.out << value.dump(indent, ' ', false, Json::error_handler_t::replace) << "\n";
+}
+
+void Program::printTable(const Table& table) {
+    if (json_) return printJson(tableJson(table));
+    Navctl::printTable(streams_.out, table, streams_.colours);
+}
+
+void Program::showText(const TextView& view) {
+    const std::string text = Navctl::showText(runDir(), view.word);
+    if (raw_) {
+        streams_.out << text;
+        return;
+    }
+    const Json answer = parseShowText(text);
+    json_ ? printJson(answer) : printTable(view.table(answer));
+}
+
+void Program::get() {
+    printJson(Client(runDir()).get(path_));
+}
+
+void Program::set() {
+    Json value = value_;
+    try {
+        value = Agent::parseJson(value_);
+    } catch (const Agent::JsonError&) {
+        // A bare word: the string it is.
+    }
+    Client(runDir()).request({{"op", "set"}, {"path", path_}, {"value", value}});
+}
+
+void Program::del() {
+    Client(runDir()).request({{"op", "del"}, {"path", path_}});
+}
+
+void Program::watch() {
+    // Interrupting is how an operator ends a watch; every line has been written by then.
+    std::signal(SIGINT, [](int) { _exit(done); });
+    Client client(runDir());
+    const Json answer = client.request({{"op", "watch"}, {"path", path_}});
+    streams_.out << Agent::dumpLine(answer.at("value")) << std::endl;
+    client.connection().patienceIs(0);
+    while (const auto line = client.connection().readLine()) {
+        streams_.out << *line << std::endl;
+        if (Agent::parseJson(*line).value("event", "") == "overrun") {
+            throw Refused("the agent stopped the watch, which did not keep up");
+        }
+    }
+}
+
+Json Program::readConfig() const {
+    std::string text;
+    try {
+        text = Agent::readFile(file_);
+    } catch (const Agent::JsonError& error) {
+        throw BadUsage(file_ + ": " + error.what());
+    }
+    try {
+        return Agent::parseJson(text);
+    } catch (const Agent::JsonError& error) {
+        throw Refused(file_ + ": " + error.what());
+    }
+}
+
+void Program::sendConfig(const char* op) {
+    const Json config = readConfig();
+    const Json answer = Client(runDir()).request({{"op", op}, {"value", config}});
+    for (const Json& warning : answer.value("warnings", Json::array())) {
+        streams_.err << "warning: " << warning.get<std::string>() << "\n";
+    }
+}
+
+void Program::save() {
+    const std::string text = Client(runDir()).get("/cliConfig").dump(2) + "\n";
+    if (file_ == "-") {
+        streams_.out << text;
+        return;
+    }
+    // A file is replaced whole or not at all; a device or a pipe is written to.
+    const bool inPlace = std::filesystem::exists(file_) && !std::filesystem::is_regular_file(file_);
+    const std::string target = inPlace ? file_ : file_ + ".new";
+    std::ofstream file(target, std::ios::binary);
+    if (!(file << text << std::flush)) throw BadUsage(target + ": cannot be written");
+    if (!inPlace) std::filesystem::rename(target, file_);
+}
+
+void Program::trace() {
+    const Json answer = Client(runDir()).request({{"op", "trace"}, {"last", last_}});
+    const Json& lines = answer.at("value");
+    if (json_) return printJson(lines);
+    for (const Json& line : lines) streams_.out << line.get<std::string>() << "\n";
+}
+
+void Program::ping() {
+    const Json answer = Client(runDir()).request({{"op", "ping"}});
+    const Json& value = answer.at("value");
+    if (json_) return printJson(value);
+    streams_.out << "nav-agent " << value.value("version", "?") << ", platform "
+                 << value.value("platform", "?") << ", pid " << value.value("pid", 0) << "\n";
+}
+
+// In step: a request is sent when the one before has been answered, so that a script may be driven
+// by the answers that it reads.
+void Program::batch() {
+    std::ifstream file;
+    if (file_ != "-") file.open(file_);
+    if (file_ != "-" && !file) throw BadUsage(file_ + ": " + std::strerror(errno));
+    std::istream& in = file_ == "-" ? streams_.in : file;
+    Connection connection(runDir(), Agent::controlSocketName);
+    size_t refusals = 0;
+    for (std::string line; std::getline(in, line);) {
+        if (line.find_first_not_of(" \t\r") == line.npos) continue;
+        connection.sendLine(line);
+        for (bool answered = false; !answered;) {
+            const auto answer = connection.readLine();
+            if (!answer) throw NoAgent("the agent closed the connection");
+            streams_.out << *answer << std::endl;
+            // What a watch of an earlier line reports stands among the answers.
+            const Json value = Agent::parseJson(*answer);
+            answered = value.contains("ok");
+            refusals += answered && value.at("ok") != true;
+        }
+    }
+    if (refusals > 0) throw Refused(std::to_string(refusals) + " of the requests refused");
+}
+
+void Program::completeWords() {
+    try {
+        for (const std::string& word : complete(app_, words_, runDir())) {
+            streams_.out << word << "\n";
+        }
+    } catch (const std::exception&) {
+        // A shell that completes wants words or nothing.
+    }
+}
+
+ExitStatus Program::run(std::vector<std::string> arguments) {
+    auto fail = [this](const std::exception& error, ExitStatus status) {
+        streams_.err << "navctl: " << error.what() << "\n";
+        return status;
+    };
+    std::reverse(arguments.begin(), arguments.end());
+    try {
+        app_.parse(std::move(arguments));
+        return done;
+    } catch (const CLI::ParseError& error) {
+        return app_.exit(error, streams_.out, streams_.err) == 0 ? done : badUsage;
+    } catch (const NoAgent& error) {
+        return fail(error, noAgent);
+    } catch (const Refused& error) {
+        return fail(error, refused);
+    } catch (const BadUsage& error) {
+        return fail(error, badUsage);
+    } catch (const Agent::RunDirError& error) {
+        return fail(error, badUsage);
+    } catch (const std::filesystem::filesystem_error& error) {
+        return fail(error, badUsage);
+    } catch (const std::exception& error) {
+        return fail(error, refused);
+    }
+}
+
+}  // namespace
+
+ExitStatus run(std::vector<std::string> arguments, Streams streams) {
+    return Program(streams).run(std::move(arguments));
+}
+
+}  // namespace Navctl

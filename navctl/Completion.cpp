@@ -1,0 +1,123 @@
+#include "navctl/Completion.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include "navctl/Client.h"
+
+namespace Navctl {
+
+// Readline breaks words at ':' and '=', which addresses hold, and replaces only what stands after
+// the last break: hence the cut at the front of each answer.
+const char* const bashScript = R"(_navctl() {
+    local IFS=$'\n' line=${COMP_LINE:0:COMP_POINT} word head
+    word=${line##* }
+    head=${word%"${word##*[:=]}"}
+    local words
+    IFS=$' \t' read -r -a words <<<"$line"
+    [[ $line == *' ' ]] && words+=("")
+    COMPREPLY=($(navctl __complete -- "${words[@]:1}" 2>/dev/null))
+    COMPREPLY=("${COMPREPLY[@]#"$head"}")
+}
+complete -o nospace -o default -F _navctl navctl
+)";
+
+namespace {
+
+// The roots of the tree, which has no object of its own to list them.
+constexpr std::array roots = {
+    "cliConfig",        "pathConfigDir",      "navStatusDir",         "siteGroupStatus",
+    "hwPathStatus",     "ipsecPathConfigDir", "ipsecPathStatusDir",   "navFeaturePolicyDir",
+    "ipStatusDir",      "ip6StatusDir",       "nexthopConfig",        "nexthopStatus",
+    "forwardingStatus", "forwarding6Status",  "routingHwRouteStatus", "navDb"};
+
+// Where the last step of an unfinished path begins: its '/' or '[' outside of any finished key.
+size_t lastStep(std::string_view path) {
+    size_t step = 0;
+    bool inKey = false;
+    for (size_t i = 0; i < path.size(); ++i) {
+        if (path[i] == '\\') {
+            ++i;
+        } else if (inKey) {
+            inKey = path[i] != ']';
+        } else if (path[i] == '[' || path[i] == '/') {
+            step = i;
+            inKey = path[i] == '[';
+        }
+    }
+    return step;
+}
+
+std::vector<std::string> paths(const std::string& word, const std::string& runDir) {
+    std::vector<std::string> result;
+    if (!word.empty() && word[0] != '/') return result;
+    const size_t step = lastStep(word);
+    const std::string parent = word.substr(0, step);
+    if (parent.empty()) {
+        for (const char* root : roots) result.push_back(std::string("/") + root);
+        return result;
+    }
+    Client client(runDir);
+    const Json value = client.get(parent);
+    if (value.is_array()) {
+        for (const Json& key : value) {
+            if (key.is_string()) result.push_back(parent + "[" + key.get<std::string>() + "]");
+        }
+    }
+    if (!value.is_object() || value.empty()) return result;
+    // Entities and collections are both objects: only a collection's members are reached by key.
+    bool isCollection = true;
+    try {
+        client.get(parent + "[" + value.begin().key() + "]");
+    } catch (const Refused&) {
+        isCollection = false;
+    }
+    for (const auto& [name, member] : value.items()) {
+        result.push_back(parent + (isCollection ? "[" + name + "]" : "/" + name));
+    }
+    return result;
+}
+
+}  // namespace
+
+std::vector<std::string> complete(const CLI::App& app, const std::vector<std::string>& words,
+                                  std::string runDir) {
+    if (words.empty()) return {};
+    const CLI::App* command = &app;
+    size_t arguments = 0;
+    for (size_t i = 0; i + 1 < words.size(); ++i) {
+        if (words[i] == "--run-dir" && i + 2 < words.size()) {
+            runDir = words[++i];
+        } else if (const auto found = command->get_subcommands(
+                       [&](const CLI::App* each) { return each->get_name() == words[i]; });
+                   !found.empty()) {
+            command = found.front();
+        } else if (!words[i].starts_with("-")) {
+            ++arguments;
+        }
+    }
+    const std::string& word = words.back();
+    std::vector<std::string> result;
+    if (word.starts_with("-")) {
+        for (const CLI::App* each : {command, &app}) {
+            for (const CLI::Option* option : each->get_options()) {
+                for (const std::string& name : option->get_lnames()) result.push_back("--" + name);
+            }
+            if (each == &app) break;
+        }
+    } else if (const auto* path = command->get_option_no_throw("PATH"); path && arguments == 0) {
+        result = paths(word, runDir);
+    } else {
+        for (const CLI::App* each : command->get_subcommands({})) {
+            if (!each->get_name().starts_with("_")) result.push_back(each->get_name());
+        }
+    }
+    std::erase_if(result, [&](const std::string& each) { return !each.starts_with(word); });
+    std::sort(result.begin(), result.end());
+    result.erase(std::unique(result.begin(), result.end()), result.end());
+    return result;
+}
+
+}  // namespace Navctl

@@ -1,0 +1,23 @@
+// The text in which the agent answers show commands: literal dictionaries, lists and tuples of
+// single-quoted strings and unsigned numbers, each element followed by an optional ", ".
+#pragma once
+
+#include <stdexcept>
+#include <string_view>
+
+#include "agent/Json.h"
+
+namespace Navctl {
+
+// A text that is no literal; what() says where and why.
+class LiteralError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// The text as JSON: a tuple becomes an array, a key that is no string becomes its text (the members
+// of a tuple joined by commas). Strict: nothing may follow the literal, strings have no escapes, a
+// key is a string, a number or a tuple of these.
+Agent::Json parseLiteral(std::string_view text);
+
+}  // namespace Navctl

@@ -1,0 +1,267 @@
+#include "navctl/Show.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <map>
+#include <tuple>
+
+#include "navctl/Literal.h"
+
+namespace Navctl {
+
+namespace {
+
+// Values that stand for "none".
+constexpr uint32_t noConstraint = 0xFFFFFFFF;
+constexpr uint32_t noEncapId = 0xFFFFFFFE;
+constexpr uint32_t established = 3;
+
+// A member of an object; null if it is not there, or if there is no object.
+const Json& member(const Json& object, const std::string& name) {
+    static const Json none;
+    if (!object.is_object()) return none;
+    const auto found = object.find(name);
+    return found == object.end() ? none : *found;
+}
+
+Json unless(const Json& value, uint32_t none) {
+    return value == none ? Json() : value;
+}
+
+// The key texts of a collection or a set.
+Json keysOf(const Json& collection) {
+    if (collection.is_array()) return collection;
+    Json keys = Json::array();
+    for (const auto& [key, value] : collection.items()) keys.push_back(key);
+    return keys;
+}
+
+// A set of numbers comes as key texts.
+Json numbersOf(const Json& set) {
+    std::vector<uint32_t> numbers;
+    for (const Json& key : keysOf(set)) {
+        const std::string text = key.is_string() ? key.get<std::string>() : key.dump();
+        uint32_t number = 0;
+        std::from_chars(text.data(), text.data() + text.size(), number);
+        numbers.push_back(number);
+    }
+    std::sort(numbers.begin(), numbers.end());
+    return numbers;
+}
+
+Table pathTable(const Json& answer) {
+    Table table{{"path group", "source", "destination", "peer", "state", "path"}, {}};
+    for (const Json& path : member(answer, "navPathSelPaths")) {
+        table.rows.push_back({member(path, "pathGroup"), member(path, "source"),
+                              member(path, "destination"), member(path, "peer"),
+                              member(path, "state"), member(path, "pathName")});
+    }
+    return table;
+}
+
+Table peerTable(const Json& answer) {
+    Table table{{"path index", "peer"}, {}};
+    for (const auto& [index, peer] : member(answer, "navPeers").items()) {
+        table.rows.push_back({index, peer});
+    }
+    return table;
+}
+
+// Two kinds of mapping under one head: path index to path group, VRF and application ids to names.
+Table mappingTable(const Json& answer) {
+    Table table{{"mapping", "id", "name"}, {}};
+    for (const auto& [index, group] : member(answer, "groups").items()) {
+        table.rows.push_back({"path group", index, group});
+    }
+    for (const auto& [ids, names] : member(answer, "vrfApps").items()) {
+        table.rows.push_back({"vrf, application", ids, names});
+    }
+    return table;
+}
+
+Table groupTable(Client& client) {
+    Table table{{"path group", "interfaces", "ipsec profile", "sites", "paths"}, {}};
+    const Json config = client.get("/cliConfig");
+    const Json database = client.get("/navDb");
+    for (const auto& [name, group] : member(config, "pathGroupConfig").items()) {
+        const Json& info = member(member(database, "pathGroupInfo"), name);
+        table.rows.push_back(
+            {name, keysOf(member(group, "localIntf")), member(group, "ipsecProfile"),
+             member(group, "remoteViaConfig").size(), member(info, "pathKeySet").size()});
+    }
+    return table;
+}
+
+// Configured sites, and those that still have usable paths after their configuration went.
+Table siteTable(Client& client) {
+    Table table{{"path group", "site", "destinations", "usable paths"}, {}};
+    const Json config = client.get("/cliConfig");
+    const Json status = client.get("/siteGroupStatus");
+    std::map<std::pair<std::string, std::string>, Json> usable;
+    for (const auto& [text, entry] : member(status, "siteGroupStatusEntry").items()) {
+        const Json& key = member(entry, "key");
+        usable[{key.value("name", ""), key.value("routerIp", "")}] =
+            numbersOf(member(entry, "pathIndexEntry"));
+    }
+    for (const auto& [group, groupConfig] : member(config, "pathGroupConfig").items()) {
+        for (const auto& [site, siteConfig] : member(groupConfig, "remoteViaConfig").items()) {
+            const auto paths = usable.extract({group, site});
+            table.rows.push_back({group, site, keysOf(member(siteConfig, "remoteVia")),
+                                  paths.empty() ? Json::array() : paths.mapped()});
+        }
+    }
+    for (const auto& [key, paths] : usable) {
+        table.rows.push_back({key.first, key.second, Json(), paths});
+    }
+    return table;
+}
+
+Table policyTable(Client& client) {
+    Table table{{"policy", "vrfs", "rule", "application", "application id", "load balance"}, {}};
+    const Json config = client.get("/cliConfig");
+    std::map<std::string, Json> vrfsOf;
+    for (const auto& [vrf, binding] : member(config, "vrfConfig").items()) {
+        vrfsOf[binding.value("policyName", "")].push_back(vrf);
+    }
+    for (const auto& [name, policy] : member(config, "policyConfig").items()) {
+        const Json& vrfs = vrfsOf[name];
+        const Json& rules = member(policy, "appProfilePolicyRuleList");
+        for (const auto& [key, rule] : rules.items()) {
+            table.rows.push_back({name, vrfs, key, member(rule, "appProfileName"),
+                                  member(rule, "appProfileId"), member(rule, "lbGrpName")});
+        }
+        const bool byDefault = member(policy, "defaultRuleCfgd") == true;
+        if (byDefault) {
+            table.rows.push_back(
+                {name, vrfs, "default", Json(), Json(), member(policy, "defaultLbGrpName")});
+        } else if (rules.empty()) {
+            table.rows.push_back({name, vrfs, Json(), Json(), Json(), Json()});
+        }
+    }
+    return table;
+}
+
+// One row for each member of each load-balance id, the preferred first.
+Table loadBalanceTable(Client& client) {
+    Table table{{"site", "vrf", "application", "id", "generation", "latency", "jitter", "loss rate",
+                 "priority", "path index", "path group"},
+                {}};
+    const Json database = client.get("/navDb");
+    const Json status = client.get("/navStatusDir/navLbProfileStatus");
+    for (const auto& [text, entry] : member(status, "lbProfileStatusEntry").items()) {
+        const Json& key = member(entry, "key");
+        const Json &vrfId = member(key, "vrfId"), &appId = member(key, "appId");
+        const Json& vrf = member(member(database, "vrfIdToName"), vrfId.dump());
+        const Json& app = member(
+            member(member(database, "vrfApp"), vrfId.dump() + "," + appId.dump()), "appName");
+        const std::vector<Json> row = {member(key, "vtepIp"),
+                                       vrf.is_null() ? vrfId : vrf,
+                                       app.is_null() ? appId : app,
+                                       member(entry, "lbIndex"),
+                                       member(entry, "genId"),
+                                       unless(member(entry, "latency"), noConstraint),
+                                       unless(member(entry, "jitter"), noConstraint),
+                                       member(entry, "lossRate")};
+        std::vector<std::tuple<uint32_t, uint32_t, std::string>> paths;
+        for (const Json& path : member(entry, "pathEntry")) {
+            paths.emplace_back(path.value("priority", 0U), path.value("pathIndex", 0U),
+                               path.value("groupName", ""));
+        }
+        if (paths.empty()) table.rows.push_back(row), table.rows.back().resize(11);
+        std::sort(paths.begin(), paths.end());
+        for (const auto& [priority, index, group] : paths) {
+            table.rows.push_back(row);
+            table.rows.back().insert(table.rows.back().end(), {priority, index, group});
+        }
+    }
+    return table;
+}
+
+// Connections asked for, and those that the service still reports after nobody asks for them.
+Table ipsecTable(Client& client) {
+    Table table{
+        {"vrf", "source", "destination", "profile", "interface", "connection", "state", "encap id"},
+        {}};
+    const Json requests = client.get("/ipsecPathConfigDir/ipsecPathConfig");
+    const Json statuses = client.get("/ipsecPathStatusDir/ipsecPathStatus");
+    Json connections = requests;
+    for (const auto& [key, status] : statuses.items()) {
+        if (!connections.contains(key)) connections[key] = status;
+    }
+    for (const auto& [text, connection] : connections.items()) {
+        const Json& key = member(connection, "key");
+        const Json& request = member(requests, text);
+        const Json& status = member(statuses, text);
+        const Json& number = member(status, "connectionState");
+        table.rows.push_back({member(key, "vrfName"), member(key, "srcAddr"),
+                              member(key, "dstAddr"), member(request, "profile"),
+                              member(request, "intfId"), member(request, "connectionName"),
+                              number.is_null()        ? Json("pending")
+                              : number == established ? Json("established")
+                                                      : Json("down"),
+                              unless(member(status, "encapId"), noEncapId)});
+    }
+    return table;
+}
+
+Table nexthopTable(Client& client) {
+    Table table{{"vrf", "next hop", "state", "fec", "vias"}, {}};
+    const Json config = client.get("/nexthopConfig/vrf");
+    const Json status = client.get("/nexthopStatus/vrf");
+    const Json fec = client.get("/forwardingStatus/fec");
+    const Json fec6 = client.get("/forwarding6Status/fec");
+    for (const auto& [vrf, vrfConfig] : config.items()) {
+        const Json& results = member(member(status, vrf), "nexthop");
+        for (const Json& address : keysOf(member(vrfConfig, "nexthop"))) {
+            const Json& result = member(results, address.get<std::string>());
+            const Json& id = member(result, "fecId");
+            const bool isV6 = address.get<std::string>().find(':') != std::string::npos;
+            Json vias = Json::array();
+            if (!id.is_null()) {
+                for (const Json& via : member(isV6 ? fec6 : fec, id.dump())) {
+                    vias.push_back(via.value("hop", "") + " " + via.value("intfId", ""));
+                }
+            }
+            table.rows.push_back(
+                {vrf, address, result.is_null() ? "unresolved" : "resolved", id, vias});
+        }
+    }
+    return table;
+}
+
+}  // namespace
+
+const std::vector<TextView>& textViews() {
+    static const std::vector<TextView> views = {
+        {"paths", "NAVPATHS", "Paths, their state and the group they belong to", pathTable},
+        {"peers", "NAVPEERS", "The peer router of each path", peerTable},
+        {"mappings", "NAVMAPPINGS", "Names of path groups, VRFs and applications by their ids",
+         mappingTable}};
+    return views;
+}
+
+const std::vector<TreeView>& treeViews() {
+    static const std::vector<TreeView> views = {
+        {"groups", "Path groups", groupTable},
+        {"sites", "Remote sites and their usable paths", siteTable},
+        {"policies", "Policies, their rules and the VRFs bound to them", policyTable},
+        {"load-balance", "Load-balance ids and their member paths", loadBalanceTable},
+        {"ipsec", "IPsec connections", ipsecTable},
+        {"nexthops", "Next hops asked for and what they resolve to", nexthopTable}};
+    return views;
+}
+
+Json parseShowText(const std::string& text) {
+    try {
+        return parseLiteral(text);
+    } catch (const LiteralError& error) {
+        if (text.empty()) throw Refused("the agent gave no answer");
+        // A message instead of an answer begins with a percent sign, as routers write them.
+        if (text.starts_with("% ")) throw Refused(text.substr(2, text.find('\n') - 2));
+        throw Refused(std::string("the agent's answer is no table (--raw prints it): ") +
+                      error.what());
+    }
+}
+
+}  // namespace Navctl

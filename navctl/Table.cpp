@@ -1,0 +1,92 @@
+#include "navctl/Table.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace Navctl {
+
+using Agent::Json;
+
+namespace {
+
+std::string cellText(const Json& value) {
+    if (value.is_null()) return "-";
+    if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
+    if (value.is_array()) {
+        std::string text;
+        for (const Json& part : value) text += (text.empty() ? "" : ", ") + cellText(part);
+        return text.empty() ? "-" : text;
+    }
+    if (!value.is_string()) return Agent::dumpLine(value);
+    std::string text = value.get<std::string>();
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    return text.empty() ? "-" : text;
+}
+
+// In characters, taking the bytes for UTF-8 (RFC 3629: continuation bytes are 10xxxxxx).
+size_t width(const std::string& text) {
+    return static_cast<size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
+
+std::string heading(std::string column) {
+    std::transform(column.begin(), column.end(), column.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return column;
+}
+
+std::string memberName(const std::string& column) {
+    std::string name;
+    for (size_t i = 0; i < column.size(); ++i) {
+        if (column[i] == ' ') continue;
+        const bool capital = i > 0 && column[i - 1] == ' ';
+        const unsigned char letter = static_cast<unsigned char>(column[i]);
+        name += static_cast<char>(capital ? std::toupper(letter) : letter);
+    }
+    return name;
+}
+
+// The colours of states: green works, red does not, yellow is on its way.
+const char* colourOf(const std::string& text) {
+    if (text == "Estab" || text == "Ipsec Estab" || text == "established") return "\x1b[32m";
+    if (text.ends_with("Pending") || text == "pending") return "\x1b[33m";
+    return text == "Unknown" || text == "unresolved" || text == "down" ? "\x1b[31m" : nullptr;
+}
+
+}  // namespace
+
+void printTable(std::ostream& out, const Table& table, bool colours) {
+    std::vector<std::vector<std::string>> lines(1);
+    for (const std::string& column : table.columns) lines[0].push_back(heading(column));
+    for (const auto& row : table.rows) {
+        auto& line = lines.emplace_back();
+        for (const Json& value : row) line.push_back(cellText(value));
+    }
+    std::vector<size_t> widths(table.columns.size());
+    for (const auto& line : lines) {
+        for (size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], width(line[i]));
+    }
+    for (const auto& line : lines) {
+        for (size_t i = 0; i < line.size(); ++i) {
+            const char* colour = &line == &lines[0] ? "\x1b[1m" : colourOf(line[i]);
+            const bool coloured = colours && colour != nullptr;
+            out << (coloured ? colour : "") << line[i] << (coloured ? "\x1b[0m" : "");
+            // The last column has no blanks after it.
+            if (i + 1 < line.size()) out << std::string(widths[i] - width(line[i]) + 2, ' ');
+        }
+        out << "\n";
+    }
+}
+
+Json tableJson(const Table& table) {
+    Json result = Json::array();
+    for (const auto& row : table.rows) {
+        Json object = Json::object();
+        for (size_t i = 0; i < row.size(); ++i) object[memberName(table.columns[i])] = row[i];
+        result.push_back(std::move(object));
+    }
+    return result;
+}
+
+}  // namespace Navctl

@@ -1,0 +1,16 @@
+#include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <string_view>
+
+#include "navctl/Cli.h"
+
+int main(int argc, char** argv) {
+    // As https://no-color.org asks, and never into a pipe or a file.
+    const char* terminal = std::getenv("TERM");
+    const char* without = std::getenv("NO_COLOR");
+    const bool colours = isatty(STDOUT_FILENO) == 1 && (without == nullptr || *without == '\0') &&
+                         terminal != nullptr && std::string_view(terminal) != "dumb";
+    return Navctl::run({argv + 1, argv + argc}, {std::cin, std::cout, std::cerr, colours});
+}

@@ -1,0 +1,346 @@
+// The two sockets against clients that do what clients must not do. One thread: a client's side is
+// non-blocking, and whoever waits for something runs the agent's loop until it is there.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <set>
+
+#include "agent/CommandServer.h"
+#include "agent/ControlServer.h"
+#include "agent/RunDir.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Agent::Json;
+using Clock = std::chrono::steady_clock;
+
+// Carries out a few requests of its own, and reports to whoever watches.
+struct Handler : Agent::RequestHandler {
+    explicit Handler(Loom::TaskScheduler& scheduler) : scheduler(scheduler) {}
+
+    Agent::Answer handle(const std::string& op, const Json& request,
+                         Agent::Session& session) override {
+        ++requests;
+        if (op == "refuse") throw Agent::RequestError("not today");
+        if (op == "fail") throw std::out_of_range("somewhere below");
+        if (op == "warn") {
+            Agent::Answer answer(1);
+            answer.warnings = {"careful"};
+            return answer;
+        }
+        if (op == "watch") watchers.insert(&session);
+        if (op == "watch" || op == "defer") scheduler.post(task);
+        if (op == "report") report(request.at("value"));
+        if (op == "big") return Json(std::string(request.at("bytes").get<size_t>(), 'x'));
+        return request.value("value", Json());
+    }
+    void sessionClosed(Agent::Session& session) override {
+        watchers.erase(&session);
+        ++closed;
+    }
+    void report(const Json& event) {
+        for (Agent::Session* each : watchers) each->sendEvent(event);
+    }
+
+    void reportLater() { report({{"event", "later"}}); }
+
+    Loom::TaskScheduler& scheduler;
+    Loom::Task task{Loom::call<&Handler::reportLater>(*this)};
+    std::set<Agent::Session*> watchers;
+    int requests = 0, closed = 0;
+};
+
+class ServerTest : public testing::Test {
+  protected:
+    // True as soon as `condition` is; the deadline is for a broken agent only.
+    template <class Condition>
+    bool await(Condition condition) {
+        for (const auto deadline = Clock::now() + 20s; !condition();) {
+            if (Clock::now() > deadline) return false;
+            loop.runOnce(5ms);
+        }
+        return true;
+    }
+
+    struct Peer {
+        Peer(ServerTest& test, const std::string& path) : test(test) {
+            const sockaddr_un address = Agent::socketAddress(path);
+            descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            EXPECT_EQ(
+                connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address),
+                0);
+        }
+        ~Peer() { hangUp(); }
+        void hangUp() { close(std::exchange(descriptor, -1)); }
+        // As much as the agent takes while it takes anything; true if it took all.
+        bool write(std::string_view text) {
+            return test.await([&] {
+                const ssize_t count = send(descriptor, text.data(), text.size(), MSG_NOSIGNAL);
+                if (count > 0) text.remove_prefix(static_cast<size_t>(count));
+                return text.empty() || (count < 0 && errno != EAGAIN);
+            }) && text.empty();
+        }
+        bool fill() {
+            char bytes[65536];
+            const ssize_t count = recv(descriptor, bytes, sizeof bytes, 0);
+            if (count > 0) buffer.append(bytes, static_cast<size_t>(count));
+            ended = count == 0 || (count < 0 && errno != EAGAIN);
+            return count > 0;
+        }
+        std::string line() {
+            size_t end;
+            EXPECT_TRUE(test.await([&] {
+                while ((end = buffer.find('\n')) == buffer.npos && fill()) {
+                }
+                return end != buffer.npos || ended;
+            }));
+            if (end == buffer.npos) return "<end>";
+            std::string result = buffer.substr(0, end);
+            buffer.erase(0, end + 1);
+            return result;
+        }
+        std::string all() {
+            EXPECT_TRUE(test.await([&] {
+                while (fill()) {
+                }
+                return ended;
+            }));
+            return buffer;
+        }
+        std::string ask(const std::string& request) {
+            EXPECT_TRUE(write(request + "\n"));
+            return line();
+        }
+
+        ServerTest& test;
+        int descriptor;
+        std::string buffer;
+        bool ended = false;
+    };
+
+    void SetUp() override {
+        std::string name = testing::TempDir() + "shell.XXXXXX";
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        dir = name;
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+    void serve(Agent::ControlServer::Limits limits = {}) {
+        control.emplace(loop, path(), handler, limits);
+    }
+    std::string path() const { return dir + "/some.sock"; }
+
+    std::string dir;
+    Loom::MonotonicClock clock;
+    Loom::TaskScheduler scheduler{clock};
+    Agent::EventLoop loop{scheduler};
+    Handler handler{scheduler};
+    std::optional<Agent::ControlServer> control;
+};
+
+std::string echo(int id) {
+    return R"({"op":"echo","id":)" + std::to_string(id) + R"(,"value":[{"b":1,"a":2}]})";
+}
+std::string echoed(int id) {
+    return R"({"id":)" + std::to_string(id) + R"(,"ok":true,"value":[{"b":1,"a":2}]})";
+}
+
+TEST_F(ServerTest, RequestsAreFramedByLinesHoweverTheyArrive) {
+    serve();
+    Peer peer(*this, path());
+    for (const char c : echo(1) + "\n") ASSERT_TRUE(peer.write({&c, 1}));
+    EXPECT_EQ(peer.line(), echoed(1));
+    ASSERT_TRUE(peer.write(echo(2) + "\n" + echo(3) + "\r\n" + echo(4)));
+    EXPECT_EQ(peer.line(), echoed(2));
+    EXPECT_EQ(peer.line(), echoed(3));
+    shutdown(peer.descriptor, SHUT_WR);  // the last line lacks its newline, and is meant
+    EXPECT_EQ(peer.line(), echoed(4));
+    EXPECT_EQ(peer.line(), "<end>");
+    EXPECT_EQ(handler.closed, 1);
+}
+
+TEST_F(ServerTest, WhatIsNoRequestIsRefusedAndTheNextOneIsCarriedOut) {
+    serve();
+    Peer peer(*this, path());
+    std::string crowded = "{\"op\":\"echo\"";
+    for (int i = 0; i < Agent::maxJsonMembers; ++i) crowded += ",\"" + std::to_string(i) + "\":0";
+    for (const std::string& bad : std::initializer_list<std::string>{
+             "", "\x80\xff", "{\"op\":\"echo\",\"value\":\"\xc3\x28\"}", "{\"op\":\"echo\"",
+             std::string("{\"op\":\"echo\"}\0", 14), "[]", "7", "{\"id\":1}", "{\"op\":7}",
+             std::string(500000, '['), crowded + "}", "{\"op\":\"refuse\"}", "{\"op\":\"fail\"}"}) {
+        const Json answer = Agent::parseJson(peer.ask(bad));
+        EXPECT_EQ(answer.at("ok"), false) << bad.substr(0, 80);
+        EXPECT_FALSE(answer.at("error").get<std::string>().empty());
+    }
+    EXPECT_EQ(handler.requests, 2);
+    EXPECT_EQ(peer.ask(R"({"op":"refuse","id":{"any":null}})"),
+              R"({"id":{"any":null},"ok":false,"error":"not today"})");
+    EXPECT_EQ(peer.ask(R"({"op":"warn"})"), R"({"ok":true,"value":1,"warnings":["careful"]})");
+}
+
+TEST_F(ServerTest, ALineMayBeAsLongAsTheLimitAndNoLonger) {
+    serve({.lineBytes = 100000});
+    Peer fits(*this, path()), tooLong(*this, path()), other(*this, path());
+    std::string request = R"({"op":"echo","value":1})";
+    request.resize(100000, ' ');
+    EXPECT_EQ(fits.ask(request), R"({"ok":true,"value":1})");
+    tooLong.write(std::string(1 << 20, 'x'));
+    EXPECT_EQ(Agent::parseJson(tooLong.line()).at("ok"), false);
+    EXPECT_EQ(tooLong.line(), "<end>");
+    EXPECT_EQ(other.ask(echo(1)), echoed(1));
+}
+
+TEST_F(ServerTest, AClientThatDoesNotReadIsPausedAndLosesNothing) {
+    serve({.answerBytes = 50000});
+    Peer greedy(*this, path()), other(*this, path());
+    std::string requests;
+    for (int i = 0; i < 1000; ++i) {
+        requests += R"({"op":"big","bytes":10000,"id":)" + std::to_string(i) + "}\n";
+    }
+    ASSERT_TRUE(greedy.write(requests));
+    EXPECT_EQ(other.ask(echo(1)), echoed(1));
+    // What the kernel holds for it, what the limit allows, and no more.
+    EXPECT_LT(handler.requests, 200);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(Agent::parseJson(greedy.line()).at("id"), i);
+}
+
+TEST_F(ServerTest, ThousandsOfRequestsOfOneClientDoNotHoldUpAnother) {
+    serve();
+    Peer busy(*this, path()), other(*this, path());
+    std::string requests;
+    for (int i = 0; i < 5000; ++i) requests += echo(i) + "\n";
+    ASSERT_TRUE(busy.write(requests));
+    EXPECT_EQ(other.ask(echo(1)), echoed(1));
+    EXPECT_LT(handler.requests, 5000);
+    for (int i = 0; i < 5000; ++i) ASSERT_EQ(busy.line(), echoed(i));
+}
+
+TEST_F(ServerTest, AClientThatNeverReadsAgainIsLetGo) {
+    serve({.answerBytes = 1000, .stuck = 20ms});
+    Peer stuck(*this, path()), idle(*this, path());
+    ASSERT_TRUE(stuck.write("{\"op\":\"big\",\"bytes\":5000000}\n"));
+    EXPECT_TRUE(await([&] { return handler.closed == 1; }));
+    EXPECT_EQ(idle.ask(echo(1)), echoed(1));  // idle, but nothing waits for it
+}
+
+TEST_F(ServerTest, AWatcherThatFallsBehindIsToldAndClosedWhileAnotherGetsEverything) {
+    serve({.eventBytes = 100000});
+    Peer slow(*this, path()), quick(*this, path()), writer(*this, path());
+    EXPECT_EQ(slow.ask(R"({"op":"watch"})"), R"({"ok":true,"value":null})");
+    EXPECT_EQ(slow.line(), R"({"event":"later"})");
+    quick.ask(R"({"op":"watch"})");
+    EXPECT_EQ(slow.line(), R"({"event":"later"})");
+    EXPECT_EQ(quick.line(), R"({"event":"later"})");
+    const std::string event = R"({"event":"set","value":")" + std::string(1000, 'x') + "\"}";
+    for (int i = 0; i < 1000; ++i) {
+        writer.ask(R"({"op":"report","value":)" + event + "}");
+        ASSERT_EQ(quick.line(), event);
+    }
+    std::string last, line;
+    int count = 0;
+    for (; (line = slow.line()) != "<end>"; ++count) last = line;
+    EXPECT_EQ(last, R"({"event":"overrun"})");
+    EXPECT_GT(count, 100);
+    EXPECT_TRUE(await([&] { return handler.watchers.size() == 1; }));
+}
+
+TEST_F(ServerTest, WhatARequestSetsOffHasHappenedBeforeItsAnswer) {
+    serve();
+    Peer peer(*this, path());
+    EXPECT_EQ(peer.ask(R"({"op":"watch"})"), R"({"ok":true,"value":null})");
+    EXPECT_EQ(peer.line(), R"({"event":"later"})");
+    EXPECT_EQ(peer.ask(R"({"op":"defer"})"), R"({"event":"later"})");
+    EXPECT_EQ(peer.line(), R"({"ok":true,"value":null})");
+}
+
+TEST_F(ServerTest, TheLoopWakesForTheSchedulersTimersAndForThoseTheyArm) {
+    struct Chain {
+        Loom::Timer timer;
+        int left = 3;
+        void step() {
+            if (--left > 0) timer.armIn(1ms);
+        }
+        explicit Chain(Loom::TaskScheduler& scheduler)
+            : timer(scheduler, Loom::call<&Chain::step>(*this)) {
+            timer.armIn(1ms);
+        }
+    } chain(scheduler);
+    const auto before = Clock::now();
+    while (chain.left > 0) loop.runOnce(20s);
+    EXPECT_LT(Clock::now() - before, 10s);
+}
+
+TEST_F(ServerTest, ClientsThatVanishCostOnlyThemselves) {
+    serve({.clients = 3});
+    Peer witness(*this, path());
+    for (int i = 0; i < 20; ++i) {
+        Peer midAnswer(*this, path()), midRequest(*this, path());
+        ASSERT_TRUE(midAnswer.write("{\"op\":\"big\",\"bytes\":1000000}\n"));
+        ASSERT_TRUE(midRequest.write(R"({"op":"ec)"));
+        ASSERT_TRUE(await([&] { return midAnswer.fill(); }));
+        midAnswer.hangUp();
+        midRequest.hangUp();
+        ASSERT_TRUE(await([&] { return handler.closed == 2 * (i + 1); }));
+    }
+    EXPECT_EQ(witness.ask(echo(1)), echoed(1));
+    Peer second(*this, path()), third(*this, path()), fourth(*this, path());
+    EXPECT_EQ(fourth.line(), R"({"ok":false,"error":"too many clients"})");
+    EXPECT_EQ(fourth.line(), "<end>");
+    EXPECT_EQ(third.ask(echo(1)), echoed(1));
+}
+
+TEST_F(ServerTest, CommandsAreOneWordAConnection) {
+    std::vector<std::string> words;
+    auto answer = [&](int descriptor, const std::string& word) {
+        words.push_back(word);
+        if (word == "LONG") {
+            dprintf(descriptor, "%s", std::string(3 << 20, 'x').c_str());
+        } else {
+            dprintf(descriptor, "{'%s': 1, }", word.c_str());
+        }
+    };
+    Agent::CommandServer server(loop, path(), answer, {.clients = 3});
+    struct stat status;
+    ASSERT_EQ(stat(path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+
+    Peer stuck(*this, path());
+    ASSERT_TRUE(stuck.write("NAVPA"));
+    Peer whole(*this, path());
+    ASSERT_TRUE(whole.write("ONE\nTWO\n"));
+    EXPECT_EQ(whole.all(), "{'ONE': 1, }");
+    Peer halfClosed(*this, path());
+    ASSERT_TRUE(halfClosed.write("THREE"));
+    shutdown(halfClosed.descriptor, SHUT_WR);
+    EXPECT_EQ(halfClosed.all(), "{'THREE': 1, }");
+    Peer gone(*this, path()), deaf(*this, path());
+    ASSERT_TRUE(gone.write("LONG\n"));
+    gone.hangUp();
+    ASSERT_TRUE(deaf.write("LONG\n"));
+    ASSERT_TRUE(await([&] { return words.size() == 4; }));
+    Peer endless(*this, path()), empty(*this, path());
+    endless.write(std::string(100000, 'x'));
+    EXPECT_EQ(endless.all(), "");
+    ASSERT_TRUE(empty.write("\n"));
+    EXPECT_EQ(empty.all(), "");
+    ASSERT_TRUE(stuck.write("THS\n"));
+    EXPECT_EQ(stuck.all(), "{'NAVPATHS': 1, }");
+    EXPECT_EQ(words, (std::vector<std::string>{"ONE", "THREE", "LONG", "LONG", "NAVPATHS"}));
+}
+
+TEST_F(ServerTest, SilentCommandClientsMakeRoomAndAreClosedInTime) {
+    auto answer = [](int descriptor, const std::string&) { dprintf(descriptor, "here"); };
+    Agent::CommandServer server(loop, path(), answer, {.clients = 2, .silence = 50ms});
+    Peer first(*this, path()), second(*this, path()), third(*this, path());
+    ASSERT_TRUE(third.write("WORD\n"));
+    EXPECT_EQ(third.all(), "here");
+    EXPECT_EQ(first.all(), "");
+    EXPECT_EQ(second.all(), "");
+}
+
+}  // namespace

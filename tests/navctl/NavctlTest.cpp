@@ -1,0 +1,352 @@
+// navctl against an agent made of two real sockets and a scripted handler: what it prints, what it
+// sends, how it ends.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "agent/CommandServer.h"
+#include "agent/ControlServer.h"
+#include "agent/RunDir.h"
+#include "navctl/Cli.h"
+#include "navctl/Literal.h"
+#include "navctl/Table.h"
+
+namespace {
+
+using Agent::Json;
+
+Json readAloud(const std::string& text) {
+    return Navctl::parseLiteral(text);
+}
+
+TEST(LiteralTest, ReadsWhatTheAgentWrites) {
+    EXPECT_EQ(readAloud("{ }").dump(), "{}");
+    EXPECT_EQ(readAloud("{'navPathSelPaths': [{ 'a' : '10.0.0.1',  'b': 'x y', }, ]}").dump(),
+              R"({"navPathSelPaths":[{"a":"10.0.0.1","b":"x y"}]})");
+    EXPECT_EQ(
+        readAloud("{'groups': {1 : 'g', }, 'vrfApps': {(0, 5): ('default', 'voice'), }}\n").dump(),
+        R"({"groups":{"1":"g"},"vrfApps":{"0,5":["default","voice"]}})");
+}
+
+TEST(LiteralTest, RefusesEverythingElse) {
+    for (const std::string& text :
+         std::initializer_list<std::string>{"",
+                                            " ",
+                                            "{",
+                                            "{'a'",
+                                            "{'a': }",
+                                            "{'a': 1 'b': 2}",
+                                            "{'a': 1,, }",
+                                            "{, }",
+                                            "[1",
+                                            "(1]",
+                                            "{'a': 1} x",
+                                            "{'a': 'it's', }",
+                                            "'open",
+                                            "-1",
+                                            "1.5",
+                                            "99999999999999999999999",
+                                            "{[1]: 2}",
+                                            "{((1, 2), 3): 4}",
+                                            "{(): 1}",
+                                            "{{'a': 1}: 1}",
+                                            "True",
+                                            "{\"a\": 1}",
+                                            std::string("{ }\0", 4),
+                                            std::string(100000, '['),
+                                            std::string(100000, '{'),
+                                            "% NavRootSm is not initialized\n"}) {
+        EXPECT_THROW(readAloud(text), Navctl::LiteralError) << text.substr(0, 40);
+    }
+}
+
+TEST(TableTest, AlignsByCharactersAndKeepsControlCharactersFromTheTerminal) {
+    const Navctl::Table table{{"path group", "state", "sites"},
+                              {{"zürich", "Estab", 1}, {"a\x1b[2J\n", nullptr, Json::array()}}};
+    std::ostringstream plain, coloured;
+    Navctl::printTable(plain, table, false);
+    EXPECT_EQ(plain.str(),
+              "PATH GROUP  STATE  SITES\n"
+              "zürich      Estab  1\n"
+              "a?[2J?      -      -\n");
+    Navctl::printTable(coloured, table, true);
+    EXPECT_NE(coloured.str().find("\x1b[32mEstab\x1b[0m  1\n"), std::string::npos);
+}
+
+// Plays the agent on a thread of its own.
+class FakeAgent : Agent::RequestHandler {
+  public:
+    explicit FakeAgent(const std::string& dir) {
+        std::promise<void> listening;
+        thread_ = std::thread([this, dir, &listening] { serve(dir, listening); });
+        listening.get_future().wait();
+    }
+    ~FakeAgent() override {
+        std::ostringstream ignored;
+        std::istringstream stop(R"({"op":"stop"})");
+        Navctl::run({"--run-dir", dir_, "batch", "-"}, {stop, ignored, ignored});
+        thread_.join();
+    }
+
+    // Written before the agent is asked, read after it has answered.
+    std::map<std::string, std::string> tree, commands;
+    std::vector<std::string> requests;
+
+  private:
+    void serve(const std::string& dir, std::promise<void>& listening) {
+        Loom::MonotonicClock clock;
+        Loom::TaskScheduler scheduler(clock);
+        Agent::EventLoop loop(scheduler);
+        loop_ = &loop;
+        dir_ = dir;
+        Agent::CommandServer command(loop, dir + "/command.sock",
+                                     [this](int descriptor, const std::string& word) {
+                                         dprintf(descriptor, "%s", commands[word].c_str());
+                                     });
+        Agent::ControlServer control(loop, dir + "/control.sock", *this);
+        listening.set_value();
+        loop.run();
+        flood_ = {};
+    }
+    Agent::Answer handle(const std::string& op, const Json& request,
+                         Agent::Session& session) override {
+        if (op == "stop") loop_->stop();
+        if (op != "get" && op != "stop") requests.push_back(request.dump());
+        if (op == "get" || op == "watch") {
+            const auto found = tree.find(request.at("path"));
+            if (found == tree.end()) throw Agent::RequestError("no such place");
+            if (op == "watch") {
+                flood_ = loop_->onTimer(std::chrono::nanoseconds{0}, [&session] {
+                    for (int i = 0; i < 6000; ++i) {
+                        session.sendEvent({{"event", "set"}, {"value", std::string(1000, 'x')}});
+                    }
+                });
+            }
+            return Agent::parseJson(found->second);
+        }
+        if (op == "trace") return Json{"one", "two"};
+        Agent::Answer answer;
+        if (op == "load") answer.warnings = {"policy x is not there"};
+        return answer;
+    }
+    void sessionClosed(Agent::Session&) override {}
+
+    std::string dir_;
+    Agent::EventLoop* loop_ = nullptr;
+    Agent::EventLoop::Watch flood_;
+    std::thread thread_;
+};
+
+class NavctlTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string name = testing::TempDir() + "navctl.XXXXXX";
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        dir = name;
+        agent.emplace(dir);
+    }
+    void TearDown() override {
+        agent.reset();
+        std::filesystem::remove_all(dir);
+    }
+    int run(std::vector<std::string> arguments, const std::string& input = {}) {
+        arguments.insert(arguments.begin(), {"--run-dir", dir});
+        std::istringstream in(input);
+        std::ostringstream standard, error;
+        const int status = Navctl::run(arguments, {in, standard, error});
+        out = standard.str();
+        err = error.str();
+        return status;
+    }
+    std::string write(const std::string& name, const std::string& text) {
+        std::ofstream(dir + "/" + name) << text;
+        return dir + "/" + name;
+    }
+
+    std::string dir, out, err;
+    std::optional<FakeAgent> agent;
+};
+
+TEST_F(NavctlTest, ExitStatusSaysWhoIsAtFault) {
+    agent->tree["/a"] = R"({"b":[1,"x"]})";
+    EXPECT_EQ(run({"get", "/a"}), 0);
+    EXPECT_EQ(Agent::parseJson(out), Agent::parseJson(agent->tree["/a"]));
+    EXPECT_EQ(run({"get", "/b"}), 1);
+    EXPECT_EQ(err, "navctl: no such place\n");
+    EXPECT_EQ(out, "");
+    for (const std::vector<std::string>& bad :
+         std::initializer_list<std::vector<std::string>>{{},
+                                                         {"fly"},
+                                                         {"get"},
+                                                         {"get", "/a", "/b"},
+                                                         {"show"},
+                                                         {"show", "moon"},
+                                                         {"--fast"},
+                                                         {"show", "sites", "--raw"},
+                                                         {"trace", "--last", "many"},
+                                                         {"load", dir + "/none"},
+                                                         {"load", dir},
+                                                         {"completion", "fish"},
+                                                         {"batch", dir + "/none"}}) {
+        EXPECT_EQ(run(bad), 2) << (bad.empty() ? "" : bad[0]);
+        EXPECT_NE(err, "");
+        EXPECT_EQ(out, "");
+    }
+    agent.reset();
+    for (const std::vector<std::string>& request : std::initializer_list<std::vector<std::string>>{
+             {"get", "/a"}, {"show", "paths"}, {"show", "groups"}, {"batch", "-"}, {"ping"}}) {
+        EXPECT_EQ(run(request), 3);
+        EXPECT_NE(err.find("no agent at"), std::string::npos);
+    }
+    EXPECT_EQ(run({"get", "--help"}), 0);
+    agent.emplace(dir);
+}
+
+TEST_F(NavctlTest, ValuesAndFilesReachTheAgentAsTheyWereMeant) {
+    EXPECT_EQ(run({"set", "/a", "{\"z\":1,\"a\":[true]}"}), 0);
+    EXPECT_EQ(run({"set", "/a", "wan 1"}), 0);
+    EXPECT_EQ(run({"set", "/a", "-5"}), 0);
+    EXPECT_EQ(run({"del", "/a[x,y]"}), 0);
+    EXPECT_EQ(run({"load", write("good", "{\"z\": 1,\n\"a\": 2}")}), 0);
+    EXPECT_EQ(err, "warning: policy x is not there\n");
+    const std::string bad = write("bad", "{\"z\": 1,\n\"a\": }");
+    EXPECT_EQ(run({"load", bad}), 1);
+    EXPECT_NE(err.find(bad + ": line 2"), std::string::npos);
+    EXPECT_EQ(
+        agent->requests,
+        (std::vector<std::string>{
+            R"({"op":"set","path":"/a","value":{"z":1,"a":[true]}})",
+            R"({"op":"set","path":"/a","value":"wan 1"})", R"({"op":"set","path":"/a","value":-5})",
+            R"({"op":"del","path":"/a[x,y]"})", R"({"op":"load","value":{"z":1,"a":2}})"}));
+
+    agent->tree["/cliConfig"] = R"({"z":1,"a":{"b":[]}})";
+    EXPECT_EQ(run({"save", dir + "/saved"}), 0);
+    EXPECT_EQ(run({"load", dir + "/saved"}), 0);
+    EXPECT_EQ(agent->requests.back(), R"({"op":"load","value":{"z":1,"a":{"b":[]}}})");
+    EXPECT_EQ(run({"save", dir + "/no/where"}), 2);
+}
+
+TEST_F(NavctlTest, ABatchGoesOnAfterARefusalAndSaysSoAtTheEnd) {
+    agent->tree["/a"] = "1";
+    EXPECT_EQ(run({"batch", "-"},
+                  "{\"op\":\"get\",\"path\":\"/b\",\"id\":1}\n\nnonsense\n"
+                  "{\"op\":\"get\",\"path\":\"/a\",\"id\":2}"),
+              1);
+    std::istringstream lines(out);
+    std::string first, second, third;
+    std::getline(lines, first) && std::getline(lines, second) && std::getline(lines, third);
+    EXPECT_EQ(first, R"({"id":1,"ok":false,"error":"no such place"})");
+    EXPECT_EQ(Agent::parseJson(second).at("ok"), false);
+    EXPECT_EQ(third, R"({"id":2,"ok":true,"value":1})");
+    EXPECT_EQ(run({"batch", write("batch", "{\"op\":\"trace\"}\n")}), 0);
+    EXPECT_EQ(out, "{\"ok\":true,\"value\":[\"one\",\"two\"]}\n");
+    EXPECT_EQ(run({"batch", "-"}, std::string(2 << 20, 'x') + "\n"), 1);
+}
+
+TEST_F(NavctlTest, AWatchPrintsTheValueThenEventsAndSaysWhenItFellBehind) {
+    agent->tree["/a"] = "{\"b\": 1}";
+    EXPECT_EQ(run({"watch", "/b"}), 1);
+    EXPECT_EQ(run({"watch", "/a"}), 1);
+    EXPECT_TRUE(out.starts_with("{\"b\":1}\n{\"event\":\"set\","));
+    EXPECT_TRUE(out.ends_with("\n{\"event\":\"overrun\"}\n"));
+    EXPECT_NE(err.find("did not keep up"), std::string::npos);
+}
+
+TEST_F(NavctlTest, ShowCommandsTellTablesFromMessages) {
+    agent->commands["NAVPATHS"] =
+        "{'navPathSelPaths': [{ 'pathGroup' : 'internet', 'source' : '10.0.0.1', 'destination' : "
+        "'2001:db8::1', 'peer' : '10.255.0.2', 'state' : 'Ipsec Estab',  'pathName': 'Path7', }, "
+        "]}";
+    agent->commands["NAVPEERS"] = "% NavRootSm is not initialized\n";
+    agent->commands["NAVMAPPINGS"] = "{ }";
+    EXPECT_EQ(run({"show", "paths"}), 0);
+    EXPECT_EQ(out,
+              "PATH GROUP  SOURCE    DESTINATION  PEER        STATE        PATH\n"
+              "internet    10.0.0.1  2001:db8::1  10.255.0.2  Ipsec Estab  Path7\n");
+    EXPECT_EQ(run({"show", "paths", "--raw"}), 0);
+    EXPECT_EQ(out, agent->commands["NAVPATHS"]);
+    EXPECT_EQ(run({"show", "paths", "--json"}), 0);
+    EXPECT_EQ(Agent::parseJson(out).at("navPathSelPaths").at(0).at("pathName"), "Path7");
+    EXPECT_EQ(run({"show", "peers"}), 1);
+    EXPECT_EQ(err, "navctl: NavRootSm is not initialized\n");
+    EXPECT_EQ(run({"show", "mappings"}), 0);
+    agent->commands["NAVPATHS"] = "{'navPathSelPaths': [{ 'pathGroup' : 'it's', }, ]}";
+    EXPECT_EQ(run({"show", "paths"}), 1);
+    EXPECT_NE(err.find("--raw"), std::string::npos);
+}
+
+TEST_F(NavctlTest, LoadBalanceMembersAreInOrderAndNamedWhereNamesAreKnown) {
+    agent->tree["/navDb"] = R"({"vrfIdToName":{"3":"red"},
+        "vrfApp":{"3,5":{"key":{"vrfId":3,"appId":5},"vrfName":"red","appName":"voice"}}})";
+    agent->tree["/navStatusDir/navLbProfileStatus"] = R"({"lbProfileStatusEntry":{
+        "10.255.0.2,5,3":{"key":{"vtepIp":"10.255.0.2","appId":5,"vrfId":3},"genId":4,"lbIndex":9,
+          "latency":4294967295,"jitter":20,"lossRate":0,"pathEntry":{
+            "1":{"pathIndex":1,"priority":20,"groupName":"mpls"},
+            "12":{"pathIndex":12,"priority":3,"groupName":"internet"},
+            "7":{"pathIndex":7,"priority":3,"groupName":"internet"}}},
+        "10.255.0.3,6,4":{"key":{"vtepIp":"10.255.0.3","appId":6,"vrfId":4},"genId":0,"lbIndex":10,
+          "latency":1,"jitter":1,"lossRate":0,"pathEntry":{}}}})";
+    ASSERT_EQ(run({"--json", "show", "load-balance"}), 0) << err;
+    const Json rows = Agent::parseJson(out);
+    ASSERT_EQ(rows.size(), 4u);
+    EXPECT_EQ(rows[0].at("pathIndex"), 7);
+    EXPECT_EQ(rows[1].at("pathIndex"), 12);
+    EXPECT_EQ(rows[2].dump(), R"({"site":"10.255.0.2","vrf":"red","application":"voice","id":9,)"
+                              R"("generation":4,"latency":null,"jitter":20,"lossRate":0,)"
+                              R"("priority":20,"pathIndex":1,"pathGroup":"mpls"})");
+    EXPECT_EQ(rows[3].at("vrf"), 4);
+    EXPECT_TRUE(rows[3].at("pathIndex").is_null());
+    agent->tree["/navDb"] = agent->tree["/navStatusDir/navLbProfileStatus"] = "null";
+    EXPECT_EQ(run({"--json", "show", "load-balance"}), 0);
+    EXPECT_EQ(out, "[]\n");
+}
+
+TEST_F(NavctlTest, SitesJoinWhatIsConfiguredWithWhatIsUsable) {
+    agent->tree["/cliConfig"] = R"({"pathGroupConfig":{"a,b":{"name":"a,b","remoteViaConfig":{
+        "10.255.0.2":{"remoteAddr":"10.255.0.2","remoteVia":{"1.1.1.1":true,"1.1.1.2":true}},
+        "10.255.0.3":{"remoteAddr":"10.255.0.3","remoteVia":{}}}}}})";
+    agent->tree["/siteGroupStatus"] = R"({"siteGroupStatusEntry":{
+        "a\\,b,10.255.0.2":{"key":{"name":"a,b","routerIp":"10.255.0.2"},
+                            "pathIndexEntry":["12","3"]},
+        "gone,10.255.0.9":{"key":{"name":"gone","routerIp":"10.255.0.9"},"pathIndexEntry":["1"]}}})";
+    ASSERT_EQ(run({"show", "sites"}), 0) << err;
+    EXPECT_EQ(out,
+              "PATH GROUP  SITE        DESTINATIONS      USABLE PATHS\n"
+              "a,b         10.255.0.2  1.1.1.1, 1.1.1.2  3, 12\n"
+              "a,b         10.255.0.3  -                 -\n"
+              "gone        10.255.0.9  -                 1\n");
+}
+
+TEST_F(NavctlTest, CompletionKnowsCommandsPathsAndKeys) {
+    agent->tree["/cliConfig"] = R"({"navConfigured":true,"pathGroupConfig":{}})";
+    agent->tree["/cliConfig/pathGroupConfig"] = R"({"internet":{},"in\\]ner":{},"mpls":{}})";
+    agent->tree["/cliConfig/pathGroupConfig[internet]"] = R"({"localIntf":["et1"]})";
+    agent->tree["/cliConfig/pathGroupConfig[internet]/localIntf"] = R"(["et1","et2"])";
+    for (const auto& [words, expected] :
+         std::initializer_list<std::pair<std::vector<std::string>, std::string>>{
+             {{"sh"}, "show\n"},
+             {{"--json", "show", "p"}, "paths\npeers\npolicies\n"},
+             {{"show", "paths", "--r"}, "--raw\n--run-dir\n"},
+             {{"get", "/nav"}, "/navDb\n/navFeaturePolicyDir\n/navStatusDir\n"},
+             {{"get", "/cliConfig/"}, "/cliConfig/navConfigured\n/cliConfig/pathGroupConfig\n"},
+             {{"set", "/cliConfig/pathGroupConfig[in"},
+              "/cliConfig/pathGroupConfig[in\\]ner]\n/cliConfig/pathGroupConfig[internet]\n"},
+             {{"del", "/cliConfig/pathGroupConfig[internet]/localIntf["},
+              "/cliConfig/pathGroupConfig[internet]/localIntf[et1]\n"
+              "/cliConfig/pathGroupConfig[internet]/localIntf[et2]\n"},
+             {{"get", "/nowhere/"}, ""},
+             {{"set", "/cliConfig", ""}, ""}}) {
+        std::vector<std::string> arguments = {"__complete", "--"};
+        arguments.insert(arguments.end(), words.begin(), words.end());
+        EXPECT_EQ(run(arguments), 0);
+        EXPECT_EQ(out, expected) << words.back();
+    }
+}
+
+}  // namespace
