@@ -1,0 +1,47 @@
+// The ids that are free, in the order in which they will be handed out: an id that is returned
+// waits until every id that was free before it has been used.
+#pragma once
+
+#include <vector>
+
+#include "nav/types/PathTypes.h"
+#include "platform/netz/Assert.h"
+
+namespace Nav {
+
+class FreeIdQueue {
+  public:
+    // The ids 1 to maxId, ascending; none when maxId is 0. Id 0 means "none" and is never free.
+    explicit FreeIdQueue(U16 maxId = 0) : ring_(maxId), size_(maxId) {
+        for (U32 i = 0; i < maxId; ++i) ring_[i] = static_cast<U16>(i + 1);
+    }
+
+    bool empty() const { return size_ == 0; }
+    U32 size() const { return size_; }
+
+    // The head, 0 when the queue is empty.
+    U16 deq() {
+        if (size_ == 0) return 0;
+        const U16 id = ring_[head_];
+        head_ = next(head_);
+        --size_;
+        return id;
+    }
+    // REQUIRES: id was taken from this queue and not returned since.
+    void enq(U16 id) {
+        VEL_ASSERT(size_ < ring_.size(), "size_ < ring_.size()");
+        ring_[tail_] = id;
+        tail_ = next(tail_);
+        ++size_;
+    }
+
+  private:
+    U32 next(U32 at) const { return at + 1 == ring_.size() ? 0 : at + 1; }
+
+    std::vector<U16> ring_;
+    U32 head_ = 0;
+    U32 tail_ = 0;  // a full ring ends where it begins
+    U32 size_ = 0;
+};
+
+}  // namespace Nav
