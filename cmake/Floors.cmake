@@ -33,4 +33,7 @@ function(nav_shared_library name)
     set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION}
                                              SOVERSION ${PROJECT_VERSION_MAJOR})
     target_compile_features(${name} PUBLIC cxx_std_20)
+    target_include_directories(${name} INTERFACE
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/libnav>)
 endfunction()

@@ -1,0 +1,15 @@
+# What another program needs to host the library: the two shared libraries, their headers as they
+# are included here, and a package for find_package(Nav) with the targets Nav::Nav and Nav::Vel.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS Vel Nav EXPORT NavTargets)
+foreach(folder platform nav)
+    install(DIRECTORY ${folder} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/libnav
+            FILES_MATCHING PATTERN "*.h")
+endforeach()
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Nav)
+install(EXPORT NavTargets NAMESPACE Nav:: DESTINATION ${package_dir} FILE NavConfig.cmake)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/NavConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/NavConfigVersion.cmake DESTINATION ${package_dir})

@@ -1,0 +1,48 @@
+// The smallest host of the library: it owns the seventeen inputs, plays the router's services by
+// hand, and asks for the paths.
+#include <unistd.h>
+
+#include "nav/root/NavRootSm.h"
+
+int main() {
+    Loom::MonotonicClock clock;
+    const Nav::NavInputs inputs{
+        .cliConfig = Vel::make<Nav::NavCliConfig>("cliConfig"),
+        .pathConfigDir = Vel::make<Nav::PathConfigDir>("pathConfigDir"),
+        .navStatusDir = Vel::make<Nav::NavStatusDir>("navStatusDir"),
+        .siteGroupStatus = Vel::make<Nav::SiteGroupStatus>("siteGroupStatus"),
+        .hwPathStatus = Vel::make<Nav::HwPathStatus>("hwPathStatus"),
+        .ipsecPathConfigDir = Vel::make<Ipsec::Path::PathConfigDir>("ipsecPathConfigDir"),
+        .ipsecPathStatusDir = Vel::make<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir"),
+        .navFeaturePolicyDir = Vel::make<Classification::FeaturePolicyDir>("navFeaturePolicyDir"),
+        .ipStatusDir = Vel::make<Ip::Status>("ipStatusDir"),
+        .ip6StatusDir = Vel::make<Ip6::Status>("ip6StatusDir"),
+        .nexthopConfig = Vel::make<Routing::NexthopConfig>("nexthopConfig"),
+        .nexthopStatus = Vel::make<Routing::NexthopStatus>("nexthopStatus"),
+        .forwardingStatus = Vel::make<Shard::Fib::ForwardingStatus>("forwardingStatus"),
+        .forwarding6Status = Vel::make<Shard::Fib6::ForwardingStatus>("forwarding6Status"),
+        .routingHwRouteStatus = Vel::make<Routing::Hardware::RouteStatus>("routingHwRouteStatus"),
+        .navCliRequestDir = Vel::make<Vel::Dir>("navCliRequestDir"),
+        .scheduler = Vel::make<Vel::Scheduler>(clock),
+    };
+    Vel::Owned<Nav::NavRootSm> root;
+    root.is(inputs);
+
+    // One WAN interface, one remote site with two addresses.
+    const auto address = [](const char* text) { return *Netz::IpGenAddr::parse(text); };
+    Nav::NavCliConfig& config = *inputs.cliConfig;
+    config.navConfiguredIs(true);
+    Nav::PathGroupConfig& internet = config.pathGroupConfigIs("internet");
+    internet.localIntfIs(Netz::IntfId("wan1"));
+    Nav::RemoteViaConfig& site = internet.remoteViaConfigIs(address("10.255.0.2"));
+    site.remoteViaIs(address("198.51.100.2"));
+    site.remoteViaIs(address("198.51.100.6"));
+
+    // The interface gets its address: the paths come into being.
+    inputs.ipStatusDir->ipIntfStatusIs(Netz::IntfId("wan1"))
+        .activeAddrWithMaskIs(*Netz::IpAddrWithMask::parse("203.0.113.1/24"));
+    inputs.scheduler->runDue();
+
+    root->showNavPaths(STDOUT_FILENO);
+    return write(STDOUT_FILENO, "\n", 1) == 1 ? 0 : 1;
+}
