@@ -22,7 +22,7 @@ std::string refusal(const std::string& reason) {
 }  // namespace
 
 // One connection. Its callbacks end in advance(), the one place where it may be destroyed.
-class ControlServer::Client : public Session {
+class ControlServer::Client final : public Session {
   public:
     Client(ControlServer& server, int descriptor);
 

@@ -5,6 +5,8 @@
 #include <csignal>
 #include <iostream>
 
+#include "platform/trace/Facility.h"
+
 namespace Agent {
 
 namespace {
@@ -26,6 +28,7 @@ HostAgent::HostAgent(Options options)
       interrupted_(loop_.onSignal(SIGINT, [this] { loop_.stop(); })),
       commands_(loop_, runDir_.path() + "/" + commandSocketName, [](int, const std::string&) {}),
       control_(loop_, runDir_.path() + "/" + controlSocketName, *this) {
+    Duolog::levelIs("*", options_.logLevel);
     hungUp_ = loop_.onSignal(SIGHUP, [this] {
         try {
             loadFile();

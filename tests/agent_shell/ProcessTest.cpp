@@ -108,17 +108,12 @@ TEST(JsonTest, PlacesHaveTheLineOnWhichTheyBegin) {
            "x"]},
     "y"], "a/d": 2
 })";
-    for (const auto& [place, line] :
-         std::initializer_list<std::pair<std::string, size_t>>{{"", 1},
-                                                               {"/a/b", 1},
-                                                               {"/c", 2},
-                                                               {"/c/0/b", 3},
-                                                               {"/c/0/b/1", 4},
-                                                               {"/c/1", 5},
-                                                               {"/a~1d", 5},
-                                                               {"/c/7", 2},
-                                                               {"/c/0/zzz/1", 3},
-                                                               {"/nowhere", 1}}) {
+    // clang-format off
+    const std::pair<const char*, size_t> places[] = {
+        {"", 1}, {"/a/b", 1}, {"/c", 2}, {"/c/0/b", 3}, {"/c/0/b/1", 4}, {"/c/1", 5},
+        {"/a~1d", 5}, {"/c/7", 2}, {"/c/0/zzz/1", 3}, {"/nowhere", 1}};
+    // clang-format on
+    for (const auto& [place, line] : places) {
         EXPECT_EQ(Agent::lineOf(text, Json::json_pointer(place)), line) << place;
     }
 }

@@ -35,33 +35,14 @@ TEST(LiteralTest, ReadsWhatTheAgentWrites) {
 }
 
 TEST(LiteralTest, RefusesEverythingElse) {
-    for (const std::string& text :
-         std::initializer_list<std::string>{"",
-                                            " ",
-                                            "{",
-                                            "{'a'",
-                                            "{'a': }",
-                                            "{'a': 1 'b': 2}",
-                                            "{'a': 1,, }",
-                                            "{, }",
-                                            "[1",
-                                            "(1]",
-                                            "{'a': 1} x",
-                                            "{'a': 'it's', }",
-                                            "'open",
-                                            "-1",
-                                            "1.5",
-                                            "99999999999999999999999",
-                                            "{[1]: 2}",
-                                            "{((1, 2), 3): 4}",
-                                            "{(): 1}",
-                                            "{{'a': 1}: 1}",
-                                            "True",
-                                            "{\"a\": 1}",
-                                            std::string("{ }\0", 4),
-                                            std::string(100000, '['),
-                                            std::string(100000, '{'),
-                                            "% NavRootSm is not initialized\n"}) {
+    // clang-format off
+    const std::vector<std::string> texts = {
+        "", " ", "{", "{'a'", "{'a': }", "{'a': 1 'b': 2}", "{'a': 1,, }", "{, }", "[1", "(1]",
+        "{'a': 1} x", "{'a': 'it's', }", "'open", "-1", "1.5", "99999999999999999999999",
+        "{[1]: 2}", "{((1, 2), 3): 4}", "{(): 1}", "{{'a': 1}: 1}", "True", "{\"a\": 1}",
+        std::string("{ }\0", 4), std::string(100000, '['), "% NavRootSm is not initialized\n"};
+    // clang-format on
+    for (const std::string& text : texts) {
         EXPECT_THROW(readAloud(text), Navctl::LiteralError) << text.substr(0, 40);
     }
 }
@@ -180,20 +161,13 @@ TEST_F(NavctlTest, ExitStatusSaysWhoIsAtFault) {
     EXPECT_EQ(run({"get", "/b"}), 1);
     EXPECT_EQ(err, "navctl: no such place\n");
     EXPECT_EQ(out, "");
-    for (const std::vector<std::string>& bad :
-         std::initializer_list<std::vector<std::string>>{{},
-                                                         {"fly"},
-                                                         {"get"},
-                                                         {"get", "/a", "/b"},
-                                                         {"show"},
-                                                         {"show", "moon"},
-                                                         {"--fast"},
-                                                         {"show", "sites", "--raw"},
-                                                         {"trace", "--last", "many"},
-                                                         {"load", dir + "/none"},
-                                                         {"load", dir},
-                                                         {"completion", "fish"},
-                                                         {"batch", dir + "/none"}}) {
+    // clang-format off
+    const std::vector<std::vector<std::string>> wrong = {
+        {}, {"fly"}, {"get"}, {"get", "/a", "/b"}, {"show"}, {"show", "moon"}, {"--fast"},
+        {"show", "sites", "--raw"}, {"trace", "--last", "many"}, {"load", dir + "/none"},
+        {"load", dir}, {"completion", "fish"}, {"batch", dir + "/none"}};
+    // clang-format on
+    for (const auto& bad : wrong) {
         EXPECT_EQ(run(bad), 2) << (bad.empty() ? "" : bad[0]);
         EXPECT_NE(err, "");
         EXPECT_EQ(out, "");
