@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -21,11 +22,14 @@ struct TypeDescriptor;
 
 // What kind of attribute it is decides which of the functions it has:
 //
-//   key, plain        get; plain also set
-//   set, map, values  get, keys, keyText, getAt, setAt, eraseAt, checkKey
-//   collection        get, keys, keyText, find, create, eraseAt, checkKey, element
+//   key               get, keyOf
+//   plain             get, set, check
+//   set, map, values  get, keys, keyText, normalKey, getAt, setAt, checkAt, eraseAt
+//   collection        get, keys, keyText, normalKey, find, create, eraseAt, element
 //   child             get, find (key ignored), element
 struct Attribute {
+    using Init = std::function<void(Entity&)>;
+
     enum class Kind : U8 { key, plain, set, map, values, collection, child };
 
     std::string_view name;
@@ -35,16 +39,19 @@ struct Attribute {
 
     Datum (*get)(const Entity&) = nullptr;
     void (*set)(Entity&, const Datum&) = nullptr;
-    void (*check)(const Datum&) = nullptr;  // throws what set or setAt would refuse
-    void (*checkKey)(std::string_view) = nullptr;
+    void (*check)(const Datum&) = nullptr;         // throws what set would refuse
+    std::string (*keyOf)(const Datum&) = nullptr;  // the text of the key that the datum is
 
     std::vector<std::string> (*keys)(const Entity&) = nullptr;  // in walking order
     std::string (*keyText)(const void* key) = nullptr;          // of a notification's key
+    std::string (*normalKey)(std::string_view) = nullptr;       // as keyText would write it
     std::optional<Datum> (*getAt)(const Entity&, std::string_view key) = nullptr;
     void (*setAt)(Entity&, std::string_view key, const Datum&) = nullptr;
+    void (*checkAt)(std::string_view key, const Datum&) = nullptr;  // what setAt would refuse
     Entity* (*find)(const Entity&, std::string_view key) = nullptr;
-    Entity& (*create)(Entity&, std::string_view key) = nullptr;  // get or create
-    bool (*eraseAt)(Entity&, std::string_view key) = nullptr;    // false: there was none
+    // Get or create; a new one is given to `init` before it is announced.
+    Entity& (*create)(Entity&, std::string_view key, const Init& init) = nullptr;
+    bool (*eraseAt)(Entity&, std::string_view key) = nullptr;  // false: there was none
 
     bool keyed() const { return kind != Kind::key && kind != Kind::plain && kind != Kind::child; }
 };
@@ -105,17 +112,21 @@ constexpr Attribute keyAttribute(std::string_view name) {
         .kind = Attribute::Kind::key,
         .get =
             [](const Entity& e) { return Codec<V>::datum((static_cast<const C&>(e).*getter)()); },
-        .check = [](const Datum& d) { (void)Codec<V>::fromDatum(d); }};
+        .keyOf = [](const Datum& d) { return Codec<V>::key(Codec<V>::fromDatum(d)); }};
 }
 
 template <auto getter, auto setter>
 constexpr Attribute plainAttribute(std::string_view name) {
     using V = typename MemberOf<getter>::Value;
     using C = typename MemberOf<getter>::Class;
-    Attribute a = keyAttribute<getter>(name);
-    a.kind = Attribute::Kind::plain;
-    a.set = [](Entity& e, const Datum& d) { (static_cast<C&>(e).*setter)(Codec<V>::fromDatum(d)); };
-    return a;
+    return {
+        .name = name,
+        .kind = Attribute::Kind::plain,
+        .get =
+            [](const Entity& e) { return Codec<V>::datum((static_cast<const C&>(e).*getter)()); },
+        .set = [](Entity& e,
+                  const Datum& d) { (static_cast<C&>(e).*setter)(Codec<V>::fromDatum(d)); },
+        .check = [](const Datum& d) { (void)Codec<V>::fromDatum(d); }};
 }
 
 // What all keyed attributes share.
@@ -126,7 +137,6 @@ constexpr Attribute keyedAttribute(std::string_view name, Attribute::Kind kind) 
         .name = name,
         .kind = kind,
         .keyIsText = Codec<Key>::isText,
-        .checkKey = [](std::string_view key) { (void)Codec<Key>::fromKey(key); },
         .keys =
             [](const Entity& e) {
                 std::vector<std::string> keys;
@@ -135,6 +145,7 @@ constexpr Attribute keyedAttribute(std::string_view name, Attribute::Kind kind) 
                 return keys;
             },
         .keyText = [](const void* key) { return Codec<Key>::key(*static_cast<const Key*>(key)); },
+        .normalKey = [](std::string_view key) { return Codec<Key>::key(Codec<Key>::fromKey(key)); },
         .eraseAt =
             [](Entity& e, std::string_view text) {
                 const Key key = Codec<Key>::fromKey(text);
@@ -147,7 +158,7 @@ constexpr Attribute keyedAttribute(std::string_view name, Attribute::Kind kind) 
 template <class C, class Key, auto store, auto is, auto del>
 constexpr Attribute setAttribute(std::string_view name) {
     Attribute a = keyedAttribute<C, Key, store, del>(name, Attribute::Kind::set);
-    a.check = [](const Datum& d) {
+    a.checkAt = [](std::string_view, const Datum& d) {
         if (d != Datum{true}) expected("true", d);
     };
     a.get = [](const Entity& e) {
@@ -170,7 +181,7 @@ constexpr Attribute setAttribute(std::string_view name) {
 template <class C, class Key, class Value, auto store, auto is, auto del>
 constexpr Attribute mapAttribute(std::string_view name) {
     Attribute a = keyedAttribute<C, Key, store, del>(name, Attribute::Kind::map);
-    a.check = [](const Datum& d) { (void)Codec<Value>::fromDatum(d); };
+    a.checkAt = [](std::string_view, const Datum& d) { (void)Codec<Value>::fromDatum(d); };
     a.get = [](const Entity& e) {
         Datum::Members members;
         for (const auto& [key, value] : static_cast<const C&>(e).*store)
@@ -188,10 +199,23 @@ constexpr Attribute mapAttribute(std::string_view name) {
     return a;
 }
 
+// The key may be left out of the object; if it is given, it must be this one.
+template <class Key, class Value, Key Value::*field>
+Value keyedValue(std::string_view text, const Datum& d) {
+    Value value = Codec<Value>::fromDatum(d);
+    const Key key = Codec<Key>::fromKey(text);
+    if (value.*field != key && value.*field != Key{})
+        expected("the key " + Codec<Key>::key(key), Codec<Key>::key(value.*field));
+    value.*field = key;
+    return value;
+}
+
 template <class C, class Key, class Value, Key Value::*field, auto store, auto is, auto del>
 constexpr Attribute valuesAttribute(std::string_view name) {
     Attribute a = keyedAttribute<C, Key, store, del>(name, Attribute::Kind::values);
-    a.check = [](const Datum& d) { (void)Codec<Value>::fromDatum(d); };
+    a.checkAt = [](std::string_view key, const Datum& d) {
+        (void)keyedValue<Key, Value, field>(key, d);
+    };
     a.get = [](const Entity& e) {
         Datum::Members members;
         for (const Value& value : static_cast<const C&>(e).*store)
@@ -203,21 +227,14 @@ constexpr Attribute valuesAttribute(std::string_view name) {
         if (!value) return std::nullopt;
         return Codec<Value>::datum(*value);
     };
-    a.setAt = [](Entity& e, std::string_view text, const Datum& d) {
-        Value value = Codec<Value>::fromDatum(d);
-        const Key key = Codec<Key>::fromKey(text);
-        // The key may be left out of the object; if it is given, it must be this one.
-        if (value.*field != key && value.*field != Key{})
-            expected("the key " + Codec<Key>::key(key), Codec<Key>::key(value.*field));
-        value.*field = key;
-        (static_cast<C&>(e).*is)(value);
+    a.setAt = [](Entity& e, std::string_view key, const Datum& d) {
+        (static_cast<C&>(e).*is)(keyedValue<Key, Value, field>(key, d));
     };
     return a;
 }
 
 template <class C, class Key, class Element, auto store, auto del>
-constexpr Attribute collectionAttribute(std::string_view name,
-                                        Entity& (*create)(Entity&, std::string_view)) {
+constexpr Attribute collectionAttribute(std::string_view name, decltype(Attribute::create) create) {
     Attribute a = keyedAttribute<C, Key, store, del>(name, Attribute::Kind::collection);
     a.element = [] { return &Element::velType; };
     a.get = [](const Entity& e) {

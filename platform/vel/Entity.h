@@ -269,8 +269,11 @@ struct KeyedAttr : Attr<E, K> {
     VEL_DESCRIBED_(                                                                                \
         name_, ::Vel::collectionAttribute<velSelf, Key, Element, &velSelf::name_##_,               \
                                           &velSelf::name_##Del>(                                   \
-                   #name_, [](::Vel::Entity& e, std::string_view key) -> ::Vel::Entity& {          \
-                       return static_cast<velSelf&>(e).name_##Is(::Vel::Codec<Key>::fromKey(key)); \
+                   #name_,                                                                         \
+                   [](::Vel::Entity& e, std::string_view key,                                      \
+                      const ::Vel::Attribute::Init& init) -> ::Vel::Entity& {                      \
+                       return static_cast<velSelf&>(e).name_##Is(::Vel::Codec<Key>::fromKey(key),  \
+                                                                 init);                            \
                    }))
 
 #define VEL_COLLECTION(Key, Element, name_) VEL_ELEMENTS_(Table, Key, Element, name_)
