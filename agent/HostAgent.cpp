@@ -26,20 +26,22 @@ HostAgent::HostAgent(Options options)
       loop_(scheduler_),
       terminated_(loop_.onSignal(SIGTERM, [this] { loop_.stop(); })),
       interrupted_(loop_.onSignal(SIGINT, [this] { loop_.stop(); })),
+      hungUp_(loop_.onSignal(SIGHUP, [this] { reload(); })),
       commands_(loop_, runDir_.path() + "/" + commandSocketName, [](int, const std::string&) {}),
       control_(loop_, runDir_.path() + "/" + controlSocketName, *this) {
     Duolog::levelIs("*", options_.logLevel);
-    hungUp_ = loop_.onSignal(SIGHUP, [this] {
-        try {
-            loadFile();
-        } catch (const std::exception& error) {
-            std::cerr << "nav-agent: " << error.what() << std::endl;
-        }
-    });
     loadFile();
 }
 
 HostAgent::~HostAgent() = default;
+
+void HostAgent::reload() {
+    try {
+        loadFile();
+    } catch (const std::exception& error) {
+        std::cerr << "nav-agent: " << error.what() << std::endl;
+    }
+}
 
 void HostAgent::loadFile() {
     if (options_.config.empty()) return;

@@ -36,12 +36,14 @@ class HostAgent : private RequestHandler {
     // Makes the configuration file what a load request would; throws with the file's name, the line
     // and the reason when it is refused, which leaves everything as it was.
     void loadFile();
+    void reload();  // on SIGHUP: a file that is refused is reported, and the agent goes on
 
     const Options options_;
     Loom::MonotonicClock clock_;
     Loom::TaskScheduler scheduler_;
     RunDir runDir_;
     EventLoop loop_;
+    // Before the sockets: whoever sees those may send signals.
     EventLoop::Watch terminated_, interrupted_, hungUp_;
     CommandServer commands_;
     ControlServer control_;
