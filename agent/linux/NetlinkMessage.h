@@ -1,0 +1,142 @@
+// Netlink messages as bytes: walking what came, writing what goes.
+//
+// The readers look at memory that somebody else filled. They copy out of it, check every length
+// against what is really there, and end at the first one that does not fit; a value that is missing
+// or too short reads as nothing. So a parser made of them takes any bytes whatever: from the
+// kernel, from a recording, from a fuzzer. Views stay valid as long as the bytes they were made
+// from. Format: RFC 3549, <linux/netlink.h>.
+#pragma once
+
+#include <linux/netlink.h>
+
+#include <array>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "platform/netz/IpGenAddr.h"
+
+namespace Agent::Linux {
+
+using Bytes = std::span<const std::byte>;
+
+// The value at the start of the bytes, or nothing if there are too few.
+template <class T>
+std::optional<T> readAs(Bytes bytes) {
+    static_assert(std::is_trivially_copyable_v<T>);
+    if (bytes.size() < sizeof(T)) return {};
+    T value;
+    std::memcpy(&value, bytes.data(), sizeof(T));
+    return value;
+}
+
+// The address of a family (AF_INET, AF_INET6) whose octets the bytes start with.
+std::optional<Netz::IpGenAddr> readAddr(unsigned family, Bytes bytes);
+
+// What netlink pads messages, their headers and attributes to.
+constexpr size_t aligned(size_t size) {
+    return (size + 3) & ~size_t{3};
+}
+inline Bytes dropFront(Bytes bytes, size_t size) {
+    return size < bytes.size() ? bytes.subspan(size) : Bytes();
+}
+
+struct Attribute {
+    uint16_t type = 0;  // without the nesting and byte order flags
+    Bytes data;
+
+    std::optional<uint32_t> u32() const { return readAs<uint32_t>(data); }
+    std::string_view text() const;  // up to the first zero byte
+};
+
+struct Message {
+    uint16_t type = 0;
+    uint16_t flags = 0;
+    uint32_t sequence = 0;
+    Bytes payload;
+
+    // The fixed header a message of this type begins with.
+    template <class T>
+    std::optional<T> header() const {
+        return readAs<T>(payload);
+    }
+};
+
+// A forward range over records that each begin with their own length. `Step` takes the next record
+// off the bytes, or gives nothing when there is none that fits.
+template <class Record, std::optional<Record> Step(Bytes& rest)>
+class Records {
+  public:
+    explicit Records(Bytes bytes) : bytes_(bytes) {}
+
+    class Iterator {
+      public:
+        explicit Iterator(Bytes rest) : rest_(rest) { ++*this; }
+        const Record& operator*() const { return *record_; }
+        Iterator& operator++() {
+            record_ = Step(rest_);
+            return *this;
+        }
+        bool operator==(std::default_sentinel_t) const { return !record_; }
+
+      private:
+        Bytes rest_;
+        std::optional<Record> record_;
+    };
+    Iterator begin() const { return Iterator(bytes_); }
+    std::default_sentinel_t end() const { return {}; }
+
+  private:
+    Bytes bytes_;
+};
+
+std::optional<Attribute> takeAttribute(Bytes& rest);
+std::optional<Message> takeMessage(Bytes& rest);
+
+using Attributes = Records<Attribute, takeAttribute>;
+using Messages = Records<Message, takeMessage>;
+
+// The attributes that follow the fixed header T of a message.
+template <class T>
+Attributes attributesAfter(const Message& message) {
+    return Attributes(dropFront(message.payload, aligned(sizeof(T))));
+}
+
+// Builds messages one behind the other in one buffer.
+class MessageWriter {
+  public:
+    template <class Header>
+    void begin(uint16_t type, uint16_t flags, uint32_t sequence, const Header& header) {
+        start_ = bytes_.size();
+        append(nlmsghdr{0, type, static_cast<uint16_t>(flags | NLM_F_REQUEST), sequence, 0});
+        append(header);
+    }
+    void attribute(uint16_t type, std::unsigned_integral auto value) {
+        attribute(type, std::as_bytes(std::span(&value, 1)));
+    }
+    void attribute(uint16_t type, const Netz::IpGenAddr& addr) {
+        attribute(type, std::as_bytes(std::span(addr.data(), addr.size())));
+    }
+    void attribute(uint16_t type, Bytes data);
+
+    Bytes bytes() const { return bytes_; }
+    void clear() { bytes_.clear(); }
+
+  private:
+    template <class T>
+    void append(const T& value) {
+        append(std::as_bytes(std::span(&value, 1)));
+    }
+    void append(Bytes data);
+
+    std::vector<std::byte> bytes_;
+    size_t start_ = 0;  // of the message being written
+};
+
+}  // namespace Agent::Linux
