@@ -96,8 +96,7 @@ class ServerTest : public testing::Test {
         std::string line() {
             size_t end;
             EXPECT_TRUE(test.await([&] {
-                while ((end = buffer.find('\n')) == buffer.npos && fill()) {
-                }
+                while ((end = buffer.find('\n')) == buffer.npos && fill()) continue;
                 return end != buffer.npos || ended;
             }));
             if (end == buffer.npos) return "<end>";
@@ -107,8 +106,7 @@ class ServerTest : public testing::Test {
         }
         std::string all() {
             EXPECT_TRUE(test.await([&] {
-                while (fill()) {
-                }
+                while (fill()) continue;
                 return ended;
             }));
             return buffer;

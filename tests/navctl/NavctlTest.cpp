@@ -21,17 +21,15 @@ namespace {
 
 using Agent::Json;
 
-Json readAloud(const std::string& text) {
-    return Navctl::parseLiteral(text);
-}
-
 TEST(LiteralTest, ReadsWhatTheAgentWrites) {
-    EXPECT_EQ(readAloud("{ }").dump(), "{}");
-    EXPECT_EQ(readAloud("{'navPathSelPaths': [{ 'a' : '10.0.0.1',  'b': 'x y', }, ]}").dump(),
-              R"({"navPathSelPaths":[{"a":"10.0.0.1","b":"x y"}]})");
+    EXPECT_EQ(Navctl::parseLiteral("{ }").dump(), "{}");
     EXPECT_EQ(
-        readAloud("{'groups': {1 : 'g', }, 'vrfApps': {(0, 5): ('default', 'voice'), }}\n").dump(),
-        R"({"groups":{"1":"g"},"vrfApps":{"0,5":["default","voice"]}})");
+        Navctl::parseLiteral("{'navPathSelPaths': [{ 'a' : '10.0.0.1',  'b': 'x y', }, ]}").dump(),
+        R"({"navPathSelPaths":[{"a":"10.0.0.1","b":"x y"}]})");
+    EXPECT_EQ(Navctl::parseLiteral(
+                  "{'groups': {1 : 'g', }, 'vrfApps': {(0, 5): ('default', 'voice'), }}\n")
+                  .dump(),
+              R"({"groups":{"1":"g"},"vrfApps":{"0,5":["default","voice"]}})");
 }
 
 TEST(LiteralTest, RefusesEverythingElse) {
@@ -43,7 +41,7 @@ TEST(LiteralTest, RefusesEverythingElse) {
         std::string("{ }\0", 4), std::string(100000, '['), "% NavRootSm is not initialized\n"};
     // clang-format on
     for (const std::string& text : texts) {
-        EXPECT_THROW(readAloud(text), Navctl::LiteralError) << text.substr(0, 40);
+        EXPECT_THROW(Navctl::parseLiteral(text), Navctl::LiteralError) << text.substr(0, 40);
     }
 }
 
