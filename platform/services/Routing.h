@@ -56,6 +56,13 @@ class VEL_EXPORT NexthopBacklog : public Vel::Entity {
     VEL_ENTITY(NexthopBacklog, Vel::Name, name)
     VEL_SET(Netz::IpGenAddr, backlog)
     VEL_COUNTER(Vel::U32, version, 0)
+
+    // One that waits already is not announced again.
+    void add(const Netz::IpGenAddr& addr) {
+        if (backlogHas(addr)) return;
+        backlogIs(addr);
+        versionInc(1);
+    }
 };
 
 }  // namespace Routing
