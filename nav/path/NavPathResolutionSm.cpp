@@ -1,0 +1,403 @@
+#include "nav/path/NavPathResolutionSm.h"
+
+#include "nav/path/NavPathResolutionDirSm.h"
+#include "nav/path/PathState.h"
+#include "nav/path/PathTrace.h"
+#include "platform/netz/Assert.h"
+
+namespace Nav {
+
+using Netz::IntfId;
+using Netz::IpGenAddr;
+using Shard::Fib::Fec;
+using Shard::Fib::Via;
+using Shard::Fib::ViaIndex;
+
+// One configured path.
+class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
+  public:
+    VelPathConfigEntry(NavPathResolutionSm& owner, PathConfigEntry& entry)
+        : owner_(owner),
+          in_(owner.in_),
+          entry_(entry),
+          ipsecProfile_(Vel::Subscription::to<&VelPathConfigEntry::handlePathIpsecProfile>(
+              entry, PathConfigEntry::ipsecProfileAttr, this)) {}
+
+    void handleInitialized();
+    void handlePathIpsecProfile();
+    void handleDelete() { handlePathIpsecProfileDel(); }
+    void doCleanup() { ipsecProfile_.reset(); }
+
+    const Vel::String& ipsecProfile() const { return entry_->ipsecProfile(); }
+    IntfId localIntf();
+
+  private:
+    const PathKey& pathKey() const { return entry_->key(); }
+    void handlePathIpsecProfileDel();
+    void writeUnconnected(PathStatusEntry& status, U32 pathIndex);
+
+    NavPathResolutionSm& owner_;
+    const Inputs& in_;
+    const Vel::Ptr<PathConfigEntry> entry_;
+    // The connection last requested or cleared. What is requested under one key is withdrawn under
+    // it, whatever the VRF is called by then.
+    Ipsec::ConnectionKey connection_;
+    IntfId intfHere_;  // where the source address is, if the database names another VRF's interface
+    Vel::Subscription ipsecProfile_;
+};
+
+// One path status: keeps the path's index in its site's list while the path is programmed.
+class NavPathResolutionSm::VelPathStatusEntry final : public Vel::Object {
+  public:
+    VelPathStatusEntry(NavPathResolutionSm& owner, PathStatusEntry& entry)
+        : owner_(owner),
+          siteGroupStatus_(*owner.in_.siteGroupStatus),
+          entry_(entry),
+          programmed_(Vel::Subscription::to<&VelPathStatusEntry::handlePathStatusEntry>(
+              entry, PathStatusEntry::programmedAttr, this)) {}
+
+    void handleInitialized();
+    void handlePathStatusEntry();
+    void handleDelete() { handlePathStatusEntryDelete(); }
+    void doCleanup() { programmed_.reset(); }
+
+  private:
+    void handlePathStatusEntryDelete();
+
+    NavPathResolutionSm& owner_;
+    SiteGroupStatus& siteGroupStatus_;
+    const Vel::Ptr<PathStatusEntry> entry_;
+    Vel::Subscription programmed_;
+};
+
+// A path with what decides which vias it takes.
+struct NavPathResolutionSm::Offer {
+    PathStatusEntry& status;
+    IntfId intf;
+    PathType type;
+
+    const PathKey& pathKey() const { return status.key(); }
+    PathState stateBy(const Via& via) const { return pathStateOf(type, status.encapId(), via); }
+    bool takes(const Via& via) const;
+};
+
+NavPathResolutionSm::NavPathResolutionSm(const Inputs& inputs)
+    : in_(inputs),
+      pathConfigEntry_(*this, *in_.pathConfig, PathConfig::pathConfigEntryAttr),
+      pathStatusEntry_(*this, *in_.pathStatus, PathStatus::pathStatusEntryAttr) {}
+
+NavPathResolutionSm::~NavPathResolutionSm() = default;
+
+void NavPathResolutionSm::handleInitialized() {
+    DUOLOG_ENTRY(pathTrace);
+    if (initialized_) {
+        DUOLOG(pathTrace, 7, "already initialized");
+        return;
+    }
+    VEL_ASSERT(in_.scheduler, "scheduler() != nullptr");
+    DUOLOG(pathTrace, 7, "vrfName ", in_.vrfName);
+    nexthopBacklog_ = Vel::make<Routing::NexthopBacklog>("nexthopBacklog");
+    backlogVersion_ = Vel::Subscription::to<&NavPathResolutionSm::handleNexthopBacklog>(
+        *nexthopBacklog_, Routing::NexthopBacklog::versionAttr, this);
+    fibMonitorHelperSm_.is({"Nav", in_.nexthopVrfStatus, nexthopBacklog_, in_.forwardingStatus,
+                            in_.forwarding6Status, in_.scheduler});
+    initialized_ = true;
+    pathConfigEntry_.initialize();
+    pathStatusEntry_.initialize();
+    sweepLeftovers();
+}
+
+void NavPathResolutionSm::doCleanup() {
+    DUOLOG_ENTRY(pathTrace);
+    DUOLOG(pathTrace, 7, "vrfName ", in_.vrfName);
+    initialized_ = false;
+    backlogVersion_.reset();
+    pathConfigEntry_.clear();
+    pathStatusEntry_.clear();
+    fibMonitorHelperSm_.del();
+    in_.nexthopVrfConfig->nexthopDelAll();
+    if (nexthopBacklog_) nexthopBacklog_->backlogDelAll();
+    nexthopBacklog_ = nullptr;
+}
+
+// What nobody withdrew while the VRF was not being resolved.
+void NavPathResolutionSm::sweepLeftovers() {
+    const auto& configured = in_.pathConfig->pathConfigEntry();
+    for (PathStatusEntry& status : in_.pathStatus->pathStatusEntry())
+        if (!configured.has(status.key()) && !in_.navDb->pathKeyInfo(status.key()))
+            in_.pathStatus->pathStatusEntryDel(status.key());
+    for (Ipsec::Path::PathConfig& request : in_.ipsecPathConfigDir->ipsecPathConfig())
+        if (request.key().vrfName == in_.vrfName &&
+            !configured.has(pathKeyOf(*in_.navDb, request.key())))
+            in_.ipsecPathConfigDir->ipsecPathConfigDel(request.key());
+    for (const IpGenAddr& addr : in_.nexthopVrfConfig->nexthop())
+        if (!isUsed(addr)) releaseNexthop(addr);
+}
+
+void NavPathResolutionSm::handlePathConfig(const PathKey& pathKey) {
+    DUOLOG_ENTRY(pathTrace, pathKey);
+    if (!initialized_) return;
+    Vel::Hold hold;
+    const IpGenAddr& addr = pathKey.dstAddr;
+    if (!in_.pathConfig->pathConfigEntry(pathKey)) {
+        if (!isUsed(addr)) releaseNexthop(addr);
+        DUOLOG(pathTrace, 7, "Deleting path ", pathKey, " from pathStatus");
+        in_.pathStatus->pathStatusEntryDel(pathKey);
+        in_.navDb->pathKeyInfoDel(pathKey);
+    } else if (in_.nexthopVrfStatus->nexthop(addr)) {
+        DUOLOG(pathTrace, 7, "Reviewing path ", pathKey, " for resolved addr ", addr);
+        reviewPath(pathKey, addr);
+    } else {
+        requestNexthop(addr);
+        // A via that was recorded before this reactor's time went with the result.
+        const PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey);
+        if (status && status->pathInfo().via != Via{}) updatePathVia(pathKey, Via{});
+    }
+}
+
+void NavPathResolutionSm::handleNexthopBacklog() {
+    DUOLOG_ENTRY(pathTrace, " vrfName: ", in_.vrfName);
+    if (draining_) return;
+    struct Draining {
+        bool& flag;
+        ~Draining() { flag = false; }
+    } draining{draining_ = true};
+    const Vel::Ptr<Routing::NexthopBacklog> nexthopBacklog = nexthopBacklog_;
+    while (!nexthopBacklog->backlog().empty()) {
+        for (const IpGenAddr& addr : nexthopBacklog->backlog()) {
+            DUOLOG(pathTrace, 7, "Backlog nexthopResolver addr: ", addr);
+            nexthopBacklog->backlogDel(addr);
+            reviewNexthop(addr);
+        }
+    }
+}
+
+void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
+    DUOLOG_ENTRY(pathTrace, " ", addr);
+    Vel::Hold hold;
+    const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
+    if (paths && paths->pathKey().empty()) in_.navDb->addrToPathKeySetDel(addr);
+    if (!isUsed(addr)) {
+        DUOLOG(pathTrace, 7, "No paths for dstAddr ", addr);
+        in_.nexthopVrfConfig->nexthopDel(addr);
+        return;
+    }
+    // A result that was there on somebody else's behalf must not vanish for good.
+    if (!in_.nexthopVrfConfig->nexthopHas(addr)) requestNexthop(addr);
+    for (const PathKey& pathKey : paths->pathKey())
+        if (pathKey.dstAddr == addr && in_.pathConfig->pathConfigEntry(pathKey))
+            reviewPath(pathKey, addr);
+}
+
+void NavPathResolutionSm::reviewPath(const PathKey& pathKey, const IpGenAddr& addr) {
+    const Routing::NexthopResult* result = in_.nexthopVrfStatus->nexthop(addr);
+    if (!result) {
+        DUOLOG(pathTrace, 7, "Addr unresolved for ", addr);
+        return updatePathVia(pathKey, Via{});
+    }
+    const Fec& fec = fecOf(*result);
+    DUOLOG(pathTrace, 7, "Addr resolved for ", addr, " fec id: ", result->fecId,
+           " number of via: ", fec.size());
+    if (fec.size() == 0) return;
+    const std::optional<Offer> offer = offerTo(pathKey);
+    std::optional<Via> taken;
+    for (U32 i = 0; i < fec.size(); ++i) {
+        const Via& via = fec.via(ViaIndex(i));
+        DUOLOG(pathTrace, 7, "Nexthop: ", via.hop, ", IntfId: ", via.intfId);
+        if (offer && offer->takes(via)) taken = via;
+    }
+    if (offer) publish(*offer, taken);
+}
+
+void NavPathResolutionSm::updatePathVia(const PathKey& pathKey, const Via& via) {
+    if (const std::optional<Offer> offer = offerTo(pathKey))
+        publish(*offer, offer->takes(via) ? std::optional(via) : std::nullopt);
+}
+
+// Nothing for a path that has no status, no interface, or is not configured (any more).
+std::optional<NavPathResolutionSm::Offer> NavPathResolutionSm::offerTo(const PathKey& pathKey) {
+    VelPathConfigEntry* config = pathConfigEntry_(pathKey);
+    PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey);
+    if (!config || !status) return std::nullopt;
+    const IntfId intf = config->localIntf();
+    if (intf.empty()) return std::nullopt;
+    return Offer{*status, intf, pathTypeOf(config->ipsecProfile())};
+}
+
+bool NavPathResolutionSm::Offer::takes(const Via& via) const {
+    DUOLOG(pathTrace, 7, "PathKey: ", pathKey(), " intf: ", ShortName{intf});
+    if (via == Via{}) {
+        DUOLOG(pathTrace, 7, " Unresolved path: ", pathKey());
+        return true;
+    }
+    if (via.intfId != intf) {
+        DUOLOG(pathTrace, 7, " Via intfId: ", via.intfId, " not for path: ", pathKey(),
+               " Path intf: ", intf);
+        return false;
+    }
+    const PathState state = stateBy(via);
+    if (state == PathState::resolved)
+        DUOLOG(pathTrace, 7, " Resolved path: ", pathKey(), " via: ", via, " pathType: ", type,
+               " pathState: ", state);
+    return true;
+}
+
+// Writes what the via, if one was taken, makes of the path.
+void NavPathResolutionSm::publish(const Offer& offer, const std::optional<Via>& via) {
+    Vel::Hold hold;
+    if (offer.type == PathType::unsecuredPath) offer.status.encapIdIs(noEncapId);
+    if (!via) return;
+    if (const PathKeyInfo* pathKeyInfo = keyInfoOf(offer.pathKey()))
+        offer.status.pathInfoIs({offer.type, offer.stateBy(*via), pathKeyInfo->pathIndex(), *via});
+}
+
+// Whether a path configured in this VRF goes there.
+bool NavPathResolutionSm::isUsed(const IpGenAddr& addr) const {
+    const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
+    if (!paths) return false;
+    for (const PathKey& pathKey : paths->pathKey())
+        if (pathKey.dstAddr == addr && in_.pathConfig->pathConfigEntry(pathKey)) return true;
+    return false;
+}
+
+void NavPathResolutionSm::requestNexthop(const IpGenAddr& addr) {
+    DUOLOG(pathTrace, 7, "Adding ", addr, " to nexthopVrfConfig");
+    in_.nexthopVrfConfig->nexthopIs(addr);
+}
+
+void NavPathResolutionSm::releaseNexthop(const IpGenAddr& addr) {
+    DUOLOG(pathTrace, 7, "Deleting ", addr, " from nexthopVrfConfig");
+    in_.nexthopVrfConfig->nexthopDel(addr);
+}
+
+// A FEC that is not in the table has no vias.
+const Fec& NavPathResolutionSm::fecOf(const Routing::NexthopResult& result) const {
+    static const Fec none;
+    const Fec* fec = result.addr.isV4() ? in_.forwardingStatus->fec(result.fecId)
+                                        : in_.forwarding6Status->fec(result.fecId);
+    return fec ? *fec : none;
+}
+
+// Every configured path has one. Null for a path of which only a status is left.
+PathKeyInfo* NavPathResolutionSm::keyInfoOf(const PathKey& pathKey) const {
+    PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(pathKey);
+    VEL_ASSERT(pathKeyInfo || !in_.pathConfig->pathConfigEntry(pathKey), "!!pathKeyInfo");
+    return pathKeyInfo;
+}
+
+void NavPathResolutionSm::VelPathConfigEntry::handleInitialized() {
+    DUOLOG_ENTRY(pathTrace, pathKey());
+    if (!owner_.initialized_) {
+        DUOLOG(pathTrace, 7, "navPathResolutionSm not initialized");
+        return;
+    }
+    handlePathIpsecProfile();
+    owner_.handlePathConfig(pathKey());
+    in_.dirSm->handlePathConfigured(pathKey(), connection_);
+}
+
+void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfile() {
+    DUOLOG_ENTRY(pathTrace, pathKey());
+    Vel::Hold hold;
+    in_.ipsecPathConfigDir->ipsecPathConfigDel(connection_);
+    connection_ = connectionKeyOf(*in_.navDb, pathKey());
+    in_.ipsecPathConfigDir->ipsecPathConfigDel(connection_);
+    const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(pathKey());
+    if (!pathKeyInfo) return;
+    const U32 pathIndex = pathKeyInfo->pathIndex();
+    if (PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey()))
+        writeUnconnected(*status, pathIndex);
+    // Those told meanwhile may have taken the profile back, or the path.
+    if (ipsecProfile().empty() || in_.pathConfig->pathConfigEntry(pathKey()) != entry_.get())
+        return;
+    DUOLOG(pathTrace, 7, "Adding connection ", connection_, " to ipsecPathConfig");
+    in_.ipsecPathConfigDir->ipsecPathConfigIs(connection_, [&](Ipsec::Path::PathConfig& request) {
+        request.profileIs(ipsecProfile());
+        request.intfIdIs(localIntf());
+        request.connectionNameIs("Path" + std::to_string(pathIndex));
+    });
+}
+
+// The path's status as it is without an IPsec connection, by the via recorded.
+void NavPathResolutionSm::VelPathConfigEntry::writeUnconnected(PathStatusEntry& status,
+                                                               U32 pathIndex) {
+    const PathType type = pathTypeOf(ipsecProfile());
+    if (type == PathType::securedPath)
+        DUOLOG(pathTrace, 7, "Updating pathStatus to secured for path ", pathKey());
+    else
+        DUOLOG(pathTrace, 7, "Updating pathStatus to unsecured for path ", pathKey());
+    const Via& via = status.pathInfo().via;
+    status.pathInfoIs({type, pathStateOf(type, noEncapId, via), pathIndex, via});
+    status.encapIdIs(noEncapId);
+}
+
+void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfileDel() {
+    DUOLOG_ENTRY(pathTrace, pathKey());
+    DUOLOG(pathTrace, 7, "Deleting connection ", connection_, " from ipsecPathConfig");
+    in_.ipsecPathConfigDir->ipsecPathConfigDel(connection_);
+    owner_.handlePathConfig(pathKey());
+}
+
+// The interface that the path leaves by; empty while none has its source address. The database has
+// one interface for an address; where the address is in several VRFs, that of this VRF counts.
+IntfId NavPathResolutionSm::VelPathConfigEntry::localIntf() {
+    const IpGenAddr& addr = pathKey().srcAddr;
+    const IntfId* mapped = in_.navDb->srcToIntfMapping(addr);
+    if (!mapped) return {};
+    const auto& intfs =
+        addr.isV4() ? in_.ipStatusDir->ipIntfStatus() : in_.ip6StatusDir->ipIntfStatus();
+    const auto* status = intfs.find(*mapped);
+    if (!status || (*status)->vrfName() == in_.vrfName) return *mapped;
+
+    const auto hasAddrHere = [&](const Ip::IpIntfStatus& intf) {
+        return intf.vrfName() == in_.vrfName && intf.activeAddrWithMask().addr == addr;
+    };
+    if (const auto* last = intfs.find(intfHere_); last && hasAddrHere(**last)) return intfHere_;
+    for (const Ip::IpIntfStatus& intf : intfs)
+        if (hasAddrHere(intf)) return intfHere_ = intf.intfId();
+    return *mapped;
+}
+
+void NavPathResolutionSm::VelPathStatusEntry::handleInitialized() {
+    if (!owner_.initialized_) {
+        DUOLOG(pathTrace, 7, "navPathResolutionSm not initialized");
+        return;
+    }
+    // The flag may have changed while nobody kept the site's list.
+    const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(entry_->key());
+    if (!pathKeyInfo) return;
+    const auto* site = siteGroupStatus_.siteGroupStatusEntry(pathKeyInfo->siteGroupKey());
+    const bool listed = site && site->pathIndexEntryHas(pathKeyInfo->pathIndex());
+    if (listed != entry_->programmed()) handlePathStatusEntry();
+}
+
+void NavPathResolutionSm::VelPathStatusEntry::handlePathStatusEntry() {
+    DUOLOG_ENTRY(pathTrace, entry_->key());
+    Vel::Hold hold;
+    const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(entry_->key());
+    if (!pathKeyInfo) return;
+    const U32 pathIndex = pathKeyInfo->pathIndex();
+    SiteGroupStatusEntry& site =
+        siteGroupStatus_.siteGroupStatusEntryIs(pathKeyInfo->siteGroupKey());
+    if (entry_->programmed()) {
+        DUOLOG(pathTrace, 7, "Adding pathIndex: ", pathIndex, " to site ", site.key());
+        site.pathIndexEntryIs(pathIndex);
+    } else {
+        DUOLOG(pathTrace, 7, "Deleting pathIndex: ", pathIndex, " from site ", site.key());
+        site.pathIndexEntryDel(pathIndex);
+    }
+}
+
+void NavPathResolutionSm::VelPathStatusEntry::handlePathStatusEntryDelete() {
+    DUOLOG_ENTRY(pathTrace, entry_->key());
+    const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(entry_->key());
+    if (!pathKeyInfo) return;
+    SiteGroupStatusEntry* site = siteGroupStatus_.siteGroupStatusEntry(pathKeyInfo->siteGroupKey());
+    if (!site) return;
+    site->pathIndexEntryDel(pathKeyInfo->pathIndex());
+    if (!site->pathIndexEntry().empty()) return;
+    DUOLOG(pathTrace, 7, "Deleting siteGroupEntry for: ", site->key());
+    siteGroupStatus_.siteGroupStatusEntryDel(site->key());
+}
+
+}  // namespace Nav
