@@ -1,0 +1,66 @@
+// The writer's private account of which units of a segment's heap are free. It lives in no shared
+// memory: it is built from the index at take-over, and again when free units have become too
+// scattered, so a writer's death loses nothing.
+//
+// A value that is replaced by one of its length goes to the place of one replaced `rest` times
+// before: a reader in the middle of a copy then nearly always finishes, even of a key that is being
+// rewritten all the time, and the exchange costs a few instructions.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "platform/Export.h"
+
+namespace Shard {
+
+class VEL_EXPORT Extents {
+  public:
+    static constexpr uint32_t rest = 8;
+    static constexpr uint32_t none = UINT32_MAX;
+
+    explicit Extents(uint32_t longest) : resting_(longest + 1) {}
+
+    // Makes free exactly the units not in `used`.
+    void reset(const std::vector<bool>& used);
+
+    // The first unit of a free extent, or `none` when no free run is long enough; a reset may
+    // then help, since it joins neighbours.
+    uint32_t take(uint32_t length) {
+        auto& units = resting_[length].units;
+        return units.size() > rest ? pop(units) : carve(length);
+    }
+    void giveBack(uint32_t unit, uint32_t length) { resting_[length].units.push_back(unit); }
+    // Both at once, for the same length.
+    uint32_t exchange(uint32_t unit, uint32_t length) {
+        auto& [units, turn] = resting_[length];
+        if (units.size() < rest) [[unlikely]] {
+            const uint32_t taken = carve(length);
+            if (taken != none) units.push_back(unit);
+            return taken;
+        }
+        turn = (turn + 1) % rest;
+        return std::exchange(units[turn], unit);
+    }
+
+  private:
+    struct Run {
+        uint32_t unit, length;
+    };
+    struct Resting {
+        std::vector<uint32_t> units;
+        uint32_t turn{0};
+    };
+    static uint32_t pop(std::vector<uint32_t>& units) {
+        const uint32_t unit = units.back();
+        units.pop_back();
+        return unit;
+    }
+    uint32_t carve(uint32_t length);
+
+    std::vector<Resting> resting_;  // by length
+    std::vector<Run> runs_;
+};
+
+}  // namespace Shard

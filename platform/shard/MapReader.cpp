@@ -1,0 +1,90 @@
+#include "platform/shard/MapReader.h"
+
+#include <poll.h>
+
+#include "platform/netz/Error.h"
+
+namespace Shard {
+
+MapReader::MapReader(const Namespace& space, const std::string& map, const Shape& shape)
+    : space_(space), map_(map), shape_(shape), watch_(std::make_unique<Watch>()) {
+    space.segmentName(map);
+}
+
+MapReader::MapReader(const MapWriter& writer)
+    : shape_(writer.segment()->table().geometry().shape), segment_(writer.segment()) {
+    table_ = segment_->table();
+    state_ = stateOfPhase();
+}
+
+MapReader::~MapReader() = default;
+
+MapState MapReader::stateOfPhase() const {
+    switch (static_cast<Phase>(table_.header().phase.load(std::memory_order_acquire))) {
+        case Phase::mounted:
+            return MapState::mounted;
+        case Phase::quiesced:
+            return MapState::quiesced;
+        default:
+            return MapState::mounting;
+    }
+}
+
+MapState MapReader::update() {
+    if (!watch_) return state_ = stateOfPhase();
+    watch_->drain();
+    Standing standing = Standing::unlinked;
+    if (segment_) {
+        standing = segment_->standing();
+        state_ = standing == Standing::named ? stateOfPhase() : MapState::quiesced;
+    }
+    if (standing == Standing::cut) {
+        drop();
+        corruption("the segment was cut");
+    }
+    if (!segment_ || state_ == MapState::quiesced) remount();
+    return state_;
+}
+
+// A segment that is still being made keeps what there was before it.
+void MapReader::remount() {
+    try {
+        Descriptor fd = Segment::find(*space_, map_);
+        if (!fd) {
+            refusal_.clear();
+            if (!segment_) state_ = MapState::absent;
+            return;
+        }
+        watch_->fileIs(fd);
+        auto next = Segment::mount(*space_, std::move(fd), shape_, refusal_);
+        if (next) {
+            segment_ = std::move(next);
+            table_ = segment_->table();
+            seenWriters_ = 0;
+            state_ = stateOfPhase();
+            return;
+        }
+    } catch (const Vel::Error& error) {
+        refusal_ = error.what();
+    }
+    if (!refusal_.empty()) drop();
+}
+
+void MapReader::drop() {
+    segment_.reset();
+    state_ = refusal_.empty() ? MapState::absent : MapState::refused;
+}
+
+bool MapReader::await(std::chrono::milliseconds timeout) const {
+    struct pollfd wanted {
+        fd(), POLLIN, 0
+    };
+    return poll(&wanted, 1, static_cast<int>(timeout.count())) > 0;
+}
+
+void MapReader::corruption(const char* what) const {
+    ++corruptions_;
+    if (corruptionHandler_) corruptionHandler_("shared map '" + map_ + "': " + what);
+}
+
+}  // namespace Shard

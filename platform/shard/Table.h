@@ -1,0 +1,166 @@
+// The hot paths on a mapped segment, shared by readers in any process and by the writer for its own
+// lookups. A Table only points; the Segment that owns the mapping outlives it.
+//
+// Nothing in a segment is believed: indices are checked against the geometry taken at mount, each
+// loop is bounded, and a copy counts only when the use counter of its unit still is the one that
+// the index word names, which proves that nobody has begun to overwrite what was copied.
+#pragma once
+
+#include "platform/shard/Copy.h"
+#include "platform/shard/Layout.h"
+
+namespace Shard {
+
+enum class Lookup {
+    found,
+    absent,
+    busy,    // the writer outran every attempt: ask again
+    corrupt  // the segment contradicts itself there; the value cannot be had
+};
+
+class Table {
+  public:
+    Table() = default;
+    Table(std::byte* base, const Geometry& geometry, uint64_t seed, const std::atomic<bool>& cut)
+        : header_(reinterpret_cast<Header*>(base)),
+          index_(reinterpret_cast<Slot*>(base + geometry.indexAt())),
+          uses_(base + geometry.usesAt()),
+          ring_(base + geometry.ringAt()),
+          heap_(base + geometry.heapAt()),
+          geometry_(geometry),
+          beginnings_(geometry.beginnings()),
+          seed_(seed),
+          cut_(&cut) {}
+
+    using Slot = std::atomic<uint64_t>;
+
+    Header& header() const { return *header_; }
+    const Geometry& geometry() const { return geometry_; }
+    Slot& slot(uint64_t i) const { return index_[i]; }
+    std::atomic<uint32_t>& use(uint32_t unit) const { return useAt(unit * geometry_.useStride()); }
+    template <Shape shape>
+    std::atomic<uint32_t>& use(uint32_t unit) const {
+        return useAt(uint64_t{unit} * (shape.list ? 4 : shape.unitBytes()));
+    }
+    uint64_t* block(uint32_t unit) const { return blockAt(unit * uint64_t{geometry_.unitBytes}); }
+    template <Shape shape>
+    uint64_t* block(uint32_t unit) const {
+        return blockAt(uint64_t{unit} * shape.unitBytes());
+    }
+    const uint64_t* key(uint32_t unit) const { return block(unit) + 1; }
+    // A record of the change ring: {number of the change, key}.
+    uint64_t* record(uint64_t change) const {
+        const uint64_t at = change & (geometry_.ringRecords - 1);
+        return reinterpret_cast<uint64_t*>(ring_ + at * geometry_.recordBytes());
+    }
+    uint64_t hash(const uint64_t* key, uint32_t words) const { return hashOf(key, words, seed_); }
+    uint64_t home(uint64_t hash) const { return hash & (geometry_.homes - 1); }
+
+    // Copies the value of `key` to where `place(bytes)` says. What is there after any answer but
+    // `found` means nothing.
+    template <Shape shape, class Place>
+    Lookup find(const uint64_t* key, Place&& place) const {
+        const uint64_t hash = this->hash(key, shape.keyWords());
+        for (int attempt = 0; attempt < maxAttempts; ++attempt) {
+            const Lookup result = findOnce<shape>(key, hash, place);
+            if (result != Lookup::busy) [[likely]]
+                return result;
+        }
+        return Lookup::busy;
+    }
+
+    // Copies key and value of the slot. A walk goes from the last slot to the first: a word moves
+    // only towards the first, so that none slips past; one may be met twice.
+    template <Shape shape, class Place>
+    Lookup read(uint64_t slot, uint64_t* key, Place&& place) const {
+        for (int attempt = 0; attempt < maxAttempts; ++attempt) {
+            const Word word{index_[slot].load(std::memory_order_acquire)};
+            if (word.empty()) return Lookup::absent;
+            const auto take = [&](const uint64_t* stored) {
+                copyOut(key, stored, shape.keyBytes);
+                return true;
+            };
+            const Lookup result = visit<shape>(index_[slot], word, take, place);
+            if (result != Lookup::busy) return result;
+        }
+        return Lookup::busy;
+    }
+
+  private:
+    std::atomic<uint32_t>& useAt(uint64_t bytes) const {
+        return *reinterpret_cast<std::atomic<uint32_t>*>(uses_ + bytes);
+    }
+    uint64_t* blockAt(uint64_t bytes) const { return reinterpret_cast<uint64_t*>(heap_ + bytes); }
+    bool cut() const { return cut_->load(std::memory_order_relaxed); }
+    // Enough that only a writer that rewrites one key all the time, on a machine that keeps
+    // suspending the reader, uses them up.
+    static constexpr int maxAttempts = 64;
+
+    template <Shape shape, class Place>
+    Lookup findOnce(const uint64_t* key, uint64_t hash, Place& place) const {
+        const uint64_t moves = header_->moves.load(std::memory_order_acquire);
+        const uint8_t tag = tagOf(hash);
+        const Slot* const first = index_ + home(hash);
+        for (const Slot* slot = first; slot != first + maxProbe; ++slot) {
+            const Word word{slot->load(std::memory_order_acquire)};
+            if (word.empty()) break;
+            if (word.tag() != tag) continue;
+            const auto same = [key](const uint64_t* stored) {
+                for (uint32_t i = 0; i < shape.keyWords(); ++i) {
+                    if (loadWord(stored + i) != key[i]) return false;
+                }
+                return true;
+            };
+            const Lookup result = visit<shape>(*slot, word, same, place);
+            if (result != Lookup::absent) [[likely]]
+                return result;
+        }
+        if (cut()) return Lookup::corrupt;
+        // A word that moved meanwhile may have been overlooked at both of its places.
+        const bool still = header_->moves.load(std::memory_order_acquire) == moves;
+        return still ? Lookup::absent : Lookup::busy;
+    }
+
+    // The value of the block that `word`, found in `slot`, points to, if `wanted(its key)`.
+    // `absent` when not wanted; `busy` when the block was reused meanwhile.
+    template <Shape shape, class Wanted, class Place>
+    Lookup visit(const Slot& slot, Word word, const Wanted& wanted, Place& place) const {
+        const uint32_t unit = word.unit();
+        if (unit >= beginnings_) [[unlikely]]
+            return Lookup::corrupt;
+        const uint64_t* const lead = block<shape>(unit);
+        const uint64_t* const stored = lead + 1;
+        bool sound = true;
+        bool take;
+        if constexpr (shape.list) {
+            const uint64_t bytes = loadWord(lead);
+            sound = bytes <= shape.valueBytes &&
+                    uint64_t{unit} + geometry_.unitsFor(bytes) <= geometry_.units;
+            take = wanted(stored);
+            if (take && sound) copyOut(place(bytes), stored + shape.keyWords(), bytes);
+        } else {
+            take = wanted(stored);
+            if (take) copyOut(place(shape.valueBytes), stored + shape.keyWords(), shape.valueBytes);
+        }
+        if (use<shape>(unit).load(std::memory_order_acquire) != word.use()) [[unlikely]] {
+            // The writer turns the word away from a block before it touches the block.
+            const bool turned = slot.load(std::memory_order_acquire) != word.bits;
+            return turned && !cut() ? Lookup::busy : Lookup::corrupt;
+        }
+        if (!sound || cut()) [[unlikely]]
+            return Lookup::corrupt;
+        return take ? Lookup::found : Lookup::absent;
+    }
+
+    Header* header_{nullptr};
+    Slot* index_{nullptr};
+    std::byte* uses_{nullptr};
+    std::byte* ring_{nullptr};
+    std::byte* heap_{nullptr};
+    Geometry geometry_{};
+    uint32_t beginnings_{0};
+    uint64_t seed_{0};
+    const std::atomic<bool>* cut_{nullptr};
+};
+
+}  // namespace Shard

@@ -1,0 +1,350 @@
+// Who may write, who meets whom, what wakes whom, and what happens with segments that are not what
+// they should be.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <thread>
+
+#include "tests/shard/ShardTest.h"
+
+namespace Shard {
+namespace {
+
+using namespace std::chrono_literals;
+using Value = Checked<6>;
+using Table = Map<uint32_t, Value>;
+constexpr uint32_t capacity = 40;
+
+// A descriptor of the segment as a hostile process of the same user would have it.
+Descriptor openSegment(const Namespace& space, const char* map = "map") {
+    return Descriptor(shm_open(space.segmentName(map).c_str(), O_RDWR | O_CREAT, 0600));
+}
+
+TEST(Segment, ASecondWriterIsRefusedWhileTheFirstLives) {
+    RunDirectory run;
+    auto& ready = shared<std::atomic<bool>>();
+    Child first([&] {
+        Table::Writer writer(run.space, "map", capacity);
+        writer.valueIs(1, Value::of(1, 1));
+        ready = true;
+        for (;;) pause();
+        return 0;
+    });
+    while (!ready) std::this_thread::yield();
+    try {
+        Table::Writer second(run.space, "map", capacity);
+        ADD_FAILURE() << "a second writer";
+    } catch (const Vel::Error& error) {
+        EXPECT_THAT(std::string(error.what()), testing::HasSubstr("'map': already has a writer"));
+    }
+    first.kill();
+    Table::Writer next(run.space, "map", capacity);
+    EXPECT_TRUE(next.tookOver());
+    // A refused writer has done no harm, and a reader's existence never hinders a writer.
+    Value value;
+    EXPECT_TRUE(next.find(1, value) && value.whole(1));
+}
+
+TEST(Segment, AgentsOfDifferentRunDirectoriesDoNotMeet) {
+    RunDirectory here, there;
+    Table::Writer writer(here.space, "map", capacity), other(there.space, "map", capacity);
+    Table::Writer second(here.space, "map2", capacity);
+    writer.valueIs(1, Value::of(1, 5));
+    other.valueIs(1, Value::of(1, 6));
+    Table::Reader reader(Namespace(here.path + "/../" + here.path.substr(5)), "map");
+    reader.update();
+    Value value;
+    ASSERT_EQ(reader.find(1, value), Lookup::found);
+    EXPECT_EQ(value.version(), 5u);
+    EXPECT_EQ(here.names().size(), 2u);
+    writer.quiesce();
+    EXPECT_EQ(here.names().size(), 1u);
+    EXPECT_EQ(there.names().size(), 1u);
+    EXPECT_THROW(Namespace("/no/such/place"), Vel::Error);
+    EXPECT_THROW(here.space.segmentName("../map"), Vel::Error);
+}
+
+TEST(Segment, OrderlyStopTakesTheNamesAndTellsReaders) {
+    RunDirectory run;
+    Table::Reader reader(run.space, "map");
+    {
+        Table::Writer writer(run.space, "map", capacity);
+        writer.valueIs(3, Value::of(3, 1));
+        reader.update();
+    }
+    EXPECT_TRUE(run.names().empty());
+    EXPECT_EQ(reader.update(), MapState::quiesced);
+    Value value;
+    EXPECT_EQ(reader.find(3, value), Lookup::found);  // the last values stay readable
+    Table::Reader late(run.space, "map");
+    EXPECT_EQ(late.update(), MapState::absent);
+    // The next writer begins anew, and the reader goes over to it.
+    Table::Writer writer(run.space, "map", capacity);
+    EXPECT_EQ(reader.update(), MapState::mounting);
+    EXPECT_EQ(reader.changes([](uint32_t) {}), News::everything);
+    EXPECT_EQ(reader.find(3, value), Lookup::absent);
+}
+
+// The events come from the kernel at once, so each must be there without waiting, and none before.
+TEST(Notification, EachEventMakesTheReadersDescriptorReadable) {
+    RunDirectory run;
+    Table::Writer other(run.space, "other", capacity);
+    Table::Reader reader(run.space, "map");
+    EXPECT_EQ(reader.update(), MapState::absent);
+    const auto told = [&] {
+        const bool readable = reader.await(0ms);
+        reader.update();
+        EXPECT_FALSE(reader.await(0ms));
+        return readable;
+    };
+    EXPECT_FALSE(told());
+    auto writer = std::make_unique<Table::Writer>(run.space, "map", capacity);
+    EXPECT_TRUE(told());
+    EXPECT_EQ(reader.state(), MapState::mounting);
+    EXPECT_EQ(reader.changes([](uint32_t) {}), News::everything);
+    writer->mountComplete();
+    EXPECT_TRUE(told());
+    EXPECT_EQ(reader.state(), MapState::mounted);
+
+    // Of another map the reader hears nothing, nor of what is not committed.
+    other.valueIs(1, Value::of(1, 1));
+    other.commit();
+    writer->valueIs(1, Value::of(1, 1));
+    EXPECT_FALSE(told());
+    writer->valueIs(2, Value::of(2, 1));
+    writer->valueDel(1);
+    writer->commit();
+    writer->commit();
+    EXPECT_TRUE(told());
+    std::vector<uint32_t> changed;
+    EXPECT_EQ(reader.changes([&](uint32_t key) { changed.push_back(key); }), News::keys);
+    EXPECT_EQ(changed, (std::vector<uint32_t>{1, 2, 1}));
+    EXPECT_EQ(reader.changes([](uint32_t) {}), News::none);
+
+    // More changes than the ring holds, then exactly as many.
+    const uint32_t ring = Geometry::of(Table::shape, capacity, 0).ringRecords;
+    for (const auto& [count, news] : {std::pair{ring + 1, News::everything}, {ring, News::keys}}) {
+        for (uint32_t i = 0; i < count; ++i) writer->valueIs(2, Value::of(2, i));
+        writer->commit();
+        EXPECT_TRUE(told());
+        EXPECT_EQ(reader.changes([](uint32_t) {}), news);
+    }
+    writer.reset();
+    EXPECT_TRUE(told());
+    EXPECT_EQ(reader.state(), MapState::quiesced);
+    EXPECT_FALSE(reader.writerAlive());
+}
+
+TEST(Notification, ABlockedReaderWakes) {
+    RunDirectory run;
+    auto& seen = shared<std::atomic<uint64_t>>();
+    Child child([&] {
+        Table::Reader reader(run.space, "map");
+        Value value;
+        for (reader.update(); reader.state() != MapState::quiesced; reader.update()) {
+            if (reader.find(1, value) == Lookup::found) seen = value.version();
+            if (!reader.await(20s)) return 1;
+        }
+        return 0;
+    });
+    const auto limit = deadline(20);
+    Table::Writer writer(run.space, "map", capacity);
+    for (uint64_t version = 1; version <= 100; ++version) {
+        writer.valueIs(1, Value::of(1, version));
+        writer.commit();
+        while (seen != version) ASSERT_FALSE(passed(limit)) << version;
+    }
+    writer.quiesce();
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(Notification, AReaderWakesWhenTheWriterDies) {
+    RunDirectory run;
+    auto& ready = shared<std::atomic<bool>>();
+    Child child([&] {
+        Table::Writer writer(run.space, "map", capacity);
+        writer.valueIs(1, Value::of(1, 1));
+        ready = true;
+        for (;;) pause();
+        return 0;
+    });
+    while (!ready) std::this_thread::yield();
+    Table::Reader reader(run.space, "map");
+    reader.update();
+    EXPECT_TRUE(reader.writerAlive());
+    EXPECT_FALSE(reader.await(0ms));
+    child.kill();
+    EXPECT_TRUE(reader.await(20s));
+    EXPECT_FALSE(reader.writerAlive());
+    // The next writer works on the same segment; a changed capacity makes a new one instead.
+    Table::Writer(run.space, "map", capacity).leave();
+    reader.update();
+    Value value;
+    EXPECT_EQ(reader.find(1, value), Lookup::found);
+    Table::Writer larger(run.space, "map", 10 * capacity);
+    EXPECT_FALSE(larger.tookOver());
+    reader.update();
+    EXPECT_EQ(reader.find(1, value), Lookup::absent);
+}
+
+TEST(Damage, AReaderRefusesWhatDoesNotFitAndComesBackWhenItDoes) {
+    RunDirectory run;
+    const auto refusalOf = [&](auto&& reader) {
+        EXPECT_EQ(reader.update(), MapState::refused);
+        return reader.refusal();
+    };
+    Table::Writer(run.space, "map", capacity).leave();
+    EXPECT_EQ(refusalOf(Map<uint32_t, Checked<7>>::Reader(run.space, "map")),
+              "has 8 bytes of key, 48 bytes of value, schema 1; "
+              "expected 8 bytes of key, 56 bytes of value, schema 1");
+    EXPECT_NE(refusalOf(Map<uint32_t, Value, 2>::Reader(run.space, "map")), "");
+    EXPECT_NE(refusalOf(Map<Checked<2>, Value>::Reader(run.space, "map")), "");
+    EXPECT_NE(refusalOf(ListMap<uint32_t, uint64_t, 6>::Reader(run.space, "map")), "");
+
+    Table::Reader reader(run.space, "map");
+    reader.update();
+    const struct {
+        off_t at;
+        uint32_t value;
+        const char* refusal;
+    } cases[] = {{0, 17, "not a shared map"},
+                 {offsetof(Header, layoutVersion), 9, "has layout version 9, not 1"},
+                 {offsetof(Header, geometry.homes), 96, "has an impossible geometry"},
+                 {offsetof(Header, geometry.homes), 0, "has an impossible geometry"},
+                 {offsetof(Header, geometry.units), 4000000, "bytes where its header needs"}};
+    for (const auto& c : cases) {
+        const Descriptor fd = openSegment(run.space);
+        ASSERT_EQ(pwrite(fd.get(), &c.value, 4, c.at), 4);
+        Table::Reader late(run.space, "map");
+        EXPECT_THAT(refusalOf(late), testing::HasSubstr(c.refusal));
+        Table::Writer writer(run.space, "map", capacity);  // replaces it
+        EXPECT_FALSE(writer.tookOver());
+        EXPECT_EQ(late.update(), MapState::mounting);
+        EXPECT_EQ(reader.update(), MapState::mounting);
+        writer.leave();
+    }
+    // Somebody else's segment, and one that everybody may write.
+    fchmod(openSegment(run.space).get(), 0622);
+    EXPECT_NE(refusalOf(Table::Reader(run.space, "map")), "");
+    EXPECT_THROW(Table::Writer(run.space, "map", capacity), Vel::Error);
+    shm_unlink(run.space.segmentName("map").c_str());
+}
+
+TEST(Damage, ASegmentCutUnderReaderAndWriterIsReported) {
+    for (const off_t left : {0, 100, 4096, 8192}) {
+        RunDirectory run;
+        using Big = Map<uint32_t, Checked<600>>;
+        auto writer = std::make_unique<Big::Writer>(run.space, "map", capacity);
+        Big::Reader reader(run.space, "map"), watching(run.space, "map");
+        for (uint32_t key = 0; key < capacity; ++key) {
+            writer->valueIs(key, Checked<600>::of(key, 1));
+        }
+        std::string reported;
+        reader.corruptionHandlerIs([&](const std::string& what) { reported = what; });
+        reader.update();
+        watching.update();
+        ASSERT_EQ(ftruncate(openSegment(run.space).get(), left), 0);
+        Checked<600> value;
+        for (uint32_t key = 0; key < capacity; ++key) {
+            EXPECT_TRUE(reader.find(key, value) != Lookup::found || value.whole(key));
+        }
+        // Cut within the page of the index, the segment reads as an empty map.
+        EXPECT_EQ(reader.corruptions() > 0, left != 100);
+        EXPECT_EQ(reported.empty(), left == 100);
+        EXPECT_TRUE(watching.await(0ms));
+        EXPECT_EQ(watching.update(), left ? MapState::refused : MapState::absent);
+        EXPECT_EQ(watching.corruptions(), 1u);
+        const auto goOn = [&] {
+            for (uint32_t key = 0; key < capacity; ++key) {
+                writer->valueIs(key, Checked<600>::of(key, 2));
+            }
+            writer->commit();
+        };
+        EXPECT_THROW(goOn(), Vel::Error);
+        writer.reset();
+        Big::Writer next(run.space, "map", capacity);
+        EXPECT_FALSE(next.tookOver());
+        EXPECT_EQ(watching.update(), MapState::mounting);
+    }
+}
+
+// Overwrites parts of a sound segment and uses it as readers and the next writer would.
+template <class Map, class Value>
+void fuzz(uint64_t seed, int rounds, auto&& makeWriter, auto&& valueOf) {
+    Random random = seeded(seed);
+    RunDirectory run;
+    std::vector<char> sound;
+    {
+        auto writer = makeWriter(run.space);
+        for (uint32_t key = 0; key < capacity; ++key) writer.valueIs(key, valueOf(key));
+        writer.commit();
+        writer.leave();
+        const Descriptor fd = openSegment(run.space);
+        sound.resize(std::filesystem::file_size("/dev/shm" + run.space.segmentName("map")));
+        ASSERT_EQ(pread(fd.get(), sound.data(), sound.size(), 0), ssize_t(sound.size()));
+    }
+    const uint64_t interesting[] = {0, 1, 63, 64, 127, 0x7fffffff, 0xffffffff, 1ULL << 63, ~0ULL};
+    typename Map::Reader reader(run.space, "map");
+    int taken = 0, mounted = 0, corrupt = 0;
+    for (int round = 0; round < rounds; ++round) {
+        std::vector<char> bytes = sound;
+        for (uint64_t i = below(random, 8) * below(random, 8) + 1; i > 0; --i) {
+            const uint64_t reach = below(random, 3) ? 1600 : bytes.size();
+            const uint64_t at = below(random, std::min<uint64_t>(reach, bytes.size() - 8));
+            const uint64_t word = below(random, 2) ? random() : interesting[below(random, 9)];
+            std::memcpy(&bytes[at], &word, 1 + below(random, 8));
+            // Most rounds keep the header's constants, or little else would ever be tried.
+            if (i == 1 && below(random, 8)) std::memcpy(&bytes[0], &sound[0], 64);
+        }
+        if (below(random, 16) == 0) bytes.resize(below(random, bytes.size()));
+        {
+            const Descriptor fd = openSegment(run.space);
+            ASSERT_EQ(ftruncate(fd.get(), 0), 0);
+            ASSERT_EQ(pwrite(fd.get(), bytes.data(), bytes.size(), 0), ssize_t(bytes.size()));
+        }
+        const uint64_t corruptions = reader.corruptions();
+        reader.update();
+        mounted += reader.state() != MapState::refused && reader.state() != MapState::absent;
+        Value value;
+        for (uint32_t key = 0; key < capacity + 8; ++key) reader.find(key, value);
+        uint64_t walked = 0;
+        reader.forEach([&](uint32_t, const Value&) { ++walked; });
+        reader.changes([](uint32_t) {});
+        reader.changes([](uint32_t) {});
+        corrupt += reader.corruptions() > corruptions;
+        ASSERT_LT(walked, 1000u);
+
+        auto writer = makeWriter(run.space);
+        taken += writer.tookOver();
+        for (uint32_t key = 0; key < 3 * capacity; ++key) writer.valueDel(key);
+        writer.clear();
+        for (uint32_t key = 0; key < capacity; ++key) writer.valueIs(key, valueOf(key));
+        writer.commit();
+        reader.update();
+        for (uint32_t key = 0; key < capacity; ++key) {
+            ASSERT_EQ(reader.find(key, value), Lookup::found) << "round " << round;
+            ASSERT_EQ(value, valueOf(key)) << "round " << round;
+        }
+        shm_unlink(run.space.segmentName("map").c_str());
+    }
+    // Each way out must have been tried.
+    EXPECT_GT(mounted, rounds / 4);
+    EXPECT_LT(mounted, rounds);
+    EXPECT_GT(taken, 0);
+    EXPECT_LT(taken, rounds);
+    EXPECT_GT(corrupt, rounds / 10);
+}
+
+TEST(Damage, RandomBytesNeitherCrashNorLoop) {
+    fuzz<Table, Value>(
+        11, 4000, [](const Namespace& space) { return Table::Writer(space, "map", capacity); },
+        [](uint32_t key) { return Value::of(key, 1); });
+    using Lists = ListMap<uint32_t, Record, 32>;
+    fuzz<Lists, std::vector<Record>>(
+        12, 4000,
+        [](const Namespace& space) { return Lists::Writer(space, "map", capacity, 1000); },
+        [](uint32_t key) { return checkedList(key, key, 32); });
+}
+
+}  // namespace
+}  // namespace Shard

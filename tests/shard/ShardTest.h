@@ -1,0 +1,122 @@
+// What the tests of shared maps have in common: a run directory of their own, child processes, and
+// values that know whether they are whole.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/netz/Error.h"
+#include "platform/shard/Map.h"
+
+namespace Shard {
+
+struct RunDirectory {
+    RunDirectory() : path(mkdtemp(pattern)), space(path) {}
+    ~RunDirectory() { std::filesystem::remove(path); }
+    // The shared-memory names of this directory's agent.
+    std::vector<std::string> names() const {
+        std::vector<std::string> found;
+        const std::string prefix = space.segmentName("x").substr(1, 22);
+        for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+            const std::string name = entry.path().filename();
+            if (name.starts_with(prefix)) found.push_back(name);
+        }
+        return found;
+    }
+
+    char pattern[24] = "/tmp/shard-test-XXXXXX";
+    std::string path;
+    Namespace space;
+};
+
+using Random = std::mt19937_64;
+inline Random seeded(uint64_t seed) {
+    std::cout << "seed " << seed << std::endl;
+    return Random(seed);
+}
+inline uint64_t below(Random& random, uint64_t bound) {
+    return random() % bound;
+}
+
+inline auto deadline(int seconds) {
+    return std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+}
+inline bool passed(std::chrono::steady_clock::time_point time) {
+    return std::chrono::steady_clock::now() > time;
+}
+
+// Memory that children share with their parent.
+template <class T>
+T& shared() {
+    void* memory =
+        mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return *new (memory) T{};
+}
+
+class Child {
+  public:
+    template <class Body>
+    explicit Child(Body&& body) : pid_(fork()) {
+        if (pid_ != 0) return;
+        int code = 99;
+        try {
+            code = body();
+        } catch (const std::exception& error) {
+            std::cerr << "child: " << error.what() << std::endl;
+        }
+        _exit(code);
+    }
+    ~Child() { kill(); }
+    // What it returned, or minus the signal that ended it.
+    int wait() {
+        int status = 0;
+        waitpid(std::exchange(pid_, 0), &status, 0);
+        return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+    }
+    void kill() {
+        if (pid_ <= 0) return;
+        ::kill(pid_, SIGKILL);
+        wait();
+    }
+
+  private:
+    pid_t pid_;
+};
+
+// Every word follows from key and version, so that a torn or misplaced value shows.
+template <size_t words>
+struct Checked {
+    uint64_t word[words];
+
+    static Checked of(uint64_t key, uint64_t version) {
+        Checked value;
+        value.word[0] = version;
+        for (size_t i = 1; i < words; ++i) value.word[i] = (version + i) * 0x9e3779b97f4a7c15 ^ key;
+        return value;
+    }
+    uint64_t version() const { return word[0]; }
+    bool whole(uint64_t key) const { return *this == of(key, word[0]); }
+    bool operator==(const Checked&) const = default;
+};
+
+// Does the same for lists: the length follows from the version too.
+using Record = Checked<6>;  // as large as a forwarding via
+inline std::vector<Record> checkedList(uint64_t key, uint64_t version, uint32_t longest) {
+    std::vector<Record> list(1 + (version * 0x2545f4914f6cdd1d >> 40) % longest);
+    for (size_t i = 0; i < list.size(); ++i) list[i] = Record::of(key + i, version);
+    return list;
+}
+
+}  // namespace Shard
