@@ -1,0 +1,133 @@
+#include "nav/root/NavRootSm.h"
+
+#include "nav/root/Answer.h"
+#include "nav/root/RootTrace.h"
+
+namespace Nav {
+
+namespace {
+
+constexpr std::string_view nothing = "{ }";
+
+// How far a path has come. A path without status counts as one with a default status.
+std::string_view stateWord(const PathStatusEntry* status) {
+    const HwPathInfo info = status ? status->pathInfo() : HwPathInfo{};
+    const bool secured = info.pathType == PathType::securedPath;
+    if (status && status->programmed()) return secured ? "Ipsec Estab" : "Estab";
+    if (info.pathState == PathState::resolved) return "Arp Pending";
+    if (info.via == Shard::Fib::Via{}) return "Route Pending";
+    return secured ? "Ipsec Pending" : "Unknown";
+}
+
+}  // namespace
+
+NavRootSm::NavRootSm(const Inputs& inputs)
+    : in_(inputs),
+      navConfigured_(
+          Vel::Watch::to<&NavRootSm::handleNavConfigured, &NavCliConfig::navConfiguredAttr>(
+              in_.cliConfig, this)) {}
+
+NavRootSm::~NavRootSm() {
+    doCleanup();
+}
+
+Vel::Ptr<NavRootSm> NavRootSmIs(const NavInputs& inputs) {
+    Vel::requireInputs<NavRootSm>(inputs);
+    Vel::Ptr<NavRootSm> root = Vel::make<NavRootSm>(inputs);
+    root->handleInitialized();
+    return root;
+}
+
+void NavRootSm::handleInitialized() {
+    DUOLOG_ENTRY(rootTrace);
+    if (initialized_) {
+        DUOLOG(rootTrace, 7, "handleInitialized", ":", "already initialized");
+        return;
+    }
+    handleNavConfigured();
+    initialized_ = true;
+}
+
+void NavRootSm::handleNavConfigured() {
+    DUOLOG_ENTRY(rootTrace);
+    in_.navStatusDir->navPathStatusDirIs("navPathStatusDir");
+    in_.navStatusDir->navLbProfileStatusIs("navLbProfileDir");
+    if (!navCliCallback_) navCliCallback_ = Vel::make<CliCallback>("navCli", "nav", *this);
+    auto& requests = navCliRequestDirSm_.is({in_.navCliRequestDir});
+    requests.callbackIs(navCliCallback_);
+    requests.handleCommandDir();
+
+    if (in_.cliConfig->navConfigured()) {
+        DUOLOG(rootTrace, 7, __PRETTY_FUNCTION__, ": ", "Creating Nav container");
+        navContainer_.is(in_);
+    } else {
+        DUOLOG(rootTrace, 7, __PRETTY_FUNCTION__, ": ", "Deleting Nav container");
+        navContainer_.del();
+    }
+}
+
+void NavRootSm::doCleanup() {
+    DUOLOG_ENTRY(rootTrace);
+    navContainer_.del();
+    navCliRequestDirSm_.del();
+    if (navCliCallback_) navCliCallback_->navRootSmDel();
+    navCliCallback_ = nullptr;
+    in_.navStatusDir->navPathStatusDirDel();
+    in_.navStatusDir->navLbProfileStatusDel();
+}
+
+// The database, if it has paths to show.
+const NavDb* NavRootSm::shownNavDb() const {
+    const NavDb* navDb = navContainer_ ? navContainer_->navDb() : nullptr;
+    return navDb && !navDb->pathKeyInfo().empty() ? navDb : nullptr;
+}
+
+void NavRootSm::showNavPaths(U32 fd) const {
+    const NavDb* navDb = shownNavDb();
+    if (!navDb) return sendAnswer(fd, nothing);
+    const PathStatusDir* statusDir = in_.navStatusDir->navPathStatusDir();
+    const PathStatus* vrf = nullptr;  // of the path before; mostly of the next one too
+    Answer answer;
+    answer << "{'navPathSelPaths': [";
+    for (const PathKeyInfo& path : navDb->pathKeyInfo()) {
+        if (statusDir && (!vrf || vrf->vrfName() != path.vrfName()))
+            vrf = statusDir->pathStatus(path.vrfName());
+        const auto* status = vrf ? vrf->pathStatusEntry(path.pathKey()) : nullptr;
+        answer << "{ 'pathGroup' : '" << path.siteGroupKey().name   //
+               << "', 'source' : '" << path.pathKey().srcAddr       //
+               << "', 'destination' : '" << path.pathKey().dstAddr  //
+               << "', 'peer' : '" << path.siteGroupKey().routerIp   //
+               << "', 'state' : '" << stateWord(status)             //
+               << "',  'pathName': 'Path" << path.pathIndex() << "', }, ";
+    }
+    answer << "]}";
+    answer.send(fd);
+}
+
+void NavRootSm::getNavPeers(U32 fd) const {
+    const NavDb* navDb = shownNavDb();
+    if (!navDb) return sendAnswer(fd, nothing);
+    Answer answer;
+    answer << "{'navPeers': {";
+    for (const PathKeyInfo& path : navDb->pathKeyInfo())
+        answer << path.pathIndex() << " : '" << path.siteGroupKey().routerIp << "', ";
+    answer << "}}";
+    answer.send(fd);
+}
+
+void NavRootSm::getNavMappings(U32 fd) const {
+    const NavDb* navDb = shownNavDb();
+    if (!navDb) return sendAnswer(fd, nothing);
+    Answer answer;
+    answer << "{'groups': {";
+    for (const PathKeyInfo& path : navDb->pathKeyInfo())
+        answer << path.pathIndex() << " : '" << path.siteGroupKey().name << "', ";
+    answer << "}, 'vrfApps': {";
+    for (const VrfApp& app : navDb->vrfApp())
+        answer << "(" << app.key.vrfId << ", " << app.key.appId << "): ('" << app.vrfName << "', '"
+               << app.appName << "'), ";
+    answer << "}}";
+    answer.send(fd);
+}
+
+}  // namespace Nav

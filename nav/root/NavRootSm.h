@@ -1,0 +1,81 @@
+// The root of the path-selection system, which a host agent creates with what it has to offer:
+//
+//     Vel::Ptr<Nav::NavRootSm> root = Nav::NavRootSmIs({.cliConfig = …, …, .scheduler = …});
+//
+// While the configuration says that the feature is configured, the root keeps a container with
+// everything that works; otherwise nothing derived exists. The status directories and the command
+// interface live as long as the root: a show command is answered in either case.
+//
+// Letting the last pointer go tears everything down. The root has no thread: whatever happens,
+// happens in a notification, in a task of the scheduler or in a command request, all on the host's
+// one event thread. The inputs outlive the root.
+#pragma once
+
+#include "nav/root/CliCallback.h"
+#include "nav/root/NavContainer.h"
+#include "nav/root/NavInputs.h"
+
+namespace Nav {
+
+class NAV_EXPORT NavRootSm final : public Vel::Reactor {
+  public:
+    static constexpr std::string_view name = "Nav::NavRootSm";
+    using Inputs = NavInputs;
+
+    explicit NavRootSm(const Inputs& inputs);
+    const Inputs& inputs() const { return in_; }
+
+    void handleInitialized() override;
+    void doCleanup() override;
+    // The configuration was replaced, or its flag changed.
+    void handleNavConfigured();
+
+    // Puts another entity in the place of an input. What was derived from the old one is withdrawn,
+    // and everything is derived anew. The same entity changes nothing; null is refused with an
+    // error that names the attribute.
+    template <class T>
+    void inputIs(Vel::Input<T> NavInputs::*input, Vel::Ptr<T> entity);
+
+    bool initialized() const { return initialized_; }
+    NavContainer* navContainer() const { return navContainer_.get(); }  // null: not configured
+    CliCallback* navCliCallback() const { return navCliCallback_.get(); }
+    Agent::AgentCommandRequestDirSm* navCliRequestDirSm() const {
+        return navCliRequestDirSm_.get();
+    }
+
+    // The show commands: each writes one whole answer to the descriptor.
+    void showNavPaths(U32 fd) const;
+    void getNavPeers(U32 fd) const;
+    void getNavMappings(U32 fd) const;
+
+  private:
+    ~NavRootSm() override;
+
+    const NavDb* shownNavDb() const;
+
+    Inputs in_;
+    bool initialized_ = false;
+    Vel::Watch navConfigured_;
+    Vel::Owned<NavContainer> navContainer_;
+    Vel::Ptr<CliCallback> navCliCallback_;
+    Vel::Owned<Agent::AgentCommandRequestDirSm> navCliRequestDirSm_;
+};
+
+// Makes a root and initialises it. Refuses a null input.
+NAV_EXPORT Vel::Ptr<NavRootSm> NavRootSmIs(const NavInputs& inputs);
+
+template <class T>
+void NavRootSm::inputIs(Vel::Input<T> NavInputs::*input, Vel::Ptr<T> entity) {
+    if ((in_.*input).ptr() == entity) return;
+    std::string_view attribute;
+    Vel::eachField<NavInputs>([&](const auto& field) {
+        if constexpr (requires { field.member == input; })
+            if (field.member == input) attribute = field.name;
+    });
+    if (!entity) Vel::nullInput(name, attribute);
+    doCleanup();
+    (in_.*input).replace(std::move(entity), name, attribute);
+    if constexpr (!std::is_same_v<T, NavCliConfig>) handleNavConfigured();  // else watched
+}
+
+}  // namespace Nav

@@ -1,0 +1,142 @@
+// A root with its seventeen inputs, as the tests of the reactors share it. A failed assertion of
+// the library throws AssertionFailed; when a test ends, no entity may be left that was not there
+// before.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "nav/root/NavRootSm.h"
+#include "platform/trace/Duolog.h"
+
+namespace Nav::Test {
+
+struct AssertionFailed : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+inline Netz::IpGenAddr ip(std::string_view text) {
+    return Netz::IpGenAddr::parse(text).value();
+}
+inline Netz::IpAddrWithMask ipMask(std::string_view text) {
+    return Netz::IpAddrWithMask::parse(text).value();
+}
+
+// Declared first, so that it looks when everything else is gone.
+struct LiveObjectCheck {
+    const std::map<std::string, Vel::U32> baseline = Vel::liveObjects();
+    ~LiveObjectCheck() { EXPECT_EQ(Vel::liveObjects(), baseline); }
+};
+
+class NavFixture : public testing::Test {
+  protected:
+    NavFixture() {
+        Vel::assertHandlerIs(
+            [](const char* text, const char*, int) -> void { throw AssertionFailed(text); });
+    }
+    ~NavFixture() override {
+        root = nullptr;
+        Duolog::captureIs(nullptr);
+        Vel::assertHandlerIs(nullptr);
+    }
+
+    // The root, with the feature switched on unless told otherwise.
+    void start(bool configured = true) {
+        cli.navConfiguredIs(configured);
+        root = NavRootSmIs(in);
+    }
+    NavDb& navDb() { return *root->navContainer()->navDb(); }
+    PathStatusDir& pathStatusDir() { return *in.navStatusDir->navPathStatusDir(); }
+
+    // What an operator or a service of the router does, one call each.
+    void address(const std::string& intf, const std::string& addrWithMask) {
+        intfStatus(intf).activeAddrWithMaskIs(ipMask(addrWithMask));
+    }
+    void noAddress(const std::string& intf) { intfStatus(intf).activeAddrWithMaskIs({}); }
+    void intfVrf(const std::string& intf, const std::string& vrf) {
+        intfStatus(intf).vrfNameIs(vrf);
+    }
+    void noIntf(const std::string& intf) { in.ipStatusDir->ipIntfStatusDel(Netz::IntfId(intf)); }
+    Ip::IpIntfStatus& intfStatus(const std::string& intf) {
+        return in.ipStatusDir->ipIntfStatusIs(Netz::IntfId(intf));
+    }
+    void vrfId(const std::string& vrf, U32 id) {
+        in.routingHwRouteStatus->vrfStatusIs(vrf).vrfIdIs(id);
+    }
+    PathGroupConfig& group(const std::string& name) { return cli.pathGroupConfigIs(name); }
+    void listIntf(const std::string& name, const std::string& intf) {
+        group(name).localIntfIs(Netz::IntfId(intf));
+    }
+    void unlistIntf(const std::string& name, const std::string& intf) {
+        group(name).localIntfDel(Netz::IntfId(intf));
+    }
+    void via(const std::string& name, const std::string& site, const std::string& dst) {
+        group(name).remoteViaConfigIs(ip(site)).remoteViaIs(ip(dst));
+    }
+    void noVia(const std::string& name, const std::string& site, const std::string& dst) {
+        group(name).remoteViaConfigIs(ip(site)).remoteViaDel(ip(dst));
+    }
+
+    static PathKey key(const std::string& src, const std::string& dst, U32 vrf = 0) {
+        return {ip(src), ip(dst), vrf};
+    }
+    // The configuration entry of a path, in whichever VRF it is; null if there is none.
+    PathConfigEntry* configEntry(const PathKey& pathKey) {
+        for (PathConfig& vrf : in.pathConfigDir->pathConfig())
+            if (auto* entry = vrf.pathConfigEntry(pathKey)) return entry;
+        return nullptr;
+    }
+    U32 indexOf(const PathKey& pathKey) {
+        const auto* entry = configEntry(pathKey);
+        return entry ? entry->pathIndex() : 0;
+    }
+    std::set<PathKey> configuredPaths() {
+        std::set<PathKey> keys;
+        for (const PathConfig& vrf : in.pathConfigDir->pathConfig())
+            for (const auto& entry : vrf.pathConfigEntry())
+                EXPECT_TRUE(keys.insert(entry.key()).second) << entry.key();
+        return keys;
+    }
+
+    // Every trace line of a facility from now on, down to the entries of handlers.
+    std::vector<std::string>& capture(const char* facility) {
+        Duolog::levelIs(facility, 8);
+        traces_.clear();
+        Duolog::captureIs(&traces_);
+        return traces_;
+    }
+    bool traced(const std::string& text) const {
+        return std::find(traces_.begin(), traces_.end(), text) != traces_.end();
+    }
+
+    LiveObjectCheck live;
+    Loom::ManualClock clock;
+    NavInputs in{Vel::make<NavCliConfig>("cliConfig"),
+                 Vel::make<PathConfigDir>("pathConfigDir"),
+                 Vel::make<NavStatusDir>("navStatusDir"),
+                 Vel::make<SiteGroupStatus>("siteGroupStatus"),
+                 Vel::make<HwPathStatus>("hwPathStatus"),
+                 Vel::make<Ipsec::Path::PathConfigDir>("ipsecPathConfigDir"),
+                 Vel::make<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir"),
+                 Vel::make<Classification::FeaturePolicyDir>("navFeaturePolicyDir"),
+                 Vel::make<Ip::Status>("ipStatusDir"),
+                 Vel::make<Ip6::Status>("ip6StatusDir"),
+                 Vel::make<Routing::NexthopConfig>("nexthopConfig"),
+                 Vel::make<Routing::NexthopStatus>("nexthopStatus"),
+                 Vel::make<Shard::Fib::ForwardingStatus>("forwardingStatus"),
+                 Vel::make<Shard::Fib6::ForwardingStatus>("forwarding6Status"),
+                 Vel::make<Routing::Hardware::RouteStatus>("routingHwRouteStatus"),
+                 Vel::make<Vel::Dir>("navCliRequestDir"),
+                 Vel::make<Vel::Scheduler>(clock)};
+    NavCliConfig& cli = *in.cliConfig;
+    Vel::Ptr<NavRootSm> root;
+
+  private:
+    std::vector<std::string> traces_;
+};
+
+}  // namespace Nav::Test

@@ -1,0 +1,139 @@
+#include "tests/nav/NavFixture.h"
+
+namespace Nav::Test {
+namespace {
+
+class RootTest : public NavFixture {
+  protected:
+    // One group with one path, secured or not.
+    void onePath() {
+        address("wan1", "203.0.113.1/24");
+        listIntf("internet", "wan1");
+        via("internet", "10.255.0.2", "198.51.100.2");
+    }
+    // All that the library publishes, as data.
+    std::vector<Vel::Datum> published() {
+        return {Vel::toDatum(*in.pathConfigDir),       Vel::toDatum(*in.navStatusDir),
+                Vel::toDatum(*in.siteGroupStatus),     Vel::toDatum(*in.ipsecPathConfigDir),
+                Vel::toDatum(*in.navFeaturePolicyDir), Vel::toDatum(*in.nexthopConfig)};
+    }
+};
+
+TEST_F(RootTest, ContainerFollowsTheFlag) {
+    capture("root");
+    start(false);
+    EXPECT_TRUE(root->initialized());
+    EXPECT_EQ(root->navContainer(), nullptr);
+    ASSERT_TRUE(in.navStatusDir->navPathStatusDir() && in.navStatusDir->navLbProfileStatus());
+    EXPECT_EQ(in.navStatusDir->navPathStatusDir()->name(), "navPathStatusDir");
+    EXPECT_EQ(in.navStatusDir->navLbProfileStatus()->name(), "navLbProfileDir");
+
+    onePath();
+    cli.navConfiguredIs(true);
+    ASSERT_NE(root->navContainer(), nullptr);
+    EXPECT_EQ(root->navContainer()->navPathGroupDirSm()->inputs().maxPathIndex, 128u);
+    EXPECT_EQ(root->navContainer()->navLbProfileSm()->inputs().maxLbIndex, 1023u);
+    EXPECT_EQ(configuredPaths().size(), 1u);
+    const NavContainer* first = root->navContainer();
+    const Vel::Ptr<NavContainer> kept(*root->navContainer());
+
+    const auto before = capture("root").size();
+    root->handleInitialized();
+    root->navContainer()->handleInitialized();
+    EXPECT_EQ(before, 0u);
+    EXPECT_TRUE(traced("handleInitialized:already initialized"));
+    root->handleNavConfigured();
+    EXPECT_EQ(root->navContainer(), first) << "a container that is there is kept";
+
+    cli.navConfiguredIs(false);
+    EXPECT_EQ(kept->navDb(), nullptr);
+    in.ipsecPathConfigDir->ipsecPathConfigIs({ip("192.0.2.1"), ip("192.0.2.2"), "stale"});
+    cli.navConfiguredIs(true);
+    EXPECT_NE(root->navContainer(), first);
+    EXPECT_TRUE(in.ipsecPathConfigDir->ipsecPathConfig().empty());
+    EXPECT_EQ(indexOf(key("203.0.113.1", "198.51.100.2")), 1u);
+}
+
+TEST_F(RootTest, SwitchedOffLeavesNothingAndOnAgainEqualsAFreshStart) {
+    start(false);
+    const auto empty = published();
+    cli.navConfiguredIs(true);
+    onePath();
+    via("lte", "10.255.0.3", "198.51.100.3");
+    listIntf("lte", "lte1");
+    group("lte").ipsecProfileIs("gold");
+    vrfId("blue", 5);
+    intfVrf("lte1", "blue");
+    address("lte1", "192.0.2.1/24");
+    in.nexthopStatus->vrfIs("default");
+    in.hwPathStatus->hwPathStatusListIs({ip("203.0.113.1"), ip("198.51.100.2"), 0, 1})
+        .hwPathIndexIs(7);
+    in.hwPathStatus->hwPathStatusListIs({ip("203.0.113.1"), ip("198.51.100.2"), 0, 1})
+        .hwArpIndexIs(7);
+    intfVrf("wan1", "green");  // leaves a VRF without interfaces behind
+    intfVrf("wan1", "default");
+    EXPECT_EQ(configuredPaths().size(), 2u);
+
+    cli.navConfiguredIs(false);
+    EXPECT_EQ(published(), empty);
+    cli.navConfiguredIs(true);
+    const auto again = published();
+    EXPECT_EQ(configuredPaths().size(), 2u);
+    root = nullptr;
+    EXPECT_EQ(in.navStatusDir->navPathStatusDir(), nullptr);
+    EXPECT_EQ(in.navStatusDir->navLbProfileStatus(), nullptr);
+    start();
+    EXPECT_EQ(published(), again);
+}
+
+TEST_F(RootTest, AReplacedInputMakesANewContainer) {
+    onePath();
+    start();
+    const NavContainer* first = root->navContainer();
+    const Vel::Ptr<NavContainer> kept(*root->navContainer());
+    root->inputIs(&NavInputs::cliConfig, in.cliConfig.ptr());
+    EXPECT_EQ(root->navContainer(), first);
+
+    auto other = Vel::make<NavCliConfig>("cliConfig");
+    root->inputIs(&NavInputs::cliConfig, other);
+    EXPECT_EQ(root->navContainer(), nullptr) << "the new configuration is switched off";
+    EXPECT_TRUE(configuredPaths().empty());
+    cli.navConfiguredIs(false);
+    cli.navConfiguredIs(true);
+    EXPECT_EQ(root->navContainer(), nullptr) << "the old one is watched no more";
+    other->navConfiguredIs(true);
+    EXPECT_NE(root->navContainer(), nullptr);
+
+    auto interfaces = Vel::make<Ip::Status>("ipStatusDir");
+    interfaces->ipIntfStatusIs(Netz::IntfId("wan1")).activeAddrWithMaskIs(ipMask("203.0.113.9/24"));
+    root->inputIs(&NavInputs::cliConfig, in.cliConfig.ptr());
+    root->inputIs(&NavInputs::ipStatusDir, interfaces);
+    EXPECT_EQ(configuredPaths(), std::set{key("203.0.113.9", "198.51.100.2")});
+
+    auto statusDir = Vel::make<NavStatusDir>("navStatusDir");
+    root->inputIs(&NavInputs::navStatusDir, statusDir);
+    EXPECT_EQ(in.navStatusDir->navPathStatusDir(), nullptr);
+    EXPECT_TRUE(in.navStatusDir->navRemoteIpList().empty());
+    EXPECT_EQ(statusDir->navPathStatusDir()->pathStatus("default")->pathStatusEntry().size(), 1u);
+    EXPECT_TRUE(statusDir->navRemoteIpListHas(ip("10.255.0.2")));
+}
+
+TEST_F(RootTest, NullInputsAreRefusedByName) {
+    auto refusal = [](auto&& attempt) -> std::string {
+        try {
+            attempt();
+        } catch (const Vel::Error& e) {
+            return e.what();
+        }
+        return "accepted";
+    };
+    start();
+    EXPECT_EQ(refusal([&] { root->inputIs(&NavInputs::ip6StatusDir, Vel::Ptr<Ip6::Status>()); }),
+              "null value for mutator parameter of Nav::NavRootSm::ip6StatusDir not allowed");
+    EXPECT_NE(root->navContainer(), nullptr);
+    EXPECT_EQ(refusal([] { NavRootSmIs({}); }),
+              "null value for mutator parameter of Nav::NavRootSm::cliConfig not allowed");
+}
+
+}  // namespace
+}  // namespace Nav::Test

@@ -1,0 +1,177 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "tests/nav/NavFixture.h"
+
+namespace Nav::Test {
+namespace {
+
+class ShowTest : public NavFixture {
+  protected:
+    ShowTest() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0); }
+    ~ShowTest() override {
+        ::close(pair[0]);
+        ::close(pair[1]);
+    }
+
+    void request(int fd, const char* command) {
+        in.navCliRequestDir->requestIs("request " + std::to_string(++requests_),
+                                       [&](auto& request) {
+                                           request.socketIs(static_cast<U32>(fd));
+                                           request.commandIs(command);
+                                       });
+    }
+    static std::string received(int fd) {
+        std::string text;
+        char buffer[65536];
+        for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
+            text.append(buffer, static_cast<size_t>(n));
+        return text;
+    }
+    std::string show(const char* command) {
+        request(pair[0], command);
+        return received(pair[1]);
+    }
+    // Two groups, two paths.
+    void twoPaths() {
+        address("wan1", "203.0.113.1/24");
+        listIntf("internet", "wan1");
+        via("internet", "10.255.0.2", "198.51.100.2");
+        address("lte1", "192.0.2.1/24");
+        listIntf("lte", "lte1");
+        via("lte", "10.255.0.3", "2001:db8::3");
+    }
+
+    int pair[2];
+
+  private:
+    int requests_ = 0;
+};
+
+TEST_F(ShowTest, AnswersByteForByte) {
+    twoPaths();
+    start();
+    EXPECT_EQ(show("NAVPATHS"),
+              "{'navPathSelPaths': [{ 'pathGroup' : 'internet', 'source' : '203.0.113.1', "
+              "'destination' : '198.51.100.2', 'peer' : '10.255.0.2', 'state' : 'Route Pending', "
+              " 'pathName': 'Path1', }, { 'pathGroup' : 'lte', 'source' : '192.0.2.1', "
+              "'destination' : '2001:db8::3', 'peer' : '10.255.0.3', 'state' : 'Route Pending', "
+              " 'pathName': 'Path2', }, ]}");
+    EXPECT_EQ(show("NAVPEERS"), "{'navPeers': {1 : '10.255.0.2', 2 : '10.255.0.3', }}");
+    navDb().vrfAppIs({{5, 4000000000}, "blue", "voice"});
+    const std::string mappings =
+        "{'groups': {1 : 'internet', 2 : 'lte', }, 'vrfApps': {(5, "
+        "4000000000): ('blue', 'voice'), }}";
+    for (const char* word : {"NAVMAPPINGS", "NAVMAPPI", "NAVMAPPIxyz", "NAVMAPPINGS and more"})
+        EXPECT_EQ(show(word), mappings) << word;
+    EXPECT_EQ(show("NAVPEERSxyz"), show("NAVPEERS"));
+    for (const char* word : {"NAVPATH", "navpaths", "", "XNAVPATHS"})
+        EXPECT_EQ(show(word), "") << word;
+}
+
+TEST_F(ShowTest, AnswersWithoutPaths) {
+    start(false);
+    for (const char* word : {"NAVPATHS", "NAVPEERS", "NAVMAPPINGS"}) EXPECT_EQ(show(word), "{ }");
+    cli.navConfiguredIs(true);
+    navDb().vrfAppIs({{5, 1}, "blue", "voice"});
+    for (const char* word : {"NAVPATHS", "NAVPEERS", "NAVMAPPINGS"}) EXPECT_EQ(show(word), "{ }");
+}
+
+TEST_F(ShowTest, StateWords) {
+    twoPaths();
+    start();
+    const PathKey pathKey = key("203.0.113.1", "198.51.100.2");
+    const Shard::Fib::Via empty, via{ip("203.0.113.254"), Netz::IntfId("wan1")};
+    const Shard::Fib::Via labelOnly{{}, {}, 16};
+    const struct {
+        bool programmed;
+        PathType type;
+        PathState state;
+        Shard::Fib::Via via;
+        const char* word;
+    } cases[] = {
+        {true, PathType::unsecuredPath, PathState::resolved, via, "Estab"},
+        {true, PathType::invalidPath, PathState::unresolved, empty, "Estab"},
+        {true, PathType::securedPath, PathState::unresolved, empty, "Ipsec Estab"},
+        {false, PathType::unsecuredPath, PathState::resolved, via, "Arp Pending"},
+        {false, PathType::securedPath, PathState::resolved, via, "Arp Pending"},
+        {false, PathType::unsecuredPath, PathState::unresolved, via, "Unknown"},
+        {false, PathType::invalidPath, PathState::unresolved, labelOnly, "Unknown"},
+        {false, PathType::unsecuredPath, PathState::unresolved, empty, "Route Pending"},
+        {false, PathType::securedPath, PathState::unresolved, empty, "Route Pending"},
+        {false, PathType::securedPath, PathState::unresolved, via, "Ipsec Pending"},
+    };
+    auto& entry = *pathStatusDir().pathStatus("default")->pathStatusEntry(pathKey);
+    for (const auto& c : cases) {
+        entry.pathInfoIs({c.type, c.state, 1, c.via});
+        entry.programmedIs(c.programmed);
+        const std::string answer = show("NAVPATHS");
+        EXPECT_NE(answer.find("'state' : '" + std::string(c.word) + "',  'pathName': 'Path1'"),
+                  std::string::npos)
+            << answer << "\nwanted " << c.word;
+    }
+    pathStatusDir().pathStatusDel("default");
+    EXPECT_NE(show("NAVPATHS").find("'Route Pending',  'pathName': 'Path1'"), std::string::npos);
+}
+
+TEST_F(ShowTest, EachRequestIsAnsweredOnce) {
+    request(pair[0], "NAVPEERS");
+    start(false);
+    EXPECT_EQ(received(pair[1]), "% NavRootSm is not initialized\n") << "asked before the start";
+    cli.navConfiguredIs(true);
+    twoPaths();
+    EXPECT_EQ(show("NAVPEERS"), "{'navPeers': {1 : '10.255.0.2', 2 : '10.255.0.3', }}");
+    cli.navConfiguredIs(false);
+    cli.navConfiguredIs(true);
+    root->inputIs(&NavInputs::ip6StatusDir, Vel::make<Ip6::Status>("ip6StatusDir"));
+    EXPECT_EQ(received(pair[1]), "") << "not again, whatever happens to the container";
+}
+
+// Were one of these to block, raise a signal or throw, the test would not come to its end.
+TEST_F(ShowTest, OddDescriptorsDisturbNobody) {
+    for (int site = 1; site <= 64; ++site)
+        via("internet", "10.255.0." + std::to_string(site), "198.51.100." + std::to_string(site));
+    listIntf("internet", "wan1");
+    address("wan1", "203.0.113.1/24");
+    start();
+    const std::string whole = show("NAVPATHS");
+    EXPECT_GT(whole.size(), 8192u);
+
+    // A client that does not read: whatever room the answer has left is full.
+    const std::string filling(1 << 20, 'x');
+    while (::send(pair[0], filling.data(), filling.size(), MSG_DONTWAIT) > 0) continue;
+    request(pair[0], "NAVPATHS");
+    const std::string taken = received(pair[1]);
+    EXPECT_LT(taken.size() - taken.rfind('x'), whole.size());
+
+    const int file = ::memfd_create("answer", 0);
+    request(file, "NAVPATHS");
+    std::string written(whole.size() + 1, '\0');
+    EXPECT_EQ(::pread(file, written.data(), written.size(), 0), ssize_t(whole.size()));
+    EXPECT_EQ(written.substr(0, whole.size()), whole);
+    ::close(file);
+    request(file, "NAVPATHS");  // closed
+    request(-1, "NAVPATHS");
+
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    ::fcntl(pipe[1], F_SETPIPE_SZ, 4096);
+    request(pipe[1], "NAVPATHS");  // takes less than the answer
+    std::vector<char> begin(whole.size());
+    const ssize_t fits = ::read(pipe[0], begin.data(), begin.size());
+    EXPECT_TRUE(fits > 0 && whole.compare(0, size_t(fits), begin.data(), size_t(fits)) == 0);
+    ::close(pipe[0]);
+    request(pipe[1], "NAVPATHS");
+    ::close(pipe[1]);
+    ::shutdown(pair[1], SHUT_RDWR);
+    request(pair[0], "NAVPATHS");
+    sigset_t pending;
+    ::sigpending(&pending);
+    EXPECT_FALSE(::sigismember(&pending, SIGPIPE));
+}
+
+}  // namespace
+}  // namespace Nav::Test
