@@ -1,34 +1,35 @@
 #include "agent/HostAgent.h"
 
-#include <unistd.h>
-
 #include <csignal>
 #include <iostream>
 
+#include "agent/linux/LinuxPlatform.h"
+#include "agent/sim/SimPlatform.h"
 #include "platform/trace/Facility.h"
 
 namespace Agent {
 
-namespace {
-
-// The requester of what the agent asks of itself.
-class NoSession : public Session {
-  public:
-    void sendEvent(const Json&) override {}
-};
-
-}  // namespace
+std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop) {
+    if (options.platform == "sim") return std::make_unique<Sim::SimPlatform>(options.world);
+    if (options.platform == "linux") return std::make_unique<Linux::LinuxPlatform>(loop);
+    return std::make_unique<Platform>(options.platform);
+}
 
 HostAgent::HostAgent(Options options)
     : options_(std::move(options)),
-      scheduler_(clock_),
+      scheduler_(Vel::make<Vel::Scheduler>(clock_)),
       runDir_(options_.runDir.empty() ? defaultRunDir() : options_.runDir),
-      loop_(scheduler_),
+      loop_(*scheduler_),
       terminated_(loop_.onSignal(SIGTERM, [this] { loop_.stop(); })),
       interrupted_(loop_.onSignal(SIGINT, [this] { loop_.stop(); })),
       hungUp_(loop_.onSignal(SIGHUP, [this] { reload(); })),
-      commands_(loop_, runDir_.path() + "/" + commandSocketName, [](int, const std::string&) {}),
-      control_(loop_, runDir_.path() + "/" + controlSocketName, *this) {
+      host_(*scheduler_, makePlatform(options_, loop_)),
+      requests_(host_),
+      commands_(loop_, runDir_.path() + "/" + commandSocketName,
+                [this](int descriptor, const std::string& word) {
+                    host_.answerCommand(descriptor, word);
+                }),
+      control_(loop_, runDir_.path() + "/" + controlSocketName, requests_) {
     Duolog::levelIs("*", options_.logLevel);
     loadFile();
 }
@@ -44,30 +45,14 @@ void HostAgent::reload() {
 }
 
 void HostAgent::loadFile() {
-    if (options_.config.empty()) return;
-    std::string text;
+    const std::string& file = options_.config;
+    if (file.empty()) return;
     try {
-        text = readFile(options_.config);
-        NoSession self;
-        const Answer answer = handle("load", {{"op", "load"}, {"value", parseJson(text)}}, self);
-        for (const std::string& warning : answer.warnings) {
-            std::cerr << "nav-agent: " << options_.config << ": warning: " << warning << std::endl;
-        }
-    } catch (const PlacedError& error) {
-        throw RequestError(options_.config + ": line " +
-                           std::to_string(lineOf(text, error.place())) + ": " + error.what());
-    } catch (const std::exception& error) {
-        throw RequestError(options_.config + ": " + error.what());
+        for (const std::string& warning : requests_.load(readConfigText(readFile(file))))
+            std::cerr << "nav-agent: " << file << ": warning: " << warning << std::endl;
+    } catch (const JsonError& error) {
+        throw JsonError(file + ": " + error.what());
     }
 }
-
-Answer HostAgent::handle(const std::string& op, const Json&, Session&) {
-    if (op == "ping") {
-        return Json{{"version", NAV_VERSION}, {"platform", options_.platform}, {"pid", getpid()}};
-    }
-    throw RequestError("op: \"" + op + "\" is unknown");
-}
-
-void HostAgent::sessionClosed(Session&) {}
 
 }  // namespace Agent

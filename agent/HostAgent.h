@@ -5,10 +5,11 @@
 #include <string>
 
 #include "agent/CommandServer.h"
+#include "agent/Control.h"
 #include "agent/ControlServer.h"
 #include "agent/EventLoop.h"
+#include "agent/Host.h"
 #include "agent/RunDir.h"
-#include "platform/loom/TaskScheduler.h"
 
 namespace Agent {
 
@@ -20,31 +21,30 @@ struct Options {
     int logLevel = 5;
 };
 
-class HostAgent : private RequestHandler {
+class HostAgent {
   public:
-    // Takes the run directory, opens the sockets and loads the configuration. Throws what main has
-    // to say when that cannot be.
+    // Takes the run directory, makes the host, opens the sockets and loads the configuration.
+    // Throws what main has to say when that cannot be.
     explicit HostAgent(Options options);
-    ~HostAgent() override;
+    ~HostAgent();
 
     // Until SIGTERM or SIGINT.
     void run() { loop_.run(); }
 
   private:
-    Answer handle(const std::string& op, const Json& request, Session& session) override;
-    void sessionClosed(Session& session) override;
     // Makes the configuration file what a load request would; throws with the file's name, the line
     // and the reason when it is refused, which leaves everything as it was.
     void loadFile();
-    void reload();  // on SIGHUP: a file that is refused is reported, and the agent goes on
+    void reload();
 
     const Options options_;
     Loom::MonotonicClock clock_;
-    Loom::TaskScheduler scheduler_;
+    const Vel::Ptr<Vel::Scheduler> scheduler_;
     RunDir runDir_;
     EventLoop loop_;
-    // Before the sockets: whoever sees those may send signals.
     EventLoop::Watch terminated_, interrupted_, hungUp_;
+    Host host_;
+    Control requests_;
     CommandServer commands_;
     ControlServer control_;
 };

@@ -21,15 +21,19 @@ class JsonError : public std::runtime_error {
 };
 
 // A JSON text that holds what may not stand there. what() is "/path/to/member: reason", the place
-// being a JSON pointer (RFC 6901) into the text.
+// being a JSON pointer (RFC 6901) into the text; of the whole text just the reason.
 class PlacedError : public std::runtime_error {
   public:
     PlacedError(Json::json_pointer place, const std::string& reason)
-        : std::runtime_error(place.to_string() + ": " + reason), place_(std::move(place)) {}
+        : std::runtime_error((place.empty() ? "" : place.to_string() + ": ") + reason),
+          place_(std::move(place)),
+          reason_(reason) {}
     const Json::json_pointer& place() const { return place_; }
+    const std::string& reason() const { return reason_; }
 
   private:
     Json::json_pointer place_;
+    std::string reason_;
 };
 
 // Containers may stand this deep in each other. What the agent keeps nests less than ten levels.

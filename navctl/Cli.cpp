@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "agent/Config.h"
 #include "agent/RunDir.h"
 #include "navctl/Client.h"
 #include "navctl/Completion.h"
@@ -37,15 +38,15 @@ class Program {
     void printJson(const Json& value);
     void printTable(const Table& table);
     void showText(const TextView& view);
-    Json readConfig() const;
-    void sendConfig(const char* op);
+    template <class Use>
+    auto readConfig(Use use) const;
 
     void get();
     void set();
     void del();
     void watch();
-    void load() { sendConfig("load"); }
-    void check() { sendConfig("check"); }
+    void load();
+    void check();
     void save();
     void trace();
     void ping();
@@ -176,7 +177,9 @@ void Program::watch() {
     }
 }
 
-Json Program::readConfig() const {
+// What `use` makes of the file's text; a file that cannot be read is a fault of the command line.
+template <class Use>
+auto Program::readConfig(Use use) const {
     std::string text;
     try {
         text = Agent::readFile(file_);
@@ -184,17 +187,24 @@ Json Program::readConfig() const {
         throw BadUsage(file_ + ": " + error.what());
     }
     try {
-        return Agent::parseJson(text);
+        return use(text);
     } catch (const Agent::JsonError& error) {
         throw Refused(file_ + ": " + error.what());
     }
 }
 
-void Program::sendConfig(const char* op) {
-    const Json config = readConfig();
-    const Json answer = Client(runDir()).request({{"op", op}, {"value", config}});
+void Program::load() {
+    const Json config = readConfig(Agent::parseJson);
+    const Json answer = Client(runDir()).request({{"op", "load"}, {"value", config}});
     for (const Json& warning : answer.value("warnings", Json::array())) {
         streams_.err << "warning: " << warning.get<std::string>() << "\n";
+    }
+}
+
+void Program::check() {
+    const Agent::ConfigPtr config = readConfig(Agent::readConfigText);
+    for (const std::string& warning : Agent::configWarnings(*config)) {
+        streams_.err << "warning: " << warning << "\n";
     }
 }
 

@@ -221,6 +221,17 @@ TEST_F(NavctlTest, ABatchGoesOnAfterARefusalAndSaysSoAtTheEnd) {
     EXPECT_EQ(run({"batch", "-"}, std::string(2 << 20, 'x') + "\n"), 1);
 }
 
+TEST_F(NavctlTest, ACheckNeedsNoAgentAndNamesTheLine) {
+    agent.reset();
+    EXPECT_EQ(run({"check", write("good", R"({"vrfConfig":{"v":{"policyName":"p"}}})")}), 0);
+    EXPECT_EQ(err, "warning: VRF \"v\" names policy \"p\", which is not there\n");
+    const std::string bad = write("bad", "{\n\"vrfConfig\": {\n\"v\": {\n\"policy\": 1}}}");
+    EXPECT_EQ(run({"check", bad}), 1);
+    EXPECT_EQ(err, "navctl: " + bad + ": line 4: /vrfConfig/v/policy: Nav::VrfConfig has no such " +
+                       "attribute\n");
+    EXPECT_EQ(run({"check", dir + "/none"}), 2);
+}
+
 TEST_F(NavctlTest, AWatchPrintsTheValueThenEventsAndSaysWhenItFellBehind) {
     agent->tree["/a"] = "{\"b\": 1}";
     EXPECT_EQ(run({"watch", "/b"}), 1);

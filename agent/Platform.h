@@ -1,0 +1,39 @@
+// Who plays the router's other services: fills the inputs that are theirs and answers the requests
+// that the library writes. Owned by the Host, which starts it once the root reactor is there and
+// stops it before that goes.
+//
+// This one plays nothing. On `manual` that is all there is: whoever sits at the control socket
+// plays the services, and every input can be written there.
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace Agent {
+
+class EventLoop;
+class Host;
+struct Options;
+
+class Platform {
+  public:
+    explicit Platform(std::string name) : name_(std::move(name)) {}
+    virtual ~Platform() = default;
+    Platform(const Platform&) = delete;
+    Platform& operator=(const Platform&) = delete;
+
+    const std::string& name() const { return name_; }
+    bool manual() const { return name_ == "manual"; }
+
+    // Throws what keeps it from starting.
+    virtual void start(Host&) {}
+    virtual void stop() {}
+
+  private:
+    const std::string name_;
+};
+
+// The platform that the options name. The loop outlives it.
+std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop);
+
+}  // namespace Agent

@@ -1,0 +1,337 @@
+// Requests on a tree of entities: what they answer, what they refuse, and that a refused one has
+// changed nothing; and what a watch tells.
+#include <gtest/gtest.h>
+
+#include "agent/Tree.h"
+#include "agent/Watch.h"
+#include "nav/config/NavCliConfig.h"
+#include "nav/types/NavDb.h"
+#include "nav/types/NavStatusDir.h"
+#include "platform/services/Classification.h"
+#include "platform/services/Ip.h"
+#include "platform/services/Ipsec.h"
+#include "platform/services/Routing.h"
+#include "platform/shard/ForwardingStatus.h"
+
+namespace {
+
+using Agent::Json;
+using Agent::Root;
+
+class TreeTest : public testing::Test {
+  protected:
+    TreeTest() { status->navPathStatusDirIs("navPathStatusDir"); }
+
+    template <class E>
+    static Vel::Ptr<E> make(const char* name) {
+        return Vel::make<E>(name);
+    }
+
+    // "ok", the value, or the reason of the refusal.
+    std::string get(const std::string& path) {
+        return answer([&] { return tree.get(path).dump(); });
+    }
+    std::string set(const std::string& path, const std::string& value) {
+        return answer([&] {
+            tree.set(path, Agent::parseJson(value));
+            return std::string("ok");
+        });
+    }
+    std::string del(const std::string& path) {
+        return answer([&] {
+            tree.del(path);
+            return std::string("ok");
+        });
+    }
+    template <class F>
+    static std::string answer(F&& request) {
+        try {
+            return request();
+        } catch (const Agent::TreeError& error) {
+            return error.what();
+        }
+    }
+    std::string everything() {
+        std::string all;
+        for (const char* root : {"cliConfig", "navStatusDir", "ipStatusDir", "nexthopStatus",
+                                 "forwardingStatus", "ipsecPathStatusDir", "navFeaturePolicyDir"})
+            all += get(std::string("/") + root) + "\n";
+        return all;
+    }
+
+    Vel::Ptr<Nav::NavCliConfig> config = make<Nav::NavCliConfig>("cliConfig");
+    Vel::Ptr<Nav::NavStatusDir> status = make<Nav::NavStatusDir>("navStatusDir");
+    Vel::Ptr<Ip::Status> ip = make<Ip::Status>("ipStatusDir");
+    Vel::Ptr<Routing::NexthopStatus> nexthops = make<Routing::NexthopStatus>("nexthopStatus");
+    Vel::Ptr<Shard::Fib::ForwardingStatus> fib =
+        make<Shard::Fib::ForwardingStatus>("forwardingStatus");
+    Vel::Ptr<Ipsec::Path::PathStatusDir> ipsec =
+        make<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir");
+    Vel::Ptr<Classification::FeaturePolicyDir> features =
+        make<Classification::FeaturePolicyDir>("navFeaturePolicyDir");
+    Vel::Ptr<Nav::NavDb> database;
+    Agent::Tree tree{{Root::of("cliConfig", *config), Root::of("navStatusDir", *status),
+                      Root::of("ipStatusDir", *ip), Root::of("nexthopStatus", *nexthops),
+                      Root::of("forwardingStatus", *fib), Root::of("ipsecPathStatusDir", *ipsec),
+                      Root::of("navFeaturePolicyDir", *features),
+                      Root{"navDb", &Nav::NavDb::velType, [this] { return database.get(); },
+                           "nobody writes this"}}};
+};
+
+TEST_F(TreeTest, EveryFormOfAValueIsWrittenAndReadBack) {
+    struct Case {
+        const char *path, *value, *readAt, *expected;
+    };
+    for (
+        const auto& [path, value, readAt, expected] : std::initializer_list<Case>{
+            {"/cliConfig/udpPortConfig", "65535", "/cliConfig/udpPortConfig", "65535"},
+            // Every entry on the way comes into being; a member of a set is true.
+            {"/cliConfig/pathGroupConfig[a]/remoteViaConfig[2001:DB8::0:1]/remoteVia[192.0.2.1]",
+             "true", "/cliConfig/pathGroupConfig[a]",
+             R"({"name":"a","localIntf":[],"remoteViaConfig":{"2001:db8::1":)"
+             R"({"remoteAddr":"2001:db8::1","remoteVia":["192.0.2.1"]}},"ipsecProfile":""})"},
+            {"/cliConfig/pathGroupConfig[a]/localIntf", R"(["wan2","wan1","wan2"])",
+             "/cliConfig/pathGroupConfig[a]/localIntf", R"(["wan2","wan1"])"},
+            {"/cliConfig/pathGroupConfig[b]", "{}", "/cliConfig/pathGroupConfig[b]/ipsecProfile",
+             R"("")"},
+            // The key may be repeated; members of an object nest to any depth.
+            {"/cliConfig",
+             R"({"name":"cliConfig","policyConfig":{"p":{"appProfilePolicyRuleList":)"
+             R"({"30":{"lbGrpName":"x"},"7":{"ruleKey":7}},"name":"p"}}})",
+             "/cliConfig/policyConfig[p]/appProfilePolicyRuleList",
+             R"({"7":{"ruleKey":7,"appProfileId":0,"appProfileName":"","lbGrpName":""},)"
+             R"("30":{"ruleKey":30,"appProfileId":0,"appProfileName":"","lbGrpName":"x"}})"},
+            {"/cliConfig/loadBalanceProfile[gold]/pathGroupPriority[a]", "4294967295",
+             "/cliConfig/loadBalanceProfile[gold]/pathGroupPriority", R"({"a":4294967295})"},
+            {"/navFeaturePolicyDir/appliedPolicy[0]/policyForTarget",
+             R"({"default":"p","blue":""})",
+             "/navFeaturePolicyDir/appliedPolicy[0]/policyForTarget[blue]", R"("")"},
+            {"/nexthopStatus/vrf[default]/nexthop[192.0.2.1]", R"({"fecId":5})",
+             "/nexthopStatus/vrf[default]/nexthop",
+             R"({"192.0.2.1":{"addr":"192.0.2.1","fecId":5}})"},
+            {"/forwardingStatus/fec[5]", R"([{"hop":"192.0.2.9","intfId":"wan1"},{"weight":3}])",
+             "/forwardingStatus/fec[5]",
+             R"([{"hop":"192.0.2.9","intfId":"wan1","mplsLabel":1048576,"mplsAction":0,"weight":1},)"
+             R"({"hop":"0.0.0.0","intfId":"","mplsLabel":1048576,"mplsAction":0,"weight":3}])"},
+            // A child that is there is written like any entity; a value is read into.
+            {"/navStatusDir/navPathStatusDir/pathStatus[default]/"
+             "pathStatusEntry[203.0.113.1,198.51.100.2,0]",
+             R"({"pathInfo":{"pathType":"securedPath","via":{"intfId":"wan1"}}})",
+             "/navStatusDir/navPathStatusDir/pathStatus[default]/"
+             "pathStatusEntry[203.0.113.1,198.51.100.2,0]/pathInfo/via/intfId",
+             R"("wan1")"},
+            {"/ipStatusDir/ipIntfStatus[wan1]", R"({"activeAddrWithMask":"203.0.113.1/24"})",
+             "/ipStatusDir",
+             R"({"name":"ipStatusDir","ipIntfStatus":{"wan1":{"intfId":"wan1",)"
+             R"("activeAddrWithMask":"203.0.113.1/24","vrfName":"default"}}})"}}) {
+        EXPECT_EQ(set(path, value), "ok");
+        EXPECT_EQ(get(readAt), expected) << path;
+        const std::string before = everything();
+        EXPECT_EQ(set(path, value), "ok");
+        EXPECT_EQ(everything(), before) << path;
+    }
+    EXPECT_EQ(get("/cliConfig/pathGroupConfig[zzz]"), "null");
+    EXPECT_EQ(get("/cliConfig/pathGroupConfig[a]/localIntf[wan3]"), "null");
+    EXPECT_EQ(get("/cliConfig/pathGroupConfig[zzz]/localIntf[wan1]"), "null");
+    EXPECT_EQ(get("/navStatusDir/navLbProfileStatus/lbProfileStatusEntry"), "null");
+}
+
+// A key of one free text is raw in JSON; in a path, and in a key of several fields, it is escaped.
+TEST_F(TreeTest, AwkwardKeysNameTheSameEntryInPathsAndInJson) {
+    ASSERT_EQ(set(R"(/cliConfig/pathGroupConfig[a[0\]\,\\/"])", "{}"), "ok");
+    EXPECT_NE(config->pathGroupConfig(R"(a[0],\/")"), nullptr);
+    EXPECT_EQ(set("/cliConfig", R"({"pathGroupConfig":{"a[0],\\/\"":{"ipsecProfile":"x"}}})"),
+              "ok");
+    EXPECT_EQ(config->pathGroupConfig().size(), 1u);
+    EXPECT_EQ(get(R"(/cliConfig/pathGroupConfig[a[0\],\\/"]/ipsecProfile)"), R"("x")");
+
+    const std::string path =
+        R"(/ipsecPathStatusDir/ipsecPathStatus[192.0.2.1,2001:db8::1,r\,\]\\])";
+    ASSERT_EQ(set(path, R"({"key":{"srcAddr":"192.0.2.1","dstAddr":"2001:db8:0::1",)"
+                        R"("vrfName":"r,]\\"},"connectionState":3})"),
+              "ok");
+    ASSERT_EQ(ipsec->ipsecPathStatus().size(), 1u);
+    const Json all = tree.get("/ipsecPathStatusDir/ipsecPathStatus");
+    EXPECT_EQ(all.begin().key(), R"(192.0.2.1,2001:db8::1,r\,\]\\)");
+    EXPECT_EQ(set("/ipsecPathStatusDir", Json{{"ipsecPathStatus", all}}.dump()), "ok");
+    EXPECT_EQ(ipsec->ipsecPathStatus().size(), 1u);
+    EXPECT_EQ(del(path), "ok");
+    EXPECT_EQ(ipsec->ipsecPathStatus().size(), 0u);
+}
+
+TEST_F(TreeTest, ARefusedRequestSaysWhereAndWhyAndChangesNothing) {
+    set("/cliConfig/pathGroupConfig[a]/localIntf[wan1]", "true");
+    set("/nexthopStatus/vrf[default]/nexthop[192.0.2.1]", R"({"fecId":5})");
+    const std::string before = everything();
+    const std::string longName(101, 'v');
+    std::string manyVias = "[{}";
+    for (int i = 0; i < 512; ++i) manyVias += ",{}";
+    struct Case {
+        std::string path, value, reason;
+    };
+    for (const auto& [path, value, reason] : std::initializer_list<Case>{
+             {"cliConfig/udpPortConfig", "1", "expected a '/'"},
+             {"", "1", "root"},
+             {"/nowhere", "1", "/nowhere: there is no such root"},
+             {"/cliConfig/nothing", "1", "Nav::NavCliConfig has no attribute \"nothing\""},
+             {"/cliConfig/udpPortConfig[1]", "1", "takes no key"},
+             {"/cliConfig/pathGroupConfig[a", "{}", "does not end"},
+             {R"(/cliConfig/pathGroupConfig[a\])", "{}", "does not end"},
+             {"/cliConfig/pathGroupConfig/ipsecProfile", "\"x\"", "needs a key"},
+             {"/cliConfig/udpPortConfig", "65536", "0 to 65535, got 65536"},
+             {"/cliConfig/udpPortConfig", "-1", "got -1"},
+             {"/cliConfig/udpPortConfig", "1.5", "got 1.5"},
+             {"/cliConfig/udpPortConfig", "\"4793\"", "got \"4793\""},
+             {"/cliConfig/navConfigured", "1", "true or false"},
+             {"/cliConfig/name", "\"other\"", "the key is \"cliConfig\""},
+             {"/cliConfig", "[]", "/cliConfig: expected an object"},
+             {"/cliConfig", "null", "expected an object"},
+             {"/cliConfig/pathGroupConfig[b]/localIntf[wan1]", "false", "true"},
+             {"/cliConfig/pathGroupConfig[b]/localIntf", R"(["wan1",true])", "/localIntf/1: "},
+             {"/cliConfig/pathGroupConfig[b]/remoteViaConfig[10.0.0.256]", "{}", "IPv4 or IPv6"},
+             {"/cliConfig/vrfConfig[" + longName + "]", "{}", "VrfName::maxLength not allowed"},
+             // The fault comes last; what stands before it must not have been done.
+             {"/cliConfig",
+              R"({"udpPortConfig":1,"pathGroupConfig":{"a":{"localIntf":["wan2"]},)"
+              R"("b":{"name":"c"}}})",
+              "/cliConfig/pathGroupConfig/b/name: the key is \"b\""},
+             {"/cliConfig", R"({"udpPortConfig":1,"vrfConfig":{"red":{"policy":"x"}}})",
+              "/cliConfig/vrfConfig/red/policy: Nav::VrfConfig has no"},
+             {"/nexthopStatus/vrf[blue]/nexthop",
+              R"({"192.0.2.7":{"fecId":1},"192.0.2.8":{"addr":"192.0.2.9"}})",
+              "/nexthop/192.0.2.8: expected the key 192.0.2.8"},
+             {"/forwardingStatus/fec", R"({"1":[],"2":[{"hop":"192.0.2.1"},{"hops":1}]})", "hops"},
+             {"/forwardingStatus/fec[1]", manyVias + "]", "ViaIndex"},
+             {"/navStatusDir/navPathStatusDir/pathStatus[x]/pathStatusEntry[192.0.2.1,192.0.2.2]",
+              "{}", "a key of 3 fields"},
+             {"/navStatusDir/navPathStatusDir/pathStatus[x]/"
+              "pathStatusEntry[192.0.2.1,192.0.2.2,0]/pathInfo",
+              R"({"pathState":"maybe"})", "one of unresolved resolved"},
+             {"/navStatusDir/navPathStatusDir/pathStatus[x]/"
+              "pathStatusEntry[192.0.2.1,192.0.2.2,0]/pathInfo/pathIndex",
+              "1", "set whole"},
+             {"/navStatusDir/navPathStatusDir", R"({"name":"other"})", "the key is"},
+             {"/navStatusDir/navLbProfileStatus", "{}", "there is none"},
+             {"/navDb/lbId", "1", "nobody writes this"}}) {
+        EXPECT_NE(set(path, value).find(reason), std::string::npos)
+            << path << " " << set(path, value);
+        EXPECT_EQ(everything(), before) << path << " " << value;
+    }
+    for (const auto& [path, value, reason] : std::initializer_list<Case>{
+             {"/cliConfig/pathGroupConfig[b]", "", "/cliConfig/pathGroupConfig[b]: there is none"},
+             {"/cliConfig/pathGroupConfig[b]/localIntf[wan1]", "", "there is none"},
+             {"/cliConfig/pathGroupConfig[a]/localIntf[wan2]", "", "there is none"},
+             {"/cliConfig/pathGroupConfig", "", "under a key"},
+             {"/cliConfig", "", "under a key"},
+             {"/cliConfig/udpPortConfig", "", "under a key"},
+             {"/navDb/pathGroupInfo[a]", "", "nobody writes this"}}) {
+        EXPECT_NE(del(path).find(reason), std::string::npos) << path << " " << del(path);
+        EXPECT_EQ(everything(), before) << path;
+    }
+    EXPECT_NE(get("/nexthopStatus/vrf[default]/nexthop[192.0.2.1]/fec").find("no such field"),
+              std::string::npos);
+}
+
+class WatchTest : public TreeTest {
+  protected:
+    void watch(const std::string& path) {
+        watches.push_back(
+            std::make_unique<Agent::Watch>(tree, tree.parse(path), [this, path](const Json& event) {
+                told.push_back(event.at("event").get<std::string>() + " " +
+                               event.at("path").get<std::string>() + " " +
+                               event.at("value").dump());
+            }));
+    }
+    std::vector<std::string> events() { return std::exchange(told, {}); }
+    using Events = std::vector<std::string>;
+
+    std::vector<std::string> told;
+    std::vector<std::unique_ptr<Agent::Watch>> watches;
+};
+
+TEST_F(WatchTest, TellsWhatChangesAtOrBelowThePathInOrder) {
+    watch("/cliConfig/pathGroupConfig[a]");
+    set("/cliConfig/pathGroupConfig[b]/localIntf[wan9]", "true");
+    EXPECT_EQ(events(), Events{});
+    const std::string a = "/cliConfig/pathGroupConfig[a]";
+    set(a + "/remoteViaConfig[192.0.2.1]", R"({"remoteVia":["2001:db8::1"]})");
+    set(a, R"({"ipsecProfile":"x","localIntf":["wan1"]})");
+    set(a, R"({"ipsecProfile":"x","localIntf":["wan1"]})");  // nothing changes
+    del(a + "/remoteViaConfig[192.0.2.1]");
+    del(a);
+    set(a, "{}");
+    EXPECT_EQ(
+        events(),
+        (Events{
+            "set " + a + R"( {"name":"a","localIntf":[],"remoteViaConfig":{},"ipsecProfile":""})",
+            "set " + a + R"(/remoteViaConfig[192.0.2.1] {"remoteAddr":"192.0.2.1","remoteVia":[]})",
+            "set " + a + "/remoteViaConfig[192.0.2.1]/remoteVia[2001:db8::1] true",
+            "set " + a + R"(/ipsecProfile "x")", "set " + a + "/localIntf[wan1] true",
+            "del " + a + "/remoteViaConfig[192.0.2.1] null", "del " + a + " null",
+            "set " + a +
+                R"( {"name":"a","localIntf":[],"remoteViaConfig":{},"ipsecProfile":""})"}));
+    watches.clear();
+    del(a);
+    EXPECT_EQ(events(), Events{});
+}
+
+TEST_F(WatchTest, TellsOfAPathThatComesAndGoesWithWhatHoldsIt) {
+    const std::string member = "/cliConfig/pathGroupConfig[a]/localIntf[wan1]";
+    const std::string hop = "/nexthopStatus/vrf[default]/nexthop[192.0.2.1]";
+    const std::string profile = R"(/cliConfig/pathGroupConfig[a]/ipsecProfile)";
+    for (const std::string& path : {member, hop + "/fecId", profile}) watch(path);
+    set(member, "true");
+    EXPECT_EQ(events(), (Events{"set " + profile + R"( "")", "set " + member + " true"}));
+    del("/cliConfig/pathGroupConfig[a]");
+    EXPECT_EQ(events(), (Events{"del " + member + " null", "del " + profile + " null"}));
+    // A group that is made whole before it is announced.
+    config->pathGroupConfigIs("a", [](auto& group) { group.localIntfIs(Netz::IntfId("wan1")); });
+    EXPECT_EQ(events(), (Events{"set " + member + " true", "set " + profile + R"( "")"}));
+
+    set(hop, R"({"fecId":5})");
+    nexthops->vrf("default")->nexthopIs({*Netz::IpGenAddr::parse("192.0.2.2"), 6});
+    set(hop, R"({"fecId":7})");
+    del("/nexthopStatus/vrf[default]");
+    EXPECT_EQ(events(), (Events{"set " + hop + "/fecId 5", "set " + hop + "/fecId 7",
+                                "del " + hop + "/fecId null"}));
+}
+
+TEST_F(WatchTest, FollowsChildrenAndRootsThatComeAndGo) {
+    for (const char* path : {"/navStatusDir", "/navDb/lbId"}) watch(path);
+    auto keeperSays = [&] {
+        for (const auto& each : watches) each->rootChanged();
+    };
+    status->navLbProfileStatusIs("lb");
+    status->navLbProfileStatus()->lbProfileStatusEntryIs({}).genIdIs(1);
+    status->navLbProfileStatusDel();
+    const std::string lb = "/navStatusDir/navLbProfileStatus";
+    ASSERT_EQ(told.size(), 4u);
+    EXPECT_EQ(told[0], "set " + lb + R"( {"name":"lb","lbProfileStatusEntry":{}})");
+    EXPECT_EQ(told[2], "set " + lb + "/lbProfileStatusEntry[0.0.0.0,0,0]/genId 1");
+    EXPECT_EQ(told[3], "del " + lb + " null");
+    told.clear();
+
+    database = make<Nav::NavDb>("NavDb");
+    keeperSays();
+    database->lbIdIs(3);
+    database = nullptr;
+    keeperSays();
+    keeperSays();
+    EXPECT_EQ(events(), (Events{"set /navDb/lbId 0", "set /navDb/lbId 3", "del /navDb/lbId null"}));
+}
+
+// Somebody who was there before the watch undoes a change while it is being announced.
+TEST_F(WatchTest, TellsTheStateAsItIsWhenItIsTold) {
+    struct Undo {
+        Nav::NavCliConfig& config;
+        void handleGroup(const Vel::Name& name) { config.pathGroupConfigDel(name); }
+        Vel::Subscription subscription = Vel::Subscription::to<&Undo::handleGroup>(
+            config, Nav::NavCliConfig::pathGroupConfigAttr, this);
+    } undo{*config};
+    watch("/cliConfig");
+    EXPECT_EQ(set("/cliConfig/pathGroupConfig[a]/localIntf[wan1]", "true"), "ok");
+    EXPECT_EQ(set("/cliConfig/udpPortConfig", "7"), "ok");
+    EXPECT_EQ(events(), Events{"set /cliConfig/udpPortConfig 7"});
+}
+
+}  // namespace
