@@ -3,15 +3,11 @@
 #include <csignal>
 #include <iostream>
 
-#include "agent/linux/LinuxPlatform.h"
-#include "agent/sim/SimPlatform.h"
 #include "platform/trace/Facility.h"
 
 namespace Agent {
 
-std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop) {
-    if (options.platform == "sim") return std::make_unique<Sim::SimPlatform>(options.world);
-    if (options.platform == "linux") return std::make_unique<Linux::LinuxPlatform>(loop);
+std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop&) {
     return std::make_unique<Platform>(options.platform);
 }
 
