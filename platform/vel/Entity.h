@@ -10,18 +10,19 @@
 // and its source holds VEL_DEFINE(Nav, PathConfig), which collects the descriptors into the type's
 // constant table. The names that a line gives:
 //
+// clang-format off
 //     VEL_ENTITY(Type, T, key)        key(); a constructor from it; never changes
 //     VEL_ATTRIBUTE(T, a, default)    a(), aIs(v)
-//     VEL_COUNTER(T, a, default)      the same and aInc(delta), modulo 2^bits; returns the new
-//     value VEL_COLLECTION(K, E, c)         c() to walk, c(key) or null, cIs(key) get or create,
-//     cIs(key,
-//                                     init) with init(element) before it is announced, cDel(key),
-//                                     cDelAll(); VEL_ORDERED the same in ascending order of key,
-//                                     and cHas(key)
+//     VEL_COUNTER(T, a, default)      the same and aInc(delta), modulo 2^bits; returns the new value
+//     VEL_COLLECTION(K, E, c)         c() to walk, c(key) or null, cIs(key) get or create,
+//                                     cIs(key, init) with init(element) before it is announced,
+//                                     cDel(key), cDelAll()
+//     VEL_ORDERED(K, E, c)            the same in ascending order of key, and cHas(key)
 //     VEL_SET(K, s)                   s() to walk, sHas(key), sIs(key), sDel(key), sDelAll()
 //     VEL_MAP(K, V, m)                m() to walk pairs, m(key) or null, mIs(key, v), mDel, mDelAll
 //     VEL_VALUES(K, V, field, m)      the same, of values that hold their key: mIs(v)
 //     VEL_CHILD(T, c)                 c() or null, cIs(name) get or create, cDel()
+// clang-format on
 //
 // and with each, `aAttr` to subscribe with. What always holds:
 //
@@ -194,9 +195,7 @@ struct KeyedAttr : Attr<E, K> {
   public:                                                  \
     explicit Self_(const Type& name_) : name_##_(name_) {} \
     static const ::Vel::TypeDescriptor velType;            \
-    const ::Vel::TypeDescriptor& type() const override {   \
-        return velType;                                    \
-    }                                                      \
+    const ::Vel::TypeDescriptor& type() const override;    \
     using VelKey = Type;                                   \
     const Type& velKey() const {                           \
         return name_##_;                                   \
@@ -237,6 +236,10 @@ struct KeyedAttr : Attr<E, K> {
         return name_##_;                                \
     }
 
+// The members that work on a collection are templates that nobody gives an argument, so that a
+// source compiles those it uses and no others: with many entities that is most of its time.
+#define VEL_ON_USE_ template <class velOnUse = void>
+
 #define VEL_ELEMENTS_(Store, Key, Element, name_)                                                  \
   private:                                                                                         \
     using name_##Store = ::Vel::Store<::Vel::ElementTraits<Key, Element>>;                         \
@@ -249,38 +252,37 @@ struct KeyedAttr : Attr<E, K> {
     const name_##Store& name_() const {                                                            \
         return name_##_;                                                                           \
     }                                                                                              \
-    Element* name_(const Key& key) const {                                                         \
+    VEL_ON_USE_ Element* name_(const Key& key) const {                                             \
         auto* found = name_##_.find(key);                                                          \
         return found ? found->get() : nullptr;                                                     \
     }                                                                                              \
-    Element& name_##Is(const Key& key) {                                                           \
+    VEL_ON_USE_ Element& name_##Is(const Key& key) {                                               \
         return name_##Is(key, [](Element&) {});                                                    \
     }                                                                                              \
     template <class Init>                                                                          \
     Element& name_##Is(const Key& key, Init&& init) {                                              \
         return elementIs<Element>(name_##_, velOrdinalOf_##name_, key, init);                      \
     }                                                                                              \
-    void name_##Del(const Key& key) {                                                              \
+    VEL_ON_USE_ void name_##Del(const Key& key) {                                                  \
         elementDel(name_##_, velOrdinalOf_##name_, key);                                           \
     }                                                                                              \
-    void name_##DelAll() {                                                                         \
+    VEL_ON_USE_ void name_##DelAll() {                                                             \
         for (Element & element : name_##_) name_##Del(element.velKey());                           \
     }                                                                                              \
-    VEL_DESCRIBED_(                                                                                \
-        name_, ::Vel::collectionAttribute<velSelf, Key, Element, &velSelf::name_##_,               \
-                                          &velSelf::name_##Del>(                                   \
-                   #name_,                                                                         \
-                   [](::Vel::Entity& e, std::string_view key,                                      \
-                      const ::Vel::Attribute::Init& init) -> ::Vel::Entity& {                      \
-                       return static_cast<velSelf&>(e).name_##Is(::Vel::Codec<Key>::fromKey(key),  \
-                                                                 init);                            \
-                   }))
+    VEL_DESCRIBED_(name_, ::Vel::collectionAttribute<velSelf, Key, Element, &velSelf::name_##_,    \
+                                                     &velSelf::template name_##Del<>>(             \
+                              #name_,                                                              \
+                              [](::Vel::Entity& e, std::string_view key,                           \
+                                 const ::Vel::Attribute::Init& init) -> ::Vel::Entity& {           \
+                                  return static_cast<velSelf&>(e).name_##Is(                       \
+                                      ::Vel::Codec<Key>::fromKey(key), init);                      \
+                              }))
 
 #define VEL_COLLECTION(Key, Element, name_) VEL_ELEMENTS_(Table, Key, Element, name_)
-#define VEL_ORDERED(Key, Element, name_)        \
-    VEL_ELEMENTS_(Ordered, Key, Element, name_) \
-    bool name_##Has(const Key& key) const {     \
-        return name_##_.has(key);               \
+#define VEL_ORDERED(Key, Element, name_)                \
+    VEL_ELEMENTS_(Ordered, Key, Element, name_)         \
+    VEL_ON_USE_ bool name_##Has(const Key& key) const { \
+        return name_##_.has(key);                       \
     }
 
 #define VEL_ITEMS_(Key, name_, ...)                                                                \
@@ -295,47 +297,54 @@ struct KeyedAttr : Attr<E, K> {
     const name_##Store& name_() const {                                                            \
         return name_##_;                                                                           \
     }                                                                                              \
-    void name_##Del(const Key& key) {                                                              \
+    VEL_ON_USE_ void name_##Del(const Key& key) {                                                  \
         itemDel(name_##_, velOrdinalOf_##name_, key);                                              \
     }                                                                                              \
-    void name_##DelAll() {                                                                         \
+    VEL_ON_USE_ void name_##DelAll() {                                                             \
         for (const auto& item : name_##_) name_##Del(name_##Store::keyOf(item));                   \
     }
 
-#define VEL_SET(Key, name_)                                                     \
-    VEL_ITEMS_(Key, name_, ::Vel::SetTraits<Key>)                               \
-    bool name_##Has(const Key& key) const {                                     \
-        return name_##_.has(key);                                               \
-    }                                                                           \
-    void name_##Is(const Key& key) {                                            \
-        itemIs(name_##_, velOrdinalOf_##name_, key);                            \
-    }                                                                           \
-    VEL_DESCRIBED_(name_, ::Vel::setAttribute<velSelf, Key, &velSelf::name_##_, \
-                                              &velSelf::name_##Is, &velSelf::name_##Del>(#name_))
+#define VEL_SET(Key, name_)                                                                   \
+    VEL_ITEMS_(Key, name_, ::Vel::SetTraits<Key>)                                             \
+    VEL_ON_USE_ bool name_##Has(const Key& key) const {                                       \
+        return name_##_.has(key);                                                             \
+    }                                                                                         \
+    VEL_ON_USE_ void name_##Is(const Key& key) {                                              \
+        itemIs(name_##_, velOrdinalOf_##name_, key);                                          \
+    }                                                                                         \
+    VEL_DESCRIBED_(                                                                           \
+        name_,                                                                                \
+        ::Vel::setAttribute<velSelf, Key, &velSelf::name_##_, &velSelf::template name_##Is<>, \
+                            &velSelf::template name_##Del<>>(#name_))
 
-#define VEL_MAP(Key, Value, name_)                                                     \
-    VEL_ITEMS_(Key, name_, ::Vel::MapTraits<Key, Value>)                               \
-    const Value* name_(const Key& key) const {                                         \
-        const auto* item = name_##_.find(key);                                         \
-        return item ? &item->second : nullptr;                                         \
-    }                                                                                  \
-    void name_##Is(const Key& key, const Value& value) {                               \
-        itemIs(name_##_, velOrdinalOf_##name_, std::pair<Key, Value>(key, value));     \
-    }                                                                                  \
-    VEL_DESCRIBED_(name_, ::Vel::mapAttribute<velSelf, Key, Value, &velSelf::name_##_, \
-                                              &velSelf::name_##Is, &velSelf::name_##Del>(#name_))
+#define VEL_MAP(Key, Value, name_)                                                            \
+    VEL_ITEMS_(Key, name_, ::Vel::MapTraits<Key, Value>)                                      \
+    VEL_ON_USE_ const Value* name_(const Key& key) const {                                    \
+        const auto* item = name_##_.find(key);                                                \
+        return item ? &item->second : nullptr;                                                \
+    }                                                                                         \
+    VEL_ON_USE_ void name_##Is(const Key& key, const Value& value) {                          \
+        itemIs(name_##_, velOrdinalOf_##name_, std::pair<Key, Value>(key, value));            \
+    }                                                                                         \
+    VEL_DESCRIBED_(                                                                           \
+        name_,                                                                                \
+        ::Vel::mapAttribute<velSelf, Key, Value, &velSelf::name_##_,                          \
+                            &velSelf::template name_##Is<>, &velSelf::template name_##Del<>>( \
+            #name_))
 
-#define VEL_VALUES(Key, Value, field, name_)                                                      \
-    VEL_ITEMS_(Key, name_, ::Vel::ValueTraits<Key, Value, &Value::field>)                         \
-    const Value* name_(const Key& key) const {                                                    \
-        return name_##_.find(key);                                                                \
-    }                                                                                             \
-    void name_##Is(const Value& value) {                                                          \
-        itemIs(name_##_, velOrdinalOf_##name_, value);                                            \
-    }                                                                                             \
-    VEL_DESCRIBED_(name_,                                                                         \
-                   ::Vel::valuesAttribute<velSelf, Key, Value, &Value::field, &velSelf::name_##_, \
-                                          &velSelf::name_##Is, &velSelf::name_##Del>(#name_))
+#define VEL_VALUES(Key, Value, field, name_)                                                     \
+    VEL_ITEMS_(Key, name_, ::Vel::ValueTraits<Key, Value, &Value::field>)                        \
+    VEL_ON_USE_ const Value* name_(const Key& key) const {                                       \
+        return name_##_.find(key);                                                               \
+    }                                                                                            \
+    VEL_ON_USE_ void name_##Is(const Value& value) {                                             \
+        itemIs(name_##_, velOrdinalOf_##name_, value);                                           \
+    }                                                                                            \
+    VEL_DESCRIBED_(                                                                              \
+        name_,                                                                                   \
+        ::Vel::valuesAttribute<velSelf, Key, Value, &Value::field, &velSelf::name_##_,           \
+                               &velSelf::template name_##Is<>, &velSelf::template name_##Del<>>( \
+            #name_))
 
 #define VEL_CHILD(Type, name_)                                            \
   private:                                                                \
@@ -347,16 +356,19 @@ struct KeyedAttr : Attr<E, K> {
     Type* name_() const {                                                 \
         return name_##_.get();                                            \
     }                                                                     \
-    Type& name_##Is(const ::Vel::Name& name) {                            \
+    VEL_ON_USE_ Type& name_##Is(const ::Vel::Name& name) {                \
         return childIs(name_##_, velOrdinalOf_##name_, name);             \
     }                                                                     \
-    void name_##Del() {                                                   \
+    VEL_ON_USE_ void name_##Del() {                                       \
         childDel(name_##_, velOrdinalOf_##name_);                         \
     }                                                                     \
     VEL_DESCRIBED_(name_, ::Vel::childAttribute<velSelf, Type, &velSelf::name_>(#name_))
 
 // In the entity's source, once, in its namespace.
 #define VEL_DEFINE(Space, Type)                                                   \
+    const ::Vel::TypeDescriptor& Type::type() const {                             \
+        return velType;                                                           \
+    }                                                                             \
     const ::Vel::TypeDescriptor Type::velType{#Space "::" #Type,                  \
                                               ::Vel::attributeTable<Type>.data(), \
                                               ::Vel::attributeTable<Type>.size()};

@@ -16,10 +16,11 @@ std::vector<Object*>& graveyard() {
 }  // namespace
 
 void Object::dispose(Object* object) {
+    if (object->buried_) return;
+    object->buried_ = true;
     if (Hold::depth == 0) {
         delete object;
-    } else if (!object->buried_) {
-        object->buried_ = true;
+    } else {
         graveyard().push_back(object);
         Hold::pending = true;
     }
@@ -30,8 +31,10 @@ void Hold::bury() {
     std::vector<Object*> objects;
     objects.swap(graveyard());
     for (Object* object : objects) {
-        object->buried_ = false;
-        if (object->refs_ == 0) delete object;  // else somebody took it up again
+        if (object->refs_ == 0)
+            delete object;
+        else
+            object->buried_ = false;  // somebody took it up again
     }
 }
 

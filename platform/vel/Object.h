@@ -21,6 +21,9 @@ class VEL_EXPORT Object {
     Object(const Object&) = delete;
     Object& operator=(const Object&) = delete;
 
+    // Nobody owns it any more: it only waits for the stack to unwind, and is no longer called.
+    bool gone() const { return buried_ && refs_ == 0; }
+
   protected:
     virtual ~Object() = default;
 
@@ -36,7 +39,7 @@ class VEL_EXPORT Object {
     static void dispose(Object* object);  // destroys now, or when the last Hold goes
 
     U32 refs_ = 0;
-    bool buried_ = false;  // waits for the last Hold
+    bool buried_ = false;  // waits for the last Hold, or is being destroyed
 };
 
 // Intrusive counted pointer. Moving is free, copying an increment.

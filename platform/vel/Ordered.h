@@ -11,8 +11,9 @@
 
 namespace Vel {
 
-// Traits as for Table. A walk remembers the key it stands on, so any change under it is harmless;
-// items that came after it began are told by their serial number and passed over.
+// Traits as for Table. A walk remembers the key it stands on and finds its way back from it after a
+// removal, so any change under it is harmless; items that came after it began are told by their
+// serial number and passed over.
 template <class Traits>
 class Ordered {
   public:
@@ -42,6 +43,7 @@ class Ordered {
     std::pair<bool, Item> take(const Key& key) {
         auto node = items_.extract(key);
         if (node.empty()) return {false, Item{}};
+        ++removals_;
         return {true, std::move(node.mapped().second)};
     }
     Cursor begin() const { return Cursor(*this); }
@@ -49,7 +51,8 @@ class Ordered {
 
   private:
     std::map<Key, std::pair<U64, Item>> items_;
-    U64 next_ = 0;
+    U64 next_ = 0;      // serial number of the next item
+    U64 removals_ = 0;  // so far
 };
 
 template <class Traits>
@@ -61,12 +64,18 @@ class Ordered<Traits>::Cursor {
 
     decltype(auto) operator*() const { return Traits::reference(now_); }
     Cursor& operator++() {
-        auto it = key_ ? table_.items_.upper_bound(*key_) : table_.items_.begin();
-        while (it != table_.items_.end() && it->second.first >= end_) ++it;
-        done_ = it == table_.items_.end();
+        if (!key_)
+            at_ = table_.items_.begin();
+        else if (removals_ == table_.removals_)
+            ++at_;
+        else
+            at_ = table_.items_.upper_bound(*key_);
+        removals_ = table_.removals_;
+        while (at_ != table_.items_.end() && at_->second.first >= end_) ++at_;
+        done_ = at_ == table_.items_.end();
         if (done_) return *this;
-        key_ = it->first;
-        now_ = Traits::yield(it->second.second);
+        key_ = at_->first;
+        now_ = Traits::yield(at_->second.second);
         return *this;
     }
     bool operator==(std::default_sentinel_t) const { return done_; }
@@ -75,7 +84,9 @@ class Ordered<Traits>::Cursor {
     Hold hold_;
     const Ordered& table_;
     U64 end_;
-    std::optional<Key> key_;
+    U64 removals_ = 0;  // when at_ was right
+    typename decltype(Ordered::items_)::const_iterator at_;
+    std::optional<Key> key_;  // of at_
     bool done_ = false;
     typename Traits::Yield now_{};
 };

@@ -18,30 +18,49 @@ namespace Vel {
 class VEL_EXPORT Reactor : public Object {
   public:
     virtual void handleInitialized() {}
-    // Runs before the owner lets go: withdraw what was published, release what was made.
+    // Runs before the owner lets go: withdraw what was published, let go of the reactors owned.
+    // (Those that are not go with this one, which may be as late as when the stack has unwound.)
+    // Must not throw.
     virtual void doCleanup() {}
 };
 
-// Somebody who follows an input when it is replaced.
-class InputWatcher {
-  public:
-    InputWatcher(const InputWatcher&) = delete;
-    InputWatcher& operator=(const InputWatcher&) = delete;
+// A place in the ring of an input's watchers, or its head.
+struct InputLink {
+    InputLink() = default;
+    InputLink(const InputLink&) = delete;
+    InputLink& operator=(const InputLink&) = delete;
+    ~InputLink() { unlink(); }
 
-  protected:
-    InputWatcher() = default;
-    ~InputWatcher() {
-        if (link_) *link_ = next_;
-        if (next_) next_->link_ = link_;
+    void linkBefore(InputLink& head) {
+        unlink();
+        prev = std::exchange(head.prev, this);
+        next = &head;
+        prev->next = this;
     }
+    void unlink() {
+        prev->next = next;
+        next->prev = prev;
+        prev = next = this;
+    }
+
+    InputLink* prev = this;
+    InputLink* next = this;
+};
+
+// Somebody who follows an input when it is replaced.
+class InputWatcher : private InputLink {
+  protected:
+    explicit InputWatcher(Ptr<Object> watched) : watched_(std::move(watched)) {}
+    ~InputWatcher() = default;
+
+    Object& watched() const { return *watched_; }
 
   private:
     template <class>
     friend class Input;
-    virtual void replaced(Entity& now) = 0;
+    virtual void replaced(Object& before, Object& now) = 0;  // watched() is `now` already
 
-    InputWatcher** link_ = nullptr;
-    InputWatcher* next_ = nullptr;
+    Ptr<Object> watched_;
 };
 
 [[noreturn]] VEL_EXPORT void nullInput(std::string_view reactor, std::string_view attribute);
@@ -69,19 +88,23 @@ class Input {
         if (entity == entity_) return;
         Hold hold;
         entity_ = std::move(entity);
-        for (InputWatcher* w = watchers_; w; w = w->next_) w->replaced(*entity_);
+        // Those that are behind come first, and each goes to the end as it moves over. So watchers
+        // may come and go, and the input be replaced again, while their handlers run.
+        while (watchers_.next != &watchers_) {
+            auto& watcher = static_cast<InputWatcher&>(*watchers_.next);
+            if (watcher.watched_ == entity_) return;
+            watch(watcher);
+            Ptr<Object> before = std::exchange(watcher.watched_, entity_);
+            watcher.replaced(*before, *entity_);
+        }
     }
 
-    void watch(InputWatcher& watcher) {
-        watcher.next_ = watchers_;
-        if (watchers_) watchers_->link_ = &watcher.next_;
-        watcher.link_ = &watchers_;
-        watchers_ = &watcher;
-    }
+    // Watchers are told in the order in which they came.
+    void watch(InputWatcher& watcher) { watcher.linkBefore(watchers_); }
 
   private:
     Ptr<T> entity_;
-    InputWatcher* watchers_ = nullptr;
+    InputLink watchers_;  // head of the ring
 };
 
 // A subscription to an attribute of an input, as a member of the reactor:
@@ -99,38 +122,38 @@ class Watch final : public InputWatcher {
     }
 
   private:
-    using Move = void (*)(Watch& watch, Entity& before, Entity& now);
+    using Move = void (*)(Watch& watch, Object& before, Object& now);
 
     template <class E>
     Watch(Input<E>& input, Subscription subscription, void* reactor, Move move)
-        : subscription_(std::move(subscription)),
-          entity_(input.ptr()),
+        : InputWatcher(input.ptr()),
+          subscription_(std::move(subscription)),
           reactor_(reactor),
           move_(move) {
         input.watch(*this);
     }
 
-    void replaced(Entity& now) override {
-        Ptr<Entity> before = std::exchange(entity_, Ptr<Entity>(now));
-        move_(*this, *before, now);
-    }
+    void replaced(Object& before, Object& now) override { move_(*this, before, now); }
     template <auto handler, const auto* attr, class E, class R>
-    static void move(Watch& watch, Entity& before, Entity& now) {
+    static void move(Watch& watch, Object& before, Object& now) {
         auto& entity = static_cast<E&>(now);
-        auto* reactor = static_cast<R*>(watch.reactor_);
-        watch.subscription_ = Subscription::to<handler>(entity, *attr, reactor);
+        watch.subscription_ =
+            Subscription::to<handler>(entity, *attr, static_cast<R*>(watch.reactor_));
         if constexpr (requires { attr->store; }) {
             const auto& store = entity.*attr->store;
+            auto tell = [&](const auto& key) {
+                using Key = std::remove_cvref_t<decltype(key)>;
+                Subscription::call<handler, Key, R>(watch.reactor_, &key);
+            };
             for (const auto& item : static_cast<E&>(before).*attr->store)
-                if (!store.has(store.keyOf(item))) (reactor->*handler)(store.keyOf(item));
-            for (const auto& item : store) (reactor->*handler)(store.keyOf(item));
+                if (!store.has(store.keyOf(item))) tell(store.keyOf(item));
+            for (const auto& item : store) tell(store.keyOf(item));
         } else {
-            (reactor->*handler)();
+            Subscription::call<handler, void, R>(watch.reactor_, nullptr);
         }
     }
 
     Subscription subscription_;
-    Ptr<Entity> entity_;
     void* reactor_;
     Move move_;
 };
@@ -182,10 +205,11 @@ class Owned {
             requireSameInputs(inputs, reactor_->inputs());
             return *reactor_;
         }
-        Ptr<R> made = make<R>(inputs);
-        reactor_ = made;
-        made->handleInitialized();
-        return *made;
+        Hold hold;
+        reactor_ = make<R>(inputs);
+        R& made = *reactor_;
+        made.handleInitialized();
+        return made;
     }
     void del() {
         Hold hold;
@@ -209,11 +233,14 @@ struct ReactorTraits {
         Ptr<R> reactor;
         const void* element = nullptr;  // what an entry reactor was made for
     };
+    struct Yield {
+        K key{};
+        R* reactor = nullptr;
+    };
     using Key = K;
-    using Yield = Item;
     static const K& key(const Item& item) { return item.key; }
-    static const Item& yield(const Item& item) { return item; }
-    static const Item& reference(const Item& now) { return now; }
+    static Yield yield(const Item& item) { return {item.key, item.reactor.get()}; }
+    static const Yield& reference(const Yield& now) { return now; }
 };
 
 // Reactors by key; the rules of Owned for each. A walk yields {key, reactor}.
@@ -231,10 +258,10 @@ class ReactorMap {
             requireSameInputs(inputs, present->inputs());
             return *present;
         }
-        Ptr<R> made = make<R>(inputs);
-        table_.insert({key, made});
-        made->handleInitialized();
-        return *made;
+        Hold hold;
+        R& made = *table_.insert({key, make<R>(inputs)}).reactor;
+        made.handleInitialized();
+        return made;
     }
     void del(const Key& key) {
         Hold hold;
@@ -267,7 +294,7 @@ class EntryReactors final : public InputWatcher {
   public:
     template <class Owner>
     EntryReactors(Owner& owner, E& entity, KeyedAttr<E, Key, Store> attr)
-        : owner_(&owner), make_(&makeFor<Owner>), attr_(attr), entity_(entity) {
+        : InputWatcher(Ptr<Object>(entity)), owner_(&owner), make_(&makeFor<Owner>), attr_(attr) {
         follow();
     }
     template <class Owner>
@@ -278,7 +305,7 @@ class EntryReactors final : public InputWatcher {
     ~EntryReactors() { clear(); }
 
     void initialize() {
-        initialized_ = true;
+        if (std::exchange(initialized_, true)) return;
         for (const auto& item : table_) item.reactor->handleInitialized();
     }
     // Lets all go, without their delete handlers, and follows no more.
@@ -296,54 +323,67 @@ class EntryReactors final : public InputWatcher {
   private:
     using Element = std::remove_reference_t<decltype(*std::declval<typename Store::Item>())>;
 
+    // Null when the owner only waits for the stack to unwind.
     template <class Owner>
     static Ptr<R> makeFor(void* owner, Element& element) {
-        return make<R>(*static_cast<Owner*>(owner), element);
+        auto& self = *static_cast<Owner*>(owner);
+        if constexpr (std::is_base_of_v<Object, Owner>)
+            if (self.gone()) return nullptr;
+        return make<R>(self, element);
+    }
+
+    const Store& store() const { return static_cast<E&>(watched()).*attr_.store; }
+    Element* elementAt(const Key& key) const {
+        const auto* found = store().find(key);
+        return found ? found->get() : nullptr;
     }
 
     void follow() {
-        subscription_ = Subscription::to<&EntryReactors::handleKey>(*entity_, attr_, this);
-        for (Element& element : (*entity_).*attr_.store) handleKey(element.velKey());
+        subscription_ =
+            Subscription::to<&EntryReactors::handleKey>(static_cast<E&>(watched()), attr_, this);
+        for (Element& element : store()) handleKey(element.velKey());
     }
-    void replaced(Entity& now) override {
+    void replaced(Object&, Object&) override {
+        if (!subscription_) return;  // cleared
         subscription_.reset();
         for (const auto& item : table_) remove(item.key);
-        entity_ = Ptr<E>(static_cast<E&>(now));
         follow();
     }
 
-    // The element may have gone and come back before this notification was read, so what counts is
-    // which element is there now.
+    // The element may have gone and come back before this notification was read, and what is called
+    // here may bring the next; so what counts is which element is there at each step.
     void handleKey(const Key& key) {
-        const auto* found = ((*entity_).*attr_.store).find(key);
-        Element* element = found ? found->get() : nullptr;
-        const auto* mine = table_.find(key);
-        if (mine && mine->element == element) return;
-        if (mine) remove(key);
-        if (!element) return;
+        if (const auto* mine = table_.find(key)) {
+            if (mine->element == elementAt(key)) return;
+            remove(key);
+        }
+        Element* element = elementAt(key);
+        if (!element || table_.has(key)) return;
+        Hold hold;
         Ptr<R> made = make_(owner_, *element);
-        table_.insert({key, made, element});
-        if (initialized_) made->handleInitialized();
+        if (!made) return;
+        if (elementAt(key) != element || table_.has(key)) return cleanUp(*made);
+        R& reactor = *table_.insert({key, std::move(made), element}).reactor;
+        if (initialized_) reactor.handleInitialized();
     }
     void remove(const Key& key) {
         Hold hold;
-        if (const auto* mine = table_.find(key)) {
-            Ptr<R> reactor = mine->reactor;
-            if constexpr (requires { reactor->handleDelete(); }) reactor->handleDelete();
-            drop(key);
-        }
+        const Ptr<R> reactor = table_.take(key).second.reactor;
+        if (!reactor) return;
+        if constexpr (requires { reactor->handleDelete(); }) reactor->handleDelete();
+        cleanUp(*reactor);
     }
     void drop(const Key& key) {
         Hold hold;
-        const Ptr<R> reactor = table_.take(key).second.reactor;
-        if constexpr (requires { reactor->doCleanup(); })
-            if (reactor) reactor->doCleanup();
+        if (const Ptr<R> reactor = table_.take(key).second.reactor) cleanUp(*reactor);
+    }
+    static void cleanUp(R& reactor) {
+        if constexpr (requires { reactor.doCleanup(); }) reactor.doCleanup();
     }
 
     void* owner_;
     Ptr<R> (*make_)(void*, Element&);
     KeyedAttr<E, Key, Store> attr_;
-    Ptr<E> entity_;
     Table<ReactorTraits<Key, R>> table_;
     Subscription subscription_;
     bool initialized_ = false;

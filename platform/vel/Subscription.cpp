@@ -7,9 +7,70 @@
 
 namespace Vel {
 
-namespace {
-Round* top = nullptr;  // the innermost round under way; one event thread
-}
+// One notification under way, on the stack. It knows where its walk over the subscribers stands, so
+// that one who leaves is passed over and one who comes is not called in this round.
+class Round {
+  public:
+    static constexpr U32 maxDepth = 64;
+
+    Round(Entity& entity, Ordinal attribute)
+        : entity_(entity),
+          outer_(top),
+          end_(entity.last_),
+          depth_(top ? top->depth_ + 1 : 1),
+          attribute_(attribute) {
+        if (depth_ > maxDepth) [[unlikely]]
+            tooDeep();
+        top = this;
+    }
+    ~Round() { top = outer_; }
+    Round(const Round&) = delete;
+    Round& operator=(const Round&) = delete;
+
+    void run(const void* key) {
+        for (Subscription* now = entity_.first_; now; now = next_) {
+            next_ = now == end_ ? nullptr : now->next_;
+            if (now->attribute_ == attribute_ || now->attribute_ == anyAttribute)
+                now->function_(now->object_, key, attribute_);
+        }
+    }
+
+    static void removed(const Subscription& gone) {
+        for (Round* round = top; round; round = round->outer_) {
+            if (round->next_ == &gone) round->next_ = &gone == round->end_ ? nullptr : gone.next_;
+            if (round->end_ == &gone) round->end_ = gone.prev_;
+        }
+    }
+    static void moved(const Subscription& from, Subscription& to) {
+        for (Round* round = top; round; round = round->outer_) {
+            if (round->next_ == &from) round->next_ = &to;
+            if (round->end_ == &from) round->end_ = &to;
+        }
+    }
+
+  private:
+    [[noreturn, gnu::cold]] void tooDeep() const {
+        std::string chain = "notifications nest deeper than 64 rounds:";
+        for (const Round* round = this; round; round = round->outer_) {
+            const TypeDescriptor& type = round->entity_.type();
+            chain.append(" ").append(type.name).append(".");
+            chain.append(type.attributeName(round->attribute_));
+        }
+        assertionFailed(chain.c_str(), __FILE__, __LINE__);
+    }
+
+    static Round* top;  // the innermost one; one event thread
+
+    Hold hold_;
+    Entity& entity_;
+    Round* const outer_;
+    Subscription* next_ = nullptr;
+    Subscription* end_;  // the last subscriber of this round
+    const U32 depth_;
+    const Ordinal attribute_;
+};
+
+constinit Round* Round::top = nullptr;
 
 Subscription::Subscription(Entity& entity, Ordinal attribute, void* object, Function function)
     : entity_(&entity),
@@ -24,10 +85,7 @@ Subscription::Subscription(Entity& entity, Ordinal attribute, void* object, Func
 
 void Subscription::reset() {
     if (!entity_) return;
-    for (Round* round = top; round; round = round->outer_) {
-        if (round->next_ == this) round->next_ = this == round->end_ ? nullptr : next_;
-        if (round->end_ == this) round->end_ = prev_;
-    }
+    Round::removed(*this);
     (prev_ ? prev_->next_ : entity_->first_) = next_;
     (next_ ? next_->prev_ : entity_->last_) = prev_;
     if (!entity_->first_) entity_->interest_ = 0;  // else stale bits only cost a look at the list
@@ -44,40 +102,7 @@ void Subscription::adopt(Subscription& other) {
     if (!entity_) return;
     (prev_ ? prev_->next_ : entity_->first_) = this;
     (next_ ? next_->prev_ : entity_->last_) = this;
-    for (Round* round = top; round; round = round->outer_) {
-        if (round->next_ == &other) round->next_ = this;
-        if (round->end_ == &other) round->end_ = this;
-    }
-}
-
-Round::Round(Entity& entity, Ordinal attribute)
-    : entity_(entity), outer_(top), depth_(top ? top->depth_ + 1 : 1), attribute_(attribute) {
-    if (depth_ > maxDepth) [[unlikely]]
-        tooDeep();
-    top = this;
-}
-
-Round::~Round() {
-    top = outer_;
-}
-
-void Round::run(const void* key) {
-    end_ = entity_.last_;
-    for (Subscription* now = entity_.first_; now; now = next_) {
-        next_ = now == end_ ? nullptr : now->next_;
-        if (now->attribute_ == attribute_ || now->attribute_ == anyAttribute)
-            now->function_(now->object_, key, attribute_);
-    }
-}
-
-void Round::tooDeep() const {
-    std::string chain = "notifications nest deeper than 64 rounds:";
-    for (const Round* round = this; round; round = round->outer_) {
-        const TypeDescriptor& type = round->entity_.type();
-        chain.append(" ").append(type.name).append(".");
-        chain.append(type.attributeName(round->attribute_));
-    }
-    assertionFailed(chain.c_str(), __FILE__, __LINE__);
+    Round::moved(other, *this);
 }
 
 void Entity::notify(Ordinal attribute, const void* key) {

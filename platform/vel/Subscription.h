@@ -3,9 +3,12 @@
 // A Subscription is the record itself, {object, function, attribute}, linked into the list of the
 // entity it watches: subscribing and letting go allocate nothing and cost a few stores. It is made
 // from a member function, `Subscription(entity, Entity::nameAttr, this, &Reactor::handleName)`,
-// and lives as a member of the reactor: when the reactor goes, nothing calls it any more. Move
-// assignment lets the old one go. An entity that dies first leaves the handle empty.
+// and lives as a member of the reactor: when the reactor goes, nothing calls it any more, not even
+// while it still waits for the stack to unwind. Move assignment lets the old one go. An entity that
+// dies first leaves the handle empty.
 #pragma once
+
+#include <type_traits>
 
 #include "platform/Export.h"
 #include "platform/vel/Object.h"
@@ -49,18 +52,22 @@ class [[nodiscard]] VEL_EXPORT Subscription {
     void reset();
     explicit operator bool() const { return entity_ != nullptr; }
 
-  private:
-    friend class Entity;
-    friend class Round;
-
+    // Calls a handler the way a notification does.
     template <auto handler, class Key, class Object>
-    static void call(void* object, const void* key, Ordinal) {
+    static void call(void* object, const void* key, Ordinal = 0) {
         auto* self = static_cast<Object*>(object);
+        if constexpr (std::is_base_of_v<Vel::Object, Object>)
+            if (self->gone()) return;
         if constexpr (requires { (self->*handler)(); })
             (self->*handler)();
         else
             (self->*handler)(*static_cast<const Key*>(key));
     }
+
+  private:
+    friend class Entity;
+    friend class Round;
+
     void adopt(Subscription& other);
 
     Entity* entity_ = nullptr;
@@ -69,30 +76,6 @@ class [[nodiscard]] VEL_EXPORT Subscription {
     void* object_ = nullptr;
     Function function_ = nullptr;
     Ordinal attribute_ = 0;
-};
-
-// One notification under way, on the stack. It knows where its walk over the subscribers stands, so
-// that one who leaves is passed over and one who comes is not called in this round.
-class VEL_EXPORT Round {
-  public:
-    static constexpr U32 maxDepth = 64;
-
-  private:
-    friend class Entity;
-    friend class Subscription;
-
-    Round(Entity& entity, Ordinal attribute);
-    ~Round();
-    void run(const void* key);
-    [[noreturn]] void tooDeep() const;
-
-    Hold hold_;
-    Entity& entity_;
-    Round* outer_;
-    Subscription* next_ = nullptr;
-    Subscription* end_ = nullptr;  // the last subscriber of this round
-    U32 depth_;
-    Ordinal attribute_;
 };
 
 }  // namespace Vel

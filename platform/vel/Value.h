@@ -8,7 +8,10 @@
 // are built on; a type of another making joins by specialising it.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <bit>
+#include <cstring>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -16,6 +19,7 @@
 #include <tuple>
 #include <type_traits>
 
+#include "platform/netz/Assert.h"
 #include "platform/netz/Error.h"
 #include "platform/netz/Hash.h"
 #include "platform/netz/IntfId.h"
@@ -61,7 +65,9 @@ struct Codec;
 
 template <class T>
 U32 scalarHash(const T& v) {
-    if constexpr (std::is_arithmetic_v<T>)
+    if constexpr (std::is_floating_point_v<T>)
+        return static_cast<U32>(std::bit_cast<U64>(v == 0 ? 0 : v) >> 32);  // -0 equals 0
+    else if constexpr (std::is_arithmetic_v<T>)
         return static_cast<U32>(v);
     else if constexpr (requires { v.hash(); })
         return v.hash();
@@ -70,12 +76,37 @@ U32 scalarHash(const T& v) {
 }
 template <class T>
 U64 scalarMix(const T& v) {
-    if constexpr (std::is_arithmetic_v<T>)
+    if constexpr (std::is_integral_v<T>)
         return Netz::hashMix(0, static_cast<U64>(v));
     else if constexpr (requires { v.mix(); })
         return v.mix();
     else
         return scalarHash(v) * 0x9e3779b97f4a7c15U;
+}
+
+// The same over the bytes of a value without padding, two words a multiplication: folding the
+// 128-bit product lets every bit reach every other, and the pairs do not wait for one another.
+template <class T>
+U64 bytesMix(const T& v) {
+    __extension__ using U128 = unsigned __int128;
+    constexpr size_t n = sizeof(T);
+    auto word = [&](size_t at) {  // the eight bytes at `at`; at the end the last eight
+        U64 w = 0;
+        std::memcpy(&w, reinterpret_cast<const char*>(&v) + (n < 8 ? 0 : std::min(at, n - 8)),
+                    std::min<size_t>(n, 8));
+        return w;
+    };
+    U64 mix = 0;
+    auto fold = [&](size_t at) {
+        const U128 product = static_cast<U128>(word(at) ^ 0x9e3779b97f4a7c15U) *
+                             (word(at + 8) ^ 0xd6e8feb86659fd93U);
+        mix = std::rotl(mix, 23) ^ static_cast<U64>(product) ^ static_cast<U64>(product >> 64);
+    };
+    [&]<size_t... i>(std::index_sequence<i...>) {
+        (fold(16 * i), ...);
+    }
+    (std::make_index_sequence<(n + 15) / 16>());
+    return mix;
 }
 
 #define VEL_SCALAR_CODEC(T, text_)                            \
@@ -221,9 +252,12 @@ struct Codec<T> {
     }
     static std::string key(const T& v) {
         std::string out;
+        bool first = true;
         eachField<T>([&](const auto& f) {
             using C = Codec<FieldType<decltype(f.member)>>;
-            if (&(v.*f.member) != static_cast<const void*>(&v)) out += ',';
+            static_assert(!StructValue<FieldType<decltype(f.member)>>,
+                          "the fields of a key are scalars");
+            if (!std::exchange(first, false)) out += ',';
             if constexpr (C::isText)
                 appendEscapedKey(out, C::key(v.*f.member));
             else
@@ -244,6 +278,9 @@ struct Codec<T> {
         return v;
     }
     static U64 mix(const T& v) {
+        if constexpr (std::is_trivially_copyable_v<T> &&
+                      std::has_unique_object_representations_v<T>)
+            return bytesMix(v);
         U64 state = 0;
         eachField<T>([&](const auto& f) {
             state = Netz::hashMix(state, Codec<FieldType<decltype(f.member)>>::mix(v.*f.member));
@@ -263,7 +300,10 @@ struct Codec<T> {
     static constexpr bool isText = false;
     static constexpr auto names = velEnumNames(static_cast<const T*>(nullptr));
 
-    static const char* name(T v) { return names[static_cast<size_t>(v)]; }
+    static const char* name(T v) {
+        VEL_ASSERT(static_cast<size_t>(v) < names.size(), "an enumerator without a name");
+        return names[static_cast<size_t>(v)];
+    }
     static std::optional<T> find(std::string_view name) {
         for (size_t i = 0; i < names.size(); ++i)
             if (name == names[i]) return static_cast<T>(i);
@@ -325,7 +365,8 @@ U32 hashOf(const T& v) {
     constexpr auto velFields(const Type*) {                                        \
         return std::make_tuple(VEL_FOR_EACH_COMMA(VEL_FIELD_, Type, __VA_ARGS__)); \
     }                                                                              \
-    inline std::ostream& operator<<(std::ostream& out, const Type& v) {            \
+    template <class velOnUse = void>                                               \
+    std::ostream& operator<<(std::ostream& out, const Type& v) {                   \
         return out << ::Vel::valueToStrep(v);                                      \
     }
 
