@@ -1,0 +1,193 @@
+// Random operations on each kind of keyed attribute, also from inside walks and notifications, held
+// against a plain list of what should be there.
+#include "tests/vel/VelTest.h"
+
+namespace Test {
+
+#define ACCESS(Name, Key_, coll, isSorted, toKey, toIs, toValue)                           \
+    struct Name {                                                                          \
+        using Key = Key_;                                                                  \
+        static constexpr bool sorted = isSorted;                                           \
+        static constexpr const auto& attr = Tree::coll##Attr;                              \
+        static Key key(U32 n) { return toKey; }                                            \
+        static const auto& all(const Tree& t) { return t.coll(); }                         \
+        static void is(Tree& t, const Key& k, [[maybe_unused]] U32 v) { t.coll##Is toIs; } \
+        static void del(Tree& t, const Key& k) { t.coll##Del(k); }                         \
+        static void delAll(Tree& t) { t.coll##DelAll(); }                                  \
+        static U32 value([[maybe_unused]] const auto& item) { return toValue; }            \
+    };
+ACCESS(Hashed, U32, leaf, false, n, (k), 0)
+ACCESS(Sorted, U32, sorted, true, n * 0x9e3779b9U, (k), 0)
+ACCESS(Set, SiteKey, site, false, (SiteKey{std::string(n % 3, 'x'), addr(n)}), (k), 0)
+ACCESS(Map, FlowKey, flow, false, (FlowKey{addr(n % 7), addr(n), n % 2}), (k, v), item.second)
+ACCESS(Values, U32, rule, false, n, ((Rule{.id = k, .weight = static_cast<U8>(v)})), item.weight)
+
+template <class Access>
+class Collection : public testing::Test {
+  protected:
+    using Key = typename Access::Key;
+    static constexpr U32 keys = 150;
+    static constexpr bool hasValue = std::is_same_v<Access, Map> || std::is_same_v<Access, Values>;
+
+    struct Entry {
+        Key key;
+        U32 value;
+        U32 serial;
+    };
+    // The notification that is due: of one key, or of any that was there before `limit`.
+    struct Due {
+        std::optional<Key> key = {};
+        bool present = false;
+        U32 limit = 0;
+        U32 calls = 0;
+    };
+
+    Entry* find(const Key& key) {
+        auto it =
+            std::find_if(model.begin(), model.end(), [&](const Entry& e) { return e.key == key; });
+        return it == model.end() ? nullptr : &*it;
+    }
+    bool present(U32 serial) const {
+        return std::any_of(model.begin(), model.end(),
+                           [&](const Entry& e) { return e.serial == serial; });
+    }
+    std::vector<Entry> inOrder() const {
+        auto entries = model;
+        if (Access::sorted)
+            std::sort(entries.begin(), entries.end(),
+                      [](const Entry& a, const Entry& b) { return a.key < b.key; });
+        return entries;
+    }
+
+    void handle(const Key& key) {
+        ASSERT_NE(due, nullptr);
+        ++due->calls;
+        const auto* item = Access::all(*tree).find(key);
+        Entry* entry = find(key);
+        ASSERT_EQ(item != nullptr, due->present);
+        if (due->key) {
+            ASSERT_EQ(key, *due->key);
+        } else {
+            ASSERT_TRUE(entry && entry->serial < due->limit) << "DelAll took what came meanwhile";
+        }
+        if (item && entry)
+            entry->value = newValue;
+        else if (item)
+            model.push_back({key, newValue, ++serial});
+        else
+            model.erase(model.begin() + (entry - model.data()));
+        if (depth < 3 && random() % 8 == 0) step();
+    }
+
+    void change(Due& now, U32 value, auto&& operation) {
+        Due* outer = std::exchange(due, &now);
+        newValue = value;
+        ++depth;
+        operation();
+        --depth;
+        due = outer;
+    }
+    void step() {
+        const U32 what = random() % 100;
+        const Key key = Access::key(random() % keys);
+        const Entry* entry = find(key);
+        if (what == 0) {
+            Due all{.limit = serial + 1};
+            const auto before = model;
+            change(all, 0, [&] { Access::delAll(*tree); });
+            for (const Entry& e : before) ASSERT_FALSE(present(e.serial));
+        } else if (what < 6) {
+            if (depth < 3) walk();
+        } else if (what < (growing ? 75 : 25)) {
+            const U32 v = hasValue ? random() % 3 : 0;
+            const U32 calls = entry && entry->value == v ? 0 : 1;
+            Due one{.key = key, .present = true};
+            change(one, v, [&] { Access::is(*tree, key, v); });
+            ASSERT_EQ(one.calls, calls);
+        } else {
+            Due one{.key = key};
+            const U32 calls = entry ? 1 : 0;
+            change(one, 0, [&] { Access::del(*tree, key); });
+            ASSERT_EQ(one.calls, calls);
+        }
+    }
+    // Each that was there at the start and is there when reached, once, in order; no other.
+    void walk() {
+        const std::vector<Entry> start = inOrder();
+        size_t next = 0;
+        auto skip = [&] {
+            while (next < start.size() && !present(start[next].serial)) ++next;
+        };
+        ++depth;
+        for (const auto& item : Access::all(*tree)) {
+            skip();
+            ASSERT_LT(next, start.size());
+            ASSERT_EQ(Access::all(*tree).keyOf(item), start[next].key);
+            ASSERT_EQ(Access::value(item), find(start[next].key)->value);
+            ++next;
+            while (random() % 4 == 0) step();
+            if (HasFatalFailure()) break;
+        }
+        --depth;
+        skip();
+        ASSERT_TRUE(next == start.size() || HasFatalFailure());
+    }
+    void run(U32 seed) {
+        random.seed(seed);
+        for (U32 n = 0; n < 2400 && !HasFatalFailure(); ++n) {
+            growing = n / 200 % 2 == 0;  // past the small table, and back to nearly empty
+            step();
+            if (n % 200 == 199) compare();
+        }
+    }
+    void compare() {
+        ASSERT_EQ(Access::all(*tree).size(), model.size());
+        for (U32 n = 0; n < keys; ++n)
+            ASSERT_EQ(Access::all(*tree).has(Access::key(n)), find(Access::key(n)) != nullptr);
+        walk();
+    }
+
+    Random random;
+    Ptr<Tree> tree = make<Tree>("tree");
+    Subscription subscription = Subscription::to<&Collection::handle>(*tree, Access::attr, this);
+    std::vector<Entry> model;  // in order of insertion
+    U32 serial = 0;
+    U32 newValue = 0;
+    U32 depth = 0;
+    bool growing = true;
+    Due* due = nullptr;
+};
+
+using Kinds = testing::Types<Hashed, Sorted, Set, Map, Values>;
+TYPED_TEST_SUITE(Collection, Kinds);
+
+TYPED_TEST(Collection, FollowsTheModel) {
+    for (U32 seed = 1; seed <= 4; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        this->run(seed);
+    }
+}
+
+TEST(Element, IsWholeBeforeItIsAnnouncedAndAfterItIsGone) {
+    auto tree = make<Tree>("t");
+    struct {
+        Tree& tree;
+        Ptr<Leaf> kept;
+        std::vector<U32> seen;
+        void handle(const U32& key) {
+            if (Leaf* leaf = tree.leaf(key)) kept = *leaf;
+            seen.push_back(kept->a());
+        }
+        void never() { FAIL() << "what a removed element contains goes silently"; }
+    } watcher{*tree, {}, {}};
+    auto whole = Subscription::to<&decltype(watcher)::handle>(*tree, Tree::leafAttr, &watcher);
+    Leaf& first = tree->leafIs(1, [](Leaf& leaf) { leaf.aIs(5); });
+    auto silent = Subscription::to<&decltype(watcher)::never>(first, Leaf::aAttr, &watcher);
+    EXPECT_EQ(&tree->leafIs(1, [](Leaf& leaf) { leaf.aIs(6); }), &first) << "kept as it is";
+    tree->leafDel(1);
+    tree->leafDel(1);
+    EXPECT_EQ(watcher.seen, (std::vector<U32>{5, 5}));
+    EXPECT_EQ(watcher.kept->a(), 5U);
+}
+
+}  // namespace Test

@@ -1,0 +1,120 @@
+// Entities seen by somebody who has only names and texts.
+#include "tests/vel/VelTest.h"
+
+namespace Test {
+
+std::string text(const Datum& d) {
+    std::string out;
+    if (const auto* list = d.as<Datum::List>()) {
+        for (const Datum& item : *list) out += (out.empty() ? "" : " ") + text(item);
+        return "[" + out + "]";
+    }
+    if (const auto* members = d.as<Datum::Members>()) {
+        for (const auto& [name, value] : *members)
+            out += (out.empty() ? "" : " ") + name + "=" + text(value);
+        return "{" + out + "}";
+    }
+    if (const auto* s = d.as<String>()) return "'" + *s + "'";
+    if (const auto* n = d.as<U64>()) return std::to_string(*n);
+    if (const auto* b = d.as<bool>()) return *b ? "true" : "false";
+    return d.isNull() ? "null" : Codec<double>::key(*d.as<double>());
+}
+
+struct DescribeTest : testing::Test {
+    const Attribute& attribute(const char* name) { return *Tree::velType.find(name); }
+    static void note(void* self, const void* key, Ordinal ordinal) {
+        const Attribute& a = Tree::velType.attributes[ordinal];
+        static_cast<DescribeTest*>(self)->seen.push_back(std::string(a.name) +
+                                                         (key ? "[" + a.keyText(key) + "]" : ""));
+    }
+    Ptr<Tree> tree = make<Tree>("tree");
+    Subscription all = tree->subscribeAll(this, &note);
+    std::vector<std::string> seen;
+};
+
+TEST_F(DescribeTest, ReadsWritesAndWatchesByName) {
+    EXPECT_EQ(text(toDatum(*tree)),
+              "{name='tree' mode='off' count=254 leaf={} sorted={} site=[] flow={} rule={} "
+              "sub=null}");
+    attribute("mode").set(*tree, {"active"});
+    attribute("mode").set(*tree, {"active"});
+    EXPECT_EQ((tree->countInc(1), tree->countInc(3)), 2) << "modulo 256";
+    for (const char* key : {"20", "3"})
+        for (const char* name : {"leaf", "sorted"})
+            attribute(name).create(
+                *tree, key, [](Entity& leaf) { Leaf::velType.find("b")->set(leaf, {U64{9}}); });
+    attribute("site").setAt(*tree, R"(a\,b,::1)", {true});
+    attribute("flow").setAt(*tree, "1.2.3.4,::2,7", {U64{1}});
+    attribute("rule").setAt(*tree, "5",
+                            {Datum::Members{{"mode", {"standby"}}, {"share", {U64{2}}}}});
+    Tree& sub = tree->subIs("below");
+    EXPECT_EQ(attribute("sub").find(*tree, ""), &sub);
+    EXPECT_EQ(seen, (std::vector<std::string>{"mode", "count", "count", "leaf[20]", "sorted[20]",
+                                              "leaf[3]", "sorted[3]", R"(site[a\,b,::1])",
+                                              "flow[1.2.3.4,::2,7]", "rule[5]", "sub"}));
+    tree->subDel();
+    EXPECT_EQ(text(toDatum(*tree)),
+              "{name='tree' mode='active' count=2 "
+              "leaf={20={id=20 a=0 b=9} 3={id=3 a=0 b=9}} "
+              "sorted={3={id=3 a=0 b=9} 20={id=20 a=0 b=9}} "
+              R"(site=['a\,b,::1'] flow={1.2.3.4,::2,7=1} )"
+              "rule={5={id=5 weight=1 mode='standby' site={name='' addr='0.0.0.0'} vrf='' "
+              "intf='' share=2}} sub=null}");
+    EXPECT_EQ(attribute("leaf").find(*tree, "3"), tree->leaf(3));
+    EXPECT_EQ(attribute("leaf").find(*tree, "4"), nullptr);
+    EXPECT_EQ(text(*attribute("flow").getAt(*tree, "1.2.3.4,::2,7")), "1");
+    EXPECT_FALSE(attribute("flow").getAt(*tree, "1.2.3.4,::2,8"));
+    EXPECT_EQ(attribute("flow").normalKey("1.2.3.4,0:0::2,007"), "1.2.3.4,::2,7");
+    for (const char* name : {"leaf", "sorted", "site", "flow", "rule"}) {
+        seen.clear();
+        const Attribute& a = attribute(name);
+        const auto keys = a.keys(*tree);
+        for (const std::string& key : keys) EXPECT_TRUE(a.eraseAt(*tree, key));
+        for (const std::string& key : keys) EXPECT_FALSE(a.eraseAt(*tree, key));
+        EXPECT_EQ(seen.size(), keys.size());
+        EXPECT_TRUE(a.keys(*tree).empty());
+    }
+}
+
+TEST_F(DescribeTest, RefusesWithTheReason) {
+    auto set = [&](const char* name, Datum d) {
+        const std::string reason = errorOf([&] { attribute(name).set(*tree, d); });
+        EXPECT_EQ(errorOf([&] { attribute(name).check(d); }), reason) << "checking says the same";
+        return reason;
+    };
+    auto setAt = [&](const char* name, const char* key, Datum d) {
+        const std::string reason = errorOf([&] { attribute(name).setAt(*tree, key, d); });
+        EXPECT_EQ(errorOf([&] {
+                      (void)attribute(name).normalKey(key);
+                      attribute(name).checkAt(key, d);
+                  }),
+                  reason);
+        return reason;
+    };
+    using M = Datum::Members;
+    EXPECT_EQ(set("mode", {"idle"}), R"(expected one of off standby active, got "idle")");
+    EXPECT_EQ(set("mode", {U64{1}}), "expected one of off standby active, got 1");
+    EXPECT_EQ(set("count", {U64{256}}), "expected a whole number from 0 to 255, got 256");
+    EXPECT_EQ(set("count", {-1.0}), "expected a whole number from 0 to 255, got -1");
+    EXPECT_EQ(setAt("site", "a,::1", {false}), "expected true, got false");
+    EXPECT_EQ(setAt("site", "a", {true}), R"(expected a key of 2 fields, got "a")");
+    EXPECT_EQ(setAt("flow", "1.2.3.4,::2,x", {U64{1}}),
+              R"(expected a whole number from 0 to 4294967295, got "x")");
+    EXPECT_EQ(setAt("rule", "5", {M{{"id", {U64{6}}}}}), R"(expected the key 5, got "6")");
+    EXPECT_EQ(setAt("rule", "5", {M{{"wait", {U64{6}}}}}), R"(Test::Rule has no field "wait")");
+    EXPECT_EQ(setAt("rule", "5", {M{{"site", {M{{"addr", {"1.2.3"}}}}}}}),
+              R"(site: addr: expected an IPv4 or IPv6 address, got "1.2.3")");
+    EXPECT_EQ(setAt("rule", "5", {M{{"vrf", {String(101, 'v')}}}}),
+              "vrf: VrfName::bytes > VrfName::maxLength not allowed");
+    EXPECT_EQ(setAt("rule", "5", {Datum::List{}}),
+              "expected an object of Test::Rule, got an array");
+    EXPECT_EQ(errorOf([&] { attribute("leaf").create(*tree, "-1", [](Entity&) {}); }),
+              R"(expected a whole number from 0 to 4294967295, got "-1")");
+    tree->subIs("below");
+    EXPECT_EQ(errorOf([&] { tree->subIs("other"); }),
+              "Reinstantiating the pointer interface where constructor parameter attribute _name "
+              "has a different value of other than the current value of below not allowed");
+    EXPECT_EQ(seen, std::vector<std::string>{"sub"}) << "what is refused changes nothing";
+}
+
+}  // namespace Test
