@@ -42,7 +42,6 @@ void MapWriter::quiesce() {
     if (!segment_->owned()) return;
     segment_->phaseIs(Phase::quiesced);
     segment_->unlink();
-    segment_->ring();
     segment_->disown();
 }
 

@@ -68,9 +68,9 @@ class VEL_EXPORT Segment {
 
     // For the owner only.
     void phaseIs(Phase phase) const;
-    void ring() const;  // wakes whoever watches the file
-    void unlink() const;
-    void disown();  // lets the lock go
+    void ring() const;    // wakes whoever watches the file
+    void unlink() const;  // an event for watchers too
+    void disown();        // lets the lock go
 
   private:
     Segment(std::string name, Descriptor fd, void* base, const Geometry& geometry, bool owned,

@@ -101,7 +101,7 @@ TYPED_TEST(Death, LeavesEveryValueToReadersAndToTheNextWriter) {
     for (uint64_t life = 1; life <= 500 && !this->HasFatalFailure(); ++life) {
         this->journal_.progress = 0;
         Child writer([&] { return this->live(life, life == 1); });
-        const uint64_t enough = 1 + below(random, 1 << below(random, 11));
+        const uint64_t enough = 1 + below(random, 1 << below(random, 10));
         while (this->journal_.progress < enough) {
             ASSERT_FALSE(passed(limit)) << "life " << life << " ended with " << writer.wait();
             std::this_thread::yield();

@@ -12,7 +12,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Value = Checked<6>;
-using Table = Map<uint32_t, Value>;
+using Plain = Map<uint32_t, Value>;
 constexpr uint32_t capacity = 40;
 
 // A descriptor of the segment as a hostile process of the same user would have it.
@@ -24,7 +24,7 @@ TEST(Segment, ASecondWriterIsRefusedWhileTheFirstLives) {
     RunDirectory run;
     auto& ready = shared<std::atomic<bool>>();
     Child first([&] {
-        Table::Writer writer(run.space, "map", capacity);
+        Plain::Writer writer(run.space, "map", capacity);
         writer.valueIs(1, Value::of(1, 1));
         ready = true;
         for (;;) pause();
@@ -32,13 +32,13 @@ TEST(Segment, ASecondWriterIsRefusedWhileTheFirstLives) {
     });
     while (!ready) std::this_thread::yield();
     try {
-        Table::Writer second(run.space, "map", capacity);
+        Plain::Writer second(run.space, "map", capacity);
         ADD_FAILURE() << "a second writer";
     } catch (const Vel::Error& error) {
         EXPECT_THAT(std::string(error.what()), testing::HasSubstr("'map': already has a writer"));
     }
     first.kill();
-    Table::Writer next(run.space, "map", capacity);
+    Plain::Writer next(run.space, "map", capacity);
     EXPECT_TRUE(next.tookOver());
     // A refused writer has done no harm, and a reader's existence never hinders a writer.
     Value value;
@@ -47,11 +47,11 @@ TEST(Segment, ASecondWriterIsRefusedWhileTheFirstLives) {
 
 TEST(Segment, AgentsOfDifferentRunDirectoriesDoNotMeet) {
     RunDirectory here, there;
-    Table::Writer writer(here.space, "map", capacity), other(there.space, "map", capacity);
-    Table::Writer second(here.space, "map2", capacity);
+    Plain::Writer writer(here.space, "map", capacity), other(there.space, "map", capacity);
+    Plain::Writer second(here.space, "map2", capacity);
     writer.valueIs(1, Value::of(1, 5));
     other.valueIs(1, Value::of(1, 6));
-    Table::Reader reader(Namespace(here.path + "/../" + here.path.substr(5)), "map");
+    Plain::Reader reader(Namespace(here.path + "/../" + here.path.substr(5)), "map");
     reader.update();
     Value value;
     ASSERT_EQ(reader.find(1, value), Lookup::found);
@@ -66,9 +66,9 @@ TEST(Segment, AgentsOfDifferentRunDirectoriesDoNotMeet) {
 
 TEST(Segment, OrderlyStopTakesTheNamesAndTellsReaders) {
     RunDirectory run;
-    Table::Reader reader(run.space, "map");
+    Plain::Reader reader(run.space, "map");
     {
-        Table::Writer writer(run.space, "map", capacity);
+        Plain::Writer writer(run.space, "map", capacity);
         writer.valueIs(3, Value::of(3, 1));
         reader.update();
     }
@@ -76,10 +76,10 @@ TEST(Segment, OrderlyStopTakesTheNamesAndTellsReaders) {
     EXPECT_EQ(reader.update(), MapState::quiesced);
     Value value;
     EXPECT_EQ(reader.find(3, value), Lookup::found);  // the last values stay readable
-    Table::Reader late(run.space, "map");
+    Plain::Reader late(run.space, "map");
     EXPECT_EQ(late.update(), MapState::absent);
     // The next writer begins anew, and the reader goes over to it.
-    Table::Writer writer(run.space, "map", capacity);
+    Plain::Writer writer(run.space, "map", capacity);
     EXPECT_EQ(reader.update(), MapState::mounting);
     EXPECT_EQ(reader.changes([](uint32_t) {}), News::everything);
     EXPECT_EQ(reader.find(3, value), Lookup::absent);
@@ -88,8 +88,8 @@ TEST(Segment, OrderlyStopTakesTheNamesAndTellsReaders) {
 // The events come from the kernel at once, so each must be there without waiting, and none before.
 TEST(Notification, EachEventMakesTheReadersDescriptorReadable) {
     RunDirectory run;
-    Table::Writer other(run.space, "other", capacity);
-    Table::Reader reader(run.space, "map");
+    Plain::Writer other(run.space, "other", capacity);
+    Plain::Reader reader(run.space, "map");
     EXPECT_EQ(reader.update(), MapState::absent);
     const auto told = [&] {
         const bool readable = reader.await(0ms);
@@ -98,7 +98,7 @@ TEST(Notification, EachEventMakesTheReadersDescriptorReadable) {
         return readable;
     };
     EXPECT_FALSE(told());
-    auto writer = std::make_unique<Table::Writer>(run.space, "map", capacity);
+    auto writer = std::make_unique<Plain::Writer>(run.space, "map", capacity);
     EXPECT_TRUE(told());
     EXPECT_EQ(reader.state(), MapState::mounting);
     EXPECT_EQ(reader.changes([](uint32_t) {}), News::everything);
@@ -122,13 +122,22 @@ TEST(Notification, EachEventMakesTheReadersDescriptorReadable) {
     EXPECT_EQ(reader.changes([](uint32_t) {}), News::none);
 
     // More changes than the ring holds, then exactly as many.
-    const uint32_t ring = Geometry::of(Table::shape, capacity, 0).ringRecords;
+    const uint32_t ring = Geometry::of(Plain::shape, capacity, 0).ringRecords;
     for (const auto& [count, news] : {std::pair{ring + 1, News::everything}, {ring, News::keys}}) {
         for (uint32_t i = 0; i < count; ++i) writer->valueIs(2, Value::of(2, i));
         writer->commit();
         EXPECT_TRUE(told());
         EXPECT_EQ(reader.changes([](uint32_t) {}), news);
     }
+    // Another writer on the same segment: everything once, then by key again.
+    writer->leave();
+    writer = std::make_unique<Plain::Writer>(run.space, "map", capacity);
+    EXPECT_TRUE(told());
+    EXPECT_EQ(reader.changes([](uint32_t) {}), News::everything);
+    writer->valueDel(2);
+    writer->commit();
+    EXPECT_TRUE(told());
+    EXPECT_EQ(reader.changes([](uint32_t) {}), News::keys);
     writer.reset();
     EXPECT_TRUE(told());
     EXPECT_EQ(reader.state(), MapState::quiesced);
@@ -139,7 +148,7 @@ TEST(Notification, ABlockedReaderWakes) {
     RunDirectory run;
     auto& seen = shared<std::atomic<uint64_t>>();
     Child child([&] {
-        Table::Reader reader(run.space, "map");
+        Plain::Reader reader(run.space, "map");
         Value value;
         for (reader.update(); reader.state() != MapState::quiesced; reader.update()) {
             if (reader.find(1, value) == Lookup::found) seen = value.version();
@@ -148,7 +157,7 @@ TEST(Notification, ABlockedReaderWakes) {
         return 0;
     });
     const auto limit = deadline(20);
-    Table::Writer writer(run.space, "map", capacity);
+    Plain::Writer writer(run.space, "map", capacity);
     for (uint64_t version = 1; version <= 100; ++version) {
         writer.valueIs(1, Value::of(1, version));
         writer.commit();
@@ -162,14 +171,14 @@ TEST(Notification, AReaderWakesWhenTheWriterDies) {
     RunDirectory run;
     auto& ready = shared<std::atomic<bool>>();
     Child child([&] {
-        Table::Writer writer(run.space, "map", capacity);
+        Plain::Writer writer(run.space, "map", capacity);
         writer.valueIs(1, Value::of(1, 1));
         ready = true;
         for (;;) pause();
         return 0;
     });
     while (!ready) std::this_thread::yield();
-    Table::Reader reader(run.space, "map");
+    Plain::Reader reader(run.space, "map");
     reader.update();
     EXPECT_TRUE(reader.writerAlive());
     EXPECT_FALSE(reader.await(0ms));
@@ -177,11 +186,11 @@ TEST(Notification, AReaderWakesWhenTheWriterDies) {
     EXPECT_TRUE(reader.await(20s));
     EXPECT_FALSE(reader.writerAlive());
     // The next writer works on the same segment; a changed capacity makes a new one instead.
-    Table::Writer(run.space, "map", capacity).leave();
+    Plain::Writer(run.space, "map", capacity).leave();
     reader.update();
     Value value;
     EXPECT_EQ(reader.find(1, value), Lookup::found);
-    Table::Writer larger(run.space, "map", 10 * capacity);
+    Plain::Writer larger(run.space, "map", 10 * capacity);
     EXPECT_FALSE(larger.tookOver());
     reader.update();
     EXPECT_EQ(reader.find(1, value), Lookup::absent);
@@ -193,7 +202,7 @@ TEST(Damage, AReaderRefusesWhatDoesNotFitAndComesBackWhenItDoes) {
         EXPECT_EQ(reader.update(), MapState::refused);
         return reader.refusal();
     };
-    Table::Writer(run.space, "map", capacity).leave();
+    Plain::Writer(run.space, "map", capacity).leave();
     EXPECT_EQ(refusalOf(Map<uint32_t, Checked<7>>::Reader(run.space, "map")),
               "has 8 bytes of key, 48 bytes of value, schema 1; "
               "expected 8 bytes of key, 56 bytes of value, schema 1");
@@ -201,7 +210,7 @@ TEST(Damage, AReaderRefusesWhatDoesNotFitAndComesBackWhenItDoes) {
     EXPECT_NE(refusalOf(Map<Checked<2>, Value>::Reader(run.space, "map")), "");
     EXPECT_NE(refusalOf(ListMap<uint32_t, uint64_t, 6>::Reader(run.space, "map")), "");
 
-    Table::Reader reader(run.space, "map");
+    Plain::Reader reader(run.space, "map");
     reader.update();
     const struct {
         off_t at;
@@ -215,9 +224,9 @@ TEST(Damage, AReaderRefusesWhatDoesNotFitAndComesBackWhenItDoes) {
     for (const auto& c : cases) {
         const Descriptor fd = openSegment(run.space);
         ASSERT_EQ(pwrite(fd.get(), &c.value, 4, c.at), 4);
-        Table::Reader late(run.space, "map");
+        Plain::Reader late(run.space, "map");
         EXPECT_THAT(refusalOf(late), testing::HasSubstr(c.refusal));
-        Table::Writer writer(run.space, "map", capacity);  // replaces it
+        Plain::Writer writer(run.space, "map", capacity);  // replaces it
         EXPECT_FALSE(writer.tookOver());
         EXPECT_EQ(late.update(), MapState::mounting);
         EXPECT_EQ(reader.update(), MapState::mounting);
@@ -225,8 +234,8 @@ TEST(Damage, AReaderRefusesWhatDoesNotFitAndComesBackWhenItDoes) {
     }
     // Somebody else's segment, and one that everybody may write.
     fchmod(openSegment(run.space).get(), 0622);
-    EXPECT_NE(refusalOf(Table::Reader(run.space, "map")), "");
-    EXPECT_THROW(Table::Writer(run.space, "map", capacity), Vel::Error);
+    EXPECT_NE(refusalOf(Plain::Reader(run.space, "map")), "");
+    EXPECT_THROW(Plain::Writer(run.space, "map", capacity), Vel::Error);
     shm_unlink(run.space.segmentName("map").c_str());
 }
 
@@ -266,6 +275,29 @@ TEST(Damage, ASegmentCutUnderReaderAndWriterIsReported) {
         EXPECT_FALSE(next.tookOver());
         EXPECT_EQ(watching.update(), MapState::mounting);
     }
+}
+
+TEST(Damage, AListNeverReachesBeyondTheHeap) {
+    using Lists = ListMap<uint32_t, Record, 2000>;
+    RunDirectory run;
+    Lists::Writer writer(run.space, "map", capacity, 1);
+    const Lists::Reader reader(writer);
+    std::vector<Record> list(100, Record{});
+    uint32_t key = 0;
+    for (; key < capacity; ++key) writer.valueIs(key, list);
+    list.resize(1000);
+    EXPECT_THROW(for (key = 0;; ++key) writer.valueIs(key, list), Vel::Error);  // the heap is full
+    const Shard::Table& table = writer.segment()->table();
+    for (uint64_t slot = 0; slot < table.geometry().slots(); ++slot) {
+        const Word word{table.slot(slot)};
+        if (!word.empty()) *table.block(word.unit()) = Lists::shape.valueBytes;
+    }
+    int corrupt = 0;
+    for (key = 0; key < capacity; ++key) corrupt += reader.find(key, list) == Lookup::corrupt;
+    EXPECT_GT(corrupt, 0);
+    EXPECT_EQ(reader.corruptions(), static_cast<uint64_t>(corrupt));
+    writer.leave();
+    EXPECT_FALSE(Lists::Writer(run.space, "map", capacity, 1).tookOver());
 }
 
 // Overwrites parts of a sound segment and uses it as readers and the next writer would.
@@ -336,12 +368,12 @@ void fuzz(uint64_t seed, int rounds, auto&& makeWriter, auto&& valueOf) {
 }
 
 TEST(Damage, RandomBytesNeitherCrashNorLoop) {
-    fuzz<Table, Value>(
-        11, 4000, [](const Namespace& space) { return Table::Writer(space, "map", capacity); },
+    fuzz<Plain, Value>(
+        11, 2000, [](const Namespace& space) { return Plain::Writer(space, "map", capacity); },
         [](uint32_t key) { return Value::of(key, 1); });
     using Lists = ListMap<uint32_t, Record, 32>;
     fuzz<Lists, std::vector<Record>>(
-        12, 4000,
+        12, 2000,
         [](const Namespace& space) { return Lists::Writer(space, "map", capacity, 1000); },
         [](uint32_t key) { return checkedList(key, key, 32); });
 }

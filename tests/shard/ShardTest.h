@@ -85,6 +85,7 @@ class Child {
         waitpid(std::exchange(pid_, 0), &status, 0);
         return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
     }
+    pid_t pid() const { return pid_; }
     void kill() {
         if (pid_ <= 0) return;
         ::kill(pid_, SIGKILL);
