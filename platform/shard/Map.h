@@ -6,10 +6,11 @@
 //     Counters::Reader reader(space, "counters");           // in any other
 //     reader.update(); reader.find(key, entry) == Shard::Lookup::found
 //
-// Map holds values of one type; ListMap holds for each key a list of up to `longest` records, and
-// the memory taken follows the lists' lengths. Keys and values are copied as bytes: both are
-// trivially copyable, a key has no padding, and neither may hold a pointer. Raise `schema` when the
-// meaning of the bytes changes, so that an older reader refuses the map.
+// Map holds values of one type; ListMap holds for each key a list of up to `longest` records, given
+// as a span and found as a vector, and the memory taken follows the lists' lengths. Keys and values
+// are copied as bytes: both are trivially copyable, a key has no padding, and neither may hold a
+// pointer. Raise `schema` when the meaning of the bytes changes, so that an older reader refuses
+// the map.
 #pragma once
 
 #include <array>
@@ -43,61 +44,74 @@ struct KeyWords {
     std::array<uint64_t, size> words{};
 };
 
-template <class Key, class Value, Shape shape>
-class TypedWriter : public MapWriter {
-  public:
-    bool valueDel(const Key& key) { return erase(KeyWords<Key>(key).data()); }
+// How values go in and out: plain ones,
+template <class V>
+struct PlainValues {
+    static_assert(std::is_trivially_copyable_v<V> && sizeof(V) <= maxValueBytes);
+    using Value = V;
+    using Input = const V&;
+    static constexpr uint32_t longest = sizeof(V), list = 0;
 
-  protected:
-    using MapWriter::MapWriter;
-};
-
-template <class Key, Shape shape>
-class TypedReader : public MapReader {
-  public:
-    TypedReader(const Namespace& space, const std::string& map) : MapReader(space, map, shape) {}
-
-    // Calls `visit(key)` for each key put or removed since the last call, once for each commit or
-    // more often; what it has now is for the visitor to look up. See News for `everything`.
-    template <class Visit>
-    News changes(Visit&& visit) {
-        return MapReader::changes<shape>(
-            [&](const uint64_t* words) { visit(KeyWords<Key>::keyOf(words)); });
+    static auto placeIn(Value& value) {
+        return [&value](uint64_t) { return &value; };
     }
-
-  protected:
-    explicit TypedReader(const MapWriter& writer) : MapReader(writer) {}
+    static std::span<const V> bytesOf(Input value) { return {&value, 1}; }
 };
 
-template <class Key, class Value, uint32_t schema = 1>
-struct Map {
-    static_assert(std::is_trivially_copyable_v<Value> && sizeof(Value) <= maxValueBytes);
-    static constexpr Shape shape{KeyWords<Key>::size * 8, sizeof(Value), schema, 0};
+// and lists.
+template <class Record, uint32_t records>
+struct ListValues {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    static_assert(uint64_t{records} * sizeof(Record) <= maxValueBytes);
+    using Value = std::vector<Record>;
+    using Input = std::span<const Record>;
+    static constexpr uint32_t longest = records * sizeof(Record), list = 1;
 
-    class Writer : public TypedWriter<Key, Value, shape> {
+    // A length that is no multiple of a record's never came from a writer; the list is then merely
+    // wrong, as any value in a damaged segment may be.
+    static auto placeIn(Value& value) {
+        return [&value](uint64_t bytes) {
+            value.resize((bytes + sizeof(Record) - 1) / sizeof(Record));
+            return value.data();
+        };
+    }
+    static std::span<const Record> bytesOf(Input value) { return value; }
+};
+
+template <class Key, class Values, uint32_t schema>
+struct TypedMap {
+    using Value = typename Values::Value;
+    static constexpr Shape shape{KeyWords<Key>::size * 8, Values::longest, schema, Values::list};
+
+    class Writer : public MapWriter {
       public:
-        Writer(const Namespace& space, const std::string& map, uint32_t capacity)
-            : TypedWriter<Key, Value, shape>(space, map, shape, capacity) {}
+        // `listBytes`: how much lists are to take together.
+        Writer(const Namespace& space, const std::string& map, uint32_t capacity,
+               uint64_t listBytes = 0)
+            : MapWriter(space, map, shape, capacity, listBytes) {}
 
-        // Inserts or replaces. Raises Vel::Error when the map is full.
-        void valueIs(const Key& key, const Value& value) {
-            this->template put<shape>(KeyWords<Key>(key).data(), &value, sizeof value);
+        // Inserts or replaces. Raises Vel::Error when the list is too long or the map is full; what
+        // was there then stays.
+        void valueIs(const Key& key, typename Values::Input value) {
+            const auto bytes = Values::bytesOf(value);
+            put<shape>(KeyWords<Key>(key).data(), bytes.data(), bytes.size_bytes());
         }
+        // Whether there was one.
+        bool valueDel(const Key& key) { return erase(KeyWords<Key>(key).data()); }
         bool find(const Key& key, Value& value) const {
-            return MapWriter::find<shape>(KeyWords<Key>(key).data(),
-                                          [&](uint64_t) { return &value; }) == Lookup::found;
+            return MapWriter::find<shape>(KeyWords<Key>(key).data(), Values::placeIn(value)) ==
+                   Lookup::found;
         }
     };
 
-    class Reader : public TypedReader<Key, shape> {
+    class Reader : public MapReader {
       public:
-        using TypedReader<Key, shape>::TypedReader;
-        explicit Reader(const Writer& writer) : TypedReader<Key, shape>(writer) {}
+        Reader(const Namespace& space, const std::string& map) : MapReader(space, map, shape) {}
+        explicit Reader(const Writer& writer) : MapReader(writer) {}
 
         // `value` is the value only when it is found.
         Lookup find(const Key& key, Value& value) const {
-            return MapReader::find<shape>(KeyWords<Key>(key).data(),
-                                          [&](uint64_t) { return &value; });
+            return MapReader::find<shape>(KeyWords<Key>(key).data(), Values::placeIn(value));
         }
         // Calls `visit(key, value)` for each entry: for those that are there all the time at least
         // once, for others perhaps. False when an entry was left out because it could not be read.
@@ -105,64 +119,24 @@ struct Map {
         bool forEach(Visit&& visit) const {
             KeyWords<Key> key;
             Value value;
-            return this->template walk<shape>(
-                key.words.data(), [&](uint64_t) { return &value; },
+            return walk<shape>(
+                key.words.data(), Values::placeIn(value),
                 [&](const uint64_t* words) { visit(KeyWords<Key>::keyOf(words), value); });
         }
+        // Calls `visit(key)` for each key put or removed since the last call, as often as it was;
+        // what it has now is for the visitor to look up. See News for `everything`.
+        template <class Visit>
+        News changes(Visit&& visit) {
+            return MapReader::changes<shape>(
+                [&](const uint64_t* words) { visit(KeyWords<Key>::keyOf(words)); });
+        }
     };
 };
+
+template <class Key, class Value, uint32_t schema = 1>
+using Map = TypedMap<Key, PlainValues<Value>, schema>;
 
 template <class Key, class Record, uint32_t longest, uint32_t schema = 1>
-struct ListMap {
-    static_assert(std::is_trivially_copyable_v<Record>);
-    static_assert(uint64_t{longest} * sizeof(Record) <= maxValueBytes);
-    static constexpr Shape shape{KeyWords<Key>::size * 8, longest * sizeof(Record), schema, 1};
-
-    class Writer : public TypedWriter<Key, Record, shape> {
-      public:
-        // `records`: how many the lists are to hold together.
-        Writer(const Namespace& space, const std::string& map, uint32_t capacity, uint64_t records)
-            : TypedWriter<Key, Record, shape>(space, map, shape, capacity,
-                                              records * sizeof(Record)) {}
-
-        // Inserts or replaces. Raises Vel::Error when the list is too long or the map full.
-        void valueIs(const Key& key, std::span<const Record> list) {
-            if (list.size() > longest) this->tooLong(list.size(), longest);
-            this->template put<shape>(KeyWords<Key>(key).data(), list.data(), list.size_bytes());
-        }
-        bool find(const Key& key, std::vector<Record>& list) const {
-            return MapWriter::find<shape>(KeyWords<Key>(key).data(), placeIn(list)) ==
-                   Lookup::found;
-        }
-    };
-
-    class Reader : public TypedReader<Key, shape> {
-      public:
-        using TypedReader<Key, shape>::TypedReader;
-        explicit Reader(const Writer& writer) : TypedReader<Key, shape>(writer) {}
-
-        Lookup find(const Key& key, std::vector<Record>& list) const {
-            return MapReader::find<shape>(KeyWords<Key>(key).data(), placeIn(list));
-        }
-        template <class Visit>
-        bool forEach(Visit&& visit) const {
-            KeyWords<Key> key;
-            std::vector<Record> list;
-            return this->template walk<shape>(
-                key.words.data(), placeIn(list),
-                [&](const uint64_t* words) { visit(KeyWords<Key>::keyOf(words), list); });
-        }
-    };
-
-  private:
-    // A length that is no multiple of a record's never came from a writer; what it leaves out is
-    // not copied, the list is merely wrong, as any values in a damaged segment may be.
-    static auto placeIn(std::vector<Record>& list) {
-        return [&list](uint64_t bytes) {
-            list.resize((bytes + sizeof(Record) - 1) / sizeof(Record));
-            return list.data();
-        };
-    }
-};
+using ListMap = TypedMap<Key, ListValues<Record, longest>, schema>;
 
 }  // namespace Shard

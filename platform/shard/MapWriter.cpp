@@ -54,9 +54,10 @@ void MapWriter::full() const {
                      " keys of at most " + std::to_string(table_.geometry().capacity));
 }
 
-void MapWriter::tooLong(uint64_t records, uint32_t longest) const {
-    throw Vel::Error("shared map '" + map_ + "': a list of " + std::to_string(records) +
-                     " records, where " + std::to_string(longest) + " are the most");
+void MapWriter::tooLong(uint64_t bytes) const {
+    throw Vel::Error("shared map '" + map_ + "': a list of " + std::to_string(bytes) +
+                     " bytes, where " + std::to_string(table_.geometry().shape.valueBytes) +
+                     " are the most");
 }
 
 // The key's slot, else the empty slot where it goes, else `nowhere`.

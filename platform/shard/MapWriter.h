@@ -47,11 +47,10 @@ class VEL_EXPORT MapWriter {
     const std::shared_ptr<Segment>& segment() const { return segment_; }
 
   protected:
-    // Inserts or replaces; raises Vel::Error when the map is full.
+    // Inserts or replaces; raises Vel::Error when the list is too long or the map is full.
     template <Shape shape>
     void put(const uint64_t* key, const void* value, uint64_t bytes);
     bool erase(const uint64_t* key);
-    [[noreturn]] void tooLong(uint64_t records, uint32_t longest) const;
     template <Shape shape, class Place>
     Lookup find(const uint64_t* key, Place&& place) const {
         return table_.find<shape>(key, place);
@@ -79,6 +78,7 @@ class VEL_EXPORT MapWriter {
     void closeGap(uint64_t hole);
     void countIs(uint64_t count) { table_.header().count.store(count, std::memory_order_relaxed); }
     [[noreturn]] void full() const;
+    [[noreturn]] void tooLong(uint64_t bytes) const;
     void noteChange(const uint64_t* key, uint32_t keyBytes) {
         uint64_t* const record = table_.record(change_);
         storeWord(record, ++change_);
@@ -108,6 +108,7 @@ uint64_t MapWriter::probe(const uint64_t* key, uint32_t keyWords, uint64_t hash,
 
 template <Shape shape>
 void MapWriter::put(const uint64_t* key, const void* value, uint64_t bytes) {
+    if (shape.list && bytes > shape.valueBytes) tooLong(bytes);
     const uint64_t hash = table_.hash(key, shape.keyWords());
     const uint64_t slot = probe(key, shape.keyWords(), hash,
                                 [this](uint32_t unit) { return table_.block<shape>(unit) + 1; });

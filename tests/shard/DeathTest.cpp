@@ -28,7 +28,9 @@ struct PlainLife {
 struct ListLife {
     using Table = ListMap<uint32_t, Record, 32>;
     using Value = std::vector<Record>;
-    static Table::Writer writer(const Namespace& space) { return {space, "life", keys, keys * 20}; }
+    static Table::Writer writer(const Namespace& space) {
+        return {space, "life", keys, keys * 20 * sizeof(Record)};
+    }
     static Value value(uint32_t key, uint64_t version) { return checkedList(key, version, 32); }
     static uint64_t version(const Value& value) { return value.empty() ? 0 : value[0].version(); }
 };

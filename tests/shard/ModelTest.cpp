@@ -30,7 +30,7 @@ struct Lists {
     using Table = ListMap<Key, Record, 512>;
     using Value = std::vector<Record>;
     static auto writer(const Namespace& space) {
-        return std::make_unique<Table::Writer>(space, "model", capacity, 500);
+        return std::make_unique<Table::Writer>(space, "model", capacity, 500 * sizeof(Record));
     }
     static Value value(Random& random) {
         Value list(below(random, below(random, 3) ? 60 : 513));
@@ -142,7 +142,7 @@ TEST(ListMap, TakesMemoryByTheLengthOfItsLists) {
     using Table = ListMap<uint32_t, Record, 512>;
     RunDirectory run;
     // Ten thousand lists of which each could be 24 KiB long, in the memory of 14000 records.
-    Table::Writer writer(run.space, "fecs", 10000, 14000);
+    Table::Writer writer(run.space, "fecs", 10000, 14000 * sizeof(Record));
     Table::Reader reader(writer);
     std::vector<Record> list;
     for (uint32_t key = 0; key < 10000; ++key) writer.valueIs(key, checkedList(key, 0, 1));

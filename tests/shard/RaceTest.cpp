@@ -26,7 +26,7 @@ struct ListRace {
     using Table = ListMap<uint32_t, Record, 64>;
     using Value = std::vector<Record>;
     static auto writer(const Namespace& space) {
-        return std::make_unique<Table::Writer>(space, "race", 64, 64 * 64);
+        return std::make_unique<Table::Writer>(space, "race", 64, 64 * 64 * sizeof(Record));
     }
     static Value value(uint32_t key, uint64_t version) { return checkedList(key, version, 64); }
     static uint64_t version(const Value& value) { return value.empty() ? 0 : value[0].version(); }

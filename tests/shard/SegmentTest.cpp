@@ -374,7 +374,9 @@ TEST(Damage, RandomBytesNeitherCrashNorLoop) {
     using Lists = ListMap<uint32_t, Record, 32>;
     fuzz<Lists, std::vector<Record>>(
         12, 2000,
-        [](const Namespace& space) { return Lists::Writer(space, "map", capacity, 1000); },
+        [](const Namespace& space) {
+            return Lists::Writer(space, "map", capacity, 1000 * sizeof(Record));
+        },
         [](uint32_t key) { return checkedList(key, key, 32); });
 }
 

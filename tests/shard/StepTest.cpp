@@ -203,7 +203,7 @@ TEST(StepDeath, OfAWriterLosesNothing) {
     dieWithin<Table>([&](auto& w) { w.valueIs(2, value(2, 1)); }, value, 26U);
     dieWithin<Table>([&](auto& w) { w.valueIs(24, value(24, 1)); }, value, 26U);
     dieWithin<Table>([&](auto& w) { w.valueDel(2); }, value, 26U);
-    dieWithin<Lists>([&](auto& w) { w.valueIs(2, list(2, 1)); }, list, 26U, 200U);
+    dieWithin<Lists>([&](auto& w) { w.valueIs(2, list(2, 1)); }, list, 26U, 200 * sizeof(Record));
 }
 
 }  // namespace
