@@ -11,6 +11,7 @@
 #include "agent/RunDir.h"
 #include "navctl/Client.h"
 #include "navctl/Completion.h"
+#include "navctl/Counters.h"
 #include "navctl/Show.h"
 
 namespace Navctl {
@@ -38,6 +39,7 @@ class Program {
     void printJson(const Json& value);
     void printTable(const Table& table);
     void showText(const TextView& view);
+    void counters();
     template <class Use>
     auto readConfig(Use use) const;
 
@@ -59,7 +61,7 @@ class Program {
     std::string runDir_, path_, value_, file_, shell_;
     std::vector<std::string> words_;
     unsigned last_ = 100;
-    bool json_ = false, raw_ = false;
+    bool json_ = false, raw_ = false, watch_ = false;
 };
 
 CLI::App* Program::command(CLI::App& parent, const char* name, const std::string& description,
@@ -122,6 +124,16 @@ void Program::buildShow() {
             printTable(view.table(client));
         });
     }
+    command(*show, "counters", "Traffic per load-balance id and path", &Program::counters)
+        ->add_flag("--watch", watch_, "Again for each update of the counters");
+}
+
+void Program::counters() {
+    std::signal(SIGINT, [](int) { _exit(done); });
+    showCounters(runDir(), watch_, [this](const Table& table) {
+        printTable(table);
+        streams_.out << std::flush;
+    });
 }
 
 void Program::printJson(const Json& value) {

@@ -36,6 +36,9 @@ class Connection {
     void sendLine(const std::string& line);
     // The next line without its newline; nothing at the end of the stream.
     std::optional<std::string> readLine();
+    // Whether the next line has been received whole.
+    bool hasLine() const { return buffer_.find('\n') != buffer_.npos; }
+    int descriptor() const { return descriptor_; }
     // All that comes before the end of the stream.
     std::string readAll();
 

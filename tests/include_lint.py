@@ -29,7 +29,9 @@ height = {folder: i for i, floor in enumerate(floors) for folder in floor}
 beside = {("agent", "agent/sim"), ("agent", "agent/linux")}
 # The command line talks to an agent over sockets; it shares the check of a configuration with it.
 height["navctl"] = len(floors)
-only = {"navctl": {"navctl", "agent", "platform"}}
+height["forwarder"] = len(floors) + 1
+reading = {"platform", "platform/vel", "platform/shard", "nav/counters"}
+only = {"navctl": {"agent"} | reading, "forwarder": {"agent", "navctl"} | reading}
 
 include = re.compile(r'\s*#\s*include\s*([<"])([^>"]+)[>"]')
 bad = []

@@ -79,6 +79,14 @@ int NavCounters::lbProfileCounterFd() const {
     return control_ && control_->reader_ ? control_->reader_->fd() : -1;
 }
 
+bool NavCounters::lbProfileCounterAwait(std::chrono::milliseconds timeout) const {
+    return control_ && control_->reader_ && control_->reader_->await(timeout);
+}
+
+std::string NavCounters::lbProfileCounterRefusal() const {
+    return control_ && control_->reader_ ? control_->reader_->refusal() : std::string();
+}
+
 Shard::MapState NavCounters::lbProfileCounterUpdate() {
     if (!control_ || !control_->reader_) return Shard::MapState::absent;
     const Vel::Ptr<LbProfileCounterControl> control = control_;

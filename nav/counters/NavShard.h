@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <memory>
 
 #include "nav/types/PathTypes.h"
@@ -132,6 +133,10 @@ class NAV_EXPORT NavCounters : public Vel::Entity {
 
     // The reader's side. Readable when there is something to update; -1 without a reader's control.
     int lbProfileCounterFd() const;
+    // Waits until it is readable. True unless the time ran out.
+    bool lbProfileCounterAwait(std::chrono::milliseconds timeout) const;
+    // Why the table that is there cannot be read; empty if it can.
+    std::string lbProfileCounterRefusal() const;
     // Takes in what happened since, and notifies subscribers of this process of it.
     Shard::MapState lbProfileCounterUpdate();
     // Calls visit(entry) for each entry.

@@ -1,0 +1,77 @@
+#include "forwarder/Traffic.h"
+
+#include <cmath>
+
+namespace Forwarder {
+
+using NavShard::NavLbProfileCounterEntry;
+using NavShard::NavPathCounterIndex;
+using Vel::U32;
+using Vel::U64;
+
+namespace {
+
+// The members of the lowest priority number.
+std::vector<U32> carriersOf(const Agent::Json& members) {
+    std::vector<U32> carriers;
+    U32 best = 0;
+    for (const Agent::Json& member : members) {
+        const U32 priority = member.at("priority");
+        if (!carriers.empty() && priority > best) continue;
+        if (carriers.empty() || priority < best) carriers.clear();
+        best = priority;
+        carriers.push_back(member.at("pathIndex"));
+    }
+    return carriers;
+}
+
+}  // namespace
+
+void Traffic::statusIs(const Agent::Json& status) {
+    std::map<U32, NavLbProfileCounterEntry> entries;
+    carriers_.clear();
+    for (const auto& [keyText, id] : status.items()) {
+        const U32 lbId = id.at("lbIndex");
+        if (lbId == 0) continue;  // seen between its creation and its id
+        const auto key = Vel::Codec<Nav::LbProfileKey>::fromKey(keyText);
+        const auto before = entries_.find(lbId);
+        if (before != entries_.end() && before->second.lbKeyInfo == key)
+            entries[lbId] = before->second;
+        NavLbProfileCounterEntry& entry = entries[lbId];
+        entry.key.lbId = lbId;
+        entry.lbKeyInfo = key;
+        carriers_[lbId] = carriersOf(id.at("pathEntry"));
+    }
+    entries_ = std::move(entries);
+    std::erase_if(remainder_, [&](const auto& item) { return !entries_.contains(item.first); });
+}
+
+void Traffic::advance(double seconds) {
+    for (auto& [lbId, entry] : entries_) {
+        const std::vector<U32>& carriers = carriers_[lbId];
+        for (auto& path : entry.pathCounter) path.throughput = 0, path.flows = 0;
+        entry.throughput = 0;
+        entry.flows = 0;
+        if (carriers.empty()) continue;
+
+        // Whole packets on each path; the rest waits for the next time.
+        const double each =
+            (rate_.packetsPerSecond * seconds + remainder_[lbId]) / double(carriers.size());
+        const U64 packets = static_cast<U64>(std::floor(each));
+        remainder_[lbId] = (each - double(packets)) * double(carriers.size());
+        for (const U32 pathIndex : carriers) {
+            auto& path = entry.pathCounter[NavPathCounterIndex(pathIndex).value];
+            path.pathId = pathIndex;
+            path.outPkts += packets;
+            path.outBytes += packets * rate_.packetBytes;
+            path.flows = rate_.flowsPerPath;
+            path.throughput = rate_.packetsPerSecond * rate_.packetBytes * 8 / carriers.size();
+            entry.outPkts += packets;
+            entry.outBytes += packets * rate_.packetBytes;
+            entry.flows += path.flows;
+            entry.throughput += path.throughput;
+        }
+    }
+}
+
+}  // namespace Forwarder
