@@ -362,7 +362,7 @@ class EntryReactors final : public InputWatcher {
         Hold hold;
         Ptr<R> made = make_(owner_, *element);
         if (!made) return;
-        if (elementAt(key) != element || table_.has(key)) return cleanUp(*made);
+        if (elementAt(key) != element) return cleanUp(*made);
         R& reactor = *table_.insert({key, std::move(made), element}).reactor;
         if (initialized_) reactor.handleInitialized();
     }

@@ -134,6 +134,30 @@ TEST_F(Dispatch, FollowsTheModel) {
     }
 }
 
+TEST(HoldTest, DestroysOnceWhatNobodyTookUp) {
+    struct Node : Object {
+        explicit Node(U32& count) : destroyed(count) {}
+        ~Node() override { ++destroyed; }
+        U32& destroyed;
+        Ptr<Node> next;
+    };
+    U32 destroyed = 0;
+    auto first = make<Node>(destroyed), second = make<Node>(destroyed),
+         third = make<Node>(destroyed);
+    {
+        Hold hold;
+        Node &a = *first, &b = *second, &c = *third;
+        first = second = third = nullptr;
+        a.next = b;  // lets go of it when it is destroyed itself
+        third = c;   // for good
+        EXPECT_TRUE(a.gone() && !b.gone() && !c.gone());
+        EXPECT_EQ(destroyed, 0U);
+    }
+    EXPECT_EQ(destroyed, 2U);
+    third = nullptr;
+    EXPECT_EQ(destroyed, 3U);
+}
+
 TEST(DispatchLimit, SixtyFourRoundsThenTheChainOfAttributes) {
     auto leaf = make<Leaf>(1U);
     struct PingPong {
