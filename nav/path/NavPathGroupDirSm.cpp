@@ -270,13 +270,10 @@ void NavPathGroupDirSm::updatePath(const Netz::IntfId& intf, const IntfSource& s
                                    bool remove) {
     const PathKey pathKey{source.addr, dst, *source.vrfId};
     const PathClaim claim{intf, site, source.vrfName};
-    if (!remove) {
-        DUOLOG(pathTrace, 7, "Adding path ", pathKey, " for site ", site);
-        addPathToConfig(pathKey, claim);
-    } else if (isClaimed(pathKey, claim)) {
-        DUOLOG(pathTrace, 7, "Removing path ", pathKey, " for site ", site);
+    if (remove)
         removePathFromConfig(pathKey, claim);
-    }
+    else
+        addPathToConfig(pathKey, claim);
 }
 
 void NavPathGroupDirSm::intfToPgNameIs(const Netz::IntfId& intf, const Vel::String& pgName) {
@@ -315,6 +312,7 @@ void NavPathGroupDirSm::remoteSiteDel(const SiteGroupKey& site) {
 }
 
 void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const PathClaim& claim) {
+    DUOLOG(pathTrace, 7, "Adding path ", pathKey, " for site ", claim.siteGroupKey);
     const auto found = paths_.find(pathKey);
     if (found == paths_.end()) {
         VEL_ASSERT(freePathIds(), "freePathIds()");
@@ -333,13 +331,10 @@ void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const PathClaim&
 }
 
 void NavPathGroupDirSm::removePathFromConfig(const PathKey& pathKey, const PathClaim& claim) {
-    withdrawClaims(pathKey, [&](const PathClaim& other) { return other == claim; });
-}
-
-bool NavPathGroupDirSm::isClaimed(const PathKey& pathKey, const PathClaim& claim) const {
     const auto found = paths_.find(pathKey);
-    return found != paths_.end() &&
-           std::ranges::find(found->second.claims, claim) != found->second.claims.end();
+    if (found == paths_.end() || !std::ranges::count(found->second.claims, claim)) return;
+    DUOLOG(pathTrace, 7, "Removing path ", pathKey, " for site ", claim.siteGroupKey);
+    withdrawClaims(pathKey, [&](const PathClaim& other) { return other == claim; });
 }
 
 template <class Predicate>
@@ -354,12 +349,12 @@ void NavPathGroupDirSm::withdrawClaims(const PathKey& pathKey, Predicate withdra
     if (heir != owner) changeOwner(pathKey, index, owner, heir);
 }
 
-// Hands a path over under its index. Over another interface, or in another VRF, it is resolved
-// anew; towards another site its place in the sites' status goes along.
+// Hands a path over under its index. On another interface, which may be in another VRF, it is
+// resolved anew; towards another site its place in the sites' status goes along.
 void NavPathGroupDirSm::changeOwner(const PathKey& pathKey, U16 index, const PathClaim& before,
                                     const PathClaim& now) {
     bool usable = false;
-    if (before.intf != now.intf || before.vrfName != now.vrfName) {
+    if (before.intf != now.intf) {
         unpublishPath(pathKey, index, before);
     } else if (before.siteGroupKey != now.siteGroupKey) {
         if (PathGroupInfo* info = in_.navDb->pathGroupInfo(before.siteGroupKey.name))

@@ -130,7 +130,6 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     void updatePathsForIntf(const Netz::IntfId& intf, const IntfSource& source,
                             NavPathGroupSm* only, bool remove);
 
-    bool isClaimed(const PathKey& pathKey, const PathClaim& claim) const;
     template <class Predicate>
     void withdrawClaims(const PathKey& pathKey, Predicate withdrawn);
     void changeOwner(const PathKey& pathKey, U16 index, const PathClaim& before,

@@ -22,6 +22,7 @@ struct AssertionFailed : std::runtime_error {
 inline Netz::IpGenAddr ip(std::string_view text) {
     return Netz::IpGenAddr::parse(text).value();
 }
+
 inline Netz::IpAddrWithMask ipMask(std::string_view text) {
     return Netz::IpAddrWithMask::parse(text).value();
 }
@@ -36,7 +37,7 @@ class NavFixture : public testing::Test {
   protected:
     NavFixture() {
         Vel::assertHandlerIs(
-            [](const char* text, const char*, int) -> void { throw AssertionFailed(text); });
+            [](const char* text, const char*, int) { throw AssertionFailed(text); });
     }
     ~NavFixture() override {
         root = nullptr;
@@ -53,17 +54,16 @@ class NavFixture : public testing::Test {
     PathStatusDir& pathStatusDir() { return *in.navStatusDir->navPathStatusDir(); }
 
     // What an operator or a service of the router does, one call each.
-    void address(const std::string& intf, const std::string& addrWithMask) {
-        intfStatus(intf).activeAddrWithMaskIs(ipMask(addrWithMask));
+    Ip::IpIntfStatus& intfStatus(const std::string& intf) {
+        return in.ipStatusDir->ipIntfStatusIs(Netz::IntfId(intf));
     }
-    void noAddress(const std::string& intf) { intfStatus(intf).activeAddrWithMaskIs({}); }
+    void address(const std::string& intf, const std::string& withMask) {
+        intfStatus(intf).activeAddrWithMaskIs(ipMask(withMask));
+    }
     void intfVrf(const std::string& intf, const std::string& vrf) {
         intfStatus(intf).vrfNameIs(vrf);
     }
     void noIntf(const std::string& intf) { in.ipStatusDir->ipIntfStatusDel(Netz::IntfId(intf)); }
-    Ip::IpIntfStatus& intfStatus(const std::string& intf) {
-        return in.ipStatusDir->ipIntfStatusIs(Netz::IntfId(intf));
-    }
     void vrfId(const std::string& vrf, U32 id) {
         in.routingHwRouteStatus->vrfStatusIs(vrf).vrfIdIs(id);
     }
@@ -84,21 +84,17 @@ class NavFixture : public testing::Test {
     static PathKey key(const std::string& src, const std::string& dst, U32 vrf = 0) {
         return {ip(src), ip(dst), vrf};
     }
-    // The configuration entry of a path, in whichever VRF it is; null if there is none.
-    PathConfigEntry* configEntry(const PathKey& pathKey) {
-        for (PathConfig& vrf : in.pathConfigDir->pathConfig())
-            if (auto* entry = vrf.pathConfigEntry(pathKey)) return entry;
-        return nullptr;
-    }
+    // The index of a configured path, in whichever VRF it is; 0 if it is in none.
     U32 indexOf(const PathKey& pathKey) {
-        const auto* entry = configEntry(pathKey);
-        return entry ? entry->pathIndex() : 0;
+        for (PathConfig& vrf : in.pathConfigDir->pathConfig())
+            if (const auto* entry = vrf.pathConfigEntry(pathKey)) return entry->pathIndex();
+        return 0;
     }
     std::set<PathKey> configuredPaths() {
         std::set<PathKey> keys;
         for (const PathConfig& vrf : in.pathConfigDir->pathConfig())
             for (const auto& entry : vrf.pathConfigEntry())
-                EXPECT_TRUE(keys.insert(entry.key()).second) << entry.key();
+                EXPECT_TRUE(keys.insert(entry.key()).second) << "in two VRFs: " << entry.key();
         return keys;
     }
 

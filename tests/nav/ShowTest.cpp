@@ -74,10 +74,12 @@ TEST_F(ShowTest, AnswersByteForByte) {
 
 TEST_F(ShowTest, AnswersWithoutPaths) {
     start(false);
-    for (const char* word : {"NAVPATHS", "NAVPEERS", "NAVMAPPINGS"}) EXPECT_EQ(show(word), "{ }");
-    cli.navConfiguredIs(true);
-    navDb().vrfAppIs({{5, 1}, "blue", "voice"});
-    for (const char* word : {"NAVPATHS", "NAVPEERS", "NAVMAPPINGS"}) EXPECT_EQ(show(word), "{ }");
+    for (bool configured : {false, true}) {
+        cli.navConfiguredIs(configured);
+        if (configured) navDb().vrfAppIs({{5, 1}, "blue", "voice"});
+        for (const char* word : {"NAVPATHS", "NAVPEERS", "NAVMAPPINGS"})
+            EXPECT_EQ(show(word), "{ }");
+    }
 }
 
 TEST_F(ShowTest, StateWords) {
