@@ -158,7 +158,7 @@ class Table {
             c->end_ -= deadBefore(c->end_);
         }
         std::erase_if(slots_, [](const Slot& slot) { return !slot.live; });
-        if (index_) reindex();
+        if (index_ && live_) reindex();  // removals left nothing in that of an empty table
     }
     U32 deadBefore(U32 at) const {
         U32 dead = 0;
