@@ -103,6 +103,8 @@ void NavPathResolutionDirSm::doCleanup() {
     hwPathStatusEntry_.clear();
     ipsecPathStatus_.clear();
     navPathResolutionSm_.delAll();
+    // Those of VRFs that nobody resolved any more.
+    in_.ipsecPathConfigDir->ipsecPathConfigDelAll();
 }
 
 void NavPathResolutionDirSm::handleNexthopVrfStatus(const L3::VrfName& vrfName) {

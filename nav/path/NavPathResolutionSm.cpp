@@ -130,8 +130,7 @@ void NavPathResolutionSm::sweepLeftovers() {
         if (request.key().vrfName == in_.vrfName &&
             !configured.has(pathKeyOf(*in_.navDb, request.key())))
             in_.ipsecPathConfigDir->ipsecPathConfigDel(request.key());
-    for (const IpGenAddr& addr : in_.nexthopVrfConfig->nexthop())
-        if (!isUsed(addr)) releaseNexthop(addr);
+    for (const IpGenAddr& addr : in_.nexthopVrfConfig->nexthop()) releaseUnusedNexthop(addr);
 }
 
 void NavPathResolutionSm::handlePathConfig(const PathKey& pathKey) {
@@ -140,7 +139,7 @@ void NavPathResolutionSm::handlePathConfig(const PathKey& pathKey) {
     Vel::Hold hold;
     const IpGenAddr& addr = pathKey.dstAddr;
     if (!in_.pathConfig->pathConfigEntry(pathKey)) {
-        if (!isUsed(addr)) releaseNexthop(addr);
+        releaseUnusedNexthop(addr);
         DUOLOG(pathTrace, 7, "Deleting path ", pathKey, " from pathStatus");
         in_.pathStatus->pathStatusEntryDel(pathKey);
         in_.navDb->pathKeyInfoDel(pathKey);
@@ -176,8 +175,8 @@ void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
     DUOLOG_ENTRY(pathTrace, " ", addr);
     Vel::Hold hold;
     const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
-    if (paths && paths->pathKey().empty()) in_.navDb->addrToPathKeySetDel(addr);
-    if (!isUsed(addr)) {
+    if (!isUsed(addr, paths)) {
+        if (paths && paths->pathKey().empty()) in_.navDb->addrToPathKeySetDel(addr);
         DUOLOG(pathTrace, 7, "No paths for dstAddr ", addr);
         in_.nexthopVrfConfig->nexthopDel(addr);
         return;
@@ -185,8 +184,7 @@ void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
     // A result that was there on somebody else's behalf must not vanish for good.
     if (!in_.nexthopVrfConfig->nexthopHas(addr)) requestNexthop(addr);
     for (const PathKey& pathKey : paths->pathKey())
-        if (pathKey.dstAddr == addr && in_.pathConfig->pathConfigEntry(pathKey))
-            reviewPath(pathKey, addr);
+        if (isTowards(addr, pathKey)) reviewPath(pathKey, addr);
 }
 
 void NavPathResolutionSm::reviewPath(const PathKey& pathKey, const IpGenAddr& addr) {
@@ -251,12 +249,16 @@ void NavPathResolutionSm::publish(const Offer& offer, const std::optional<Via>& 
         offer.status.pathInfoIs({offer.type, offer.stateBy(*via), pathKeyInfo->pathIndex(), *via});
 }
 
-// Whether a path configured in this VRF goes there.
-bool NavPathResolutionSm::isUsed(const IpGenAddr& addr) const {
-    const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
+// Whether the path goes there and is configured in this VRF.
+bool NavPathResolutionSm::isTowards(const IpGenAddr& addr, const PathKey& pathKey) const {
+    return pathKey.dstAddr == addr && in_.pathConfig->pathConfigEntry(pathKey);
+}
+
+// Whether one of the paths that have the address is.
+bool NavPathResolutionSm::isUsed(const IpGenAddr& addr, const PathAddrToPathKeySet* paths) const {
     if (!paths) return false;
     for (const PathKey& pathKey : paths->pathKey())
-        if (pathKey.dstAddr == addr && in_.pathConfig->pathConfigEntry(pathKey)) return true;
+        if (isTowards(addr, pathKey)) return true;
     return false;
 }
 
@@ -265,7 +267,8 @@ void NavPathResolutionSm::requestNexthop(const IpGenAddr& addr) {
     in_.nexthopVrfConfig->nexthopIs(addr);
 }
 
-void NavPathResolutionSm::releaseNexthop(const IpGenAddr& addr) {
+void NavPathResolutionSm::releaseUnusedNexthop(const IpGenAddr& addr) {
+    if (isUsed(addr, in_.navDb->addrToPathKeySet(addr))) return;
     DUOLOG(pathTrace, 7, "Deleting ", addr, " from nexthopVrfConfig");
     in_.nexthopVrfConfig->nexthopDel(addr);
 }
@@ -344,17 +347,16 @@ IntfId NavPathResolutionSm::VelPathConfigEntry::localIntf() {
     const IpGenAddr& addr = pathKey().srcAddr;
     const IntfId* mapped = in_.navDb->srcToIntfMapping(addr);
     if (!mapped) return {};
-    const auto& intfs =
-        addr.isV4() ? in_.ipStatusDir->ipIntfStatus() : in_.ip6StatusDir->ipIntfStatus();
-    const auto* status = intfs.find(*mapped);
-    if (!status || (*status)->vrfName() == in_.vrfName) return *mapped;
-
+    const auto tables = {&in_.ipStatusDir->ipIntfStatus(), &in_.ip6StatusDir->ipIntfStatus()};
     const auto hasAddrHere = [&](const Ip::IpIntfStatus& intf) {
-        return intf.vrfName() == in_.vrfName && intf.activeAddrWithMask().addr == addr;
+        return intf.activeAddrWithMask().addr == addr && intf.vrfName() == in_.vrfName;
     };
-    if (const auto* last = intfs.find(intfHere_); last && hasAddrHere(**last)) return intfHere_;
-    for (const Ip::IpIntfStatus& intf : intfs)
-        if (hasAddrHere(intf)) return intfHere_ = intf.intfId();
+    for (const IntfId& known : {*mapped, intfHere_})
+        for (const auto* intfs : tables)
+            if (const auto* intf = intfs->find(known); intf && hasAddrHere(**intf)) return known;
+    for (const auto* intfs : tables)
+        for (const Ip::IpIntfStatus& intf : *intfs)
+            if (hasAddrHere(intf)) return intfHere_ = intf.intfId();
     return *mapped;
 }
 

@@ -65,9 +65,10 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
 
     ~NavPathResolutionSm() override;
 
-    bool isUsed(const Netz::IpGenAddr& addr) const;
+    bool isTowards(const Netz::IpGenAddr& addr, const PathKey& pathKey) const;
+    bool isUsed(const Netz::IpGenAddr& addr, const PathAddrToPathKeySet* paths) const;
     void requestNexthop(const Netz::IpGenAddr& addr);
-    void releaseNexthop(const Netz::IpGenAddr& addr);
+    void releaseUnusedNexthop(const Netz::IpGenAddr& addr);
     const Shard::Fib::Fec& fecOf(const Routing::NexthopResult& result) const;
     PathKeyInfo* keyInfoOf(const PathKey& pathKey) const;
     std::optional<Offer> offerTo(const PathKey& pathKey);
