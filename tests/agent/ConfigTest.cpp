@@ -86,43 +86,40 @@ TEST(ConfigTest, TheLimitsAreExact) {
     EXPECT_EQ(paths(group("w", 0, 200), group("x", 200, 0)), "");
 
     // Load-balance ids: different (site, application) of a policy, for each VRF that is bound to
-    // it.
-    const auto ids = [](Json change) {
-        Json config = {
-            {"pathGroupConfig", {{"a", group("w", 1, 33)}, {"b", group("x", 1, 33)}}},
-            {"loadBalanceProfile",
-             {{"both", {{"pathGroupPriority", {{"a", 1}, {"b", 2}, {"none", 3}}}}}}},
-            {"policyConfig",
-             {{"p", {{"appProfilePolicyRuleList", rules(15, "both")}}},
-              {"q",
-               {{"appProfilePolicyRuleList", rules(15, "both")},
-                {"defaultRuleCfgd", true},
-                {"defaultLbGrpName", "both"}}}}},
-            {"vrfConfig", {{"v1", {{"policyName", "p"}}}, {"v2", {{"policyName", "q"}}}}}};
-        config.merge_patch(change);
-        return refusal(config.dump());
-    };
-    const std::string tooMany =
-        "line 1: /vrfConfig: this can need more load-balance ids than the 1023 there are";
-    EXPECT_EQ(ids(Json::object()), "");  // 33 sites x (15 + 16) applications = 1023
-    const auto patch = [](const char* text) { return parse(text); };
-    EXPECT_EQ(ids(patch(R"({"vrfConfig":{"v3":{"policyName":"p"}}})")), tooMany);
-    EXPECT_EQ(ids(patch(R"({"vrfConfig":{"v3":{"policyName":"missing"},"v4":{}}})")), "");
-    const char* another = R"({"policyConfig":{"p":{"appProfilePolicyRuleList":{"99":)";
-    EXPECT_EQ(
-        ids(patch(
-            (another + std::string(R"({"appProfileId":99,"lbGrpName":"both"}}}}})")).c_str())),
-        tooMany);
-    EXPECT_EQ(
-        ids(patch((another + std::string(R"({"appProfileId":1,"lbGrpName":"both"}}}}})")).c_str())),
-        "");
-    EXPECT_EQ(
-        ids(patch(
-            (another + std::string(R"({"appProfileId":99,"lbGrpName":"missing"}}}}})")).c_str())),
-        "");
-    EXPECT_EQ(ids(patch(R"({"pathGroupConfig":{"a":{"remoteViaConfig":{"10.9.9.9":{}}}}})")),
-              tooMany);
-    EXPECT_EQ(ids(patch(R"({"policyConfig":{"p":{"defaultLbGrpName":"both"}}})")), "");
+    // it; here 33 sites x (15 + 16) applications = 1023.
+    const Json full = {
+        {"pathGroupConfig", {{"a", group("w", 1, 33)}, {"b", group("x", 1, 33)}}},
+        {"loadBalanceProfile",
+         {{"both", {{"pathGroupPriority", {{"a", 1}, {"b", 2}, {"none", 3}}}}}}},
+        {"policyConfig",
+         {{"p", {{"appProfilePolicyRuleList", rules(15, "both")}}},
+          {"q",
+           {{"appProfilePolicyRuleList", rules(15, "both")},
+            {"defaultRuleCfgd", true},
+            {"defaultLbGrpName", "both"}}}}},
+        {"vrfConfig", {{"v1", {{"policyName", "p"}}}, {"v2", {{"policyName", "q"}}}}}};
+    for (const auto& [change, fits] : std::initializer_list<std::pair<std::string, bool>>{
+             {R"({})", true},
+             {R"({"vrfConfig":{"v3":{"policyName":"p"}}})", false},
+             {R"({"vrfConfig":{"v3":{"policyName":"missing"},"v4":{}}})", true},
+             {R"({"policyConfig":{"p":{"appProfilePolicyRuleList":{"99":)"
+              R"({"appProfileId":99,"lbGrpName":"both"}}}}})",
+              false},
+             {R"({"policyConfig":{"p":{"appProfilePolicyRuleList":{"98":)"
+              R"({"appProfileId":1,"lbGrpName":"both"},"99":{"appProfileId":99}}}}})",
+              true},
+             {R"({"pathGroupConfig":{"a":{"remoteViaConfig":{"10.9.9.9":{}}}}})", false},
+             {R"({"policyConfig":{"p":{"defaultLbGrpName":"both"}}})", true},
+             {R"({"policyConfig":{"p":{"defaultLbGrpName":"both","defaultRuleCfgd":true}}})",
+              false}}) {
+        Json config = full;
+        config.merge_patch(parse(change));
+        EXPECT_EQ(refusal(config.dump()),
+                  fits ? ""
+                       : "line 1: /vrfConfig: this can need more load-balance ids than the 1023 "
+                         "there are")
+            << change;
+    }
 }
 
 TEST(ConfigTest, WhatIsNamedButNotThereIsAWarning) {

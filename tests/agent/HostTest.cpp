@@ -1,6 +1,6 @@
-// The whole agent: requests through its sockets, with the platform played by hand.
+// The requests of the control socket on a host, and the whole agent as a process, with the platform
+// played by hand.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,108 +8,14 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
-#include "agent/Json.h"
-#include "agent/RunDir.h"
+#include "agent/Control.h"
+#include "navctl/Client.h"
 
 namespace {
 
 using Agent::Json;
-
-// A client of one of the sockets; every wait has a deadline.
-class Client {
-  public:
-    explicit Client(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const timeval patience{20, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        const sockaddr_un address = Agent::socketAddress(path);
-        connected = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    }
-    ~Client() { close(fd_); }
-
-    void send(const std::string& text) { ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL); }
-    Json line() {
-        size_t end;
-        while ((end = buffer_.find('\n')) == buffer_.npos)
-            if (!fill()) return "<end>";
-        const Json result = Agent::parseJson(buffer_.substr(0, end));
-        buffer_.erase(0, end + 1);
-        return result;
-    }
-    std::string all() {
-        while (fill()) {
-        }
-        return buffer_;
-    }
-    // The value of the answer, or the error of a refusal as a string.
-    Json ask(Json request) {
-        send(request.dump() + "\n");
-        const Json answer = line();
-        return answer.contains("value") ? answer.at("value") : answer.at("error");
-    }
-
-    bool connected;
-
-  private:
-    bool fill() {
-        char bytes[65536];
-        const ssize_t count = recv(fd_, bytes, sizeof bytes, 0);
-        if (count > 0) buffer_.append(bytes, static_cast<size_t>(count));
-        return count > 0;
-    }
-
-    const int fd_;
-    std::string buffer_;
-};
-
-class HostTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        std::string name = testing::TempDir() + "host.XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        dir = name;
-    }
-    void TearDown() override {
-        if (agent > 0) kill(agent, SIGKILL), waitpid(agent, nullptr, 0);
-        std::filesystem::remove_all(dir);
-    }
-
-    void start(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {NAV_AGENT, "--run-dir", dir + "/run"});
-        agent = fork();
-        if (agent != 0) return;
-        if (freopen((dir + "/errors").c_str(), "w", stderr) == nullptr) _exit(99);
-        std::vector<char*> argv;
-        for (std::string& each : arguments) argv.push_back(each.data());
-        argv.push_back(nullptr);
-        execv(NAV_AGENT, argv.data());
-        _exit(98);
-    }
-    int statusOfAgent() {
-        int status = 0;
-        waitpid(std::exchange(agent, 0), &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-    std::unique_ptr<Client> connect(const char* socket = Agent::controlSocketName) {
-        std::unique_ptr<Client> client;
-        await([&] {
-            client = std::make_unique<Client>(dir + "/run/" + socket);
-            return client->connected;
-        });
-        return client;
-    }
-    template <class Condition>
-    static void await(Condition condition) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!condition() && std::chrono::steady_clock::now() < deadline) {
-        }
-        ASSERT_TRUE(condition());
-    }
-    std::string errors() { return Agent::readFile(dir + "/errors"); }
-
-    std::string dir;
-    pid_t agent = 0;
-};
 
 Json get(const std::string& path) {
     return {{"op", "get"}, {"path", path}};
@@ -121,97 +27,62 @@ Json del(const std::string& path) {
     return {{"op", "del"}, {"path", path}};
 }
 
-TEST_F(HostTest, AConfigurationAndAnAddressMakePathsAndEverySocketTellsOfThem) {
-    start({"--platform", "manual", "--log-level", "8", "--config",
-           NAV_EXAMPLES "/branch/branch.json"});
-    auto client = connect(), watcher = connect();
-    const Json ping = client->ask({{"op", "ping"}});
-    EXPECT_EQ(ping.at("platform"), "manual");
-    EXPECT_EQ(ping.at("pid"), agent);
+class ControlTest : public testing::Test {
+  protected:
+    struct Session : Agent::Session {
+        void sendEvent(const Json&) override {}
+    };
 
-    EXPECT_TRUE(watcher->ask({{"op", "watch"}, {"path", "/navDb/pathIndex"}}).is_number());
-    const std::string paths = "/pathConfigDir/pathConfig[default]/pathConfigEntry";
-    EXPECT_EQ(watcher->ask({{"op", "watch"}, {"path", paths}}), nullptr);
-    client->ask(set("/ipStatusDir/ipIntfStatus[wan1]/activeAddrWithMask", "203.0.113.1/24"));
-    const Json first = client->ask(get(paths));
-    ASSERT_EQ(first.size(), 4u);
-    for (size_t told = 0; told < 4;) {
-        const Json event = watcher->line();
-        ASSERT_EQ(event.at("event"), "set");
-        if (event.at("path").get<std::string>().starts_with(paths + "[")) ++told;
+    // The value of the answer, or the reason of the refusal.
+    Json ask(const Json& request) {
+        try {
+            Agent::Answer answer = control.handle(request.at("op"), request, session);
+            warnings = answer.warnings.size();
+            return answer.value;
+        } catch (const std::exception& error) {
+            return error.what();
+        }
     }
-    const std::string shown = client->ask({{"op", "show"}, {"command", "NAVPATHS"}});
-    EXPECT_TRUE(
-        shown.starts_with("{'navPathSelPaths': [{ 'pathGroup' : 'internet', 'source' : "
-                          "'203.0.113.1', "))
-        << shown;
-    auto command = connect(Agent::commandSocketName);
-    command->send("NAVPATHS\n");
-    EXPECT_EQ(command->all(), shown);
-    EXPECT_EQ(client->ask({{"op", "show"}, {"command", "NOTHING"}}), "");
-    EXPECT_EQ(client->ask({{"op", "trace"}, {"last", 3}}).size(), 3u);
 
-    // The address moves: the paths follow, all gone before any comes.
-    client->ask(set("/ipStatusDir/ipIntfStatus[wan1]/activeAddrWithMask", "203.0.113.2/24"));
-    std::string order;
-    while (order.size() < 8) {
-        const Json event = watcher->line();
-        const auto path = event.at("path").get<std::string>();
-        if (path.ends_with("]")) order += event.at("event") == "set" ? '+' : '-';
-    }
-    EXPECT_EQ(order, "----++++");
+    Loom::MonotonicClock clock;
+    Vel::Ptr<Vel::Scheduler> scheduler = Vel::make<Vel::Scheduler>(clock);
+    Agent::Host host{*scheduler, std::make_unique<Agent::Platform>("linux")};
+    Agent::Control control{host};
+    Session session;
+    size_t warnings = 0;
+};
 
-    // The database comes and goes with the feature.
-    client->ask(set("/cliConfig/navConfigured", false));
-    EXPECT_EQ(client->ask(get("/navDb")), nullptr);
-    EXPECT_EQ(client->ask({{"op", "show"}, {"command", "NAVPATHS"}}), "{ }");
-    Json event;
-    do event = watcher->line();
-    while (event.at("path") != "/navDb/pathIndex" || event.at("event") != "del");
-    client->ask(set("/cliConfig/navConfigured", true));
-    do event = watcher->line();
-    while (event.at("path") != "/navDb/pathIndex");
-    EXPECT_EQ(event.at("event"), "set");
-
-    kill(agent, SIGTERM);
-    EXPECT_EQ(statusOfAgent(), 0);
-    EXPECT_EQ(errors(), "");
+TEST_F(ControlTest, OnlyTheConfigurationIsWrittenWhereAPlatformPlaysTheServices) {
+    EXPECT_EQ(ask(set("/ipStatusDir/ipIntfStatus[wan1]", Json::object())),
+              "/ipStatusDir/ipIntfStatus[wan1]: this belongs to the interface service; on platform "
+              "linux only /cliConfig is written from outside");
+    EXPECT_NE(ask(del("/navStatusDir/navRuleStatus[x]")).get<std::string>().find("path selection"),
+              std::string::npos);
+    EXPECT_EQ(host.inputs().ipStatusDir->ipIntfStatus().size(), 0u);
 }
 
-TEST_F(HostTest, OnlyTheConfigurationIsWrittenWhereAPlatformPlaysTheServices) {
-    start({"--platform", "sim"});
-    auto client = connect();
-    const Json before = client->ask(get("/cliConfig"));
-    EXPECT_NE(client->ask(set("/ipStatusDir/ipIntfStatus[wan1]", Json::object()))
-                  .get<std::string>()
-                  .find("belongs to the interface service"),
-              std::string::npos);
-    EXPECT_NE(client->ask(del("/navStatusDir/navRuleStatus[x]"))
-                  .get<std::string>()
-                  .find("belongs to path selection"),
-              std::string::npos);
-
-    // Configuration is held against the whole of what it would be afterwards.
-    const std::string group = "/cliConfig/pathGroupConfig";
-    EXPECT_EQ(client->ask(set(group + "[a]/localIntf[wan1]", true)), nullptr);
-    EXPECT_EQ(client->ask(set(group + "[b]/localIntf", {"wan2", "wan1"})),
+TEST_F(ControlTest, AChangeIsHeldAgainstTheConfigurationAsItWouldBeAfterwards) {
+    const Json empty = ask(get("/cliConfig"));
+    const std::string group = "/cliConfig/pathGroupConfig",
+                      site = group + "[a]/remoteViaConfig[192.0.2.1]/remoteVia";
+    EXPECT_EQ(ask(set(group + "[a]/localIntf[wan1]", true)), nullptr);
+    EXPECT_EQ(ask(set(group + "[b]/localIntf", {"wan2", "wan1"})),
               "/cliConfig/pathGroupConfig/b/localIntf/1: wan1 is in path group \"a\" already");
     Json vias = Json::array();
     for (int i = 1; i <= 128; ++i) vias.push_back("10.0.0." + std::to_string(i));
-    const std::string site = group + "[a]/remoteViaConfig[192.0.2.1]/remoteVia";
-    EXPECT_EQ(client->ask(set(site, vias)), nullptr);
-    const Json full = client->ask(get("/cliConfig"));
-    EXPECT_EQ(client->ask(set(site + "[10.0.1.1]", true)),
+    EXPECT_EQ(ask(set(site, vias)), nullptr);
+    const Json full = ask(get("/cliConfig"));
+    EXPECT_EQ(ask(set(site + "[10.0.1.1]", true)),
               "/cliConfig/pathGroupConfig: this needs 129 paths, there are at most 128");
-    EXPECT_EQ(client->ask(get("/cliConfig")), full);
-    EXPECT_EQ(client->ask(del(site + "[10.0.0.128]")), nullptr);
-    EXPECT_EQ(client->ask(set(site + "[10.0.1.1]", true)), nullptr);
-    EXPECT_NE(client->ask(del(group + "[b]")), nullptr);
+    EXPECT_EQ(ask(get("/cliConfig")), full);
+    EXPECT_EQ(ask(del(site + "[10.0.0.128]")), nullptr);
+    EXPECT_EQ(ask(set(site + "[10.0.1.1]", true)), nullptr);
+    EXPECT_EQ(ask(del(group + "[b]")), "/cliConfig/pathGroupConfig[b]: there is none");
+    EXPECT_EQ(ask(set("/cliConfig/vrfConfig[v]/policyName", "p")), nullptr);
+    EXPECT_EQ(warnings, 1u);
 
-    client->send(set("/cliConfig/vrfConfig[v]/policyName", "p").dump() + "\n");
-    EXPECT_EQ(client->line().at("warnings").size(), 1u);
-    EXPECT_EQ(client->ask({{"op", "load"}, {"value", before}}), nullptr);
-    EXPECT_EQ(client->ask(get("/cliConfig")), before);
+    EXPECT_EQ(ask({{"op", "check"}, {"value", empty}}), nullptr);
+    EXPECT_EQ(ask({{"op", "load"}, {"value", empty}}), nullptr);
     for (const Json& bad : std::initializer_list<Json>{
              {{"op", "get"}},
              {{"op", "set"}, {"path", "/cliConfig/udpPortConfig"}},
@@ -222,8 +93,104 @@ TEST_F(HostTest, OnlyTheConfigurationIsWrittenWhereAPlatformPlaysTheServices) {
              {{"op", "load"}, {"value", {{"udpPortConfig", 1}, {"nothing", 1}}}},
              {{"op", "fly"}},
              {{"op", "check"}, {"value", nullptr}}})
-        EXPECT_TRUE(client->ask(bad).is_string()) << bad;
-    EXPECT_EQ(client->ask(get("/cliConfig")), before);
+        EXPECT_TRUE(ask(bad).is_string()) << bad;
+    EXPECT_EQ(ask(get("/cliConfig")), empty);
+}
+
+class HostTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string name = testing::TempDir() + "host.XXXXXX";
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        dir = name;
+    }
+    void TearDown() override {
+        if (agent > 0) kill(agent, SIGKILL), statusOfAgent();
+        std::filesystem::remove_all(dir);
+    }
+
+    void start(const std::string& config) {
+        agent = fork();
+        if (agent != 0) return;
+        if (freopen((dir + "/errors").c_str(), "w", stderr) == nullptr) _exit(99);
+        execl(NAV_AGENT, NAV_AGENT, "--run-dir", run().c_str(), "--platform", "manual",
+              "--log-level", "8", "--config", config.c_str(), nullptr);
+        _exit(98);
+    }
+    int statusOfAgent() {
+        int status = 0;
+        waitpid(std::exchange(agent, 0), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    std::unique_ptr<Navctl::Client> connect() {
+        std::unique_ptr<Navctl::Client> client;
+        EXPECT_TRUE(await([&] {
+            try {
+                client = std::make_unique<Navctl::Client>(run());
+            } catch (const Navctl::NoAgent&) {
+            }
+            return client != nullptr;
+        }));
+        return client;
+    }
+    template <class Condition>
+    static bool await(Condition condition) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            std::this_thread::yield();
+        }
+        return true;
+    }
+    std::string run() const { return dir + "/run"; }
+    bool said(const std::string& text) const {
+        return Agent::readFile(dir + "/errors").find(text) != std::string::npos;
+    }
+
+    std::string dir;
+    pid_t agent = 0;
+};
+
+TEST_F(HostTest, AnAddressMakesPathsAndEverySocketTellsOfThem) {
+    start(NAV_EXAMPLES "/branch/branch.json");
+    const auto client = connect(), watcher = connect();
+    auto watch = [&](const char* path) {
+        return watcher->request({{"op", "watch"}, {"path", path}}).at("value");
+    };
+    // The signs and keys of so many events at or below a path, others passed over.
+    auto told = [&](const std::string& path, size_t count) {
+        std::string text;
+        while (count > 0) {
+            const Json event = Agent::parseJson(watcher->connection().readLine().value());
+            if (!event.at("path").get<std::string>().starts_with(path)) continue;
+            text += event.at("event") == "set" ? '+' : '-';
+            --count;
+        }
+        return text;
+    };
+    const char* paths = "/pathConfigDir/pathConfig[default]/pathConfigEntry";
+    const char* address = "/ipStatusDir/ipIntfStatus[wan1]/activeAddrWithMask";
+    EXPECT_TRUE(watch("/navDb/pathIndex").is_number());
+    EXPECT_EQ(watch(paths), nullptr);
+    client->request(set(address, "203.0.113.1/24"));
+    EXPECT_EQ(client->get(paths).size(), 4u);
+    EXPECT_EQ(told(paths, 5), "+++++");  // the collection, then its entries
+    const std::string shown =
+        client->request({{"op", "show"}, {"command", "NAVPATHS"}}).at("value");
+    EXPECT_TRUE(shown.starts_with("{'navPathSelPaths': [{ 'pathGroup' : 'internet', 'source' : "));
+    EXPECT_EQ(Navctl::showText(run(), "NAVPATHS"), shown);
+    EXPECT_EQ(client->request({{"op", "show"}, {"command", "NOTHING"}}).at("value"), "");
+    EXPECT_EQ(client->request({{"op", "trace"}, {"last", 3}}).at("value").size(), 3u);
+
+    client->request(set(address, "203.0.113.2/24"));
+    EXPECT_EQ(told(paths, 8), "----++++");
+    client->request(set("/cliConfig/navConfigured", false));
+    EXPECT_EQ(client->get("/navDb"), nullptr);
+    EXPECT_EQ(Navctl::showText(run(), "NAVPATHS"), "{ }");
+    client->request(set("/cliConfig/navConfigured", true));
+    EXPECT_EQ(told("/navDb", 2), "-+");
+    kill(agent, SIGTERM);
+    EXPECT_EQ(statusOfAgent(), 0);
 }
 
 TEST_F(HostTest, AHangUpLoadsTheFileAgainAndABadFileChangesNothing) {
@@ -233,29 +200,28 @@ TEST_F(HostTest, AHangUpLoadsTheFileAgainAndABadFileChangesNothing) {
         std::filesystem::rename(file + ".new", file);
     };
     write(R"({"udpPortConfig": 1, "vrfConfig": {"v": {"policyName": "p"}}})");
-    start({"--platform", "manual", "--config", file});
-    auto client = connect();
-    EXPECT_EQ(client->ask(get("/cliConfig/udpPortConfig")), 1);
-    EXPECT_EQ(errors(), "nav-agent: " + file +
-                            ": warning: VRF \"v\" names policy \"p\", which is not there\n");
-    EXPECT_EQ(client->ask({{"op", "watch"}, {"path", "/cliConfig"}}).at("udpPortConfig"), 1);
+    start(file);
+    const auto client = connect();
+    client->request({{"op", "watch"}, {"path", "/cliConfig"}});
+    EXPECT_TRUE(said(file + ": warning: VRF \"v\" names policy \"p\", which is not there\n"));
 
     write("{\"udpPortConfig\": 2,\n \"pathGroupConfig\": {\"a\": {\"localintf\": []}}}");
     kill(agent, SIGHUP);
-    await(
-        [&] { return errors().find("line 2: /pathGroupConfig/a/localintf") != std::string::npos; });
-    EXPECT_EQ(client->ask(get("/cliConfig/udpPortConfig")), 1);
+    EXPECT_TRUE(await([&] { return said("line 2: /pathGroupConfig/a/localintf"); }));
+    EXPECT_EQ(client->get("/cliConfig/udpPortConfig"), 1);
     write(R"({"udpPortConfig": 3})");
     kill(agent, SIGHUP);
-    EXPECT_EQ(client->line().at("path"), "/cliConfig/vrfConfig[v]");
-    EXPECT_EQ(client->line().at("value"), 3);
+    EXPECT_EQ(client->connection().readLine(),
+              R"({"event":"del","path":"/cliConfig/vrfConfig[v]","value":null})");
+    EXPECT_EQ(client->connection().readLine(),
+              R"({"event":"set","path":"/cliConfig/udpPortConfig","value":3})");
 
     kill(agent, SIGTERM);
     EXPECT_EQ(statusOfAgent(), 0);
     write("{\"udpPortConfig\": 70000}");
-    start({"--platform", "manual", "--config", file});
+    start(file);
     EXPECT_EQ(statusOfAgent(), 1);
-    EXPECT_NE(errors().find(file + ": line 1: /udpPortConfig: expected"), std::string::npos);
+    EXPECT_TRUE(said(file + ": line 1: /udpPortConfig: expected"));
 }
 
 }  // namespace
