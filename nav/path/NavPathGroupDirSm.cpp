@@ -448,11 +448,12 @@ void NavPathGroupDirSm::deletePath(const PathKey& pathKey) {
 // Takes a path out of a site's status; false if it was not there.
 bool NavPathGroupDirSm::leaveSite(const SiteGroupKey& site, U16 index) {
     SiteGroupStatusEntry* entry = in_.siteGroupStatus->siteGroupStatusEntry(site);
-    if (!entry || !entry->pathIndexEntry().has(index)) return false;
+    if (!entry) return false;
     const Vel::Hold hold;
+    const bool wasUsable = entry->pathIndexEntryHas(index);
     entry->pathIndexEntryDel(index);
     if (entry->pathIndexEntry().empty()) in_.siteGroupStatus->siteGroupStatusEntryDel(site);
-    return true;
+    return wasUsable;
 }
 
 // An address names its interface while a path comes from it. Where the same address is used on

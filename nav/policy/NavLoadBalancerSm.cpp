@@ -152,6 +152,7 @@ void NavLoadBalancerSm::handleVrfId(const L3::VrfName& vrf, U32 vrfId) {
     POLICY_TRACE(8, "vrfName: ", vrf, " vrfId: ", vrfId);
     if (!isAccepted(vrf, vrfId)) {
         POLICY_TRACE(8, "Skip mapping from ", vrf, " to ", vrfId);
+        if (vrfNameToId_.contains(vrf)) handleVrfDel(vrf, vrfId);  // the id was taken back
         return;
     }
     auto& navDb = *in_.navDb;
