@@ -3,11 +3,14 @@
 #include <csignal>
 #include <iostream>
 
-#include "platform/trace/Facility.h"
+#include "agent/linux/LinuxPlatform.h"
+#include "agent/sim/SimPlatform.h"
 
 namespace Agent {
 
-std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop&) {
+std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop) {
+    if (options.platform == "sim") return std::make_unique<Sim::SimPlatform>(options.world);
+    if (options.platform == "linux") return std::make_unique<Linux::LinuxPlatform>(loop);
     return std::make_unique<Platform>(options.platform);
 }
 
@@ -26,7 +29,9 @@ HostAgent::HostAgent(Options options)
                     host_.answerCommand(descriptor, word);
                 }),
       control_(loop_, runDir_.path() + "/" + controlSocketName, requests_) {
-    Duolog::levelIs("*", options_.logLevel);
+    const Shard::Namespace space(runDir_.path());
+    host_.inputs().forwardingStatus->mountIs(space, *scheduler_);
+    host_.inputs().forwarding6Status->mountIs(space, *scheduler_);
     loadFile();
 }
 

@@ -1,8 +1,11 @@
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
 
 #include "agent/HostAgent.h"
+#include "platform/trace/Duolog.h"
 
 int main(int argc, char** argv) {
     Agent::Options options;
@@ -29,6 +32,8 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;
     }
+    Duolog::levelIs("*", options.logLevel);
+    Duolog::textSinkIs(STDERR_FILENO);
     try {
         Agent::HostAgent(options).run();
         return 0;

@@ -33,6 +33,16 @@ std::optional<uint32_t> vrfTableOf(Bytes linkInfo) {
 
 }  // namespace
 
+const Interface* InterfaceView::at(uint32_t index) const {
+    const auto found = std::ranges::lower_bound(interfaces, index, {}, &Interface::index);
+    return found != interfaces.end() && found->index == index ? &*found : nullptr;
+}
+
+const Interface* InterfaceView::named(const Netz::IntfId& name) const {
+    const auto found = std::ranges::find(interfaces, name, &Interface::name);
+    return found != interfaces.end() ? &*found : nullptr;
+}
+
 void LinkTable::apply(const Message& message) {
     if (message.type == RTM_NEWLINK || message.type == RTM_DELLINK) applyLink(message);
     if (message.type == RTM_NEWADDR || message.type == RTM_DELADDR) applyAddress(message);

@@ -49,6 +49,10 @@ struct InterfaceView {
     std::vector<Interface> interfaces;  // by ascending index
     std::vector<Vrf> vrfs;              // "default" first, then by ascending index
 
+    // Null if there is none.
+    const Interface* at(uint32_t index) const;
+    const Interface* named(const Netz::IntfId& name) const;
+
     bool operator==(const InterfaceView&) const = default;
 };
 

@@ -90,6 +90,9 @@ struct TypedMap {
                uint64_t listBytes = 0)
             : MapWriter(space, map, shape, capacity, listBytes) {}
 
+        Writer(const std::string& map, uint32_t capacity, uint64_t listBytes = 0)
+            : MapWriter(map, shape, capacity, listBytes) {}
+
         // Inserts or replaces. Raises Vel::Error when the list is too long or the map is full; what
         // was there then stays.
         void valueIs(const Key& key, typename Values::Input value) {

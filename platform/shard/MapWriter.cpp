@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/netz/Assert.h"
 #include "platform/netz/Error.h"
 
 namespace Shard {
@@ -18,6 +19,15 @@ MapWriter::MapWriter(const Namespace& space, std::string map, const Shape& shape
     segment_ = Segment::own(space, map_, table_.geometry());
     table_ = segment_->table();
     if (!takeOver()) throw Vel::Error("shared map '" + map_ + "': damaged as soon as it is made");
+}
+
+MapWriter::MapWriter(std::string map, const Shape& shape, uint32_t capacity, uint64_t listBytes)
+    : map_(std::move(map)),
+      segment_(Segment::ownPrivate(map_, Geometry::of(shape, capacity, listBytes))),
+      table_(segment_->table()),
+      extents_(table_.geometry().unitsFor(shape.valueBytes)) {
+    const bool empty = takeOver();
+    VEL_ASSERT(empty, "takeOver()");
 }
 
 MapWriter::~MapWriter() {

@@ -24,6 +24,8 @@ class VEL_EXPORT MapWriter {
     // Raises Vel::Error as Segment::own and Geometry::of do.
     MapWriter(const Namespace& space, std::string map, const Shape& shape, uint32_t capacity,
               uint64_t listBytes = 0);
+    // A map of this process alone.
+    MapWriter(std::string map, const Shape& shape, uint32_t capacity, uint64_t listBytes = 0);
     ~MapWriter();
     MapWriter(const MapWriter&) = delete;
     MapWriter& operator=(const MapWriter&) = delete;

@@ -146,25 +146,42 @@ std::shared_ptr<Segment> Segment::own(const Namespace& space, const std::string&
             shm_unlink(name.c_str());
             continue;
         }
-        void* base = map(fd.get(), bytes, true);
-        if (!base) fail(mapName, "cannot map it", errno);
-        auto& header = *static_cast<Header*>(base);
-        if (fresh) {
-            header.layoutVersion = layoutVersion;
-            header.geometry = geometry;
-            const auto random = getrandom(&header.seed, sizeof header.seed, 0);
-            VEL_ASSERT(random == sizeof header.seed, "random == sizeof header.seed");
-        }
-        header.writerPid = getpid();
-        header.phase.store(static_cast<uint32_t>(Phase::mounting), std::memory_order_release);
-        header.writers.fetch_add(1, std::memory_order_acq_rel);
-        header.magic.store(magic, std::memory_order_release);
-        std::shared_ptr<Segment> segment(
-            new Segment(name, std::move(fd), base, geometry, true, fresh));
-        segment->ring();
-        return segment;
+        return adopt(mapName, name, std::move(fd), geometry, fresh);
     }
     fail(mapName, "others keep replacing " + name);
+}
+
+std::shared_ptr<Segment> Segment::ownPrivate(const std::string& mapName,
+                                             const Geometry& geometry) {
+    Descriptor fd(memfd_create(mapName.c_str(), MFD_CLOEXEC));
+    if (!fd) fail(mapName, "cannot have a private segment", errno);
+    const auto bytes = static_cast<off_t>(geometry.totalBytes());
+    if (const int error = posix_fallocate(fd.get(), 0, bytes))
+        fail(mapName, "cannot have " + std::to_string(bytes) + " bytes", error);
+    lock(mapName, fd.get());
+    return adopt(mapName, {}, std::move(fd), geometry, true);
+}
+
+// Makes the writer of a segment whose lock is held and whose size is right.
+std::shared_ptr<Segment> Segment::adopt(const std::string& mapName, std::string name, Descriptor fd,
+                                        const Geometry& geometry, bool fresh) {
+    void* base = map(fd.get(), geometry.totalBytes(), true);
+    if (!base) fail(mapName, "cannot map it", errno);
+    auto& header = *static_cast<Header*>(base);
+    if (fresh) {
+        header.layoutVersion = layoutVersion;
+        header.geometry = geometry;
+        const auto random = getrandom(&header.seed, sizeof header.seed, 0);
+        VEL_ASSERT(random == sizeof header.seed, "random == sizeof header.seed");
+    }
+    header.writerPid = getpid();
+    header.phase.store(static_cast<uint32_t>(Phase::mounting), std::memory_order_release);
+    header.writers.fetch_add(1, std::memory_order_acq_rel);
+    header.magic.store(magic, std::memory_order_release);
+    std::shared_ptr<Segment> segment(
+        new Segment(std::move(name), std::move(fd), base, geometry, true, fresh));
+    segment->ring();
+    return segment;
 }
 
 Descriptor Segment::find(const Namespace& space, const std::string& map) {
@@ -219,7 +236,7 @@ void Segment::ring() const {
 }
 
 void Segment::unlink() const {
-    if (named(name_, fd_.get())) shm_unlink(name_.c_str());
+    if (!name_.empty() && named(name_, fd_.get())) shm_unlink(name_.c_str());
 }
 
 void Segment::disown() {

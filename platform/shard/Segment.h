@@ -46,6 +46,10 @@ class VEL_EXPORT Segment {
     static std::shared_ptr<Segment> own(const Namespace& space, const std::string& map,
                                         const Geometry& geometry);
 
+    // A segment without a name, for a map that only this process reads. Raises Vel::Error when there
+    // is no memory for it.
+    static std::shared_ptr<Segment> ownPrivate(const std::string& map, const Geometry& geometry);
+
     // The reader's way in, in two steps, so that a reader can watch the file before it looks at
     // it. No descriptor when there is no segment of that name.
     static Descriptor find(const Namespace& space, const std::string& map);
@@ -73,6 +77,8 @@ class VEL_EXPORT Segment {
     void disown();        // lets the lock go
 
   private:
+    static std::shared_ptr<Segment> adopt(const std::string& map, std::string name, Descriptor fd,
+                                          const Geometry& geometry, bool fresh);
     Segment(std::string name, Descriptor fd, void* base, const Geometry& geometry, bool owned,
             bool fresh);
 

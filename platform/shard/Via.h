@@ -51,6 +51,8 @@ class VEL_EXPORT Fec {
     Vel::U32 size() const { return static_cast<Vel::U32>(vias_.size()); }
     const Via& via(ViaIndex index) const { return vias_.at(index.value); }
     const std::vector<Via>& vias() const { return vias_; }
+    // REQUIRES: at most maxVias. Reuses the room that is there.
+    void viasIs(const std::vector<Via>& vias) { vias_.assign(vias.begin(), vias.end()); }
     bool operator==(const Fec&) const = default;
 
   private:

@@ -31,21 +31,6 @@ class Kernel : public InNamespace {
                "addr add 2001:db8:a::1/64 dev wa nodad\n"));
     }
 
-    // Sets a link's IFF_UP to each value in turn, in one send: microseconds apart.
-    static void flap(const char* name, std::initializer_list<bool> states) {
-        RequestSocket requests;
-        requests.exchange(
-            states.size(),
-            [&](MessageWriter& writer, uint32_t sequence, size_t i) {
-                ifinfomsg header{};
-                header.ifi_index = static_cast<int>(if_nametoindex(name));
-                header.ifi_flags = states.begin()[i] ? IFF_UP : 0;
-                header.ifi_change = IFF_UP;
-                writer.begin(RTM_NEWLINK, NLM_F_ACK, sequence, header);
-            },
-            [](size_t, const Message& answer) { EXPECT_EQ(errorOf(answer), 0); });
-    }
-
     static RouteResult route(Monitored& kernel, std::string_view to, uint32_t vrfIndex = 0,
                              uint32_t mark = 0) {
         const RouteQuery query{addr(to), vrfIndex, mark};

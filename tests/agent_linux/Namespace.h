@@ -3,6 +3,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <poll.h>
 #include <sched.h>
 #include <unistd.h>
@@ -45,6 +47,20 @@ class InNamespace : public testing::Test {
     }
     static void sysctl(const std::string& path, const char* value) {
         std::ofstream("/proc/sys/net/" + path) << value << std::flush;
+    }
+    // Sets a link's IFF_UP to each value in turn, in one send: microseconds apart.
+    static void flap(const char* name, std::initializer_list<bool> states) {
+        RequestSocket requests;
+        requests.exchange(
+            states.size(),
+            [&](MessageWriter& writer, uint32_t sequence, size_t i) {
+                ifinfomsg header{};
+                header.ifi_index = static_cast<int>(if_nametoindex(name));
+                header.ifi_flags = states.begin()[i] ? IFF_UP : 0;
+                header.ifi_change = IFF_UP;
+                writer.begin(RTM_NEWLINK, NLM_F_ACK, sequence, header);
+            },
+            [](size_t, const Message& answer) { EXPECT_EQ(errorOf(answer), 0); });
     }
     static Netz::IpGenAddr addr(std::string_view text) { return *Netz::IpGenAddr::parse(text); }
 };

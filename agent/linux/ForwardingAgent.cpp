@@ -1,0 +1,115 @@
+#include "agent/linux/ForwardingAgent.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "agent/linux/LinuxTrace.h"
+
+namespace Agent::Linux {
+
+using Shard::Fib::Fec;
+using Shard::Fib::Via;
+using Vel::U32;
+
+ForwardingAgent::ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor)
+    : in_(inputs),
+      monitor_(monitor),
+      solicitation_(Loom::call<&ForwardingAgent::solicit>(*this)),
+      confirmation_(*in_.scheduler, Loom::call<&ForwardingAgent::confirm>(*this)),
+      paths_(*this, *in_.navStatusDir) {}
+
+void ForwardingAgent::review() {
+    paths_.forEach([](VelPathStatusEntry& path) { path.reviewLater(); });
+}
+
+// Null while there is no route.
+const Fec* ForwardingAgent::fecOf(const L3::VrfName& vrfName, const Netz::IpGenAddr& addr) const {
+    const Routing::NexthopVrfStatus* vrf = in_.nexthopStatus->vrf(vrfName);
+    const Routing::NexthopResult* result = vrf ? vrf->nexthop(addr) : nullptr;
+    if (!result) return nullptr;
+    return addr.isV6() ? in_.forwarding6Status->fec(result->fecId)
+                       : in_.forwardingStatus->fec(result->fecId);
+}
+
+// Returns whether packets can leave to the next hop at once; if not, it is asked for.
+bool ForwardingAgent::followNexthop(const Neighbour& nexthop) {
+    if (!confirmation_.armed()) confirmation_.armIn(confirmInterval);
+    if (monitor_.neighbourResolved(nexthop)) return true;
+    toSolicit_.insert(nexthop);
+    in_.scheduler->post(solicitation_);
+    return false;
+}
+
+void ForwardingAgent::solicit() {
+    const std::vector<Neighbour> neighbours(toSolicit_.begin(), toSolicit_.end());
+    toSolicit_.clear();
+    monitor_.solicit(neighbours);
+}
+
+void ForwardingAgent::confirm() {
+    paths_.forEach([this](const VelPathStatusEntry& path) {
+        if (path.nexthop()) toSolicit_.insert(*path.nexthop());
+    });
+    if (toSolicit_.empty()) return;
+    solicit();
+    confirmation_.armIn(confirmInterval);
+}
+
+ForwardingAgent::VelPathStatusEntry::VelPathStatusEntry(PathVrf<ForwardingAgent>& vrf,
+                                                        Nav::PathStatusEntry& path)
+    : agent_(vrf.agent),
+      vrf_(vrf.status),
+      path_(path),
+      review_(Loom::call<&VelPathStatusEntry::review>(*this)),
+      pathInfo_(Vel::Subscription::to<&VelPathStatusEntry::reviewLater>(
+          path, Nav::PathStatusEntry::pathInfoAttr, this)),
+      encapId_(Vel::Subscription::to<&VelPathStatusEntry::reviewLater>(
+          path, Nav::PathStatusEntry::encapIdAttr, this)) {}
+
+// Nothing unless the path is resolved and its route stands.
+std::optional<Neighbour> ForwardingAgent::VelPathStatusEntry::findNexthop() const {
+    const Nav::HwPathInfo& info = path_->pathInfo();
+    if (info.pathState != Nav::PathState::resolved) return {};
+    const Fec* fec = agent_.fecOf(vrf_->vrfName(), path_->key().dstAddr);
+    const Interface* interface = agent_.monitor_.interfaces().named(info.via.intfId);
+    const auto isTaken = [&](const Via& via) {
+        return via.hop == info.via.hop && via.intfId == info.via.intfId;
+    };
+    if (!fec || !interface || std::ranges::none_of(fec->vias(), isTaken)) return {};
+    return Neighbour{interface->index, info.via.hop};
+}
+
+void ForwardingAgent::VelPathStatusEntry::review() {
+    nexthop_ = findNexthop();
+    if (!nexthop_) return withdraw();
+    const Nav::PathKey& path = path_->key();
+    write({path.srcAddr, path.dstAddr, path.vrfId, path_->pathInfo().pathIndex},
+          agent_.followNexthop(*nexthop_) ? nexthop_->ifIndex : 0);
+}
+
+void ForwardingAgent::VelPathStatusEntry::write(const Nav::HwPathKey& key, U32 arpIndex) {
+    if (written_ != key) withdraw();
+    written_ = key;
+    Nav::HwPathStatus& hardware = *agent_.in_.hwPathStatus;
+    const Nav::HwPathStatusEntry* present = hardware.hwPathStatusList(key);
+    if (present && present->hwArpIndex() == arpIndex && present->ipsecEncapId() == path_->encapId())
+        return;
+    DUOLOG(linuxTrace, 6, "Path", key.pathIndex, " to ", key.dstAddr, " by ", path_->pathInfo().via,
+           arpIndex != 0 ? ": neighbour resolved" : ": neighbour unresolved");
+    const auto fill = [&, version = ++agent_.version_](Nav::HwPathStatusEntry& entry) {
+        entry.ipsecEncapIdIs(path_->encapId());
+        entry.updateVersionIs(version);
+        entry.hwPathIndexIs(key.pathIndex);
+        entry.hwArpIndexIs(arpIndex);
+    };
+    const Vel::Hold hold;
+    fill(hardware.hwPathStatusListIs(key, fill));
+}
+
+void ForwardingAgent::VelPathStatusEntry::withdraw() {
+    nexthop_.reset();
+    if (const auto gone = std::exchange(written_, std::nullopt))
+        agent_.in_.hwPathStatus->hwPathStatusListDel(*gone);
+}
+
+}  // namespace Agent::Linux

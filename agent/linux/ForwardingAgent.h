@@ -1,0 +1,73 @@
+// The forwarding agent of a host whose kernel forwards: tells of each path whether packets could
+// leave by it now. Owned by the platform; on the event thread.
+//
+// What always holds once its tasks have run: a path has a hardware entry exactly while it is
+// resolved and its via is one that the route to its destination has; a path whose route has moved
+// to another interface keeps its via, but not its entry. The entry bears the path's index; its ARP
+// index is the index of the next hop's link while the kernel can send to the next hop at once, else
+// 0: neighbours have no numbers in the kernel.
+//
+// The kernel resolves a neighbour when it has a packet for it, and gives up after some seconds. So
+// it is told to resolve each next hop in use when that is unresolved, and again every
+// `confirmInterval`, which makes it try anew and find out about a next hop that has fallen silent.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <set>
+
+#include "agent/PathReactors.h"
+#include "agent/linux/KernelMonitor.h"
+
+namespace Agent::Linux {
+
+class ForwardingAgent {
+  public:
+    static constexpr Loom::Duration confirmInterval = std::chrono::seconds(1);
+
+    // The monitor outlives this.
+    ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor);
+
+    // Routes, neighbours or interfaces may be others than before. What tasks that are queued now
+    // make of the paths' status is taken into account.
+    void review();
+
+  private:
+    class VelPathStatusEntry final : public Vel::Object {
+      public:
+        VelPathStatusEntry(PathVrf<ForwardingAgent>& vrf, Nav::PathStatusEntry& path);
+        void handleInitialized() { reviewLater(); }
+        void doCleanup() { withdraw(); }
+        void reviewLater() { agent_.in_.scheduler->post(review_); }
+        const std::optional<Neighbour>& nexthop() const { return nexthop_; }
+
+      private:
+        std::optional<Neighbour> findNexthop() const;
+        void review();
+        void write(const Nav::HwPathKey& key, Vel::U32 arpIndex);
+        void withdraw();
+
+        ForwardingAgent& agent_;
+        const Vel::Ptr<Nav::PathStatus> vrf_;
+        const Vel::Ptr<Nav::PathStatusEntry> path_;
+        std::optional<Neighbour> nexthop_;
+        std::optional<Nav::HwPathKey> written_;
+        Loom::Task review_;
+        Vel::Subscription pathInfo_, encapId_;
+    };
+
+    const Shard::Fib::Fec* fecOf(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
+    bool followNexthop(const Neighbour& nexthop);
+    void solicit();
+    void confirm();
+
+    const Nav::NavInputs in_;
+    KernelMonitor& monitor_;
+    Vel::U32 version_ = 0;
+    std::set<Neighbour> toSolicit_;
+    Loom::Task solicitation_;
+    Loom::Timer confirmation_;
+    PathReactors<VelPathStatusEntry, ForwardingAgent> paths_;
+};
+
+}  // namespace Agent::Linux

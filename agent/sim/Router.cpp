@@ -1,0 +1,79 @@
+#include "agent/sim/Router.h"
+
+#include "agent/RouterStatus.h"
+#include "agent/sim/SimTrace.h"
+
+namespace Agent::Sim {
+
+namespace {
+
+// Traces the links that went down or came up.
+void traceLinks(const World& before, const World& now) {
+    for (const auto& [name, interface] : now.interfaces) {
+        if (before.up(name) == interface.up) continue;
+        DUOLOG(simTrace, 5, "link ", name, interface.up ? " is up" : " is down");
+    }
+    for (const auto& [name, interface] : before.interfaces)
+        if (!now.interfaces.contains(name)) DUOLOG(simTrace, 5, "interface ", name, " is gone");
+}
+
+}  // namespace
+
+Router::Router(const Nav::NavInputs& inputs, History history)
+    : inputs_(inputs),
+      history_(std::move(history)),
+      start_(inputs.scheduler->now()),
+      world_(history_.first),
+      resolver_(inputs, [this](const Routing::NexthopConfig& asked) { return lookup(asked); }),
+      peers_(inputs, world_),
+      forwarding_(inputs, world_),
+      choice_(inputs),
+      step_(*inputs.scheduler, Loom::call<&Router::handleStep>(*this)) {
+    publish();
+    awaitStep();
+}
+
+void Router::worldIs(const World& world) {
+    traceLinks(world_, world);
+    world_ = world;
+    publish();
+    // What comes of the new results is queued before the paths are reviewed.
+    resolver_.resolve();
+    peers_.review();
+    forwarding_.review();
+}
+
+void Router::publish() {
+    RouterStatus status;
+    for (const auto& [name, vrf] : world_.vrfs) status.vrfIds.emplace(name, vrf.id);
+    for (const auto& [name, interface] : world_.interfaces)
+        status.interfaces[name] = {interface.vrf, interface.v4, interface.v6};
+    status.publish(inputs_);
+}
+
+NexthopResolver::Answer Router::lookup(const Routing::NexthopConfig& asked) const {
+    NexthopResolver::Answer answer;
+    for (const auto& [name, vrf] : world_.vrfs) {
+        auto& resolved = answer[name];
+        const Routing::NexthopVrfConfig* config = asked.vrf(name);
+        if (!config) continue;
+        for (const Netz::IpGenAddr& addr : config->nexthop()) {
+            NexthopResolver::Vias vias;
+            for (const World::Via& via : world_.lookup(name, addr))
+                vias.push_back({.hop = via.gateway, .intfId = via.interface, .weight = via.weight});
+            if (!vias.empty()) resolved.emplace(addr, std::move(vias));
+        }
+    }
+    return answer;
+}
+
+void Router::handleStep() {
+    worldIs(history_.steps[next_++].world);
+    awaitStep();
+}
+
+void Router::awaitStep() {
+    if (next_ < history_.steps.size()) step_.armAt(start_ + history_.steps[next_].at);
+}
+
+}  // namespace Agent::Sim

@@ -1,0 +1,23 @@
+// The platform of `--platform sim`: the embedded router on the world of a file.
+#pragma once
+
+#include "agent/Host.h"
+#include "agent/sim/Router.h"
+
+namespace Agent::Sim {
+
+class SimPlatform final : public Platform {
+  public:
+    // Without a file, a world of the VRF "default" and nothing else. Throws JsonError.
+    explicit SimPlatform(const std::string& worldFile)
+        : Platform("sim"), history_(worldFile.empty() ? History{} : readHistoryFile(worldFile)) {}
+
+    void start(Host& host) override { router_.emplace(host.inputs(), history_); }
+    void stop() override { router_.reset(); }
+
+  private:
+    const History history_;
+    std::optional<Router> router_;
+};
+
+}  // namespace Agent::Sim

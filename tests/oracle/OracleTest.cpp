@@ -1,0 +1,204 @@
+// The reactors held against the oracle on a random walk.
+//
+// NAV_WALK_EVENTS, NAV_WALK_EPISODE and NAV_WALK_SEED say how many events, in worlds of how many
+// events each, from which seed.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iostream>
+
+#include "tests/oracle/Oracle.h"
+#include "tests/oracle/Walk.h"
+
+namespace Oracle {
+
+namespace {
+
+struct AssertionFailed : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+size_t setting(const char* name, size_t value) {
+    const char* text = std::getenv(name);
+    return text ? std::strtoull(text, nullptr, 10) : value;
+}
+
+// A world that is held against the oracle.
+class Episode {
+  public:
+    ~Episode() {
+        if (std::uncaught_exceptions() != 0) (void)world_.release();  // it may not survive its end
+    }
+    World& world() { return *world_; }
+    const Oracle& oracle() const { return oracle_; }
+
+    void happen(const Event& event) {
+        const bool wasConfigured = world_->in.cliConfig->navConfigured();
+        if (event.op == Event::Op::restart) {
+            world_ = std::make_unique<World>(*world_, true);
+            oracle_.restarted();
+        } else {
+            world_->apply(event);
+        }
+        if (event.run) world_->settle();
+        check(event.run);
+        if (!wasConfigured && world_->in.cliConfig->navConfigured()) equalsFreshProcess();
+    }
+
+    // Every index that no path has must still be there to be had; then everything goes.
+    void end() {
+        happen({Event::Op::set, "/cliConfig/navConfigured"});
+        happen({Event::Op::set,
+                "/ipStatusDir/ipIntfStatus[spare]/activeAddrWithMask",
+                {Vel::String("203.0.113.77/32")}});
+        happen({Event::Op::set, "/cliConfig/pathGroupConfig[spare]/localIntf[spare]"});
+        size_t used = 0;
+        for (const auto& vrf : world_->in.pathConfigDir->pathConfig())
+            used += vrf.pathConfigEntry().size();
+        auto& site = world_->in.cliConfig->pathGroupConfig("spare")->remoteViaConfigIs({});
+        for (; used < Nav::NavConstants::maxPathIndex; ++used)
+            site.remoteViaIs(IpGenAddr::fromV4(static_cast<uint32_t>(0xC6120000 + used)));
+        world_->settle();
+        check(true);
+        happen({Event::Op::del, "/cliConfig/pathGroupConfig[spare]"});
+        happen({Event::Op::set, "/cliConfig/navConfigured", {false}});
+    }
+
+    void check(bool settled) {
+        oracle_.check(inputsOf(world_->in), publishedIn(world_->in, world_->navDb()), settled);
+    }
+
+  private:
+    void equalsFreshProcess() {
+        const World fresh(*world_, false);
+        const std::string difference = world_->differenceTo(fresh);
+        if (!difference.empty()) throw Difference("switched on, against fresh: " + difference);
+    }
+
+    std::unique_ptr<World> world_ = std::make_unique<World>();
+    Oracle oracle_;
+};
+
+// What fails, without the keys.
+std::string kindOf(std::string failure) {
+    failure = failure.substr(0, failure.find(" expected"));
+    for (size_t open; (open = failure.find('[')) != failure.npos;)
+        failure.erase(open, failure.find(']') - open + 1);
+    return failure;
+}
+int codeOf(const std::string& failure) {
+    return 1 + static_cast<int>(std::hash<std::string>()(kindOf(failure)) % 200);
+}
+
+// Whether it ends the way that the code stands for. In a process of its own, for it may end badly.
+bool fails(const std::vector<Event>& events, int code) {
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(60);
+        try {
+            Episode episode;
+            for (const Event& event : events) episode.happen(event);
+            episode.end();
+        } catch (const std::exception& e) {
+            _exit(codeOf(e.what()));
+        }
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == code;
+}
+
+// Leaves out what is not needed to fail, in ever smaller pieces.
+std::vector<Event> shrunk(std::vector<Event> events, int code) {
+    for (size_t piece = events.size(); piece > 0; piece /= 2)
+        for (size_t at = 0; at < events.size();) {
+            std::vector<Event> fewer(events.begin(), events.begin() + static_cast<long>(at));
+            if (at + piece < events.size())
+                fewer.insert(fewer.end(), events.begin() + static_cast<long>(at + piece),
+                             events.end());
+            if (fails(fewer, code))
+                events = std::move(fewer);
+            else
+                at += piece;
+        }
+    return events;
+}
+
+void reportShortest(const std::vector<Event>& events, const std::string& failure) {
+    std::cout << "The shortest run that fails, for navctl batch:\n";
+    const std::vector<Event> shortest = shrunk(events, codeOf(failure));
+    for (const Event& event : shortest) std::cout << toLine(event) << '\n';
+    try {
+        Episode episode;
+        for (const Event& event : shortest) episode.happen(event);
+        episode.end();
+    } catch (const std::exception& e) {
+        std::cout << "fails with: " << e.what() << std::endl;
+    }
+}
+
+size_t residentKilobytes() {
+    std::ifstream statm("/proc/self/statm");
+    size_t pages = 0, resident = 0;
+    statm >> pages >> resident;
+    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+class OracleTest : public testing::Test {
+  protected:
+    OracleTest() {
+        Vel::assertHandlerIs([](const char* text, const char*, int) -> void {
+            throw AssertionFailed(std::string("assertion failed: ") + text);
+        });
+    }
+    ~OracleTest() override { Vel::assertHandlerIs(nullptr); }
+
+    // Whether all went well.
+    static bool walk(Vel::U64 seed, size_t length) {
+        std::vector<Event> events;
+        std::string failure;
+        try {
+            Walk walk(seed);
+            Episode episode;
+            for (size_t i = 0; i < length; ++i) {
+                events.push_back(walk.next(episode.world()));
+                episode.happen(events.back());
+            }
+            episode.end();
+            return true;
+        } catch (const std::exception& e) {
+            failure = e.what();
+            ADD_FAILURE() << "seed " << seed << ", event " << events.size() << " "
+                          << toLine(events.back()) << "\n"
+                          << failure;
+        }
+        reportShortest(events, failure);
+        return false;
+    }
+};
+
+TEST_F(OracleTest, HoldsOnARandomWalk) {
+    const size_t events = setting("NAV_WALK_EVENTS", 100000);
+    const size_t length = std::min(events, setting("NAV_WALK_EPISODE", 1000));
+    const Vel::U64 seed = setting("NAV_WALK_SEED", 20240611);
+    std::cout << events << " events from seed " << seed << std::endl;
+    const auto alive = Vel::liveObjects();
+    size_t residentEarly = 0;
+    for (size_t done = 0; done < events; done += length) {
+        if (!walk(seed + done / length, length)) return;
+        ASSERT_EQ(Vel::liveObjects(), alive) << "seed " << seed + done / length;
+        if (residentEarly == 0 && done >= events / 10) residentEarly = residentKilobytes();
+    }
+    std::cout << "resident " << residentEarly << " kB early, " << residentKilobytes()
+              << " kB at the end" << std::endl;
+    if (events >= 1000000) {
+        EXPECT_LT(residentKilobytes(), residentEarly + 4096);
+    }
+}
+
+}  // namespace
+
+}  // namespace Oracle

@@ -1,0 +1,55 @@
+// A seeded random walk over a small universe: a few of everything, in every order, so that things
+// are shared, moved, taken away and brought back all the time.
+#pragma once
+
+#include <deque>
+#include <random>
+
+#include "tests/oracle/World.h"
+
+namespace Oracle {
+
+class Walk {
+  public:
+    explicit Walk(Vel::U64 seed) : random_(seed) {}
+    // What happens next in this world.
+    Event next(const World& world);
+
+  private:
+    struct LivePath {
+        Nav::PathKey key;
+        Vel::U32 index;
+        L3::VrfName vrf;
+    };
+    using Choice = std::initializer_list<const char*>;
+
+    size_t below(size_t n) { return random_() % n; }
+    bool oneIn(size_t n) { return below(n) == 0; }
+    std::string of(Choice choice) { return choice.begin()[below(choice.size())]; }
+    Vel::Datum textOf(Choice choice) { return {Vel::String(of(choice))}; }
+    Vel::Datum numberOf(std::initializer_list<Vel::U64> choice) {
+        return {choice.begin()[below(choice.size())]};
+    }
+
+    Event set(std::string path, Vel::Datum value) {
+        return {Event::Op::set, std::move(path), std::move(value)};
+    }
+    // Mostly set, sometimes deleted.
+    Event keep(std::string path, Vel::Datum value = {true});
+    Event del(std::string path) { return {Event::Op::del, std::move(path)}; }
+
+    LivePath path(const World& world);
+    Vel::Datum fec();
+    Event group();
+    Event interface();
+    Event vrf();
+    Event policy(const World& world);
+    Event balance();
+    Event route(const World& world);
+    Event connection(const World& world);
+    Event hardware(const World& world);
+
+    std::mt19937_64 random_;
+};
+
+}  // namespace Oracle

@@ -1,0 +1,177 @@
+#include "tests/oracle/World.h"
+
+#include <set>
+
+namespace Oracle {
+
+using Vel::Attribute;
+using Vel::Datum;
+using Vel::Entity;
+
+namespace {
+
+const std::set<std::string_view> publishedRoots{"pathConfigDir",       "navStatusDir",
+                                                "siteGroupStatus",     "ipsecPathConfigDir",
+                                                "navFeaturePolicyDir", "nexthopConfig"};
+
+// Calls f(name, entity) for each input that is one.
+template <class F>
+void eachRoot(const Nav::NavInputs& in, F&& f) {
+    Vel::eachField<Nav::NavInputs>([&](const auto& field) {
+        auto& input = *(in.*field.member);
+        if constexpr (std::is_base_of_v<Entity, std::remove_reference_t<decltype(input)>>)
+            f(std::string_view(field.name), input);
+    });
+}
+
+Entity* rootOf(const Nav::NavInputs& in, std::string_view name) {
+    Entity* found = nullptr;
+    eachRoot(in, [&](std::string_view root, Entity& entity) {
+        if (root == name) found = &entity;
+    });
+    return found;
+}
+
+void copy(const Entity& from, Entity& to) {
+    const auto& type = from.type();
+    for (size_t i = 0; i < type.count; ++i) {
+        const Attribute& a = type.attributes[i];
+        if (a.kind == Attribute::Kind::plain) a.set(to, a.get(from));
+        if (a.kind == Attribute::Kind::child && a.find(from, ""))
+            copy(*a.find(from, ""), *a.find(to, ""));
+        if (!a.keyed()) continue;
+        for (const std::string& key : a.keys(from))
+            if (a.kind == Attribute::Kind::collection)
+                copy(*a.find(from, key), a.create(to, key, [](Entity&) {}));
+            else
+                a.setAt(to, key, *a.getAt(from, key));
+    }
+}
+
+// Takes "/name" or "/name[key]" from the front of a path.
+struct Step {
+    explicit Step(std::string_view& path) {
+        const size_t end = path.find_first_of("/[", 1);
+        name = path.substr(1, end - 1);
+        path.remove_prefix(std::min(end, path.size()));
+        if (!path.starts_with("[")) return;
+        const size_t close = path.find(']');
+        key = path.substr(1, close - 1);
+        path.remove_prefix(close + 1);
+    }
+    std::string_view name, key;
+};
+
+std::string json(const Datum& value) {
+    struct Visitor {
+        std::string operator()(std::monostate) const { return "null"; }
+        std::string operator()(bool v) const { return v ? "true" : "false"; }
+        std::string operator()(Vel::U64 v) const { return std::to_string(v); }
+        std::string operator()(double v) const { return std::to_string(v); }
+        std::string operator()(const Vel::String& v) const { return '"' + v + '"'; }
+        std::string operator()(const Datum::List& list) const {
+            std::string out;
+            for (const Datum& v : list) out += (out.empty() ? "" : ",") + json(v);
+            return "[" + out + "]";
+        }
+        std::string operator()(const Datum::Members& members) const {
+            std::string out;
+            for (const auto& [name, v] : members)
+                out += (out.empty() ? "\"" : ",\"") + name + "\":" + json(v);
+            return "{" + out + "}";
+        }
+    };
+    return std::visit(Visitor{}, value.value);
+}
+
+std::string difference(const Datum& a, const Datum& b, const std::string& place) {
+    if (a == b) return {};
+    const auto *left = a.as<Datum::Members>(), *right = b.as<Datum::Members>();
+    if (left && right && left->size() == right->size())
+        for (size_t i = 0; i < left->size(); ++i)
+            if ((*left)[i].name == (*right)[i].name && (*left)[i].value != (*right)[i].value)
+                return difference((*left)[i].value, (*right)[i].value,
+                                  place + "/" + (*left)[i].name);
+    return place + ": " + json(a) + " against " + json(b);
+}
+
+}  // namespace
+
+std::string toLine(const Event& event) {
+    if (event.op == Event::Op::restart) return R"({"op":"ping","id":"restart over what is left"})";
+    std::string line =
+        event.op == Event::Op::set ? R"({"op":"set","path":")" : R"({"op":"del","path":")";
+    line += event.path + '"';
+    if (event.op == Event::Op::set) line += ",\"value\":" + json(event.value);
+    return line + (event.run ? "}" : R"(,"id":"tasks held back"})");
+}
+
+World::World()
+    : in{Vel::make<Nav::NavCliConfig>("cliConfig"),
+         Vel::make<Nav::PathConfigDir>("pathConfigDir"),
+         Vel::make<Nav::NavStatusDir>("navStatusDir"),
+         Vel::make<Nav::SiteGroupStatus>("siteGroupStatus"),
+         Vel::make<Nav::HwPathStatus>("hwPathStatus"),
+         Vel::make<Ipsec::Path::PathConfigDir>("ipsecPathConfigDir"),
+         Vel::make<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir"),
+         Vel::make<Classification::FeaturePolicyDir>("navFeaturePolicyDir"),
+         Vel::make<Ip::Status>("ipStatusDir"),
+         Vel::make<Ip6::Status>("ip6StatusDir"),
+         Vel::make<Routing::NexthopConfig>("nexthopConfig"),
+         Vel::make<Routing::NexthopStatus>("nexthopStatus"),
+         Vel::make<Shard::Fib::ForwardingStatus>("forwardingStatus"),
+         Vel::make<Shard::Fib6::ForwardingStatus>("forwarding6Status"),
+         Vel::make<Routing::Hardware::RouteStatus>("routingHwRouteStatus"),
+         Vel::make<Vel::Dir>("navCliRequestDir"),
+         Vel::make<Vel::Scheduler>(clock_)},
+      root(Nav::NavRootSmIs(in)) {}
+
+World::World(const World& from, bool published) : World() {
+    root = nullptr;
+    if (published) {
+        in.navStatusDir->navPathStatusDirIs("navPathStatusDir");
+        in.navStatusDir->navLbProfileStatusIs("navLbProfileDir");
+    }
+    eachRoot(from.in, [&](std::string_view name, const Entity& entity) {
+        if (published || !publishedRoots.contains(name)) copy(entity, *rootOf(in, name));
+    });
+    root = Nav::NavRootSmIs(in);
+}
+
+World::~World() {
+    root = nullptr;
+}
+
+void World::apply(const Event& event) {
+    std::string_view rest = event.path;
+    Entity* at = rootOf(in, Step(rest).name);
+    while (at && !rest.empty()) {
+        const Step step(rest);
+        const Attribute& attribute = *at->type().find(step.name);
+        const bool del = rest.empty() && event.op == Event::Op::del;
+        if (del) {
+            attribute.eraseAt(*at, step.key);
+        } else if (attribute.kind == Attribute::Kind::collection) {
+            at = event.op == Event::Op::del ? attribute.find(*at, step.key)
+                                            : &attribute.create(*at, step.key, [](Entity&) {});
+        } else if (attribute.keyed()) {
+            attribute.setAt(*at, step.key, event.value);
+        } else {
+            attribute.set(*at, event.value);
+        }
+    }
+}
+
+std::string World::differenceTo(const World& other) const {
+    std::string found;
+    eachRoot(in, [&](std::string_view name, const Entity& entity) {
+        if (found.empty() && publishedRoots.contains(name))
+            found = difference(toDatum(entity), toDatum(*rootOf(other.in, name)),
+                               "/" + std::string(name));
+    });
+    if (found.empty() && navDb() && other.navDb())
+        found = difference(toDatum(*navDb()), toDatum(*other.navDb()), "/navDb");
+    return found;
+}
+
+}  // namespace Oracle

@@ -1,0 +1,47 @@
+// A root with its inputs, driven by events by name, as somebody on the control socket would.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "nav/root/NavRootSm.h"
+
+namespace Oracle {
+
+struct Event {
+    enum class Op { set, del, restart };  // restart: a new root over everything the old one left
+    Op op;
+    std::string path;
+    Vel::Datum value{true};  // of an attribute or a map; a member of a set is true
+    bool run = true;         // the scheduler's tasks, before anything else happens
+};
+
+// The event as a request of the control socket. Restarts and held back tasks, which the socket does
+// not know, stand in the request's id.
+std::string toLine(const Event& event);
+
+class World {
+  public:
+    World();
+    // The same inputs, and what was published if so wanted, with a root of its own.
+    World(const World& from, bool published);
+    ~World();
+
+    // Deleting what is not there does nothing.
+    void apply(const Event& event);
+    void settle() { in.scheduler->runDue(); }
+    const Nav::NavDb* navDb() const {
+        return root->navContainer() ? root->navContainer()->navDb() : nullptr;
+    }
+    // Where the published states of two worlds differ; empty if they do not.
+    std::string differenceTo(const World& other) const;
+
+  private:
+    Loom::ManualClock clock_;
+
+  public:
+    Nav::NavInputs in;
+    Vel::Ptr<Nav::NavRootSm> root;
+};
+
+}  // namespace Oracle

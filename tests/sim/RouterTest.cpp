@@ -1,0 +1,253 @@
+#include "tests/sim/SimFixture.h"
+
+namespace Agent::Sim::Test {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+class RouterTest : public SimFixture {};
+
+TEST_F(RouterTest, PathsComeUpAndFollowTheirLink) {
+    History history{world(), {}};
+    history.steps.push_back({1000ms, world(R"({"interfaces": {"wan1": {"up": false}}})")});
+    history.steps.push_back({1500ms, world()});
+    start();
+    configure();
+    EXPECT_EQ(internet() + mpls(), "") << "there is neither address nor VRF";
+    const auto& traces = capture("sim");
+    Duolog::levelIs("sim", 5);
+    startRouter(history);
+
+    EXPECT_EQ(internet(), "Ipsec Pending");
+    EXPECT_EQ(mpls(), "Arp Pending");
+    run(49ms);
+    EXPECT_EQ(mpls(), "Arp Pending") << "neighbour and hardware take 50 ms";
+    run(1ms);
+    EXPECT_EQ(mpls(), "Estab");
+    EXPECT_EQ(internet(), "Ipsec Pending");
+    EXPECT_EQ(usable(), std::set{indexOf(mplsKey)});
+    run(50ms);
+    EXPECT_EQ(internet(), "Arp Pending") << "the handshake takes 100 ms";
+    run(30ms);
+    EXPECT_EQ(internet(), "Ipsec Estab");
+    EXPECT_EQ(usable(), (std::set{indexOf(internetKey), indexOf(mplsKey)}));
+    const auto* hardware = in.hwPathStatus->hwPathStatusList(
+        {ip("203.0.113.1"), ip("198.51.100.2"), 0, indexOf(internetKey)});
+    ASSERT_NE(hardware, nullptr);
+    EXPECT_EQ(hardware->ipsecEncapId(), encapId());
+    const U32 encapIdBefore = encapId();
+
+    run(870ms);
+    EXPECT_EQ(internet(), "Route Pending") << "the link went down at 1000 ms";
+    EXPECT_EQ(mpls(), "Estab");
+    EXPECT_EQ(usable(), std::set{indexOf(mplsKey)});
+    EXPECT_EQ(inHardware().size(), 1u);
+    run(500ms);
+    EXPECT_EQ(internet(), "Arp Pending") << "the IPsec connection outlives the failure";
+    run(30ms);
+    EXPECT_EQ(internet(), "Ipsec Estab");
+    EXPECT_EQ(encapId(), encapIdBefore);
+
+    const std::string traffic = "site 10.255.0.2 app voice vrf blue now over ";
+    const std::string overInternet =
+        traffic + "Path" + std::to_string(indexOf(internetKey)) + " (internet, priority 1)";
+    const std::string overMpls =
+        traffic + "Path" + std::to_string(indexOf(mplsKey)) + " (mpls, priority 2)";
+    EXPECT_EQ(traces, (Texts{overMpls, overInternet, "link wan1 is down", overMpls,
+                             "link wan1 is up", overInternet}));
+}
+
+TEST_F(RouterTest, OrderOfArrivalMakesNoDifference) {
+    for (const bool routerFirst : {true, false}) {
+        for (const bool lateVrf : {true, false}) {
+            start(false);
+            const World now = world(lateVrf ? R"({"vrfs": {"blue": {"id": 0}}})" : "{}");
+            if (routerFirst) startRouter({now, {}});
+            configure();
+            cli.navConfiguredIs(true);
+            if (!routerFirst) startRouter({now, {}});
+            run(200ms);
+            change("{}");
+            run(200ms);
+            EXPECT_EQ(internet() + ", " + mpls(), "Ipsec Estab, Estab");
+            EXPECT_EQ(usable(), (std::set{indexOf(internetKey), indexOf(mplsKey)}));
+            EXPECT_EQ(inHardware().size(), 2u);
+            root = nullptr;
+            EXPECT_TRUE(inHardware().empty()) << "left behind by the paths that are gone";
+            EXPECT_TRUE(in.ipsecPathStatusDir->ipsecPathStatus().empty());
+            run(0ms);
+            EXPECT_TRUE(in.forwardingStatus->fec().empty());
+            router.reset();
+            in.nexthopStatus->vrfDelAll();
+            in.ipStatusDir->ipIntfStatusDelAll();
+            in.routingHwRouteStatus->vrfStatusDelAll();
+        }
+    }
+}
+
+// Taken together the changes are none, and nobody may be left behind by one of them.
+TEST_F(RouterTest, ChangesThatCancelOutLeaveEverythingAsItWas) {
+    start();
+    configure();
+    startRouter();
+    run(200ms);
+    for (const char* patch :
+         {R"({"interfaces": {"wan1": {"up": false}, "wan2": {"up": false}}})",
+          R"({"interfaces": {"wan1": {"neighbours": {"203.0.113.254": null}}}})",
+          R"({"interfaces": {"wan1": {"v4": "203.0.113.9/24"}}})",
+          R"({"vrfs": {"blue": {"id": 8}}})", R"({"vrfs": {"default": {"peers": null}}})",
+          R"({"vrfs": {"default": {"routes": null}, "blue": {"routes": null}}})"}) {
+        SCOPED_TRACE(patch);
+        router->worldIs(world(patch));
+        router->worldIs(world());
+        run(200ms);
+        EXPECT_EQ(internet() + ", " + mpls(), "Ipsec Estab, Estab");
+        EXPECT_EQ(usable(), (std::set{indexOf(internetKey), indexOf(mplsKey)}));
+        EXPECT_EQ(inHardware().size(), 2u);
+        EXPECT_EQ(in.forwardingStatus->fec().size(), 2u);
+    }
+}
+
+TEST_F(RouterTest, HardwareFollowsIndexNeighbourAndEncapsulation) {
+    start();
+    configure();
+    startRouter();
+    run(200ms);
+    const U32 index = indexOf(mplsKey);
+    const auto hardware = [&](U32 pathIndex) {
+        return in.hwPathStatus->hwPathStatusList(
+            {mplsKey.srcAddr, mplsKey.dstAddr, mplsKey.vrfId, pathIndex});
+    };
+    // Gone and back with another index before a task has run.
+    noVia("mpls", "10.255.0.2", "198.51.100.2");
+    via("mpls", "10.255.0.3", "198.51.100.3");
+    via("mpls", "10.255.0.2", "198.51.100.2");
+    ASSERT_NE(indexOf(mplsKey), index);
+    run(200ms);
+    EXPECT_EQ(hardware(index), nullptr);
+    ASSERT_NE(hardware(indexOf(mplsKey)), nullptr);
+    EXPECT_EQ(inHardware().size(), 3u);
+
+    // Another gateway: the path stays in hardware until the new one has answered.
+    const U32 arpIndex = hardware(indexOf(mplsKey))->hwArpIndex();
+    const char* moved = R"({"interfaces": {"wan2": {"neighbours": {"192.0.2.253": 5}}},
+        "vrfs": {"blue": {"routes": {"0.0.0.0/0": [{"gateway": "192.0.2.253",
+                                                    "interface": "wan2"}]}}}})";
+    change(moved);
+    EXPECT_EQ(mpls(), "Estab");
+    EXPECT_EQ(hardware(indexOf(mplsKey))->hwArpIndex(), arpIndex);
+    run(15ms);
+    EXPECT_NE(hardware(indexOf(mplsKey))->hwArpIndex(), arpIndex);
+    change(R"({"interfaces": {"wan2": {"neighbours": null}}})");
+    EXPECT_EQ(mpls(), "Arp Pending");
+}
+
+TEST_F(RouterTest, PeersFailAndRekey) {
+    start();
+    configure();
+    startRouter();
+    run(200ms);
+    const auto peer = [&](const std::string& members) {
+        change(
+            (R"({"vrfs": {"default": {"peers": {"198.51.100.2": {)" + members + "}}}}}").c_str());
+    };
+    const U32 first = encapId();
+    peer(R"("fault": "refuses")");
+    EXPECT_EQ(internet(), "Ipsec Pending");
+    EXPECT_EQ(usable(), std::set{indexOf(mplsKey)});
+    EXPECT_EQ(encapId(), Nav::noEncapId);
+    run(2s);
+    EXPECT_EQ(internet(), "Ipsec Pending");
+    peer("");
+    run(640ms);
+    EXPECT_EQ(internet(), "Ipsec Estab") << "500 ms until it is tried again, 100 ms handshake";
+    const U32 second = encapId();
+    EXPECT_NE(second, first);
+
+    // A silent peer is believed until the keys are too old; rekeying makes them new.
+    peer(R"("lifetime": 300, "rekeyInterval": 200)");
+    run(10s);
+    EXPECT_EQ(internet(), "Ipsec Estab");
+    EXPECT_EQ(encapId(), second);
+    peer(R"("lifetime": 300, "rekeyInterval": 200, "fault": "silent")");
+    run(99ms);
+    EXPECT_EQ(internet(), "Ipsec Estab");
+    run(201ms);
+    EXPECT_EQ(internet(), "Ipsec Pending");
+    peer(R"("rekeyInterval": 1000, "rekeyGap": 50, "rekeyChangesEncapId": true)");
+    run(900ms);
+    EXPECT_EQ(internet(), "Ipsec Estab");
+    const U32 third = encapId();
+    std::set<std::string> seen;
+    for (int i = 0; i < 100; ++i, run(10ms)) seen.insert(internet());
+    EXPECT_TRUE(seen.contains("Ipsec Pending")) << "the gap of the rekeying";
+    EXPECT_NE(encapId(), third);
+    run(100ms);
+
+    // A new profile is a new connection.
+    const U32 fourth = encapId();
+    group("internet").ipsecProfileIs("stronger");
+    run(0ms);
+    EXPECT_EQ(internet(), "Ipsec Pending");
+    run(200ms);
+    EXPECT_EQ(internet(), "Ipsec Estab");
+    EXPECT_NE(encapId(), fourth);
+}
+
+// Without a root: the test asks for the addresses itself.
+TEST_F(RouterTest, ResolverSharesFecsByVias) {
+    auto& blue = in.nexthopConfig->vrfIs("blue");
+    for (const char* addr : {"198.51.100.2", "198.51.100.3", "192.0.2.77", "2001:db8::2"})
+        blue.nexthopIs(ip(addr));
+    in.nexthopConfig->vrfIs("default").nexthopIs(ip("198.51.100.2"));
+    in.nexthopConfig->vrfIs("unheard-of").nexthopIs(ip("198.51.100.2"));
+    startRouter();
+    EXPECT_EQ(in.nexthopStatus->vrf("unheard-of"), nullptr);
+    const auto fecId = [&](const char* addr, const char* vrf = "blue") {
+        const auto* result = in.nexthopStatus->vrf(vrf)->nexthop(ip(addr));
+        return result ? result->fecId : 0;
+    };
+    const auto hop = [&](const char* addr) {
+        const auto* fec = in.forwardingStatus->fec(fecId(addr));
+        return fec ? fec->via(Shard::Fib::ViaIndex(0)).hop.stringValue() : "";
+    };
+    const auto shared = fecId("198.51.100.2");
+    EXPECT_NE(shared, 0u);
+    EXPECT_EQ(fecId("198.51.100.3"), shared);
+    EXPECT_NE(fecId("198.51.100.2", "default"), shared);
+    EXPECT_EQ(hop("192.0.2.77"), "192.0.2.77")
+        << "a connected network goes before a shorter prefix";
+    EXPECT_TRUE(in.forwarding6Status->fec(fecId("2001:db8::2")));
+    EXPECT_EQ(in.forwardingStatus->fec().size(), 3u);
+
+    // One address moves to a longer prefix whose first via is down, then back when both are.
+    const char* longer = R"({"interfaces": {"wan3": {"vrf": "blue", "up": false},
+                                            "wan4": {"vrf": "blue", "up": %s}},
+        "vrfs": {"blue": {"routes": {"198.51.100.3/32": [
+            {"gateway": "192.0.2.9", "interface": "wan3"},
+            {"gateway": "192.0.2.8", "interface": "wan4", "weight": 3}]}}}})";
+    char patch[512];
+    std::snprintf(patch, sizeof patch, longer, "true");
+    change(patch);
+    EXPECT_EQ(hop("198.51.100.3"), "192.0.2.8");
+    EXPECT_EQ(fecId("198.51.100.2"), shared) << "the id stays while it is used";
+    std::snprintf(patch, sizeof patch, longer, "false");
+    change(patch);
+    EXPECT_EQ(fecId("198.51.100.3"), shared);
+    EXPECT_EQ(in.forwardingStatus->fec().size(), 3u);
+
+    blue.nexthopDel(ip("198.51.100.2"));
+    change(R"({"vrfs": {"default": null, "blue": {"routes": null}}})");
+    EXPECT_EQ(fecId("198.51.100.3"), 0u);
+    EXPECT_EQ(in.forwardingStatus->fec().size(), 1u) << "the connected one is left";
+    in.nexthopConfig->vrfDel("blue");
+    run(0ms);
+    EXPECT_TRUE(in.forwardingStatus->fec().empty() && in.forwarding6Status->fec().empty());
+    change(R"({"vrfs": null, "interfaces": null})");
+    EXPECT_EQ(in.nexthopStatus->vrf("blue"), nullptr);
+    EXPECT_EQ(in.routingHwRouteStatus->vrfStatus("blue"), nullptr);
+    EXPECT_TRUE(in.ipStatusDir->ipIntfStatus().empty());
+}
+
+}  // namespace
+}  // namespace Agent::Sim::Test
