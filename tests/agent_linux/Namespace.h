@@ -39,8 +39,8 @@ class InNamespace : public testing::Test {
     }
 
     // Runs commands of ip(8), one a line; returns whether all went well.
-    static bool ip(const std::string& commands) {
-        FILE* pipe = popen("ip -batch - 2>&1", "w");
+    static bool ip(const std::string& commands, const std::string& enter = "") {
+        FILE* pipe = popen((enter + "ip -batch - 2>&1").c_str(), "w");
         if (pipe == nullptr) return false;
         std::fputs(commands.c_str(), pipe);
         return pclose(pipe) == 0;

@@ -2,11 +2,10 @@
 // ends in another.
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include <csignal>
 #include <map>
 #include <regex>
 
@@ -32,49 +31,36 @@ class Network : public InNamespace {
         InNamespace::SetUp();
         if (IsSkipped()) return;
         sysctl("ipv6/conf/default/disable_ipv6", "1");
-        int ready[2];
-        ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
-        internet_ = fork();
-        if (internet_ == 0) {
-            const bool apart = unshare(CLONE_NEWNET) == 0;
-            if (write(ready[1], apart ? "y" : "n", 1) == 1) pause();
-            _exit(0);
-        }
-        char answer = 'n';
-        close(ready[1]);
-        if (read(ready[0], &answer, 1) != 1 || answer != 'y')
-            GTEST_SKIP() << "no second network namespace";
-        close(ready[0]);
-        const std::string there = std::to_string(internet_);
         ASSERT_TRUE(
             ip("link set lo up\n"
-               "link add name wan1 type veth peer name isp1 netns " +
-               there +
-               "\n"
-               "link add name wan2 type veth peer name isp2 netns " +
-               there +
-               "\n"
+               "link add wan1 type veth peer name isp1\nlink add wan2 type veth peer name isp2\n"
                "addr add 203.0.113.1/24 dev wan1\naddr add 192.0.2.1/24 dev wan2\n"
                "link set wan1 up\nlink set wan2 up\n"));
+        // What gives up on a neighbour does so in 0.3 s.
+        for (const char* link : {"wan1", "wan2"})
+            sysctl("ipv4/neigh/" + std::string(link) + "/retrans_time_ms", "100");
+        internet_ = fork();
+        if (internet_ == 0) {
+            if (unshare(CLONE_NEWNET) != 0) _exit(1);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            raise(SIGSTOP);
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(internet_, &status, WUNTRACED);
+        if (!WIFSTOPPED(status)) GTEST_SKIP() << "no second network namespace";
+        const std::string there = " netns " + std::to_string(internet_) + "\n";
+        ASSERT_TRUE(ip("link set isp1" + there + "link set isp2" + there));
         ASSERT_TRUE(
             inInternet("link set isp1 up\nlink set isp2 up\n"
-                       "addr add 203.0.113.254/24 dev isp1\naddr add 203.0.113.253/24 dev isp1\n"
-                       "addr add 192.0.2.254/24 dev isp2\n"));
-        // What gives up on a neighbour does so in 0.3 s.
-        sysctl("ipv4/neigh/wan1/retrans_time_ms", "100");
-        sysctl("ipv4/neigh/wan2/retrans_time_ms", "100");
+                       "addr add 203.0.113.254/24 dev isp1\naddr add 192.0.2.254/24 dev isp2\n"));
     }
     void TearDown() override {
         if (internet_ > 0) kill(internet_, SIGKILL), waitpid(internet_, nullptr, 0);
     }
 
     bool inInternet(const std::string& commands) const {
-        const std::string enter =
-            "nsenter --net=/proc/" + std::to_string(internet_) + "/ns/net ip -batch - 2>&1";
-        FILE* pipe = popen(enter.c_str(), "w");
-        if (pipe == nullptr) return false;
-        std::fputs(commands.c_str(), pipe);
-        return pclose(pipe) == 0;
+        return ip(commands, "nsenter --net=/proc/" + std::to_string(internet_) + "/ns/net ");
     }
 
   private:
