@@ -79,7 +79,6 @@ TEST(Counters, AcrossProcesses) {
     ASSERT_EQ(pipe(ready), 0);
     const pid_t writer = fork();
     if (writer == 0) {
-        int status = 1;
         try {
             auto counters = navCountersFactory("writer");
             counters->lbProfileCounterControlIs(LbProfileCounterControl::writer(run.space()));
@@ -90,10 +89,10 @@ TEST(Counters, AcrossProcesses) {
             if (read(ready[0], &byte, 1) != 1) _exit(2);
             counters->lbProfileCounterCommit(entry(5, 5000));
             if (read(ready[0], &byte, 1) != 1) _exit(2);
-            status = 0;
+            _exit(0);  // without an orderly stop: a crash
         } catch (const std::exception&) {
+            _exit(1);
         }
-        _exit(status);  // without an orderly stop: a crash
     }
 
     auto counters = navCountersFactory("reader");
@@ -186,11 +185,11 @@ TEST(ForwardingTables, NamedAndPrivate) {
     EXPECT_NE(reader.find(500, found), Shard::Lookup::found);
     EXPECT_EQ(fib->fec().size(), 499U);
 
-    // 32 FECs of 512 vias are what the table holds; the one too many leaves all as it was.
+    // At least 32 FECs of 512 vias fit; the one too many leaves all as it was.
     fib->fecDelAll();
     U64 id = 0;
-    EXPECT_THROW(for (; id < 64; ++id) fib->fecIs(id, vias(512)), Vel::Error);
-    EXPECT_GE(id, 30U);
+    EXPECT_THROW(for (; id < 1000; ++id) fib->fecIs(id, vias(512)), Vel::Error);
+    EXPECT_GE(id, 32U);
     EXPECT_EQ(fib->fec().size(), id);
     EXPECT_EQ(fib->fec(id), nullptr);
 }
