@@ -2,7 +2,8 @@
 #pragma once
 
 #include <charconv>
-#include <string>
+#include <cstring>
+#include <memory>
 #include <string_view>
 
 #include "platform/netz/IpGenAddr.h"
@@ -17,26 +18,41 @@ void sendAnswer(Vel::U32 fd, std::string_view text);
 
 class Answer {
   public:
-    Answer() { text_.reserve(32 * 1024); }
-
-    Answer& operator<<(std::string_view text) {
-        text_ += text;
-        return *this;
+    // Texts, numbers and addresses, one after the other.
+    template <class... Pieces>
+    void add(const Pieces&... pieces) {
+        const size_t room = (maxSize(pieces) + ...);
+        if (capacity_ - size_ < room) grow(room);
+        char* end = text_.get() + size_;
+        ((end = put(pieces, end)), ...);
+        size_ = static_cast<size_t>(end - text_.get());
     }
-    Answer& operator<<(Vel::U32 number) {
-        char digits[10];
-        text_.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
-        return *this;
-    }
-    Answer& operator<<(const Netz::IpGenAddr& addr) {
-        char text[Netz::IpGenAddr::maxText];
-        text_.append(text, addr.write(text));
-        return *this;
-    }
-    void send(Vel::U32 fd) const { sendAnswer(fd, text_); }
+    void send(Vel::U32 fd) const { sendAnswer(fd, {text_.get(), size_}); }
 
   private:
-    std::string text_;
+    static size_t maxSize(std::string_view text) { return text.size(); }
+    static size_t maxSize(Vel::U32) { return 10; }
+    static size_t maxSize(const Netz::IpGenAddr&) { return Netz::IpGenAddr::maxText; }
+
+    static char* put(std::string_view text, char* out) {
+        std::memcpy(out, text.data(), text.size());
+        return out + text.size();
+    }
+    static char* put(Vel::U32 number, char* out) {
+        return std::to_chars(out, out + 10, number).ptr;
+    }
+    static char* put(const Netz::IpGenAddr& addr, char* out) { return addr.write(out); }
+
+    void grow(size_t room) {
+        capacity_ = (size_ + room) * 2;
+        auto larger = std::make_unique_for_overwrite<char[]>(capacity_);
+        std::memcpy(larger.get(), text_.get(), size_);
+        text_ = std::move(larger);
+    }
+
+    size_t capacity_ = 32 * 1024;
+    size_t size_ = 0;
+    std::unique_ptr<char[]> text_ = std::make_unique_for_overwrite<char[]>(capacity_);
 };
 
 }  // namespace Nav

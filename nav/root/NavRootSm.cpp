@@ -11,9 +11,10 @@ constexpr std::string_view nothing = "{ }";
 
 // How far a path has come. A path without status counts as one with a default status.
 std::string_view stateWord(const PathStatusEntry* status) {
-    const HwPathInfo info = status ? status->pathInfo() : HwPathInfo{};
+    if (!status) return "Route Pending";
+    const HwPathInfo& info = status->pathInfo();
     const bool secured = info.pathType == PathType::securedPath;
-    if (status && status->programmed()) return secured ? "Ipsec Estab" : "Estab";
+    if (status->programmed()) return secured ? "Ipsec Estab" : "Estab";
     if (info.pathState == PathState::resolved) return "Arp Pending";
     if (info.via == Shard::Fib::Via{}) return "Route Pending";
     return secured ? "Ipsec Pending" : "Unknown";
@@ -88,19 +89,19 @@ void NavRootSm::showNavPaths(U32 fd) const {
     const PathStatusDir* statusDir = in_.navStatusDir->navPathStatusDir();
     const PathStatus* vrf = nullptr;  // of the path before; mostly of the next one too
     Answer answer;
-    answer << "{'navPathSelPaths': [";
+    answer.add("{'navPathSelPaths': [");
     for (const PathKeyInfo& path : navDb->pathKeyInfo()) {
         if (statusDir && (!vrf || vrf->vrfName() != path.vrfName()))
             vrf = statusDir->pathStatus(path.vrfName());
         const auto* status = vrf ? vrf->pathStatusEntry(path.pathKey()) : nullptr;
-        answer << "{ 'pathGroup' : '" << path.siteGroupKey().name   //
-               << "', 'source' : '" << path.pathKey().srcAddr       //
-               << "', 'destination' : '" << path.pathKey().dstAddr  //
-               << "', 'peer' : '" << path.siteGroupKey().routerIp   //
-               << "', 'state' : '" << stateWord(status)             //
-               << "',  'pathName': 'Path" << path.pathIndex() << "', }, ";
+        answer.add("{ 'pathGroup' : '", path.siteGroupKey().name,   //
+                   "', 'source' : '", path.pathKey().srcAddr,       //
+                   "', 'destination' : '", path.pathKey().dstAddr,  //
+                   "', 'peer' : '", path.siteGroupKey().routerIp,   //
+                   "', 'state' : '", stateWord(status),             //
+                   "',  'pathName': 'Path", path.pathIndex(), "', }, ");
     }
-    answer << "]}";
+    answer.add("]}");
     answer.send(fd);
 }
 
@@ -108,10 +109,10 @@ void NavRootSm::getNavPeers(U32 fd) const {
     const NavDb* navDb = shownNavDb();
     if (!navDb) return sendAnswer(fd, nothing);
     Answer answer;
-    answer << "{'navPeers': {";
+    answer.add("{'navPeers': {");
     for (const PathKeyInfo& path : navDb->pathKeyInfo())
-        answer << path.pathIndex() << " : '" << path.siteGroupKey().routerIp << "', ";
-    answer << "}}";
+        answer.add(path.pathIndex(), " : '", path.siteGroupKey().routerIp, "', ");
+    answer.add("}}");
     answer.send(fd);
 }
 
@@ -119,14 +120,14 @@ void NavRootSm::getNavMappings(U32 fd) const {
     const NavDb* navDb = shownNavDb();
     if (!navDb) return sendAnswer(fd, nothing);
     Answer answer;
-    answer << "{'groups': {";
+    answer.add("{'groups': {");
     for (const PathKeyInfo& path : navDb->pathKeyInfo())
-        answer << path.pathIndex() << " : '" << path.siteGroupKey().name << "', ";
-    answer << "}, 'vrfApps': {";
+        answer.add(path.pathIndex(), " : '", path.siteGroupKey().name, "', ");
+    answer.add("}, 'vrfApps': {");
     for (const VrfApp& app : navDb->vrfApp())
-        answer << "(" << app.key.vrfId << ", " << app.key.appId << "): ('" << app.vrfName << "', '"
-               << app.appName << "'), ";
-    answer << "}}";
+        answer.add("(", app.key.vrfId, ", ", app.key.appId, "): ('", app.vrfName, "', '",
+                   app.appName, "'), ");
+    answer.add("}}");
     answer.send(fd);
 }
 

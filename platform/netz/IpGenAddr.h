@@ -60,8 +60,8 @@ class VEL_EXPORT IpGenAddr {
     constexpr size_t size() const { return isV4() ? 4 : 16; }
     constexpr unsigned bits() const { return isV4() ? 32 : 128; }
 
-    // The text form, IPv6 in that of RFC 5952. `write` puts at most maxText bytes and no
-    // terminating zero at `out` and returns the end of what it wrote.
+    // The text form, IPv6 in that of RFC 5952. `write` puts it at `out`, where there is room for
+    // maxText bytes, without a terminating zero, and returns its end.
     std::string stringValue() const;
     char* write(char* out) const;
 

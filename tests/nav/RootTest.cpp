@@ -27,12 +27,19 @@ TEST_F(RootTest, ContainerFollowsTheFlag) {
 
     onePath();
     in.ipsecPathConfigDir->ipsecPathConfigIs({ip("192.0.2.1"), ip("192.0.2.2"), "stale"});
+    in.pathConfigDir->pathConfigIs("stale");
+    pathStatusDir().pathStatusIs("stale");
+    in.siteGroupStatus->siteGroupStatusEntryIs({"stale", ip("10.255.0.9")});
+    in.navStatusDir->navRemoteIpListIs(ip("10.255.0.9"));
     cli.navConfiguredIs(true);
     ASSERT_NE(root->navContainer(), nullptr);
     EXPECT_EQ(root->navContainer()->navPathGroupDirSm()->inputs().maxPathIndex, 128u);
     EXPECT_EQ(root->navContainer()->navLbProfileSm()->inputs().maxLbIndex, 1023u);
     EXPECT_EQ(configuredPaths().size(), 1u);
     EXPECT_TRUE(in.ipsecPathConfigDir->ipsecPathConfig().empty());
+    EXPECT_FALSE(in.pathConfigDir->pathConfig("stale") || pathStatusDir().pathStatus("stale"));
+    EXPECT_TRUE(in.siteGroupStatus->siteGroupStatusEntry().empty());
+    EXPECT_FALSE(in.navStatusDir->navRemoteIpListHas(ip("10.255.0.9")));
 
     const Vel::Ptr<NavContainer> first(*root->navContainer());
     capture("root");
@@ -67,8 +74,13 @@ TEST_F(RootTest, SwitchedOffLeavesNothingAndOnAgainEqualsAFreshStart) {
     intfVrf("wan1", "green");  // leaves a VRF without interfaces behind
     intfVrf("wan1", "default");
 
+    capture("path");
     cli.navConfiguredIs(false);
     EXPECT_EQ(published(), empty);
+    EXPECT_TRUE(
+        traced("Deleting pathConfig for path:  ( Src: 192.0.2.1 Dst: 198.51.100.3 vrfId: "
+               "5 )"))
+        << "path by path, so that whoever watches one sees it go";
     cli.navConfiguredIs(true);
     const auto again = published();
     EXPECT_EQ(configuredPaths().size(), 2u);
