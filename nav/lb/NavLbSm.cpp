@@ -158,12 +158,12 @@ void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& l
         const bool freeLbIds = !freeLbId_.empty();
         VEL_ASSERT(freeLbIds, "freeLbIds()");
         const U16 id = freeLbIdDeq();
-        keySet.lbKeyIs(key);
         apps_[appOf(key)].sites.insert(key.vtepIp);
         status = &in_.lbProfileStatus->lbProfileStatusEntryIs(key);
         status->lbIndexIs(id);
         DUOLOG(lbTrace, 7, "LbId: ", id);
     }
+    keySet.lbKeyIs(key);  // also if it was made for another profile
     const auto* profile = in_.cliConfig->loadBalanceProfile(constraintsFrom(key, lbName));
     status->latencyIs(profile->latency());
     status->jitterIs(profile->jitter());
@@ -340,7 +340,6 @@ void LbProfileSm::handleNavRuleEntry(const NavRuleEntry& rule, const L3::VrfName
 void LbProfileSm::addSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
                                const SiteGroupStatusEntry& siteGroup) {
     DUOLOG(lbTrace, 7, "Add lbId: ", key);
-    in_.navDb->lbNameToLbKeySetIs(lbName).lbKeyIs(key);
     createLbIdStatus(key, lbName);
     for (U32 pathIndex : siteGroup.pathIndexEntry())
         addLbIdPath(key, lbName, siteGroup.key().name, pathIndex);
