@@ -207,6 +207,10 @@ void Oracle::followAddresses() {
 void Oracle::paths() {
     live_.clear();
     followAddresses();
+    claimants_.clear();
+    for (const Claims* all : {&claims_, &effectiveBefore_})
+        for (const auto& [key, claims] : *all)
+            for (const Claim& claim : claims) claimants_.insert(claim.site.routerIp);
     std::set<U32> indices;
     Claims effectiveNow;
     for (const auto& [key, claims] : claims_) {
@@ -426,6 +430,9 @@ void Oracle::resolution(const PathKey& key, const Live& path, const Status& got,
         connection && connection->state == Ipsec::Path::established)
         types.insert(PathType::securedPath);
     oneOf(types, got.info.pathType, "pathStatusEntry[", key, "]/pathInfo/pathType");
+    // A route that does not fit takes the connection's id from such a path, and nothing else.
+    if (path.ipsecProfile.empty() && secured != (got.info.pathType == PathType::securedPath))
+        return;
     const bool open = got.info.pathType == PathType::unsecuredPath || got.encapId != Nav::noEncapId;
     same(open && got.info.via != Via{} ? PathState::resolved : PathState::unresolved,
          got.info.pathState, "pathStatusEntry[", key, "]/pathInfo/pathState");
@@ -681,9 +688,6 @@ void Oracle::balances() const {
                     expected[key].members[index] = {index, profile.priorities.at(site.name),
                                                     site.name};
             }
-    std::set<IpGenAddr> claimants;  // sites that may have had a path for a moment
-    for (const auto& [key, claims] : claims_)
-        for (const Claim& claim : claims) claimants.insert(claim.site.routerIp);
     std::set<U32> ids;
     std::set<LbProfileKey> keysOfProfiles;
     for (const auto& [name, keys] : seen_.db->keysOfProfile)
@@ -701,10 +705,10 @@ void Oracle::balances() const {
         if (want)
             oneOf(want->constraints, got.constraints, "lbProfileStatus[", key, "]");
         else  // a site that vanished leaves its keys until the rule or the profile goes
-            hold(
-                governing(key.vrfId, key.appId, "") &&
-                    (claimants.contains(key.vtepIp) || (!fresh_ && before_.balances.contains(key))),
-                "nothing", "lbProfileStatus[", key, "]");
+            hold(governing(key.vrfId, key.appId, "") &&
+                     (claimants_.contains(key.vtepIp) ||
+                      (!fresh_ && before_.balances.contains(key))),
+                 "nothing", "lbProfileStatus[", key, "]");
     }
     if (!keysOfProfiles.empty())
         fail("nothing", text(*keysOfProfiles.begin()), "/navDb/lbNameToLbKeySet");

@@ -97,6 +97,7 @@ class Oracle {
     bool fresh_ = false, settled_ = true;
 
     Claims claims_, effectiveBefore_;
+    std::set<IpGenAddr> claimants_;  // sites that may have had a path for a moment
     std::set<std::pair<Nav::PathKey, Claim>> withheld_;  // the group's profile was cleared
     std::set<std::pair<Nav::PathKey, Claim>> withheldBefore_;
     std::map<std::pair<IpGenAddr, VrfName>, std::set<IntfId>> intfsOf_;

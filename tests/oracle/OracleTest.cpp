@@ -129,11 +129,12 @@ std::vector<Event> shrunk(std::vector<Event> events, int code) {
 
 void reportShortest(const std::vector<Event>& events, const std::string& failure) {
     std::cout << "The shortest run that fails, for navctl batch:\n";
-    const std::vector<Event> shortest = shrunk(events, codeOf(failure));
-    for (const Event& event : shortest) std::cout << toLine(event) << '\n';
     try {
         Episode episode;
-        for (const Event& event : shortest) episode.happen(event);
+        for (const Event& event : shrunk(events, codeOf(failure))) {
+            std::cout << toLine(episode.world().resolved(event)) << '\n';
+            episode.happen(event);
+        }
         episode.end();
     } catch (const std::exception& e) {
         std::cout << "fails with: " << e.what() << std::endl;

@@ -122,12 +122,11 @@ Event Walk::balance() {
 Walk::LivePath Walk::path(const World& world) {
     std::vector<LivePath> all;
     for (const auto& vrf : world.in.pathConfigDir->pathConfig())
-        for (const auto& path : vrf.pathConfigEntry())
-            all.push_back({path.key(), path.pathIndex(), vrf.vrfName()});
+        for (const auto& path : vrf.pathConfigEntry()) all.push_back({path.key(), vrf.vrfName()});
     if (all.empty()) {
         const auto src = Netz::IpAddrWithMask::parse(of(addresses)).value().addr;
         const auto dst = Netz::IpGenAddr::parse(of(destinations)).value();
-        return {{src, dst, 0}, 1, of(vrfs)};
+        return {{src, dst, 0}, of(vrfs)};
     }
     return all[below(all.size())];
 }
@@ -164,10 +163,9 @@ Event Walk::connection(const World& world) {
 
 Event Walk::hardware(const World& world) {
     const LivePath live = path(world);
-    const Vel::U32 index = oneIn(10) ? live.index + 1 : live.index;
-    const std::string path = at("/hwPathStatus/hwPathStatusList",
-                                Vel::Codec<Nav::HwPathKey>::key(
-                                    {live.key.srcAddr, live.key.dstAddr, live.key.vrfId, index}));
+    const std::string index = oneIn(10) ? of({"1", "2", "3"}) : "*";
+    const std::string path =
+        at("/hwPathStatus/hwPathStatusList", Vel::Codec<Nav::PathKey>::key(live.key) + "," + index);
     if (oneIn(8)) return del(path);
     return set(path + of({"/hwPathIndex", "/hwArpIndex"}), numberOf({0, 1, 1, 1, 2}));
 }

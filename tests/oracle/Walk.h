@@ -18,7 +18,6 @@ class Walk {
   private:
     struct LivePath {
         Nav::PathKey key;
-        Vel::U32 index;
         L3::VrfName vrf;
     };
     using Choice = std::initializer_list<const char*>;

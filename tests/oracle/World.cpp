@@ -142,7 +142,20 @@ World::~World() {
     root = nullptr;
 }
 
-void World::apply(const Event& event) {
+Event World::resolved(Event event) const {
+    const size_t star = event.path.find('*');
+    if (star == event.path.npos) return event;
+    const size_t open = event.path.find('[') + 1;
+    const auto key = Vel::Codec<Nav::PathKey>::fromKey(event.path.substr(open, star - 1 - open));
+    Vel::U32 index = 1;
+    for (const auto& vrf : in.pathConfigDir->pathConfig())
+        if (const auto* path = vrf.pathConfigEntry(key)) index = path->pathIndex();
+    event.path.replace(star, 1, std::to_string(index));
+    return event;
+}
+
+void World::apply(const Event& unresolved) {
+    const Event event = resolved(unresolved);
     std::string_view rest = event.path;
     Entity* at = rootOf(in, Step(rest).name);
     while (at && !rest.empty()) {

@@ -27,6 +27,8 @@ class World {
     World(const World& from, bool published);
     ~World();
 
+    // A "*" in the key of a hardware entry stands for the index that its path has now.
+    Event resolved(Event event) const;
     // Deleting what is not there does nothing.
     void apply(const Event& event);
     void settle() { in.scheduler->runDue(); }
