@@ -70,6 +70,7 @@ class LbProfileSm::VelSiteGroupStatusEntry : public Vel::Object {
         DUOLOG(lbTrace, 8, "handleSiteGroupClear");
         for (U32 pathIndex : entry_.pathIndexEntry())
             owner_.sitePathChanged(entry_.key(), pathIndex, true);
+        owner_.siteGroupGone(entry_.key());
     }
 
   private:
@@ -403,6 +404,20 @@ void LbProfileSm::sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex, 
     for (const NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
         DUOLOG(lbTrace, 7, "Vrf: ", status.name());
         handleVrfLbIdStatus(siteGroup, pathIndex, status.name(), remove);
+    }
+}
+
+// Where rules share a key, another one may come first now and give it its constraints.
+void LbProfileSm::siteGroupGone(const SiteGroupKey& siteGroup) {
+    if (!initialized_) return;
+    for (const NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
+        for (const NavRuleEntry& entry : status.navRuleEntry()) {
+            if (!profileListing(entry.lbProfileName, siteGroup.name)) continue;
+            const VrfAppKey app{enteredVrfId(entry, status.name()), entry.appProfileId};
+            const LbProfileKey key = keyOf(siteGroup.routerIp, app);
+            if (in_.lbProfileStatus->lbProfileStatusEntry(key) && isGoverned(key))
+                createLbIdStatus(key, entry.lbProfileName);
+        }
     }
 }
 

@@ -106,6 +106,7 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     void releaseUngoverned(const VrfAppKey& app, const Vel::String& lbName);
 
     void sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex, bool remove);
+    void siteGroupGone(const SiteGroupKey& siteGroup);
     void constraintsChanged(const Vel::String& lbName);
     void profileDeleted(const Vel::String& lbName);
 
