@@ -98,9 +98,11 @@ class World : public NavFixture {
         return {path.srcAddr, path.dstAddr, vrfOf(path)};
     }
     void connect(const PathKey& path, U32 state, U32 encapId) {
-        auto& connected = in.ipsecPathStatusDir->ipsecPathStatusIs(connection(path));
-        connected.encapIdIs(encapId);
-        connected.connectionStateIs(state);
+        const auto report = [&](Ipsec::Path::PathStatus& status) {
+            status.encapIdIs(encapId);
+            status.connectionStateIs(state);
+        };
+        report(in.ipsecPathStatusDir->ipsecPathStatusIs(connection(path), report));
     }
     void disconnect(const PathKey& path) {
         in.ipsecPathStatusDir->ipsecPathStatusDel(connection(path));
@@ -109,10 +111,12 @@ class World : public NavFixture {
         return in.ipsecPathConfigDir->ipsecPathConfig(connection(path));
     }
     void program(const PathKey& path, U32 index, U32 hwPath, U32 hwArp) {
-        auto& entry =
-            in.hwPathStatus->hwPathStatusListIs({path.srcAddr, path.dstAddr, path.vrfId, index});
-        entry.hwPathIndexIs(hwPath);
-        entry.hwArpIndexIs(hwArp);
+        const auto report = [&](HwPathStatusEntry& entry) {
+            entry.hwPathIndexIs(hwPath);
+            entry.hwArpIndexIs(hwArp);
+        };
+        const HwPathKey key{path.srcAddr, path.dstAddr, path.vrfId, index};
+        report(in.hwPathStatus->hwPathStatusListIs(key, report));
     }
     PathStatusEntry* entry(const PathKey& path) const {
         return status.pathStatus(vrfOf(path))->pathStatusEntry(path);
@@ -152,8 +156,8 @@ template <class F>
 struct On {
     F f;
     Subscription subscription;
-    template <class E>
-    On(E& entity, Vel::Attr<E> attr, F action)
+    template <class E, class Key>
+    On(E& entity, Vel::Attr<E, Key> attr, F action)
         : f(std::move(action)), subscription(Subscription::to<&On::handle>(entity, attr, this)) {}
     void handle() { f(); }
 };
@@ -371,7 +375,6 @@ TEST(Resolution, LateStartSweepsAndEqualsEarlyStart) {
     World late;
     build(late);
     late.in.nexthopConfig->vrfIs("blue").nexthopIs(ip(dst));
-    late.in.nexthopConfig->vrfIs("red").nexthopIs(ip("198.51.100.77"));
     late.start();
     late.remove(red3), late.add(red3, 8, "strong");
     late.program(red2, 6, 1, 1);
@@ -387,6 +390,7 @@ TEST(Resolution, LateStartSweepsAndEqualsEarlyStart) {
     EXPECT_TRUE(late.listed(6));
     late.remove(red3), late.db.pathKeyInfoDel(red3), late.db.addrToPathKeySetDel(ip(dst2));
     late.fec(1, {via("Et1"), via("Et3")});
+    late.in.nexthopConfig->vrf("red")->nexthopIs(ip("198.51.100.77"));
     late.in.nexthopStatus->vrfIs("red"), late.settle();
     EXPECT_EQ(late.published(), early);
 }
@@ -423,6 +427,18 @@ TEST(Resolution, KeyInfoMayLackOnlyForPathsNotConfigured) {
     EXPECT_THROW(w.connect(red2, up, 3), AssertionFailed);
 }
 
+TEST(Resolution, FollowsAVrfThatIsBackBeforeItWasSeenToGo) {
+    World w;
+    On back(*w.in.nexthopStatus, Routing::NexthopStatus::vrfAttr,
+            [&] { w.in.nexthopStatus->vrfIs("red"); });
+    w.start();
+    w.add(red1, 5), w.fec(1, {via("Et1")});
+    w.in.nexthopStatus->vrfDel("red");
+    w.result(red1, 1), w.settle();
+    EXPECT_EQ(w.show(red1), "unsecuredPath resolved Et1 -");
+    EXPECT_TRUE(w.wants(red1));
+}
+
 TEST(Resolution, StopsReactingInTheMiddleOfItsOwnReview) {
     World w;
     w.start();
@@ -442,6 +458,7 @@ TEST(Resolution, StopsReactingInTheMiddleOfItsOwnReview) {
     EXPECT_EQ(w.show(red1), "unsecuredPath unresolved  -");  // its via went with the result
     w.add(red2, 6).ipsecProfileIs("strong");
     w.dir.del();
+    EXPECT_FALSE(w.request(red3));
     w.connect(red2, up, 3), w.program(red2, 6, 1, 0);
     EXPECT_TRUE(w.entry(red2)->programmed() && w.entry(red2)->encapId() == noEncapId);
 }
