@@ -1,9 +1,14 @@
 // From the kernel's events to the paths: the agent in process, on the kernel's own network.
 #include <malloc.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+
+#ifdef __SANITIZE_ADDRESS__  // the sanitizer's own header is not packaged with every compiler
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+#endif
 
 #include "agent/Host.h"
 #include "agent/linux/LinuxPlatform.h"
@@ -22,6 +27,18 @@ const char* const up = "Estab";
 const std::string bothRoutes =
     "route replace 198.51.100.2 nexthop via 203.0.113.254 nexthop via 192.0.2.254\n"
     "route replace 198.51.100.3 nexthop via 203.0.113.254 nexthop via 192.0.2.254\n";
+
+// Resident memory; what is allocated with the address sanitizer, which holds on to freed memory.
+size_t bytesInUse() {
+#ifdef __SANITIZE_ADDRESS__
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    malloc_trim(0);
+    size_t pages = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * static_cast<size_t>(getpagesize());
+#endif
+}
 
 class KernelRoad : public Network {
   protected:
@@ -143,7 +160,7 @@ TEST_F(KernelRoad, NeighbourThatFailsTakesItsPathsUntilItComesBack) {
 TEST_F(KernelRoad, LinkThatFlapsAThousandTimesLeavesNothingBehind) {
     const char* const single = "route replace 198.51.100.3 via 203.0.113.254\n";
     start(bothRoutes + single);
-    long pages = 0, before = 0, now = 0;
+    size_t before = 0, now = 0;
     for (int flaps = 0; flaps <= 1000; ++flaps) {
         flap("wan1", {false, true});
         // Now and then all that comes of it happens, else it is cut short by the next.
@@ -152,12 +169,11 @@ TEST_F(KernelRoad, LinkThatFlapsAThousandTimesLeavesNothingBehind) {
         ASSERT_TRUE(become({up, up, route, route})) << flaps;
         ASSERT_TRUE(ip(single));
         ASSERT_TRUE(become({up, up, up, route})) << flaps;
-        malloc_trim(0);
-        std::ifstream("/proc/self/statm") >> pages >> now;
+        now = bytesInUse();
         if (flaps == 200) before = now;
     }
-    std::printf("resident after 200 flaps %ld pages, after 1000 %ld\n", before, now);
-    EXPECT_LT(now - before, 128);
+    std::printf("in use after 200 flaps %zu bytes, after 1000 %zu\n", before, now);
+    EXPECT_LT(now, before + (1 << 19));
     EXPECT_EQ(fecs(), 2U);
     EXPECT_EQ(programmed(), 3U);
 }
