@@ -86,7 +86,8 @@ void checkAttribute(const Attribute& a, const std::string& key, const Entity* en
         default:
             for (const auto& [text, each] : requireObject(value, a.name, place).items()) {
                 const Place entry = place / text;
-                const std::string normal = at(entry, [&] { return a.normalKey(text); });
+                const std::string normal =
+                    at(entry, [&, &written = text] { return a.normalKey(written); });
                 checkEntry(a, entity, normal, each, entry);
             }
     }
