@@ -17,7 +17,7 @@ std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop) 
 HostAgent::HostAgent(Options options)
     : options_(std::move(options)),
       scheduler_(Vel::make<Vel::Scheduler>(clock_)),
-      runDir_(options_.runDir.empty() ? defaultRunDir() : options_.runDir),
+      runDir_(options_.runDir),
       loop_(*scheduler_),
       terminated_(loop_.onSignal(SIGTERM, [this] { loop_.stop(); })),
       interrupted_(loop_.onSignal(SIGINT, [this] { loop_.stop(); })),

@@ -17,8 +17,8 @@ struct Options {
     std::string config;            // file to load at start and on SIGHUP; none if empty
     std::string platform = "sim";  // who plays the router's other services
     std::string world;             // file that describes the simulated router; none if empty
-    std::string runDir;            // defaultRunDir() if empty
-    int logLevel = 5;              // of the trace, which main switches on
+    std::string runDir;            // not empty: main takes defaultRunDir() where none is given
+    int logLevel = 5;    // of the trace, which main switches on
 };
 
 class HostAgent {

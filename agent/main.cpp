@@ -5,6 +5,8 @@
 #include <iostream>
 
 #include "agent/HostAgent.h"
+#include "agent/Postmortem.h"
+#include "agent/RunDir.h"
 #include "platform/trace/Duolog.h"
 
 int main(int argc, char** argv) {
@@ -35,6 +37,8 @@ int main(int argc, char** argv) {
     Duolog::levelIs("*", options.logLevel);
     Duolog::textSinkIs(STDERR_FILENO);
     try {
+        if (options.runDir.empty()) options.runDir = Agent::defaultRunDir();
+        Agent::postmortemIs(options.runDir);
         Agent::HostAgent(options).run();
         return 0;
     } catch (const std::exception& error) {
