@@ -1,4 +1,4 @@
-"""The steps of scripts/demo: demo.py NAV_AGENT NAVCTL EXAMPLE_DIR.
+"""The steps of scripts/demo: demo.py NAV_AGENT NAVCTL NAV_FORWARDER EXAMPLE_DIR.
 
 Runs an agent on the simulated network and tells what it reports as it happens. Each stage has to
 be reached before its deadline, or the demo fails and says what it waited for.
@@ -13,7 +13,7 @@ import sys
 import tempfile
 import time
 
-agent_program, navctl_program, example = sys.argv[1:]
+agent_program, navctl_program, forwarder_program, example = sys.argv[1:]
 patience = 60  # seconds for a stage
 run_dir = tempfile.TemporaryDirectory(prefix="nav-demo-")
 start = time.monotonic()
@@ -24,7 +24,8 @@ INTRODUCTION = """\
 A branch router has two WAN links: wan1 to the internet, wan2 to an MPLS network. It reaches three
 remote sites over both, by IPsec over the internet. The agent brings up a path for each pair of
 addresses, and steers each application over the paths that its policy prefers: voice over MPLS, the
-rest over the internet; guests, in VRF blue, may use the internet only.
+rest over the internet; guests, in VRF blue, may use the internet only. A forwarder, in a process of
+its own, sends packets accordingly and counts them in shared memory, where navctl reads them.
 
 How a path comes up:
   Route Pending   there is no route to the far end
@@ -173,6 +174,8 @@ def main():
                          capture_output=True).returncode != 0:
         if agent.poll() is not None or time.monotonic() > end:
             raise SystemExit("demo: the agent does not answer")
+    forwarder = subprocess.Popen([forwarder_program, "--run-dir", run_dir.name])
+    processes.append(forwarder)
     path_feed = watch("/navStatusDir/navPathStatusDir", handle_path)
     site_feed = watch("/siteGroupStatus", handle_site)
     navctl("load", f"{example}/branch.json")
@@ -184,6 +187,7 @@ def main():
         site_feed: lambda: len(usable) == 7})
     show("paths")
     show("load-balance")
+    show("counters")
 
     print("\n== The internet link fails", flush=True)
     reach("all has followed", {
@@ -192,6 +196,7 @@ def main():
         path_feed: lambda: states() == {"Estab": 3, "Route Pending": 4},
         site_feed: lambda: len(usable) == 3})
     show("paths")
+    show("counters")
 
     print("\n== The internet link comes back", flush=True)
     reach("all is as before", {
@@ -200,11 +205,12 @@ def main():
         site_feed: lambda: len(usable) == 7})
     show("sites")
 
-    print("\n== The agent is told to stop", flush=True)
-    agent.terminate()
-    if agent.wait(patience) != 0:
-        raise SystemExit(f"demo: the agent ended with status {agent.returncode}")
-    tell("agent", "has torn everything down and ended")
+    print("\n== Forwarder and agent are told to stop", flush=True)
+    for name, process in (("forwarder", forwarder), ("agent", agent)):
+        process.terminate()
+        if process.wait(patience) != 0:
+            raise SystemExit(f"demo: the {name} ended with status {process.returncode}")
+        tell(name, "has torn everything down and ended")
 
 
 try:
