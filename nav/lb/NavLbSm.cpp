@@ -283,8 +283,10 @@ const LbProfileSm::Rule* LbProfileSm::governing(const VrfAppKey& key,
 const Vel::String& LbProfileSm::constraintsFrom(const LbProfileKey& key,
                                                 const Vel::String& lbName) const {
     const auto app = apps_.find(appOf(key));
-    if (app == apps_.end() || app->second.rules.size() < 2) return lbName;
-    for (const auto& [rule, vrf] : app->second.rules)
+    if (app == apps_.end()) return lbName;
+    const auto& rules = app->second.rules;
+    if (rules.size() == 1 && rules.begin()->first.lbProfileName == lbName) return lbName;
+    for (const auto& [rule, vrf] : rules)
         if (const auto* profile = in_.cliConfig->loadBalanceProfile(rule.lbProfileName))
             for (const auto& [pgName, priority] : profile->pathGroupPriority())
                 if (in_.siteGroupStatus->siteGroupStatusEntry({pgName, key.vtepIp}))
