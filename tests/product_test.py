@@ -1,0 +1,152 @@
+"""The programs together, as an operator runs them: product_test.py BUILD_DIR SOURCE_DIR.
+
+The commands that README.md shows; the shared tables from start to stop, crashes included; what a
+broken invariant leaves behind. Each case has run directories of its own.
+"""
+import contextlib
+import json
+import os
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+build, source = (os.path.abspath(argument) for argument in sys.argv[1:3])
+programs = {"nav-agent": f"{build}/agent/nav-agent", "navctl": f"{build}/navctl/navctl",
+            "nav-forwarder": f"{build}/forwarder/nav-forwarder"}
+branch = [f"--config={source}/examples/branch/branch.json",
+          f"--world={source}/examples/branch/world.json"]
+patience = 60  # seconds
+
+
+def await_(what, condition):
+    """The first true value of the condition."""
+    end = time.monotonic() + patience
+    while not (value := condition()):
+        if time.monotonic() > end:
+            raise AssertionError(f"waited {patience} s in vain until {what}")
+        time.sleep(0.01)  # between two looks
+    return value
+
+
+def tables_of(*processes):
+    """The names of the shared tables that the processes have mapped."""
+    maps = ""
+    for process in processes:
+        with open(f"/proc/{process.pid}/maps", encoding="utf-8") as file:
+            maps += file.read()
+    return set(re.findall(r"/dev/shm/(shard\S+)\n", maps))
+
+
+def exist(names):
+    return [os.path.exists(f"/dev/shm/{name}") for name in sorted(names)]
+
+
+class Products(unittest.TestCase):
+    def setUp(self):
+        self.processes = contextlib.ExitStack()
+        self.addCleanup(self.processes.close)
+
+    def run_dir(self):
+        return self.processes.enter_context(tempfile.TemporaryDirectory(prefix="nav-product-"))
+
+    def start(self, run_dir, program, *arguments, **options):
+        with open(f"{run_dir}/errors", "w", encoding="utf-8") as errors:
+            process = subprocess.Popen([programs[program], "--run-dir", run_dir, *arguments],
+                                       stderr=errors, text=True, cwd=source, **options)
+        self.processes.callback(process.communicate)
+        self.processes.callback(process.terminate)
+        return process
+
+    def errors(self, run_dir):
+        with open(f"{run_dir}/errors", encoding="utf-8") as file:
+            return file.read()
+
+    def agent(self, run_dir, *arguments):
+        process = self.start(run_dir, "nav-agent", *arguments)
+        await_("the agent answers", lambda: self.navctl(run_dir, "ping").returncode == 0)
+        return process
+
+    def navctl(self, run_dir, *arguments, **options):
+        return subprocess.run([programs["navctl"], "--run-dir", run_dir, *arguments],
+                              capture_output=True, text=True, cwd=source, timeout=patience,
+                              **options)
+
+    def stop(self, process, by=signal.SIGTERM):
+        process.send_signal(by)
+        return process.wait(patience)
+
+    def counters(self, run_dir, *path):
+        """The rows of the counters, or of those of one path; empty when nobody writes them."""
+        shown = self.navctl(run_dir, "--json", "show", "counters")
+        rows = json.loads(shown.stdout) if shown.returncode == 0 else []
+        return [row for row in rows if not path or row["path"] == path[0]]
+
+    def test_commands_of_the_readme(self):
+        with open(f"{source}/README.md", encoding="utf-8") as file:
+            text = file.read()
+        commands = [line.split("#")[0].replace("'", "").split()
+                    for line in re.findall(r"^    (nav.*)", text, re.M)]
+        self.assertGreater(len(commands), 5)
+        run_dir = self.run_dir()
+        for program, *arguments in commands:
+            if program == "nav-agent":
+                self.agent(run_dir, *arguments)
+            elif program == "nav-forwarder":
+                self.start(run_dir, program, *arguments)
+                await_("counters come", lambda: self.counters(run_dir))
+            elif "watch" in arguments or "--watch" in arguments:
+                watch = self.start(run_dir, program, *arguments, stdout=subprocess.PIPE)
+                self.assertTrue(watch.stdout.readline(), arguments)
+            else:
+                done = self.navctl(run_dir, *arguments)
+                self.assertEqual((done.returncode, done.stderr), (0, ""), arguments)
+
+    def test_tables_live_as_long_as_their_writers(self):
+        here, there = self.run_dir(), self.run_dir()
+        agent, forwarder = self.agent(here, *branch), self.start(here, "nav-forwarder")
+        row = await_("a path carries traffic", lambda: self.counters(here, "Path1"))[0]
+        self.assertGreater(row["packets"], 0)
+        mine = tables_of(agent, forwarder)
+        self.assertEqual(exist(mine), [True] * 3)  # both forwarding tables and the counters
+        theirs = tables_of(self.agent(there, *branch))
+        self.assertEqual(exist(theirs - mine), [True] * 2)
+        self.assertEqual(self.navctl(there, "show", "counters").returncode, 3)
+        self.assertEqual(self.start(here, "nav-forwarder").wait(patience), 1)
+        self.assertIn("nav-forwarder: ", self.errors(here))
+
+        # The tables outlive the crash of their writers, who take them over when they are back.
+        self.stop(agent, signal.SIGKILL)
+        self.assertTrue(self.counters(here), "the forwarder goes on without the agent")
+        self.stop(forwarder, signal.SIGKILL)
+        self.assertEqual(exist(mine), [True] * 3)
+        agent, forwarder = self.agent(here, *branch), self.start(here, "nav-forwarder")
+        await_("traffic is back", lambda: self.counters(here, "Path1"))
+        self.assertEqual(tables_of(agent, forwarder), mine)
+
+        self.assertEqual((self.stop(forwarder), self.stop(agent)), (0, 0))
+        self.assertEqual((exist(mine), exist(theirs)), ([False] * 3, [True] * 2))
+        self.assertEqual(self.navctl(here, "show", "counters").returncode, 3)
+
+    def test_a_broken_invariant_leaves_its_trace(self):
+        run_dir = self.run_dir()
+        agent = self.agent(run_dir, "--platform", "manual", "--log-level", "8")
+        group = {"name": "internet", "localIntf": ["wan1"], "remoteViaConfig": {
+            "10.255.0.2": {"remoteVia": [f"198.51.{i // 100}.{i % 100 + 1}" for i in range(129)]}}}
+        sets = {"/ipStatusDir/ipIntfStatus[wan1]/activeAddrWithMask": "203.0.113.1/24",
+                "/cliConfig/pathGroupConfig[internet]": group, "/cliConfig/navConfigured": True}
+        requests = "".join(json.dumps({"op": "set", "path": path, "value": value}) + "\n"
+                           for path, value in sets.items())
+        self.assertNotEqual(self.navctl(run_dir, "batch", "-", input=requests).returncode, 0)
+        self.assertEqual(agent.wait(patience), -signal.SIGABRT)
+        self.assertIn("assertion failed: ", self.errors(run_dir))
+        with open(f"{run_dir}/postmortem.trace", encoding="utf-8") as file:
+            self.assertIn("198.51.1.28", file.read())
+        self.assertEqual(self.stop(self.agent(run_dir)), 0)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
