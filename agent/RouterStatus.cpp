@@ -10,7 +10,7 @@ void publishInterfaces(const RouterStatus& router, Status& status,
     for (const Ip::IpIntfStatus& entry : status.ipIntfStatus())
         if (!router.interfaces.contains(entry.intfId())) status.ipIntfStatusDel(entry.intfId());
     for (const auto& [name, interface] : router.interfaces) {
-        const auto write = [&](Ip::IpIntfStatus& entry) {
+        const auto write = [&, &interface = interface](Ip::IpIntfStatus& entry) {
             if (entry.vrfName() != interface.vrf) entry.activeAddrWithMaskIs({});
             entry.vrfNameIs(interface.vrf);
             entry.activeAddrWithMaskIs(interface.*address);
