@@ -8,6 +8,8 @@ if(NAV_SANITIZE)
     target_compile_options(nav_options INTERFACE -fsanitize=${NAV_SANITIZE} -fno-omit-frame-pointer
                                                  -fno-sanitize-recover=all)
     target_link_options(nav_options INTERFACE -fsanitize=${NAV_SANITIZE})
+    # What the instrumentation adds makes g++ see uninitialised members in the standard library.
+    target_compile_options(nav_options INTERFACE -Wno-maybe-uninitialized)
 endif()
 
 find_program(CCACHE ccache)
