@@ -18,7 +18,7 @@ struct Options {
     std::string platform = "sim";  // who plays the router's other services
     std::string world;             // file that describes the simulated router; none if empty
     std::string runDir;            // not empty: main takes defaultRunDir() where none is given
-    int logLevel = 5;    // of the trace, which main switches on
+    int logLevel = 5;              // of the trace, which main switches on
 };
 
 class HostAgent {
