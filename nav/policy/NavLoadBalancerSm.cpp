@@ -156,11 +156,9 @@ void NavLoadBalancerSm::handleVrfId(const L3::VrfName& vrf, U32 vrfId) {
         return;
     }
     auto& navDb = *in_.navDb;
-    auto [known, isNew] = vrfNameToId_.try_emplace(vrf, vrfId);
-    if (const U32 before = std::exchange(known->second, vrfId); before != vrfId) {
-        const auto* name = navDb.vrfIdToName(before);
-        if (name && *name == vrf) navDb.vrfIdToNameDel(before);
-    }
+    vrfNameToId_[vrf] = vrfId;
+    for (const auto& [id, name] : navDb.vrfIdToName())  // of earlier ids, also if it was gone since
+        if (name == vrf && id != vrfId) navDb.vrfIdToNameDel(id);
     navDb.vrfNameToIdIs(vrf, vrfId);
     navDb.vrfIdToNameIs(vrfId, vrf);
     if (const VrfConfig* config = in_.cliConfig->vrfConfig(vrf))
@@ -210,6 +208,8 @@ void NavLoadBalancerSm::bind(const L3::VrfName& vrf, PolicyConfig& policy) {
 void NavLoadBalancerSm::unbind(const L3::VrfName& vrf, const Vel::String& policyName) {
     POLICY_TRACE(8, "Deleting vrf: ", vrf, " to policy: ", policyName);
     in_.navFeaturePolicyDir->appliedPolicyIs(vrfTarget).policyForTargetDel(vrf);
+    if (policyToVrf_.contains(policyName))
+        POLICY_TRACE(8, "Deleting policyToVrfEntry & navRuleStatus");
     leavePolicy(vrf);
     if (!in_.navStatusDir->navRuleStatus(vrf)) return;
     POLICY_TRACE(8, "Deleting navRuleStatus for vrf");
@@ -222,7 +222,6 @@ void NavLoadBalancerSm::leavePolicy(const L3::VrfName& vrf) {
     if (found == vrfToPolicy_.end()) return;
     auto members = policyToVrf_.find(found->second.policyName);
     if (members == policyToVrf_.end()) return;
-    POLICY_TRACE(8, "Deleting policyToVrfEntry & navRuleStatus");
     const Vel::Ptr<PolicyToVrf> policyToVrf = members->second;
     policyToVrf->vrfDel(vrf);
 }

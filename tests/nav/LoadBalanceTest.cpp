@@ -1,0 +1,274 @@
+// Load-balance ids alone: the tests play the policies, which write the rules of a VRF, and path
+// resolution, which writes the paths of a site.
+#include <algorithm>
+
+#include "nav/lb/NavLbSm.h"
+#include "tests/nav/NavFixture.h"
+
+namespace Nav::Test {
+namespace {
+
+const char* const s1 = "10.255.0.1";
+const char* const s2 = "10.255.0.2";
+
+// VRFs red (1) and blue (2).
+class LoadBalance : public NavFixture {
+  protected:
+    LoadBalance() {
+        db.vrfNameToIdIs("red", 1);
+        db.vrfNameToIdIs("blue", 2);
+    }
+
+    void start(U16 maxLbIndex = 1023) {
+        lb.is({in.navStatusDir, in.siteGroupStatus, in.cliConfig, db, status, maxLbIndex});
+    }
+    void rule(const char* vrf, U32 ruleKey, U32 app, const char* profile) {
+        in.navStatusDir->navRuleStatusIs(vrf).navRuleEntryIs({ruleKey, app, profile});
+    }
+    void noRule(const char* vrf, U32 ruleKey, U32 app, const char* profile) {
+        in.navStatusDir->navRuleStatus(vrf)->navRuleEntryDel({ruleKey, app, profile});
+    }
+    void list(const char* profile, const char* group, U32 priority) {
+        cli.loadBalanceProfileIs(profile).pathGroupPriorityIs(group, priority);
+    }
+    void path(const char* group, const char* site, U32 index) {
+        in.siteGroupStatus->siteGroupStatusEntryIs({group, ip(site)}).pathIndexEntryIs(index);
+    }
+    LbProfileStatusEntry* entry(U32 app, U32 vrfId = 1, const char* site = s1) {
+        return status.lbProfileStatusEntry({ip(site), app, vrfId});
+    }
+    // The members as index/priority/group.
+    static std::string members(const LbProfileStatusEntry& entry) {
+        std::map<U32, std::string> sorted;
+        for (const auto& [index, priority, group] : entry.pathEntry())
+            sorted[index] = "/" + std::to_string(priority) + "/" + std::string(group);
+        std::string text;
+        for (const auto& [index, rest] : sorted) text += " " + std::to_string(index) + rest;
+        return text;
+    }
+    // Id, generation and members of a key, as in "1 gen 2: 5/1/wan".
+    std::string show(U32 app, U32 vrfId = 1, const char* site = s1) {
+        const auto* key = entry(app, vrfId, site);
+        if (!key) return "-";
+        return std::to_string(key->lbIndex()) + " gen " + std::to_string(key->genId()) + ":" +
+               members(*key);
+    }
+    std::map<LbProfileKey, std::string> membership() {
+        std::map<LbProfileKey, std::string> all;
+        for (const auto& key : status.lbProfileStatusEntry()) all[key.key()] = members(key);
+        return all;
+    }
+
+    const Vel::Ptr<NavDb> ownDb = Vel::make<NavDb>("NavDb");
+    NavDb& db = *ownDb;
+    LbProfileStatus& status = in.navStatusDir->navLbProfileStatusIs("navLbProfileDir");
+    Vel::Owned<LbProfileSm> lb;
+};
+
+TEST_F(LoadBalance, ReleasedIdsQueueBehindAllThatAreFree) {
+    // The id that a new rule of a new application gets.
+    const auto next = [&](U32 app) -> std::string {
+        try {
+            rule("red", app, app, "gold");
+        } catch (const AssertionFailed& e) {
+            return e.what();
+        }
+        return std::to_string(entry(app)->lbIndex());
+    };
+    list("gold", "wan", 1), path("wan", s1, 1);
+    start(5);
+    using Ids = std::vector<std::string>;
+    EXPECT_EQ((Ids{next(1), next(2), next(3)}), (Ids{"1", "2", "3"}));
+    noRule("red", 2, 2, "gold");
+    EXPECT_EQ(next(4), "4");
+    noRule("red", 1, 1, "gold");
+    EXPECT_EQ((Ids{next(5), next(6), next(7)}), (Ids{"5", "2", "1"})) << "in order of release";
+    EXPECT_EQ(next(8), "freeLbIds()");
+    noRule("red", 8, 8, "gold"), noRule("red", 3, 3, "gold");
+    EXPECT_EQ(next(9), "3");
+    in.navStatusDir->navRuleStatusDelAll();
+    lb.del(), start(0);
+    EXPECT_EQ(next(1), "freeLbIds()");
+}
+
+TEST_F(LoadBalance, GenerationCountsOncePerBatchAndOncePerPath) {
+    start();
+    list("gold", "wan", 1), list("gold", "lte", 2), list("silver", "wan", 3);
+    path("wan", s1, 1), path("wan", s1, 2), path("lte", s1, 3), path("wan", s2, 4);
+    rule("red", 10, 7, "gold"), rule("red", 20, 8, "silver"), rule("blue", 10, 7, "gold");
+    EXPECT_EQ(show(7), "1 gen 2: 1/1/wan 2/1/wan 3/2/lte") << "one batch for each group";
+    EXPECT_EQ(show(7, 1, s2), "2 gen 1: 4/1/wan");
+    EXPECT_EQ(show(8), "3 gen 2: 1/3/wan 2/3/wan") << "and once for each path of another group";
+    EXPECT_EQ(show(7, 2), "5 gen 2: 1/1/wan 2/1/wan 3/2/lte");
+
+    capture("lb");
+    path("lte", s1, 5);
+    EXPECT_EQ(show(7), "1 gen 3: 1/1/wan 2/1/wan 3/2/lte 5/2/lte");
+    EXPECT_EQ(show(7, 2), "5 gen 3: 1/1/wan 2/1/wan 3/2/lte 5/2/lte");
+    const std::string key = "LbKey:  ( Peer Ip: 10.255.0.1 AppProfileId: 7 vrfId: 2 )";
+    for (const auto& line :
+         {key, key + " lbName: gold", key + " lbName: gold pgName: lte pathIndex: 5 priority: 2",
+          std::string("Add path, SiteIp: 10.255.0.1 App Profile Id: 7 Vrf Id: 2"),
+          std::string("PathIndex: 5"), std::string("Vrf: blue"), std::string("oldGenId: 2")})
+        EXPECT_TRUE(traced(line)) << line;
+    list("gold", "lte", 9);
+    EXPECT_EQ(show(7), "1 gen 5: 1/1/wan 2/1/wan 3/9/lte 5/9/lte");
+    cli.loadBalanceProfile("gold")->pathGroupPriorityDel("lte");
+    EXPECT_EQ(show(7), "1 gen 8: 1/1/wan 2/1/wan") << "two paths go, a batch is written";
+    EXPECT_EQ(show(7, 1, s2), "2 gen 3: 4/1/wan");
+    in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(s1)});
+    EXPECT_EQ(show(7), "1 gen 10:") << "the id stays";
+    EXPECT_EQ(show(8, 1, s2), "4 gen 1: 4/3/wan");
+    entry(7)->genIdIs(0xFFFFFFFF);
+    path("wan", s1, 2);
+    EXPECT_EQ(show(7), "1 gen 0: 2/1/wan");
+
+    // What changes nothing counts too, but a removal makes no key.
+    lb->updateLbIdPath({ip(s1), 7, 1}, "gold", "wan", 77, true);
+    lb->updateLbIdPath({ip(s1), 99, 1}, "gold", "wan", 2, true);
+    lb->addLbIdPath({ip(s1), 7, 1}, "gold", "unlisted", 78);
+    EXPECT_EQ(show(7) + show(99), "1 gen 1: 2/1/wan 78/0/unlisted-");
+}
+
+// Writes down in which order the constraints and generations of some keys change.
+struct Log {
+    void latency() { text += 'c'; }
+    void generation() { text += 'g'; }
+    std::string text;
+};
+
+TEST_F(LoadBalance, ConstraintsReachEveryKeyBeforeAnyGeneration) {
+    start();
+    list("gold", "wan", 1), list("silver", "wan", 1), path("wan", s1, 1), path("wan", s2, 2);
+    rule("red", 10, 7, "gold"), rule("blue", 10, 7, "gold"), rule("red", 20, 8, "silver");
+    Log log;
+    std::vector<Vel::Subscription> watched;
+    for (LbProfileStatusEntry& key : status.lbProfileStatusEntry()) {
+        using Entry = LbProfileStatusEntry;
+        watched.push_back(Vel::Subscription::to<&Log::latency>(key, Entry::latencyAttr, &log));
+        watched.push_back(Vel::Subscription::to<&Log::generation>(key, Entry::genIdAttr, &log));
+    }
+    LoadBalanceProfile& gold = *cli.loadBalanceProfile("gold");
+    gold.latencyIs(20);
+    EXPECT_EQ(log.text, "ccccgggg");
+    gold.jitterIs(5), gold.lossRateIs(6);
+    EXPECT_EQ(show(7, 2, s2) + show(8), "4 gen 4: 2/1/wan5 gen 1: 1/1/wan");
+    EXPECT_TRUE(entry(7, 2, s2)->jitter() == 5 && entry(7, 2, s2)->lossRate() == 6);
+}
+
+// Whatever comes first, the same keys have the same members, and whatever goes first, every id is
+// free in the end.
+TEST_F(LoadBalance, OrdersOfComingAndGoing) {
+    std::map<LbProfileKey, std::string> wanted;
+    for (const auto& [app, vrf] : {std::pair{7U, 1U}, {8U, 1U}, {7U, 2U}}) {
+        wanted[{ip(s1), app, vrf}] = " 1/1/wan 2/1/wan 3/2/lte";
+        wanted[{ip(s2), app, vrf}] = " 4/1/wan";
+    }
+    std::string order = "PRST";
+    do {
+        SCOPED_TRACE(order);
+        db.lbNameToLbKeySetDelAll();
+        status.lbProfileStatusEntryIs({ip(s1), 9, 9}).lbIndexIs(1);  // of an earlier life
+        for (const char event : order) {
+            if (event == 'P') list("gold", "wan", 1), list("gold", "lte", 2);
+            if (event == 'R') rule("red", 10, 7, "gold"), rule("red", 20, 8, "gold");
+            if (event == 'R') rule("blue", 10, 7, "gold");
+            if (event == 'S') start(6);
+            if (event == 'T') path("wan", s1, 1), path("lte", s1, 3), path("wan", s1, 2);
+            if (event == 'T') path("wan", s2, 4);
+        }
+        ASSERT_EQ(membership(), wanted);
+        lb.del();
+        ASSERT_TRUE(status.lbProfileStatusEntry().empty());
+        start(6);
+        ASSERT_EQ(membership(), wanted);
+        for (const char event : order) {
+            if (event == 'P') cli.loadBalanceProfileDel("gold");
+            if (event == 'R') in.navStatusDir->navRuleStatusDelAll();
+            if (event == 'T') in.siteGroupStatus->siteGroupStatusEntryDelAll();
+        }
+        ASSERT_TRUE(status.lbProfileStatusEntry().empty());
+        ASSERT_TRUE(db.lbNameToLbKeySet("gold")->lbKey().empty());
+        std::set<U16> free;
+        while (const U16 id = lb->freeLbIdDeq()) ASSERT_TRUE(free.insert(id).second);
+        ASSERT_EQ(free.size(), 6U);
+        lb.del();
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST_F(LoadBalance, AProfileThatComesAgainGivesNewIds) {
+    start();
+    rule("red", 10, 7, "gold"), rule("blue", 10, 7, "gold"), rule("red", 20, 8, "bronze");
+    capture("lb");
+    path("wan", s1, 1), path("lte", s1, 2), list("bronze", "wan", 4), list("gold", "wan", 1);
+    EXPECT_TRUE(traced("pgName: lte not part of lbConfig or no valid lbConfig for bronze"));
+    cli.loadBalanceProfile("gold")->latencyIs(20);
+    EXPECT_EQ(show(7), "2 gen 3: 1/1/wan");
+    cli.loadBalanceProfileDel("gold");
+    path("wan", s1, 3);
+    EXPECT_EQ(membership().size(), 1U);
+    EXPECT_EQ(show(8), "1 gen 3: 1/4/wan 3/4/wan");
+    list("gold", "wan", 2);
+    EXPECT_EQ(show(7), "4 gen 2: 1/2/wan 3/2/wan");
+    EXPECT_EQ(show(7, 2), "5 gen 2: 1/2/wan 3/2/wan");
+    EXPECT_EQ(entry(7)->latency(), NavConstants::defaultLatency);
+}
+
+TEST_F(LoadBalance, KeysGoWithTheirRuleUnderTheIdTheyHadThen) {
+    start();
+    list("gold", "wan", 1), list("gold", "lte", 2), path("wan", s1, 1), path("lte", s2, 2);
+    rule("red", 10, 7, "gold"), rule("blue", 10, 7, "gold");
+    db.vrfNameToIdIs("red", 9);
+    path("wan", s1, 3);
+    EXPECT_EQ(show(7), "1 gen 2: 1/1/wan 3/1/wan");
+    in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(s1)});  // a site vanishes, and of the
+    cli.loadBalanceProfile("gold")->pathGroupPriorityDel("lte");   // other no group is left
+    EXPECT_EQ(show(7, 1, s2), "2 gen 2:");
+    noRule("red", 10, 7, "gold");
+    EXPECT_EQ(membership().size(), 2U);
+    rule("red", 10, 7, "gold"), path("wan", s1, 4);
+    EXPECT_EQ(show(7, 9), "5 gen 1: 4/1/wan");
+    in.navStatusDir->navRuleStatusDel("blue");
+    EXPECT_EQ(membership().size(), 1U);
+}
+
+// One id is all there is, so that none may be lost or given twice.
+TEST_F(LoadBalance, RulesOfOneApplicationShareItsKey) {
+    list("gold", "wan", 1), list("silver", "wan", 5), list("silver", "lte", 6);
+    cli.loadBalanceProfile("silver")->latencyIs(20);
+    path("wan", s1, 1), path("lte", s1, 3);
+    start(1);
+    const auto is = [&](const std::string& wanted, U32 latency = NavConstants::defaultLatency) {
+        EXPECT_EQ(members(*entry(7)), wanted);
+        EXPECT_EQ(entry(7)->latency(), latency);
+    };
+    for (const bool reverse : {false, true}) {
+        for (const bool second : {reverse, !reverse})
+            rule("red", second ? 20 : 10, 7, second ? "silver" : "gold");
+        is(" 1/1/wan 3/6/lte");
+        entry(7)->genIdIs(0);
+        path("wan", s1, 2), path("lte", s1, 4), list("silver", "wan", 8);
+        EXPECT_EQ(show(7), "1 gen 4: 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
+        cli.loadBalanceProfileDel("gold"), is(" 1/8/wan 2/8/wan 3/6/lte 4/6/lte", 20);
+        list("gold", "wan", 1), is(" 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
+        noRule("red", 20, 7, "silver"), is(" 1/1/wan 2/1/wan");
+        EXPECT_TRUE(db.lbNameToLbKeySet("silver")->lbKey().empty());
+        rule("red", 20, 7, "silver"), is(" 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
+        noRule("red", 10, 7, "gold"), is(" 1/8/wan 2/8/wan 3/6/lte 4/6/lte", 20);
+        // Two rules that name one profile count as one.
+        rule("red", 30, 7, "silver");
+        entry(7)->genIdIs(0);
+        cli.loadBalanceProfile("silver")->jitterIs(reverse ? 2 : 1);
+        cli.loadBalanceProfile("silver")->pathGroupPriorityDel("lte");
+        EXPECT_EQ(show(7), "1 gen 4: 1/8/wan 2/8/wan");
+        noRule("red", 20, 7, "silver"), is(" 1/8/wan 2/8/wan", 20);
+        noRule("red", 30, 7, "silver");
+        EXPECT_EQ(show(7), "-");
+        list("silver", "lte", 6), list("silver", "wan", 5);
+        in.siteGroupStatus->siteGroupStatusEntry({"wan", ip(s1)})->pathIndexEntryDel(2);
+        in.siteGroupStatus->siteGroupStatusEntry({"lte", ip(s1)})->pathIndexEntryDel(4);
+    }
+}
+
+}  // namespace
+}  // namespace Nav::Test

@@ -1,0 +1,231 @@
+// Policies and the VRFs bound to them, in a whole container: what is classified, which rules a VRF
+// has, and the load-balance ids made for them.
+#include <algorithm>
+
+#include "tests/nav/NavFixture.h"
+
+namespace Nav::Test {
+namespace {
+
+class PolicyTest : public NavFixture {
+  protected:
+    PolicyConfig& policy(const std::string& name) { return cli.policyConfigIs(name); }
+    void rule(const std::string& name, U32 ruleKey, U32 app, const char* appName,
+              const char* profile = "gold") {
+        auto& rule = policy(name).appProfilePolicyRuleListIs(ruleKey);
+        rule.appProfileIdIs(app);
+        rule.appProfileNameIs(appName);
+        rule.lbGrpNameIs(profile);
+    }
+    void done(const std::string& name) { policy(name).configVersionInc(1); }
+    void bindTo(const std::string& vrf, const std::string& name) {
+        cli.vrfConfigIs(vrf).policyNameIs(name);
+    }
+
+    // The policy applied to a VRF, its rules by key and its applications by name, as in
+    // "p 10 20; 1/1=voice 1/2=video"; "-" for what is not there.
+    std::string show(const std::string& vrf) {
+        const auto* targets = in.navFeaturePolicyDir->appliedPolicy(Classification::vrfTarget);
+        const auto* name = targets ? targets->policyForTarget(vrf) : nullptr;
+        const auto* status = in.navStatusDir->navRuleStatus(vrf);
+        std::set<U32> keys;
+        if (status)
+            for (const NavRuleEntry& entry : status->navRuleEntry()) keys.insert(entry.ruleKey);
+        std::set<std::string> apps;
+        for (const auto& [key, vrfName, appName] : navDb().vrfApp())
+            if (vrfName == vrf)
+                apps.insert(" " + std::to_string(key.vrfId) + "/" + std::to_string(key.appId) +
+                            "=" + std::string(appName));
+        std::string text = name ? std::string(*name) : "-";
+        if (!status) text += " -";
+        for (const U32 key : keys) text += " " + std::to_string(key);
+        text += ";";
+        for (const std::string& app : apps) text += app;
+        return text;
+    }
+    // Version and priorities of a feature policy, as in "v1 10=voice".
+    std::string classified(const char* name) {
+        const auto* feature = in.navFeaturePolicyDir->featurePolicy(name);
+        if (!feature) return "-";
+        std::string text = "v" + std::to_string(feature->version());
+        for (const auto& [key, app] : feature->appProfilePriority())  // as programmed
+            text += " " + std::to_string(key) + "=" + std::string(app);
+        return text;
+    }
+    // How many lines of the trace ended so since the last call.
+    long traced(std::string_view message) {
+        const long n = std::count_if(traces.begin(), traces.end(), [&](const std::string& line) {
+            return line.ends_with("): " + std::string(message));
+        });
+        traces.clear();
+        return n;
+    }
+    std::vector<std::string>& traces = capture("policy");
+};
+
+TEST_F(PolicyTest, ClassificationTakesEachVersionAsOneChange) {
+    const char* const clear =
+        "Clear pevious entries in Classification's navFeaturePolicyDir for policy: p";
+    start();
+    rule("q", 1, 1, "bulk"), done("q");
+    policy("p").defaultRuleCfgdIs(true), policy("p").defaultLbGrpNameIs("gold"), done("p");
+    rule("p", 30, 3, "bulk"), rule("p", 10, 1, "voice"), rule("p", 20, 2, "video");
+    EXPECT_EQ(classified("p"), "-") << "nothing before the change is finished, never the default";
+    done("p");
+    EXPECT_EQ(traced(clear), 0);
+    EXPECT_EQ(classified("p"), "v1 10=voice 20=video 30=bulk");
+    done("p");
+    EXPECT_EQ(traced(clear), 1);
+    policy("p").appProfilePolicyRuleListDel(20), done("p");
+    EXPECT_EQ(traced("Add ruleKey: 30 appProfileId: bulk"), 1);
+    EXPECT_EQ(classified("p"), "v3 10=voice 30=bulk");
+    policy("p").appProfilePolicyRuleListDelAll(), done("p");
+    EXPECT_EQ(traced("Program classification module with nav application profiles for policy: p"),
+              1);
+    EXPECT_EQ(classified("p") + classified("q"), "v3v1 1=bulk");
+    cli.policyConfigDel("p");
+    EXPECT_EQ(traced("Delete navFeaturePolicyDir entry for policy: p"), 1);
+    rule("p", 10, 1, "voice"), done("p");
+    EXPECT_EQ(classified("p"), "v1 10=voice");
+}
+
+// Every order ends in the same, what an earlier life left is dropped, and nothing stays behind.
+TEST_F(PolicyTest, EveryOrderOfEventsBinds) {
+    auto& dir = *in.navFeaturePolicyDir;
+    std::string order = "BHPS";
+    do {
+        SCOPED_TRACE(order);
+        start(false);
+        for (const char* vrf : {"stale", "red"})
+            in.navStatusDir->navRuleStatusIs(vrf).navRuleEntryIs({99, 9, "gold"});
+        dir.featurePolicyIs("stale");
+        dir.appliedPolicyIs(Classification::vrfTarget).policyForTargetIs("stale", "stale");
+        for (const char event : order) {
+            if (event == 'B') bindTo("red", "p"), bindTo("default", "p");
+            if (event == 'H') vrfId("red", 0), vrfId("red", 1), vrfId("default", 0);
+            if (event == 'P') rule("p", 20, 2, "video"), rule("p", 10, 1, "voice"), done("p");
+            if (event == 'S') cli.navConfiguredIs(true);
+        }
+        ASSERT_EQ(show("red"), "p 10 20; 1/1=voice 1/2=video");
+        ASSERT_EQ(show("default"), "p 10 20; 0/1=voice 0/2=video");
+        ASSERT_EQ(show("stale"), "- -;");
+        ASSERT_EQ(classified("p") + classified("stale"), "v1 10=voice 20=video-");
+        cli.navConfiguredIs(false);
+        ASSERT_TRUE(in.navStatusDir->navRuleStatus().empty() && dir.featurePolicy().empty() &&
+                    dir.appliedPolicy().empty());
+        cli.policyConfigDelAll(), cli.vrfConfigDelAll();
+        in.routingHwRouteStatus->vrfStatusDelAll();
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST_F(PolicyTest, AnyInputThatGoesUnbindsItsVrfAlone) {
+    start();
+    rule("p", 10, 1, "voice"), done("p"), policy("q");
+    bindTo("red", "p"), bindTo("blue", "p");
+    EXPECT_EQ(traced("Deleting policyToVrfEntry & navRuleStatus"), 2);
+    vrfId("red", 0);
+    EXPECT_EQ(traced("Skip mapping from red to 0"), 1);
+    vrfId("red", 1), vrfId("blue", 2);
+    const auto check = [&](const char* what, auto&& take) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(show("red"), "p 10; 1/1=voice");
+        traces.clear();
+        take();
+        EXPECT_EQ(traced("Deleting navRuleStatus for vrf"), 1);
+        done("p"), done("q");
+        EXPECT_EQ(show("red"), "- -;");
+        EXPECT_EQ(show("blue"), "p 10; 2/1=voice");
+        bindTo("red", "q"), vrfId("red", 1);
+        EXPECT_EQ(show("red"), "q;") << "of a policy without rules";
+        bindTo("red", "p");
+    };
+    check("no VRF", [&] { in.routingHwRouteStatus->vrfStatusDel("red"); });
+    check("no id", [&] { vrfId("red", 0); });
+    check("no binding", [&] { cli.vrfConfigDel("red"); });
+    check("empty binding", [&] { bindTo("red", ""); });
+    check("no such policy", [&] { bindTo("red", "none"); });
+
+    cli.policyConfigDel("p");
+    EXPECT_EQ(show("red") + show("blue"), "p -;p -;") << "the applied policy stays";
+    cli.vrfConfigDel("red");
+    rule("p", 10, 1, "voice"), done("p");
+    EXPECT_EQ(show("red") + show("blue"), "- -;p 10; 2/1=voice");
+}
+
+// The rules of a VRF that were told to have changed.
+struct Told {
+    void handle(const NavRuleEntry& entry) { entries.push_back(entry); }
+    std::vector<NavRuleEntry> entries;
+};
+
+TEST_F(PolicyTest, AVersionTouchesOnlyTheRulesThatChanged) {
+    start();
+    for (const U32 key : {10, 20, 30}) rule("p", key, key / 10, "app");
+    policy("p").defaultRuleCfgdIs(true);
+    vrfId("red", 1), bindTo("red", "p");
+    EXPECT_EQ(show("red"), "p 10 20 30; 1/1=app 1/2=app 1/3=app") << "no profile, no default";
+    Told told;
+    const auto subscription = Vel::Subscription::to<&Told::handle>(
+        *in.navStatusDir->navRuleStatus("red"), NavRuleStatus::navRuleEntryAttr, &told);
+    using Entries = std::vector<NavRuleEntry>;
+    const auto changed = [&] {
+        EXPECT_TRUE(told.entries.empty()) << "before the change is finished";
+        done("p");
+        return std::exchange(told.entries, {});
+    };
+    const Entries byDefault{{NavConstants::defaultRuleKey, 0, "silver"}};
+    policy("p").defaultLbGrpNameIs("silver");
+    EXPECT_EQ(changed(), byDefault);
+    rule("p", 20, 2, "app", "silver");
+    EXPECT_EQ(changed(), (Entries{{20, 2, "gold"}, {20, 2, "silver"}}));
+    rule("p", 30, 1, "same"), rule("p", 10, 1, "renamed");
+    EXPECT_EQ(changed(), (Entries{{30, 3, "gold"}, {30, 1, "gold"}}));
+    EXPECT_EQ(show("red"), "p 10 20 30 4294967294; 1/0=default_app 1/1=same 1/2=app");
+    policy("p").appProfilePolicyRuleListDel(30);
+    EXPECT_EQ(changed(), (Entries{{30, 1, "gold"}}));
+    policy("p").defaultRuleCfgdIs(false);
+    EXPECT_EQ(changed(), byDefault);
+    EXPECT_EQ(show("red"), "p 10 20; 1/1=renamed 1/2=app") << "rule 10 has application 1 still";
+    policy("p").defaultRuleCfgdIs(true);
+    EXPECT_EQ(changed(), byDefault);
+    policy("p").defaultLbGrpNameIs("");
+    EXPECT_EQ(changed(), byDefault);
+    EXPECT_TRUE(changed().empty());
+}
+
+TEST_F(PolicyTest, EveryBindingGivesNewIds) {
+    const Netz::IpGenAddr site = ip("10.255.0.1");
+    const auto ids = [&](U32 vrfId) {
+        std::string text;
+        for (const U32 app : {1, 2})
+            if (const auto* entry =
+                    in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry({site, app, vrfId}))
+                text += std::to_string(entry->lbIndex()) + " gen " +
+                        std::to_string(entry->genId()) + ", ";
+        return text;
+    };
+    start();
+    for (const char* name : {"p", "q"}) rule(name, 10, 1, "voice"), rule(name, 20, 2, "video");
+    cli.loadBalanceProfileIs("gold").pathGroupPriorityIs("wan", 1);
+    in.siteGroupStatus->siteGroupStatusEntryIs({"wan", site}).pathIndexEntryIs(1);
+    vrfId("red", 1), bindTo("red", "p"), vrfId("blue", 2), bindTo("blue", "p");
+    done("p");
+    EXPECT_EQ(ids(1), "1 gen 1, 2 gen 1, ");
+    bindTo("red", "q");
+    EXPECT_EQ(ids(1), "5 gen 1, 6 gen 1, ");
+    vrfId("red", 7);
+    EXPECT_EQ(ids(1) + ids(7), "7 gen 1, 8 gen 1, ");
+    EXPECT_EQ(show("red"), "q 10 20; 7/1=voice 7/2=video");
+    in.routingHwRouteStatus->vrfStatusDel("red");
+    EXPECT_EQ(ids(7), "");
+    EXPECT_TRUE(*navDb().vrfNameToId("red") == 7 && navDb().vrfIdToName(7));
+    vrfId("red", 8);
+    EXPECT_EQ(ids(8), "9 gen 1, 10 gen 1, ");
+    EXPECT_FALSE(navDb().vrfIdToName(1) || navDb().vrfIdToName(7)) << "names of earlier ids";
+    EXPECT_EQ(ids(2), "3 gen 1, 4 gen 1, ");
+    cli.policyConfigDel("q"), cli.policyConfigDel("p");
+    EXPECT_TRUE(in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry().empty());
+}
+
+}  // namespace
+}  // namespace Nav::Test
