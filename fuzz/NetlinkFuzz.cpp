@@ -1,0 +1,32 @@
+// Netlink messages: any bytes are read within their bounds, and no prefix is longer than addresses
+// are.
+#include <linux/rtnetlink.h>
+
+#include "agent/linux/FibLookup.h"
+#include "agent/linux/LinkTable.h"
+#include "agent/linux/NeighbourTable.h"
+#include "platform/netz/Assert.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace Agent::Linux;
+    LinkTable links;
+    NeighbourTable neighbours;
+    for (const Message& message : Messages(std::as_bytes(std::span(data, size)))) {
+        links.apply(message);
+        neighbours.apply(message);
+        refusalText(message);
+        for (uint16_t type : {message.type, uint16_t{RTM_NEWROUTE}, uint16_t{RTM_NEWNEXTHOP}}) {
+            Message as = message;
+            as.type = type;
+            const auto destination = Netz::IpGenAddr::fromV4(0xC6336402);
+            for (const RouteVia& via : parseRoute(as, destination).result.vias)
+                VEL_ASSERT(via.weight >= 1 && via.weight <= 65536, "a weight that cannot be");
+            parseNexthop(as);
+        }
+    }
+    for (const Interface& interface : links.view().interfaces) {
+        VEL_ASSERT(interface.primary4.prefixLength <= 32, "an IPv4 prefix longer than 32 bits");
+        VEL_ASSERT(interface.primary6.prefixLength <= 128, "an IPv6 prefix longer than 128 bits");
+    }
+    return 0;
+}

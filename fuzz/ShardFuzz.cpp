@@ -1,0 +1,72 @@
+// Shared maps: a segment made of any bytes is read without harm, and the next writer either takes
+// it over whole or replaces it; both ways the map then works.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/netz/Assert.h"
+#include "platform/shard/Map.h"
+
+namespace {
+
+using namespace Shard;
+
+constexpr uint32_t capacity = 4;
+using Value = std::array<uint64_t, 3>;
+
+// What a damaged map may hold, at most one entry a slot and one change a record.
+constexpr uint32_t most = 4096;
+
+struct RunDirectory {
+    RunDirectory() : path(mkdtemp(pattern)) {}
+    ~RunDirectory() { std::filesystem::remove(path); }
+    char pattern[24] = "/tmp/shard-fuzz-XXXXXX";
+    std::string path;
+};
+
+template <class Map, class Value>
+void readAndTakeOver(const Namespace& space, const Value& value, uint64_t listBytes) {
+    static typename Map::Reader reader(space, "map");  // stays, as the kernel's watches are slow
+    reader.update();
+    Value got;
+    for (uint32_t key = 0; key < 2 * capacity; ++key) reader.find(key, got);
+    uint32_t seen = 0;
+    reader.forEach([&](uint32_t, const Value&) { ++seen; });
+    reader.changes([&](uint32_t) { ++seen; });
+    reader.changes([&](uint32_t) { ++seen; });
+    VEL_ASSERT(seen < most, "more was found than there can be");
+
+    typename Map::Writer writer(space, "map", capacity, listBytes);
+    for (uint32_t key = 0; key < 2 * capacity; ++key) writer.valueDel(key);
+    writer.clear();
+    for (uint32_t key = 0; key < capacity; ++key) writer.valueIs(key, value);
+    writer.commit();
+    reader.update();
+    for (uint32_t key = 0; key < capacity; ++key)
+        VEL_ASSERT(reader.find(key, got) == Lookup::found && got == value,
+                   "the next writer's value is not found");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const RunDirectory run;
+    static const Namespace space(run.path);
+    const std::string name = space.segmentName("map");
+    const auto putBytes = [&] {
+        shm_unlink(name.c_str());
+        const Descriptor fd(shm_open(name.c_str(), O_RDWR | O_CREAT, S_IRUSR | S_IWUSR));
+        VEL_ASSERT(write(fd.get(), data, size) == static_cast<ssize_t>(size), "no shared memory");
+    };
+    putBytes();
+    readAndTakeOver<Map<uint32_t, Value>>(space, Value{1, 2, 3}, 0);
+    putBytes();
+    readAndTakeOver<ListMap<uint32_t, Value, 4>>(space, std::vector<Value>{{1, 2, 3}, {4, 5, 6}},
+                                                 1024);
+    shm_unlink(name.c_str());
+    return 0;
+}
