@@ -604,7 +604,7 @@ void Oracle::rules() const {
     for (const auto& [vrf, policy] : reconciled_) {
         same(entriesOf(policy), seen_.rules.at(vrf), "/navStatusDir/navRuleStatus[", vrf,
              "]/navRuleEntry");
-        auto named = [&](U32 appId, const String& name) {
+        auto named = [&, &vrf = vrf](U32 appId, const String& name) {
             const Nav::VrfAppKey key{*vrfIdOf(now_, vrf), appId};
             applications[key] = {key, vrf.str(), name};
         };
