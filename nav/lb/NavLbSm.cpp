@@ -333,7 +333,7 @@ void LbProfileSm::handleNavRuleEntry(const NavRuleEntry& rule, const L3::VrfName
             deleteLbIdStatus(key, entry.lbProfileName);
         } else {
             DUOLOG(lbTrace, 7, "pgName: ", pgName,
-                   " not part of lbConfig or no valid lbConfig for ", entry.lbProfileName);
+                   " not part of lbConfig or no valid lbConfig for lbName");
             removeSiteGroup(key, entry.lbProfileName, siteGroup);
         }
     }

@@ -95,9 +95,10 @@ TEST_F(LoadBalance, GenerationCountsOncePerBatchAndOncePerPath) {
     start();
     list("gold", "wan", 1), list("gold", "lte", 2), list("silver", "wan", 3);
     path("wan", s1, 1), path("wan", s1, 2), path("lte", s1, 3), path("wan", s2, 4);
+    in.siteGroupStatus->siteGroupStatusEntryIs({"lte", ip(s2)});
     rule("red", 10, 7, "gold"), rule("red", 20, 8, "silver"), rule("blue", 10, 7, "gold");
     EXPECT_EQ(show(7), "1 gen 2: 1/1/wan 2/1/wan 3/2/lte") << "one batch for each group";
-    EXPECT_EQ(show(7, 1, s2), "2 gen 1: 4/1/wan");
+    EXPECT_EQ(show(7, 1, s2), "2 gen 1: 4/1/wan") << "none for a group without paths";
     EXPECT_EQ(show(8), "3 gen 2: 1/3/wan 2/3/wan") << "and once for each path of another group";
     EXPECT_EQ(show(7, 2), "5 gen 2: 1/1/wan 2/1/wan 3/2/lte");
 
@@ -201,7 +202,7 @@ TEST_F(LoadBalance, AProfileThatComesAgainGivesNewIds) {
     rule("red", 10, 7, "gold"), rule("blue", 10, 7, "gold"), rule("red", 20, 8, "bronze");
     capture("lb");
     path("wan", s1, 1), path("lte", s1, 2), list("bronze", "wan", 4), list("gold", "wan", 1);
-    EXPECT_TRUE(traced("pgName: lte not part of lbConfig or no valid lbConfig for bronze"));
+    EXPECT_TRUE(traced("pgName: lte not part of lbConfig or no valid lbConfig for lbName"));
     cli.loadBalanceProfile("gold")->latencyIs(20);
     EXPECT_EQ(show(7), "2 gen 3: 1/1/wan");
     cli.loadBalanceProfileDel("gold");
@@ -254,6 +255,17 @@ TEST_F(LoadBalance, RulesOfOneApplicationShareItsKey) {
         noRule("red", 20, 7, "silver"), is(" 1/1/wan 2/1/wan");
         EXPECT_TRUE(db.lbNameToLbKeySet("silver")->lbKey().empty());
         rule("red", 20, 7, "silver"), is(" 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
+        // Paths may join another group before they leave theirs, which then vanishes.
+        for (const U32 index : {1, 2}) {
+            path("lte", s1, index);
+            in.siteGroupStatus->siteGroupStatusEntry({"wan", ip(s1)})->pathIndexEntryDel(index);
+        }
+        is(" 1/6/lte 2/6/lte 3/6/lte 4/6/lte");
+        in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(s1)});
+        is(" 1/6/lte 2/6/lte 3/6/lte 4/6/lte", 20);
+        path("wan", s1, 1), path("wan", s1, 2);
+        for (const U32 index : {1, 2})
+            in.siteGroupStatus->siteGroupStatusEntry({"lte", ip(s1)})->pathIndexEntryDel(index);
         noRule("red", 10, 7, "gold"), is(" 1/8/wan 2/8/wan 3/6/lte 4/6/lte", 20);
         // Two rules that name one profile count as one.
         rule("red", 30, 7, "silver");
