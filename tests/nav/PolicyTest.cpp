@@ -144,12 +144,17 @@ TEST_F(PolicyTest, AnyInputThatGoesUnbindsItsVrfAlone) {
     check("no binding", [&] { cli.vrfConfigDel("red"); });
     check("empty binding", [&] { bindTo("red", ""); });
     check("no such policy", [&] { bindTo("red", "none"); });
+    auto& reactor = *root->navContainer()->navLoadBalancerSm();
+    reactor.handleNavPolicyConfigVersion("green", "p");
+    reactor.handleNavPolicyConfigVersion("red", "none");
+    EXPECT_EQ(traced("No policyEntry for policyName: none"), 1);
+    EXPECT_EQ(show("red") + show("green"), "p 10; 1/1=voice- -;");
 
     cli.policyConfigDel("p");
     EXPECT_EQ(show("red") + show("blue"), "p -;p -;") << "the applied policy stays";
-    cli.vrfConfigDel("red");
+    bindTo("red", "q");
     rule("p", 10, 1, "voice"), done("p");
-    EXPECT_EQ(show("red") + show("blue"), "- -;p 10; 2/1=voice");
+    EXPECT_EQ(show("red") + show("blue"), "q;p 10; 2/1=voice");
 }
 
 // The rules of a VRF that were told to have changed.
@@ -212,7 +217,9 @@ TEST_F(PolicyTest, EveryBindingGivesNewIds) {
     done("p");
     EXPECT_EQ(ids(1), "1 gen 1, 2 gen 1, ");
     bindTo("red", "q");
+    rule("p", 30, 3, "bulk", "none"), done("p");
     EXPECT_EQ(ids(1), "5 gen 1, 6 gen 1, ");
+    EXPECT_EQ(show("red"), "q 10 20; 1/1=voice 1/2=video");
     vrfId("red", 7);
     EXPECT_EQ(ids(1) + ids(7), "7 gen 1, 8 gen 1, ");
     EXPECT_EQ(show("red"), "q 10 20; 7/1=voice 7/2=video");
