@@ -1,0 +1,10 @@
+// Counts what the program allocates by operator new.
+#pragma once
+
+#include "bench/Bench.h"
+
+namespace Bench {
+
+U64 allocations();  // so far
+
+}  // namespace Bench

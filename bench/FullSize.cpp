@@ -1,0 +1,122 @@
+#include "bench/FullSize.h"
+
+namespace Bench {
+
+namespace {
+
+Netz::IpGenAddr site(U32 number) {
+    return Netz::IpGenAddr::fromV4(0x0aff0001 + number);
+}
+std::string numbered(const char* word, U32 number) {
+    return word + std::to_string(number);
+}
+
+}  // namespace
+
+Netz::IntfId Router::intf(U32 interface) {
+    return Netz::IntfId(numbered("Ethernet", interface + 1));
+}
+Netz::IpGenAddr Router::source(U32 interface) {
+    return Netz::IpGenAddr::fromV4(0xcb007101 + (interface << 8));
+}
+Netz::IpGenAddr Router::destination(U32 path) {
+    return Netz::IpGenAddr::fromV4(0xc6336401 + path);
+}
+Nav::PathKey Router::pathKey(U32 path) const {
+    return {source(interfaceOf(path)), destination(path), 0};
+}
+Shard::Fib::Via Router::via(U32 path, U32 hop) const {
+    const U32 interface = interfaceOf(path);
+    return {Netz::IpGenAddr::fromV4(0xcb007100 + (interface << 8) + 250 + hop % 4),
+            intf(interface)};
+}
+
+Router::Router(const Size& size, bool configured)
+    : size(size),
+      in{Vel::make<Nav::NavCliConfig>("cliConfig"),
+         Vel::make<Nav::PathConfigDir>("pathConfigDir"),
+         Vel::make<Nav::NavStatusDir>("navStatusDir"),
+         Vel::make<Nav::SiteGroupStatus>("siteGroupStatus"),
+         Vel::make<Nav::HwPathStatus>("hwPathStatus"),
+         Vel::make<Ipsec::Path::PathConfigDir>("ipsecPathConfigDir"),
+         Vel::make<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir"),
+         Vel::make<Classification::FeaturePolicyDir>("navFeaturePolicyDir"),
+         Vel::make<Ip::Status>("ipStatusDir"),
+         Vel::make<Ip6::Status>("ip6StatusDir"),
+         Vel::make<Routing::NexthopConfig>("nexthopConfig"),
+         Vel::make<Routing::NexthopStatus>("nexthopStatus"),
+         Vel::make<Shard::Fib::ForwardingStatus>("forwardingStatus"),
+         Vel::make<Shard::Fib6::ForwardingStatus>("forwarding6Status"),
+         Vel::make<Routing::Hardware::RouteStatus>("routingHwRouteStatus"),
+         Vel::make<Vel::Dir>("navCliRequestDir"),
+         Vel::make<Vel::Scheduler>(clock)} {
+    Nav::NavCliConfig& cli = *in.cliConfig;
+    auto& profile = cli.loadBalanceProfileIs("gold");
+    auto& results = in.nexthopStatus->vrfIs("default");
+    U32 path = 0;
+    for (U32 i = 0; i < interfaces; ++i) {
+        in.ipStatusDir->ipIntfStatusIs(intf(i)).activeAddrWithMaskIs({source(i), 24});
+        auto& group = cli.pathGroupConfigIs(numbered("group", i));
+        group.localIntfIs(intf(i));
+        profile.pathGroupPriorityIs(group.name(), i + 1);
+        for (U32 s = 0; s < size.sites + size.spares; ++s, ++path) {
+            group.remoteViaConfigIs(site(s % size.sites)).remoteViaIs(destination(path));
+            in.forwardingStatus->fecIs(path + 1, Shard::Fib::Fec({via(path)}));
+            results.nexthopIs({destination(path), path + 1});
+        }
+    }
+    auto& policy = cli.policyConfigIs("policy");
+    for (U32 app = 1; app <= size.apps; ++app) {
+        auto& rule = policy.appProfilePolicyRuleListIs(app);
+        rule.appProfileIdIs(app);
+        rule.appProfileNameIs(numbered("app", app));
+        rule.lbGrpNameIs("gold");
+    }
+    policy.configVersionIs(1);
+    for (U32 v = 0; v < size.vrfs; ++v) {
+        const L3::VrfName vrf = v == 0 ? "default" : numbered("vrf", v);
+        in.routingHwRouteStatus->vrfStatusIs(vrf).vrfIdIs(v);
+        cli.vrfConfigIs(vrf).policyNameIs("policy");
+    }
+    root = Nav::NavRootSmIs(in);
+    if (!configured) return;
+    configuredIs(true);
+    program();
+}
+
+void Router::configuredIs(bool on) {
+    in.cliConfig->navConfiguredIs(on);
+    in.scheduler->runDue();
+}
+
+// As a forwarding agent does, for the indices that the paths have now.
+void Router::program() {
+    for (const Nav::PathConfig& vrf : in.pathConfigDir->pathConfig())
+        for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
+            const Nav::PathKey& key = path.key();
+            auto& entry = in.hwPathStatus->hwPathStatusListIs(
+                {key.srcAddr, key.dstAddr, key.vrfId, path.pathIndex()});
+            entry.hwPathIndexIs(path.pathIndex());
+            entry.hwArpIndexIs(path.pathIndex());
+        }
+    in.scheduler->runDue();
+}
+
+void Router::interfaceFails(U32 interface) {
+    in.ipStatusDir->ipIntfStatus(intf(interface))->activeAddrWithMaskIs({});
+    in.scheduler->runDue();
+}
+
+void Router::interfaceReturns(U32 interface) {
+    in.ipStatusDir->ipIntfStatus(intf(interface))->activeAddrWithMaskIs({source(interface), 24});
+    in.scheduler->runDue();
+    in.hwPathStatus->hwPathStatusListDelAll();
+    program();
+}
+
+void Router::fecChanges(U32 path, U32 hop) {
+    in.forwardingStatus->fecIs(path + 1, Shard::Fib::Fec({via(path, hop)}));
+    in.scheduler->runDue();
+}
+
+}  // namespace Bench

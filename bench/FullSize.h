@@ -1,0 +1,54 @@
+// A router at full size: 128 paths over four WAN interfaces to 31 sites, all programmed, and 1023
+// load-balance keys (each site for 11 applications in 3 VRFs), whose members are the site's paths.
+// Or with fewer sites, applications or VRFs.
+#pragma once
+
+#include <string>
+
+#include "nav/root/NavRootSm.h"
+
+namespace Bench {
+
+using Vel::U32;
+using Vel::U64;
+
+struct Size {
+    U32 sites = 31;
+    U32 apps = 11;
+    U32 vrfs = 3;
+    U32 spares = 1;  // of each interface: sites with a second destination
+    U32 paths() const { return 4 * (sites + spares); }
+    U32 keys() const { return sites * apps * vrfs; }
+};
+
+class Router {
+  public:
+    static constexpr U32 interfaces = 4;
+
+    explicit Router(const Size& size = {}, bool configured = true);
+
+    void configuredIs(bool on);
+    // Takes the interface's address away, or gives it back and has all paths programmed again.
+    void interfaceFails(U32 interface);
+    void interfaceReturns(U32 interface);
+    // Moves the one via of a path's FEC to another next hop, and runs what is due.
+    void fecChanges(U32 path, U32 hop);
+
+    const Size size;
+    Loom::ManualClock clock;
+    Nav::NavInputs in;
+    Vel::Ptr<Nav::NavRootSm> root;
+
+    static Netz::IntfId intf(U32 interface);
+    static Netz::IpGenAddr source(U32 interface);
+    // Each path has its own destination and FEC, counted from 0 by interface.
+    static Netz::IpGenAddr destination(U32 path);
+    U32 interfaceOf(U32 path) const { return path / (size.sites + size.spares); }
+    Nav::PathKey pathKey(U32 path) const;
+    Shard::Fib::Via via(U32 path, U32 hop = 1) const;
+
+  private:
+    void program();
+};
+
+}  // namespace Bench

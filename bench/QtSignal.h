@@ -1,0 +1,14 @@
+// A Qt object with one signal, in a header of its own for Qt's code generator.
+#pragma once
+
+#include <QObject>
+
+namespace Bench {
+
+class QtSignal : public QObject {
+    Q_OBJECT
+  Q_SIGNALS:
+    void emitted();
+};
+
+}  // namespace Bench

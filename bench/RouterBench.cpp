@@ -1,0 +1,276 @@
+// The whole library: one event from end to end, a failing interface, the container switched on, a
+// show command.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "bench/Bench.h"
+#include "bench/FullSize.h"
+#include "bench/RunDirectory.h"
+#include "platform/trace/Duolog.h"
+#include "tests/oracle/Oracle.h"
+
+#if defined(BENCH_SIGNALS2) && defined(BENCH_SPDLOG) && defined(BENCH_LMDB)
+#define BENCH_STACK
+#include <lmdb.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/ringbuffer_sink.h>
+
+#include <boost/signals2.hpp>
+#endif
+
+namespace Bench {
+namespace {
+
+using Nav::HwPathInfo;
+using Shard::Fib::Via;
+
+// Raises an error unless the router is as full as it should be.
+void requireFull(const Router& router) {
+    U32 members = 0;
+    for (const auto& key : router.in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry())
+        members += key.pathEntry().size();
+    if (router.root->navContainer()->navDb()->pathKeyInfo().size() != router.size.paths() ||
+        members != router.size.paths() * router.size.apps * router.size.vrfs)
+        throw std::runtime_error("the router is not at full size");
+}
+
+void event(benchmark::State& state, int level) {
+    Router router;
+    requireFull(router);
+    const auto& paths = *router.in.navStatusDir->navPathStatusDir()->pathStatus("default");
+    Duolog::levelIs("*", level);
+    U32 path = 0, hop = 0;
+    for (auto _ : state) {
+        path = (path + 1) % router.size.paths();
+        hop += path == 0;
+        router.fecChanges(path, hop);
+    }
+    Duolog::levelIs("*", Duolog::Facility::defaultLevel);
+    const auto* status = paths.pathStatusEntry(router.pathKey(path));
+    if (!status || status->pathInfo().via != router.via(path, hop))
+        state.SkipWithError("the path was not published");
+}
+
+// The same as one function over arrays in which every place is known beforehand.
+struct Flat {
+    struct Fec {
+        U32 path;
+        Via via;
+    };
+    struct Path {
+        Netz::IntfId intf;
+        U32 index;
+        Nav::PathType type;
+        HwPathInfo published;
+    };
+    std::vector<Fec> fecs;
+    std::vector<Path> paths;
+
+    explicit Flat(const Router& router) {
+        for (U32 path = 0; path < router.size.paths(); ++path) {
+            fecs.push_back({path, router.via(path)});
+            paths.push_back({Router::intf(router.interfaceOf(path)),
+                             path + 1,
+                             Nav::PathType::unsecuredPath,
+                             {}});
+        }
+    }
+    void fecChanges(U32 fec, const Via& via) {
+        fecs[fec].via = via;
+        Path& path = paths[fecs[fec].path];
+        if (via.intfId != path.intf) return;
+        path.published = {path.type, Nav::PathState::resolved, path.index, via};
+    }
+};
+
+std::vector<Via> viasOf(const Router& router) {
+    std::vector<Via> vias;
+    for (U32 path = 0; path < router.size.paths(); ++path) vias.push_back(router.via(path, 2));
+    return vias;
+}
+
+void eventLimit(benchmark::State& state) {
+    const Router router;
+    Flat flat(router);
+    const auto vias = viasOf(router);
+    U32 path = 0;
+    for (auto _ : state) {
+        path = (path + 1) % router.size.paths();
+        opaque(&flat)->fecChanges(path, vias[path]);
+    }
+}
+
+#ifdef BENCH_STACK
+// The same by what one would otherwise take: the FEC in a shared database, a signal for it, a line
+// of trace for each of what our handlers decide, the status, a signal for that.
+void eventStack(benchmark::State& state) {
+    namespace signals = boost::signals2;
+    using Signal =
+        signals::signal_type<void(U32), signals::keywords::mutex_type<signals::dummy_mutex>>::type;
+    const Router router;
+    Flat flat(router);
+    const auto vias = viasOf(router);
+    RunDirectory directory;
+    MDB_env* env;
+    mdb_env_create(&env);
+    mdb_env_open(env, directory.path().c_str(), MDB_NOSYNC | MDB_WRITEMAP, 0600);
+    MDB_txn* txn;
+    MDB_dbi fecs;
+    mdb_txn_begin(env, nullptr, 0, &txn);
+    mdb_dbi_open(txn, nullptr, MDB_INTEGERKEY, &fecs);
+    mdb_txn_commit(txn);
+    spdlog::logger log("bench", std::make_shared<spdlog::sinks::ringbuffer_sink_st>(1024));
+    Signal fecChanged, statusChanged;
+    U64 told = 0;
+    fecChanged.connect([&](U32 fec) {
+        log.info("Adding fec {} to the backlog", fec);
+        flat.fecChanges(fec, vias[fec]);
+        log.info("Resolved path {} pathState: {}", fec, 1);
+        statusChanged(fec);
+    });
+    statusChanged.connect([&](U32) { ++told; });
+    U32 path = 0;
+    for (auto _ : state) {
+        path = (path + 1) % router.size.paths();
+        mdb_txn_begin(env, nullptr, 0, &txn);
+        MDB_val key{sizeof path, &path}, value{sizeof(Via), const_cast<Via*>(&vias[path])};
+        mdb_put(txn, fecs, &key, &value, 0);
+        mdb_txn_commit(txn);
+        fecChanged(path);
+    }
+    mdb_env_close(env);
+    if (told != U64(state.iterations())) state.SkipWithError("not each event was told");
+}
+BENCHMARK(eventStack)->Name("event/Signals2, spdlog, LMDB");
+#endif
+
+void interfaceFails(benchmark::State& state) {
+    Router router;
+    requireFull(router);
+    for (auto _ : state) {
+        timed(state, [&] { router.interfaceFails(1); });
+        state.PauseTiming();
+        router.interfaceReturns(1);
+        state.ResumeTiming();
+    }
+    requireFull(router);
+}
+
+void switchOn(benchmark::State& state) {
+    Router router;
+    for (auto _ : state) {
+        router.configuredIs(false);
+        timed(state, [&] { router.configuredIs(true); });
+    }
+    requireFull(router);
+}
+
+// Everything that must be published, computed in plain containers from copies of the inputs.
+void recompute(benchmark::State& state) {
+    Router router;
+    Oracle::Oracle oracle;
+    auto check = [&] {
+        auto inputs = Oracle::inputsOf(router.in);
+        auto seen = Oracle::publishedIn(router.in, router.root->navContainer()->navDb());
+        timed(state, [&] { oracle.check(std::move(inputs), std::move(seen), true); });
+    };
+    for (auto _ : state) check();
+}
+
+// What a client of the show command gets, over a socket as always.
+struct Client {
+    int ends[2];
+    std::vector<char> buffer = std::vector<char>(1 << 18);
+    Client() {
+        ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
+        const int room = 1 << 20;
+        ::setsockopt(ends[0], SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room);
+    }
+    ~Client() {
+        ::close(ends[0]);
+        ::close(ends[1]);
+    }
+    std::string read() {
+        std::string text;
+        for (ssize_t n; (n = ::recv(ends[1], buffer.data(), buffer.size(), MSG_DONTWAIT)) > 0;)
+            text.append(buffer.data(), size_t(n));
+        return text;
+    }
+};
+
+template <class Answer>
+void show(benchmark::State& state, Answer&& answer) {
+    const Router router;
+    Client client;
+    const U32 fd = U32(client.ends[0]);
+    router.root->showNavPaths(fd);
+    const std::string expected = client.read();
+    for (auto _ : state) {
+        timed(state, [&] { answer(router, int(fd), expected); });
+        if (client.read().size() != expected.size())
+            return state.SkipWithError("the answer is not the same");
+    }
+}
+
+void showOurs(benchmark::State& state) {
+    show(state, [](const Router& router, int fd, const std::string&) {
+        router.root->showNavPaths(U32(fd));
+    });
+}
+void showLimit(benchmark::State& state) {
+    show(state, [](const Router&, int fd, const std::string& text) {
+        if (::write(fd, text.data(), text.size()) < 0) std::abort();
+    });
+}
+
+// What both ways of printing print, with as much of the work done beforehand as possible.
+template <class Print>
+void printAnswer(const Router& router, Print&& print) {
+    print("%s", "{'navPathSelPaths': [");
+    for (const Nav::PathKeyInfo& path : router.root->navContainer()->navDb()->pathKeyInfo()) {
+        print("{ 'pathGroup' : '%s", path.siteGroupKey().name.c_str());
+        print("', 'source' : '%s", path.pathKey().srcAddr.stringValue().c_str());
+        print("', 'destination' : '%s", path.pathKey().dstAddr.stringValue().c_str());
+        print("', 'peer' : '%s", path.siteGroupKey().routerIp.stringValue().c_str());
+        print("', 'state' : '%s", "Estab");
+        print("',  'pathName': 'Path%s", std::to_string(path.pathIndex()).c_str());
+        print("%s", "', }, ");
+    }
+    print("%s", "]}");
+}
+void showSnprintf(benchmark::State& state) {
+    show(state, [](const Router& router, int fd, const std::string& expected) {
+        std::string text(expected.size() + 1, '\0');
+        size_t at = 0;
+        printAnswer(router, [&](const char* format, const char* field) {
+            at += size_t(std::snprintf(&text[at], text.size() - at, format, field));
+        });
+        if (::write(fd, text.data(), at) < 0) std::abort();
+    });
+}
+void showDprintf(benchmark::State& state) {
+    show(state, [](const Router& router, int fd, const std::string&) {
+        printAnswer(router,
+                    [&](const char* format, const char* field) { ::dprintf(fd, format, field); });
+    });
+}
+
+BENCHMARK_CAPTURE(event, , 8)->Name("event/ours");
+BENCHMARK_CAPTURE(event, , 5)->Name("event/ours untraced");
+BENCHMARK(eventLimit)->Name("event/limit");
+BENCHMARK(interfaceFails)->UseManualTime()->Iterations(5)->Name("interface/ours");
+BENCHMARK(recompute)->UseManualTime()->Iterations(5)->Name("interface/recomputation");
+BENCHMARK(switchOn)->UseManualTime()->Iterations(5)->Name("container/ours");
+BENCHMARK(recompute)->UseManualTime()->Iterations(5)->Name("container/recomputation");
+BENCHMARK(showOurs)->UseManualTime()->Name("show/ours");
+BENCHMARK(showLimit)->UseManualTime()->Name("show/limit");
+BENCHMARK(showSnprintf)->UseManualTime()->Name("show/snprintf");
+BENCHMARK(showDprintf)->UseManualTime()->Iterations(5)->Name("show/dprintf by field");
+
+}  // namespace
+}  // namespace Bench
