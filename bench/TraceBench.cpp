@@ -12,9 +12,6 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/ringbuffer_sink.h>
 #endif
-#ifdef BENCH_LTTNG
-#include "bench/LttngEvent.h"
-#endif
 
 namespace Bench {
 namespace {
@@ -89,12 +86,6 @@ void spdlogRing(benchmark::State& state, int level) {
     trace(state, level, [&](U32 index) { logger.info("Adding pathIndex: {} to site", index); });
 }
 #endif
-#ifdef BENCH_LTTNG
-void lttng(benchmark::State& state, int level) {
-    if (!lttngEventIsOn()) return state.SkipWithError("no LTTng session records this event");
-    trace(state, level, [](U32 index) { lttngEvent(index); });
-}
-#endif
 
 BENCHMARK_CAPTURE(decision, , 5)->Name("trace-off/ours");
 BENCHMARK_CAPTURE(nothing, , 5)->Name("trace-off/limit");
@@ -108,9 +99,6 @@ BENCHMARK_CAPTURE(format, , 7)->Name("trace-decision/fmt");
 #endif
 #ifdef BENCH_SPDLOG
 BENCHMARK_CAPTURE(spdlogRing, , 7)->Name("trace-decision/spdlog ring buffer");
-#endif
-#ifdef BENCH_LTTNG
-BENCHMARK_CAPTURE(lttng, , 7)->Name("trace-decision/LTTng-UST");
 #endif
 
 }  // namespace
