@@ -1,5 +1,6 @@
 #include "agent/Json.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -111,23 +112,28 @@ class PlaceFinder : public nlohmann::json_sax<Json> {
 }  // namespace
 
 Json parseJson(std::string_view text) {
+    size_t line = 1;
+    auto refuse = [&line](const std::string& reason) {
+        throw JsonError("line " + std::to_string(line) + ": " + reason);
+    };
     // The parser would take it for the end of the text.
-    if (text.find('\0') != text.npos) throw JsonError("a NUL byte");
+    if (const size_t nul = text.find('\0'); nul != text.npos) {
+        line += static_cast<size_t>(std::count(text.begin(), text.begin() + nul, '\n'));
+        refuse("a NUL byte");
+    }
     std::array<int, maxJsonDepth + 2> members{};  // of the object that is open at each depth
-    auto bounded = [&members](int depth, Json::parse_event_t event, const Json&) {
-        if (depth > maxJsonDepth) {
-            throw JsonError("nested deeper than " + std::to_string(maxJsonDepth) + " levels");
-        }
+    auto bounded = [&](int depth, Json::parse_event_t event, const Json&) {
+        if (depth > maxJsonDepth)
+            refuse("nested deeper than " + std::to_string(maxJsonDepth) + " levels");
         const auto level = static_cast<size_t>(depth);
         if (event == Json::parse_event_t::object_start) members[level + 1] = 0;
-        if (event == Json::parse_event_t::key && ++members[level] > maxJsonMembers) {
-            throw JsonError("an object of more than " + std::to_string(maxJsonMembers) +
-                            " members");
-        }
+        if (event == Json::parse_event_t::key && ++members[level] > maxJsonMembers)
+            refuse("an object of more than " + std::to_string(maxJsonMembers) + " members");
         return true;
     };
     try {
-        return Json::parse(text.begin(), text.end(), bounded);
+        return Json::parse(CountingIterator(text.data(), line),
+                           CountingIterator(text.data() + text.size(), line), bounded);
     } catch (const Json::exception& error) {
         const std::string_view message = error.what();
         const size_t place = message.find("line ");

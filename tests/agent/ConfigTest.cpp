@@ -65,7 +65,7 @@ TEST(ConfigTest, ARefusalNamesTheLineOfTheFault) {
               "\"10.0.0.2\": {\"remoteVia\": [\n\"2001:DB8:0::1\"]}}}}}",
               "line 4: /pathGroupConfig/a/remoteViaConfig/10.0.0.2/remoteVia/0: 2001:db8::1 is"},
              {"[]", "line 1: expected an object of Nav::NavCliConfig"},
-             {std::string(1 << 20, '['), "nested deeper"},
+             {std::string(1 << 20, '['), "line 1: nested deeper"},
              {"{\"name\": \"\xff\"}", "line 1"},
              {"", "line 1"}})
         EXPECT_EQ(refusal(text).substr(0, reason.size()), reason) << refusal(text);
