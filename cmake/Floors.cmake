@@ -9,7 +9,7 @@ if(NAV_SANITIZE)
                                                  -fno-sanitize-recover=all)
     target_link_options(nav_options INTERFACE -fsanitize=${NAV_SANITIZE})
     # What the instrumentation adds makes g++ see uninitialised members in the standard library.
-    target_compile_options(nav_options INTERFACE -Wno-maybe-uninitialized)
+    target_compile_options(nav_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 
 find_program(CCACHE ccache)
