@@ -1,12 +1,13 @@
 """The programs together, as an operator runs them: product_test.py BUILD_DIR SOURCE_DIR.
 
 The commands that README.md shows; the shared tables from start to stop, crashes included; what a
-broken invariant leaves behind. Each case has run directories of its own.
+broken invariant leaves behind; an agent under valgrind. Each case has run directories of its own.
 """
 import contextlib
 import json
 import os
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -53,9 +54,9 @@ class Products(unittest.TestCase):
     def run_dir(self):
         return self.processes.enter_context(tempfile.TemporaryDirectory(prefix="nav-product-"))
 
-    def start(self, run_dir, program, *arguments, **options):
+    def start(self, run_dir, program, *arguments, under=(), **options):
         with open(f"{run_dir}/errors", "w", encoding="utf-8") as errors:
-            process = subprocess.Popen([programs[program], "--run-dir", run_dir, *arguments],
+            process = subprocess.Popen([*under, programs[program], "--run-dir", run_dir, *arguments],
                                        stderr=errors, text=True, cwd=source, **options)
         self.processes.callback(process.communicate)
         self.processes.callback(process.terminate)
@@ -65,8 +66,8 @@ class Products(unittest.TestCase):
         with open(f"{run_dir}/errors", encoding="utf-8") as file:
             return file.read()
 
-    def agent(self, run_dir, *arguments):
-        process = self.start(run_dir, "nav-agent", *arguments)
+    def agent(self, run_dir, *arguments, **options):
+        process = self.start(run_dir, "nav-agent", *arguments, **options)
         await_("the agent answers", lambda: self.navctl(run_dir, "ping").returncode == 0)
         return process
 
@@ -146,6 +147,23 @@ class Products(unittest.TestCase):
         with open(f"{run_dir}/postmortem.trace", encoding="utf-8") as file:
             self.assertIn("198.51.1.28", file.read())
         self.assertEqual(self.stop(self.agent(run_dir)), 0)
+
+    def test_nothing_is_lost_or_read_astray(self):
+        with open(f"{build}/CMakeCache.txt", encoding="utf-8") as cache:
+            if re.search(r"^NAV_SANITIZE:\w+=.", cache.read(), re.M):
+                self.skipTest("the sanitizers look for the same, and do not go with valgrind")
+        if not shutil.which("valgrind"):
+            self.skipTest("valgrind is not installed")
+        run_dir = self.run_dir()
+        agent = self.agent(run_dir, *branch, under=["valgrind", "--quiet", "--leak-check=full",
+                                                    "--error-exitcode=9"])
+        await_("all paths are up", lambda: self.navctl(run_dir, "show", "paths").stdout.count(
+            "Estab") == 7)
+        for view in ("load-balance", "policies", "ipsec", "nexthops"):
+            self.assertEqual(self.navctl(run_dir, "show", view).returncode, 0)
+        self.assertEqual(self.navctl(run_dir, "del", "/cliConfig/pathGroupConfig[mpls]").returncode, 0)
+        self.assertEqual(self.navctl(run_dir, "show", "paths").stdout.count("mpls"), 0)
+        self.assertEqual(self.stop(agent), 0, self.errors(run_dir))
 
 
 if __name__ == "__main__":
