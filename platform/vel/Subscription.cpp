@@ -28,22 +28,24 @@ class Round {
     Round& operator=(const Round&) = delete;
 
     void run(const void* key) {
-        for (Subscription* now = entity_.first_; now; now = next_) {
-            next_ = now == end_ ? nullptr : now->next_;
-            if (now->attribute_ == attribute_ || now->attribute_ == anyAttribute)
-                now->function_(now->object_, key, attribute_);
+        for (Subscription *now = entity_.first_, *next; now; now = next) {
+            next_ = next = now == end_ ? nullptr : now->next_;
+            if (now->attribute_ != attribute_ && now->attribute_ != anyAttribute) continue;
+            now->function_(now->object_, key, attribute_);
+            if (disturbed_) [[unlikely]]  // else the next one is known without waiting for memory
+                next = next_;
         }
     }
 
     static void removed(const Subscription& gone) {
         for (Round* round = top; round; round = round->outer_) {
-            if (round->next_ == &gone) round->next_ = &gone == round->end_ ? nullptr : gone.next_;
+            if (round->next_ == &gone) round->nextIs(&gone == round->end_ ? nullptr : gone.next_);
             if (round->end_ == &gone) round->end_ = gone.prev_;
         }
     }
     static void moved(const Subscription& from, Subscription& to) {
         for (Round* round = top; round; round = round->outer_) {
-            if (round->next_ == &from) round->next_ = &to;
+            if (round->next_ == &from) round->nextIs(&to);
             if (round->end_ == &from) round->end_ = &to;
         }
     }
@@ -59,6 +61,11 @@ class Round {
         assertionFailed(chain.c_str(), __FILE__, __LINE__);
     }
 
+    void nextIs(Subscription* next) {
+        next_ = next;
+        disturbed_ = true;
+    }
+
     static Round* top;  // the innermost one; one event thread
 
     Hold hold_;
@@ -68,6 +75,7 @@ class Round {
     Subscription* end_;  // the last subscriber of this round
     const U32 depth_;
     const Ordinal attribute_;
+    bool disturbed_ = false;  // next_ is not the one that followed
 };
 
 constinit Round* Round::top = nullptr;
