@@ -3,20 +3,13 @@
 #include <gtest/gtest.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
-#include <linux/neighbour.h>
-#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <random>
 
 #include "agent/linux/FibLookup.h"
 #include "agent/linux/LinkTable.h"
-#include "agent/linux/NeighbourTable.h"
 #include "tests/agent_linux/Recorded.h"
 
 namespace Agent::Linux {
@@ -115,71 +108,6 @@ TEST(Routes, LegsWeightsAndRefusals) {
               (RouteResult{RouteKind::forwarded, {{addr("10.0.0.8"), 3, 1, false}}}));
     dead[secondLegFlags] = std::byte{RTNH_F_DEAD};
     EXPECT_EQ(parse(dead, "10.9.1.1").result, (RouteResult{RouteKind::unreachable, {}}));
-}
-
-// Parsers are given every message cut short at every byte, with a length that says so or not, and
-// with bytes changed at random; the bytes end where a page without access begins.
-class Hostile : public testing::Test {
-  protected:
-    Hostile() {
-        page_ = static_cast<std::byte*>(mmap(nullptr, 2 * pageSize_, PROT_READ | PROT_WRITE,
-                                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-        mprotect(page_ + pageSize_, pageSize_, PROT_NONE);
-    }
-    ~Hostile() override { munmap(page_, 2 * pageSize_); }
-
-    // Everything that reads messages; returns how many records any of it found.
-    size_t readAll(Bytes data) {
-        const Bytes atEnd(page_ + pageSize_ - data.size(), data.size());
-        std::memcpy(page_ + pageSize_ - data.size(), data.data(), data.size());
-        size_t found = 0;
-        LinkTable links;
-        NeighbourTable neighbours;
-        for (const Message& message : Messages(atEnd)) {
-            ++found;
-            links.apply(message);
-            neighbours.apply(message);
-            refusalText(message);
-            for (uint16_t type : {message.type, uint16_t{RTM_NEWROUTE}, uint16_t{RTM_NEWNEXTHOP}}) {
-                Message as = message;
-                as.type = type;
-                found += parseRoute(as, Netz::IpGenAddr()).result.vias.size();
-                found += parseNexthop(as).group.size();
-            }
-        }
-        found += links.view().interfaces.size();
-        for (const Interface& interface : links.view().interfaces)
-            EXPECT_LE(interface.primary4.prefixLength, 32) << interface.name;
-        return found;
-    }
-
-  private:
-    const size_t pageSize_ = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    std::byte* page_;
-};
-
-TEST_F(Hostile, CutShortOrChangedBytesAreReadWithinTheirBounds) {
-    const unsigned seed = 20240611;
-    std::printf("seed %u\n", seed);
-    std::mt19937 random(seed);
-    for (std::string_view hex : Recorded::all) {
-        const auto whole = Recorded::bytes(hex);
-        for (size_t size = 1; size < whole.size(); ++size) {
-            std::vector<std::byte> cut(whole.begin(), whole.begin() + static_cast<long>(size));
-            EXPECT_EQ(readAll(cut), 0U) << "a message longer than its bytes was believed";
-            if (size < sizeof(uint32_t)) continue;
-            const auto length = static_cast<uint32_t>(size);
-            std::memcpy(cut.data(), &length, sizeof length);
-            readAll(cut);
-        }
-        for (int round = 0; round < 2000; ++round) {
-            auto changed = whole;
-            for (unsigned i = random() % 4 + 1; i != 0; --i)
-                changed[random() % changed.size()] = static_cast<std::byte>(random());
-            // No record is shorter than 4 bytes, so this bounds what can be found in all of them.
-            EXPECT_LE(readAll(changed), 8 * changed.size()) << "seed " << seed;
-        }
-    }
 }
 
 }  // namespace
