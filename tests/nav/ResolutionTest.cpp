@@ -353,65 +353,6 @@ TEST(Resolution, BacklogHoldsWhatChangedOnceAndOnlyThat) {
     EXPECT_FALSE(w.db.addrToPathKeySet(ip(dst2)));
 }
 
-// What the paths of a VRF need changes while nobody resolves it. When somebody does again, the
-// state is that of a world in which it was so from the start.
-TEST(Resolution, LateStartSweepsAndEqualsEarlyStart) {
-    const auto build = [](World& w) {
-        w.add(blue, 7, "strong"), w.add(red2, 6);
-        w.connect(blue, up, 3), w.program(blue, 7, 1, 1);
-        w.fec(1, {via("Et1"), via("Et3")}), w.result(blue, 1), w.settle();
-        w.add(red3, 8), w.status.pathStatus("red")->pathStatusEntryIs(red1);
-        w.db.pathKeyInfoIs(red1);  // a path about to be configured
-    };
-    const std::vector<Vel::Datum> early = [&] {
-        World w;
-        w.start();
-        build(w);
-        w.program(red2, 6, 1, 1), w.program(red2, 6, 1, 0);
-        w.remove(red3), w.db.addrToPathKeySetDel(ip(dst2));
-        return w.published();
-    }();
-
-    World late;
-    build(late);
-    late.in.nexthopConfig->vrfIs("blue").nexthopIs(ip(dst));
-    late.start();
-    late.remove(red3), late.add(red3, 8, "strong");
-    late.program(red2, 6, 1, 1);
-    late.result(red2, 1), late.fec(1, {via("Et2"), via("Et3")}), late.settle();
-    EXPECT_EQ(late.show(red2), "unsecuredPath resolved Et2 -");
-
-    const Vel::Datum stood = toDatum(late.status);
-    late.in.nexthopStatus->vrfDel("red");
-    EXPECT_FALSE(late.dir->navPathResolutionSm("red"));
-    EXPECT_TRUE(late.in.nexthopConfig->vrf("red")->nexthop().empty());
-    EXPECT_EQ(toDatum(late.status), stood);
-    late.program(red2, 6, 1, 0);
-    EXPECT_TRUE(late.listed(6));
-    late.remove(red3), late.db.pathKeyInfoDel(red3), late.db.addrToPathKeySetDel(ip(dst2));
-    late.fec(1, {via("Et1"), via("Et3")});
-    late.in.nexthopConfig->vrf("red")->nexthopIs(ip("198.51.100.77"));
-    late.in.nexthopStatus->vrfIs("red"), late.settle();
-    EXPECT_EQ(late.published(), early);
-}
-
-TEST(Resolution, HardwareEntryOfTheCurrentIndexDecides) {
-    World w;
-    w.program(red1, 4, 1, 1);
-    w.start();
-    w.add(red1, 5);
-    EXPECT_FALSE(w.entry(red1)->programmed());
-    for (const auto& [path, arp] : {std::pair{5, 0}, {0, 5}, {5, 5}}) {
-        w.program(red1, 5, path, arp);
-        EXPECT_EQ(w.entry(red1)->programmed(), path && arp);
-    }
-    w.program(red1, 4, 0, 0);
-    w.in.hwPathStatus->hwPathStatusListDel({red1.srcAddr, red1.dstAddr, 1, 4});
-    EXPECT_TRUE(w.listed(5));
-    w.in.hwPathStatus->hwPathStatusListDel({red1.srcAddr, red1.dstAddr, 1, 5});
-    EXPECT_FALSE(w.entry(red1)->programmed() || w.listed(5));
-}
-
 TEST(Resolution, KeyInfoMayLackOnlyForPathsNotConfigured) {
     World w;
     w.start();
