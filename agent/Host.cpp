@@ -13,32 +13,6 @@ namespace Agent {
 
 namespace {
 
-// An input is named as its entity: the path begins with it, and its key attribute says it.
-template <class E>
-Vel::Input<E> input(const char* name) {
-    return Vel::make<E>(name);
-}
-
-Nav::NavInputs makeInputs(Vel::Scheduler& scheduler) {
-    return {.cliConfig = input<Nav::NavCliConfig>(configName),
-            .pathConfigDir = input<Nav::PathConfigDir>("pathConfigDir"),
-            .navStatusDir = input<Nav::NavStatusDir>("navStatusDir"),
-            .siteGroupStatus = input<Nav::SiteGroupStatus>("siteGroupStatus"),
-            .hwPathStatus = input<Nav::HwPathStatus>("hwPathStatus"),
-            .ipsecPathConfigDir = input<Ipsec::Path::PathConfigDir>("ipsecPathConfigDir"),
-            .ipsecPathStatusDir = input<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir"),
-            .navFeaturePolicyDir = input<Classification::FeaturePolicyDir>("navFeaturePolicyDir"),
-            .ipStatusDir = input<Ip::Status>("ipStatusDir"),
-            .ip6StatusDir = input<Ip6::Status>("ip6StatusDir"),
-            .nexthopConfig = input<Routing::NexthopConfig>("nexthopConfig"),
-            .nexthopStatus = input<Routing::NexthopStatus>("nexthopStatus"),
-            .forwardingStatus = input<Shard::Fib::ForwardingStatus>("forwardingStatus"),
-            .forwarding6Status = input<Shard::Fib6::ForwardingStatus>("forwarding6Status"),
-            .routingHwRouteStatus = input<Routing::Hardware::RouteStatus>("routingHwRouteStatus"),
-            .navCliRequestDir = input<Vel::Dir>("navCliRequestDir"),
-            .scheduler = Vel::Ptr<Vel::Scheduler>(scheduler)};
-}
-
 std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
                             const Vel::Ptr<Nav::NavRootSm>& root) {
     std::vector<Root> roots;
@@ -102,7 +76,7 @@ class MemoryFile {
 }  // namespace
 
 Host::Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform)
-    : inputs_(makeInputs(scheduler)),
+    : inputs_(Nav::makeNavInputs(Vel::Ptr<Vel::Scheduler>(scheduler))),
       platform_(std::move(platform)),
       tree_(makeRoots(inputs_, *platform_, root_)) {
     root_ = Nav::NavRootSmIs(inputs_);

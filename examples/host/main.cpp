@@ -6,25 +6,7 @@
 
 int main() {
     Loom::MonotonicClock clock;
-    const Nav::NavInputs inputs{
-        .cliConfig = Vel::make<Nav::NavCliConfig>("cliConfig"),
-        .pathConfigDir = Vel::make<Nav::PathConfigDir>("pathConfigDir"),
-        .navStatusDir = Vel::make<Nav::NavStatusDir>("navStatusDir"),
-        .siteGroupStatus = Vel::make<Nav::SiteGroupStatus>("siteGroupStatus"),
-        .hwPathStatus = Vel::make<Nav::HwPathStatus>("hwPathStatus"),
-        .ipsecPathConfigDir = Vel::make<Ipsec::Path::PathConfigDir>("ipsecPathConfigDir"),
-        .ipsecPathStatusDir = Vel::make<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir"),
-        .navFeaturePolicyDir = Vel::make<Classification::FeaturePolicyDir>("navFeaturePolicyDir"),
-        .ipStatusDir = Vel::make<Ip::Status>("ipStatusDir"),
-        .ip6StatusDir = Vel::make<Ip6::Status>("ip6StatusDir"),
-        .nexthopConfig = Vel::make<Routing::NexthopConfig>("nexthopConfig"),
-        .nexthopStatus = Vel::make<Routing::NexthopStatus>("nexthopStatus"),
-        .forwardingStatus = Vel::make<Shard::Fib::ForwardingStatus>("forwardingStatus"),
-        .forwarding6Status = Vel::make<Shard::Fib6::ForwardingStatus>("forwarding6Status"),
-        .routingHwRouteStatus = Vel::make<Routing::Hardware::RouteStatus>("routingHwRouteStatus"),
-        .navCliRequestDir = Vel::make<Vel::Dir>("navCliRequestDir"),
-        .scheduler = Vel::make<Vel::Scheduler>(clock),
-    };
+    const Nav::NavInputs inputs = Nav::makeNavInputs(Vel::make<Vel::Scheduler>(clock));
     Vel::Owned<Nav::NavRootSm> root;
     root.is(inputs);
 

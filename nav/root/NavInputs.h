@@ -40,4 +40,8 @@ VEL_INPUTS(NavInputs, cliConfig, pathConfigDir, navStatusDir, siteGroupStatus, h
            nexthopConfig, nexthopStatus, forwardingStatus, forwarding6Status, routingHwRouteStatus,
            navCliRequestDir, scheduler)
 
+// A set of inputs as they are when nobody has said anything yet, each entity named as its
+// attribute, for a host that has none of its own.
+NAV_EXPORT NavInputs makeNavInputs(Vel::Ptr<Vel::Scheduler> scheduler);
+
 }  // namespace Nav

@@ -111,23 +111,7 @@ class NavFixture : public testing::Test {
 
     LiveObjectCheck live;
     Loom::ManualClock clock;
-    NavInputs in{Vel::make<NavCliConfig>("cliConfig"),
-                 Vel::make<PathConfigDir>("pathConfigDir"),
-                 Vel::make<NavStatusDir>("navStatusDir"),
-                 Vel::make<SiteGroupStatus>("siteGroupStatus"),
-                 Vel::make<HwPathStatus>("hwPathStatus"),
-                 Vel::make<Ipsec::Path::PathConfigDir>("ipsecPathConfigDir"),
-                 Vel::make<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir"),
-                 Vel::make<Classification::FeaturePolicyDir>("navFeaturePolicyDir"),
-                 Vel::make<Ip::Status>("ipStatusDir"),
-                 Vel::make<Ip6::Status>("ip6StatusDir"),
-                 Vel::make<Routing::NexthopConfig>("nexthopConfig"),
-                 Vel::make<Routing::NexthopStatus>("nexthopStatus"),
-                 Vel::make<Shard::Fib::ForwardingStatus>("forwardingStatus"),
-                 Vel::make<Shard::Fib6::ForwardingStatus>("forwarding6Status"),
-                 Vel::make<Routing::Hardware::RouteStatus>("routingHwRouteStatus"),
-                 Vel::make<Vel::Dir>("navCliRequestDir"),
-                 Vel::make<Vel::Scheduler>(clock)};
+    NavInputs in = makeNavInputs(Vel::make<Vel::Scheduler>(clock));
     NavCliConfig& cli = *in.cliConfig;
     Vel::Ptr<NavRootSm> root;
 

@@ -107,23 +107,7 @@ std::string toLine(const Event& event) {
 }
 
 World::World()
-    : in{Vel::make<Nav::NavCliConfig>("cliConfig"),
-         Vel::make<Nav::PathConfigDir>("pathConfigDir"),
-         Vel::make<Nav::NavStatusDir>("navStatusDir"),
-         Vel::make<Nav::SiteGroupStatus>("siteGroupStatus"),
-         Vel::make<Nav::HwPathStatus>("hwPathStatus"),
-         Vel::make<Ipsec::Path::PathConfigDir>("ipsecPathConfigDir"),
-         Vel::make<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir"),
-         Vel::make<Classification::FeaturePolicyDir>("navFeaturePolicyDir"),
-         Vel::make<Ip::Status>("ipStatusDir"),
-         Vel::make<Ip6::Status>("ip6StatusDir"),
-         Vel::make<Routing::NexthopConfig>("nexthopConfig"),
-         Vel::make<Routing::NexthopStatus>("nexthopStatus"),
-         Vel::make<Shard::Fib::ForwardingStatus>("forwardingStatus"),
-         Vel::make<Shard::Fib6::ForwardingStatus>("forwarding6Status"),
-         Vel::make<Routing::Hardware::RouteStatus>("routingHwRouteStatus"),
-         Vel::make<Vel::Dir>("navCliRequestDir"),
-         Vel::make<Vel::Scheduler>(clock_)},
+    : in(Nav::makeNavInputs(Vel::make<Vel::Scheduler>(clock_))),
       root(Nav::NavRootSmIs(in)) {}
 
 World::World(const World& from, bool published) : World() {
