@@ -199,9 +199,7 @@ std::optional<U32> NavPathGroupDirSm::vrfIdOf(const L3::VrfName& vrfName) const 
 void NavPathGroupDirSm::recordVrf(const IntfSource& source) {
     DUOLOG(pathTrace, 7, "vrfName: ", source.vrfName, " vrfId: ", source.vrfId.value_or(0));
     in_.nexthopConfig->vrfIs(source.vrfName);
-    if (!source.vrfId) return;
-    in_.navDb->vrfNameToIdIs(source.vrfName, *source.vrfId);
-    in_.navDb->vrfIdToNameIs(*source.vrfId, source.vrfName);
+    if (source.vrfId) recordVrfId(*in_.navDb, source.vrfName, *source.vrfId);
 }
 
 void NavPathGroupDirSm::handleVrf(const L3::VrfName& vrfName) {

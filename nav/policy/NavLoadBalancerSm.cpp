@@ -155,12 +155,8 @@ void NavLoadBalancerSm::handleVrfId(const L3::VrfName& vrf, U32 vrfId) {
         if (vrfNameToId_.contains(vrf)) handleVrfDel(vrf, vrfId);  // the id was taken back
         return;
     }
-    auto& navDb = *in_.navDb;
     vrfNameToId_[vrf] = vrfId;
-    for (const auto& [id, name] : navDb.vrfIdToName())  // of earlier ids, also if it was gone since
-        if (name == vrf && id != vrfId) navDb.vrfIdToNameDel(id);
-    navDb.vrfNameToIdIs(vrf, vrfId);
-    navDb.vrfIdToNameIs(vrfId, vrf);
+    recordVrfId(*in_.navDb, vrf, vrfId);
     if (const VrfConfig* config = in_.cliConfig->vrfConfig(vrf))
         handleNavVrfPolicyMapping(vrf, config->policyName());
 }

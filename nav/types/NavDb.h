@@ -48,4 +48,8 @@ class NAV_EXPORT NavDb : public Vel::Entity {
     VEL_COUNTER(U32, pathIndex, 0)
 };
 
+// Records the id of a VRF both ways. The name of an earlier id goes, unless another VRF has that id
+// by now. Whoever hears of an id first calls it; a VRF without an id keeps the last one's name.
+NAV_EXPORT void recordVrfId(NavDb& navDb, const L3::VrfName& vrfName, U32 vrfId);
+
 }  // namespace Nav
