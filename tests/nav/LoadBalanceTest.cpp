@@ -157,46 +157,6 @@ TEST_F(LoadBalance, ConstraintsReachEveryKeyBeforeAnyGeneration) {
     EXPECT_TRUE(entry(7, 2, s2)->jitter() == 5 && entry(7, 2, s2)->lossRate() == 6);
 }
 
-// Whatever comes first, the same keys have the same members, and whatever goes first, every id is
-// free in the end.
-TEST_F(LoadBalance, OrdersOfComingAndGoing) {
-    std::map<LbProfileKey, std::string> wanted;
-    for (const auto& [app, vrf] : {std::pair{7U, 1U}, {8U, 1U}, {7U, 2U}}) {
-        wanted[{ip(s1), app, vrf}] = " 1/1/wan 2/1/wan 3/2/lte";
-        wanted[{ip(s2), app, vrf}] = " 4/1/wan";
-    }
-    std::string order = "PRST";
-    do {
-        SCOPED_TRACE(order);
-        db.lbNameToLbKeySetDelAll();
-        status.lbProfileStatusEntryIs({ip(s1), 9, 9}).lbIndexIs(1);  // of an earlier life
-        for (const char event : order) {
-            if (event == 'P') list("gold", "wan", 1), list("gold", "lte", 2);
-            if (event == 'R') rule("red", 10, 7, "gold"), rule("red", 20, 8, "gold");
-            if (event == 'R') rule("blue", 10, 7, "gold");
-            if (event == 'S') start(6);
-            if (event == 'T') path("wan", s1, 1), path("lte", s1, 3), path("wan", s1, 2);
-            if (event == 'T') path("wan", s2, 4);
-        }
-        ASSERT_EQ(membership(), wanted);
-        lb.del();
-        ASSERT_TRUE(status.lbProfileStatusEntry().empty());
-        start(6);
-        ASSERT_EQ(membership(), wanted);
-        for (const char event : order) {
-            if (event == 'P') cli.loadBalanceProfileDel("gold");
-            if (event == 'R') in.navStatusDir->navRuleStatusDelAll();
-            if (event == 'T') in.siteGroupStatus->siteGroupStatusEntryDelAll();
-        }
-        ASSERT_TRUE(status.lbProfileStatusEntry().empty());
-        ASSERT_TRUE(db.lbNameToLbKeySet("gold")->lbKey().empty());
-        std::set<U16> free;
-        while (const U16 id = lb->freeLbIdDeq()) ASSERT_TRUE(free.insert(id).second);
-        ASSERT_EQ(free.size(), 6U);
-        lb.del();
-    } while (std::next_permutation(order.begin(), order.end()));
-}
-
 TEST_F(LoadBalance, AProfileThatComesAgainGivesNewIds) {
     start();
     rule("red", 10, 7, "gold"), rule("blue", 10, 7, "gold"), rule("red", 20, 8, "bronze");

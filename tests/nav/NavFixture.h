@@ -33,6 +33,18 @@ struct LiveObjectCheck {
     ~LiveObjectCheck() { EXPECT_EQ(Vel::liveObjects(), baseline); }
 };
 
+// Does something when an attribute changes.
+template <class F>
+struct On {
+    F f;
+    Vel::Subscription subscription;
+    template <class E, class Key>
+    On(E& entity, Vel::Attr<E, Key> attr, F action)
+        : f(std::move(action)),
+          subscription(Vel::Subscription::to<&On::handle>(entity, attr, this)) {}
+    void handle() { f(); }
+};
+
 class NavFixture : public testing::Test {
   protected:
     NavFixture() {

@@ -89,35 +89,6 @@ TEST_F(PolicyTest, ClassificationTakesEachVersionAsOneChange) {
     EXPECT_EQ(classified("p"), "v1 10=voice");
 }
 
-// Every order ends in the same, what an earlier life left is dropped, and nothing stays behind.
-TEST_F(PolicyTest, EveryOrderOfEventsBinds) {
-    auto& dir = *in.navFeaturePolicyDir;
-    std::string order = "BHPS";
-    do {
-        SCOPED_TRACE(order);
-        start(false);
-        for (const char* vrf : {"stale", "red"})
-            in.navStatusDir->navRuleStatusIs(vrf).navRuleEntryIs({99, 9, "gold"});
-        dir.featurePolicyIs("stale");
-        dir.appliedPolicyIs(Classification::vrfTarget).policyForTargetIs("stale", "stale");
-        for (const char event : order) {
-            if (event == 'B') bindTo("red", "p"), bindTo("default", "p");
-            if (event == 'H') vrfId("red", 0), vrfId("red", 1), vrfId("default", 0);
-            if (event == 'P') rule("p", 20, 2, "video"), rule("p", 10, 1, "voice"), done("p");
-            if (event == 'S') cli.navConfiguredIs(true);
-        }
-        ASSERT_EQ(show("red"), "p 10 20; 1/1=voice 1/2=video");
-        ASSERT_EQ(show("default"), "p 10 20; 0/1=voice 0/2=video");
-        ASSERT_EQ(show("stale"), "- -;");
-        ASSERT_EQ(classified("p") + classified("stale"), "v1 10=voice 20=video-");
-        cli.navConfiguredIs(false);
-        ASSERT_TRUE(in.navStatusDir->navRuleStatus().empty() && dir.featurePolicy().empty() &&
-                    dir.appliedPolicy().empty());
-        cli.policyConfigDelAll(), cli.vrfConfigDelAll();
-        in.routingHwRouteStatus->vrfStatusDelAll();
-    } while (std::next_permutation(order.begin(), order.end()));
-}
-
 TEST_F(PolicyTest, AnyInputThatGoesUnbindsItsVrfAlone) {
     start();
     rule("p", 10, 1, "voice"), done("p"), policy("q");
@@ -155,6 +126,17 @@ TEST_F(PolicyTest, AnyInputThatGoesUnbindsItsVrfAlone) {
     bindTo("red", "q");
     rule("p", 10, 1, "voice"), done("p");
     EXPECT_EQ(show("red") + show("blue"), "q;p 10; 2/1=voice");
+}
+
+TEST_F(PolicyTest, APolicyThatIsBackBeforeItWasSeenToGoIsFollowed) {
+    On back(cli, NavCliConfig::policyConfigAttr, [&] { policy("p"); });  // told before the reactor
+    start();
+    vrfId("red", 1), bindTo("red", "p");
+    rule("p", 10, 1, "voice"), done("p");
+    cli.policyConfigDel("p");
+    EXPECT_EQ(show("red") + classified("p"), "p;-");
+    rule("p", 20, 2, "video"), done("p");
+    EXPECT_EQ(show("red") + classified("p"), "p 20; 1/2=videov1 20=video");
 }
 
 // The rules of a VRF that were told to have changed.

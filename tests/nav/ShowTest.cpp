@@ -114,6 +114,16 @@ TEST_F(ShowTest, StateWords) {
                   std::string::npos)
             << answer << "\nwanted " << c.word;
     }
+    // The path of another VRF has a state of its own, in whichever order they are shown.
+    vrfId("blue", 5);
+    intfVrf("lte1", "blue");
+    entry.programmedIs(true);
+    EXPECT_NE(show("NAVPATHS").find("'Route Pending',  'pathName': 'Path3'"), std::string::npos);
+    pathStatusDir()
+        .pathStatus("blue")
+        ->pathStatusEntry(key("192.0.2.1", "2001:db8::3", 5))
+        ->programmedIs(true);
+    EXPECT_EQ(show("NAVPATHS").find("Pending"), std::string::npos);
     pathStatusDir().pathStatusDel("default");
     EXPECT_NE(show("NAVPATHS").find("'Route Pending',  'pathName': 'Path1'"), std::string::npos);
 }
@@ -129,6 +139,10 @@ TEST_F(ShowTest, EachRequestIsAnsweredOnce) {
     cli.navConfiguredIs(true);
     root->inputIs(&NavInputs::ip6StatusDir, Vel::make<Ip6::Status>("ip6StatusDir"));
     EXPECT_EQ(received(pair[1]), "") << "not again, whatever happens to the container";
+    const Vel::Ptr<CliCallback> held(*root->navCliCallback());
+    root = nullptr;
+    held->handleCommand(static_cast<U32>(pair[0]), "NAVPEERS");
+    EXPECT_EQ(received(pair[1]), "") << "by nobody, when the root has gone";
 }
 
 // Were one of these to block, raise a signal or throw, the test would not come to its end.

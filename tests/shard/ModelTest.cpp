@@ -82,6 +82,7 @@ class Model : public testing::Test {
         try {
             writer_->valueIs(key, value);
             model_[key] = value;
+            EXPECT_LE(model_.size(), capacity);
         } catch (const Vel::Error&) {
             ++refused_;  // and the model stays as it is
         }
