@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <string>
 
 #include "platform/vel/Types.h"
 
@@ -34,6 +35,11 @@ void timed(benchmark::State& state, F&& f) {
     f();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
     state.SetIterationTime(took.count());
+}
+
+// For a side that cannot take part here. The report says why and goes on.
+inline void leftOut(benchmark::State& state, const std::string& reason) {
+    state.SkipWithError(("left out: " + reason).c_str());
 }
 
 }  // namespace Bench

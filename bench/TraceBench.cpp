@@ -8,6 +8,9 @@
 #ifdef BENCH_FMT
 #include <fmt/format.h>
 #endif
+#ifdef BENCH_LTTNG
+#include "bench/LttngProvider.h"
+#endif
 #ifdef BENCH_SPDLOG
 #include <spdlog/logger.h>
 #include <spdlog/sinks/ringbuffer_sink.h>
@@ -86,6 +89,17 @@ void spdlogRing(benchmark::State& state, int level) {
     trace(state, level, [&](U32 index) { logger.info("Adding pathIndex: {} to site", index); });
 }
 #endif
+#ifdef BENCH_LTTNG
+// Not recorded it would be a branch that is not taken.
+void lttngRecorded(benchmark::State& state, int level) {
+    if (!lttng_ust_tracepoint_enabled(bench, decision))
+        return leftOut(state, "no session records, which package lttng-tools is for");
+    trace(state, level, [](U32 index) { lttng_ust_tracepoint(bench, decision, index); });
+}
+void lttngOff(benchmark::State& state, int level) {
+    trace(state, level, [](U32 index) { lttng_ust_tracepoint(bench, off, index); });
+}
+#endif
 
 BENCHMARK_CAPTURE(decision, , 5)->Name("trace-off/ours");
 BENCHMARK_CAPTURE(nothing, , 5)->Name("trace-off/limit");
@@ -99,6 +113,10 @@ BENCHMARK_CAPTURE(format, , 7)->Name("trace-decision/fmt");
 #endif
 #ifdef BENCH_SPDLOG
 BENCHMARK_CAPTURE(spdlogRing, , 7)->Name("trace-decision/spdlog ring buffer");
+#endif
+#ifdef BENCH_LTTNG
+BENCHMARK_CAPTURE(lttngOff, , 5)->Name("trace-off/LTTng-UST");
+BENCHMARK_CAPTURE(lttngRecorded, , 7)->Name("trace-decision/LTTng-UST");
 #endif
 
 }  // namespace

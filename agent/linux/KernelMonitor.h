@@ -30,7 +30,7 @@ class KernelMonitor {
   public:
     // A burst of events leads to one round of lookups: this long after its last event, but not
     // later than `maxHold` after its first.
-    static constexpr Loom::Duration settleTime = std::chrono::milliseconds(1);
+    static constexpr Loom::Duration settleTime = std::chrono::microseconds(500);
     static constexpr Loom::Duration maxHold = std::chrono::milliseconds(10);
     // After an overrun the tables are read again when the kernel has been quiet for a while, since
     // a dump in the middle of a flood leads to the next overrun; but not later than `maxQuietWait`.
