@@ -5,25 +5,17 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <filesystem>
 
 #include "agent/Config.h"
 #include "agent/Control.h"
 #include "agent/RunDir.h"
 #include "agent/sim/SimPlatform.h"
+#include "tests/TempDir.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Agent::Json;
-
-struct RunDirectory {
-    RunDirectory() : path(mkdtemp(pattern)) {}
-    ~RunDirectory() { std::filesystem::remove_all(path); }
-    char pattern[24] = "/tmp/nav-fuzz-XXXXXX";
-    std::string path;
-};
 
 class Branch {
   public:
@@ -80,7 +72,7 @@ class Branch {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const RunDirectory run;
+    static const TempDir run;
     const auto alive = Vel::liveObjects();
     {
         const std::string text(reinterpret_cast<const char*>(data), size);

@@ -5,11 +5,10 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdlib>
-#include <filesystem>
 
 #include "platform/netz/Assert.h"
 #include "platform/shard/Map.h"
+#include "tests/TempDir.h"
 
 namespace {
 
@@ -20,13 +19,6 @@ using Value = std::array<uint64_t, 3>;
 
 // What a damaged map may hold, at most one entry a slot and one change a record.
 constexpr uint32_t most = 4096;
-
-struct RunDirectory {
-    RunDirectory() : path(mkdtemp(pattern)) {}
-    ~RunDirectory() { std::filesystem::remove(path); }
-    char pattern[24] = "/tmp/shard-fuzz-XXXXXX";
-    std::string path;
-};
 
 template <class Map, class Value>
 void readAndTakeOver(const Namespace& space, const Value& value, uint64_t listBytes) {
@@ -54,7 +46,7 @@ void readAndTakeOver(const Namespace& space, const Value& value, uint64_t listBy
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const RunDirectory run;
+    static const TempDir run;
     static const Namespace space(run.path);
     const std::string name = space.segmentName("map");
     const auto putBytes = [&] {

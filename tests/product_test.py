@@ -1,7 +1,8 @@
 """The programs together, as an operator runs them: product_test.py BUILD_DIR SOURCE_DIR.
 
-The commands that README.md shows; the shared tables from start to stop, crashes included; what a
-broken invariant leaves behind; an agent under valgrind. Each case has run directories of its own.
+The commands that README.md shows; the shared tables from start to stop, crashes included; run
+directories, configuration files and the kernel's addresses; what a broken invariant leaves behind;
+an agent under valgrind. Each case has run directories of its own.
 """
 import contextlib
 import json
@@ -71,10 +72,12 @@ class Products(unittest.TestCase):
         await_("the agent answers", lambda: self.navctl(run_dir, "ping").returncode == 0)
         return process
 
+    def run_to_end(self, program, *arguments, **options):
+        return subprocess.run([programs[program], *arguments], capture_output=True, text=True,
+                              cwd=source, timeout=patience, check=False, **options)
+
     def navctl(self, run_dir, *arguments, **options):
-        return subprocess.run([programs["navctl"], "--run-dir", run_dir, *arguments],
-                              capture_output=True, text=True, cwd=source, timeout=patience,
-                              **options)
+        return self.run_to_end("navctl", "--run-dir", run_dir, *arguments, **options)
 
     def stop(self, process, by=signal.SIGTERM):
         process.send_signal(by)
@@ -131,6 +134,85 @@ class Products(unittest.TestCase):
         self.assertEqual((self.stop(forwarder), self.stop(agent)), (0, 0))
         self.assertEqual((exist(mine), exist(theirs)), ([False] * 3, [True] * 2))
         self.assertEqual(self.navctl(here, "show", "counters").returncode, 3)
+
+    def test_one_agent_to_a_run_directory_whatever_a_crashed_one_left(self):
+        run_dir = self.run_dir()
+        crashed = self.agent(run_dir)
+        self.assertEqual(os.stat(f"{run_dir}/control.sock").st_mode & 0o777, 0o600)
+        refused = self.run_to_end("nav-agent", "--run-dir", run_dir)
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn(f"another agent runs there (pid {crashed.pid})", refused.stderr)
+        self.assertEqual(self.navctl(run_dir, "ping").returncode, 0, "left alone by the refused one")
+        self.stop(crashed, signal.SIGKILL)
+        for by in (signal.SIGTERM, signal.SIGINT):
+            agent = self.agent(run_dir)
+            agent.send_signal(signal.SIGHUP)  # without a file there is nothing to load again
+            self.assertEqual(self.stop(agent, by), 0)
+            self.assertFalse([name for name in os.listdir(run_dir) if name.endswith(".sock")])
+
+    def test_what_cannot_run_says_why(self):
+        run_dir = self.run_dir()
+        file = f"{run_dir}/file"
+        with open(file, "w", encoding="utf-8") as text:
+            text.write('{\n  "a": 1,\n  "b": }\n')
+        for arguments, status, reason in (
+                (["--platform", "cloud"], 2, "cloud"),
+                (["--log-level", "9"], 2, "--log-level"),
+                (["--world", "w", "--platform", "manual"], 2, "--world"),
+                (["--run-dir", file], 1, file + ": Not a directory"),
+                (["--run-dir", run_dir + "/no/where"], 1, "No such file or directory"),
+                (["--run-dir", f"{run_dir}/{'x' * 90}"], 1, "107 bytes"),
+                (["--run-dir", f"{run_dir}/new", "--config", file], 1, file + ": line 3"),
+                (["--run-dir", run_dir, "--config", run_dir], 1, run_dir + ": Is a directory")):
+            done = self.run_to_end("nav-agent", *arguments)
+            self.assertEqual(done.returncode, status, done.stderr)
+            self.assertIn(reason, done.stderr)
+        self.assertEqual(os.stat(f"{run_dir}/new").st_mode & 0o777, 0o700)
+
+    def test_a_hang_up_loads_the_file_again_and_a_bad_file_changes_nothing(self):
+        run_dir = self.run_dir()
+        file = f"{run_dir}/config.json"
+
+        def load(text, agent=None):
+            with open(f"{file}.new", "w", encoding="utf-8") as new:
+                new.write(text)
+            os.rename(f"{file}.new", file)
+            if agent:
+                agent.send_signal(signal.SIGHUP)
+
+        def port():
+            return self.navctl(run_dir, "get", "/cliConfig/udpPortConfig").stdout
+
+        load('{"udpPortConfig": 1, "vrfConfig": {"v": {"policyName": "p"}}}')
+        agent = self.agent(run_dir, "--config", file)
+        self.assertIn('warning: VRF "v" names policy "p", which is not there', self.errors(run_dir))
+        load('{"udpPortConfig": 2,\n "pathGroupConfig": {"a": {"localintf": []}}}', agent)
+        await_("it is refused",
+               lambda: "line 2: /pathGroupConfig/a/localintf" in self.errors(run_dir))
+        self.assertEqual(port(), "1\n")
+        load('{"udpPortConfig": 3}', agent)
+        await_("it is loaded", lambda: port() == "3\n")
+
+    def test_paths_come_from_the_kernels_addresses(self):
+        enter = ["unshare", "--net", "--map-root-user", "sh", "-c",
+                 "ip link add wan1 type veth peer name isp1 && ip link set isp1 up && "
+                 "ip link set wan1 up && ip addr add 203.0.113.1/24 dev wan1 && "
+                 "ip route add 198.51.100.2 via 203.0.113.254 && "
+                 'exec "$0" "$@"']
+        if subprocess.run([*enter, "true"], capture_output=True, check=False).returncode != 0:
+            self.skipTest("no network namespace, or no ip command")
+        run_dir = self.run_dir()
+        with open(f"{run_dir}/config.json", "w", encoding="utf-8") as file:
+            json.dump({"navConfigured": True, "pathGroupConfig": {"internet": {
+                "localIntf": ["wan1"],
+                "remoteViaConfig": {"10.255.0.2": {"remoteVia": ["198.51.100.2"]}}}}}, file)
+        agent = self.agent(run_dir, "--platform", "linux", f"--config={run_dir}/config.json",
+                           under=enter)
+        await_("the path has its route",
+               lambda: "Pending" in self.navctl(run_dir, "show", "paths").stdout)
+        shown = self.navctl(run_dir, "show", "paths").stdout
+        self.assertRegex(shown, r"203\.0\.113\.1 +198\.51\.100\.2 +10\.255\.0\.2 ")
+        self.assertEqual(self.stop(agent), 0)
 
     def test_a_broken_invariant_leaves_its_trace(self):
         run_dir = self.run_dir()

@@ -50,6 +50,23 @@ Json rules(size_t count, const std::string& profile, size_t firstId = 1) {
     return made;
 }
 
+TEST(JsonTest, PlacesHaveTheLineOnWhichTheyBegin) {
+    const std::string text = R"({ "a": {"b": 1},
+  "c": [
+    {"b": [1,
+           "x"]},
+    "y"], "a/d": 2
+})";
+    // clang-format off
+    const std::pair<const char*, size_t> places[] = {
+        {"", 1}, {"/a/b", 1}, {"/c", 2}, {"/c/0/b", 3}, {"/c/0/b/1", 4}, {"/c/1", 5},
+        {"/a~1d", 5}, {"/c/7", 2}, {"/c/0/zzz/1", 3}, {"/nowhere", 1}};
+    // clang-format on
+    for (const auto& [place, line] : places) {
+        EXPECT_EQ(Agent::lineOf(text, Json::json_pointer(place)), line) << place;
+    }
+}
+
 TEST(ConfigTest, ARefusalNamesTheLineOfTheFault) {
     for (const auto& [text, reason] : std::initializer_list<std::pair<std::string, std::string>>{
              {"{\n\"navConfigured\": true,\n\"udpPortConfig\": 1", "line 3, column"},

@@ -5,14 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <optional>
 #include <set>
 
 #include "agent/CommandServer.h"
 #include "agent/ControlServer.h"
 #include "agent/RunDir.h"
+#include "tests/TempDir.h"
 
 namespace {
 
@@ -122,18 +121,12 @@ class ServerTest : public testing::Test {
         bool ended = false;
     };
 
-    void SetUp() override {
-        std::string name = testing::TempDir() + "shell.XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        dir = name;
-    }
-    void TearDown() override { std::filesystem::remove_all(dir); }
     void serve(Agent::ControlServer::Limits limits = {}) {
         control.emplace(loop, path(), handler, limits);
     }
-    std::string path() const { return dir + "/some.sock"; }
+    std::string path() const { return dir.path + "/some.sock"; }
 
-    std::string dir;
+    TempDir dir;
     Loom::MonotonicClock clock;
     Loom::TaskScheduler scheduler{clock};
     Agent::EventLoop loop{scheduler};

@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 
 #include "forwarder/Traffic.h"
 #include "nav/counters/NavShard.h"
 #include "platform/shard/ForwardingStatus.h"
+#include "tests/TempDir.h"
 
 namespace {
 
@@ -18,16 +18,8 @@ using namespace NavShard;
 using Vel::U32;
 using Vel::U64;
 
-// A run directory of its own for each test.
-class Space {
-  public:
-    Space() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "countersXXXXXX").string();
-        path = mkdtemp(pattern.data());
-    }
-    ~Space() { std::filesystem::remove_all(path); }
+struct Space : TempDir {
     Shard::Namespace space() const { return Shard::Namespace(path); }
-    std::string path;
 };
 
 NavLbProfileCounterEntry entry(U32 lbId, U64 packets) {

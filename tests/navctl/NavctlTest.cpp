@@ -2,8 +2,6 @@
 // sends, how it ends.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <future>
 #include <map>
@@ -16,6 +14,7 @@
 #include "navctl/Cli.h"
 #include "navctl/Literal.h"
 #include "navctl/Table.h"
+#include "tests/TempDir.h"
 
 namespace {
 
@@ -124,16 +123,6 @@ class FakeAgent : Agent::RequestHandler {
 
 class NavctlTest : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string name = testing::TempDir() + "navctl.XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        dir = name;
-        agent.emplace(dir);
-    }
-    void TearDown() override {
-        agent.reset();
-        std::filesystem::remove_all(dir);
-    }
     int run(std::vector<std::string> arguments, const std::string& input = {}) {
         arguments.insert(arguments.begin(), {"--run-dir", dir});
         std::istringstream in(input);
@@ -148,8 +137,10 @@ class NavctlTest : public testing::Test {
         return dir + "/" + name;
     }
 
-    std::string dir, out, err;
-    std::optional<FakeAgent> agent;
+    TempDir own;
+    const std::string& dir = own.path;
+    std::string out, err;
+    std::optional<FakeAgent> agent{std::in_place, dir};
 };
 
 TEST_F(NavctlTest, ExitStatusSaysWhoIsAtFault) {

@@ -51,7 +51,9 @@ TEST(Segment, AgentsOfDifferentRunDirectoriesDoNotMeet) {
     Plain::Writer second(here.space, "map2", capacity);
     writer.valueIs(1, Value::of(1, 5));
     other.valueIs(1, Value::of(1, 6));
-    Plain::Reader reader(Namespace(here.path + "/../" + here.path.substr(5)), "map");
+    Plain::Reader reader(
+        Namespace(here.path + "/../" + std::filesystem::path(here.path).filename().string()),
+        "map");
     reader.update();
     Value value;
     ASSERT_EQ(reader.find(1, value), Lookup::found);

@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <random>
@@ -19,12 +18,11 @@
 
 #include "platform/netz/Error.h"
 #include "platform/shard/Map.h"
+#include "tests/TempDir.h"
 
 namespace Shard {
 
-struct RunDirectory {
-    RunDirectory() : path(mkdtemp(pattern)), space(path) {}
-    ~RunDirectory() { std::filesystem::remove(path); }
+struct RunDirectory : TempDir {
     // The shared-memory names of this directory's agent.
     std::vector<std::string> names() const {
         std::vector<std::string> found;
@@ -36,9 +34,7 @@ struct RunDirectory {
         return found;
     }
 
-    char pattern[24] = "/tmp/shard-test-XXXXXX";
-    std::string path;
-    Namespace space;
+    Namespace space{path};
 };
 
 using Random = std::mt19937_64;
