@@ -1,5 +1,7 @@
 #include "bench/FullSize.h"
 
+#include <stdexcept>
+
 namespace Bench {
 
 namespace {
@@ -32,24 +34,7 @@ Shard::Fib::Via Router::via(U32 path, U32 hop) const {
 }
 
 Router::Router(const Size& size, bool configured)
-    : size(size),
-      in{Vel::make<Nav::NavCliConfig>("cliConfig"),
-         Vel::make<Nav::PathConfigDir>("pathConfigDir"),
-         Vel::make<Nav::NavStatusDir>("navStatusDir"),
-         Vel::make<Nav::SiteGroupStatus>("siteGroupStatus"),
-         Vel::make<Nav::HwPathStatus>("hwPathStatus"),
-         Vel::make<Ipsec::Path::PathConfigDir>("ipsecPathConfigDir"),
-         Vel::make<Ipsec::Path::PathStatusDir>("ipsecPathStatusDir"),
-         Vel::make<Classification::FeaturePolicyDir>("navFeaturePolicyDir"),
-         Vel::make<Ip::Status>("ipStatusDir"),
-         Vel::make<Ip6::Status>("ip6StatusDir"),
-         Vel::make<Routing::NexthopConfig>("nexthopConfig"),
-         Vel::make<Routing::NexthopStatus>("nexthopStatus"),
-         Vel::make<Shard::Fib::ForwardingStatus>("forwardingStatus"),
-         Vel::make<Shard::Fib6::ForwardingStatus>("forwarding6Status"),
-         Vel::make<Routing::Hardware::RouteStatus>("routingHwRouteStatus"),
-         Vel::make<Vel::Dir>("navCliRequestDir"),
-         Vel::make<Vel::Scheduler>(clock)} {
+    : size(size), in(Nav::makeNavInputs(Vel::make<Vel::Scheduler>(clock))) {
     Nav::NavCliConfig& cli = *in.cliConfig;
     auto& profile = cli.loadBalanceProfileIs("gold");
     auto& results = in.nexthopStatus->vrfIs("default");
@@ -66,8 +51,9 @@ Router::Router(const Size& size, bool configured)
         }
     }
     auto& policy = cli.policyConfigIs("policy");
-    for (U32 app = 1; app <= size.apps; ++app) {
-        auto& rule = policy.appProfilePolicyRuleListIs(app);
+    for (U32 key = 0; key < size.apps * size.rulesPerApp; ++key) {
+        const U32 app = 1 + key % size.apps;
+        auto& rule = policy.appProfilePolicyRuleListIs(1 + key);
         rule.appProfileIdIs(app);
         rule.appProfileNameIs(numbered("app", app));
         rule.lbGrpNameIs("gold");
@@ -89,7 +75,12 @@ void Router::configuredIs(bool on) {
     in.scheduler->runDue();
 }
 
-// As a forwarding agent does, for the indices that the paths have now.
+Nav::HwPathKey Router::hwPathKey(U32 path) const {
+    const Nav::PathKey key = pathKey(path);
+    const auto* entry = in.pathConfigDir->pathConfig("default")->pathConfigEntry(key);
+    return {key.srcAddr, key.dstAddr, key.vrfId, entry->pathIndex()};
+}
+
 void Router::program() {
     for (const Nav::PathConfig& vrf : in.pathConfigDir->pathConfig())
         for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
@@ -102,6 +93,11 @@ void Router::program() {
     in.scheduler->runDue();
 }
 
+void Router::programAnew() {
+    in.hwPathStatus->hwPathStatusListDelAll();
+    program();
+}
+
 void Router::interfaceFails(U32 interface) {
     in.ipStatusDir->ipIntfStatus(intf(interface))->activeAddrWithMaskIs({});
     in.scheduler->runDue();
@@ -110,13 +106,32 @@ void Router::interfaceFails(U32 interface) {
 void Router::interfaceReturns(U32 interface) {
     in.ipStatusDir->ipIntfStatus(intf(interface))->activeAddrWithMaskIs({source(interface), 24});
     in.scheduler->runDue();
-    in.hwPathStatus->hwPathStatusListDelAll();
-    program();
+    programAnew();
 }
 
 void Router::fecChanges(U32 path, U32 hop) {
     in.forwardingStatus->fecIs(path + 1, Shard::Fib::Fec({via(path, hop)}));
     in.scheduler->runDue();
+}
+
+void Router::destinationIs(U32 path, bool listed) {
+    const U32 number = path % (size.sites + size.spares) % size.sites;
+    auto& via = in.cliConfig->pathGroupConfig(numbered("group", interfaceOf(path)))
+                    ->remoteViaConfigIs(site(number));
+    if (listed)
+        via.remoteViaIs(destination(path));
+    else
+        via.remoteViaDel(destination(path));
+    in.scheduler->runDue();
+}
+
+void requireFull(const Router& router) {
+    U32 members = 0;
+    for (const auto& key : router.in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry())
+        members += key.pathEntry().size();
+    if (router.root->navContainer()->navDb()->pathKeyInfo().size() != router.size.paths() ||
+        members != router.size.paths() * router.size.apps * router.size.vrfs)
+        throw std::runtime_error("the router is not at full size");
 }
 
 }  // namespace Bench

@@ -16,7 +16,8 @@ struct Size {
     U32 sites = 31;
     U32 apps = 11;
     U32 vrfs = 3;
-    U32 spares = 1;  // of each interface: sites with a second destination
+    U32 spares = 1;       // of each interface: sites with one more destination
+    U32 rulesPerApp = 1;  // which share the application's keys
     U32 paths() const { return 4 * (sites + spares); }
     U32 keys() const { return sites * apps * vrfs; }
 };
@@ -33,6 +34,12 @@ class Router {
     void interfaceReturns(U32 interface);
     // Moves the one via of a path's FEC to another next hop, and runs what is due.
     void fecChanges(U32 path, U32 hop);
+    // Takes the path's destination out of its group, or lists it there.
+    void destinationIs(U32 path, bool listed);
+    // Reports every path as programmed, under the index that it has now; the second forgets what
+    // was reported before.
+    void program();
+    void programAnew();
 
     const Size size;
     Loom::ManualClock clock;
@@ -46,9 +53,11 @@ class Router {
     U32 interfaceOf(U32 path) const { return path / (size.sites + size.spares); }
     Nav::PathKey pathKey(U32 path) const;
     Shard::Fib::Via via(U32 path, U32 hop = 1) const;
-
-  private:
-    void program();
+    // How a forwarding agent knows the path now.
+    Nav::HwPathKey hwPathKey(U32 path) const;
 };
+
+// Raises an error unless every path is there, and is a member of its site's keys.
+void requireFull(const Router& router);
 
 }  // namespace Bench

@@ -29,16 +29,6 @@ namespace {
 using Nav::HwPathInfo;
 using Shard::Fib::Via;
 
-// Raises an error unless the router is as full as it should be.
-void requireFull(const Router& router) {
-    U32 members = 0;
-    for (const auto& key : router.in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry())
-        members += key.pathEntry().size();
-    if (router.root->navContainer()->navDb()->pathKeyInfo().size() != router.size.paths() ||
-        members != router.size.paths() * router.size.apps * router.size.vrfs)
-        throw std::runtime_error("the router is not at full size");
-}
-
 void event(benchmark::State& state, int level) {
     Router router;
     requireFull(router);
