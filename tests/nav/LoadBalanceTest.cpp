@@ -175,24 +175,6 @@ TEST_F(LoadBalance, AProfileThatComesAgainGivesNewIds) {
     EXPECT_EQ(entry(7)->latency(), NavConstants::defaultLatency);
 }
 
-TEST_F(LoadBalance, KeysGoWithTheirRuleUnderTheIdTheyHadThen) {
-    start();
-    list("gold", "wan", 1), list("gold", "lte", 2), path("wan", s1, 1), path("lte", s2, 2);
-    rule("red", 10, 7, "gold"), rule("blue", 10, 7, "gold");
-    db.vrfNameToIdIs("red", 9);
-    path("wan", s1, 3);
-    EXPECT_EQ(show(7), "1 gen 2: 1/1/wan 3/1/wan");
-    in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(s1)});  // a site vanishes, and of the
-    cli.loadBalanceProfile("gold")->pathGroupPriorityDel("lte");   // other no group is left
-    EXPECT_EQ(show(7, 1, s2), "2 gen 2:");
-    noRule("red", 10, 7, "gold");
-    EXPECT_EQ(membership().size(), 2U);
-    rule("red", 10, 7, "gold"), path("wan", s1, 4);
-    EXPECT_EQ(show(7, 9), "5 gen 1: 4/1/wan");
-    in.navStatusDir->navRuleStatusDel("blue");
-    EXPECT_EQ(membership().size(), 1U);
-}
-
 // One id is all there is, so that none may be lost or given twice.
 TEST_F(LoadBalance, RulesOfOneApplicationShareItsKey) {
     list("gold", "wan", 1), list("silver", "wan", 5), list("silver", "lte", 6);

@@ -29,22 +29,7 @@ class PathConstructionTest : public NavFixture {
         EXPECT_EQ(configuredPaths(), keys);
         checkInvariants();
     }
-    SiteGroupKey ownerOf(const PathKey& pathKey) {
-        return navDb().pathKeyInfo(pathKey)->siteGroupKey();
-    }
     const NavPathGroupDirSm& dir() { return *root->navContainer()->navPathGroupDirSm(); }
-    std::set<U32> usable(const SiteGroupKey& site) {
-        std::set<U32> indices;
-        if (const auto* entry = in.siteGroupStatus->siteGroupStatusEntry(site))
-            for (U32 index : entry->pathIndexEntry()) indices.insert(index);
-        return indices;
-    }
-    // As the forwarding agent and path resolution would.
-    void program(const PathKey& pathKey, const char* vrf = "default") {
-        pathStatusDir().pathStatus(vrf)->pathStatusEntry(pathKey)->programmedIs(true);
-        in.siteGroupStatus->siteGroupStatusEntryIs(ownerOf(pathKey))
-            .pathIndexEntryIs(indexOf(pathKey));
-    }
 };
 
 // The site and destination of most tests, and the paths to it.
@@ -122,70 +107,6 @@ TEST_F(PathConstructionTest, IndicesAreUsedUpAndReturnToTheTail) {
     }
     noVia("internet", site, destination(204));
     checkInvariants();
-}
-
-TEST_F(PathConstructionTest, VrfIdsBecomeKnownChangeAndExchange) {
-    start();
-    listIntf("internet", "wan1");
-    via("internet", site, dst);
-    intfVrf("wan1", "blue");
-    address("wan1", "203.0.113.1/24");
-    vrfId("blue", 0);
-    expectPaths({});
-    EXPECT_TRUE(in.nexthopConfig->vrf("blue")) << "ensured before the id is known";
-    EXPECT_TRUE(navDb().vrfNameToId().empty() && navDb().vrfIdToName().empty());
-    vrfId("blue", 1);
-    EXPECT_EQ(*navDb().vrfNameToId("blue"), 1u);
-    EXPECT_EQ(*navDb().vrfIdToName(1), "blue");
-
-    // Two VRFs with the same addresses exchange their ids.
-    listIntf("internet", "wan2");
-    intfVrf("wan2", "red");
-    vrfId("red", 2);
-    address("wan2", "203.0.113.1/24");
-    expectPaths({key("203.0.113.1", dst, 1), key("203.0.113.1", dst, 2)});
-    vrfId("blue", 2);
-    expectPaths({key("203.0.113.1", dst, 2)});
-    EXPECT_EQ(navDb().pathKeyInfo(key("203.0.113.1", dst, 2))->vrfName(), "blue");
-    vrfId("red", 1);
-    expectPaths({key("203.0.113.1", dst, 1), key("203.0.113.1", dst, 2)});
-    EXPECT_EQ(*navDb().srcToIntfMapping(ip("203.0.113.1")), Netz::IntfId("wan2"));
-    address("wan2", "0.0.0.0/0");
-    expectPaths({key("203.0.113.1", dst, 2)});
-}
-
-TEST_F(PathConstructionTest, OnePathOfTwoGroups) {
-    start();
-    address("wan1", "203.0.113.1/24");
-    const PathKey pathKey = key("203.0.113.1", dst);
-    const SiteGroupKey first{"a", ip(site)}, second{"b", ip("10.255.0.3")};
-    group("b").ipsecProfileIs("gold");
-    listIntf("a", "wan1");
-    listIntf("b", "wan1");
-    via("a", site, dst);
-    program(pathKey);
-    via("b", "10.255.0.3", dst);  // the last one owns, with all that hangs on it
-    EXPECT_EQ(ownerOf(pathKey), second);
-    EXPECT_EQ(usable(second), std::set{1u});
-    EXPECT_TRUE(usable(first).empty());
-    noVia("a", site, dst);  // by another: ignored
-    EXPECT_EQ(ownerOf(pathKey), second);
-    via("a", site, dst);
-    via("b", "10.255.0.4", dst);
-    expectPaths({pathKey});
-    EXPECT_EQ(ownerOf(pathKey), (SiteGroupKey{"b", ip("10.255.0.4")}));
-    cli.pathGroupConfigDel("b");  // both sites of it at once
-    expectPaths({pathKey});
-    EXPECT_EQ(ownerOf(pathKey), first);
-    EXPECT_EQ(indexOf(pathKey), 1u);
-    EXPECT_EQ(usable(first), std::set{1u});
-    EXPECT_EQ(*dir().intfToPgName(Netz::IntfId("wan1")), "a");
-
-    const Vel::Ptr<PathStatusEntry> status(
-        *pathStatusDir().pathStatus("default")->pathStatusEntry(pathKey));
-    noVia("a", site, dst);
-    expectPaths({});
-    EXPECT_FALSE(status->programmed()) << "whoever still holds it sees nothing of the path";
 }
 
 TEST_F(PathConstructionTest, ProfilesComeWithTheEntryAndClearingDeletes) {
