@@ -174,49 +174,26 @@ void tables(const Meter& meter, U32 entries) {
     });
 }
 
-// The road of one event. Each operation leaves the router as it found it.
-void events(const Meter& meter, Router& router) {
+// What comes from the services around; each operation leaves the router as it found it.
+void services(const Meter& meter, Router& router) {
     const Nav::NavInputs& in = router.in;
-    Nav::NavCliConfig& cli = *in.cliConfig;
     const U32 paths = router.size.paths();
-    auto settled = [&](auto&& change) {
-        change();
-        in.scheduler->runDue();
-    };
     auto pathOf = [paths](U32 i) { return i * 7 % paths; };
-    requireFull(router);
 
     U32 hop = 0;
     meter.all("fec", 128, [&](U32 i) { router.fecChanges(pathOf(i), hop++ / paths); });
     auto& results = *in.nexthopStatus->vrf("default");
     meter.all("next hop", 128, [&](U32 i) {
         const U32 path = pathOf(i);
-        settled([&] { results.nexthopDel(router.destination(path)); });
-        settled([&] { results.nexthopIs({router.destination(path), path + 1}); });
+        results.nexthopDel(router.destination(path));
+        in.scheduler->runDue();
+        results.nexthopIs({router.destination(path), path + 1});
+        in.scheduler->runDue();
     });
     meter.all("hardware", 16, [&](U32 i) {
         auto& entry = *in.hwPathStatus->hwPathStatusList(router.hwPathKey(pathOf(i)));
-        settled([&] { entry.hwArpIndexIs(0); });
-        settled([&] { entry.hwArpIndexIs(1); });
-    });
-    meter.part("interface fails", 2, [&](U32 i, auto&& counted) {
-        counted([&] { router.interfaceFails(i); });
-        router.interfaceReturns(i);
-    });
-    meter.part("interface returns", 2, [&](U32 i, auto&& counted) {
-        router.interfaceFails(i);
-        in.hwPathStatus->hwPathStatusListDelAll();  // or paths that get their old index are up
-        auto& status = *in.ipStatusDir->ipIntfStatus(router.intf(i));
-        counted([&] { settled([&] { status.activeAddrWithMaskIs({router.source(i), 24}); }); });
-        router.programAnew();
-    });
-    meter.part("destination", 8, [&](U32 i, auto&& counted) {
-        const U32 path = pathOf(i);
-        const Nav::HwPathKey old = router.hwPathKey(path);
-        counted([&] { router.destinationIs(path, false); });
-        in.hwPathStatus->hwPathStatusListDel(old);
-        counted([&] { router.destinationIs(path, true); });
-        router.program();
+        entry.hwArpIndexIs(0);
+        entry.hwArpIndexIs(1);
     });
     meter.all("IPsec", 128, [&](U32 i) {
         const Nav::PathKey key = router.pathKey(pathOf(i));
@@ -226,40 +203,73 @@ void events(const Meter& meter, Router& router) {
         status.connectionStateIs(Ipsec::Path::established);
         in.ipsecPathStatusDir->ipsecPathStatusDel(connection);
     });
-    auto& policy = *cli.policyConfig("policy");
-    meter.all("policy version", 4, [&](U32) { settled([&] { policy.configVersionInc(1); }); });
-    meter.all("rule", 2, [&](U32) {
-        policy.appProfilePolicyRuleListDel(1);
-        settled([&] { policy.configVersionInc(1); });
-        auto& rule = policy.appProfilePolicyRuleListIs(1);
-        rule.appProfileIdIs(1);
-        rule.appProfileNameIs("app1");
-        rule.lbGrpNameIs("gold");
-        settled([&] { policy.configVersionInc(1); });
+    meter.part("interface fails", 2, [&](U32 i, auto&& counted) {
+        counted([&] { router.interfaceFails(i); });
+        router.interfaceReturns(i);
+    });
+    meter.part("interface returns", 2, [&](U32 i, auto&& counted) {
+        router.interfaceFails(i);
+        in.hwPathStatus->hwPathStatusListDelAll();  // or paths that get their old index are up
+        counted([&] {
+            in.ipStatusDir->ipIntfStatus(router.intf(i))
+                ->activeAddrWithMaskIs({router.source(i), 24});
+        });
+        router.programAnew();
     });
     const U32 lastVrf = router.size.vrfs - 1;
     const L3::VrfName vrf = "vrf" + std::to_string(lastVrf);
     meter.all("VRF id", 2, [&](U32) {
-        settled([&] { in.routingHwRouteStatus->vrfStatusDel(vrf); });
-        settled([&] { in.routingHwRouteStatus->vrfStatusIs(vrf).vrfIdIs(lastVrf); });
-    });
-    meter.all("VRF binding", 2, [&](U32) {
-        settled([&] { cli.vrfConfigDel(vrf); });
-        settled([&] { cli.vrfConfigIs(vrf).policyNameIs("policy"); });
-    });
-    auto& profile = *cli.loadBalanceProfile("gold");
-    meter.all("profile", 2, [&](U32) {
-        settled([&] { profile.pathGroupPriorityIs("group0", 9); });
-        settled([&] { profile.pathGroupPriorityIs("group0", 1); });
+        in.routingHwRouteStatus->vrfStatusDel(vrf);
+        in.routingHwRouteStatus->vrfStatusIs(vrf).vrfIdIs(lastVrf);
     });
     const int nowhere = ::open("/dev/null", O_WRONLY);
     meter.all("show", 4, [&](U32) { router.root->showNavPaths(U32(nowhere)); });
     ::close(nowhere);
+}
+
+// The same for what an operator configures.
+void configuration(const Meter& meter, Router& router) {
+    Nav::NavCliConfig& cli = *router.in.cliConfig;
+    meter.part("destination", 8, [&](U32 i, auto&& counted) {
+        const U32 path = i * 7 % router.size.paths();
+        const Nav::HwPathKey old = router.hwPathKey(path);
+        counted([&] { router.destinationIs(path, false); });
+        router.in.hwPathStatus->hwPathStatusListDel(old);
+        counted([&] { router.destinationIs(path, true); });
+        router.program();
+    });
+    auto& policy = *cli.policyConfig("policy");
+    meter.all("policy version", 4, [&](U32) { policy.configVersionInc(1); });
+    meter.all("rule", 2, [&](U32) {
+        policy.appProfilePolicyRuleListDel(1);
+        policy.configVersionInc(1);
+        auto& rule = policy.appProfilePolicyRuleListIs(1);
+        rule.appProfileIdIs(1);
+        rule.appProfileNameIs("app1");
+        rule.lbGrpNameIs("gold");
+        policy.configVersionInc(1);
+    });
+    const L3::VrfName vrf = "vrf" + std::to_string(router.size.vrfs - 1);
+    meter.all("VRF binding", 2, [&](U32) {
+        cli.vrfConfigDel(vrf);
+        cli.vrfConfigIs(vrf).policyNameIs("policy");
+    });
+    auto& profile = *cli.loadBalanceProfile("gold");
+    meter.all("profile", 2, [&](U32) {
+        profile.pathGroupPriorityIs("group0", 9);
+        profile.pathGroupPriorityIs("group0", 1);
+    });
     meter.part("container", 1, [&](U32, auto&& counted) {
         router.configuredIs(false);
         counted([&] { router.configuredIs(true); });
         router.programAnew();
     });
+}
+
+void events(const Meter& meter, Router& router) {
+    requireFull(router);
+    services(meter, router);
+    configuration(meter, router);
     requireFull(router);
 }
 
@@ -284,11 +294,18 @@ void scaling() {
             events(Meter(what, n), router);
         }
     };
-    vary("paths", {16, 32, 64, 128}, [](U32 n) { return Size{2, 4, 2, n / 4 - 2}; });
-    vary("sites", {2, 4, 8, 16}, [](U32 n) { return Size{n, 4, 2, 32 - n}; });
-    vary("applications", {4, 8, 16, 32}, [](U32 n) { return Size{8, n, 2, 0, 32 / n}; });
-    vary("rules", {4, 8, 16, 32}, [](U32 n) { return Size{8, 4, 2, 0, n / 4}; });
-    vary("VRFs", {2, 4, 8, 16}, [](U32 n) { return Size{8, 4, n, 0}; });
+    vary("paths", {16, 32, 64, 128},
+         [](U32 n) { return Size{.sites = 2, .apps = 4, .vrfs = 2, .spares = n / 4 - 2}; });
+    vary("sites", {2, 4, 8, 16},
+         [](U32 n) { return Size{.sites = n, .apps = 4, .vrfs = 2, .spares = 32 - n}; });
+    vary("applications", {4, 8, 16, 32}, [](U32 n) {
+        return Size{.sites = 8, .apps = n, .vrfs = 2, .spares = 0, .rulesPerApp = 32 / n};
+    });
+    vary("rules", {4, 8, 16, 32}, [](U32 n) {
+        return Size{.sites = 8, .apps = 4, .vrfs = 2, .spares = 0, .rulesPerApp = n / 4};
+    });
+    vary("VRFs", {2, 4, 8, 16},
+         [](U32 n) { return Size{.sites = 8, .apps = 4, .vrfs = n, .spares = 0}; });
 }
 
 }  // namespace
