@@ -18,23 +18,6 @@ struct Journal {
     std::atomic<uint64_t> next, progress;
 };
 
-struct PlainLife {
-    using Table = Map<uint32_t, Checked<40>>;
-    using Value = Checked<40>;
-    static Table::Writer writer(const Namespace& space) { return {space, "life", keys}; }
-    static Value value(uint32_t key, uint64_t version) { return Value::of(key, version); }
-    static uint64_t version(const Value& value) { return value.version(); }
-};
-struct ListLife {
-    using Table = ListMap<uint32_t, Record, 32>;
-    using Value = std::vector<Record>;
-    static Table::Writer writer(const Namespace& space) {
-        return {space, "life", keys, keys * 20 * sizeof(Record)};
-    }
-    static Value value(uint32_t key, uint64_t version) { return checkedList(key, version, 32); }
-    static uint64_t version(const Value& value) { return value.empty() ? 0 : value[0].version(); }
-};
-
 template <class Kind>
 class Death : public testing::Test {
   protected:
@@ -42,7 +25,8 @@ class Death : public testing::Test {
 
     int live(uint64_t seed, bool first) {
         Random random(seed);
-        auto writer = Kind::writer(run_.space);
+        const auto made = Kind::writer(run_.space, keys);
+        auto& writer = *made;
         if (writer.tookOver() == first) return 2;
         uint64_t there = 0;
         for (uint32_t key = 0; key < keys; ++key) there += settle(writer, key) != gone;
@@ -93,12 +77,12 @@ class Death : public testing::Test {
     Journal& journal_ = shared<Journal>();
 };
 
-using Kinds = testing::Types<PlainLife, ListLife>;
+using Kinds = testing::Types<PlainKind<40>, ListKind<32>>;
 TYPED_TEST_SUITE(Death, Kinds);
 
 TYPED_TEST(Death, LeavesEveryValueToReadersAndToTheNextWriter) {
     Random random = seeded(31337);
-    typename TypeParam::Table::Reader reader(this->run_.space, "life");
+    typename TypeParam::Table::Reader reader(this->run_.space, "map");
     const auto limit = deadline(60);
     for (uint64_t life = 1; life <= 500 && !this->HasFatalFailure(); ++life) {
         this->journal_.progress = 0;
@@ -114,13 +98,13 @@ TYPED_TEST(Death, LeavesEveryValueToReadersAndToTheNextWriter) {
         EXPECT_FALSE(reader.writerAlive());
         this->expectAsDone(reader);
     }
-    auto writer = TypeParam::writer(this->run_.space);
-    ASSERT_TRUE(writer.tookOver());
-    writer.commit();
+    const auto writer = TypeParam::writer(this->run_.space, keys);
+    ASSERT_TRUE(writer->tookOver());
+    writer->commit();
     this->expectAsDone(reader);
     uint64_t walked = 0;
     EXPECT_TRUE(reader.forEach([&](uint32_t, const auto&) { ++walked; }));
-    EXPECT_EQ(walked, writer.count());
+    EXPECT_EQ(walked, writer->count());
     EXPECT_EQ(reader.corruptions(), 0u);
 }
 

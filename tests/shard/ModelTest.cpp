@@ -139,25 +139,5 @@ TYPED_TEST(Model, ReadersSeeWhatWasWritten) {
     EXPECT_EQ(reader.corruptions() + lazy.corruptions(), 0u);
 }
 
-TEST(ListMap, TakesMemoryByTheLengthOfItsLists) {
-    using Table = ListMap<uint32_t, Record, 512>;
-    RunDirectory run;
-    // Ten thousand lists of which each could be 24 KiB long, in the memory of 14000 records.
-    Table::Writer writer(run.space, "fecs", 10000, 14000 * sizeof(Record));
-    Table::Reader reader(writer);
-    std::vector<Record> list;
-    for (uint32_t key = 0; key < 10000; ++key) writer.valueIs(key, checkedList(key, 0, 1));
-    writer.valueIs(7, checkedList(7, 3, 1));
-    for (uint32_t length : {512u, 0u, 511u}) {
-        writer.valueIs(8, std::vector<Record>(length, Record::of(8, length)));
-        ASSERT_EQ(reader.find(8, list), Lookup::found);
-        EXPECT_EQ(list, std::vector<Record>(length, Record::of(8, length)));
-    }
-    EXPECT_THROW(writer.valueIs(8, std::vector<Record>(513)), Vel::Error);
-    EXPECT_LT(std::filesystem::file_size("/dev/shm" + run.space.segmentName("fecs")), 4u << 20);
-    ASSERT_EQ(reader.find(9999, list), Lookup::found);
-    EXPECT_EQ(list, checkedList(9999, 0, 1));
-}
-
 }  // namespace
 }  // namespace Shard

@@ -12,26 +12,6 @@ using namespace std::chrono_literals;
 
 constexpr uint32_t steady = 24, keys = 64;  // the first keys stay, the others come and go
 
-template <size_t words>
-struct PlainRace {
-    using Table = Map<uint32_t, Checked<words>>;
-    using Value = Checked<words>;
-    static auto writer(const Namespace& space) {
-        return std::make_unique<typename Table::Writer>(space, "race", 64);
-    }
-    static Value value(uint32_t key, uint64_t version) { return Value::of(key, version); }
-    static uint64_t version(const Value& value) { return value.version(); }
-};
-struct ListRace {
-    using Table = ListMap<uint32_t, Record, 64>;
-    using Value = std::vector<Record>;
-    static auto writer(const Namespace& space) {
-        return std::make_unique<Table::Writer>(space, "race", 64, 64 * 64 * sizeof(Record));
-    }
-    static Value value(uint32_t key, uint64_t version) { return checkedList(key, version, 64); }
-    static uint64_t version(const Value& value) { return value.empty() ? 0 : value[0].version(); }
-};
-
 template <class Kind>
 class Race : public testing::Test {
   protected:
@@ -100,12 +80,12 @@ class Race : public testing::Test {
     Board& board_ = shared<Board>();
 };
 
-using Kinds = testing::Types<PlainRace<13>, PlainRace<512>, ListRace>;
+using Kinds = testing::Types<PlainKind<13>, PlainKind<512>, ListKind<64>>;
 TYPED_TEST_SUITE(Race, Kinds);
 
 TYPED_TEST(Race, BetweenProcesses) {
     Child writer([&] {
-        auto writer = TypeParam::writer(this->run_.space);
+        auto writer = TypeParam::writer(this->run_.space, keys);
         this->open(*writer);
         this->board_.started = true;
         this->write(*writer);
@@ -114,7 +94,7 @@ TYPED_TEST(Race, BetweenProcesses) {
     std::vector<std::unique_ptr<Child>> readers;
     for (uint64_t seed : {1, 2, 3}) {
         readers.push_back(std::make_unique<Child>([&, seed] {
-            typename TypeParam::Table::Reader reader(this->run_.space, "race");
+            typename TypeParam::Table::Reader reader(this->run_.space, "map");
             while (reader.update() != MapState::mounted) {
                 if (!reader.await(10s)) return 10;
             }
@@ -127,7 +107,7 @@ TYPED_TEST(Race, BetweenProcesses) {
 }
 
 TYPED_TEST(Race, BetweenThreads) {
-    auto writer = TypeParam::writer(this->run_.space);
+    auto writer = TypeParam::writer(this->run_.space, keys);
     this->open(*writer);
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;

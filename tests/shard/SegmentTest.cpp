@@ -20,17 +20,24 @@ Descriptor openSegment(const Namespace& space, const char* map = "map") {
     return Descriptor(shm_open(space.segmentName(map).c_str(), O_RDWR | O_CREAT, 0600));
 }
 
+// Has written one value, and lives until it is killed.
+struct WritingChild : Child {
+    explicit WritingChild(const Namespace& space,
+                          std::atomic<bool>& ready = shared<std::atomic<bool>>())
+        : Child([&] {
+              Plain::Writer writer(space, "map", capacity);
+              writer.valueIs(1, Value::of(1, 1));
+              ready = true;
+              for (;;) pause();
+              return 0;
+          }) {
+        while (!ready) std::this_thread::yield();
+    }
+};
+
 TEST(Segment, ASecondWriterIsRefusedWhileTheFirstLives) {
     RunDirectory run;
-    auto& ready = shared<std::atomic<bool>>();
-    Child first([&] {
-        Plain::Writer writer(run.space, "map", capacity);
-        writer.valueIs(1, Value::of(1, 1));
-        ready = true;
-        for (;;) pause();
-        return 0;
-    });
-    while (!ready) std::this_thread::yield();
+    WritingChild first(run.space);
     try {
         Plain::Writer second(run.space, "map", capacity);
         ADD_FAILURE() << "a second writer";
@@ -146,40 +153,9 @@ TEST(Notification, EachEventMakesTheReadersDescriptorReadable) {
     EXPECT_FALSE(reader.writerAlive());
 }
 
-TEST(Notification, ABlockedReaderWakes) {
-    RunDirectory run;
-    auto& seen = shared<std::atomic<uint64_t>>();
-    Child child([&] {
-        Plain::Reader reader(run.space, "map");
-        Value value;
-        for (reader.update(); reader.state() != MapState::quiesced; reader.update()) {
-            if (reader.find(1, value) == Lookup::found) seen = value.version();
-            if (!reader.await(20s)) return 1;
-        }
-        return 0;
-    });
-    const auto limit = deadline(20);
-    Plain::Writer writer(run.space, "map", capacity);
-    for (uint64_t version = 1; version <= 100; ++version) {
-        writer.valueIs(1, Value::of(1, version));
-        writer.commit();
-        while (seen != version) ASSERT_FALSE(passed(limit)) << version;
-    }
-    writer.quiesce();
-    EXPECT_EQ(child.wait(), 0);
-}
-
 TEST(Notification, AReaderWakesWhenTheWriterDies) {
     RunDirectory run;
-    auto& ready = shared<std::atomic<bool>>();
-    Child child([&] {
-        Plain::Writer writer(run.space, "map", capacity);
-        writer.valueIs(1, Value::of(1, 1));
-        ready = true;
-        for (;;) pause();
-        return 0;
-    });
-    while (!ready) std::this_thread::yield();
+    WritingChild child(run.space);
     Plain::Reader reader(run.space, "map");
     reader.update();
     EXPECT_TRUE(reader.writerAlive());

@@ -116,4 +116,29 @@ inline std::vector<Record> checkedList(uint64_t key, uint64_t version, uint32_t 
     return list;
 }
 
+// Both kinds of map, as tests of either need them.
+template <size_t words>
+struct PlainKind {
+    using Value = Checked<words>;
+    using Table = Map<uint32_t, Value>;
+    static auto writer(const Namespace& space, uint32_t keys) {
+        return std::make_unique<typename Table::Writer>(space, "map", keys);
+    }
+    static Value value(uint32_t key, uint64_t version) { return Value::of(key, version); }
+    static uint64_t version(const Value& value) { return value.version(); }
+};
+template <uint32_t longest>
+struct ListKind {
+    using Value = std::vector<Record>;
+    using Table = ListMap<uint32_t, Record, longest>;
+    static auto writer(const Namespace& space, uint32_t keys) {
+        return std::make_unique<typename Table::Writer>(space, "map", keys,
+                                                        keys * longest * sizeof(Record));
+    }
+    static Value value(uint32_t key, uint64_t version) {
+        return checkedList(key, version, longest);
+    }
+    static uint64_t version(const Value& value) { return value.empty() ? 0 : value[0].version(); }
+};
+
 }  // namespace Shard
