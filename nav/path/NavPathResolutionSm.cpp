@@ -1,5 +1,8 @@
 #include "nav/path/NavPathResolutionSm.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "nav/path/NavPathResolutionDirSm.h"
 #include "nav/path/PathState.h"
 #include "nav/path/PathTrace.h"
@@ -175,16 +178,20 @@ void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
     DUOLOG_ENTRY(pathTrace, " ", addr);
     Vel::Hold hold;
     const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
-    if (!isUsed(addr, paths)) {
-        if (paths && paths->pathKey().empty()) in_.navDb->addrToPathKeySetDel(addr);
-        DUOLOG(pathTrace, 7, "No paths for dstAddr ", addr);
-        in_.nexthopVrfConfig->nexthopDel(addr);
-        return;
+    bool used = false;
+    if (paths) {
+        for (const PathKey& pathKey : paths->pathKey()) {
+            if (!isTowards(addr, pathKey)) continue;
+            // A result that was there on somebody else's behalf must not vanish for good.
+            if (!std::exchange(used, true) && !in_.nexthopVrfConfig->nexthopHas(addr))
+                requestNexthop(addr);
+            reviewPath(pathKey, addr);
+        }
     }
-    // A result that was there on somebody else's behalf must not vanish for good.
-    if (!in_.nexthopVrfConfig->nexthopHas(addr)) requestNexthop(addr);
-    for (const PathKey& pathKey : paths->pathKey())
-        if (isTowards(addr, pathKey)) reviewPath(pathKey, addr);
+    if (used) return;
+    if (paths && paths->pathKey().empty()) in_.navDb->addrToPathKeySetDel(addr);
+    DUOLOG(pathTrace, 7, "No paths for dstAddr ", addr);
+    in_.nexthopVrfConfig->nexthopDel(addr);
 }
 
 void NavPathResolutionSm::reviewPath(const PathKey& pathKey, const IpGenAddr& addr) {
@@ -351,9 +358,14 @@ IntfId NavPathResolutionSm::VelPathConfigEntry::localIntf() {
     const auto hasAddrHere = [&](const Ip::IpIntfStatus& intf) {
         return intf.activeAddrWithMask().addr == addr && intf.vrfName() == in_.vrfName;
     };
-    for (const IntfId& known : {*mapped, intfHere_})
-        for (const auto* intfs : tables)
-            if (const auto* intf = intfs->find(known); intf && hasAddrHere(**intf)) return known;
+    const auto isHere = [&](const IntfId& known) {
+        return std::ranges::any_of(tables, [&](const auto* intfs) {
+            const auto* intf = intfs->find(known);
+            return intf && hasAddrHere(**intf);
+        });
+    };
+    if (isHere(*mapped)) return *mapped;
+    if (!intfHere_.empty() && isHere(intfHere_)) return intfHere_;
     for (const auto* intfs : tables)
         for (const Ip::IpIntfStatus& intf : *intfs)
             if (hasAddrHere(intf)) return intfHere_ = intf.intfId();

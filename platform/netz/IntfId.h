@@ -17,6 +17,7 @@
 
 #include "platform/Export.h"
 #include "platform/netz/Hash.h"
+#include "platform/netz/SameBytes.h"
 
 namespace Netz {
 
@@ -44,7 +45,7 @@ class VEL_EXPORT IntfId {
     }
     uint32_t hash() const { return static_cast<uint32_t>(mix() >> 32); }
 
-    constexpr bool operator==(const IntfId&) const = default;
+    bool operator==(const IntfId& other) const { return sameBytes(*this, other); }
     constexpr auto operator<=>(const IntfId&) const = default;
 
   private:

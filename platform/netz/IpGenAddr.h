@@ -18,6 +18,7 @@
 
 #include "platform/Export.h"
 #include "platform/netz/Hash.h"
+#include "platform/netz/SameBytes.h"
 
 namespace Netz {
 
@@ -75,7 +76,7 @@ class VEL_EXPORT IpGenAddr {
     }
     uint32_t hash() const { return static_cast<uint32_t>(mix() >> 32); }
 
-    constexpr bool operator==(const IpGenAddr&) const = default;
+    bool operator==(const IpGenAddr& other) const { return sameBytes(*this, other); }
     constexpr auto operator<=>(const IpGenAddr&) const = default;
 
   private:

@@ -55,15 +55,12 @@ void FibMonitorHelperSm::follow(const IpGenAddr& addr) {
 }
 
 void FibMonitorHelperSm::announceLater(const IpGenAddr& addr) {
-    if (!changed_.has(addr)) changed_.insert(addr);
+    in_.nexthopBacklog->backlogIs(addr);
     in_.scheduler->post(announcement_);
 }
 
 void FibMonitorHelperSm::announce() {
-    for (const IpGenAddr& addr : changed_) {
-        changed_.take(addr);
-        in_.nexthopBacklog->add(addr);
-    }
+    if (!in_.nexthopBacklog->backlog().empty()) in_.nexthopBacklog->versionInc(1);
 }
 
 }  // namespace Routing

@@ -1,7 +1,7 @@
 // Tells one user of next-hop resolution which addresses of a VRF it has to look at again.
 //
 // Whenever the result of an address changes, or the FEC that the result names, the address is put
-// into the user's backlog. That happens in a task, so that a burst of changes is one entry per
+// into the user's backlog, and a task announces it, so that a burst of changes is one entry per
 // address; a change and its contrary still are one entry, for the user cannot know that nothing
 // came of them. What is resolved already when the helper is made is not announced.
 //
@@ -55,7 +55,6 @@ class VEL_EXPORT FibMonitorHelperSm final : public Vel::Reactor {
     const Inputs in_;
     Vel::Table<Vel::MapTraits<Netz::IpGenAddr, Vel::U64>> fecOf_;
     std::set<Use> uses_;
-    Vel::Table<Vel::SetTraits<Netz::IpGenAddr>> changed_;  // since the last run of the task
     Loom::Task announcement_;
     Vel::Subscription nexthop_;
     Vel::Subscription fec_;

@@ -50,19 +50,12 @@ class VEL_EXPORT NexthopStatus : public Vel::Entity {
     VEL_COLLECTION(L3::VrfName, NexthopVrfStatus, vrf)
 };
 
-// Addresses whose result changed and that still have to be reviewed. `version` changes whenever an
-// address is added.
+// Addresses whose result changed and that still have to be reviewed. `version` changes after
+// addresses were added, once for all of a burst.
 class VEL_EXPORT NexthopBacklog : public Vel::Entity {
     VEL_ENTITY(NexthopBacklog, Vel::Name, name)
     VEL_SET(Netz::IpGenAddr, backlog)
     VEL_COUNTER(Vel::U32, version, 0)
-
-    // One that waits already is not announced again.
-    void add(const Netz::IpGenAddr& addr) {
-        if (backlogHas(addr)) return;
-        backlogIs(addr);
-        versionInc(1);
-    }
 };
 
 }  // namespace Routing

@@ -17,15 +17,15 @@ FecTable::FecTable(const char* map)
 const FecTable::Item* FecTable::find(Vel::U64 id) const {
     if (!writer_->find(id, vias_)) return nullptr;
     found_.first = id;
-    found_.second.viasIs(vias_);
+    found_.second.swapVias(vias_);
     return &found_;
 }
 
 bool FecTable::put(Vel::U64 id, const Fib::Fec& fec) {
-    const Fib::Fec wanted = fec;  // which may be what a lookup found
-    if (const Item* present = find(id); present && present->second == wanted) return false;
-    writer_->valueIs(id, wanted.vias());
-    if (!ids_.has(id)) ids_.insert(id);
+    const bool present = writer_->find(id, vias_);
+    if (present && vias_ == fec.vias()) return false;
+    writer_->valueIs(id, fec.vias());
+    if (!present && !ids_.has(id)) ids_.insert(id);
     changed();
     return true;
 }

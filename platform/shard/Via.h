@@ -19,7 +19,7 @@ struct VEL_EXPORT Via {
     Vel::U32 mplsAction = 0;
     Vel::U32 weight = 1;
 
-    bool operator==(const Via&) const = default;
+    bool operator==(const Via& other) const { return Netz::sameBytes(*this, other); }
 };
 VEL_VALUE(Shard::Fib, Via, hop, intfId, mplsLabel, mplsAction, weight)
 static_assert(sizeof(Via) == 64 && std::is_trivially_copyable_v<Via>);
@@ -51,8 +51,8 @@ class VEL_EXPORT Fec {
     Vel::U32 size() const { return static_cast<Vel::U32>(vias_.size()); }
     const Via& via(ViaIndex index) const { return vias_.at(index.value); }
     const std::vector<Via>& vias() const { return vias_; }
-    // REQUIRES: at most maxVias. Reuses the room that is there.
-    void viasIs(const std::vector<Via>& vias) { vias_.assign(vias.begin(), vias.end()); }
+    // Takes the vias and gives its own in return. REQUIRES: at most maxVias.
+    void swapVias(std::vector<Via>& vias) { vias_.swap(vias); }
     bool operator==(const Fec&) const = default;
 
   private:

@@ -10,12 +10,12 @@
 // A table is a member of an Object, so it outlives every walk over it (the cursor is a Hold).
 #pragma once
 
-#include <cstring>
 #include <iterator>
 #include <memory>
 #include <utility>
 #include <vector>
 
+#include "platform/netz/SameBytes.h"
 #include "platform/vel/Object.h"
 #include "platform/vel/Value.h"
 
@@ -93,11 +93,9 @@ class Table {
         bool live;
     };
 
-    // Byte by byte where that is the same thing: it is one comparison without branches.
     static bool same(const Key& a, const Key& b) {
-        if constexpr (std::has_unique_object_representations_v<Key> &&
-                      std::is_trivially_copyable_v<Key>)
-            return std::memcmp(&a, &b, sizeof(Key)) == 0;
+        if constexpr (Netz::equalAsBytes<Key>)
+            return Netz::sameBytes(a, b);
         else
             return a == b;
     }
@@ -157,10 +155,12 @@ class Table {
             c->at_ -= deadBefore(c->at_);
             c->end_ -= deadBefore(c->end_);
         }
+        if (live_ == 0) return slots_.clear();  // removals left nothing in the index
         std::erase_if(slots_, [](const Slot& slot) { return !slot.live; });
-        if (index_ && live_) reindex();  // removals left nothing in that of an empty table
+        if (index_) reindex();
     }
     U32 deadBefore(U32 at) const {
+        if (live_ == 0) return at;
         U32 dead = 0;
         for (U32 i = 0; i < at; ++i) dead += !slots_[i].live;
         return dead;
