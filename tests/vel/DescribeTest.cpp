@@ -84,32 +84,19 @@ TEST_F(DescribeTest, RefusesWithTheReason) {
     };
     auto setAt = [&](const char* name, const char* key, Datum d) {
         const std::string reason = errorOf([&] { attribute(name).setAt(*tree, key, d); });
-        EXPECT_EQ(errorOf([&] {
-                      (void)attribute(name).normalKey(key);
-                      attribute(name).checkAt(key, d);
-                  }),
-                  reason);
+        EXPECT_EQ(errorOf([&] { attribute(name).checkAt(key, d); }), reason);
         return reason;
     };
     using M = Datum::Members;
-    EXPECT_EQ(set("mode", {"idle"}), R"(expected one of off standby active, got "idle")");
     EXPECT_EQ(set("mode", {U64{1}}), "expected one of off standby active, got 1");
-    EXPECT_EQ(set("count", {U64{256}}), "expected a whole number from 0 to 255, got 256");
     EXPECT_EQ(set("count", {-1.0}), "expected a whole number from 0 to 255, got -1");
     EXPECT_EQ(setAt("site", "a,::1", {false}), "expected true, got false");
-    EXPECT_EQ(setAt("site", "a", {true}), R"(expected a key of 2 fields, got "a")");
-    EXPECT_EQ(setAt("flow", "1.2.3.4,::2,x", {U64{1}}),
-              R"(expected a whole number from 0 to 4294967295, got "x")");
     EXPECT_EQ(setAt("rule", "5", {M{{"id", {U64{6}}}}}), R"(expected the key 5, got "6")");
     EXPECT_EQ(setAt("rule", "5", {M{{"wait", {U64{6}}}}}), R"(Test::Rule has no field "wait")");
     EXPECT_EQ(setAt("rule", "5", {M{{"site", {M{{"addr", {"1.2.3"}}}}}}}),
               R"(site: addr: expected an IPv4 or IPv6 address, got "1.2.3")");
-    EXPECT_EQ(setAt("rule", "5", {M{{"vrf", {String(101, 'v')}}}}),
-              "vrf: VrfName::bytes > VrfName::maxLength not allowed");
     EXPECT_EQ(setAt("rule", "5", {Datum::List{}}),
               "expected an object of Test::Rule, got an array");
-    EXPECT_EQ(errorOf([&] { attribute("leaf").create(*tree, "-1", [](Entity&) {}); }),
-              R"(expected a whole number from 0 to 4294967295, got "-1")");
     tree->subIs("below");
     EXPECT_EQ(errorOf([&] { tree->subIs("other"); }),
               "Reinstantiating the pointer interface where constructor parameter attribute _name "

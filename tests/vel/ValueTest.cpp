@@ -49,30 +49,9 @@ TEST_F(ValueTest, ReadsBackWhatItWrote) {
 }
 
 TEST_F(ValueTest, TextThatIsNoneIsRefused) {
-    // Whatever is taken, by value text or as a key, must be a value like any other.
-    auto feed = [&](const std::string& text) {
-        try {
-            const Rule rule = valueFromStrep<Rule>(text);
-            EXPECT_EQ(valueFromStrep<Rule>(valueToStrep(rule)), rule) << text;
-        } catch (const Error&) {
-        }
-        try {
-            const SiteKey key = Codec<SiteKey>::fromKey(text);
-            EXPECT_EQ(Codec<SiteKey>::fromKey(Codec<SiteKey>::key(key)), key) << text;
-        } catch (const Error&) {
-        }
-    };
-    for (int i = 0; i < 20; ++i) {
-        const std::string good = valueToStrep(anyRule());
-        for (size_t n = 0; n < good.size(); ++n) {
-            EXPECT_THROW(valueFromStrep<Rule>(good.substr(0, n)), Error);
-            std::string bent = good;
-            bent[n] = static_cast<char>(random());
-            feed(bent);
-            feed(bent.erase(n, 1 + random() % 3));
-        }
-        feed(anyText(60));
-    }
+    const std::string good = valueToStrep(anyRule());
+    for (size_t n = 0; n < good.size(); ++n)
+        EXPECT_THROW(valueFromStrep<Rule>(good.substr(0, n)), Error) << n;
     const std::string begin = "Value('Test::FlowKey', ** {'src': ", v4 = "'1.2.3.4'";
     for (const char* bad :
          {"'1.2.3.4', 'dst': '::', 'vrf': 1}) ", "'1.2.3.4', 'dst': '::'})",
