@@ -12,7 +12,7 @@ namespace Netz {
 
 template <class T>
 inline constexpr bool equalAsBytes =
-    std::has_unique_object_representations_v<T> && std::is_trivially_copyable_v<T>;
+    std::has_unique_object_representations_v<T>&& std::is_trivially_copyable_v<T>;
 
 template <class T>
 requires equalAsBytes<T>

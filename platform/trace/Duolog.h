@@ -238,9 +238,10 @@ template <class... Args>
         site.render = render<Args...>;
         site.phrases = {phraseOf<Args>(args)...};
     }
-    uint8_t* end = Ringlog::argsBegin();
+    uint8_t* const at = Ringlog::recordBegin();
+    uint8_t* end = at + sizeof(Ringlog::Header);
     ((end = Piece<Args>::put(args, end)), ...);
-    Ringlog::commit(site, end);
+    Ringlog::commit(site, at, end);
     if (Ringlog::state.delivers) [[unlikely]]
         deliver();
 }

@@ -74,15 +74,16 @@ inline uint64_t ticks() {
 #endif
 }
 
-// Where the next record's arguments go; at most maxRecord - sizeof(Header) bytes.
-inline uint8_t* argsBegin() {
-    return state.memory + state.head % capacity + sizeof(Header);
+// Where the next record goes: its header, then at most maxRecord - sizeof(Header) bytes of
+// arguments.
+inline uint8_t* recordBegin() {
+    return state.memory + state.head % capacity;
 }
 
-// Makes a record of what lies between argsBegin() and `argsEnd`, with the newest stamp.
-inline void commit(const Site& site, const uint8_t* argsEnd) {
-    uint8_t* const at = state.memory + state.head % capacity;
-    const auto size = (static_cast<uint32_t>(argsEnd - at) + 7) & ~uint32_t{7};
+// Makes a record of what lies between `at`, which recordBegin() gave, and `end`, with the newest
+// stamp.
+inline void commit(const Site& site, uint8_t* at, const uint8_t* end) {
+    const auto size = (static_cast<uint32_t>(end - at) + 7) & ~uint32_t{7};
     ::new (static_cast<void*>(at)) Header{&site, state.stamp, size, state.lastSize};
     state.head += size;
     state.lastSize = size;
