@@ -54,14 +54,15 @@ void copyValue(void* to, const void* from) {
 
 // Keys without a pattern, of as many entries as fit into a quarter of a megabyte.
 template <class Value>
-std::vector<U32> keysInUse() {
+std::array<U32, 4096> keysInUse() {
     std::mt19937 random(1);
-    std::vector<U32> keys(4096);
+    std::array<U32, 4096> keys;
     for (U32& key : keys) key = random() % std::min<U32>(entries, (1 << 18) / sizeof(Value));
     return keys;
 }
 
-// Each side: a table of 1023 entries with read(key, value) and write(key, value).
+// Each side: a table of 1023 entries with read(key, value) and write(key, value). Those that hash
+// here do so as ours do.
 template <class Value>
 struct Ours {
     static constexpr bool isShared = true;  // may be read and written at once
@@ -80,10 +81,11 @@ struct Ours {
     void write(U32 key, const Value& value) { writer.valueIs(key, value); }
 };
 
-// Probe and copy, which nobody else may touch meanwhile.
+// Probe and copy, with nothing to tell whether a copy is whole. Read and written at once it shows
+// what is left to gain: the copies' way from one core's cache to the other's.
 template <class Value>
 struct Local {
-    static constexpr bool isShared = false;
+    static constexpr bool isShared = true;
     struct Slot {
         U32 key = 0;
         bool used = false;
@@ -94,7 +96,7 @@ struct Local {
         for (U32 key = 0; key < entries; ++key) write(key, {});
     }
     Slot& slotOf(U32 key) {
-        U64 at = key * 0x9e3779b97f4a7c15U >> 53;
+        U64 at = Netz::hashMix(0, key) % 2048;
         while (slots[at].used && slots[at].key != key) at = (at + 1) % slots.size();
         return slots[at];
     }
@@ -134,7 +136,7 @@ struct Interprocess {
     }
     ~Interprocess() { ipc::shared_memory_object::remove(name.c_str()); }
     auto& slotOf(U32 key) {
-        U64 at = key * 0x9e3779b97f4a7c15U >> 53;
+        U64 at = Netz::hashMix(0, key) % 2048;
         while (shared.slots[at].used && shared.slots[at].key != key) at = (at + 1) % 2048;
         return shared.slots[at];
     }

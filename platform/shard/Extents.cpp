@@ -33,4 +33,10 @@ uint32_t Extents::carve(uint32_t length) {
     return units.empty() ? none : pop(units);
 }
 
+uint32_t Extents::exchangeFresh(uint32_t unit, uint32_t length) {
+    const uint32_t taken = carve(length);
+    if (taken != none) giveBack(unit, length);
+    return taken;
+}
+
 }  // namespace Shard

@@ -35,11 +35,8 @@ class VEL_EXPORT Extents {
     // Both at once, for the same length.
     uint32_t exchange(uint32_t unit, uint32_t length) {
         auto& [units, turn] = resting_[length];
-        if (units.size() < rest) [[unlikely]] {
-            const uint32_t taken = carve(length);
-            if (taken != none) units.push_back(unit);
-            return taken;
-        }
+        if (units.size() < rest) [[unlikely]]
+            return exchangeFresh(unit, length);
         turn = (turn + 1) % rest;
         return std::exchange(units[turn], unit);
     }
@@ -58,6 +55,7 @@ class VEL_EXPORT Extents {
         return unit;
     }
     uint32_t carve(uint32_t length);
+    uint32_t exchangeFresh(uint32_t unit, uint32_t length);
 
     std::vector<Resting> resting_;  // by length
     std::vector<Run> runs_;

@@ -12,8 +12,8 @@ Geometry Geometry::of(const Shape& shape, uint32_t capacity, uint64_t listBytes)
     Geometry g{};
     g.shape = shape;
     g.capacity = capacity;
-    g.homes = std::bit_ceil(std::max(capacity, 32U)) * 2;
-    g.ringRecords = g.homes;
+    g.homes = std::bit_ceil(std::max(capacity, 32U)) * 4;  // so that most keys are at home
+    g.ringRecords = g.homes / 2;
     g.unitBytes = shape.unitBytes();
     // A replaced value rests before its place is used again (Extents), which takes spare blocks;
     // lists also lose the rest of their last unit and a share to gaps between them.

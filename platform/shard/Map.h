@@ -33,7 +33,15 @@ struct KeyWords {
     static constexpr size_t size = (sizeof(Key) + 7) / 8;
 
     KeyWords() = default;
-    explicit KeyWords(const Key& key) { std::memcpy(words.data(), &key, sizeof key); }
+    // In whole words: a processor that loads a word just stored in parts stalls.
+    explicit KeyWords(const Key& key) {
+        for (size_t i = 0; i < size; ++i) {
+            uint64_t word = 0;
+            std::memcpy(&word, reinterpret_cast<const std::byte*>(&key) + i * 8,
+                        i + 1 < size ? 8 : sizeof key - i * 8);
+            words[i] = word;
+        }
+    }
     static Key keyOf(const uint64_t* words) {
         std::array<std::byte, sizeof(Key)> bytes;
         std::memcpy(bytes.data(), words, sizeof(Key));

@@ -141,7 +141,7 @@ News MapReader::changes(Visit&& visit) {
         return News::everything;
     }
     for (uint64_t i = 0; i < ahead; ++i) {
-        const uint64_t* const record = table.record(seen_);
+        const uint64_t* const record = table.record<shape>(seen_);
         uint64_t key[shape.keyWords()];
         copyOut(key, record + 1, shape.keyBytes);
         if (loadWord(record) != seen_ + 1) {

@@ -96,7 +96,7 @@ bool MapWriter::erase(const uint64_t* key) {
     closeGap(slot);
     extents_.giveBack(old.unit(), units);
     countIs(count() - 1);
-    noteChange(key, shape.keyBytes);
+    noteChange(table_.record(change_), key, shape.keyBytes);
     return true;
 }
 
@@ -124,7 +124,7 @@ void MapWriter::clear() {
         if (word.empty()) continue;
         const uint32_t units = unitsOf(word);
         table_.slot(slot).store(0, std::memory_order_release);
-        noteChange(table_.key(word.unit()), shape.keyBytes);
+        noteChange(table_.record(change_), table_.key(word.unit()), shape.keyBytes);
         extents_.giveBack(word.unit(), units);
     }
     countIs(0);

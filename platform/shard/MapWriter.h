@@ -81,8 +81,7 @@ class VEL_EXPORT MapWriter {
     void countIs(uint64_t count) { table_.header().count.store(count, std::memory_order_relaxed); }
     [[noreturn]] void full() const;
     [[noreturn]] void tooLong(uint64_t bytes) const;
-    void noteChange(const uint64_t* key, uint32_t keyBytes) {
-        uint64_t* const record = table_.record(change_);
+    void noteChange(uint64_t* record, const uint64_t* key, uint32_t keyBytes) {
         storeWord(record, ++change_);
         copyIn(record + 1, key, keyBytes);
     }
@@ -125,7 +124,7 @@ void MapWriter::put(const uint64_t* key, const void* value, uint64_t bytes) {
     copyIn(block + 1, key, shape.keyBytes);
     copyIn(block + 1 + shape.keyWords(), value, shape.list ? bytes : shape.valueBytes);
     table_.slot(slot).store(Word::of(unit, use, tagOf(hash)).bits, std::memory_order_release);
-    noteChange(key, shape.keyBytes);
+    noteChange(table_.record<shape>(change_), key, shape.keyBytes);
 }
 
 // Where the new block goes. The old one is given back already, but nothing is taken until the
@@ -143,11 +142,14 @@ inline uint32_t MapWriter::room(Word old, uint32_t units, uint32_t oldUnits) {
 // the first of an extent.
 template <Shape shape>
 uint32_t MapWriter::reuse(uint32_t unit, uint32_t units) {
-    for (uint32_t i = unit; i < unit + units; ++i) {
+    const auto raise = [this](uint32_t i) {
         const uint32_t use = table_.use<shape>(i).load(std::memory_order_relaxed) + 1;
         table_.use<shape>(i).store(use ? use : 1, std::memory_order_release);
-    }
-    return table_.use<shape>(unit).load(std::memory_order_relaxed);
+        return use ? use : 1;
+    };
+    const uint32_t use = raise(unit);
+    for (uint32_t i = unit + 1; i < unit + units; ++i) raise(i);
+    return use;
 }
 
 }  // namespace Shard

@@ -40,7 +40,8 @@ class Table {
     std::atomic<uint32_t>& use(uint32_t unit) const { return useAt(unit * geometry_.useStride()); }
     template <Shape shape>
     std::atomic<uint32_t>& use(uint32_t unit) const {
-        return useAt(uint64_t{unit} * (shape.list ? 4 : shape.unitBytes()));
+        if constexpr (shape.list) return useAt(uint64_t{unit} * 4);
+        return *reinterpret_cast<std::atomic<uint32_t>*>(block<shape>(unit));
     }
     uint64_t* block(uint32_t unit) const { return blockAt(unit * uint64_t{geometry_.unitBytes}); }
     template <Shape shape>
@@ -53,6 +54,11 @@ class Table {
         const uint64_t at = change & (geometry_.ringRecords - 1);
         return reinterpret_cast<uint64_t*>(ring_ + at * geometry_.recordBytes());
     }
+    template <Shape shape>
+    uint64_t* record(uint64_t change) const {
+        const uint64_t at = change & (geometry_.ringRecords - 1);
+        return reinterpret_cast<uint64_t*>(ring_ + at * (8 + shape.keyBytes));
+    }
     uint64_t hash(const uint64_t* key, uint32_t words) const { return hashOf(key, words, seed_); }
     uint64_t home(uint64_t hash) const { return hash & (geometry_.homes - 1); }
 
@@ -61,12 +67,10 @@ class Table {
     template <Shape shape, class Place>
     Lookup find(const uint64_t* key, Place&& place) const {
         const uint64_t hash = this->hash(key, shape.keyWords());
-        for (int attempt = 0; attempt < maxAttempts; ++attempt) {
-            const Lookup result = findOnce<shape>(key, hash, place);
-            if (result != Lookup::busy) [[likely]]
-                return result;
-        }
-        return Lookup::busy;
+        const Lookup result = findOnce<shape>(key, hash, place);
+        if (result != Lookup::busy) [[likely]]
+            return result;
+        return findAgain<shape>(key, hash, place);
     }
 
     // Copies key and value of the slot. A walk goes from the last slot to the first: a word moves
@@ -95,6 +99,15 @@ class Table {
     // Enough that only a writer that rewrites one key all the time, on a machine that keeps
     // suspending the reader, uses them up.
     static constexpr int maxAttempts = 64;
+
+    template <Shape shape, class Place>
+    [[gnu::cold, gnu::noinline]] Lookup findAgain(const uint64_t* key, uint64_t hash,
+                                                  Place& place) const {
+        Lookup result = Lookup::busy;
+        for (int attempt = 1; attempt < maxAttempts && result == Lookup::busy; ++attempt)
+            result = findOnce<shape>(key, hash, place);
+        return result;
+    }
 
     template <Shape shape, class Place>
     Lookup findOnce(const uint64_t* key, uint64_t hash, Place& place) const {
@@ -130,26 +143,30 @@ class Table {
             return Lookup::corrupt;
         const uint64_t* const lead = block<shape>(unit);
         const uint64_t* const stored = lead + 1;
-        bool sound = true;
-        bool take;
+        uint64_t bytes = shape.valueBytes;
         if constexpr (shape.list) {
-            const uint64_t bytes = loadWord(lead);
-            sound = bytes <= shape.valueBytes &&
-                    uint64_t{unit} + geometry_.unitsFor(bytes) <= geometry_.units;
-            take = wanted(stored);
-            if (take && sound) copyOut(place(bytes), stored + shape.keyWords(), bytes);
-        } else {
-            take = wanted(stored);
-            if (take) copyOut(place(shape.valueBytes), stored + shape.keyWords(), shape.valueBytes);
+            bytes = loadWord(lead);
+            if (bytes > shape.valueBytes ||
+                uint64_t{unit} + geometry_.unitsFor(bytes) > geometry_.units) [[unlikely]]
+                return verdict<shape>(slot, word, Lookup::corrupt);
         }
-        if (use<shape>(unit).load(std::memory_order_acquire) != word.use()) [[unlikely]] {
-            // The writer turns the word away from a block before it touches the block.
-            const bool turned = slot.load(std::memory_order_acquire) != word.bits;
-            return turned && !cut() ? Lookup::busy : Lookup::corrupt;
-        }
-        if (!sound || cut()) [[unlikely]]
-            return Lookup::corrupt;
-        return take ? Lookup::found : Lookup::absent;
+        if (!wanted(stored)) [[unlikely]]
+            return verdict<shape>(slot, word, Lookup::absent);
+        copyOut(place(bytes), stored + shape.keyWords(), bytes);
+        return verdict<shape>(slot, word, Lookup::found);
+    }
+
+    // What was read of the block that `word` points to is this, if it stood there all the time.
+    template <Shape shape>
+    Lookup verdict(const Slot& slot, Word word, Lookup result) const {
+        if (use<shape>(word.unit()).load(std::memory_order_acquire) != word.use()) [[unlikely]]
+            return turned(slot, word);
+        return cut() ? Lookup::corrupt : result;
+    }
+    // The writer turns the word away from a block before it touches the block.
+    [[gnu::cold, gnu::noinline]] Lookup turned(const Slot& slot, Word word) const {
+        const bool turned = slot.load(std::memory_order_acquire) != word.bits;
+        return turned && !cut() ? Lookup::busy : Lookup::corrupt;
     }
 
     Header* header_{nullptr};
