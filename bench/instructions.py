@@ -25,9 +25,11 @@ def count(build, what):
     """{(operation, what varied): {how many of it: instructions of one operation}}"""
     with tempfile.TemporaryDirectory() as directory:
         dumps = pathlib.Path(directory, "dumps")
-        subprocess.run(["valgrind", "--quiet", "--tool=callgrind", "--collect-atstart=no",
-                        "--combine-dumps=yes", f"--callgrind-out-file={dumps}",
-                        build / "bench/nav-instructions", what], check=True)
+        run = subprocess.run(["valgrind", "--quiet", "--tool=callgrind", "--collect-atstart=no",
+                              "--combine-dumps=yes", f"--callgrind-out-file={dumps}",
+                              build / "bench/nav-instructions", what])
+        if run.returncode:
+            sys.exit(f"FAILED nav-instructions {what} ended with {run.returncode}")
         found = re.findall(r"^desc: Trigger: Client Request: (.*)\n(?:.*\n)*?totals: (\d+)$",
                            dumps.read_text(), re.MULTILINE)
     costs = {}
