@@ -29,7 +29,7 @@ Nav::PathKey Router::pathKey(U32 path) const {
 }
 Shard::Fib::Via Router::via(U32 path, U32 hop) const {
     const U32 interface = interfaceOf(path);
-    return {Netz::IpGenAddr::fromV4(0xcb007100 + (interface << 8) + 250 + hop % 4),
+    return {Netz::IpGenAddr::fromV4(0xcb007100 + (interface << 8) + 250 + hop % hops),
             intf(interface)};
 }
 
@@ -46,7 +46,9 @@ Router::Router(const Size& size, bool configured)
         profile.pathGroupPriorityIs(group.name(), i + 1);
         for (U32 s = 0; s < size.sites + size.spares; ++s, ++path) {
             group.remoteViaConfigIs(site(s % size.sites)).remoteViaIs(destination(path));
-            in.forwardingStatus->fecIs(path + 1, Shard::Fib::Fec({via(path)}));
+            for (U32 hop = 0; hop < hops; ++hop)
+                fecs_[hop].push_back(std::vector<Shard::Fib::Via>{via(path, hop)});
+            in.forwardingStatus->fecIs(path + 1, fecs_[1][path]);
             results.nexthopIs({destination(path), path + 1});
         }
     }
@@ -110,7 +112,7 @@ void Router::interfaceReturns(U32 interface) {
 }
 
 void Router::fecChanges(U32 path, U32 hop) {
-    in.forwardingStatus->fecIs(path + 1, Shard::Fib::Fec({via(path, hop)}));
+    in.forwardingStatus->fecIs(path + 1, fecs_[hop % hops][path]);
     in.scheduler->runDue();
 }
 

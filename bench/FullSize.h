@@ -3,7 +3,9 @@
 // Or with fewer sites, applications or VRFs.
 #pragma once
 
+#include <array>
 #include <string>
+#include <vector>
 
 #include "nav/root/NavRootSm.h"
 
@@ -55,6 +57,10 @@ class Router {
     Shard::Fib::Via via(U32 path, U32 hop = 1) const;
     // How a forwarding agent knows the path now.
     Nav::HwPathKey hwPathKey(U32 path) const;
+
+  private:
+    static constexpr U32 hops = 4;
+    std::array<std::vector<Shard::Fib::Fec>, hops> fecs_;  // of each path by next hop
 };
 
 // Raises an error unless every path is there, and is a member of its site's keys.
