@@ -51,19 +51,6 @@ inline constexpr std::string_view route6BlueSevenFirst =
 inline constexpr std::string_view routeRedUnreachable =
     "2400000002000001830500006d0000008fffffff380000001a0001008305000000000000";
 
-inline constexpr std::string_view all[] = {
-    linkWa,
-    linkBlue,
-    linkRed,
-    linkWc,
-    addressWa,
-    addressWc,
-    address6Wa,
-    routeBlue,
-    route6BlueEightFirst,
-    routeRedUnreachable,
-};
-
 inline std::vector<std::byte> bytes(std::string_view hex) {
     std::vector<std::byte> result;
     for (size_t i = 0; i < hex.size(); i += 2)

@@ -157,24 +157,6 @@ TEST_F(LoadBalance, ConstraintsReachEveryKeyBeforeAnyGeneration) {
     EXPECT_TRUE(entry(7, 2, s2)->jitter() == 5 && entry(7, 2, s2)->lossRate() == 6);
 }
 
-TEST_F(LoadBalance, AProfileThatComesAgainGivesNewIds) {
-    start();
-    rule("red", 10, 7, "gold"), rule("blue", 10, 7, "gold"), rule("red", 20, 8, "bronze");
-    capture("lb");
-    path("wan", s1, 1), path("lte", s1, 2), list("bronze", "wan", 4), list("gold", "wan", 1);
-    EXPECT_TRUE(traced("pgName: lte not part of lbConfig or no valid lbConfig for lbName"));
-    cli.loadBalanceProfile("gold")->latencyIs(20);
-    EXPECT_EQ(show(7), "2 gen 3: 1/1/wan");
-    cli.loadBalanceProfileDel("gold");
-    path("wan", s1, 3);
-    EXPECT_EQ(membership().size(), 1U);
-    EXPECT_EQ(show(8), "1 gen 3: 1/4/wan 3/4/wan");
-    list("gold", "wan", 2);
-    EXPECT_EQ(show(7), "4 gen 2: 1/2/wan 3/2/wan");
-    EXPECT_EQ(show(7, 2), "5 gen 2: 1/2/wan 3/2/wan");
-    EXPECT_EQ(entry(7)->latency(), NavConstants::defaultLatency);
-}
-
 // One id is all there is, so that none may be lost or given twice.
 TEST_F(LoadBalance, RulesOfOneApplicationShareItsKey) {
     list("gold", "wan", 1), list("silver", "wan", 5), list("silver", "lte", 6);

@@ -117,12 +117,13 @@ TEST_F(Step, ALookupFindsWhatMovesMeanwhile) {
     }
 }
 
+struct Interrupted : MapReader {
+    using MapReader::find;
+    using MapReader::MapReader;
+};
+
 // The writer works in the middle of the lookup, between the comparison of the key and the copy.
 TEST_F(Step, ALookupSeesThatItsBlockIsReused) {
-    struct Interrupted : MapReader {
-        using MapReader::find;
-        using MapReader::MapReader;
-    };
     const Interrupted reader(writer_);
     for (const uint64_t writes : {1U, Extents::rest, Extents::rest + 1, 3 * Extents::rest}) {
         const KeyWords<uint32_t> key(key_[2]);
@@ -154,10 +155,6 @@ TEST_F(Step, ALookupSeesThatItsBlockIsReused) {
 // of the list that is being read.
 TEST_F(Step, ALookupSeesThatAnotherListLiesOverItsOwn) {
     using Longer = ListMap<uint32_t, Record, 400>;
-    struct Interrupted : MapReader {
-        using MapReader::find;
-        using MapReader::MapReader;
-    };
     Longer::Writer writer(run_.space, "lists", 200);
     const Interrupted reader(writer);
     const auto fill = [&](uint32_t first, size_t length) {
