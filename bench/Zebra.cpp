@@ -36,17 +36,22 @@ std::string octets(const Netz::IpGenAddr& addr) {
     return {reinterpret_cast<const char*>(addr.data()), addr.size()};
 }
 
+// To the user that zebra runs as. Within a user namespace that one may not be known.
+bool give(const RunDirectory& directory) {
+    const passwd* const user = getpwnam("frr");
+    return user && chown(directory.path().c_str(), user->pw_uid, user->pw_gid) == 0;
+}
+
 }  // namespace
 
 std::string Zebra::refusal() {
     if (access(program, X_OK) != 0) return "package frr is not installed";
-    if (geteuid() != 0 || !getpwnam("frr")) return "zebra has to change to its own user";
+    if (!give(RunDirectory())) return "zebra has to change to its own user, which takes root";
     return "";
 }
 
 Zebra::Zebra(std::span<const Netz::IpGenAddr> nexthops) : tracked_(nexthops.size()) {
-    const passwd* const user = getpwnam("frr");
-    if (chown(directory_.path().c_str(), user->pw_uid, user->pw_gid) != 0) std::abort();
+    if (!give(directory_)) std::abort();
     const std::string api = directory_.path() + "/api", pid = directory_.path() + "/pid";
     process_ = fork();
     if (process_ == 0) {
