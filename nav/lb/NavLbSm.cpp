@@ -278,6 +278,11 @@ const LbProfileSm::Rule* LbProfileSm::governing(const VrfAppKey& key,
     return nullptr;
 }
 
+bool LbProfileSm::isShared(const VrfAppKey& key) const {
+    const auto app = apps_.find(key);
+    return app != apps_.end() && app->second.rules.size() > 1;
+}
+
 // The profile that gives a key its constraints: that of the first rule that governs a group of the
 // site, which for the one rule of an application is the rule's own.
 const Vel::String& LbProfileSm::constraintsFrom(const LbProfileKey& key,
@@ -414,8 +419,8 @@ void LbProfileSm::siteGroupGone(const SiteGroupKey& siteGroup) {
     if (!initialized_) return;
     for (const NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
         for (const NavRuleEntry& entry : status.navRuleEntry()) {
-            if (!profileListing(entry.lbProfileName, siteGroup.name)) continue;
             const VrfAppKey app{enteredVrfId(entry, status.name()), entry.appProfileId};
+            if (!isShared(app) || !profileListing(entry.lbProfileName, siteGroup.name)) continue;
             const LbProfileKey key = keyOf(siteGroup.routerIp, app);
             if (in_.lbProfileStatus->lbProfileStatusEntry(key) && isGoverned(key))
                 createLbIdStatus(key, entry.lbProfileName);
@@ -431,10 +436,9 @@ void LbProfileSm::handleVrfLbIdStatus(const SiteGroupKey& siteGroup, U32 pathInd
     const NavRuleStatus* status = in_.navStatusDir->navRuleStatus(vrf);
     if (!status) return;
     for (const NavRuleEntry& entry : status->navRuleEntry()) {
-        if (!profileListing(entry.lbProfileName, siteGroup.name)) continue;
         const VrfAppKey app{enteredVrfId(entry, vrf), entry.appProfileId};
         const Rule* governs = governing(app, siteGroup.name);
-        if (governs && *governs == Rule(entry, vrf))
+        if (governs && governs->first == entry && governs->second == vrf)
             updateLbIdPath(keyOf(siteGroup.routerIp, app), entry.lbProfileName, siteGroup.name,
                            pathIndex, remove);
     }

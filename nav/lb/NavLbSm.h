@@ -97,6 +97,7 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     const LoadBalanceProfile* profileListing(const Vel::String& lbName,
                                              const Vel::String& pgName) const;
     const Rule* governing(const VrfAppKey& app, const Vel::String& pgName) const;
+    bool isShared(const VrfAppKey& app) const;  // by several rules
     bool isGoverned(const LbProfileKey& key) const;
     const Vel::String& constraintsFrom(const LbProfileKey& key, const Vel::String& lbName) const;
     void addSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
