@@ -294,7 +294,10 @@ TEST_F(WatchTest, FollowsChildrenAndRootsThatComeAndGo) {
 TEST_F(WatchTest, TellsTheStateAsItIsWhenItIsTold) {
     struct Undo {
         Nav::NavCliConfig& config;
-        void handleGroup(const Vel::Name& name) { config.pathGroupConfigDel(name); }
+        void handleGroup(const Vel::Name& name) {
+            if (name == "a") config.pathGroupConfigDel(name);
+            if (name == "b") config.pathGroupConfigIs(name);
+        }
         Vel::Subscription subscription = Vel::Subscription::to<&Undo::handleGroup>(
             config, Nav::NavCliConfig::pathGroupConfigAttr, this);
     } undo{*config};
@@ -302,6 +305,11 @@ TEST_F(WatchTest, TellsTheStateAsItIsWhenItIsTold) {
     EXPECT_EQ(set("/cliConfig/pathGroupConfig[a]/localIntf[wan1]", "true"), "ok");
     EXPECT_EQ(set("/cliConfig/udpPortConfig", "7"), "ok");
     EXPECT_EQ(events(), Events{"set /cliConfig/udpPortConfig 7"});
+    const std::string b = "/cliConfig/pathGroupConfig[b]";
+    for (const auto& answer : {set(b, "{}"), del(b)}) EXPECT_EQ(answer, "ok");
+    told.clear();
+    EXPECT_EQ(set(b + "/ipsecProfile", R"("x")"), "ok");
+    EXPECT_EQ(events(), Events{"set " + b + R"(/ipsecProfile "x")"}) << "of the one in its place";
 }
 
 }  // namespace
