@@ -7,8 +7,9 @@
 namespace Shard {
 namespace {
 
+// One and a half words, told apart by the half one.
 struct Key {
-    uint32_t site, vrf;
+    uint32_t site, zone, vrf;
     bool operator==(const Key&) const = default;
 };
 struct KeyHash {
@@ -49,7 +50,7 @@ class Model : public testing::Test {
     void expectEqual(const Reader& reader) {
         Value value;
         for (uint32_t i = 0; i < sites * vrfs; ++i) {
-            const Key key{i / vrfs, i % vrfs};
+            const Key key{i / vrfs, 0, i % vrfs};
             const auto expected = model_.find(key);
             const bool there = expected != model_.end();
             ASSERT_EQ(reader.find(key, value), there ? Lookup::found : Lookup::absent) << i;
@@ -89,7 +90,7 @@ class Model : public testing::Test {
     }
     void step(Random& random) {
         const uint64_t choice = below(random, 1000);
-        const Key key{static_cast<uint32_t>(below(random, sites)),
+        const Key key{static_cast<uint32_t>(below(random, sites)), 0,
                       static_cast<uint32_t>(below(random, vrfs))};
         if (choice < 600) {
             put(key, Kind::value(random));
