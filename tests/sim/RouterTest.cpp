@@ -195,7 +195,7 @@ TEST_F(RouterTest, PeersFailAndRekey) {
 }
 
 // Without a root: the test asks for the addresses itself.
-TEST_F(RouterTest, ResolverSharesFecsByVias) {
+TEST_F(RouterTest, RoutesGoByPrefixLinkAndVrf) {
     auto& blue = in.nexthopConfig->vrfIs("blue");
     for (const char* addr : {"198.51.100.2", "198.51.100.3", "192.0.2.77", "2001:db8::2"})
         blue.nexthopIs(ip(addr));
@@ -203,50 +203,37 @@ TEST_F(RouterTest, ResolverSharesFecsByVias) {
     in.nexthopConfig->vrfIs("unheard-of").nexthopIs(ip("198.51.100.2"));
     startRouter();
     EXPECT_EQ(in.nexthopStatus->vrf("unheard-of"), nullptr);
-    const auto fecId = [&](const char* addr, const char* vrf = "blue") {
+    const auto hop = [&](const char* addr, const char* vrf = "blue") -> std::string {
         const auto* result = in.nexthopStatus->vrf(vrf)->nexthop(ip(addr));
-        return result ? result->fecId : 0;
-    };
-    const auto hop = [&](const char* addr) {
-        const auto* fec = in.forwardingStatus->fec(fecId(addr));
+        const auto* fec = result ? in.forwardingStatus->fec(result->fecId) : nullptr;
         return fec ? fec->via(Shard::Fib::ViaIndex(0)).hop.stringValue() : "";
     };
-    const auto shared = fecId("198.51.100.2");
-    EXPECT_NE(shared, 0u);
-    EXPECT_EQ(fecId("198.51.100.3"), shared);
-    EXPECT_NE(fecId("198.51.100.2", "default"), shared);
+    EXPECT_EQ(hop("198.51.100.2"), "192.0.2.254");
+    EXPECT_EQ(hop("198.51.100.2", "default"), "203.0.113.254");
     EXPECT_EQ(hop("192.0.2.77"), "192.0.2.77")
         << "a connected network goes before a shorter prefix";
-    EXPECT_TRUE(in.forwarding6Status->fec(fecId("2001:db8::2")));
-    EXPECT_EQ(in.forwardingStatus->fec().size(), 3u);
+    EXPECT_EQ(in.forwarding6Status->fec().size(), 1u);
 
     // One address moves to a longer prefix whose first via is down, then back when both are.
-    const char* longer = R"({"interfaces": {"wan3": {"vrf": "blue", "up": false},
-                                            "wan4": {"vrf": "blue", "up": %s}},
-        "vrfs": {"blue": {"routes": {"198.51.100.3/32": [
-            {"gateway": "192.0.2.9", "interface": "wan3"},
-            {"gateway": "192.0.2.8", "interface": "wan4", "weight": 3}]}}}})";
-    char patch[512];
-    std::snprintf(patch, sizeof patch, longer, "true");
-    change(patch);
-    EXPECT_EQ(hop("198.51.100.3"), "192.0.2.8");
-    EXPECT_EQ(fecId("198.51.100.2"), shared) << "the id stays while it is used";
-    std::snprintf(patch, sizeof patch, longer, "false");
-    change(patch);
-    EXPECT_EQ(fecId("198.51.100.3"), shared);
-    EXPECT_EQ(in.forwardingStatus->fec().size(), 3u);
-
-    blue.nexthopDel(ip("198.51.100.2"));
+    for (const bool up : {true, false}) {
+        change((R"({"interfaces": {"wan3": {"vrf": "blue", "up": false},
+                                   "wan4": {"vrf": "blue", "up": )" +
+                std::string(up ? "true" : "false") + R"(}},
+            "vrfs": {"blue": {"routes": {"198.51.100.3/32": [
+                {"gateway": "192.0.2.9", "interface": "wan3"},
+                {"gateway": "192.0.2.8", "interface": "wan4", "weight": 3}]}}}})")
+                   .c_str());
+        EXPECT_EQ(hop("198.51.100.3"), up ? "192.0.2.8" : "192.0.2.254");
+        EXPECT_EQ(hop("198.51.100.2"), "192.0.2.254");
+    }
     change(R"({"vrfs": {"default": null, "blue": {"routes": null}}})");
-    EXPECT_EQ(fecId("198.51.100.3"), 0u);
+    EXPECT_EQ(hop("198.51.100.3"), "");
     EXPECT_EQ(in.forwardingStatus->fec().size(), 1u) << "the connected one is left";
-    in.nexthopConfig->vrfDel("blue");
-    run(0ms);
-    EXPECT_TRUE(in.forwardingStatus->fec().empty() && in.forwarding6Status->fec().empty());
     change(R"({"vrfs": null, "interfaces": null})");
     EXPECT_EQ(in.nexthopStatus->vrf("blue"), nullptr);
     EXPECT_EQ(in.routingHwRouteStatus->vrfStatus("blue"), nullptr);
     EXPECT_TRUE(in.ipStatusDir->ipIntfStatus().empty());
+    EXPECT_TRUE(in.forwardingStatus->fec().empty() && in.forwarding6Status->fec().empty());
 }
 
 }  // namespace
