@@ -52,30 +52,9 @@ TEST(Segment, ASecondWriterIsRefusedWhileTheFirstLives) {
     EXPECT_TRUE(next.find(1, value) && value.whole(1));
 }
 
-TEST(Segment, AgentsOfDifferentRunDirectoriesDoNotMeet) {
-    RunDirectory here, there;
-    Plain::Writer writer(here.space, "map", capacity), other(there.space, "map", capacity);
-    Plain::Writer second(here.space, "map2", capacity);
-    writer.valueIs(1, Value::of(1, 5));
-    other.valueIs(1, Value::of(1, 6));
-    Plain::Reader reader(
-        Namespace(here.path + "/../" + std::filesystem::path(here.path).filename().string()),
-        "map");
-    reader.update();
-    Value value;
-    ASSERT_EQ(reader.find(1, value), Lookup::found);
-    EXPECT_EQ(value.version(), 5u);
-    EXPECT_EQ(here.names().size(), 2u);
-    writer.quiesce();
-    EXPECT_EQ(here.names().size(), 1u);
-    EXPECT_EQ(there.names().size(), 1u);
-    EXPECT_THROW(Namespace("/no/such/place"), Vel::Error);
-    EXPECT_THROW(here.space.segmentName("../map"), Vel::Error);
-}
-
 TEST(Segment, OrderlyStopTakesTheNamesAndTellsReaders) {
     RunDirectory run;
-    Plain::Reader reader(run.space, "map");
+    Plain::Reader reader(Namespace(run.path + "/."), "map");  // the same directory
     {
         Plain::Writer writer(run.space, "map", capacity);
         writer.valueIs(3, Value::of(3, 1));
@@ -87,6 +66,8 @@ TEST(Segment, OrderlyStopTakesTheNamesAndTellsReaders) {
     EXPECT_EQ(reader.find(3, value), Lookup::found);  // the last values stay readable
     Plain::Reader late(run.space, "map");
     EXPECT_EQ(late.update(), MapState::absent);
+    EXPECT_THROW(Namespace("/no/such/place"), Vel::Error);
+    EXPECT_THROW(run.space.segmentName("../map"), Vel::Error);
     // The next writer begins anew, and the reader goes over to it.
     Plain::Writer writer(run.space, "map", capacity);
     EXPECT_EQ(reader.update(), MapState::mounting);
