@@ -60,7 +60,6 @@ void FibMonitorHelperSm::announceLater(const IpGenAddr& addr) {
 }
 
 void FibMonitorHelperSm::announce() {
-    const Vel::Hold hold;  // the user may go, and the backlog with it, while it is told
     if (!in_.nexthopBacklog->backlog().empty()) in_.nexthopBacklog->versionInc(1);
 }
 

@@ -229,11 +229,12 @@ struct KeyedAttr : Attr<E, K> {
     }                                                                     \
     VEL_DESCRIBED_(name_, ::Vel::plainAttribute<&velSelf::name_, &velSelf::name_##Is>(#name_))
 
-#define VEL_COUNTER(Type, name_, ...)                   \
-    VEL_ATTRIBUTE(Type, name_, __VA_ARGS__)             \
-    Type name_##Inc(Type delta) {                       \
-        name_##Is(static_cast<Type>(name_##_ + delta)); \
-        return name_##_;                                \
+#define VEL_COUNTER(Type, name_, ...)                            \
+    VEL_ATTRIBUTE(Type, name_, __VA_ARGS__)                      \
+    Type name_##Inc(Type delta) {                                \
+        const auto sum = static_cast<Type>(name_##_ + delta);    \
+        name_##Is(sum); /* after which the entity may be gone */ \
+        return sum;                                              \
     }
 
 // The members that work on a collection are templates that nobody gives an argument, so that a
