@@ -1,5 +1,5 @@
-// Equality of small values that are equal when their bytes are: word by word, without a branch and
-// without the call that memcmp becomes beyond a register's size. Keys are compared more often than
+// Equality of small values that are equal when their bytes are: in blocks that fill a register,
+// without a branch and without the call that memcmp becomes. Keys are compared more often than
 // anything else is done with them.
 #pragma once
 
@@ -16,21 +16,22 @@ inline constexpr bool equalAsBytes =
 
 template <class T>
 requires equalAsBytes<T>
-bool sameBytes(const T& a, const T& b) {
-    const auto* left = reinterpret_cast<const std::byte*>(&a);
-    const auto* right = reinterpret_cast<const std::byte*>(&b);
-    uint64_t difference = 0;
-    size_t at = 0;
-    const auto compare = [&]<class Word>(Word x, Word y) {
-        std::memcpy(&x, left + at, sizeof x);
-        std::memcpy(&y, right + at, sizeof y);
-        difference |= x ^ y;
-        at += sizeof x;
-    };
-    while (sizeof(T) - at >= 8) compare(uint64_t{}, uint64_t{});
-    if constexpr (sizeof(T) % 8 >= 4) compare(uint32_t{}, uint32_t{});
-    while (at < sizeof(T)) compare(uint8_t{}, uint8_t{});
-    return difference == 0;
+[[gnu::always_inline]] inline bool sameBytes(const T& a, const T& b) {
+    using Block [[gnu::vector_size(16)]] = uint64_t;
+    if constexpr (sizeof(T) < sizeof(Block)) {
+        return std::memcmp(&a, &b, sizeof(T)) == 0;
+    } else {
+        constexpr size_t last = sizeof(T) - sizeof(Block);  // which may overlap the one before
+        const auto differenceAt = [&](size_t at) {
+            Block x, y;
+            std::memcpy(&x, reinterpret_cast<const std::byte*>(&a) + at, sizeof x);
+            std::memcpy(&y, reinterpret_cast<const std::byte*>(&b) + at, sizeof y);
+            return x ^ y;
+        };
+        Block difference = differenceAt(last);
+        for (size_t at = 0; at < last; at += sizeof(Block)) difference |= differenceAt(at);
+        return (difference[0] | difference[1]) == 0;
+    }
 }
 
 }  // namespace Netz
