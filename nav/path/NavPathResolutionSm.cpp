@@ -262,7 +262,8 @@ bool NavPathResolutionSm::isTowards(const IpGenAddr& addr, const PathKey& pathKe
 }
 
 // Whether one of the paths that have the address is.
-bool NavPathResolutionSm::isUsed(const IpGenAddr& addr, const PathAddrToPathKeySet* paths) const {
+bool NavPathResolutionSm::isUsed(const IpGenAddr& addr) const {
+    const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
     if (!paths) return false;
     for (const PathKey& pathKey : paths->pathKey())
         if (isTowards(addr, pathKey)) return true;
@@ -275,7 +276,7 @@ void NavPathResolutionSm::requestNexthop(const IpGenAddr& addr) {
 }
 
 void NavPathResolutionSm::releaseUnusedNexthop(const IpGenAddr& addr) {
-    if (isUsed(addr, in_.navDb->addrToPathKeySet(addr))) return;
+    if (isUsed(addr)) return;
     DUOLOG(pathTrace, 7, "Deleting ", addr, " from nexthopVrfConfig");
     in_.nexthopVrfConfig->nexthopDel(addr);
 }

@@ -66,7 +66,7 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     ~NavPathResolutionSm() override;
 
     bool isTowards(const Netz::IpGenAddr& addr, const PathKey& pathKey) const;
-    bool isUsed(const Netz::IpGenAddr& addr, const PathAddrToPathKeySet* paths) const;
+    bool isUsed(const Netz::IpGenAddr& addr) const;
     void requestNexthop(const Netz::IpGenAddr& addr);
     void releaseUnusedNexthop(const Netz::IpGenAddr& addr);
     const Shard::Fib::Fec& fecOf(const Routing::NexthopResult& result) const;
