@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 
 namespace Agent::Linux {
 
@@ -26,6 +27,20 @@ std::optional<Leg> takeLeg(Bytes& rest) {
     return leg;
 }
 using Legs = Records<Leg, takeLeg>;
+
+// A member of a next-hop group, struct nexthop_grp of <linux/nexthop.h>. Newer headers name the
+// upper byte of the weight `weight_high`, earlier ones `resvd1` (always 0), so neither name
+// compiles everywhere.
+struct GroupMember {
+    uint32_t id;
+    uint8_t weight;
+    uint8_t weightHigh;
+    uint16_t reserved;
+};
+static_assert(sizeof(GroupMember) == sizeof(nexthop_grp));
+static_assert(offsetof(GroupMember, id) == offsetof(nexthop_grp, id));
+static_assert(offsetof(GroupMember, weight) == offsetof(nexthop_grp, weight));
+static_assert(offsetof(GroupMember, weightHigh) == offsetof(nexthop_grp, weight) + 1);
 
 // The gateway an attribute of a route or a leg names; `family` is that of the route.
 std::optional<Netz::IpGenAddr> gatewayOf(const Attribute& attribute, unsigned family) {
@@ -160,11 +175,10 @@ NexthopObject parseNexthop(const Message& message) {
                 object.via.onLink = false;
             }
         if (attribute.type != NHA_GROUP) continue;
-        for (Bytes rest = attribute.data; auto member = readAs<nexthop_grp>(rest);
-             rest = dropFront(rest, sizeof(nexthop_grp)))
-            // Newer kernels keep the upper byte of the weight in what was reserved.
+        for (Bytes rest = attribute.data; auto member = readAs<GroupMember>(rest);
+             rest = dropFront(rest, sizeof(GroupMember)))
             object.group.push_back(
-                {member->id, (member->weight | uint32_t{member->resvd1} << 8) + 1});
+                {member->id, (member->weight | uint32_t{member->weightHigh} << 8) + 1});
     }
     return object;
 }

@@ -42,7 +42,8 @@ TEST(Segment, ASecondWriterIsRefusedWhileTheFirstLives) {
         Plain::Writer second(run.space, "map", capacity);
         ADD_FAILURE() << "a second writer";
     } catch (const Vel::Error& error) {
-        EXPECT_THAT(std::string(error.what()), testing::HasSubstr("'map': already has a writer"));
+        const std::string refusal = error.what();
+        EXPECT_NE(refusal.find("'map': already has a writer"), std::string::npos) << refusal;
     }
     first.kill();
     Plain::Writer next(run.space, "map", capacity);
@@ -184,7 +185,8 @@ TEST(Damage, AReaderRefusesWhatDoesNotFitAndComesBackWhenItDoes) {
         const Descriptor fd = openSegment(run.space);
         ASSERT_EQ(pwrite(fd.get(), &c.value, 4, c.at), 4);
         Plain::Reader late(run.space, "map");
-        EXPECT_THAT(refusalOf(late), testing::HasSubstr(c.refusal));
+        const std::string refusal = refusalOf(late);
+        EXPECT_NE(refusal.find(c.refusal), std::string::npos) << refusal;
         Plain::Writer writer(run.space, "map", capacity);  // replaces it
         EXPECT_FALSE(writer.tookOver());
         EXPECT_EQ(late.update(), MapState::mounting);

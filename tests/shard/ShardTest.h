@@ -2,7 +2,6 @@
 // values that know whether they are whole.
 #pragma once
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
