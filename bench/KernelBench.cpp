@@ -13,7 +13,7 @@
 #include <memory>
 #include <vector>
 
-#include "agent/Host.h"
+#include "agent/host/Host.h"
 #include "agent/linux/LinuxPlatform.h"
 #include "bench/Bench.h"
 #include "bench/Zebra.h"

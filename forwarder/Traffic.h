@@ -4,7 +4,7 @@
 
 #include <map>
 
-#include "agent/Json.h"
+#include "agent/base/Json.h"
 #include "nav/counters/NavShard.h"
 
 namespace Forwarder {

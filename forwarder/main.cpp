@@ -9,9 +9,9 @@
 #include <iostream>
 #include <optional>
 
-#include "agent/RunDir.h"
+#include "agent/base/RunDir.h"
+#include "client/ControlClient.h"
 #include "forwarder/Traffic.h"
-#include "navctl/Client.h"
 
 namespace {
 
@@ -49,10 +49,10 @@ class StatusFollower {
     }
 
   private:
-    Agent::Json read() { return Navctl::Client(runDir_).get(statusPath); }
+    Agent::Json read() { return Client::ControlClient(runDir_).get(statusPath); }
 
     std::string runDir_;
-    std::optional<Navctl::Client> watch_;
+    std::optional<Client::ControlClient> watch_;
 };
 
 void publish(NavShard::NavCounters& counters, const Forwarder::Traffic& traffic,

@@ -2,8 +2,8 @@
 // same and would be accepted again.
 #include <algorithm>
 
-#include "agent/Config.h"
-#include "agent/Tree.h"
+#include "agent/model/Config.h"
+#include "agent/model/Tree.h"
 
 namespace {
 

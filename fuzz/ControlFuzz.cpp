@@ -6,9 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "agent/Config.h"
-#include "agent/Control.h"
-#include "agent/RunDir.h"
+#include "agent/base/RunDir.h"
+#include "agent/host/Host.h"
+#include "agent/model/Config.h"
+#include "agent/shell/Control.h"
 #include "agent/sim/SimPlatform.h"
 #include "tests/TempDir.h"
 
@@ -64,7 +65,7 @@ class Branch {
     Agent::EventLoop loop_{*scheduler_};
     Agent::Host host_{*scheduler_,
                       std::make_unique<Agent::Sim::SimPlatform>(NAV_EXAMPLES "/branch/world.json")};
-    Agent::Control control_{host_};
+    Agent::Control control_{host_.controlled()};
     const std::string socket_;
     Agent::ControlServer server_;
 };

@@ -2,9 +2,9 @@
 // are.
 #include <linux/rtnetlink.h>
 
-#include "agent/linux/FibLookup.h"
-#include "agent/linux/LinkTable.h"
-#include "agent/linux/NeighbourTable.h"
+#include "agent/linux/kernel/FibLookup.h"
+#include "agent/linux/kernel/LinkTable.h"
+#include "agent/linux/kernel/NeighbourTable.h"
 #include "platform/netz/Assert.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

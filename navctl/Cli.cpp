@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "agent/Config.h"
-#include "agent/RunDir.h"
-#include "navctl/Client.h"
+#include "agent/base/RunDir.h"
+#include "agent/model/Config.h"
+#include "client/ControlClient.h"
 #include "navctl/Completion.h"
 #include "navctl/Counters.h"
 #include "navctl/Show.h"
@@ -120,7 +120,7 @@ void Program::buildShow() {
     }
     for (const TreeView& view : treeViews()) {
         show->add_subcommand(view.name, view.description)->callback([this, &view] {
-            Client client(runDir());
+            Client::ControlClient client(runDir());
             printTable(view.table(client));
         });
     }
@@ -147,7 +147,7 @@ void Program::printTable(const Table& table) {
 }
 
 void Program::showText(const TextView& view) {
-    const std::string text = Navctl::showText(runDir(), view.word);
+    const std::string text = Client::showText(runDir(), view.word);
     if (raw_) {
         streams_.out << text;
         return;
@@ -157,7 +157,7 @@ void Program::showText(const TextView& view) {
 }
 
 void Program::get() {
-    printJson(Client(runDir()).get(path_));
+    printJson(Client::ControlClient(runDir()).get(path_));
 }
 
 void Program::set() {
@@ -167,24 +167,24 @@ void Program::set() {
     } catch (const Agent::JsonError&) {
         // A bare word: the string it is.
     }
-    Client(runDir()).request({{"op", "set"}, {"path", path_}, {"value", value}});
+    Client::ControlClient(runDir()).request({{"op", "set"}, {"path", path_}, {"value", value}});
 }
 
 void Program::del() {
-    Client(runDir()).request({{"op", "del"}, {"path", path_}});
+    Client::ControlClient(runDir()).request({{"op", "del"}, {"path", path_}});
 }
 
 void Program::watch() {
     // Interrupting is how an operator ends a watch; every line has been written by then.
     std::signal(SIGINT, [](int) { _exit(done); });
-    Client client(runDir());
+    Client::ControlClient client(runDir());
     const Json answer = client.request({{"op", "watch"}, {"path", path_}});
     streams_.out << Agent::dumpLine(answer.at("value")) << std::endl;
     client.connection().patienceIs(0);
     while (const auto line = client.connection().readLine()) {
         streams_.out << *line << std::endl;
         if (Agent::parseJson(*line).value("event", "") == "overrun") {
-            throw Refused("the agent stopped the watch, which did not keep up");
+            throw Client::Refused("the agent stopped the watch, which did not keep up");
         }
     }
 }
@@ -201,13 +201,14 @@ auto Program::readConfig(Use use) const {
     try {
         return use(text);
     } catch (const Agent::JsonError& error) {
-        throw Refused(file_ + ": " + error.what());
+        throw Client::Refused(file_ + ": " + error.what());
     }
 }
 
 void Program::load() {
     const Json config = readConfig(Agent::parseJson);
-    const Json answer = Client(runDir()).request({{"op", "load"}, {"value", config}});
+    const Json answer =
+        Client::ControlClient(runDir()).request({{"op", "load"}, {"value", config}});
     for (const Json& warning : answer.value("warnings", Json::array())) {
         streams_.err << "warning: " << warning.get<std::string>() << "\n";
     }
@@ -221,7 +222,7 @@ void Program::check() {
 }
 
 void Program::save() {
-    const std::string text = Client(runDir()).get("/cliConfig").dump(2) + "\n";
+    const std::string text = Client::ControlClient(runDir()).get("/cliConfig").dump(2) + "\n";
     if (file_ == "-") {
         streams_.out << text;
         return;
@@ -235,14 +236,14 @@ void Program::save() {
 }
 
 void Program::trace() {
-    const Json answer = Client(runDir()).request({{"op", "trace"}, {"last", last_}});
+    const Json answer = Client::ControlClient(runDir()).request({{"op", "trace"}, {"last", last_}});
     const Json& lines = answer.at("value");
     if (json_) return printJson(lines);
     for (const Json& line : lines) streams_.out << line.get<std::string>() << "\n";
 }
 
 void Program::ping() {
-    const Json answer = Client(runDir()).request({{"op", "ping"}});
+    const Json answer = Client::ControlClient(runDir()).request({{"op", "ping"}});
     const Json& value = answer.at("value");
     if (json_) return printJson(value);
     streams_.out << "nav-agent " << value.value("version", "?") << ", platform "
@@ -256,14 +257,14 @@ void Program::batch() {
     if (file_ != "-") file.open(file_);
     if (file_ != "-" && !file) throw BadUsage(file_ + ": " + std::strerror(errno));
     std::istream& in = file_ == "-" ? streams_.in : file;
-    Connection connection(runDir(), Agent::controlSocketName);
+    Client::Connection connection(runDir(), Agent::controlSocketName);
     size_t refusals = 0;
     for (std::string line; std::getline(in, line);) {
         if (line.find_first_not_of(" \t\r") == line.npos) continue;
         connection.sendLine(line);
         for (bool answered = false; !answered;) {
             const auto answer = connection.readLine();
-            if (!answer) throw NoAgent("the agent closed the connection");
+            if (!answer) throw Client::NoAgent("the agent closed the connection");
             streams_.out << *answer << std::endl;
             // What a watch of an earlier line reports stands among the answers.
             const Json value = Agent::parseJson(*answer);
@@ -271,7 +272,7 @@ void Program::batch() {
             refusals += answered && value.at("ok") != true;
         }
     }
-    if (refusals > 0) throw Refused(std::to_string(refusals) + " of the requests refused");
+    if (refusals > 0) throw Client::Refused(std::to_string(refusals) + " of the requests refused");
 }
 
 void Program::completeWords() {
@@ -295,9 +296,9 @@ ExitStatus Program::run(std::vector<std::string> arguments) {
         return done;
     } catch (const CLI::ParseError& error) {
         return app_.exit(error, streams_.out, streams_.err) == 0 ? done : badUsage;
-    } catch (const NoAgent& error) {
+    } catch (const Client::NoAgent& error) {
         return fail(error, noAgent);
-    } catch (const Refused& error) {
+    } catch (const Client::Refused& error) {
         return fail(error, refused);
     } catch (const BadUsage& error) {
         return fail(error, badUsage);

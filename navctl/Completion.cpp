@@ -5,9 +5,11 @@
 #include <array>
 #include <string_view>
 
-#include "navctl/Client.h"
+#include "client/ControlClient.h"
 
 namespace Navctl {
+
+using Agent::Json;
 
 // Readline breaks words at ':' and '=', which addresses hold, and replaces only what stands after
 // the last break: hence the cut at the front of each answer.
@@ -59,7 +61,7 @@ std::vector<std::string> paths(const std::string& word, const std::string& runDi
         for (const char* root : roots) result.push_back(std::string("/") + root);
         return result;
     }
-    Client client(runDir);
+    Client::ControlClient client(runDir);
     const Json value = client.get(parent);
     if (value.is_array()) {
         for (const Json& key : value) {
@@ -71,7 +73,7 @@ std::vector<std::string> paths(const std::string& word, const std::string& runDi
     bool isCollection = true;
     try {
         client.get(parent + "[" + value.begin().key() + "]");
-    } catch (const Refused&) {
+    } catch (const Client::Refused&) {
         isCollection = false;
     }
     for (const auto& [name, member] : value.items()) {

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <map>
 
+#include "client/ControlClient.h"
 #include "nav/counters/NavShard.h"
-#include "navctl/Client.h"
 
 namespace Navctl {
 
@@ -83,14 +83,14 @@ void showCounters(const std::string& runDir, bool watch,
         counters->lbProfileCounterControlIs(
             NavShard::LbProfileCounterControl::reader(Shard::Namespace(runDir)));
     } catch (const Vel::Error& error) {
-        throw NoAgent(error.what());
+        throw Client::NoAgent(error.what());
     }
     const auto state = counters->lbProfileCounterUpdate();
     if (state == Shard::MapState::absent || state == Shard::MapState::quiesced)
-        throw NoAgent("nobody writes counters in " + runDir);
+        throw Client::NoAgent("nobody writes counters in " + runDir);
     if (state == Shard::MapState::refused)
-        throw Refused("the counters of " + runDir +
-                      " cannot be read: " + counters->lbProfileCounterRefusal());
+        throw Client::Refused("the counters of " + runDir +
+                              " cannot be read: " + counters->lbProfileCounterRefusal());
     Reading before = readAll(*counters);
     do {
         const bool alive = awaitNews(*counters, before.time);

@@ -5,9 +5,11 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "agent/Json.h"
+#include "agent/base/Json.h"
 
 namespace Navctl {
+
+using Agent::Json;
 
 // A text that is no literal; what() says where and why.
 class LiteralError : public std::runtime_error {

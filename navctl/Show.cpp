@@ -80,7 +80,7 @@ Table mappingTable(const Json& answer) {
     return table;
 }
 
-Table groupTable(Client& client) {
+Table groupTable(Client::ControlClient& client) {
     Table table{{"path group", "interfaces", "ipsec profile", "sites", "paths"}, {}};
     const Json config = client.get("/cliConfig");
     const Json database = client.get("/navDb");
@@ -94,7 +94,7 @@ Table groupTable(Client& client) {
 }
 
 // Configured sites, and those that still have usable paths after their configuration went.
-Table siteTable(Client& client) {
+Table siteTable(Client::ControlClient& client) {
     Table table{{"path group", "site", "destinations", "usable paths"}, {}};
     const Json config = client.get("/cliConfig");
     const Json status = client.get("/siteGroupStatus");
@@ -117,7 +117,7 @@ Table siteTable(Client& client) {
     return table;
 }
 
-Table policyTable(Client& client) {
+Table policyTable(Client::ControlClient& client) {
     Table table{{"policy", "vrfs", "rule", "application", "application id", "load balance"}, {}};
     const Json config = client.get("/cliConfig");
     std::map<std::string, Json> vrfsOf;
@@ -143,7 +143,7 @@ Table policyTable(Client& client) {
 }
 
 // One row for each member of each load-balance id, the preferred first.
-Table loadBalanceTable(Client& client) {
+Table loadBalanceTable(Client::ControlClient& client) {
     Table table{{"site", "vrf", "application", "id", "generation", "latency", "jitter", "loss rate",
                  "priority", "path index", "path group"},
                 {}};
@@ -179,7 +179,7 @@ Table loadBalanceTable(Client& client) {
 }
 
 // Connections asked for, and those that the service still reports after nobody asks for them.
-Table ipsecTable(Client& client) {
+Table ipsecTable(Client::ControlClient& client) {
     Table table{
         {"vrf", "source", "destination", "profile", "interface", "connection", "state", "encap id"},
         {}};
@@ -205,7 +205,7 @@ Table ipsecTable(Client& client) {
     return table;
 }
 
-Table nexthopTable(Client& client) {
+Table nexthopTable(Client::ControlClient& client) {
     Table table{{"vrf", "next hop", "state", "fec", "vias"}, {}};
     const Json config = client.get("/nexthopConfig/vrf");
     const Json status = client.get("/nexthopStatus/vrf");
@@ -256,11 +256,11 @@ Json parseShowText(const std::string& text) {
     try {
         return parseLiteral(text);
     } catch (const LiteralError& error) {
-        if (text.empty()) throw Refused("the agent gave no answer");
+        if (text.empty()) throw Client::Refused("the agent gave no answer");
         // A message instead of an answer begins with a percent sign, as routers write them.
-        if (text.starts_with("% ")) throw Refused(text.substr(2, text.find('\n') - 2));
-        throw Refused(std::string("the agent's answer is no table (--raw prints it): ") +
-                      error.what());
+        if (text.starts_with("% ")) throw Client::Refused(text.substr(2, text.find('\n') - 2));
+        throw Client::Refused(std::string("the agent's answer is no table (--raw prints it): ") +
+                              error.what());
     }
 }
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "navctl/Client.h"
+#include "client/ControlClient.h"
 #include "navctl/Table.h"
 
 namespace Navctl {
@@ -19,7 +19,7 @@ struct TextView {
 // A view put together from the tree.
 struct TreeView {
     std::string name, description;
-    Table (*table)(Client& client);
+    Table (*table)(Client::ControlClient& client);
 };
 
 const std::vector<TextView>& textViews();

@@ -5,9 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "agent/Json.h"
+#include "agent/base/Json.h"
 
 namespace Navctl {
+
+using Agent::Json;
 
 struct Table {
     std::vector<std::string> columns;  // "path group": PATH GROUP in a table, pathGroup in JSON

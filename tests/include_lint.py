@@ -21,17 +21,23 @@ floors = [
     ["nav/counters"],
     ["nav/path", "nav/lb", "nav/policy"],
     ["nav/root"],
-    ["agent"],
+    ["agent/base"],
+    ["client"],
+    ["agent/model"],
+    ["agent/shell"],
+    ["agent/router"],
+    ["agent/linux/kernel"],
     ["agent/sim", "agent/linux"],
+    ["agent/host"],
 ]
 height = {folder: i for i, floor in enumerate(floors) for folder in floor}
-# The host's own folders: it knows its platforms, and they know the host's interfaces.
-beside = {("agent", "agent/sim"), ("agent", "agent/linux")}
 # The command line talks to an agent over sockets; it shares the check of a configuration with it.
 height["navctl"] = len(floors)
 height["forwarder"] = len(floors) + 1
 reading = {"platform", "platform/vel", "platform/shard", "nav/counters"}
-only = {"navctl": {"agent"} | reading, "forwarder": {"agent", "navctl"} | reading}
+only = {"client": {"agent/base"},
+        "navctl": {"agent/base", "agent/model", "client"} | reading,
+        "forwarder": {"agent/base", "client"} | reading}
 
 include = re.compile(r'\s*#\s*include\s*([<"])([^>"]+)[>"]')
 bad = []
@@ -52,7 +58,7 @@ for folder in height:
                         bad.append(where + "  (neither standard library nor Linux)")
             elif target not in height:
                 bad.append(where + "  (no folder of this project)")
-            elif target != folder and (folder, target) not in beside:
+            elif target != folder:
                 if height[target] >= height[folder]:
                     bad.append(where + "  (not a floor below)")
                 elif folder in only and target not in only[folder]:

@@ -17,7 +17,7 @@ import time
 import unittest
 
 build, source = (os.path.abspath(argument) for argument in sys.argv[1:3])
-programs = {"nav-agent": f"{build}/agent/nav-agent", "navctl": f"{build}/navctl/navctl",
+programs = {"nav-agent": f"{build}/agent/host/nav-agent", "navctl": f"{build}/navctl/navctl",
             "nav-forwarder": f"{build}/forwarder/nav-forwarder"}
 branch = [f"--config={source}/examples/branch/branch.json",
           f"--world={source}/examples/branch/world.json"]

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "agent/linux/LinuxTrace.h"
+#include "agent/linux/kernel/LinuxTrace.h"
 
 namespace Agent::Linux {
 

@@ -16,8 +16,8 @@
 #include <optional>
 #include <set>
 
-#include "agent/PathReactors.h"
-#include "agent/linux/KernelMonitor.h"
+#include "agent/linux/kernel/KernelMonitor.h"
+#include "agent/router/PathReactors.h"
 
 namespace Agent::Linux {
 

@@ -2,10 +2,9 @@
 
 #include <algorithm>
 
-#include "agent/Host.h"
-#include "agent/NexthopResolver.h"
-#include "agent/RouterStatus.h"
 #include "agent/linux/ForwardingAgent.h"
+#include "agent/router/NexthopResolver.h"
+#include "agent/router/RouterStatus.h"
 
 namespace Agent::Linux {
 
@@ -102,8 +101,8 @@ LinuxPlatform::LinuxPlatform(EventLoop& loop, int receiveBuffer)
 
 LinuxPlatform::~LinuxPlatform() = default;
 
-void LinuxPlatform::start(Host& host) {
-    router_ = std::make_unique<Router>(loop_, host.inputs(), receiveBuffer_);
+void LinuxPlatform::start(const Nav::NavInputs& inputs) {
+    router_ = std::make_unique<Router>(loop_, inputs, receiveBuffer_);
 }
 
 void LinuxPlatform::stop() {

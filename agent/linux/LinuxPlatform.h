@@ -5,9 +5,9 @@
 
 #include <memory>
 
-#include "agent/EventLoop.h"
-#include "agent/Platform.h"
-#include "agent/linux/KernelMonitor.h"
+#include "agent/linux/kernel/KernelMonitor.h"
+#include "agent/router/Platform.h"
+#include "agent/shell/EventLoop.h"
 
 namespace Agent::Linux {
 
@@ -19,7 +19,7 @@ class LinuxPlatform final : public Platform {
     ~LinuxPlatform() override;
 
     // Throws Vel::Error where the kernel gives no sockets or its tables cannot be read.
-    void start(Host& host) override;
+    void start(const Nav::NavInputs& inputs) override;
     void stop() override;
 
     // REQUIRES: started and not stopped.

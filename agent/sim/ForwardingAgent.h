@@ -9,7 +9,7 @@
 #include <map>
 #include <optional>
 
-#include "agent/PathReactors.h"
+#include "agent/router/PathReactors.h"
 #include "agent/sim/World.h"
 
 namespace Agent::Sim {

@@ -1,6 +1,6 @@
 #include "agent/sim/Router.h"
 
-#include "agent/RouterStatus.h"
+#include "agent/router/RouterStatus.h"
 #include "agent/sim/SimTrace.h"
 
 namespace Agent::Sim {

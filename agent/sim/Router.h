@@ -7,7 +7,7 @@
 // that it publishes; it may come before or after the root, and go before or after it.
 #pragma once
 
-#include "agent/NexthopResolver.h"
+#include "agent/router/NexthopResolver.h"
 #include "agent/sim/ForwardingAgent.h"
 #include "agent/sim/IpsecPeers.h"
 #include "agent/sim/PathChoice.h"

@@ -1,7 +1,7 @@
 // The platform of `--platform sim`: the embedded router on the world of a file.
 #pragma once
 
-#include "agent/Host.h"
+#include "agent/router/Platform.h"
 #include "agent/sim/Router.h"
 
 namespace Agent::Sim {
@@ -12,7 +12,7 @@ class SimPlatform final : public Platform {
     explicit SimPlatform(const std::string& worldFile)
         : Platform("sim"), history_(worldFile.empty() ? History{} : readHistoryFile(worldFile)) {}
 
-    void start(Host& host) override { router_.emplace(host.inputs(), history_); }
+    void start(const Nav::NavInputs& inputs) override { router_.emplace(inputs, history_); }
     void stop() override { router_.reset(); }
 
   private:

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/Json.h"
+#include "agent/base/Json.h"
 #include "platform/loom/Clock.h"
 #include "platform/vel/Value.h"
 

@@ -1,10 +1,10 @@
 // Configurations: which are refused and where, and what applying one changes, in which order.
 #include <gtest/gtest.h>
 
-#include "agent/Config.h"
-#include "agent/DatumJson.h"
-#include "agent/Tree.h"
-#include "agent/Watch.h"
+#include "agent/model/Config.h"
+#include "agent/model/DatumJson.h"
+#include "agent/model/Tree.h"
+#include "agent/model/Watch.h"
 
 namespace {
 

@@ -1,7 +1,8 @@
 // The requests of the control socket on a host.
 #include <gtest/gtest.h>
 
-#include "agent/Control.h"
+#include "agent/host/Host.h"
+#include "agent/shell/Control.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ class ControlTest : public testing::Test {
     Loom::MonotonicClock clock;
     Vel::Ptr<Vel::Scheduler> scheduler = Vel::make<Vel::Scheduler>(clock);
     Agent::Host host{*scheduler, std::make_unique<Agent::Platform>("linux")};
-    Agent::Control control{host};
+    Agent::Control control{host.controlled()};
     Session session;
     size_t warnings = 0;
 };

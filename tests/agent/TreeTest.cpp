@@ -2,8 +2,8 @@
 // changed nothing; and what a watch tells.
 #include <gtest/gtest.h>
 
-#include "agent/Tree.h"
-#include "agent/Watch.h"
+#include "agent/model/Tree.h"
+#include "agent/model/Watch.h"
 #include "nav/config/NavCliConfig.h"
 #include "nav/types/NavDb.h"
 #include "nav/types/NavStatusDir.h"

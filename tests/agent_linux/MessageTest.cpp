@@ -8,8 +8,8 @@
 
 #include <cstring>
 
-#include "agent/linux/FibLookup.h"
-#include "agent/linux/LinkTable.h"
+#include "agent/linux/kernel/FibLookup.h"
+#include "agent/linux/kernel/LinkTable.h"
 #include "tests/agent_linux/Recorded.h"
 
 namespace Agent::Linux {

@@ -16,7 +16,7 @@
 #include <functional>
 #include <string>
 
-#include "agent/linux/KernelMonitor.h"
+#include "agent/linux/kernel/KernelMonitor.h"
 
 namespace Agent::Linux {
 

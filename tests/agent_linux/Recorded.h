@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/linux/NetlinkMessage.h"
+#include "agent/linux/kernel/NetlinkMessage.h"
 
 namespace Agent::Linux::Recorded {
 

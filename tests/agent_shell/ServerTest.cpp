@@ -8,9 +8,9 @@
 #include <optional>
 #include <set>
 
-#include "agent/CommandServer.h"
-#include "agent/ControlServer.h"
-#include "agent/RunDir.h"
+#include "agent/base/RunDir.h"
+#include "agent/shell/CommandServer.h"
+#include "agent/shell/ControlServer.h"
 #include "tests/TempDir.h"
 
 namespace {

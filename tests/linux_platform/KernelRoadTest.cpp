@@ -10,7 +10,7 @@
 extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
-#include "agent/Host.h"
+#include "agent/host/Host.h"
 #include "agent/linux/LinuxPlatform.h"
 #include "tests/linux_platform/Network.h"
 

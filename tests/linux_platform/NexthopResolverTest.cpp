@@ -5,8 +5,8 @@
 #include <random>
 #include <set>
 
-#include "agent/Host.h"
-#include "agent/NexthopResolver.h"
+#include "agent/host/Host.h"
+#include "agent/router/NexthopResolver.h"
 
 namespace Agent {
 namespace {

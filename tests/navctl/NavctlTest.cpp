@@ -8,9 +8,9 @@
 #include <sstream>
 #include <thread>
 
-#include "agent/CommandServer.h"
-#include "agent/ControlServer.h"
-#include "agent/RunDir.h"
+#include "agent/base/RunDir.h"
+#include "agent/shell/CommandServer.h"
+#include "agent/shell/ControlServer.h"
 #include "navctl/Cli.h"
 #include "navctl/Literal.h"
 #include "navctl/Table.h"

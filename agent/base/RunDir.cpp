@@ -1,0 +1,76 @@
+#include "agent/base/RunDir.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace Agent {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what) {
+    throw RunDirError(what + ": " + std::strerror(errno));
+}
+
+}  // namespace
+
+std::string defaultRunDir() {
+    if (geteuid() == 0) return "/run/nav";
+    const char* base = std::getenv("XDG_RUNTIME_DIR");
+    if (base == nullptr || *base == '\0') {
+        throw RunDirError("XDG_RUNTIME_DIR is not set: name a run directory");
+    }
+    return std::string(base) + "/nav";
+}
+
+sockaddr_un socketAddress(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        throw RunDirError(path + ": longer than the " +
+                          std::to_string(sizeof address.sun_path - 1) +
+                          " bytes that a socket's path may have");
+    }
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return address;
+}
+
+RunDir::RunDir(std::string path) : path_(std::move(path)) {
+    if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) fail(path_);
+    struct stat status;
+    if (stat(path_.c_str(), &status) != 0) fail(path_);
+    if (!S_ISDIR(status.st_mode)) {
+        errno = ENOTDIR;
+        fail(path_);
+    }
+    const std::string name = path_ + "/agent.lock";
+    lock_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (lock_ < 0) fail(name);
+    if (flock(lock_, LOCK_EX | LOCK_NB) != 0) {
+        const int reason = errno;
+        std::array<char, 16> pid{};
+        const bool known = read(lock_, pid.data(), pid.size() - 1) > 0;
+        close(lock_);
+        errno = reason;
+        if (reason != EWOULDBLOCK) fail(name);
+        throw RunDirError(path_ + ": another agent runs there" +
+                          (known ? " (pid " + std::to_string(std::atoi(pid.data())) + ")" : ""));
+    }
+    // For the message above only: a lock file that could not be written locks all the same.
+    if (ftruncate(lock_, 0) == 0) dprintf(lock_, "%d\n", getpid());
+}
+
+// The lock file stays: removing it would let two newcomers lock two different files.
+RunDir::~RunDir() {
+    close(lock_);
+}
+
+}  // namespace Agent

@@ -1,0 +1,112 @@
+#include "agent/host/Host.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+#include "agent/model/Config.h"
+
+namespace Agent {
+
+namespace {
+
+std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
+                            const Vel::Ptr<Nav::NavRootSm>& root) {
+    std::vector<Root> roots;
+    auto add = [&](auto& entity, const std::string& owner) {
+        std::string protection;
+        if (!platform.manual() && !owner.empty())
+            protection = "this belongs to " + owner + "; on platform " + platform.name() +
+                         " only /" + configName + " is written from outside";
+        roots.push_back(Root::of(entity.velKey(), entity, protection));
+    };
+    const std::string library = "path selection", interfaces = "the interface service",
+                      routing = "the routing service";
+    add(*in.cliConfig, "");
+    add(*in.pathConfigDir, library);
+    add(*in.navStatusDir, library);
+    add(*in.siteGroupStatus, library);
+    add(*in.hwPathStatus, "the forwarding agent");
+    add(*in.ipsecPathConfigDir, library);
+    add(*in.ipsecPathStatusDir, "the IPsec service");
+    add(*in.navFeaturePolicyDir, library);
+    add(*in.ipStatusDir, interfaces);
+    add(*in.ip6StatusDir, interfaces);
+    add(*in.nexthopConfig, library);
+    add(*in.nexthopStatus, routing);
+    add(*in.forwardingStatus, routing);
+    add(*in.forwarding6Status, routing);
+    add(*in.routingHwRouteStatus, routing);
+    roots.push_back({"navDb", &Nav::NavDb::velType,
+                     [&root]() -> Vel::Entity* {
+                         const Nav::NavContainer* container = root ? root->navContainer() : nullptr;
+                         return container ? container->navDb() : nullptr;
+                     },
+                     "this is path selection's own and nobody else writes it"});
+    return roots;
+}
+
+// A file in memory: takes any answer without blocking and without anybody reading it meanwhile.
+class MemoryFile {
+  public:
+    MemoryFile() : descriptor_(memfd_create("answer", MFD_CLOEXEC)) {
+        if (descriptor_ < 0) throw std::system_error(errno, std::generic_category(), "show");
+    }
+    ~MemoryFile() { close(descriptor_); }
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+
+    int descriptor() const { return descriptor_; }
+    std::string content() const {
+        std::string text;
+        std::array<char, 65536> bytes;
+        for (ssize_t count; (count = pread(descriptor_, bytes.data(), bytes.size(),
+                                           static_cast<off_t>(text.size()))) > 0;)
+            text.append(bytes.data(), static_cast<size_t>(count));
+        return text;
+    }
+
+  private:
+    const int descriptor_;
+};
+
+}  // namespace
+
+Host::Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform)
+    : inputs_(Nav::makeNavInputs(Vel::Ptr<Vel::Scheduler>(scheduler))),
+      platform_(std::move(platform)),
+      tree_(makeRoots(inputs_, *platform_, root_)) {
+    root_ = Nav::NavRootSmIs(inputs_);
+    platform_->start(inputs_);
+}
+
+Host::~Host() {
+    platform_->stop();
+    root_ = nullptr;
+}
+
+void Host::answerCommand(int descriptor, const std::string& word) {
+    Vel::Dir& requests = *inputs_.navCliRequestDir;
+    const Vel::Name name = std::to_string(++commands_);
+    requests.requestIs(name, [&](AgentCommandRequest& request) {
+        request.socketIs(static_cast<Vel::U32>(descriptor));
+        request.commandIs(word);
+    });
+    requests.requestDel(name);
+}
+
+std::string Host::show(const std::string& word) {
+    const MemoryFile file;
+    answerCommand(file.descriptor(), word);
+    return file.content();
+}
+
+Controlled Host::controlled() {
+    return {tree_, *inputs_.cliConfig, platform_->name(), platform_->manual(),
+            [this](const std::string& word) { return show(word); }};
+}
+
+}  // namespace Agent

@@ -1,0 +1,46 @@
+// Hosts the library: makes the seventeen inputs, the root reactor over them and the platform that
+// plays the services around, and shows it all as a tree. Owned by the process (HostAgent) or a
+// test; on the event thread.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "agent/model/Tree.h"
+#include "agent/router/Platform.h"
+#include "agent/shell/Control.h"
+#include "nav/root/NavRootSm.h"
+#include "platform/vel/Scheduler.h"
+
+namespace Agent {
+
+class Host {
+  public:
+    Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform);
+    ~Host();
+
+    // Writing them is the platform's; the configuration is written through the tree or a load.
+    Nav::NavInputs& inputs() { return inputs_; }
+    const Platform& platform() const { return *platform_; }
+
+    // Every input under its name, and /navDb while the container exists. On other platforms than
+    // manual only /cliConfig can be written through it.
+    Tree& tree() { return tree_; }
+
+    // The library writes its answer to the show command straight to the descriptor, or nothing if
+    // it does not know the word.
+    void answerCommand(int descriptor, const std::string& word);
+    // The same answer as a string.
+    std::string show(const std::string& word);
+    // This agent as the control socket's requests see it.
+    Controlled controlled();
+
+  private:
+    Nav::NavInputs inputs_;
+    Vel::Ptr<Nav::NavRootSm> root_;
+    const std::unique_ptr<Platform> platform_;
+    Tree tree_;
+    Vel::U32 commands_ = 0;
+};
+
+}  // namespace Agent

@@ -1,0 +1,52 @@
+// The host agent: the process that owns the run directory, the event thread, the task scheduler and
+// the two sockets, from start to orderly stop. One to a process; built by main, which then runs it.
+#pragma once
+
+#include <string>
+
+#include "agent/base/RunDir.h"
+#include "agent/host/Host.h"
+#include "agent/shell/CommandServer.h"
+#include "agent/shell/Control.h"
+#include "agent/shell/ControlServer.h"
+#include "agent/shell/EventLoop.h"
+
+namespace Agent {
+
+struct Options {
+    std::string config;            // file to load at start and on SIGHUP; none if empty
+    std::string platform = "sim";  // who plays the router's other services
+    std::string world;             // file that describes the simulated router; none if empty
+    std::string runDir;            // not empty: main takes defaultRunDir() where none is given
+    int logLevel = 5;              // of the trace, which main switches on
+};
+
+class HostAgent {
+  public:
+    // Takes the run directory, makes the host, opens the sockets and loads the configuration.
+    // Throws what main has to say when that cannot be.
+    explicit HostAgent(Options options);
+    ~HostAgent();
+
+    // Until SIGTERM or SIGINT.
+    void run() { loop_.run(); }
+
+  private:
+    // Makes the configuration file what a load request would; throws with the file's name, the line
+    // and the reason when it is refused, which leaves everything as it was.
+    void loadFile();
+    void reload();
+
+    const Options options_;
+    Loom::MonotonicClock clock_;
+    const Vel::Ptr<Vel::Scheduler> scheduler_;
+    RunDir runDir_;
+    EventLoop loop_;
+    EventLoop::Watch terminated_, interrupted_, hungUp_;
+    Host host_;
+    Control requests_;
+    CommandServer commands_;
+    ControlServer control_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,48 @@
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <iostream>
+
+#include "agent/base/RunDir.h"
+#include "agent/host/HostAgent.h"
+#include "agent/host/Postmortem.h"
+#include "platform/trace/Duolog.h"
+
+int main(int argc, char** argv) {
+    Agent::Options options;
+    CLI::App app("Chooses the paths of this router's wide-area overlay", "nav-agent");
+    app.set_version_flag("--version", NAV_VERSION);
+    app.add_option("--config", options.config, "Configuration to load at start and on SIGHUP")
+        ->type_name("FILE");
+    app.add_option("--platform", options.platform, "Who plays the router's other services")
+        ->check(CLI::IsMember({"sim", "linux", "manual"}))
+        ->capture_default_str();
+    app.add_option("--world", options.world, "The simulated router and network, for sim")
+        ->type_name("FILE");
+    app.add_option("--run-dir", options.runDir,
+                   "Where the sockets live: /run/nav for root, else $XDG_RUNTIME_DIR/nav")
+        ->type_name("DIR");
+    app.add_option("--log-level", options.logLevel, "Trace levels up to this one are recorded")
+        ->check(CLI::Range(0, 8))
+        ->capture_default_str();
+    try {
+        app.parse(argc, argv);
+        if (!options.world.empty() && options.platform != "sim") {
+            throw CLI::ValidationError("--world", "there is a world for --platform sim only");
+        }
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
+    Duolog::levelIs("*", options.logLevel);
+    Duolog::textSinkIs(STDERR_FILENO);
+    try {
+        if (options.runDir.empty()) options.runDir = Agent::defaultRunDir();
+        Agent::postmortemIs(options.runDir);
+        Agent::HostAgent(options).run();
+        return 0;
+    } catch (const std::exception& error) {
+        std::cerr << "nav-agent: " << error.what() << "\n";
+        return 1;
+    }
+}

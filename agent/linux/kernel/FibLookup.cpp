@@ -1,0 +1,241 @@
+#include "agent/linux/kernel/FibLookup.h"
+
+#include <linux/nexthop.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+
+namespace Agent::Linux {
+
+namespace {
+
+constexpr uint32_t deadFlags = RTNH_F_DEAD | RTNH_F_LINKDOWN;
+
+struct Leg {
+    rtnexthop head;
+    Bytes attributes;
+};
+
+std::optional<Leg> takeLeg(Bytes& rest) {
+    const auto head = readAs<rtnexthop>(rest);
+    if (!head || head->rtnh_len < sizeof(rtnexthop) || head->rtnh_len > rest.size()) return {};
+    Leg leg{*head, rest.subspan(sizeof(rtnexthop), head->rtnh_len - sizeof(rtnexthop))};
+    rest = dropFront(rest, aligned(head->rtnh_len));
+    return leg;
+}
+using Legs = Records<Leg, takeLeg>;
+
+// A member of a next-hop group, struct nexthop_grp of <linux/nexthop.h>. Newer headers name the
+// upper byte of the weight `weight_high`, earlier ones `resvd1` (always 0), so neither name
+// compiles everywhere.
+struct GroupMember {
+    uint32_t id;
+    uint8_t weight;
+    uint8_t weightHigh;
+    uint16_t reserved;
+};
+static_assert(sizeof(GroupMember) == sizeof(nexthop_grp));
+static_assert(offsetof(GroupMember, id) == offsetof(nexthop_grp, id));
+static_assert(offsetof(GroupMember, weight) == offsetof(nexthop_grp, weight));
+static_assert(offsetof(GroupMember, weightHigh) == offsetof(nexthop_grp, weight) + 1);
+
+// The gateway an attribute of a route or a leg names; `family` is that of the route.
+std::optional<Netz::IpGenAddr> gatewayOf(const Attribute& attribute, unsigned family) {
+    if (attribute.type == RTA_GATEWAY) return readAddr(family, attribute.data);
+    if (attribute.type != RTA_VIA) return {};
+    const auto viaFamily = readAs<uint16_t>(attribute.data);  // struct rtvia
+    return readAddr(viaFamily.value_or(AF_UNSPEC), dropFront(attribute.data, sizeof(uint16_t)));
+}
+
+RouteVia viaTo(const Netz::IpGenAddr& destination, std::optional<Netz::IpGenAddr> gateway,
+               uint32_t ifIndex, uint32_t weight) {
+    return {gateway.value_or(destination), ifIndex, weight, !gateway};
+}
+
+RouteKind kindOf(const Message& refusal) {
+    switch (errorOf(refusal)) {
+        case ENETUNREACH:
+            return RouteKind::noRoute;
+        case EHOSTUNREACH:
+            return RouteKind::unreachable;
+        case EACCES:
+            return RouteKind::prohibited;
+        // A malformed request gives the same error, but with a text.
+        case EINVAL:
+            return refusalText(refusal).empty() ? RouteKind::blackhole : RouteKind::failed;
+        default:
+            return RouteKind::failed;
+    }
+}
+
+RouteKind kindOf(unsigned char routeType) {
+    switch (routeType) {
+        case RTN_UNICAST:
+            return RouteKind::forwarded;
+        case RTN_LOCAL:
+        case RTN_BROADCAST:
+        case RTN_ANYCAST:
+        case RTN_MULTICAST:
+            return RouteKind::local;
+        case RTN_BLACKHOLE:
+            return RouteKind::blackhole;
+        case RTN_UNREACHABLE:
+            return RouteKind::unreachable;
+        case RTN_PROHIBIT:
+            return RouteKind::prohibited;
+        default:
+            return RouteKind::failed;
+    }
+}
+
+void finish(RouteResult& result) {
+    if (result.kind != RouteKind::forwarded) result.vias.clear();
+    if (result.kind == RouteKind::forwarded && result.vias.empty())
+        result.kind = RouteKind::unreachable;
+    if (result.vias.size() == 1) result.vias.front().weight = 1;
+    std::ranges::sort(result.vias);
+}
+
+// The vias that a next-hop object gives for a destination.
+template <class Objects>
+RouteResult expand(const Objects& objects, uint32_t id, const Netz::IpGenAddr& destination) {
+    const auto object = objects.find(id);
+    if (object == objects.end()) return {};
+    RouteResult result{object->second.blackhole ? RouteKind::blackhole : RouteKind::forwarded, {}};
+    auto add = [&](const NexthopObject& nexthop, uint32_t weight) {
+        if (nexthop.dead || !nexthop.group.empty()) return;
+        RouteVia via = nexthop.via;
+        if (via.onLink) via.hop = destination;
+        via.weight = weight;
+        result.vias.push_back(via);
+    };
+    add(object->second, 1);
+    for (const NexthopObject::Member& member : object->second.group) {
+        const auto hop = objects.find(member.id);
+        if (hop == objects.end()) continue;
+        if (hop->second.blackhole) return {RouteKind::blackhole, {}};  // of a group of one, always
+        add(hop->second, member.weight);
+    }
+    finish(result);
+    return result;
+}
+
+}  // namespace
+
+RouteAnswer parseRoute(const Message& message, const Netz::IpGenAddr& destination) {
+    if (message.type == NLMSG_ERROR) return {{kindOf(message), {}}, 0};
+    const auto header = message.header<rtmsg>();
+    if (message.type != RTM_NEWROUTE || !header) return {};
+    RouteAnswer answer{{kindOf(header->rtm_type), {}}, 0};
+    auto& vias = answer.result.vias;
+    uint32_t ifIndex = 0;
+    bool hasLegs = false;
+    std::optional<Netz::IpGenAddr> gateway;
+    for (const Attribute& attribute : attributesAfter<rtmsg>(message)) {
+        if (auto hop = gatewayOf(attribute, header->rtm_family)) gateway = hop;
+        if (attribute.type == RTA_OIF) ifIndex = attribute.u32().value_or(0);
+        if (attribute.type == RTA_NH_ID) answer.nexthopId = attribute.u32().value_or(0);
+        if (attribute.type != RTA_MULTIPATH) continue;
+        hasLegs = true;
+        for (const Leg& leg : Legs(attribute.data)) {
+            if ((leg.head.rtnh_flags & deadFlags) != 0) continue;
+            std::optional<Netz::IpGenAddr> hop;
+            for (const Attribute& inner : Attributes(leg.attributes))
+                if (auto found = gatewayOf(inner, header->rtm_family)) hop = found;
+            vias.push_back(viaTo(destination, hop, static_cast<uint32_t>(leg.head.rtnh_ifindex),
+                                 leg.head.rtnh_hops + 1U));
+        }
+    }
+    if (ifIndex != 0 && !hasLegs && (header->rtm_flags & deadFlags) == 0)
+        vias.push_back(viaTo(destination, gateway, ifIndex, 1));
+    // The kernel names the object and its legs both, unless net.ipv4.nexthop_compat_mode is off.
+    if (hasLegs || ifIndex != 0 || answer.result.kind != RouteKind::forwarded) answer.nexthopId = 0;
+    if (answer.nexthopId == 0) finish(answer.result);
+    return answer;
+}
+
+NexthopObject parseNexthop(const Message& message) {
+    NexthopObject object;
+    const auto header = message.header<nhmsg>();
+    if (message.type != RTM_NEWNEXTHOP || !header) {
+        object.dead = true;
+        return object;
+    }
+    object.dead = (header->nh_flags & deadFlags) != 0;
+    object.via.onLink = true;
+    for (const Attribute& attribute : attributesAfter<nhmsg>(message)) {
+        if (attribute.type == NHA_BLACKHOLE) object.blackhole = true;
+        if (attribute.type == NHA_OIF) object.via.ifIndex = attribute.u32().value_or(0);
+        if (attribute.type == NHA_GATEWAY)
+            if (auto hop = readAddr(header->nh_family, attribute.data)) {
+                object.via.hop = *hop;
+                object.via.onLink = false;
+            }
+        if (attribute.type != NHA_GROUP) continue;
+        for (Bytes rest = attribute.data; auto member = readAs<GroupMember>(rest);
+             rest = dropFront(rest, sizeof(GroupMember)))
+            object.group.push_back(
+                {member->id, (member->weight | uint32_t{member->weightHigh} << 8) + 1});
+    }
+    return object;
+}
+
+std::vector<RouteResult> FibLookup::lookup(std::span<const RouteQuery> queries) {
+    std::vector<RouteResult> results(queries.size());
+    std::vector<uint32_t> ids(queries.size());
+    std::vector<uint32_t> unresolved;
+    requests_.exchange(
+        queries.size(),
+        [&](MessageWriter& writer, uint32_t sequence, size_t i) {
+            const RouteQuery& query = queries[i];
+            rtmsg header{};
+            header.rtm_family = query.destination.isV4() ? AF_INET : AF_INET6;
+            header.rtm_dst_len = static_cast<uint8_t>(query.destination.bits());
+            header.rtm_flags = RTM_F_FIB_MATCH;
+            writer.begin(RTM_GETROUTE, 0, sequence, header);
+            writer.attribute(RTA_DST, query.destination);
+            if (query.vrfIndex != 0) writer.attribute(RTA_OIF, query.vrfIndex);
+            if (query.mark != 0) writer.attribute(RTA_MARK, query.mark);
+        },
+        [&](size_t i, const Message& message) {
+            RouteAnswer answer = parseRoute(message, queries[i].destination);
+            results[i] = std::move(answer.result);
+            ids[i] = answer.nexthopId;
+            if (answer.nexthopId != 0) unresolved.push_back(answer.nexthopId);
+        });
+    if (unresolved.empty()) return results;
+    const Objects objects = nexthops(unresolved);
+    for (size_t i = 0; i < queries.size(); ++i)
+        if (ids[i] != 0) results[i] = expand(objects, ids[i], queries[i].destination);
+    return results;
+}
+
+FibLookup::Objects FibLookup::nexthops(std::span<const uint32_t> ids) {
+    Objects objects;
+    std::vector<uint32_t> wanted(ids.begin(), ids.end());
+    // A group has no groups among its members, so this asks twice at most.
+    while (!wanted.empty()) {
+        std::vector<uint32_t> members;
+        requests_.exchange(
+            wanted.size(),
+            [&](MessageWriter& writer, uint32_t sequence, size_t i) {
+                writer.begin(RTM_GETNEXTHOP, 0, sequence, nhmsg{});
+                writer.attribute(NHA_ID, wanted[i]);
+            },
+            [&](size_t i, const Message& message) {
+                if (message.type != RTM_NEWNEXTHOP) return;
+                objects[wanted[i]] = parseNexthop(message);
+                for (const auto& member : objects[wanted[i]].group) members.push_back(member.id);
+            });
+        std::erase_if(members, [&](uint32_t id) { return objects.contains(id); });
+        std::ranges::sort(members);
+        members.erase(std::unique(members.begin(), members.end()), members.end());
+        wanted = std::move(members);
+    }
+    return objects;
+}
+
+}  // namespace Agent::Linux

@@ -1,0 +1,148 @@
+#include "agent/linux/kernel/LinkTable.h"
+
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+
+namespace Agent::Linux {
+
+namespace {
+
+// <net/if.h> and <linux/if.h> exclude each other; this flag is only in the latter.
+constexpr uint32_t lowerUp = 1U << 16;  // IFF_LOWER_UP
+constexpr uint32_t upFlags = IFF_UP | IFF_RUNNING | lowerUp;
+// IFA_F_SECONDARY is IFA_F_TEMPORARY for IPv6.
+constexpr uint32_t unusableFlags =
+    IFA_F_SECONDARY | IFA_F_TENTATIVE | IFA_F_DADFAILED | IFA_F_DEPRECATED;
+
+std::optional<uint32_t> vrfTableOf(Bytes linkInfo) {
+    bool isVrf = false;
+    std::optional<uint32_t> table;
+    for (const Attribute& info : Attributes(linkInfo)) {
+        if (info.type == IFLA_INFO_KIND) isVrf = info.text() == "vrf";
+        if (info.type != IFLA_INFO_DATA) continue;
+        for (const Attribute& data : Attributes(info.data))
+            if (data.type == IFLA_VRF_TABLE) table = data.u32();
+    }
+    return isVrf ? table : std::nullopt;
+}
+
+}  // namespace
+
+const Interface* InterfaceView::at(uint32_t index) const {
+    const auto found = std::ranges::lower_bound(interfaces, index, {}, &Interface::index);
+    return found != interfaces.end() && found->index == index ? &*found : nullptr;
+}
+
+const Interface* InterfaceView::named(const Netz::IntfId& name) const {
+    const auto found = std::ranges::find(interfaces, name, &Interface::name);
+    return found != interfaces.end() ? &*found : nullptr;
+}
+
+void LinkTable::apply(const Message& message) {
+    if (message.type == RTM_NEWLINK || message.type == RTM_DELLINK) applyLink(message);
+    if (message.type == RTM_NEWADDR || message.type == RTM_DELADDR) applyAddress(message);
+}
+
+void LinkTable::applyLink(const Message& message) {
+    const auto header = message.header<ifinfomsg>();
+    // Of another family are messages about a port of a bridge, not about the link: one of them
+    // announces that it was deleted when it merely left the bridge.
+    if (!header || header->ifi_family != AF_UNSPEC || header->ifi_index <= 0) return;
+    const auto index = static_cast<uint32_t>(header->ifi_index);
+    if (message.type == RTM_DELLINK) {
+        links_.erase(index);
+        return;
+    }
+    // Every message gives the whole link: what it does not mention is not there (any more).
+    Netz::IntfId name;
+    uint32_t master = 0;
+    std::optional<uint32_t> vrfTable;
+    for (const Attribute& attribute : attributesAfter<ifinfomsg>(message)) {
+        if (attribute.type == IFLA_IFNAME)
+            name = Netz::IntfId::parse(attribute.text()).value_or(Netz::IntfId());
+        if (attribute.type == IFLA_MASTER) master = attribute.u32().value_or(0);
+        if (attribute.type == IFLA_LINKINFO) vrfTable = vrfTableOf(attribute.data);
+    }
+    if (name.empty()) return;
+    Link& link = links_[index];
+    link.name = name;
+    link.flags = header->ifi_flags;
+    link.master = master;
+    link.vrfTable = vrfTable;
+}
+
+void LinkTable::applyAddress(const Message& message) {
+    const auto header = message.header<ifaddrmsg>();
+    if (!header) return;
+    const unsigned family = header->ifa_family;
+    uint32_t flags = header->ifa_flags;
+    std::optional<Netz::IpGenAddr> local, peer;
+    for (const Attribute& attribute : attributesAfter<ifaddrmsg>(message)) {
+        if (attribute.type == IFA_LOCAL) local = readAddr(family, attribute.data);
+        if (attribute.type == IFA_ADDRESS) peer = readAddr(family, attribute.data);
+        if (attribute.type == IFA_FLAGS) flags = attribute.u32().value_or(flags);
+    }
+    if (!local) local = peer;  // IPv6 names no local address where there is no peer
+    if (!local || header->ifa_prefixlen > local->bits()) return;
+    Address address{{*local, header->ifa_prefixlen}, {}, flags, header->ifa_scope};
+    if (local->isV4()) address.peer = peer.value_or(*local);
+
+    auto& addresses = links_[header->ifa_index].addresses;
+    auto at = std::ranges::find_if(addresses, [&](const Address& known) {
+        return known.local == address.local && known.peer == address.peer;
+    });
+    const bool known = at != addresses.end();
+    const bool promoted =
+        known && (at->flags & IFA_F_SECONDARY) > (address.flags & IFA_F_SECONDARY);
+    if (known && message.type == RTM_NEWADDR && !promoted) {
+        *at = address;
+        return;
+    }
+    if (known) addresses.erase(at);
+    if (message.type == RTM_DELADDR) return;
+    // The kernel lists the IPv4 addresses of a link oldest first, those of IPv6 newest first.
+    const bool newestFirst = local->isV6() && (message.flags & NLM_F_MULTI) != 0;
+    addresses.insert(newestFirst ? addresses.begin() : addresses.end(), address);
+}
+
+Vrf LinkTable::vrfOf(uint32_t index, const Link& link) const {
+    if (link.vrfTable) return {link.name.stringValue(), *link.vrfTable, index};
+    const auto master = links_.find(link.master);
+    if (master == links_.end() || !master->second.vrfTable) return {"default", 0, 0};
+    return {master->second.name.stringValue(), *master->second.vrfTable, link.master};
+}
+
+InterfaceView LinkTable::view() const {
+    InterfaceView view;
+    view.vrfs.push_back({"default", 0, 0});
+    for (const auto& [index, link] : links_) {
+        if (link.name.empty()) continue;
+        Interface interface;
+        interface.index = index;
+        interface.name = link.name;
+        interface.up = (link.flags & upFlags) == upFlags;
+        interface.vrf = vrfOf(index, link);
+        if (link.vrfTable) view.vrfs.push_back(interface.vrf);
+        for (const Address& address : link.addresses) {
+            const Netz::IpGenAddr& local = address.local.addr;
+            auto& primary = local.isV4() ? interface.primary4 : interface.primary6;
+            if (interface.up && primary.addr.isZero() && address.scope == RT_SCOPE_UNIVERSE &&
+                (address.flags & unusableFlags) == 0 && !(local.isV4() && local.data()[0] == 127))
+                primary = address.local;
+        }
+        view.interfaces.push_back(std::move(interface));
+    }
+    return view;
+}
+
+bool LinkTable::needsNoNeighbour(uint32_t index) const {
+    const auto link = links_.find(index);
+    return link != links_.end() && (link->second.flags & IFF_NOARP) != 0;
+}
+
+}  // namespace Agent::Linux

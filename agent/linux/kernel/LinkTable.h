@@ -1,0 +1,90 @@
+// The host's interfaces as the kernel tells of them: links, their addresses, and which VRF they are
+// in. Filled from a dump of links and addresses, then kept in step by applying every event in the
+// order in which it came. Links are keyed by index, since a name may move to another link.
+//
+// What it shows is a value, `InterfaceView`, that compares equal when nothing changed that anybody
+// outside could tell.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "agent/linux/kernel/NetlinkMessage.h"
+#include "platform/netz/IntfId.h"
+#include "platform/netz/IpAddrWithMask.h"
+#include "platform/netz/VrfName.h"
+
+namespace Agent::Linux {
+
+struct Vrf {
+    L3::VrfName name;
+    uint32_t id = 0;     // the number of its routing table
+    uint32_t index = 0;  // of its device, the one to look routes up with; 0 for the VRF "default"
+
+    bool operator==(const Vrf&) const = default;
+};
+
+struct Interface {
+    uint32_t index = 0;
+    Netz::IntfId name;
+    // Administratively up and operational (RFC 2863): IFF_UP, IFF_RUNNING and IFF_LOWER_UP.
+    bool up = false;
+    // The VRF device that is its master, or that it is itself; otherwise "default", with id 0. A
+    // bridge or bond in between hides the VRF from its ports, which have no addresses of their own.
+    Vrf vrf;
+    // The longest-standing address of the family that has global scope and is neither secondary,
+    // temporary, tentative, a duplicate, deprecated, nor of 127/8; zero ("0.0.0.0/0") if there is
+    // none. An interface that is not up has none either, so that what is built on its address goes
+    // and comes with the link.
+    Netz::IpAddrWithMask primary4;
+    Netz::IpAddrWithMask primary6;
+
+    bool operator==(const Interface&) const = default;
+};
+
+struct InterfaceView {
+    std::vector<Interface> interfaces;  // by ascending index
+    std::vector<Vrf> vrfs;              // "default" first, then by ascending index
+
+    // Null if there is none.
+    const Interface* at(uint32_t index) const;
+    const Interface* named(const Netz::IntfId& name) const;
+
+    bool operator==(const InterfaceView&) const = default;
+};
+
+class LinkTable {
+  public:
+    // Takes in a link or address message, of a dump or an event; ignores any other, and any that
+    // lacks what it needs.
+    void apply(const Message& message);
+    InterfaceView view() const;
+    // Whether packets leave this link without a neighbour's link-layer address.
+    bool needsNoNeighbour(uint32_t index) const;
+
+  private:
+    struct Address {
+        Netz::IpAddrWithMask local;
+        Netz::IpGenAddr peer;  // part of the identity of an IPv4 address only
+        uint32_t flags = 0;
+        uint8_t scope = 0;
+    };
+    struct Link {
+        Netz::IntfId name;  // empty while only addresses of this link have been heard of
+        uint32_t flags = 0;
+        uint32_t master = 0;
+        std::optional<uint32_t> vrfTable;  // of a VRF device
+        std::vector<Address> addresses;    // per family in the order in which they became primary
+    };
+
+    void applyLink(const Message& message);
+    void applyAddress(const Message& message);
+    Vrf vrfOf(uint32_t index, const Link& link) const;
+
+    std::map<uint32_t, Link> links_;
+};
+
+}  // namespace Agent::Linux

@@ -1,0 +1,69 @@
+#include "agent/linux/kernel/NeighbourTable.h"
+
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+namespace Agent::Linux {
+
+namespace {
+
+constexpr uint16_t resolvedStates =
+    NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE | NUD_PERMANENT | NUD_NOARP;
+
+}  // namespace
+
+bool NeighbourTable::apply(const Message& message) {
+    if (message.type != RTM_NEWNEIGH && message.type != RTM_DELNEIGH) return false;
+    const auto header = message.header<ndmsg>();
+    if (!header || header->ndm_ifindex <= 0 || (header->ndm_flags & NTF_PROXY) != 0) return false;
+    // Of another family than IPv4 and IPv6 are a bridge's learned stations, which yield no address.
+    std::optional<Netz::IpGenAddr> addr;
+    for (const Attribute& attribute : attributesAfter<ndmsg>(message))
+        if (attribute.type == NDA_DST) addr = readAddr(header->ndm_family, attribute.data);
+    if (!addr) return false;
+
+    const Neighbour neighbour{static_cast<uint32_t>(header->ndm_ifindex), *addr};
+    const bool before = resolved(neighbour);
+    if (message.type == RTM_DELNEIGH)
+        states_.erase(neighbour);
+    else
+        states_[neighbour] = header->ndm_state;
+    return resolved(neighbour) != before;
+}
+
+bool NeighbourTable::resolved(const Neighbour& neighbour) const {
+    return (state(neighbour).value_or(NUD_NONE) & resolvedStates) != 0;
+}
+
+std::optional<uint16_t> NeighbourTable::state(const Neighbour& neighbour) const {
+    const auto at = states_.find(neighbour);
+    if (at == states_.end()) return {};
+    return at->second;
+}
+
+size_t solicit(RequestSocket& requests, std::span<const Neighbour> neighbours,
+               std::string& reason) {
+    size_t refused = 0;
+    const size_t lost = requests.exchange(
+        neighbours.size(),
+        [&](MessageWriter& writer, uint32_t sequence, size_t i) {
+            ndmsg header{};
+            header.ndm_family = neighbours[i].addr.isV4() ? AF_INET : AF_INET6;
+            header.ndm_ifindex = static_cast<int>(neighbours[i].ifIndex);
+            header.ndm_flags = NTF_USE;
+            writer.begin(RTM_NEWNEIGH, NLM_F_CREATE | NLM_F_ACK, sequence, header);
+            writer.attribute(NDA_DST, neighbours[i].addr);
+        },
+        [&](size_t, const Message& message) {
+            if (errorOf(message) == 0) return;
+            ++refused;
+            reason = std::strerror(errorOf(message));
+        });
+    if (lost != 0) reason = "no answer";
+    return refused + lost;
+}
+
+}  // namespace Agent::Linux

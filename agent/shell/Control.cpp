@@ -1,0 +1,124 @@
+#include "agent/shell/Control.h"
+
+#include <unistd.h>
+
+#include "platform/trace/Ringlog.h"
+
+namespace Agent {
+
+namespace {
+
+const Json& member(const Json& request, const char* name) {
+    const auto found = request.find(name);
+    if (found == request.end()) throw RequestError(std::string(name) + ": this is needed");
+    return *found;
+}
+
+std::string text(const Json& request, const char* name) {
+    const Json& value = member(request, name);
+    if (!value.is_string()) throw RequestError(std::string(name) + ": expected a string");
+    return value.get<std::string>();
+}
+
+Answer warned(std::vector<std::string> warnings) {
+    Answer answer;
+    answer.warnings = std::move(warnings);
+    return answer;
+}
+
+}  // namespace
+
+// The root reactor subscribed before, so the container has come or gone when the handler runs.
+Control::Control(Controlled agent)
+    : agent_(std::move(agent)),
+      navConfigured_(Vel::Subscription::to<&Control::handleNavConfigured>(
+          agent_.config, Nav::NavCliConfig::navConfiguredAttr, this)) {}
+
+void Control::handleNavConfigured() {
+    for (const auto& [session, watches] : watches_)
+        for (const auto& watch : watches) watch->rootChanged();
+}
+
+Answer Control::handle(const std::string& op, const Json& request, Session& session) {
+    static const std::map<std::string, Answer (Control::*)(const Json&, Session&)> operations = {
+        {"get", &Control::get},          {"set", &Control::set},     {"del", &Control::del},
+        {"load", &Control::loadRequest}, {"check", &Control::check}, {"show", &Control::show},
+        {"watch", &Control::watch},      {"trace", &Control::trace}, {"ping", &Control::ping}};
+    const auto operation = operations.find(op);
+    if (operation == operations.end()) throw RequestError("op: \"" + op + "\" is unknown");
+    return (this->*operation->second)(request, session);
+}
+
+Answer Control::get(const Json& request, Session&) {
+    return agent_.tree.get(text(request, "path"));
+}
+
+Answer Control::set(const Json& request, Session&) {
+    const std::string path = text(request, "path");
+    const Json& value = member(request, "value");
+    return change(path, [&](Tree& tree) { tree.set(path, value); });
+}
+
+Answer Control::del(const Json& request, Session&) {
+    const std::string path = text(request, "path");
+    return change(path, [&](Tree& tree) { tree.del(path); });
+}
+
+Answer Control::change(const std::string& path, const std::function<void(Tree&)>& make) {
+    Answer answer;
+    if (!agent_.manual && agent_.tree.parse(path).root->name == configName) {
+        const ConfigPtr afterwards = copyConfig(agent_.config);
+        Tree trial({Root::of(configName, *afterwards)});
+        make(trial);
+        try {
+            validateConfig(*afterwards);
+        } catch (const PlacedError& error) {
+            throw RequestError(std::string("/") + configName + error.what());
+        }
+        answer.warnings = configWarnings(*afterwards);
+    }
+    make(agent_.tree);
+    return answer;
+}
+
+std::vector<std::string> Control::load(ConfigPtr wanted) {
+    std::vector<std::string> warnings = configWarnings(*wanted);
+    applyConfig(agent_.config, std::move(wanted));
+    return warnings;
+}
+
+Answer Control::loadRequest(const Json& request, Session&) {
+    return warned(load(readConfig(member(request, "value"))));
+}
+
+Answer Control::check(const Json& request, Session&) {
+    return warned(configWarnings(*readConfig(member(request, "value"))));
+}
+
+Answer Control::show(const Json& request, Session&) {
+    return Json(agent_.show(text(request, "command")));
+}
+
+Answer Control::watch(const Json& request, Session& session) {
+    const Path path = agent_.tree.parse(text(request, "path"));
+    auto& watches = watches_[&session];
+    if (watches.size() == maxWatches)
+        throw RequestError("a client watches at most " + std::to_string(maxWatches) + " paths");
+    Json value = agent_.tree.get(path);
+    watches.push_back(std::make_unique<Watch>(
+        agent_.tree, path, [&session](const Json& event) { session.sendEvent(event); }));
+    return value;
+}
+
+Answer Control::trace(const Json& request, Session&) {
+    const auto last = request.find("last");
+    if (last != request.end() && !last->is_number_unsigned())
+        throw RequestError("last: expected a whole number");
+    return Json(Ringlog::last(last == request.end() ? 100 : last->get<size_t>()));
+}
+
+Answer Control::ping(const Json&, Session&) {
+    return Json{{"version", NAV_VERSION}, {"platform", agent_.platform}, {"pid", getpid()}};
+}
+
+}  // namespace Agent

@@ -1,0 +1,63 @@
+// The requests of the control socket, carried out on a running agent. On the event thread; outlives
+// the server that calls it.
+//
+// On platforms other than manual a change of /cliConfig is tried on a copy first, so that no single
+// request can bring the system to its limits.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/model/Config.h"
+#include "agent/model/Tree.h"
+#include "agent/model/Watch.h"
+#include "agent/shell/ControlServer.h"
+
+namespace Agent {
+
+// The agent that the requests act on.
+struct Controlled {
+    Tree& tree;
+    Nav::NavCliConfig& config;  // the running one
+    std::string platform;       // its name
+    bool manual;                // whether the platform leaves every input to the requests
+    // The library's answer to a show command, empty if it does not know the word.
+    std::function<std::string(const std::string& word)> show;
+};
+
+class Control final : public RequestHandler {
+  public:
+    // A session may watch this many paths.
+    static constexpr size_t maxWatches = 64;
+
+    explicit Control(Controlled agent);
+
+    Answer handle(const std::string& op, const Json& request, Session& session) override;
+    void sessionClosed(Session& session) override { watches_.erase(&session); }
+
+    // Makes the configuration the running one and returns the warnings about it.
+    std::vector<std::string> load(ConfigPtr wanted);
+
+  private:
+    Answer get(const Json& request, Session& session);
+    Answer set(const Json& request, Session& session);
+    Answer del(const Json& request, Session& session);
+    Answer loadRequest(const Json& request, Session& session);
+    Answer check(const Json& request, Session& session);
+    Answer show(const Json& request, Session& session);
+    Answer watch(const Json& request, Session& session);
+    Answer trace(const Json& request, Session& session);
+    Answer ping(const Json& request, Session& session);
+
+    Answer change(const std::string& path, const std::function<void(Tree&)>& make);
+    void handleNavConfigured();
+
+    const Controlled agent_;
+    std::map<Session*, std::vector<std::unique_ptr<Watch>>> watches_;
+    Vel::Subscription navConfigured_;
+};
+
+}  // namespace Agent

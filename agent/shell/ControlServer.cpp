@@ -1,0 +1,175 @@
+#include "agent/shell/ControlServer.h"
+
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <new>
+#include <optional>
+
+namespace Agent {
+
+namespace {
+
+// Requests of one client between two looks at the others.
+constexpr int batch = 32;
+
+std::string refusal(const std::string& reason) {
+    return dumpLine({{"ok", false}, {"error", reason}});
+}
+
+}  // namespace
+
+// One connection. Its callbacks end in advance(), the one place where it may be destroyed.
+class ControlServer::Client final : public Session {
+  public:
+    Client(ControlServer& server, int descriptor);
+
+    void sendEvent(const Json& event) override;
+    void send(const std::string& line);
+
+  private:
+    evbuffer* input() { return bufferevent_get_input(stream_.get()); }
+    evbuffer* output() { return bufferevent_get_output(stream_.get()); }
+    bool congested() { return evbuffer_get_length(output()) > server_.limits_.answerBytes; }
+    std::optional<std::string> takeLine();
+    void answerSome();
+    void advance();
+    void happened(short what);
+
+    ControlServer& server_;
+    std::unique_ptr<bufferevent, void (*)(bufferevent*)> stream_;
+    EventLoop::Watch again_;
+    bool atEnd_ = false;    // the client will send no more; what it sent is still answered
+    bool closing_ = false;  // nothing is taken or added any more; what is written is still sent
+};
+
+ControlServer::Client::Client(ControlServer& server, int descriptor)
+    : server_(server),
+      stream_(bufferevent_socket_new(server.loop_.base(), descriptor, BEV_OPT_CLOSE_ON_FREE),
+              bufferevent_free) {
+    if (!stream_) throw std::bad_alloc();
+    auto moved = [](bufferevent*, void* self) noexcept { static_cast<Client*>(self)->advance(); };
+    auto happened = [](bufferevent*, short what, void* self) noexcept {
+        static_cast<Client*>(self)->happened(what);
+    };
+    const Limits& limits = server.limits_;
+    const timeval stuck = toTimeval(limits.stuck);
+    bufferevent_setcb(stream_.get(), moved, moved, happened, this);
+    bufferevent_set_timeouts(stream_.get(), nullptr, &stuck);
+    bufferevent_setwatermark(stream_.get(), EV_READ, 0, limits.lineBytes + 1);
+    bufferevent_setwatermark(stream_.get(), EV_WRITE, limits.answerBytes / 2, 0);
+    bufferevent_enable(stream_.get(), EV_READ | EV_WRITE);
+}
+
+void ControlServer::Client::send(const std::string& line) {
+    evbuffer_add(output(), line.data(), line.size());
+    evbuffer_add(output(), "\n", 1);
+}
+
+void ControlServer::Client::sendEvent(const Json& event) {
+    if (closing_) return;
+    const std::string line = dumpLine(event);
+    if (evbuffer_get_length(output()) + line.size() <= server_.limits_.eventBytes) {
+        send(line);
+    } else {
+        closing_ = true;
+        send(R"({"event":"overrun"})");
+    }
+}
+
+// The next whole line; at the end of the stream also what stands there without a newline.
+std::optional<std::string> ControlServer::Client::takeLine() {
+    const evbuffer_ptr newline = evbuffer_search_eol(input(), nullptr, nullptr, EVBUFFER_EOL_LF);
+    const size_t held = evbuffer_get_length(input());
+    if (newline.pos < 0 && (!atEnd_ || held == 0)) return {};
+    std::string line(newline.pos < 0 ? held : static_cast<size_t>(newline.pos), '\0');
+    evbuffer_remove(input(), line.data(), line.size());
+    evbuffer_drain(input(), 1);
+    return line;
+}
+
+void ControlServer::Client::answerSome() {
+    for (int count = 0; count < batch && !closing_ && !congested(); ++count) {
+        const auto line = takeLine();
+        if (!line) {
+            closing_ = atEnd_;
+            if (evbuffer_get_length(input()) <= server_.limits_.lineBytes) return;
+            send(refusal("a request has at most " + std::to_string(server_.limits_.lineBytes) +
+                         " bytes"));
+            closing_ = true;
+            return;
+        }
+        const std::string answer = server_.answer(*line, *this);
+        if (!closing_) send(answer);
+    }
+    // Let the others have their turn; a congested client is called again when it has read.
+    if (!closing_ && !congested()) {
+        again_ = server_.loop_.onTimer(std::chrono::nanoseconds{0}, [this] { advance(); });
+    }
+}
+
+void ControlServer::Client::advance() {
+    answerSome();
+    if (closing_ && evbuffer_get_length(output()) == 0) return server_.close(*this);
+    const bool take = !closing_ && !atEnd_ && !congested();
+    (take ? bufferevent_enable : bufferevent_disable)(stream_.get(), EV_READ);
+}
+
+void ControlServer::Client::happened(short what) {
+    if ((what & (BEV_EVENT_ERROR | BEV_EVENT_TIMEOUT)) != 0) return server_.close(*this);
+    atEnd_ = true;
+    advance();
+}
+
+ControlServer::ControlServer(EventLoop& loop, std::string path, RequestHandler& handler,
+                             Limits limits)
+    : loop_(loop),
+      handler_(handler),
+      limits_(limits),
+      listener_(loop, std::move(path), [this](int descriptor) { accepted(descriptor); }) {}
+
+ControlServer::~ControlServer() {
+    while (!clients_.empty()) close(*clients_.front());
+}
+
+void ControlServer::accepted(int descriptor) {
+    if (clients_.size() < limits_.clients) {
+        clients_.push_back(std::make_unique<Client>(*this, descriptor));
+        return;
+    }
+    // Fits the empty send buffer of a new connection; who does not read it is none the worse.
+    const std::string line = refusal("too many clients") + "\n";
+    ::send(descriptor, line.data(), line.size(), MSG_NOSIGNAL);
+    ::close(descriptor);
+}
+
+void ControlServer::close(Client& client) {
+    handler_.sessionClosed(client);
+    std::erase_if(clients_, [&](const auto& each) { return each.get() == &client; });
+}
+
+std::string ControlServer::answer(const std::string& line, Client& client) {
+    Json reply = Json::object();
+    try {
+        const Json request = parseJson(line);
+        if (!request.is_object()) throw RequestError("a request is an object");
+        if (const auto id = request.find("id"); id != request.end()) reply["id"] = *id;
+        const auto op = request.find("op");
+        if (op == request.end() || !op->is_string()) throw RequestError("op: a word is needed");
+        loop_.settle();
+        Answer answer = handler_.handle(*op, request, client);
+        // The value that a watch begins with is older than what happens from here on.
+        if (*op != "watch") loop_.settle();
+        reply["ok"] = true;
+        reply["value"] = std::move(answer.value);
+        if (!answer.warnings.empty()) reply["warnings"] = std::move(answer.warnings);
+    } catch (const std::exception& error) {
+        reply["ok"] = false;
+        reply["error"] = error.what();
+    }
+    return dumpLine(reply);
+}
+
+}  // namespace Agent

@@ -1,0 +1,36 @@
+// A listening Unix socket, for the owner of the run directory: made with mode 0600, a stale one of
+// a crashed agent removed first, removed again when this goes.
+#pragma once
+
+#include <event2/listener.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "agent/shell/EventLoop.h"
+
+namespace Agent {
+
+class Listener {
+  public:
+    // The callback owns the descriptor that it gets: connected, non-blocking, closed on exec.
+    using Accepted = std::function<void(int descriptor)>;
+
+    // RunDirError if the socket cannot be made.
+    Listener(EventLoop& loop, std::string path, Accepted accepted);
+    ~Listener();
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+  private:
+    void pause();
+
+    EventLoop& loop_;
+    std::string path_;
+    Accepted accepted_;
+    std::unique_ptr<evconnlistener, void (*)(evconnlistener*)> listener_;
+    EventLoop::Watch resume_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,71 @@
+// The client side of the agent's two sockets. Blocking: navctl does one thing at a time.
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "agent/base/Json.h"
+
+namespace Client {
+
+using Agent::Json;
+
+// Nobody answers in the run directory, or the agent went away.
+class NoAgent : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// The agent refused a request; what() is its reason.
+class Refused : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// A connected socket of the run directory, read by lines or to its end.
+class Connection {
+  public:
+    Connection(const std::string& runDir, const char* socketName);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    // An agent that says nothing for this long counts as gone; without it, reading waits for ever.
+    void patienceIs(int seconds);
+    void sendLine(const std::string& line);
+    // The next line without its newline; nothing at the end of the stream.
+    std::optional<std::string> readLine();
+    // Whether the next line has been received whole.
+    bool hasLine() const { return buffer_.find('\n') != buffer_.npos; }
+    int descriptor() const { return descriptor_; }
+    // All that comes before the end of the stream.
+    std::string readAll();
+
+  private:
+    bool fill();
+
+    int descriptor_;
+    std::string buffer_;
+    size_t searched_ = 0;  // no newline before this place of the buffer
+};
+
+// Requests over control.sock, one at a time.
+class ControlClient {
+  public:
+    explicit ControlClient(const std::string& runDir);
+
+    // The whole answer to a request; Refused if it is not ok.
+    Json request(const Json& request);
+    // The value at a path of the tree.
+    Json get(const std::string& path);
+    Connection& connection() { return connection_; }
+
+  private:
+    Connection connection_;
+};
+
+// What the agent answers to a word on command.sock, untouched.
+std::string showText(const std::string& runDir, const std::string& word);
+
+}  // namespace Client
