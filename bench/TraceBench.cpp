@@ -1,4 +1,4 @@
-// Trace sites that are off, a handler's entry with its stamp, a decision.
+// Trace sites that are off, a record that takes the time of an event, a decision within one.
 #include <cstdio>
 #include <memory>
 
@@ -37,10 +37,12 @@ void nothing(benchmark::State& state, int level) {
     trace(state, level, [](U32 index) { benchmark::DoNotOptimize(index); });
 }
 void decision(benchmark::State& state, int level) {
+    Ringlog::beginEvent();
     trace(state, level, [](U32 index) {
         benchmark::DoNotOptimize(index);
         DUOLOG(benchTrace, 7, "Adding pathIndex: ", index, " to site");
     });
+    Ringlog::endEvent();
 }
 void entry(benchmark::State& state, int level) {
     trace(state, level, [](U32 index) {
@@ -49,7 +51,7 @@ void entry(benchmark::State& state, int level) {
     });
 }
 void stamp(benchmark::State& state, int level) {
-    trace(state, level, [](U32) { benchmark::DoNotOptimize(Ringlog::ticks()); });
+    trace(state, level, [](U32) { benchmark::DoNotOptimize(Ringlog::takeTime()); });
 }
 
 // What a decision writes at the least: a constant, a time, an argument.

@@ -11,8 +11,8 @@ namespace {
 constinit Facility* firstFacility = nullptr;
 constinit int levelOfNewFacilities = Facility::defaultLevel;
 
-std::function<void(std::string_view)>& sink() {
-    static std::function<void(std::string_view)> instance;
+std::function<void(const Ringlog::Line&)>& sink() {
+    static std::function<void(const Ringlog::Line&)> instance;
     return instance;
 }
 constinit std::vector<std::string>* capture = nullptr;
@@ -47,16 +47,16 @@ std::vector<std::pair<std::string_view, int>> facilities() {
     return result;
 }
 
-void textSinkIs(std::function<void(std::string_view)> newSink) {
+void textSinkIs(std::function<void(const Ringlog::Line&)> newSink) {
     sink() = std::move(newSink);
     updateDelivers();
 }
 
 void textSinkIs(int fd) {
     if (fd < 0) return textSinkIs(nullptr);
-    textSinkIs([fd](std::string_view line) {
-        const std::string text = std::string(line) + '\n';
-        // A trace that cannot be written is lost; the ring still has it.
+    textSinkIs([fd](const Ringlog::Line& record) {
+        const std::string text = record.line + '\n';
+        // A line that cannot be written is lost; the ring still has the record.
         [[maybe_unused]] const ssize_t written = write(fd, text.data(), text.size());
     });
 }
@@ -67,11 +67,13 @@ void captureIs(std::vector<std::string>* texts) {
 }
 
 void deliver() {
-    Ringlog::state.delivers = false;  // what sinks and formatters trace goes to the ring only
+    struct RingOnly {
+        RingOnly() { Ringlog::state.delivers = false; }
+        ~RingOnly() { updateDelivers(); }
+    } const ringOnly;
     const Ringlog::Line newest = Ringlog::newest();
-    if (capture) capture->push_back(newest.line.substr(newest.textOffset));
-    if (const auto current = sink()) current(newest.line);
-    updateDelivers();
+    if (capture) capture->emplace_back(newest.text());
+    if (const auto current = sink()) current(newest);
 }
 
 }  // namespace Duolog

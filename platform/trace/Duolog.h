@@ -4,21 +4,22 @@
 //     DUOLOG(pathTrace, 7, "Adding pathIndex: ", index, " to site ", siteGroupKey);
 //     DUOLOG_ENTRY(pathTrace);        // in a handler, first: the function's name, level 8
 //
-// The text is all of them, one after the other, as an ostream would have it; small integers are
+// The text is all of them one after the other, as an ostream would write them; small integers are
 // numbers. The level is tested first, and the values are evaluated only when the site is on.
-// Records go to the ring (Ringlog.h) and, while there is one, to the text sink and the capture.
+// Records go to the ring (Ringlog.h, which also says what time a record has) and, if set, to the
+// text sink and the capture. The function that traces is shown with each record.
 //
 // How a value is recorded:
-//   - strings, and whatever has str() giving one: up to maxString bytes are copied;
-//   - what TraceArg is specialised for: as what it gives;
-//   - trivially copyable values: their bytes, of which stringValue() or operator<< makes the text
-//     when the trace is read, so such a value must not point at anything shorter-lived;
-//   - anything else: its text, made at the call, up to maxRendered bytes.
-// What is cut off shows as an ellipsis.
+//   - strings and arrays of characters, and whatever has str() giving a string: up to maxString
+//     bytes are copied;
+//   - trivially copyable values: their bytes. stringValue() or operator<< makes the text when the
+//     trace is read, so such a value must not point at anything that lives shorter;
+//   - anything else: its text, made at the call, up to maxRendered bytes. If that throws, the
+//   record
+//     is dropped and counted.
+// An ellipsis stands for what is cut off; a UTF-8 character is kept whole or cut off whole.
 //
-// Stamps: a handler's entry takes the time from level 7 on, and decisions (levels 7 and up) carry
-// the newest stamp; sites below level 7 are rare and take their own. One thread, the event thread,
-// traces.
+// One thread, the event thread, traces. Template commas in arguments need parentheses.
 #pragma once
 
 #include <algorithm>
@@ -30,6 +31,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "platform/Export.h"
@@ -40,21 +42,16 @@ namespace Duolog {
 
 inline constexpr size_t maxString = 128;
 inline constexpr size_t maxRendered = 512;
-inline constexpr int decisionLevel = 7;
 inline constexpr int entryLevel = 8;
 
-// Specialise with `static X of(const T&)` where X is recorded well and has the text of T, e.g. a
-// trivially copyable snapshot of a struct that holds strings.
-template <class T>
-struct TraceArg;
-
-// Receives each line as it comes, without a line end. An empty function switches text off. What a
-// sink itself traces reaches the ring only.
-VEL_EXPORT void textSinkIs(std::function<void(std::string_view line)> sink);
-// The same, onto a file descriptor; a negative one switches text off.
+// Receives each record as it comes. An empty function switches text off. What a sink itself traces
+// reaches the ring only.
+VEL_EXPORT void textSinkIs(std::function<void(const Ringlog::Line&)> sink);
+// Writes the lines to a file descriptor; a negative one switches text off.
 VEL_EXPORT void textSinkIs(int fd);
 
-// Appends the bare text of each record (no time, no facility) while set; null ends it. For tests.
+// Appends the bare text of each record (no time, facility, function or place) while set; null ends
+// it. For tests.
 VEL_EXPORT void captureIs(std::vector<std::string>* texts);
 
 // Gives the newest record to sink and capture.
@@ -69,10 +66,6 @@ concept HasStr = requires(const T& value) {
     { value.str() } -> std::convertible_to<std::string_view>;
 };
 template <class T>
-concept HasTraceArg = requires(const T& value) {
-    TraceArg<T>::of(value);
-};
-template <class T>
 concept HasStringValue = requires(const T& value) {
     { value.stringValue() } -> std::convertible_to<std::string_view>;
 };
@@ -81,28 +74,66 @@ concept Streamable = requires(std::ostream& out, const T& value) {
     out << value;
 };
 
-// A phrase is an array of constant characters and stays where it is; only its address is kept.
-template <class T>
-inline constexpr bool isPhrase = false;
-template <size_t n>
-inline constexpr bool isPhrase<const char (&)[n]> = true;
+// Which arguments of a call site are phrases, read off their spelling: the type of a literal is
+// that of any array of constant characters, which may live shorter than the record.
+struct Spelling {
+    size_t count = 0;      // arguments
+    uint32_t phrases = 0;  // a bit per argument, the first one lowest
+};
+constexpr bool isWordCharacter(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+consteval Spelling spellingOf(std::string_view args) {
+    Spelling result;
+    int depth = 0;
+    bool atBegin = true;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const char c = args[i];
+        if (c == ' ') continue;
+        if (std::exchange(atBegin, false)) {
+            const std::string_view rest = args.substr(i);
+            if (c == '"' || rest.starts_with("__func__") || rest.starts_with("__PRETTY_FUNCTION__"))
+                result.phrases |= uint32_t{1} << result.count;
+            ++result.count;
+        }
+        if (c == '"' || (c == '\'' && !isWordCharacter(args[i - 1]))) {
+            while (args[++i] != c)
+                if (args[i] == '\\') ++i;
+        } else if (c == '(' || c == '[' || c == '{') {
+            ++depth;
+        } else if (c == ')' || c == ']' || c == '}') {
+            --depth;
+        } else if (c == ',' && depth == 0) {
+            atBegin = true;
+        }
+    }
+    return result;
+}
 
-// How arguments reach the recorder: what fits into registers by value, else by reference. A buffer
-// of characters is a string, not a phrase.
-template <class T>
+// A phrase stays where it is: the site keeps its address, a record nothing.
+struct Phrase {
+    const char* text;
+};
+
+// How arguments reach the recorder: phrases and characters as what they are, other values that fit
+// into registers by value, else by reference.
+template <bool isPhrase, class T>
 struct PassedAs {
     using Value = std::remove_cv_t<T>;
     using Type = std::conditional_t<std::is_trivially_copyable_v<Value> &&
                                         sizeof(Value) <= 2 * sizeof(void*),
                                     Value, const Value&>;
+    static const T& pass(const T& value) { return value; }
 };
 template <size_t n>
-struct PassedAs<const char[n]> {
-    using Type = const char (&)[n];
+struct PassedAs<true, char[n]> {
+    using Type = Phrase;
+    static Phrase pass(const char (&text)[n]) { return {text}; }
 };
 template <size_t n>
-struct PassedAs<char[n]> {
-    using Type = const char*;
+struct PassedAs<false, char[n]> {
+    using Type = std::string_view;
+    static std::string_view pass(const char (&text)[n]) { return {text, strnlen(text, n)}; }
 };
 
 template <class T>
@@ -123,8 +154,9 @@ void renderValue(const T& value, std::string& out) {
     }
 }
 
-// The two encodings in the ring: a text as its full length and as much of it as is kept, and the
-// bytes of a value. Each has its bound at compile time.
+// The encodings in the ring: a text as its full length and as much of it as is kept, the bytes of a
+// value, nothing of a phrase. Each has its bound at compile time, and says whether writing it may
+// run code outside this facility, which might trace.
 template <size_t bound>
 struct Text {
     static constexpr size_t maxSize = sizeof(uint16_t) + bound;
@@ -136,50 +168,36 @@ struct Text {
         if (kept) std::memcpy(out + sizeof length, text.data(), kept);
         return out + sizeof length + kept;
     }
-    static void render(const uint8_t*& in, std::string& out) {
+    static void render(const uint8_t*& in, const char*, std::string& out) {
         uint16_t length;
         std::memcpy(&length, in, sizeof length);
         const size_t kept = std::min<size_t>(length, bound);
+        const size_t begin = out.size();
         out.append(reinterpret_cast<const char*>(in + sizeof length), kept);
-        if (length > bound) out += "…";
+        if (length > bound) {
+            Ringlog::dropCutCharacter(out, begin);
+            out += "…";
+        }
         in += sizeof length + kept;
     }
 };
 
+// Any value without a better encoding: its text, made at the call.
 template <class T>
-struct Bytes {
-    static constexpr size_t maxSize = sizeof(T);
+struct Piece : Text<maxRendered> {
+    static constexpr bool callsOut = true;
 
-    static uint8_t* put(const T& value, uint8_t* out) {
-        std::memcpy(out, &value, sizeof(T));
-        return out + sizeof(T);
-    }
-    static void render(const uint8_t*& in, std::string& out) {
-        alignas(T) std::byte copy[sizeof(T)];
-        std::memcpy(copy, in, sizeof(T));
-        renderValue(*reinterpret_cast<const T*>(copy), out);
-        in += sizeof(T);
-    }
-};
-
-// The codec of a value type.
-template <class T>
-struct Codec : Text<maxRendered> {
     static uint8_t* put(const T& value, uint8_t* out) {
         std::string text;
         renderValue(value, text);
         return Text<maxRendered>::put(text, out);
     }
 };
-template <HasTraceArg T>
-struct Codec<T> : Codec<std::remove_cvref_t<decltype(TraceArg<T>::of(std::declval<const T&>()))>> {
-    using Recorded = std::remove_cvref_t<decltype(TraceArg<T>::of(std::declval<const T&>()))>;
-    static uint8_t* put(const T& value, uint8_t* out) {
-        return Codec<Recorded>::put(TraceArg<T>::of(value), out);
-    }
-};
 template <class T>
-requires(!HasTraceArg<T> && (String<T> || HasStr<T>)) struct Codec<T> : Text<maxString> {
+requires(String<T> || HasStr<T>) struct Piece<T> : Text<maxString> {
+    static constexpr bool callsOut = !std::is_same_v<T, std::string> &&
+                                     !std::is_same_v<T, std::string_view> && !std::is_pointer_v<T>;
+
     static uint8_t* put(const T& value, uint8_t* out) {
         if constexpr (std::is_pointer_v<T>) {
             return Text<maxString>::put(value ? value : "(null)", out);
@@ -191,38 +209,64 @@ requires(!HasTraceArg<T> && (String<T> || HasStr<T>)) struct Codec<T> : Text<max
     }
 };
 template <class T>
-requires(!HasTraceArg<T> && !String<T> && !HasStr<T> &&
-         std::is_trivially_copyable_v<T>) struct Codec<T> : Bytes<T> {
-};
+requires(!String<T> && !HasStr<T> && std::is_trivially_copyable_v<T>) struct Piece<T> {
+    static constexpr bool callsOut = false;
+    static constexpr size_t maxSize = sizeof(T);
 
-// A phrase takes no room in the ring.
-template <class T>
-struct Piece : Codec<std::remove_cvref_t<T>> {};
-template <class T>
-requires isPhrase<T>
-struct Piece<T> {
-    static constexpr size_t maxSize = 0;
-    static uint8_t* put(T, uint8_t* out) { return out; }
+    static uint8_t* put(const T& value, uint8_t* out) {
+        std::memcpy(out, &value, sizeof(T));
+        return out + sizeof(T);
+    }
+    static void render(const uint8_t*& in, const char*, std::string& out) {
+        alignas(T) std::byte copy[sizeof(T)];
+        std::memcpy(copy, in, sizeof(T));
+        in += sizeof(T);
+        renderValue(*reinterpret_cast<const T*>(copy), out);
+    }
 };
+template <>
+struct Piece<Phrase> {
+    static constexpr bool callsOut = false;
+    static constexpr size_t maxSize = 0;
+
+    static uint8_t* put(Phrase, uint8_t* out) { return out; }
+    static void render(const uint8_t*&, const char* phrase, std::string& out) { out += phrase; }
+};
+template <class T>
+using PieceOf = Piece<std::remove_cvref_t<T>>;
 
 template <class... Args>
 void render(const Ringlog::Site& site, const uint8_t* in, std::string& out) {
-    [[maybe_unused]] auto renderPiece = [&]<class Arg>(const char* phrase) {
-        if constexpr (isPhrase<Arg>) {
-            out += phrase;
-        } else {
-            Piece<Arg>::render(in, out);
-        }
-    };
     size_t index = 0;
-    (renderPiece.template operator()<Args>(site.phrases[index++]), ...);
+    [[maybe_unused]] const auto renderPiece = [&]<class P>(P*) {
+        const size_t begin = out.size();
+        P::render(in, site.phrases[index++], out);
+        Ringlog::escape(out, begin);
+    };
+    (renderPiece(static_cast<PieceOf<Args>*>(nullptr)), ...);
 }
 
-template <class Arg>
-const char* phraseOf([[maybe_unused]] const std::remove_reference_t<Arg>& arg) {
-    if constexpr (isPhrase<Arg>) {
-        return arg;
-    } else {
+template <class T>
+const char* phraseOf([[maybe_unused]] const T& arg) {
+    if constexpr (std::is_same_v<T, Phrase>)
+        return arg.text;
+    else
+        return nullptr;
+}
+
+template <class... Args>
+uint8_t* putAll(uint8_t* out, const Args&... args) {
+    ((out = PieceOf<Args>::put(args, out)), ...);
+    return out;
+}
+// While the arguments are written by code of others: what that traces is dropped, what it throws
+// drops the record itself.
+template <class... Args>
+uint8_t* putGuarded(uint8_t* out, const Args&... args) {
+    const Ringlog::Busy busy;
+    try {
+        return putAll<Args...>(out, args...);
+    } catch (...) {
         return nullptr;
     }
 }
@@ -232,51 +276,57 @@ const char* phraseOf([[maybe_unused]] const std::remove_reference_t<Arg>& arg) {
 template <class... Args>
 [[gnu::noinline]] void record(Ringlog::Site& site, Args... args) {
     static_assert(sizeof...(Args) <= Ringlog::maxPieces);
-    static_assert((sizeof(Ringlog::Header) + ... + Piece<Args>::maxSize) <= Ringlog::maxRecord,
+    static_assert((sizeof(Ringlog::Header) + ... + PieceOf<Args>::maxSize) <= Ringlog::maxRecord,
                   "too much for one trace record");
+    if (Ringlog::state.busy) [[unlikely]] {
+        ++Ringlog::state.dropped;
+        return;
+    }
     if (!site.render) [[unlikely]] {
+        site.phrases = {phraseOf(args)...};
         site.render = render<Args...>;
-        site.phrases = {phraseOf<Args>(args)...};
     }
     uint8_t* const at = Ringlog::recordBegin();
     uint8_t* end = at + sizeof(Ringlog::Header);
-    ((end = Piece<Args>::put(args, end)), ...);
+    if constexpr ((PieceOf<Args>::callsOut || ...)) {
+        end = putGuarded<Args...>(end, args...);
+        if (!end) {
+            ++Ringlog::state.dropped;
+            return;
+        }
+    } else {
+        end = putAll<Args...>(end, args...);
+    }
     Ringlog::commit(site, at, end);
     if (Ringlog::state.delivers) [[unlikely]]
         deliver();
 }
 
-inline void stamp() {
-    Ringlog::state.stamp = Ringlog::ticks();
-}
-
-template <class... Args>
-void recordPassed(Ringlog::Site& site, Args&&... args) {
-    record<typename PassedAs<std::remove_reference_t<Args>>::Type...>(site, args...);
+template <Spelling spelling, class... Args>
+void recordPassed(Ringlog::Site& site, const Args&... args) {
+    static_assert(spelling.count == sizeof...(Args), "put template commas into parentheses");
+    [&]<size_t... i>(std::index_sequence<i...>) {
+        record<typename PassedAs<(spelling.phrases >> i & 1) != 0, Args>::Type...>(
+            site, PassedAs<(spelling.phrases >> i & 1) != 0, Args>::pass(args)...);
+    }
+    (std::index_sequence_for<Args...>());
 }
 
 }  // namespace Detail
 }  // namespace Duolog
 
-#define DUOLOG_RECORD_(facility, siteLevel, ...)                                          \
-    static constinit ::Ringlog::Site duologSite{facility, __FILE__, __LINE__, siteLevel}; \
-    ::Duolog::Detail::recordPassed(duologSite, __VA_ARGS__)
+#define DUOLOG_RECORD_(facility, siteLevel, ...)                                           \
+    static constinit ::Ringlog::Site duologSite{facility, __func__, __FILE__, __LINE__,    \
+                                                siteLevel};                                \
+    ::Duolog::Detail::recordPassed<::Duolog::Detail::spellingOf(#__VA_ARGS__)>(duologSite, \
+                                                                               __VA_ARGS__)
 
-#define DUOLOG(facility, siteLevel, ...)                                                    \
-    do {                                                                                    \
-        if (__builtin_expect((facility).isOn(siteLevel), false)) {                          \
-            if constexpr ((siteLevel) < ::Duolog::decisionLevel) ::Duolog::Detail::stamp(); \
-            DUOLOG_RECORD_(facility, siteLevel, __VA_ARGS__);                               \
-        }                                                                                   \
+#define DUOLOG(facility, siteLevel, ...)                           \
+    do {                                                           \
+        if (__builtin_expect((facility).isOn(siteLevel), false)) { \
+            DUOLOG_RECORD_(facility, siteLevel, __VA_ARGS__);      \
+        }                                                          \
     } while (false)
 
-#define DUOLOG_ENTRY(facility, ...)                                              \
-    do {                                                                         \
-        if (__builtin_expect((facility).isOn(::Duolog::decisionLevel), false)) { \
-            ::Duolog::Detail::stamp();                                           \
-            if ((facility).isOn(::Duolog::entryLevel)) {                         \
-                DUOLOG_RECORD_(facility, ::Duolog::entryLevel,                   \
-                               __func__ __VA_OPT__(, ) __VA_ARGS__);             \
-            }                                                                    \
-        }                                                                        \
-    } while (false)
+#define DUOLOG_ENTRY(facility, ...) \
+    DUOLOG(facility, ::Duolog::entryLevel, __func__ __VA_OPT__(, ) __VA_ARGS__)

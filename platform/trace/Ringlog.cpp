@@ -6,53 +6,38 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <string_view>
+
+#include "platform/netz/Assert.h"
 
 namespace Ringlog {
 namespace {
 
 alignas(64) uint8_t memory[capacity + maxRecord];
 
-int64_t nanoseconds(clockid_t clock) {
-    timespec now;
-    clock_gettime(clock, &now);
-    return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
-}
-
-struct Anchor {
-    uint64_t stamp = ticks();
-    int64_t monotonic = nanoseconds(CLOCK_MONOTONIC);
-};
-
-// Taken when the library is loaded, before anything can be traced. Every stamp lies between this
-// and the time of reading, so interpolation is as exact as the two anchors and the rate is never
-// needed.
-const Anchor loaded;
-
-// Turns stamps into wall-clock time as the wall clock is now, whatever steps it has made.
-class WallClock {
+// While one exists no record is made, and an assertion that fails ends the rendering of a value
+// instead of the process.
+class Reading {
   public:
-    int64_t nanosecondsAt(uint64_t stamp) const {
-        const double share = static_cast<double>(static_cast<int64_t>(stamp - loaded.stamp)) /
-                             static_cast<double>(std::max<uint64_t>(now_.stamp - loaded.stamp, 1));
-        const auto elapsed = static_cast<double>(now_.monotonic - loaded.monotonic);
-        return loaded.monotonic + static_cast<int64_t>(share * elapsed) + wallMinusMonotonic_;
-    }
+    Reading() : before_(Vel::assertHandlerIs(unreadable)) {}
+    ~Reading() { Vel::assertHandlerIs(before_); }
 
   private:
-    Anchor now_;
-    int64_t wallMinusMonotonic_ = nanoseconds(CLOCK_REALTIME) - now_.monotonic;
+    [[noreturn]] static void unreadable(const char* text, const char*, int) { throw text; }
+
+    Busy busy_;
+    Vel::AssertHandler before_;
 };
 
-void appendTime(int64_t wall, std::string& out) {
-    const time_t seconds = wall / 1000000000;
+void appendTime(int64_t time, std::string& out) {
+    const time_t seconds = time / 1000000000;
     tm local;
     localtime_r(&seconds, &local);
     char text[40];
-    out.append(text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S.", &local));
-    const auto micros = static_cast<unsigned>(wall / 1000 % 1000000);
+    out.append(text, strftime(text, sizeof text, "%FT%T.", &local));
+    const auto micros = static_cast<unsigned>(time / 1000 % 1000000);
     char* end = std::to_chars(text, std::end(text), micros + 1000000).ptr;
     out.append(text + 1, end);
+    out.append(text, strftime(text, sizeof text, "%z", &local));
 }
 
 Header headerAt(uint64_t position) {
@@ -61,17 +46,33 @@ Header headerAt(uint64_t position) {
     return header;
 }
 
-Line lineAt(uint64_t position, const WallClock& clock) {
+std::string textAt(uint64_t position, const Site& site) {
+    std::string text;
+    try {
+        site.render(site, memory + position % capacity + sizeof(Header), text);
+    } catch (...) {
+        escape(text, 0);
+        text += "(unreadable)";
+    }
+    return text;
+}
+
+Line lineAt(uint64_t position) {
     const Header header = headerAt(position);
+    const Site& site = *header.site;
+    const std::string text = textAt(position, site);
     Line result;
-    appendTime(clock.nanosecondsAt(header.stamp), result.line);
-    result.line += ' ';
-    result.line += header.site->facility.name();
-    result.line += ':';
-    result.line += std::to_string(header.site->level);
-    result.line += ' ';
-    result.textOffset = result.line.size();
-    header.site->render(*header.site, memory + position % capacity + sizeof(Header), result.line);
+    std::string& line = result.line;
+    appendTime(header.time, line);
+    line.append(" ").append(site.facility.name()).append(":") += std::to_string(site.level);
+    line += ' ';
+    if (!text.starts_with(site.function)) line.append(site.function).append(": ");
+    result.textOffset = line.size();
+    result.textLength = text.size();
+    result.level = site.level;
+    const std::string_view file = site.file;
+    line.append(text).append(" (").append(file.substr(file.rfind('/') + 1)).append(":");
+    line.append(std::to_string(site.line)).append(")");
     return result;
 }
 
@@ -88,35 +89,95 @@ std::vector<uint64_t> positions(size_t count) {
     return result;
 }
 
+bool writeAll(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(fd, text.data(), text.size());
+        if (written <= 0) return false;
+        text.remove_prefix(static_cast<size_t>(written));
+    }
+    return true;
+}
+
+// The length of the UTF-8 sequence that a lead byte announces; 0 for a byte that leads none.
+size_t sequenceLength(unsigned char lead) {
+    if (lead < 0x80) return 1;
+    if (lead >= 0xC2 && lead <= 0xDF) return 2;
+    if (lead >= 0xE0 && lead <= 0xEF) return 3;
+    if (lead >= 0xF0 && lead <= 0xF4) return 4;
+    return 0;
+}
+bool continues(char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+}
+
+// How many bytes at the front of the text are one printable character; 0 if they are none.
+size_t printable(std::string_view text) {
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const size_t length = sequenceLength(byte(0));
+    if (length == 0 || length > text.size()) return 0;
+    if (length == 1) return byte(0) >= 0x20 && byte(0) != 0x7F ? 1 : 0;
+    for (size_t i = 1; i < length; ++i)
+        if (!continues(text[i])) return 0;
+    const bool control = byte(0) == 0xC2 && byte(1) < 0xA0;
+    const bool overlong =
+        (byte(0) == 0xE0 && byte(1) < 0xA0) || (byte(0) == 0xF0 && byte(1) < 0x90);
+    const bool noCharacter =
+        (byte(0) == 0xED && byte(1) > 0x9F) || (byte(0) == 0xF4 && byte(1) > 0x8F);
+    return control || overlong || noCharacter ? 0 : length;
+}
+
 }  // namespace
 
 constinit State state{.memory = memory};
 
+int64_t takeTime() {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const int64_t time = now.tv_sec * int64_t{1000000000} + now.tv_nsec;
+    if (state.eventTime != noEvent) state.eventTime = time;
+    return time;
+}
+
 std::vector<std::string> last(size_t count) {
-    const WallClock clock;
+    const Reading reading;
     std::vector<std::string> result;
-    for (const uint64_t at : positions(count)) result.push_back(lineAt(at, clock).line);
+    for (const uint64_t at : positions(count)) result.push_back(lineAt(at).line);
     return result;
 }
 
 Line newest() {
-    return lineAt(state.head - state.lastSize, WallClock());
+    const Reading reading;
+    return lineAt(state.head - state.lastSize);
 }
 
 void dump(int fd) {
-    const WallClock clock;
-    for (const uint64_t at : positions(capacity)) {
-        const Site& site = *headerAt(at).site;
-        const std::string_view file = site.file;
-        std::string line = lineAt(at, clock).line + " (";
-        line += file.substr(file.rfind('/') + 1);
-        line += ':' + std::to_string(site.line) + ")\n";
-        for (size_t done = 0; done < line.size();) {
-            const ssize_t written = write(fd, line.data() + done, line.size() - done);
-            if (written <= 0) return;  // nobody to tell
-            done += static_cast<size_t>(written);
+    const Reading reading;
+    for (const uint64_t at : positions(capacity))
+        if (!writeAll(fd, lineAt(at).line + "\n")) return;
+    if (state.dropped) writeAll(fd, std::to_string(state.dropped) + " records were dropped\n");
+}
+
+void escape(std::string& text, size_t begin) {
+    for (size_t at = begin; at < text.size();) {
+        if (const size_t length = printable(std::string_view(text).substr(at))) {
+            at += length;
+            continue;
         }
+        constexpr char digits[] = "0123456789abcdef";
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const char escaped[] = {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+        text.replace(at, 1, escaped, sizeof escaped);
+        at += sizeof escaped;
     }
+}
+
+void dropCutCharacter(std::string& text, size_t begin) {
+    size_t lead = text.size();
+    while (lead > begin && lead + 4 > text.size() && continues(text[lead - 1])) --lead;
+    if (lead == begin) return;
+    --lead;
+    if (sequenceLength(static_cast<unsigned char>(text[lead])) > text.size() - lead)
+        text.resize(lead);
 }
 
 }  // namespace Ringlog

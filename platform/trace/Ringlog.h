@@ -1,14 +1,17 @@
 // The process-wide ring of trace records. It holds the newest megabyte of records; older ones are
-// overwritten. What a call site writes is binary: the site's address, a time stamp and copies of
+// overwritten. A call site writes binary: the address of its constant part, the time, and copies of
 // the arguments' bytes. Text is made only when somebody reads.
 //
 // There is one ring, in libVel, for the one event thread: only that thread may write or read it,
-// and none of it is for signal handlers. Call sites do not use this header but Duolog.h.
+// and no function here is for signal handlers. Call sites use Duolog.h instead of this header.
 //
-// Records lie back to back, 8-byte aligned, at positions that only grow; position p is at
-// memory[p % capacity]. Behind the ring there is room for one more record, so that none is ever
-// split. Each knows the size of the one before it, which is how the reader walks back from the
-// head.
+// What always holds:
+// - A record made while another record's arguments are rendered, or while the ring is read, is
+//   dropped and counted. So a reader sees whole records only.
+// - All records of one event, that is of one outermost notification, carry the time of its first
+//   record; outside a notification each record takes its own time. A record keeps its time.
+// - Reading never fails because of what a record holds: a value that cannot be rendered is shown as
+//   "(unreadable)", also when rendering it breaks an assertion.
 #pragma once
 
 #include <array>
@@ -16,14 +19,12 @@
 #include <cstdint>
 #include <new>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/Export.h"
 #include "platform/trace/Facility.h"
-
-#if !defined(__x86_64__) && !defined(__aarch64__)
-#include <ctime>
-#endif
 
 namespace Ringlog {
 
@@ -31,10 +32,11 @@ inline constexpr size_t capacity = size_t{1} << 20;
 inline constexpr size_t maxRecord = 2048;  // bytes, header included
 inline constexpr size_t maxPieces = 16;    // phrases and values of one call site
 
-// The constant part of all records of one call site. What depends on the argument types and the
-// phrases is filled in when the site is first on.
+// The constant part of all records of one call site. `render` and `phrases` depend on the types of
+// the arguments and are filled in by the first record.
 struct Site {
     const Duolog::Facility& facility;
+    const char* function;
     const char* file;
     int line;
     int level;
@@ -42,37 +44,52 @@ struct Site {
     std::array<const char*, maxPieces> phrases{};
 };
 
+// What a record begins with; its arguments follow. Records lie back to back at positions that only
+// grow; position p is at memory[p % capacity].
 struct Header {
     const Site* site;
-    uint64_t stamp;
-    uint32_t size;
-    uint32_t previousSize;  // 0 in the first record of the process
+    int64_t time;           // nanoseconds since 1970 (CLOCK_REALTIME)
+    uint32_t size;          // of the record, a multiple of 8
+    uint32_t previousSize;  // of the record before it; 0 in the first record of the process
 };
 static_assert(sizeof(Header) == 24 && maxRecord % 8 == 0);
 
+inline constexpr int64_t noEvent = 0;          // a record takes its own time
+inline constexpr int64_t eventWithNoTime = 1;  // the next record takes the time for the whole event
+
 struct State {
-    uint8_t* memory;
-    uint64_t head = 0;      // position of the next record
-    uint64_t stamp = 0;     // of the newest stamped record
-    uint32_t lastSize = 0;  // of the newest record
-    bool delivers = false;  // whether somebody wants text as records come
+    uint8_t* memory;              // capacity bytes, and maxRecord more so that no record is split
+    uint64_t head = 0;            // position of the next record, a multiple of 8
+    int64_t eventTime = noEvent;  // noEvent, eventWithNoTime, or the time of the present event
+    uint64_t dropped = 0;         // records dropped since the process began
+    uint32_t lastSize = 0;        // of the newest record; 0 while there is none
+    bool delivers = false;        // whether somebody wants text as records come
+    bool busy = false;  // while arguments are rendered or the ring is read: no new records
 };
 VEL_EXPORT extern State state;
 
-// The cheapest clock there is; the reader turns it into wall-clock time.
-inline uint64_t ticks() {
-#if defined(__x86_64__)
-    return __builtin_ia32_rdtsc();
-#elif defined(__aarch64__)
-    uint64_t value;
-    asm volatile("mrs %0, cntvct_el0" : "=r"(value));
-    return value;
-#else
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000U + static_cast<uint64_t>(now.tv_nsec);
-#endif
+// While one exists, new records are dropped.
+class Busy {
+  public:
+    Busy() : before_(std::exchange(state.busy, true)) {}
+    ~Busy() { state.busy = before_; }
+    Busy(const Busy&) = delete;
+    Busy& operator=(const Busy&) = delete;
+
+  private:
+    const bool before_;
+};
+
+// The outermost notification calls these as it begins and ends.
+inline void beginEvent() {
+    state.eventTime = eventWithNoTime;
 }
+inline void endEvent() {
+    state.eventTime = noEvent;
+}
+
+// Reads the clock for a record, and for the event it is the first record of.
+[[gnu::cold]] VEL_EXPORT int64_t takeTime();
 
 // Where the next record goes: its header, then at most maxRecord - sizeof(Header) bytes of
 // arguments.
@@ -80,27 +97,43 @@ inline uint8_t* recordBegin() {
     return state.memory + state.head % capacity;
 }
 
-// Makes a record of what lies between `at`, which recordBegin() gave, and `end`, with the newest
-// stamp.
+// Makes a record of the bytes between `at`, which recordBegin() gave, and `end`.
 inline void commit(const Site& site, uint8_t* at, const uint8_t* end) {
+    int64_t time = state.eventTime;
+    if (time <= eventWithNoTime) [[unlikely]]
+        time = takeTime();
     const auto size = (static_cast<uint32_t>(end - at) + 7) & ~uint32_t{7};
-    ::new (static_cast<void*>(at)) Header{&site, state.stamp, size, state.lastSize};
+    ::new (static_cast<void*>(at)) Header{&site, time, size, state.lastSize};
     state.head += size;
     state.lastSize = size;
 }
 
-// The newest `count` records as text, oldest first, in local time:
-// "2026-01-31 12:34:56.123456 path:7 Adding pathIndex: 3".
-VEL_EXPORT std::vector<std::string> last(size_t count);
-
-// The newest record: its line as above, and its bare text. REQUIRES: there is one.
+// One record as text, in local time:
+//     2026-01-31T12:34:56.123456+0100 path:7 updatePathVia: Adding pathIndex: 3 (File.cpp:123)
+// The function's name is left out where the text itself begins with it. Control characters and
+// bytes that are not UTF-8 are written as \xHH.
 struct Line {
     std::string line;
-    size_t textOffset;
+    size_t textOffset;  // of "Adding pathIndex: 3"
+    size_t textLength;
+    int level;
+
+    std::string_view text() const { return std::string_view(line).substr(textOffset, textLength); }
 };
+
+// The newest `count` records, oldest first.
+VEL_EXPORT std::vector<std::string> last(size_t count);
+
+// The newest record. REQUIRES: there is one.
 VEL_EXPORT Line newest();
 
-// Writes all records to a file descriptor, a line each, with the call site's file and line.
+// Writes all records to a file descriptor, a line each, then how many were dropped. Stops at the
+// first error of the descriptor.
 VEL_EXPORT void dump(int fd);
+
+// Replaces control characters and bytes that are not UTF-8, from `begin` on, by \xHH.
+VEL_EXPORT void escape(std::string& text, size_t begin);
+// Removes the beginning of a UTF-8 character that was cut off at the end of the text.
+VEL_EXPORT void dropCutCharacter(std::string& text, size_t begin);
 
 }  // namespace Ringlog

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "platform/netz/Assert.h"
+#include "platform/trace/Ringlog.h"
 #include "platform/vel/Entity.h"
 
 namespace Vel {
@@ -21,9 +22,13 @@ class Round {
           attribute_(attribute) {
         if (depth_ > maxDepth) [[unlikely]]
             tooDeep();
+        if (!outer_) Ringlog::beginEvent();
         top = this;
     }
-    ~Round() { top = outer_; }
+    ~Round() {
+        top = outer_;
+        if (!outer_) Ringlog::endEvent();
+    }
     Round(const Round&) = delete;
     Round& operator=(const Round&) = delete;
 

@@ -6,9 +6,8 @@
 #include <ctime>
 #include <deque>
 #include <random>
-#include <string>
-#include <vector>
 
+#include "platform/netz/Assert.h"
 #include "platform/netz/IntfId.h"
 #include "platform/netz/IpGenAddr.h"
 #include "platform/netz/VrfName.h"
@@ -22,35 +21,42 @@ std::ostream& operator<<(std::ostream& out, State state) {
 }
 enum class Plain : uint8_t { three = 3 };
 
-// Streamable, but not trivially copyable: rendered at the call.
+Duolog::Facility noise{"noise"};
+
+// Not trivially copyable: rendered at the call, where it traces and may throw.
 struct Site {
     std::string name;
 };
 std::ostream& operator<<(std::ostream& out, const Site& site) {
+    DUOLOG(noise, 1, "rendering ", site.name);
+    if (site.name == "bad") throw 1;
     return out << "<" << site.name << ">";
 }
 
-// As large, but with a snapshot of its own.
-struct Group {
-    std::string name;
-    uint32_t id;
-};
-struct GroupId {
-    uint32_t id;
-    std::string stringValue() const { return "group " + std::to_string(id); }
+// Rendered when the ring is read, where it does the same.
+struct Code {
+    int value;
+    std::string stringValue() const {
+        DUOLOG(noise, 1, "reading ", value);
+        VEL_ASSERT(value < 100, "value < 100");
+        return "code " + std::to_string(value);
+    }
 };
 
 }  // namespace Sample
 
-template <>
-struct Duolog::TraceArg<Sample::Group> {
-    static Sample::GroupId of(const Sample::Group& group) { return {group.id}; }
-};
-
 namespace {
+
+using Texts = std::vector<std::string>;
 
 Duolog::Facility red{"red"};
 Duolog::Facility blue{"blue"};
+
+// What a line holds between its time and its place: "red:7 function: text".
+std::string messageOf(const std::string& line) {
+    const size_t begin = line.find(' ') + 1;
+    return line.substr(begin, line.rfind(" (TraceTest.cpp:") - begin);
+}
 
 class Trace : public testing::Test {
   protected:
@@ -63,7 +69,7 @@ class Trace : public testing::Test {
         Duolog::textSinkIs(nullptr);
         Duolog::levelIs("*", Duolog::Facility::defaultLevel);
     }
-    std::vector<std::string> texts;
+    Texts texts;
 };
 
 TEST_F(Trace, LevelsAreKeptPerFacility) {
@@ -75,7 +81,6 @@ TEST_F(Trace, LevelsAreKeptPerFacility) {
         DUOLOG(blue, 6, "blue6 ", ++evaluated);
         return texts;
     };
-    using Texts = std::vector<std::string>;
     EXPECT_TRUE(Duolog::levelIs("*", 5));
     EXPECT_EQ(trace(), (Texts{"red5 1"}));
     EXPECT_TRUE(Duolog::levelIs("blue", 6));
@@ -83,85 +88,88 @@ TEST_F(Trace, LevelsAreKeptPerFacility) {
     EXPECT_TRUE(Duolog::levelIs("*", 4));
     EXPECT_EQ(trace(), (Texts{}));
     EXPECT_EQ(evaluated, 3);
-
     EXPECT_FALSE(Duolog::levelIs("green", 8));
     static Duolog::Facility late{"late"};  // as of a library loaded later
     EXPECT_EQ(late.level(), 4);
-    const auto all = Duolog::facilities();
-    const std::pair<std::string_view, int> expected{"blue", 4};
-    EXPECT_NE(std::find(all.begin(), all.end(), expected), all.end());
 }
 
 TEST_F(Trace, TextIsThatOfAStream) {
-    const std::string text = "text";
-    const Sample::Group group{std::string(300, 'g'), 7};
+    std::string text = "text";
+    struct {
+        char chars[5] = "chr";
+        const char constant[4] = {'f', 'u', 'l', 'l'};  // without a terminating zero
+    } member;
     const char* const none = nullptr;
-    const bool yes = true;
-    DUOLOG(red, 7, "only a phrase");
-    DUOLOG(red, 7, uint8_t{200}, " ", int8_t{-1}, " ", UINT64_MAX, " ", INT64_MIN, " ", yes, 'c');
-    DUOLOG(red, 7, "state ", Sample::State::up, Sample::State::down, " ", Sample::Plain::three);
-    DUOLOG(red, 7, text, " ", std::string_view(text).substr(1, 2), " ", text.c_str(), none);
-    DUOLOG(red, 7, Sample::Site{"a"}, Sample::Site{"b"}, " in ", group);
-    DUOLOG(red, 7, Netz::IpGenAddr::fromV4(0x0a000001), " ", Netz::IntfId("Ethernet1"), " ",
+    const std::string x(Duolog::maxString, 'x');
+    DUOLOG(red, 7, "a phrase", " and ", "one \"quoted\", 'two'");
+    DUOLOG(red, 7, uint8_t{200}, " ", int8_t{-1}, " ", UINT64_MAX, " ", INT64_MIN, " ", true, 'c');
+    DUOLOG(red, 7, Sample::State::up, Sample::State::down, " ", Sample::Plain::three,
+           std::min(2, 3));
+    DUOLOG(red, 7, text, std::string_view(text).substr(1, 2), text.c_str(), none, member.chars,
+           member.constant);
+    DUOLOG(red, 7, Sample::Site{"a"}, Sample::Site{"b"}, Sample::Code{7});
+    DUOLOG(red, 7, Netz::IpGenAddr::fromV4(0x0a000001), " ", Netz::IntfId("Et1"), " ",
            L3::VrfName("red"), 2.5);
-    EXPECT_EQ(texts, (std::vector<std::string>{
-                         "only a phrase",
-                         "200 -1 18446744073709551615 -9223372036854775808 1c",
-                         "state updown 3",
-                         "text ex text(null)",
-                         "<a><b> in group 7",
-                         "10.0.0.1 Ethernet1 red2.5",
-                     }));
-}
-
-TEST_F(Trace, StringsAreCopiedUpToTheirBound) {
-    for (const size_t length :
-         {Duolog::maxString - 1, Duolog::maxString, Duolog::maxString + 1, size_t{70000}}) {
-        const std::string expected = std::string(std::min(length, Duolog::maxString), 'x') +
-                                     (length > Duolog::maxString ? "…" : "");
-        DUOLOG(red, 7, "[", std::string(length, 'x'), "]", 1);
-        EXPECT_EQ(texts.back(), "[" + expected + "]1");
-    }
-    DUOLOG(red, 7, Sample::Site{std::string(600, 'y')}, "|");
-    EXPECT_EQ(texts.back(), "<" + std::string(Duolog::maxRendered - 1, 'y') + "…|");
-
+    DUOLOG(red, 7, x, "|", x + "x", "|", Sample::Site{std::string(600, 'y')}, "|", 1);
+    DUOLOG(red, 7, x.substr(2) + "ü", x.substr(2) + "üx", x.substr(1) + "ü");
+    DUOLOG(red, 7, std::string("a\n\x1b[1m\x7fü\xc3|\xed\xa0\x80|\xc2\x9b\0€", 21));
+    const Texts expected{
+        "a phrase and one \"quoted\", 'two'",
+        "200 -1 18446744073709551615 -9223372036854775808 1c",
+        "updown 32",
+        "textextext(null)chrfull",
+        "<a><b>code 7",
+        "10.0.0.1 Et1 red2.5",
+        x + "|" + x + "…|<" + std::string(Duolog::maxRendered - 1, 'y') + "…|1",
+        x.substr(2) + "ü" + x.substr(2) + "ü…" + x.substr(1) + "…",
+        "a\\x0a\\x1b[1m\\x7fü\\xc3|\\xed\\xa0\\x80|\\xc2\\x9b\\x00€",
+    };
+    EXPECT_EQ(texts, expected);
     // The ring's text is made later, when what was traced has changed.
-    char buffer[] = "first";
-    std::string text = "first";
-    for (int round = 0; round < 2; ++round) {
-        DUOLOG(red, 7, buffer, "/", text, "/", static_cast<const char*>(buffer));
-        buffer[0] = text[0] = 'F';
-    }
-    buffer[0] = text[0] = '?';
-    const auto lines = Ringlog::last(2);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(lines[0].ends_with(" red:7 first/first/first")) << lines[0];
-    EXPECT_TRUE(lines[1].ends_with(" red:7 First/First/First")) << lines[1];
+    text = "changed";
+    std::fill_n(member.chars, 3, '?');
+    const auto lines = Ringlog::last(expected.size());
+    for (size_t i = 0; i < expected.size(); ++i)
+        EXPECT_EQ(messageOf(lines[i]), "red:7 TestBody: " + expected[i]);
 }
 
-// Over many laps of the ring, with records of every size, the reader's text is that of the writer,
-// and it goes back as far as the ring does.
+// Over many laps of the ring, with records of every size: the reader's text is that of the writer,
+// and it goes back as far as the ring does. What is traced while a record is rendered or the ring
+// is read, and a record whose rendering fails, is dropped and counted.
 TEST_F(Trace, RingHoldsTheNewestRecords) {
     constexpr unsigned seed = 4711;
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     Duolog::captureIs(nullptr);
     std::deque<std::string> model;
-    size_t bytes = 0;
+    size_t bytes = 0, codes = 0;
+    uint64_t dropped = Ringlog::state.dropped;
     for (int round = 0; round < 60000; ++round) {
         const std::string text(random() % 100, static_cast<char>('a' + random() % 26));
-        switch (random() % 3) {
+        const std::string number = std::to_string(round);
+        switch (random() % 5) {
             case 0:
                 DUOLOG(red, 7, "n ", round);
-                model.push_back("red:7 n " + std::to_string(round));
+                model.push_back("red:7 TestBody: n " + number);
                 break;
             case 1:
                 DUOLOG(blue, 6, text, text, text);
-                model.push_back("blue:6 " + text + text + text);
+                model.push_back("blue:6 TestBody: " + text + text + text);
                 break;
-            default:
+            case 2:
                 DUOLOG(red, 8, round, " ", Sample::Site{text});
-                model.push_back("red:8 " + std::to_string(round) + " <" + text + ">");
+                model.push_back("red:8 TestBody: " + number + " <" + text + ">");
+                ++dropped;
+                break;
+            case 3:
+                DUOLOG(red, 8, round, " ", Sample::Site{"bad"});
+                dropped += 2;
+                continue;
+            default:
+                DUOLOG_ENTRY(blue, " ", Sample::Code{round % 120});
+                model.push_back("blue:8 TestBody " + (round % 120 < 100
+                                                          ? "code " + std::to_string(round % 120)
+                                                          : std::string("(unreadable)")));
         }
         bytes += model.back().size();
         if (random() % 5000) continue;
@@ -172,55 +180,50 @@ TEST_F(Trace, RingHoldsTheNewestRecords) {
         } else if (bytes > 4 * Ringlog::capacity) {
             ASSERT_GT(lines.size(), Ringlog::capacity / 200);
         }
+        codes = 0;
         for (size_t i = 1; i <= std::min(lines.size(), model.size()); ++i) {
-            const auto& line = lines[lines.size() - i];
-            ASSERT_EQ(line.substr(line.find(' ', 20) + 1), model[model.size() - i]);
+            ASSERT_EQ(messageOf(lines[lines.size() - i]), model[model.size() - i]);
+            codes += model[model.size() - i].starts_with("blue:8");
         }
+        ASSERT_EQ(Ringlog::state.dropped, dropped + codes);
+        dropped = Ringlog::state.dropped;
     }
 }
 
 std::string timeOf(const std::string& line) {
-    return line.substr(0, 26);
+    return line.substr(0, line.find(' '));
 }
 
-void handleSomething(int value) {
-    DUOLOG_ENTRY(red, " ", value);
-    DUOLOG(red, 7, "decided");
-}
-
-std::string wallTime() {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local;
-    localtime_r(&now.tv_sec, &local);
-    char text[40];
-    return {text, strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local)};
-}
-
-TEST_F(Trace, DecisionsBearTheTimeOfTheirHandler) {
-    const auto earlier = wallTime();
-    handleSomething(1);
-    EXPECT_EQ(texts, (std::vector<std::string>{"handleSomething 1", "decided"}));
-    auto lines = Ringlog::last(2);
-    EXPECT_EQ(timeOf(lines[0]), timeOf(lines[1]));
-    const auto first = Ringlog::state.stamp;
-
-    // Also where the entry itself is not recorded.
-    Duolog::levelIs("red", 7);
-    handleSomething(2);
-    EXPECT_EQ(texts.size(), 3u);
-    EXPECT_GT(Ringlog::state.stamp, first);
-    // A rare event outside any handler takes its own time.
-    const auto second = Ringlog::state.stamp;
-    DUOLOG(blue, 3, "rare");
-    EXPECT_GT(Ringlog::state.stamp, second);
-
-    lines = Ringlog::last(4);
-    const auto later = wallTime();
-    EXPECT_LE(earlier, timeOf(lines.front()).substr(0, earlier.size()));
-    EXPECT_TRUE(std::is_sorted(lines.begin(), lines.end(),
-                               [](const auto& a, const auto& b) { return timeOf(a) < timeOf(b); }));
-    EXPECT_LE(timeOf(lines.back()).substr(0, later.size()), later);
+// All records of an event have its time; outside of events each has its own.
+TEST_F(Trace, RecordsBearTheTimeOfTheirEvent) {
+    const auto wallTime = [] {
+        const time_t now = std::time(nullptr);
+        tm local;
+        localtime_r(&now, &local);
+        char text[40];
+        return std::string(text, std::strftime(text, sizeof text, "%FT%T", &local));
+    };
+    Texts shown;
+    Duolog::textSinkIs([&](const Ringlog::Line& record) { shown.push_back(record.line); });
+    const std::string earlier = wallTime();
+    DUOLOG(red, 7, "before");
+    for (int event = 0; event < 2; ++event) {
+        Ringlog::beginEvent();
+        DUOLOG_ENTRY(red);
+        const std::string first = timeOf(shown.back());
+        do DUOLOG(red, 7, "decided");
+        while (shown.size() < 5);  // long enough for the clock to move
+        EXPECT_EQ(timeOf(shown.back()), first);
+        Ringlog::endEvent();
+    }
+    const std::string event = timeOf(shown.back());
+    do DUOLOG(red, 3, "after");
+    while (timeOf(shown.back()) == event);
+    const auto byTime = [](const auto& a, const auto& b) { return timeOf(a) < timeOf(b); };
+    EXPECT_TRUE(std::is_sorted(shown.begin(), shown.end(), byTime));
+    EXPECT_LE(earlier, timeOf(shown.front()).substr(0, earlier.size()));
+    EXPECT_LE(timeOf(shown.back()).substr(0, earlier.size()), wallTime());
+    EXPECT_EQ(Ringlog::last(shown.size()), shown) << "the same whenever it is read";
 }
 
 std::string contentsOf(std::FILE* file) {
@@ -231,29 +234,33 @@ std::string contentsOf(std::FILE* file) {
 }
 
 TEST_F(Trace, TextSinksFollowTheRing) {
-    std::vector<std::string> lines;
-    Duolog::textSinkIs([&](std::string_view line) {
-        lines.emplace_back(line);
+    Texts lines;
+    Duolog::textSinkIs([&](const Ringlog::Line& record) {
+        lines.emplace_back(record.text());
         DUOLOG(blue, 1, "from the sink");
+        if (lines.size() == 1) throw 1;
     });
-    DUOLOG(red, 7, "seen ", 1);
-    DUOLOG(red, 7, "seen ", 2);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(lines[1].ends_with(" red:7 seen 2")) << lines[1];
-    EXPECT_EQ(texts.size(), 2u);
-    EXPECT_TRUE(Ringlog::last(1)[0].ends_with("blue:1 from the sink"));
+    const auto see = [&](int n) { DUOLOG(red, 7, "seen ", n); };
+    EXPECT_THROW(see(1), int);
+    see(2);
+    EXPECT_EQ(lines, (Texts{"seen 1", "seen 2"}));
+    EXPECT_EQ(texts, lines);
+    EXPECT_EQ(messageOf(Ringlog::last(1)[0]), "blue:1 operator(): from the sink");
 
     std::FILE* const file = std::tmpfile();
     Duolog::textSinkIs(fileno(file));
     DUOLOG(red, 7, "to a file");
     Duolog::textSinkIs(-1);
-    DUOLOG(red, 7, "no more");
+    DUOLOG(red, 7, Sample::Code{200});
     EXPECT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(contentsOf(file).ends_with(" red:7 to a file\n")) << contentsOf(file);
+    EXPECT_NE(contentsOf(file).find("red:7 TestBody: to a file (TraceTest.cpp:"),
+              std::string::npos);
 
+    // The post-mortem: all of it, whatever it holds, and how much is missing.
     Ringlog::dump(fileno(file));
     const std::string all = contentsOf(file);
-    EXPECT_TRUE(all.find(" red:7 seen 1 (TraceTest.cpp:") < all.find(" red:7 no more (")) << all;
+    EXPECT_TRUE(all.find("seen 1 (") < all.find("TestBody: (unreadable) (TraceTest.cpp:")) << all;
+    EXPECT_TRUE(all.ends_with(" records were dropped\n"));
     std::fclose(file);
 }
 
