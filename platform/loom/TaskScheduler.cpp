@@ -18,20 +18,22 @@ void TaskScheduler::runDue() {
         bool& flag;
         const bool before;
     } const running(running_);
-    bool ranTimer = false;
 
-    do {
+    for (int round = 0; round < maxRounds; ++round) {
         // What an error left of an earlier round comes first.
         if (!round_.linked() && posted_.linked()) {
             round_.linkBefore(posted_.next());
             posted_.unlink();
         }
         while (round_.linked()) runTask(static_cast<Task&>(round_.next()));
-        if (timers_.empty()) continue;
-        const Instant started = now();
-        const uint64_t lastArmed = sequence_;
-        while (runTimer(started, lastArmed)) ranTimer = true;
-    } while (posted_.linked() || std::exchange(ranTimer, false));
+        bool ranTimer = false;
+        if (!timers_.empty()) {
+            const Instant started = now();
+            const uint64_t lastArmed = sequence_;
+            while (runTimer(started, lastArmed)) ranTimer = true;
+        }
+        if (!posted_.linked() && !ranTimer) return;
+    }
 }
 
 void TaskScheduler::runTask(Task& task) {

@@ -1,16 +1,17 @@
 // Work put off to later on the event thread: tasks, run as soon as control is back in the event
-// loop, and timers, run at a time. The host's loop, or a test, drives it: call runDue(), then wait
-// at most until nextDeadline(); the wakeup says that something came up outside runDue() in the
-// meantime.
+// loop, and timers, run at a time. The host's loop, or a test, drives the scheduler: it calls
+// runDue() and then waits for events until nextDeadline() at most. The wakeup tells it that
+// something became due earlier, outside runDue().
 //
-// Tasks and timers are members of whoever uses them; the scheduler owns nothing and allocates only
-// for its table of timers. Destroying one takes it out of the queue. Everything runs in a fixed
-// order: tasks as posted, timers by deadline, those of one deadline as armed.
+// Tasks and timers are members of whoever uses them; the scheduler owns none of them and allocates
+// only for its heap of timers. Destroying one takes it out of the queue. The order is fixed: tasks
+// run as posted, timers by deadline, timers of one deadline as armed.
 //
-// All on the one event thread, without locks. The scheduler outlives every call made to it; tasks
-// and timers that are still waiting when it goes are let go.
+// Everything is used on the one event thread, without locks. The scheduler outlives every call made
+// to it; tasks and timers that still wait when it is destroyed are dropped.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -19,6 +20,7 @@
 
 #include "platform/Export.h"
 #include "platform/loom/Clock.h"
+#include "platform/loom/Link.h"
 
 namespace Loom {
 
@@ -38,33 +40,6 @@ Callback call(T& object) {
     return {[](void* self) { (static_cast<T*>(self)->*method)(); }, &object};
 }
 
-// A place in a circular list. One that is linked nowhere points at itself.
-class Link {
-  public:
-    Link() = default;
-    ~Link() { unlink(); }
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
-
-    bool linked() const { return next_ != this; }
-    Link& next() const { return *next_; }
-    void unlink() {
-        previous_->next_ = next_;
-        next_->previous_ = previous_;
-        previous_ = next_ = this;
-    }
-    // REQUIRES: this is linked nowhere.
-    void linkBefore(Link& other) {
-        previous_ = other.previous_;
-        next_ = &other;
-        previous_->next_ = other.previous_ = this;
-    }
-
-  private:
-    Link* previous_ = this;
-    Link* next_ = this;
-};
-
 // Runs once each time it was posted. While it runs it is not queued: it may post itself again, post
 // or destroy others, and destroy itself.
 class Task : private Link {
@@ -79,9 +54,10 @@ class Task : private Link {
     const Callback callback_;
 };
 
-// Runs once each time it was armed, never before its deadline. Arming an armed timer moves it; a
-// move to a later time costs two stores, the table of timers catches up when the old time has come.
-// What a task may do while it runs, a timer may too.
+// Runs once each time it was armed, never before its deadline; a deadline beyond the clock's range
+// is the end of that range. Arming an armed timer moves it; a move to a later time costs two
+// stores, and the heap catches up when the old deadline has come. While it runs it may do what a
+// task may.
 class Timer {
   public:
     Timer(TaskScheduler& scheduler, Callback callback)
@@ -101,10 +77,10 @@ class Timer {
 
     TaskScheduler& scheduler_;
     const Callback callback_;
-    size_t slot_ = unarmed;  // in the scheduler's table
-    Instant filed_{};        // the deadline there, not after the true one
+    size_t slot_ = unarmed;  // index in the scheduler's heap
+    Instant filed_{};        // the deadline in the heap; not after deadline_
     Instant deadline_{};
-    uint64_t sequence_ = 0;
+    uint64_t sequence_ = 0;  // of the latest arming; orders timers of one deadline
 };
 
 class VEL_EXPORT TaskScheduler {
@@ -126,13 +102,18 @@ class VEL_EXPORT TaskScheduler {
             wakeup();
     }
 
-    // Runs tasks and due timers until there are none. Rounds alternate, the tasks queued at the
-    // beginning of one and then the timers due by then, so tasks that keep coming hold up no timer
-    // and timers no task. May be called from a task. An error raised by a task or timer leaves
-    // runDue() at once; what has not run yet stays due.
+    // Runs what is due, in rounds: the tasks queued at the beginning of a round, then the timers
+    // due by then. Ends when nothing is due or after maxRounds, so that work which makes itself due
+    // again for ever holds up neither the rest nor the host's loop; what is left stays due. May be
+    // called from a task. An error raised by a task or timer leaves runDue() at once; what has not
+    // run yet stays due.
     void runDue();
 
-    // When runDue() has to be called next: now or in the past while something is due, nothing while
+    // More than any chain of tasks that post one another takes, and short enough for a loop that
+    // has sockets to serve.
+    static constexpr int maxRounds = 64;
+
+    // When runDue() has to be called next: now or in the past while something is due; empty while
     // nothing waits.
     std::optional<Instant> nextDeadline();
 
@@ -168,11 +149,11 @@ class VEL_EXPORT TaskScheduler {
 
     const Clock& clock_;
     Callback wakeup_;
-    Link posted_;  // tasks in the order of posting
-    Link round_;   // those of the round that is running
-    bool running_ = false;
-    uint64_t sequence_ = 0;
-    std::vector<Slot> timers_;  // binary heap
+    Link posted_;  // tasks for the next round, in the order of posting
+    Link round_;   // tasks of the present round that have not run; kept when one of them throws
+    bool running_ = false;      // inside runDue(), where nobody needs to be woken
+    uint64_t sequence_ = 0;     // armings so far
+    std::vector<Slot> timers_;  // binary heap by (deadline, sequence) as filed
 };
 
 void Timer::armAt(Instant deadline) {
@@ -182,7 +163,9 @@ void Timer::armAt(Instant deadline) {
 }
 
 void Timer::armIn(Duration delay) {
-    armAt(scheduler_.now() + delay);
+    const Instant now = scheduler_.now();
+    if (delay > Instant::max() - std::max(now, Instant{})) return armAt(Instant::max());
+    armAt(now + delay);
 }
 
 void Timer::disarm() {
