@@ -88,19 +88,17 @@ Host::~Host() {
     root_ = nullptr;
 }
 
-void Host::answerCommand(int descriptor, const std::string& word) {
+// The library writes as much of its answer as a descriptor takes without waiting, so it is given
+// one that takes everything.
+std::string Host::show(const std::string& word) {
+    const MemoryFile file;
     Vel::Dir& requests = *inputs_.navCliRequestDir;
     const Vel::Name name = std::to_string(++commands_);
     requests.requestIs(name, [&](AgentCommandRequest& request) {
-        request.socketIs(static_cast<Vel::U32>(descriptor));
+        request.socketIs(static_cast<Vel::U32>(file.descriptor()));
         request.commandIs(word);
     });
     requests.requestDel(name);
-}
-
-std::string Host::show(const std::string& word) {
-    const MemoryFile file;
-    answerCommand(file.descriptor(), word);
     return file.content();
 }
 

@@ -27,10 +27,7 @@ class Host {
     // manual only /cliConfig can be written through it.
     Tree& tree() { return tree_; }
 
-    // The library writes its answer to the show command straight to the descriptor, or nothing if
-    // it does not know the word.
-    void answerCommand(int descriptor, const std::string& word);
-    // The same answer as a string.
+    // The library's answer to a show command, empty if it does not know the word.
     std::string show(const std::string& word);
     // This agent as the control socket's requests see it.
     Controlled controlled();

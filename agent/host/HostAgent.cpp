@@ -30,9 +30,7 @@ HostAgent::HostAgent(Options options)
       host_(*scheduler_, makePlatform(options_, loop_)),
       requests_(host_.controlled()),
       commands_(loop_, runDir_.path() + "/" + commandSocketName,
-                [this](int descriptor, const std::string& word) {
-                    host_.answerCommand(descriptor, word);
-                }),
+                [this](const std::string& word) { return host_.show(word); }),
       control_(loop_, runDir_.path() + "/" + controlSocketName, requests_) {
     const Shard::Namespace space(runDir_.path());
     host_.inputs().forwardingStatus->mountIs(space, *scheduler_);

@@ -42,7 +42,7 @@ class HostAgent {
     const Vel::Ptr<Vel::Scheduler> scheduler_;
     RunDir runDir_;
     EventLoop loop_;
-    EventLoop::Watch terminated_, interrupted_, hungUp_;
+    EventLoop::Registration terminated_, interrupted_, hungUp_;
     Host host_;
     Control requests_;
     CommandServer commands_;

@@ -32,7 +32,7 @@ class LinuxPlatform::Router {
     NexthopResolver resolver_;
     ForwardingAgent forwarding_;
     Loom::Timer retry_;
-    EventLoop::Watch readable_;
+    EventLoop::Registration readable_;
 };
 
 LinuxPlatform::Router::Router(EventLoop& loop, const Nav::NavInputs& inputs, int receiveBuffer)

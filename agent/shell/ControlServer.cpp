@@ -40,7 +40,7 @@ class ControlServer::Client final : public Session {
 
     ControlServer& server_;
     std::unique_ptr<bufferevent, void (*)(bufferevent*)> stream_;
-    EventLoop::Watch again_;
+    EventLoop::Registration again_;
     bool atEnd_ = false;    // the client will send no more; what it sent is still answered
     bool closing_ = false;  // nothing is taken or added any more; what is written is still sent
 };

@@ -9,27 +9,27 @@ namespace Agent {
 
 using std::chrono::nanoseconds;
 
-// Shared with the callback that is running, so that it may let its watch go.
-struct EventLoop::WatchState : std::enable_shared_from_this<WatchState> {
-    explicit WatchState(Callback callback) : call(std::move(callback)) {}
-    ~WatchState() { stop(); }
+// Shared with the callback while it runs, so that it may destroy its registration.
+struct EventLoop::Registration::State : std::enable_shared_from_this<State> {
+    explicit State(Callback callback) : call(std::move(callback)) {}
+    ~State() { stop(); }
     void stop() {
         if (handle != nullptr) event_free(std::exchange(handle, nullptr));
     }
-    // Through C code no error can pass: one that nobody caught ends the process here.
+    // An exception must not pass through C code: one that was not caught ends the process here.
     static void fired(evutil_socket_t, short, void* context) noexcept {
-        static_cast<WatchState*>(context)->shared_from_this()->call();
+        static_cast<State*>(context)->shared_from_this()->call();
     }
 
     Callback call;
     event* handle = nullptr;
 };
 
-EventLoop::Watch::~Watch() {
+EventLoop::Registration::~Registration() {
     if (state_) state_->stop();
 }
 
-EventLoop::Watch& EventLoop::Watch::operator=(Watch&& other) noexcept {
+EventLoop::Registration& EventLoop::Registration::operator=(Registration&& other) noexcept {
     if (state_ && state_ != other.state_) state_->stop();
     state_ = std::move(other.state_);
     return *this;
@@ -43,13 +43,16 @@ timeval toTimeval(nanoseconds time) {
 }
 
 EventLoop::EventLoop(Loom::TaskScheduler& scheduler)
-    : scheduler_(scheduler), base_(nullptr, event_base_free) {
+    : scheduler_(scheduler), base_(nullptr, event_base_free), alarm_(nullptr, event_free) {
     std::signal(SIGPIPE, SIG_IGN);
     std::unique_ptr<event_config, void (*)(event_config*)> config(event_config_new(),
                                                                   event_config_free);
     event_config_set_flag(config.get(), EVENT_BASE_FLAG_PRECISE_TIMER);
     base_.reset(event_base_new_with_config(config.get()));
     if (!base_) throw std::bad_alloc();
+    alarm_.reset(event_new(
+        base_.get(), -1, 0, [](evutil_socket_t, short, void*) {}, nullptr));
+    if (!alarm_) throw std::bad_alloc();
 }
 
 EventLoop::~EventLoop() = default;
@@ -69,30 +72,37 @@ void EventLoop::runOnce(nanoseconds patience) {
     if (const auto deadline = scheduler_.nextDeadline()) {
         patience = std::min(patience, *deadline - scheduler_.now());
     }
-    if (patience != nanoseconds::max()) alarm_ = onTimer(patience, [] {});
+    const timeval time = toTimeval(patience);
+    if (patience != nanoseconds::max()) event_add(alarm_.get(), &time);
     event_base_loop(base_.get(), EVLOOP_ONCE | EVLOOP_NO_EXIT_ON_EMPTY);
+    event_del(alarm_.get());
     settle();
 }
 
-EventLoop::Watch EventLoop::onSignal(int number, Callback callback) {
-    return watch(number, EV_SIGNAL | EV_PERSIST, nullptr, std::move(callback));
+EventLoop::Registration EventLoop::onSignal(int number, Callback callback) {
+    return add(number, EV_SIGNAL | EV_PERSIST, nullptr, std::move(callback));
 }
 
-EventLoop::Watch EventLoop::onReadable(int descriptor, Callback callback) {
-    return watch(descriptor, EV_READ | EV_PERSIST, nullptr, std::move(callback));
+EventLoop::Registration EventLoop::onReadable(int descriptor, Callback callback) {
+    return add(descriptor, EV_READ | EV_PERSIST, nullptr, std::move(callback));
 }
 
-EventLoop::Watch EventLoop::onTimer(nanoseconds delay, Callback callback) {
+EventLoop::Registration EventLoop::onWritable(int descriptor, Callback callback) {
+    return add(descriptor, EV_WRITE | EV_PERSIST, nullptr, std::move(callback));
+}
+
+EventLoop::Registration EventLoop::onTimer(nanoseconds delay, Callback callback) {
     const timeval time = toTimeval(delay);
-    return watch(-1, 0, &time, std::move(callback));
+    return add(-1, 0, &time, std::move(callback));
 }
 
-EventLoop::Watch EventLoop::watch(int descriptor, short what, const timeval* delay,
-                                  Callback callback) {
-    auto state = std::make_shared<WatchState>(std::move(callback));
-    state->handle = event_new(base_.get(), descriptor, what, &WatchState::fired, state.get());
+EventLoop::Registration EventLoop::add(int descriptor, short what, const timeval* delay,
+                                       Callback callback) {
+    auto state = std::make_shared<Registration::State>(std::move(callback));
+    state->handle =
+        event_new(base_.get(), descriptor, what, &Registration::State::fired, state.get());
     if (state->handle == nullptr || event_add(state->handle, delay) != 0) throw std::bad_alloc();
-    return Watch(std::move(state));
+    return Registration(std::move(state));
 }
 
 }  // namespace Agent

@@ -2,8 +2,7 @@
 // Everything that the agent does happens in a callback of this loop or in a task that the scheduler
 // runs between two of them, so nothing anywhere is locked. Owned by HostAgent; not thread safe.
 //
-// What always holds: whenever the loop goes to sleep, no task is due, and it wakes for the next
-// one.
+// Invariant: when the loop goes to sleep, no task is due, and it wakes for the next one.
 #pragma once
 
 #include <event2/event.h>
@@ -17,44 +16,46 @@
 namespace Agent {
 
 class EventLoop {
-    struct WatchState;
-
   public:
     using Callback = std::function<void()>;
 
-    // Something the loop watches, until this goes. A callback may let its own watch go.
-    class [[nodiscard]] Watch {
+    // A callback for a descriptor, a signal or a timer, which is called no more once this is
+    // destroyed or assigned to. A callback may destroy its own registration.
+    class [[nodiscard]] Registration {
       public:
-        Watch() = default;
-        Watch(Watch&&) = default;
-        Watch& operator=(Watch&& other) noexcept;
-        ~Watch();
+        Registration() = default;
+        Registration(Registration&&) = default;
+        Registration& operator=(Registration&& other) noexcept;
+        ~Registration();
 
       private:
         friend class EventLoop;
-        explicit Watch(std::shared_ptr<WatchState> state) : state_(std::move(state)) {}
-        std::shared_ptr<WatchState> state_;
+        struct State;
+        explicit Registration(std::shared_ptr<State> state) : state_(std::move(state)) {}
+        std::shared_ptr<State> state_;
     };
 
-    // From here on a write to a peer that went away is an error of that write, for the whole
-    // process: SIGPIPE is ignored.
+    // Ignores SIGPIPE in the whole process, so that writing to a closed connection is an error of
+    // that write.
     explicit EventLoop(Loom::TaskScheduler& scheduler);
     ~EventLoop();
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
 
-    // Until stop(). Stopping before running is remembered.
+    // Returns after stop(), at once if that was called before.
     void run();
     void stop();
-    // One round: runs what is due, waits for at least one event, `patience` at most, runs what
-    // came.
+    // One round: runs the tasks that are due, waits for events no longer than `patience`, runs
+    // their callbacks and the tasks that these made due.
     void runOnce(std::chrono::nanoseconds patience);
 
-    Watch onSignal(int number, Callback callback);
-    // While the descriptor is readable, or at its end; it must outlive the watch.
-    Watch onReadable(int descriptor, Callback callback);
-    // Once, `delay` from now.
-    Watch onTimer(std::chrono::nanoseconds delay, Callback callback);
+    Registration onSignal(int number, Callback callback);
+    // Called again and again while the descriptor is readable or at its end, or writable or broken.
+    // The descriptor must outlive the registration.
+    Registration onReadable(int descriptor, Callback callback);
+    Registration onWritable(int descriptor, Callback callback);
+    // Called once, `delay` from now.
+    Registration onTimer(std::chrono::nanoseconds delay, Callback callback);
 
     // Runs every task that is due, and those that these make due.
     void settle() { scheduler_.runDue(); }
@@ -63,11 +64,11 @@ class EventLoop {
     event_base* base() { return base_.get(); }
 
   private:
-    Watch watch(int descriptor, short what, const timeval* delay, Callback callback);
+    Registration add(int descriptor, short what, const timeval* delay, Callback callback);
 
     Loom::TaskScheduler& scheduler_;
     std::unique_ptr<event_base, void (*)(event_base*)> base_;
-    Watch alarm_;
+    std::unique_ptr<event, void (*)(event*)> alarm_;  // wakes the loop for the next task
     bool stopped_ = false;
 };
 

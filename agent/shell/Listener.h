@@ -30,7 +30,7 @@ class Listener {
     std::string path_;
     Accepted accepted_;
     std::unique_ptr<evconnlistener, void (*)(evconnlistener*)> listener_;
-    EventLoop::Watch resume_;
+    EventLoop::Registration resume_;
 };
 
 }  // namespace Agent

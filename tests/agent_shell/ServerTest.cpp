@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <optional>
 #include <set>
 
@@ -275,53 +276,55 @@ TEST_F(ServerTest, ClientsThatVanishCostOnlyThemselves) {
     EXPECT_EQ(third.ask(echo(1)), echoed(1));
 }
 
-TEST_F(ServerTest, CommandsAreOneWordAConnection) {
-    std::vector<std::string> words;
-    auto answer = [&](int descriptor, const std::string& word) {
-        words.push_back(word);
-        if (word == "LONG") {
-            dprintf(descriptor, "%s", std::string(3 << 20, 'x').c_str());
-        } else {
-            dprintf(descriptor, "{'%s': 1, }", word.c_str());
-        }
+TEST_F(ServerTest, ACommandIsAWordThatIsAnsweredWhole) {
+    std::string big(3 << 20, 'x');
+    for (size_t i = 0; i < big.size(); i += 7) big[i] = static_cast<char>('a' + i % 26);
+    int shown = 0;
+    auto show = [&](const std::string& word) {
+        ++shown;
+        return word == "BIG" ? big : "{'" + word + "': 1, }";
     };
-    Agent::CommandServer server(loop, path(), answer, {.clients = 3});
+    Agent::CommandServer server(loop, path(), show, {.clients = 4});
     struct stat status;
     ASSERT_EQ(stat(path().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
 
-    Peer stuck(*this, path());
-    ASSERT_TRUE(stuck.write("NAVPA"));
-    Peer whole(*this, path());
-    ASSERT_TRUE(whole.write("ONE\nTWO\n"));
-    EXPECT_EQ(whole.all(), "{'ONE': 1, }");
-    Peer halfClosed(*this, path());
-    ASSERT_TRUE(halfClosed.write("THREE"));
-    shutdown(halfClosed.descriptor, SHUT_WR);
-    EXPECT_EQ(halfClosed.all(), "{'THREE': 1, }");
+    Peer slow(*this, path());
+    ASSERT_TRUE(slow.write("NAVPA"));
+    const std::string tooLong(100000, 'x');
+    for (const auto& [sent, received] :
+         std::initializer_list<std::array<std::string, 2>>{{"ONE\nTWO\n", "{'ONE': 1, }"},
+                                                           {"THREE", "{'THREE': 1, }"},
+                                                           {"BIG\r\n", big},
+                                                           {"\n", ""},
+                                                           {tooLong, ""}}) {
+        Peer peer(*this, path());
+        peer.write(sent);
+        shutdown(peer.descriptor, SHUT_WR);
+        EXPECT_EQ(peer.all(), received) << sent.substr(0, 10);
+    }
     Peer gone(*this, path()), deaf(*this, path());
-    ASSERT_TRUE(gone.write("LONG\n"));
+    ASSERT_TRUE(gone.write("BIG\n") && deaf.write("BIG\n"));
     gone.hangUp();
-    ASSERT_TRUE(deaf.write("LONG\n"));
-    ASSERT_TRUE(await([&] { return words.size() == 4; }));
-    Peer endless(*this, path()), empty(*this, path());
-    endless.write(std::string(100000, 'x'));
-    EXPECT_EQ(endless.all(), "");
-    ASSERT_TRUE(empty.write("\n"));
-    EXPECT_EQ(empty.all(), "");
-    ASSERT_TRUE(stuck.write("THS\n"));
-    EXPECT_EQ(stuck.all(), "{'NAVPATHS': 1, }");
-    EXPECT_EQ(words, (std::vector<std::string>{"ONE", "THREE", "LONG", "LONG", "NAVPATHS"}));
+    ASSERT_TRUE(await([&] { return shown == 5; }));
+    ASSERT_TRUE(slow.write("THS\n"));
+    EXPECT_EQ(slow.all(), "{'NAVPATHS': 1, }");
+    EXPECT_EQ(deaf.all(), big);
 }
 
-TEST_F(ServerTest, SilentCommandClientsMakeRoomAndAreClosedInTime) {
-    auto answer = [](int descriptor, const std::string&) { dprintf(descriptor, "here"); };
-    Agent::CommandServer server(loop, path(), answer, {.clients = 2, .silence = 50ms});
-    Peer first(*this, path()), second(*this, path()), third(*this, path());
-    ASSERT_TRUE(third.write("WORD\n"));
-    EXPECT_EQ(third.all(), "here");
+TEST_F(ServerTest, CommandClientsThatStopMakeRoomAndAreClosedInTime) {
+    auto show = [](const std::string& word) {
+        return std::string(word == "BIG" ? 3 << 20 : 4, 'x');
+    };
+    Agent::CommandServer server(loop, path(), show, {.clients = 3, .silence = 50ms});
+    Peer first(*this, path()), deaf(*this, path()), third(*this, path()), fourth(*this, path());
+    ASSERT_TRUE(deaf.write("BIG\n"));
+    ASSERT_TRUE(fourth.write("WORD\n"));
+    EXPECT_EQ(fourth.all(), "xxxx");
     EXPECT_EQ(first.all(), "");
-    EXPECT_EQ(second.all(), "");
+    EXPECT_EQ(third.all(), "");
+    EXPECT_TRUE(await([&] { return send(deaf.descriptor, "", 1, MSG_NOSIGNAL) < 0; }));
+    EXPECT_LT(deaf.all().size(), size_t{3} << 20);
 }
 
 }  // namespace
