@@ -29,6 +29,7 @@ Connection::Connection(const std::string& runDir, const char* socketName) {
         connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         const int reason = errno;
         if (descriptor_ >= 0) close(descriptor_);
+        if (reason == EACCES || reason == EPERM) throw NoPermission("permission denied: " + path);
         throw NoAgent("no agent at " + path + ": " + std::strerror(reason));
     }
 }
@@ -49,7 +50,7 @@ void Connection::sendLine(const std::string& line) {
         const ssize_t count =
             send(descriptor_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
         if (count > 0) sent += static_cast<size_t>(count);
-        // An agent that refuses to read on has said why; the reason is there to be read.
+        // Before it closes a connection, the agent writes its reason, which is still to be read.
         if (count < 0 && (errno == EPIPE || errno == ECONNRESET)) return;
         if (count < 0 && errno != EINTR) throw NoAgent(std::strerror(errno));
     }
@@ -100,9 +101,9 @@ Json ControlClient::request(const Json& request) {
         if (answer.at("ok").get<bool>()) return answer;
         throw Refused(answer.at("error").get<std::string>());
     } catch (const Json::exception&) {
-        throw NoAgent("what answers is no agent: " + line->substr(0, 200));
+        throw NoAgent("not an answer of an agent: " + line->substr(0, 200));
     } catch (const Agent::JsonError&) {
-        throw NoAgent("what answers is no agent: " + line->substr(0, 200));
+        throw NoAgent("not an answer of an agent: " + line->substr(0, 200));
     }
 }
 

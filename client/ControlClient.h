@@ -11,8 +11,14 @@ namespace Client {
 
 using Agent::Json;
 
-// Nobody answers in the run directory, or the agent went away.
+// No agent answers in the run directory, or it closed the connection.
 class NoAgent : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// The user may not connect to what is in the run directory.
+class NoPermission : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
@@ -26,20 +32,21 @@ class Refused : public std::runtime_error {
 // A connected socket of the run directory, read by lines or to its end.
 class Connection {
   public:
+    // Throws NoAgent or NoPermission.
     Connection(const std::string& runDir, const char* socketName);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // An agent that says nothing for this long counts as gone; without it, reading waits for ever.
+    // Reading and writing fail with NoAgent after waiting for this long; 0, as at first: never.
     void patienceIs(int seconds);
     void sendLine(const std::string& line);
-    // The next line without its newline; nothing at the end of the stream.
+    // The next line without its newline; nothing at the end of the stream. Throws NoAgent.
     std::optional<std::string> readLine();
     // Whether the next line has been received whole.
     bool hasLine() const { return buffer_.find('\n') != buffer_.npos; }
     int descriptor() const { return descriptor_; }
-    // All that comes before the end of the stream.
+    // Everything up to the end of the stream. Throws NoAgent.
     std::string readAll();
 
   private:
@@ -55,7 +62,7 @@ class ControlClient {
   public:
     explicit ControlClient(const std::string& runDir);
 
-    // The whole answer to a request; Refused if it is not ok.
+    // The whole answer to a request. Throws Refused if it is not ok, NoAgent if none comes.
     Json request(const Json& request);
     // The value at a path of the tree.
     Json get(const std::string& path);

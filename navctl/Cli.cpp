@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -18,11 +21,22 @@ namespace Navctl {
 
 namespace {
 
-// A command line that cannot be carried out for a reason on this side of the sockets.
+// A command line that is wrong, or names a file that cannot be used.
 class BadUsage : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
+
+// Names the first word that is no command, option or argument; CLI11 says no more than that a
+// subcommand is required.
+std::string reasonOf(const CLI::ParseError& error, const CLI::App& app) {
+    const std::vector<std::string> unknown = app.remaining(true);
+    if (unknown.empty()) return error.what();
+    const char* kind = unknown.front().starts_with("-")      ? "option"
+                       : error.get_name() == "RequiredError" ? "command"
+                                                             : "argument";
+    return std::string("unknown ") + kind + " \"" + unknown.front() + '"';
+}
 
 class Program {
   public:
@@ -36,6 +50,11 @@ class Program {
                       void (Program::*action)());
 
     std::string runDir() const { return runDir_.empty() ? Agent::defaultRunDir() : runDir_; }
+    ExitStatus fail(const std::string& reason, ExitStatus status);
+    void execute(std::vector<std::string> arguments);
+    void flush();
+    void printLine(const std::string& line);
+    void printWarnings(const Json& warnings);
     void printJson(const Json& value);
     void printTable(const Table& table);
     void showText(const TextView& view);
@@ -77,7 +96,9 @@ void Program::build() {
     app_.set_version_flag("--version", NAV_VERSION);
     app_.add_option("--run-dir", runDir_, "The agent's run directory")->type_name("DIR");
     app_.add_flag("--json", json_, "Print JSON");
-    app_.footer("Exit status: 0 done, 1 the agent refused it, 2 bad usage, 3 no agent there.");
+    app_.footer(
+        "Exit status: 0 done, 1 refused, or the output could not be written, 2 bad usage,\n"
+        "3 no agent, 4 permission denied.");
     buildShow();
 
     for (auto* each : {command(app_, "get", "Print the value at a path", &Program::get),
@@ -132,8 +153,28 @@ void Program::counters() {
     std::signal(SIGINT, [](int) { _exit(done); });
     showCounters(runDir(), watch_, [this](const Table& table) {
         printTable(table);
-        streams_.out << std::flush;
+        flush();
     });
+}
+
+// Standard output may be full, or closed by its reader.
+void Program::flush() {
+    if (!streams_.out.flush())
+        throw std::runtime_error(std::string("standard output: ") + std::strerror(errno));
+}
+
+void Program::printLine(const std::string& line) {
+    streams_.out << line << "\n";
+    flush();
+}
+
+void Program::printWarnings(const Json& warnings) {
+    for (const Json& warning : warnings) {
+        if (json_)
+            streams_.err << Agent::dumpLine({{"warning", warning}}) << "\n";
+        else
+            streams_.err << "warning: " << warning.get<std::string>() << "\n";
+    }
 }
 
 void Program::printJson(const Json& value) {
@@ -175,18 +216,19 @@ void Program::del() {
 }
 
 void Program::watch() {
-    // Interrupting is how an operator ends a watch; every line has been written by then.
+    // An operator ends a watch by interrupting it; every line has been written by then.
     std::signal(SIGINT, [](int) { _exit(done); });
     Client::ControlClient client(runDir());
     const Json answer = client.request({{"op", "watch"}, {"path", path_}});
-    streams_.out << Agent::dumpLine(answer.at("value")) << std::endl;
+    printLine(Agent::dumpLine(answer.at("value")));
     client.connection().patienceIs(0);
     while (const auto line = client.connection().readLine()) {
-        streams_.out << *line << std::endl;
+        printLine(*line);
         if (Agent::parseJson(*line).value("event", "") == "overrun") {
-            throw Client::Refused("the agent stopped the watch, which did not keep up");
+            throw Client::Refused("the agent ended the watch, which did not keep up");
         }
     }
+    throw Client::NoAgent("the agent stopped, or closed the connection");
 }
 
 // What `use` makes of the file's text; a file that cannot be read is a fault of the command line.
@@ -209,16 +251,12 @@ void Program::load() {
     const Json config = readConfig(Agent::parseJson);
     const Json answer =
         Client::ControlClient(runDir()).request({{"op", "load"}, {"value", config}});
-    for (const Json& warning : answer.value("warnings", Json::array())) {
-        streams_.err << "warning: " << warning.get<std::string>() << "\n";
-    }
+    printWarnings(answer.value("warnings", Json::array()));
 }
 
 void Program::check() {
     const Agent::ConfigPtr config = readConfig(Agent::readConfigText);
-    for (const std::string& warning : Agent::configWarnings(*config)) {
-        streams_.err << "warning: " << warning << "\n";
-    }
+    printWarnings(Agent::configWarnings(*config));
 }
 
 void Program::save() {
@@ -250,8 +288,8 @@ void Program::ping() {
                  << value.value("platform", "?") << ", pid " << value.value("pid", 0) << "\n";
 }
 
-// In step: a request is sent when the one before has been answered, so that a script may be driven
-// by the answers that it reads.
+// A request is sent when the one before has been answered, so that a script can choose its next
+// request by the answers that it reads.
 void Program::batch() {
     std::ifstream file;
     if (file_ != "-") file.open(file_);
@@ -265,8 +303,8 @@ void Program::batch() {
         for (bool answered = false; !answered;) {
             const auto answer = connection.readLine();
             if (!answer) throw Client::NoAgent("the agent closed the connection");
-            streams_.out << *answer << std::endl;
-            // What a watch of an earlier line reports stands among the answers.
+            printLine(*answer);
+            // The events of a watch in an earlier line come between the answers.
             const Json value = Agent::parseJson(*answer);
             answered = value.contains("ok");
             refusals += answered && value.at("ok") != true;
@@ -285,29 +323,44 @@ void Program::completeWords() {
     }
 }
 
-ExitStatus Program::run(std::vector<std::string> arguments) {
-    auto fail = [this](const std::exception& error, ExitStatus status) {
-        streams_.err << "navctl: " << error.what() << "\n";
-        return status;
-    };
-    std::reverse(arguments.begin(), arguments.end());
+ExitStatus Program::fail(const std::string& reason, ExitStatus status) {
+    if (json_)
+        streams_.err << Agent::dumpLine({{"ok", false}, {"error", reason}}) << "\n";
+    else
+        streams_.err << "navctl: " << reason << "\n";
+    return status;
+}
+
+void Program::execute(std::vector<std::string> arguments) {
     try {
         app_.parse(std::move(arguments));
-        return done;
+    } catch (const CLI::Success& request) {  // --help or --version
+        app_.exit(request, streams_.out, streams_.err);
     } catch (const CLI::ParseError& error) {
-        return app_.exit(error, streams_.out, streams_.err) == 0 ? done : badUsage;
+        throw BadUsage(reasonOf(error, app_) + (json_ ? "" : "; see navctl --help"));
+    }
+    flush();
+}
+
+ExitStatus Program::run(std::vector<std::string> arguments) {
+    // Also for the errors of a command line that cannot be parsed.
+    json_ = std::ranges::count(arguments, "--json") > 0;
+    std::ranges::reverse(arguments);
+    try {
+        execute(std::move(arguments));
+        return done;
     } catch (const Client::NoAgent& error) {
-        return fail(error, noAgent);
-    } catch (const Client::Refused& error) {
-        return fail(error, refused);
+        return fail(error.what(), noAgent);
+    } catch (const Client::NoPermission& error) {
+        return fail(error.what(), noPermission);
     } catch (const BadUsage& error) {
-        return fail(error, badUsage);
+        return fail(error.what(), badUsage);
     } catch (const Agent::RunDirError& error) {
-        return fail(error, badUsage);
+        return fail(error.what(), badUsage);
     } catch (const std::filesystem::filesystem_error& error) {
-        return fail(error, badUsage);
+        return fail(error.what(), badUsage);
     } catch (const std::exception& error) {
-        return fail(error, refused);
+        return fail(error.what(), refused);
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
 #include <string_view>
 
 #include "client/ControlClient.h"
@@ -28,13 +27,6 @@ complete -o nospace -o default -F _navctl navctl
 
 namespace {
 
-// The roots of the tree, which has no object of its own to list them.
-constexpr std::array roots = {
-    "cliConfig",        "pathConfigDir",      "navStatusDir",         "siteGroupStatus",
-    "hwPathStatus",     "ipsecPathConfigDir", "ipsecPathStatusDir",   "navFeaturePolicyDir",
-    "ipStatusDir",      "ip6StatusDir",       "nexthopConfig",        "nexthopStatus",
-    "forwardingStatus", "forwarding6Status",  "routingHwRouteStatus", "navDb"};
-
 // Where the last step of an unfinished path begins: its '/' or '[' outside of any finished key.
 size_t lastStep(std::string_view path) {
     size_t step = 0;
@@ -57,11 +49,11 @@ std::vector<std::string> paths(const std::string& word, const std::string& runDi
     if (!word.empty() && word[0] != '/') return result;
     const size_t step = lastStep(word);
     const std::string parent = word.substr(0, step);
+    Client::ControlClient client(runDir);
     if (parent.empty()) {
-        for (const char* root : roots) result.push_back(std::string("/") + root);
+        for (const Json& root : client.get("/")) result.push_back("/" + root.get<std::string>());
         return result;
     }
-    Client::ControlClient client(runDir);
     const Json value = client.get(parent);
     if (value.is_array()) {
         for (const Json& key : value) {

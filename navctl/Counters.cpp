@@ -97,7 +97,7 @@ void showCounters(const std::string& runDir, bool watch,
         Reading now = readAll(*counters);
         show(compare(before, now));
         before = std::move(now);
-        watch = watch && alive;
+        if (watch && !alive) throw Client::NoAgent("the writer of the counters has stopped");
     } while (watch);
 }
 

@@ -139,11 +139,15 @@ class Products(unittest.TestCase):
         run_dir = self.run_dir()
         crashed = self.agent(run_dir)
         self.assertEqual(os.stat(f"{run_dir}/control.sock").st_mode & 0o777, 0o600)
+        watch = self.start(run_dir, "navctl", "watch", "/cliConfig", stdout=subprocess.PIPE)
+        self.assertTrue(watch.stdout.readline())
         refused = self.run_to_end("nav-agent", "--run-dir", run_dir)
         self.assertEqual(refused.returncode, 1)
         self.assertIn(f"another agent runs there (pid {crashed.pid})", refused.stderr)
         self.assertEqual(self.navctl(run_dir, "ping").returncode, 0, "left alone by the refused one")
         self.stop(crashed, signal.SIGKILL)
+        self.assertEqual(watch.wait(patience), 3)
+        self.assertIn("navctl: the agent stopped", self.errors(run_dir))
         for by in (signal.SIGTERM, signal.SIGINT):
             agent = self.agent(run_dir)
             agent.send_signal(signal.SIGHUP)  # without a file there is nothing to load again

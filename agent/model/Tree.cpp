@@ -1,5 +1,7 @@
 #include "agent/model/Tree.h"
 
+#include <algorithm>
+
 #include "agent/model/DatumJson.h"
 
 namespace Agent {
@@ -212,6 +214,16 @@ std::string Path::text() const {
     for (const auto& [attribute, key] : hops) text += step(*attribute, key ? &*key : nullptr);
     for (const std::string& field : fields) text += "/" + field;
     return text;
+}
+
+bool Path::hasKey() const {
+    return std::ranges::any_of(hops, [](const Hop& hop) { return hop.key.has_value(); });
+}
+
+Json Tree::rootNames() const {
+    Json names = Json::array();
+    for (const Root& root : roots_) names.push_back(root.name);
+    return names;
 }
 
 Path Tree::parse(std::string_view text) const {

@@ -56,6 +56,7 @@ struct Path {
     std::vector<std::string> fields;  // inside a value
 
     std::string text() const;  // in normal form
+    bool hasKey() const;       // names an entry or member, or something inside of one
 };
 
 class Tree {
@@ -66,9 +67,11 @@ class Tree {
 
     // Each throws TreeError.
     Path parse(std::string_view path) const;
-    // Null where there is nothing.
+    // Null if an entity or entry on the way, or the last one, does not exist.
     Json get(const Path& path) const;
     Json get(std::string_view path) const { return get(parse(path)); }
+    // An array of the names of the roots.
+    Json rootNames() const;
     // Gets or creates every entry on the way, then assigns the value.
     void set(std::string_view path, const Json& value);
     // Refused when there is nothing to delete.

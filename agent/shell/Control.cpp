@@ -50,7 +50,13 @@ Answer Control::handle(const std::string& op, const Json& request, Session& sess
 }
 
 Answer Control::get(const Json& request, Session&) {
-    return agent_.tree.get(text(request, "path"));
+    const std::string written = text(request, "path");
+    if (written == "/") return agent_.tree.rootNames();
+    const Path path = agent_.tree.parse(written);
+    Json value = agent_.tree.get(path);
+    // An attribute may have no value now; an entry that has none does not exist.
+    if (value.is_null() && path.hasKey()) throw RequestError(written + ": not found");
+    return value;
 }
 
 Answer Control::set(const Json& request, Session&) {

@@ -1,6 +1,8 @@
 // navctl against an agent made of two real sockets and a scripted handler: what it prints, what it
 // sends, how it ends.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <future>
@@ -84,9 +86,7 @@ class FakeAgent : Agent::RequestHandler {
         loop_ = &loop;
         dir_ = dir;
         Agent::CommandServer command(loop, dir + "/command.sock",
-                                     [this](int descriptor, const std::string& word) {
-                                         dprintf(descriptor, "%s", commands[word].c_str());
-                                     });
+                                     [this](const std::string& word) { return commands[word]; });
         Agent::ControlServer control(loop, dir + "/control.sock", *this);
         listening.set_value();
         loop.run();
@@ -117,7 +117,7 @@ class FakeAgent : Agent::RequestHandler {
 
     std::string dir_;
     Agent::EventLoop* loop_ = nullptr;
-    Agent::EventLoop::Watch flood_;
+    Agent::EventLoop::Registration flood_;
     std::thread thread_;
 };
 
@@ -149,11 +149,18 @@ TEST_F(NavctlTest, ExitStatusSaysWhoIsAtFault) {
     EXPECT_EQ(Agent::parseJson(out), Agent::parseJson(agent->tree["/a"]));
     EXPECT_EQ(run({"get", "/b"}), 1);
     EXPECT_EQ(err, "navctl: no such place\n");
+    EXPECT_EQ(run({"--json", "get", "/b"}), 1);
+    EXPECT_EQ(err, "{\"ok\":false,\"error\":\"no such place\"}\n");
     EXPECT_EQ(out, "");
+    std::ostream full(nullptr);
+    std::istringstream none;
+    std::ostringstream reason;
+    for (const char* command : {"get", "watch", "--help"})
+        EXPECT_EQ(Navctl::run({"--run-dir", dir, command, "/a"}, {none, full, reason}), 1);
+    EXPECT_TRUE(reason.str().starts_with("navctl: standard output: ")) << reason.str();
     // clang-format off
     const std::vector<std::vector<std::string>> wrong = {
-        {}, {"fly"}, {"get"}, {"get", "/a", "/b"}, {"show"}, {"show", "moon"}, {"--fast"},
-        {"show", "sites", "--raw"}, {"trace", "--last", "many"}, {"load", dir + "/none"},
+        {}, {"get"}, {"get", "/a", "/b"}, {"show"}, {"show", "sites", "--raw"}, {"trace", "--last", "many"}, {"load", dir + "/none"},
         {"load", dir}, {"completion", "fish"}, {"batch", dir + "/none"}};
     // clang-format on
     for (const auto& bad : wrong) {
@@ -161,12 +168,21 @@ TEST_F(NavctlTest, ExitStatusSaysWhoIsAtFault) {
         EXPECT_NE(err, "");
         EXPECT_EQ(out, "");
     }
+    EXPECT_EQ(run({"show", "moon"}), 2);
+    EXPECT_EQ(err, "navctl: unknown command \"moon\"; see navctl --help\n");
+    EXPECT_EQ(run({"--fast", "--json"}), 2);
+    EXPECT_EQ(err, "{\"ok\":false,\"error\":\"unknown option \\\"--fast\\\"\"}\n");
     agent.reset();
     for (const std::vector<std::string>& request : std::initializer_list<std::vector<std::string>>{
              {"get", "/a"}, {"show", "paths"}, {"show", "groups"}, {"batch", "-"}, {"ping"}}) {
         EXPECT_EQ(run(request), 3);
         EXPECT_NE(err.find("no agent at"), std::string::npos);
     }
+    const uid_t user = geteuid();
+    user == 0 ? seteuid(65534) : chmod(dir.c_str(), 0);
+    EXPECT_EQ(run({"ping"}), 4);
+    EXPECT_NE(err.find("permission denied: " + dir), std::string::npos) << err;
+    user == 0 ? seteuid(0) : chmod(dir.c_str(), 0700);
     EXPECT_EQ(run({"get", "--help"}), 0);
     agent.emplace(dir);
 }
@@ -298,6 +314,7 @@ TEST_F(NavctlTest, SitesJoinWhatIsConfiguredWithWhatIsUsable) {
 }
 
 TEST_F(NavctlTest, CompletionKnowsCommandsPathsAndKeys) {
+    agent->tree["/"] = R"(["cliConfig","navDb","navStatusDir"])";
     agent->tree["/cliConfig"] = R"({"navConfigured":true,"pathGroupConfig":{}})";
     agent->tree["/cliConfig/pathGroupConfig"] = R"({"internet":{},"in\\]ner":{},"mpls":{}})";
     agent->tree["/cliConfig/pathGroupConfig[internet]"] = R"({"localIntf":["et1"]})";
@@ -307,7 +324,7 @@ TEST_F(NavctlTest, CompletionKnowsCommandsPathsAndKeys) {
              {{"sh"}, "show\n"},
              {{"--json", "show", "p"}, "paths\npeers\npolicies\n"},
              {{"show", "paths", "--r"}, "--raw\n--run-dir\n"},
-             {{"get", "/nav"}, "/navDb\n/navFeaturePolicyDir\n/navStatusDir\n"},
+             {{"get", "/nav"}, "/navDb\n/navStatusDir\n"},
              {{"get", "/cliConfig/"}, "/cliConfig/navConfigured\n/cliConfig/pathGroupConfig\n"},
              {{"set", "/cliConfig/pathGroupConfig[in"},
               "/cliConfig/pathGroupConfig[in\\]ner]\n/cliConfig/pathGroupConfig[internet]\n"},
