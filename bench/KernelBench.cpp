@@ -94,7 +94,7 @@ class Kernel {
     void hears(int patience) {
         pollfd ready{events_->fd(), POLLIN, 0};
         poll(&ready, 1, patience);
-        for (Agent::Linux::Bytes data; events_->receive(data) != NetlinkSocket::Read::empty;) {
+        while (events_->receive([](auto) {}) != NetlinkSocket::Read::empty) {
         }
     }
 

@@ -3,14 +3,14 @@
 #include <linux/rtnetlink.h>
 
 #include "agent/linux/kernel/FibLookup.h"
-#include "agent/linux/kernel/LinkTable.h"
-#include "agent/linux/kernel/NeighbourTable.h"
+#include "agent/linux/kernel/LinkState.h"
+#include "agent/linux/kernel/NeighbourState.h"
 #include "platform/netz/Assert.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace Agent::Linux;
-    LinkTable links;
-    NeighbourTable neighbours;
+    LinkState links;
+    NeighbourState neighbours;
     for (const Message& message : Messages(std::as_bytes(std::span(data, size)))) {
         links.apply(message);
         neighbours.apply(message);

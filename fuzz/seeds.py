@@ -1,20 +1,9 @@
 #!/usr/bin/env python3
-"""Writes the seeds that are no text: messages as a kernel sent them, and shared segments."""
-import re
+"""Writes the seeds of the target shard: shared segments."""
 import struct
 from pathlib import Path
 
 here = Path(__file__).parent
-recorded = (here / "../tests/agent_linux/Recorded.h").read_text()
-
-
-def netlink():
-    for name, text in re.findall(r"string_view (\w+) =((?:\s*\"\w+\")+);", recorded):
-        message = bytes.fromhex(re.sub(r'[\s"]', "", text))
-        (here / "corpus/netlink" / name).write_bytes(message)
-        if name == "addressWa":  # whose second attribute reaches one byte beyond it
-            cut = struct.pack("<I", 39) + message[4:39]
-            (here / "corpus/netlink/addressCut").write_bytes(cut)
 
 
 # As platform/shard/Layout.h says, for ShardFuzz.cpp's maps: keys of 4 bytes and values of 24, or
@@ -52,6 +41,5 @@ def segment(lists):
     (here / "corpus/shard" / ("lists" if lists else "plain")).write_bytes(data)
 
 
-netlink()
 segment(0)
 segment(1)

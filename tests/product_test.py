@@ -213,7 +213,7 @@ class Products(unittest.TestCase):
         agent = self.agent(run_dir, "--platform", "linux", f"--config={run_dir}/config.json",
                            under=enter)
         await_("the path has its route",
-               lambda: "Pending" in self.navctl(run_dir, "show", "paths").stdout)
+               lambda: "Arp Pending" in self.navctl(run_dir, "show", "paths").stdout)
         shown = self.navctl(run_dir, "show", "paths").stdout
         self.assertRegex(shown, r"203\.0\.113\.1 +198\.51\.100\.2 +10\.255\.0\.2 ")
         self.assertEqual(self.stop(agent), 0)

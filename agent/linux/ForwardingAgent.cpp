@@ -22,7 +22,7 @@ void ForwardingAgent::review() {
     paths_.forEach([](VelPathStatusEntry& path) { path.reviewLater(); });
 }
 
-// Null while there is no route.
+// Null without a route.
 const Fec* ForwardingAgent::fecOf(const L3::VrfName& vrfName, const Netz::IpGenAddr& addr) const {
     const Routing::NexthopVrfStatus* vrf = in_.nexthopStatus->vrf(vrfName);
     const Routing::NexthopResult* result = vrf ? vrf->nexthop(addr) : nullptr;
@@ -31,7 +31,7 @@ const Fec* ForwardingAgent::fecOf(const L3::VrfName& vrfName, const Netz::IpGenA
                        : in_.forwardingStatus->fec(result->fecId);
 }
 
-// Returns whether packets can leave to the next hop at once; if not, it is asked for.
+// Returns whether packets can be sent to the next hop at once; if not, has it resolved.
 bool ForwardingAgent::followNexthop(const Neighbour& nexthop) {
     if (!confirmation_.armed()) confirmation_.armIn(confirmInterval);
     if (monitor_.neighbourResolved(nexthop)) return true;
@@ -66,10 +66,10 @@ ForwardingAgent::VelPathStatusEntry::VelPathStatusEntry(PathVrf<ForwardingAgent>
       encapId_(Vel::Subscription::to<&VelPathStatusEntry::reviewLater>(
           path, Nav::PathStatusEntry::encapIdAttr, this)) {}
 
-// Nothing unless the path is resolved and its route stands.
+// Nothing unless the path is resolved and its via is still one of its route's.
 std::optional<Neighbour> ForwardingAgent::VelPathStatusEntry::findNexthop() const {
     const Nav::HwPathInfo& info = path_->pathInfo();
-    if (info.pathState != Nav::PathState::resolved) return {};
+    if (info.pathState != Nav::PathState::resolved || familiesDiffer(path_->key())) return {};
     const Fec* fec = agent_.fecOf(vrf_->vrfName(), path_->key().dstAddr);
     const Interface* interface = agent_.monitor_.interfaces().named(info.via.intfId);
     const auto isTaken = [&](const Via& via) {

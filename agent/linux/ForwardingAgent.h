@@ -1,15 +1,16 @@
-// The forwarding agent of a host whose kernel forwards: tells of each path whether packets could
-// leave by it now. Owned by the platform; on the event thread.
+// The forwarding agent of a host whose kernel forwards: reports of each path whether packets could
+// be sent over it now. Owned by the platform; on the event thread.
 //
-// What always holds once its tasks have run: a path has a hardware entry exactly while it is
-// resolved and its via is one that the route to its destination has; a path whose route has moved
-// to another interface keeps its via, but not its entry. The entry bears the path's index; its ARP
-// index is the index of the next hop's link while the kernel can send to the next hop at once, else
-// 0: neighbours have no numbers in the kernel.
+// Invariant once its tasks have run: a path has a hardware entry exactly while it is resolved and
+// its via is one of the route to its destination; a path whose route has moved to another interface
+// keeps its via, but not its entry. The entry has the path's index; its ARP index is the index of
+// the next hop's link while the kernel can send to the next hop at once, else 0: neighbours have no
+// numbers in the kernel.
 //
 // The kernel resolves a neighbour when it has a packet for it, and gives up after some seconds. So
-// it is told to resolve each next hop in use when that is unresolved, and again every
-// `confirmInterval`, which makes it try anew and find out about a next hop that has fallen silent.
+// the agent has it resolve each next hop in use that is unresolved, and repeats that for all next
+// hops in use every `confirmInterval`: the kernel then tries a failed one again, and finds out
+// about one that has fallen silent.
 #pragma once
 
 #include <chrono>
@@ -28,15 +29,18 @@ class ForwardingAgent {
     // The monitor outlives this.
     ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor);
 
-    // Routes, neighbours or interfaces may be others than before. What tasks that are queued now
-    // make of the paths' status is taken into account.
+    // Call when routes, neighbours or interfaces may have changed. Paths are reviewed in tasks,
+    // after those that are queued now.
     void review();
 
   private:
     class VelPathStatusEntry final : public Vel::Object {
       public:
         VelPathStatusEntry(PathVrf<ForwardingAgent>& vrf, Nav::PathStatusEntry& path);
-        void handleInitialized() { reviewLater(); }
+        void handleInitialized() {
+            traceFamilies(path_->key());
+            reviewLater();
+        }
         void doCleanup() { withdraw(); }
         void reviewLater() { agent_.in_.scheduler->post(review_); }
         const std::optional<Neighbour>& nexthop() const { return nexthop_; }
@@ -50,8 +54,8 @@ class ForwardingAgent {
         ForwardingAgent& agent_;
         const Vel::Ptr<Nav::PathStatus> vrf_;
         const Vel::Ptr<Nav::PathStatusEntry> path_;
-        std::optional<Neighbour> nexthop_;
-        std::optional<Nav::HwPathKey> written_;
+        std::optional<Neighbour> nexthop_;       // set exactly while written_ is
+        std::optional<Nav::HwPathKey> written_;  // the entry's key
         Loom::Task review_;
         Vel::Subscription pathInfo_, encapId_;
     };
@@ -63,8 +67,8 @@ class ForwardingAgent {
 
     const Nav::NavInputs in_;
     KernelMonitor& monitor_;
-    Vel::U32 version_ = 0;
-    std::set<Neighbour> toSolicit_;
+    Vel::U32 version_ = 0;           // of the last entry written
+    std::set<Neighbour> toSolicit_;  // by the next run of solicitation_ or confirmation_
     Loom::Task solicitation_;
     Loom::Timer confirmation_;
     PathReactors<VelPathStatusEntry, ForwardingAgent> paths_;

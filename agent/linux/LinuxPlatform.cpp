@@ -1,8 +1,11 @@
 #include "agent/linux/LinuxPlatform.h"
 
 #include <algorithm>
+#include <set>
 
 #include "agent/linux/ForwardingAgent.h"
+#include "agent/linux/PathRoutes.h"
+#include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/router/NexthopResolver.h"
 #include "agent/router/RouterStatus.h"
 
@@ -10,90 +13,78 @@ namespace Agent::Linux {
 
 namespace {
 
-// After a lookup that got no answer; the event that would have it repeated may be over.
+// After a lookup that failed; no event may come that would have it repeated.
 constexpr Loom::Duration retryDelay = std::chrono::seconds(1);
 
 }  // namespace
 
-class LinuxPlatform::Router {
+// The router's other services, played from the kernel's state.
+class LinuxPlatform::Services {
   public:
-    Router(EventLoop& loop, const Nav::NavInputs& inputs, int receiveBuffer);
+    Services(EventLoop& loop, const Nav::NavInputs& inputs, int receiveBuffer);
 
     const KernelMonitor& monitor() const { return monitor_; }
 
   private:
     void handleInterfaces();
     void handleForwarding();
-    NexthopResolver::Answer lookup(const Routing::NexthopConfig& asked);
-    NexthopResolver::Vias viasOf(const RouteResult& route) const;
+    NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested);
 
     const Nav::NavInputs in_;
     KernelMonitor monitor_;
+    std::set<L3::VrfName> unnumbered_;  // VRFs reported to have no id
     NexthopResolver resolver_;
     ForwardingAgent forwarding_;
     Loom::Timer retry_;
     EventLoop::Registration readable_;
 };
 
-LinuxPlatform::Router::Router(EventLoop& loop, const Nav::NavInputs& inputs, int receiveBuffer)
+LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs, int receiveBuffer)
     : in_(inputs),
       monitor_(*inputs.scheduler, {[this] { handleInterfaces(); }, [this] { handleForwarding(); }},
                receiveBuffer),
-      resolver_(inputs, [this](const Routing::NexthopConfig& asked) { return lookup(asked); }),
+      resolver_(inputs, [this](const auto& requested) { return lookup(requested); }),
       forwarding_(inputs, monitor_),
-      retry_(*inputs.scheduler, Loom::call<&Router::handleForwarding>(*this)),
+      retry_(*inputs.scheduler, Loom::call<&Services::handleForwarding>(*this)),
       readable_(loop.onReadable(monitor_.fd(), [this] { monitor_.handleReadable(); })) {
     monitor_.start();
 }
 
-void LinuxPlatform::Router::handleInterfaces() {
+void LinuxPlatform::Services::handleInterfaces() {
     RouterStatus status;
-    // A device that is named "default" does not stand for the VRF of that name, which comes first.
-    for (const Vrf& vrf : monitor_.interfaces().vrfs) status.vrfIds.emplace(vrf.name, vrf.id);
+    std::set<L3::VrfName> unnumbered;
+    // The VRF "default" comes first; a device of that name adds none.
+    for (const Vrf& vrf : monitor_.interfaces().vrfs) {
+        status.vrfIds.emplace(vrf.name, vrf.id);
+        if (vrf.id != 0 || vrf.index == 0) continue;
+        unnumbered.insert(vrf.name);
+        if (!unnumbered_.contains(vrf.name))
+            DUOLOG(linuxTrace, 3, "VRF ", vrf.name,
+                   " has no id: another VRF has the same routing table");
+    }
+    unnumbered_ = std::move(unnumbered);
     for (const Interface& interface : monitor_.interfaces().interfaces)
         status.interfaces[interface.name] = {interface.vrf.name, interface.primary4,
                                              interface.primary6};
     status.publish(in_);
 }
 
-// What comes of the new results is queued before the paths are reviewed.
-void LinuxPlatform::Router::handleForwarding() {
+// Paths are reviewed after the tasks in which path selection takes up the new results.
+void LinuxPlatform::Services::handleForwarding() {
     resolver_.resolve();
     forwarding_.review();
 }
 
-NexthopResolver::Answer LinuxPlatform::Router::lookup(const Routing::NexthopConfig& asked) {
-    NexthopResolver::Answer answer;
-    std::vector<RouteQuery> queries;
-    std::vector<std::map<Netz::IpGenAddr, NexthopResolver::Vias>*> places;
-    for (const Vrf& vrf : monitor_.interfaces().vrfs) {
-        const auto [place, first] = answer.try_emplace(vrf.name);
-        const Routing::NexthopVrfConfig* config = asked.vrf(vrf.name);
-        if (!first || !config) continue;
-        for (const Netz::IpGenAddr& addr : config->nexthop()) {
-            queries.push_back({addr, vrf.index});
-            places.push_back(&place->second);
-        }
-    }
-    const std::vector<RouteResult> routes = monitor_.lookup(queries);
-    for (size_t i = 0; i < queries.size(); ++i) {
-        if (routes[i].kind == RouteKind::failed) retry_.armIn(retryDelay);
-        if (auto vias = viasOf(routes[i]); !vias.empty())
-            places[i]->emplace(queries[i].destination, std::move(vias));
-    }
-    return answer;
-}
-
-// Empty for a destination that is not forwarded to.
-NexthopResolver::Vias LinuxPlatform::Router::viasOf(const RouteResult& route) const {
-    NexthopResolver::Vias vias;
-    for (const RouteVia& via : route.vias) {
-        // One that has gone or is not known yet brings an event of its own.
-        const Interface* interface = monitor_.interfaces().at(via.ifIndex);
-        if (interface && vias.size() < Shard::Fib::Fec::maxVias)
-            vias.push_back({.hop = via.hop, .intfId = interface->name, .weight = via.weight});
-    }
-    return vias;
+NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(
+    const Routing::NexthopConfig& requested) {
+    const InterfaceView& view = monitor_.interfaces();
+    const std::vector<PathQuery> queries = pathQueries(view, *in_.pathConfigDir, requested);
+    std::vector<RouteQuery> routes;
+    for (const PathQuery& query : queries) routes.push_back(query.route);
+    const std::vector<RouteResult> results = monitor_.lookup(routes);
+    if (std::ranges::count(results, RouteResult::Kind::failed, &RouteResult::kind) != 0)
+        retry_.armIn(retryDelay);
+    return pathVias(view, queries, results);
 }
 
 LinuxPlatform::LinuxPlatform(EventLoop& loop, int receiveBuffer)
@@ -102,15 +93,15 @@ LinuxPlatform::LinuxPlatform(EventLoop& loop, int receiveBuffer)
 LinuxPlatform::~LinuxPlatform() = default;
 
 void LinuxPlatform::start(const Nav::NavInputs& inputs) {
-    router_ = std::make_unique<Router>(loop_, inputs, receiveBuffer_);
+    services_ = std::make_unique<Services>(loop_, inputs, receiveBuffer_);
 }
 
 void LinuxPlatform::stop() {
-    router_.reset();
+    services_.reset();
 }
 
 const KernelMonitor& LinuxPlatform::monitor() const {
-    return router_->monitor();
+    return services_->monitor();
 }
 
 }  // namespace Agent::Linux

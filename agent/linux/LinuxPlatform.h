@@ -1,6 +1,6 @@
-// The host's own kernel as the router around: its interfaces, VRFs, routes and neighbours become
-// the inputs that path selection reads. What is taken from where, and what it takes to run:
-// docs/linux.md.
+// The platform of a router whose forwarding side is the host's own kernel: its interfaces, VRFs,
+// routes and neighbours become the inputs of path selection. What is taken from where, and what it
+// needs to run: docs/linux.md.
 #pragma once
 
 #include <memory>
@@ -13,12 +13,12 @@ namespace Agent::Linux {
 
 class LinuxPlatform final : public Platform {
   public:
-    // The loop outlives this. The receive buffer is the one for the kernel's events, in bytes.
+    // The loop outlives this. `receiveBuffer`: bytes that may be queued of the kernel's events.
     explicit LinuxPlatform(EventLoop& loop,
                            int receiveBuffer = KernelMonitor::defaultReceiveBuffer);
     ~LinuxPlatform() override;
 
-    // Throws Vel::Error where the kernel gives no sockets or its tables cannot be read.
+    // Raises Vel::Error where the kernel gives no sockets or cannot be read.
     void start(const Nav::NavInputs& inputs) override;
     void stop() override;
 
@@ -26,11 +26,11 @@ class LinuxPlatform final : public Platform {
     const KernelMonitor& monitor() const;
 
   private:
-    class Router;
+    class Services;
 
     EventLoop& loop_;
     const int receiveBuffer_;
-    std::unique_ptr<Router> router_;
+    std::unique_ptr<Services> services_;  // null unless started
 };
 
 }  // namespace Agent::Linux

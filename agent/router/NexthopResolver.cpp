@@ -4,6 +4,9 @@
 #include <set>
 #include <tuple>
 
+#include "agent/router/RouterTrace.h"
+#include "platform/netz/Error.h"
+
 namespace Agent {
 
 using Netz::IpGenAddr;
@@ -13,7 +16,7 @@ using Vias = NexthopResolver::Vias;
 
 namespace {
 
-// An address with what it is to go by.
+// A requested address with the vias that it is to have.
 struct Target {
     Routing::NexthopVrfStatus& vrf;
     const IpGenAddr& addr;
@@ -31,87 +34,106 @@ struct ViasLess {
     }
 };
 
-// The ids of the vias that are wanted; 0 for those that have none yet.
+// The FEC id of each list of vias that is wanted; 0: no FEC has these vias.
 using FecIds = std::map<Vias, U64, ViasLess>;
 
-template <class Table>
-FecIds presentFecs(const Table& table, const std::vector<Target>& targets) {
+template <class Fib>
+FecIds presentFecs(const Fib& fib, const std::vector<Target>& targets) {
     FecIds ids;
     for (const Target& target : targets) ids.try_emplace(target.vias, 0);
-    for (const auto& [id, fec] : table.fec())
+    for (const auto& [id, fec] : fib.fec())
         if (const auto wanted = ids.find(fec.vias()); wanted != ids.end()) wanted->second = id;
     return ids;
 }
 
-// Per FEC in use, the vias that all its addresses are to go by; null where these differ.
-std::map<U64, const Vias*> heirs(const std::vector<Target>& targets) {
-    std::map<U64, const Vias*> heirs;
+// Per FEC in use, the vias that all its addresses are to have; null where these differ.
+std::map<U64, const Vias*> commonVias(const std::vector<Target>& targets) {
+    std::map<U64, const Vias*> common;
     for (const Target& target : targets) {
         if (!target.result()) continue;
-        const auto [heir, first] = heirs.try_emplace(target.result()->fecId, &target.vias);
-        if (!first && heir->second && *heir->second != target.vias) heir->second = nullptr;
+        const auto [at, first] = common.try_emplace(target.result()->fecId, &target.vias);
+        if (!first && at->second && *at->second != target.vias) at->second = nullptr;
     }
-    return heirs;
+    return common;
 }
 
-// Makes the targets, all of one address family, go by their vias. Another address that still has a
-// result would be misled meanwhile.
-template <class Table>
-void writeFamily(Table& table, const std::vector<Target>& targets, U64& lastFecId) {
-    FecIds ids = presentFecs(table, targets);
+// Returns whether the FEC has the vias now.
+template <class Fib>
+bool writeFec(Fib& fib, U64 id, const Vias& vias) {
+    try {
+        fib.fecIs(id, vias);
+        return true;
+    } catch (const Vel::Error& error) {
+        const auto* fec = fib.fec(id);
+        if (fec && fec->vias() == vias) throw;  // stored; a subscriber raised the error
+        DUOLOG(routerTrace, 2, "FEC ", id, " was refused by the forwarding table: ", error.what());
+        return false;
+    }
+}
+
+// Publishes the vias of the targets, all of one address family. REQUIRES: no other address of the
+// family has a result. Returns whether some FECs were refused although others have been deleted
+// since, so that another attempt may succeed.
+template <class Fib>
+bool publishFamily(Fib& fib, const std::vector<Target>& targets, U64& lastFecId) {
+    FecIds ids = presentFecs(fib, targets);
     std::set<U64> used;
     for (const auto& [vias, id] : ids) used.insert(id);
-    for (const auto& [fecId, vias] : heirs(targets)) {
+    for (const auto& [fecId, vias] : commonVias(targets)) {
         if (!vias || used.contains(fecId)) continue;
         U64& id = ids.find(*vias)->second;
-        if (id != 0) continue;
-        used.insert(id = fecId);
-        table.fecIs(id, *vias);
+        if (id == 0 && writeFec(fib, fecId, *vias)) used.insert(id = fecId);
     }
+    bool refused = false, freed = false;
     for (auto& [vias, id] : ids) {
-        if (id != 0) continue;
-        used.insert(id = ++lastFecId);
-        table.fecIs(id, vias);
+        if (id == 0 && writeFec(fib, lastFecId + 1, vias)) used.insert(id = ++lastFecId);
+        refused |= id == 0;
     }
-    for (const Target& target : targets)
-        target.vrf.nexthopIs({target.addr, ids.find(target.vias)->second});
-    for (const auto& [id, fec] : table.fec())
-        if (!used.contains(id)) table.fecDel(id);
+    for (const Target& target : targets) {
+        const U64 id = ids.find(target.vias)->second;
+        if (id != 0)
+            target.vrf.nexthopIs({target.addr, id});
+        else
+            target.vrf.nexthopDel(target.addr);
+    }
+    for (const auto& [id, fec] : fib.fec()) {
+        if (used.contains(id)) continue;
+        fib.fecDel(id);
+        freed = true;
+    }
+    return refused && freed;
 }
 
 }  // namespace
-
-NexthopResolver::VelNexthopVrfConfig::VelNexthopVrfConfig(NexthopResolver& owner,
-                                                          Routing::NexthopVrfConfig& config)
-    : resolver(owner),
-      nexthop(Vel::Subscription::to<&NexthopResolver::review>(
-          config, Routing::NexthopVrfConfig::nexthopAttr, &owner)) {}
 
 NexthopResolver::NexthopResolver(const Nav::NavInputs& inputs, Lookup lookup)
     : in_(inputs),
       lookup_(std::move(lookup)),
       resolution_(Loom::call<&NexthopResolver::resolve>(*this)),
-      requests_(*this, *in_.nexthopConfig, Routing::NexthopConfig::vrfAttr) {
+      requests_(*this, *in_.nexthopConfig, Routing::NexthopConfig::vrfAttr),
+      paths_(*this, *in_.pathConfigDir, Nav::PathConfigDir::pathConfigAttr) {
     requests_.initialize();
+    paths_.initialize();
     review();
 }
 
 void NexthopResolver::resolve() {
     const Vel::Hold hold;
-    const Answer answer = lookup_(*in_.nexthopConfig);
+    const ViasByVrf wanted = lookup_(*in_.nexthopConfig);
     Routing::NexthopStatus& status = *in_.nexthopStatus;
     for (const auto& vrf : status.vrf())
-        if (!answer.contains(vrf.vrfName())) status.vrfDel(vrf.vrfName());
+        if (!wanted.contains(vrf.vrfName())) status.vrfDel(vrf.vrfName());
     std::vector<Target> targets, targets6;
-    for (const auto& [name, resolved] : answer) {
+    for (const auto& [name, resolved] : wanted) {
         Routing::NexthopVrfStatus& vrf = status.vrfIs(name);
         for (const Routing::NexthopResult& result : vrf.nexthop())
             if (!resolved.contains(result.addr)) vrf.nexthopDel(result.addr);
         for (const auto& [addr, vias] : resolved)
             (addr.isV6() ? targets6 : targets).push_back({vrf, addr, vias});
     }
-    writeFamily(*in_.forwardingStatus, targets, lastFecId_);
-    writeFamily(*in_.forwarding6Status, targets6, lastFecId_);
+    const bool retry = publishFamily(*in_.forwardingStatus, targets, lastFecId_);
+    const bool retry6 = publishFamily(*in_.forwarding6Status, targets6, lastFecId_);
+    if (retry || retry6) review();
 }
 
 }  // namespace Agent

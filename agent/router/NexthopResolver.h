@@ -1,16 +1,19 @@
-// The routing service of a platform: answers what path selection asks in the next-hop configuration
-// by next-hop status and the two forwarding tables. Where packets go is the platform's to know;
-// this writes down what differs from before. Owned by the platform; on the event thread.
+// The routing service of a platform: answers the requests of the next-hop configuration with
+// next-hop status and the two forwarding tables. The platform looks the vias up; this publishes
+// what changed. Owned by the platform; on the event thread.
 //
-// What always holds once it has resolved: a VRF has a status exactly while the lookup knows it; an
-// address that is asked for there has a result exactly while the lookup gives it vias; the result
-// names the FEC of these vias. All addresses of one family that go by the same vias share a FEC,
-// which goes with the last of them. Ids are not used again.
+// Invariants after each resolution: a VRF has a status exactly while the lookup returns it; a
+// requested address has a result exactly while the lookup returns vias for it, and the result names
+// the FEC of these vias. All addresses of one family with the same vias share a FEC, which is
+// deleted with the last of them. Ids are not used again.
 //
-// When vias change, little is told: a FEC that all its addresses leave for the same vias, as they
-// do when the gateway before them changes, takes these on under its id, and no result changes. Any
-// other address that goes by other vias is told of another FEC, so that no address ever names one
-// with vias that were not and are not its own.
+// When vias change, few notifications are sent: if every address using a FEC moves to the same new
+// vias, as when the gateway before them changes, the FEC keeps its id and takes them, and no result
+// changes. Any other address with new vias gets another FEC, so that no address ever names a FEC
+// with vias that are neither its old nor its new ones.
+//
+// A FEC that a forwarding table refuses, because it is full or broken, is traced; its addresses
+// have no result until a later resolution succeeds.
 #pragma once
 
 #include <functional>
@@ -24,32 +27,41 @@ namespace Agent {
 class NexthopResolver {
   public:
     using Vias = std::vector<Shard::Fib::Via>;
-    // Every VRF there is, with the vias of each address that is asked for and has any. Equal vias
-    // come in equal order.
-    using Answer = std::map<L3::VrfName, std::map<Netz::IpGenAddr, Vias>>;
-    using Lookup = std::function<Answer(const Routing::NexthopConfig& asked)>;
+    // Every VRF of the router, with the vias of each requested address that has any. Equal vias are
+    // in equal order.
+    using ViasByVrf = std::map<L3::VrfName, std::map<Netz::IpGenAddr, Vias>>;
+    using Lookup = std::function<ViasByVrf(const Routing::NexthopConfig& requested)>;
 
+    // The lookup may depend on the configured paths too: it is repeated when one comes or goes.
     NexthopResolver(const Nav::NavInputs& inputs, Lookup lookup);
 
-    // The lookup may answer otherwise than before: looks everything up, now or in a task.
+    // Looks everything up and publishes it, now or in a task.
     void resolve();
     void review() { in_.scheduler->post(resolution_); }
 
   private:
-    struct VelNexthopVrfConfig final : Vel::Object {
-        VelNexthopVrfConfig(NexthopResolver& resolver, Routing::NexthopVrfConfig& config);
+    // Follows a collection of one VRF.
+    template <class Vrf, const auto* attribute>
+    struct VelVrf final : Vel::Object {
+        VelVrf(NexthopResolver& owner, Vrf& vrf)
+            : resolver(owner),
+              elements(Vel::Subscription::to<&NexthopResolver::review>(vrf, *attribute, &owner)) {}
         void handleInitialized() { resolver.review(); }
         void handleDelete() { resolver.review(); }
 
         NexthopResolver& resolver;
-        Vel::Subscription nexthop;
+        Vel::Subscription elements;
     };
+    using VelNexthopVrfConfig =
+        VelVrf<Routing::NexthopVrfConfig, &Routing::NexthopVrfConfig::nexthopAttr>;
+    using VelPathConfig = VelVrf<Nav::PathConfig, &Nav::PathConfig::pathConfigEntryAttr>;
 
     const Nav::NavInputs in_;
     const Lookup lookup_;
     Vel::U64 lastFecId_ = 0;
     Loom::Task resolution_;
     Vel::EntryReactorsOf<VelNexthopVrfConfig, decltype(Routing::NexthopConfig::vrfAttr)> requests_;
+    Vel::EntryReactorsOf<VelPathConfig, decltype(Nav::PathConfigDir::pathConfigAttr)> paths_;
 };
 
 }  // namespace Agent

@@ -1,5 +1,5 @@
-// What the forwarding agents of the platforms have in common: one reactor for each path with a
-// status, in every VRF, as paths, VRFs and the directory itself come and go.
+// What the forwarding agents of the platforms share: one reactor for each path with a status, in
+// every VRF, as paths, VRFs and the directory itself come and go.
 //
 // R is a Vel::Object made from (PathVrf<Owner>&, Nav::PathStatusEntry&); the rules of
 // Vel::EntryReactors hold for it.
@@ -7,11 +7,23 @@
 
 #include <optional>
 
+#include "agent/router/RouterTrace.h"
 #include "nav/root/NavInputs.h"
 
 namespace Agent {
 
-// Whose reactor it is, and the VRF of its path. Lives as long as the reactor.
+// A tunnel's two addresses are of one family, so a path between an IPv4 and an IPv6 address is
+// never programmed. Its reactor says so once.
+inline bool familiesDiffer(const Nav::PathKey& path) {
+    return path.srcAddr.isV4() != path.dstAddr.isV4();
+}
+inline void traceFamilies(const Nav::PathKey& path) {
+    if (familiesDiffer(path))
+        DUOLOG(routerTrace, 4, "Path ", path,
+               " is never usable: source and destination are of different address families");
+}
+
+// The owner of a path's reactor, and the path's VRF. Lives as long as the reactor.
 template <class Owner>
 struct PathVrf {
     Owner& agent;

@@ -1,19 +1,20 @@
 #include "agent/router/RouterStatus.h"
 
+#include <functional>
+
 namespace Agent {
 
 namespace {
 
-template <class Status>
-void publishInterfaces(const RouterStatus& router, Status& status,
-                       Netz::IpAddrWithMask RouterStatus::Interface::*address) {
+template <class Status, class Address>
+void publishInterfaces(const RouterStatus& router, Status& status, Address addressOf) {
     for (const Ip::IpIntfStatus& entry : status.ipIntfStatus())
         if (!router.interfaces.contains(entry.intfId())) status.ipIntfStatusDel(entry.intfId());
     for (const auto& [name, interface] : router.interfaces) {
         const auto write = [&, &interface = interface](Ip::IpIntfStatus& entry) {
             if (entry.vrfName() != interface.vrf) entry.activeAddrWithMaskIs({});
             entry.vrfNameIs(interface.vrf);
-            entry.activeAddrWithMaskIs(interface.*address);
+            entry.activeAddrWithMaskIs(std::invoke(addressOf, interface));
         };
         write(status.ipIntfStatusIs(name, write));
     }
@@ -30,7 +31,7 @@ void RouterStatus::publish(const Nav::NavInputs& inputs) const {
         const auto write = [&, id = id](Routing::Hardware::VrfStatus& vrf) { vrf.vrfIdIs(id); };
         write(vrfs.vrfStatusIs(name, write));
     }
-    publishInterfaces(*this, *inputs.ipStatusDir, &Interface::v4);
+    publishInterfaces(*this, *inputs.ipStatusDir, &Interface::pathAddr);
     publishInterfaces(*this, *inputs.ip6StatusDir, &Interface::v6);
 }
 

@@ -1,5 +1,5 @@
-// What a platform knows of the router's VRFs and interfaces, written into the inputs that tell path
-// selection of them.
+// The router's VRFs and interfaces as a platform knows them, and their publication in the inputs of
+// path selection.
 #pragma once
 
 #include <map>
@@ -11,15 +11,19 @@ namespace Agent {
 struct RouterStatus {
     struct Interface {
         L3::VrfName vrf{"default"};
-        Netz::IpAddrWithMask v4;  // the primary address; zero: none; so is v6
+        Netz::IpAddrWithMask v4;  // the primary address of the family; zero: none
         Netz::IpAddrWithMask v6;
+
+        // The address that paths start from, which ipStatusDir shows. An interface without an IPv4
+        // address offers its IPv6 address, so that IPv6-only links carry paths too.
+        const Netz::IpAddrWithMask& pathAddr() const { return v4.addr.isZero() ? v6 : v4; }
     };
 
-    std::map<L3::VrfName, Vel::U32> vrfIds;  // 0: not known yet, except of "default"
+    std::map<L3::VrfName, Vel::U32> vrfIds;  // 0 of any but "default": no id (yet)
     std::map<Netz::IntfId, Interface> interfaces;
 
-    // Makes the inputs say this, by the changes that it takes and no others, all that goes away
-    // first. An interface is never shown with an address in a VRF where it does not have it.
+    // Writes what differs into the inputs, removals first. An interface is never shown with an
+    // address in a VRF where it does not have it.
     void publish(const Nav::NavInputs& inputs) const;
 };
 

@@ -39,7 +39,7 @@ std::optional<ForwardingAgent::Programme> ForwardingAgent::VelPathStatusEntry::w
     const auto isTaken = [&](const World::Via& via) {
         return via.interface == info.via.intfId && via.gateway == info.via.hop;
     };
-    if (info.pathState != Nav::PathState::resolved ||
+    if (info.pathState != Nav::PathState::resolved || familiesDiffer(key) ||
         std::ranges::none_of(agent_.world_.lookup(vrf_->vrfName(), key.dstAddr), isTaken) ||
         !agent_.world_.neighbourDelay(info.via.intfId, info.via.hop))
         return std::nullopt;

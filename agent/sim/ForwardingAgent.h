@@ -36,7 +36,10 @@ class ForwardingAgent {
     class VelPathStatusEntry final : public Vel::Object {
       public:
         VelPathStatusEntry(PathVrf<ForwardingAgent>& vrf, Nav::PathStatusEntry& path);
-        void handleInitialized() { reviewLater(); }
+        void handleInitialized() {
+            traceFamilies(path_->key());
+            reviewLater();
+        }
         void doCleanup() { withdraw(); }
         void reviewLater() { agent_.scheduler_->post(review_); }
 

@@ -24,7 +24,7 @@ Router::Router(const Nav::NavInputs& inputs, History history)
       history_(std::move(history)),
       start_(inputs.scheduler->now()),
       world_(history_.first),
-      resolver_(inputs, [this](const Routing::NexthopConfig& asked) { return lookup(asked); }),
+      resolver_(inputs, [this](const auto& requested) { return lookup(requested); }),
       peers_(inputs, world_),
       forwarding_(inputs, world_),
       choice_(inputs),
@@ -51,11 +51,11 @@ void Router::publish() {
     status.publish(inputs_);
 }
 
-NexthopResolver::Answer Router::lookup(const Routing::NexthopConfig& asked) const {
-    NexthopResolver::Answer answer;
+NexthopResolver::ViasByVrf Router::lookup(const Routing::NexthopConfig& requested) const {
+    NexthopResolver::ViasByVrf found;
     for (const auto& [name, vrf] : world_.vrfs) {
-        auto& resolved = answer[name];
-        const Routing::NexthopVrfConfig* config = asked.vrf(name);
+        auto& resolved = found[name];
+        const Routing::NexthopVrfConfig* config = requested.vrf(name);
         if (!config) continue;
         for (const Netz::IpGenAddr& addr : config->nexthop()) {
             NexthopResolver::Vias vias;
@@ -64,7 +64,7 @@ NexthopResolver::Answer Router::lookup(const Routing::NexthopConfig& asked) cons
             if (!vias.empty()) resolved.emplace(addr, std::move(vias));
         }
     }
-    return answer;
+    return found;
 }
 
 void Router::handleStep() {

@@ -26,7 +26,7 @@ class Router {
 
   private:
     void publish();
-    NexthopResolver::Answer lookup(const Routing::NexthopConfig& asked) const;
+    NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested) const;
     void handleStep();
     void awaitStep();
 

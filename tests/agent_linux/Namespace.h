@@ -3,10 +3,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,54 +20,44 @@
 
 namespace Agent::Linux {
 
-inline void PrintTo(const RouteResult& result, std::ostream* out) {
-    *out << "kind " << static_cast<int>(result.kind);
-    for (const RouteVia& via : result.vias)
-        *out << " [" << via.hop << " if " << via.ifIndex << " weight " << via.weight << " onLink "
-             << via.onLink << "]";
-}
-
 // Skips where the kernel gives no namespace, with the reason.
 class InNamespace : public testing::Test {
   protected:
     void SetUp() override {
-        if (unshare(CLONE_NEWNET) == 0) return;
         const auto uid = getuid();
+        if (unshare(CLONE_NEWNET) == 0) return;
         if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
             GTEST_SKIP() << "no network namespace: " << std::strerror(errno);
         std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
     }
 
-    // Runs commands of ip(8), one a line; returns whether all went well.
+    // Runs commands of ip(8), one a line, all of them; returns whether all succeeded.
     static bool ip(const std::string& commands, const std::string& enter = "") {
-        FILE* pipe = popen((enter + "ip -batch - 2>&1").c_str(), "w");
-        if (pipe == nullptr) return false;
+        FILE* pipe = popen((enter + "ip -force -batch - 2>&1").c_str(), "w");
         std::fputs(commands.c_str(), pipe);
         return pclose(pipe) == 0;
     }
     static void sysctl(const std::string& path, const char* value) {
         std::ofstream("/proc/sys/net/" + path) << value << std::flush;
     }
-    // Sets a link's IFF_UP to each value in turn, in one send: microseconds apart.
+    // Sets a link's IFF_UP to each value in turn, microseconds apart.
     static void flap(const char* name, std::initializer_list<bool> states) {
-        RequestSocket requests;
-        requests.exchange(
-            states.size(),
-            [&](MessageWriter& writer, uint32_t sequence, size_t i) {
-                ifinfomsg header{};
-                header.ifi_index = static_cast<int>(if_nametoindex(name));
-                header.ifi_flags = states.begin()[i] ? IFF_UP : 0;
-                header.ifi_change = IFF_UP;
-                writer.begin(RTM_NEWLINK, NLM_F_ACK, sequence, header);
-            },
-            [](size_t, const Message& answer) { EXPECT_EQ(errorOf(answer), 0); });
+        const int control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ifreq link{};
+        std::strncpy(link.ifr_name, name, IF_NAMESIZE - 1);
+        EXPECT_EQ(ioctl(control, SIOCGIFFLAGS, &link), 0);
+        for (const bool up : states) {
+            link.ifr_flags = static_cast<short>((link.ifr_flags & ~IFF_UP) | (up ? IFF_UP : 0));
+            EXPECT_EQ(ioctl(control, SIOCSIFFLAGS, &link), 0);
+        }
+        close(control);
     }
     static Netz::IpGenAddr addr(std::string_view text) { return *Netz::IpGenAddr::parse(text); }
 };
 
 struct Monitored {
     explicit Monitored(int receiveBuffer = KernelMonitor::defaultReceiveBuffer)
-        : monitor(scheduler, {[this] { ++interfaceRounds; }, [this] { ++forwardingRounds; }},
+        : monitor(scheduler, {[this] { ++interfaceRounds; }, [this] { handleForwarding(); }},
                   receiveBuffer) {
         monitor.start();
     }
@@ -84,21 +74,26 @@ struct Monitored {
         }
         return true;
     }
-    // Until nothing is left to be done about what has happened so far.
+    // Until the round of lookups that follows what has happened so far, which must lead to one.
     bool settle() {
         const int before = forwardingRounds;
-        return await([&] { return forwardingRounds != before; });
+        return await([&] { return forwardingRounds != before && monitor.settled(); });
     }
 
     Interface named(std::string_view name) const {
-        for (const Interface& interface : monitor.interfaces().interfaces)
-            if (interface.name.str() == name) return interface;
-        return {};
+        const Interface* found = monitor.interfaces().named(Netz::IntfId(name));
+        return found ? *found : Interface();
     }
     std::string primary(std::string_view name) const { return named(name).primary4.stringValue(); }
 
+    void handleForwarding() {
+        ++forwardingRounds;
+        roundAfterRefresh = monitor.counters().refreshes;
+    }
+
     int interfaceRounds = 0;
     int forwardingRounds = 0;
+    uint64_t roundAfterRefresh = 0;  // the number of dumps before the last round
     Loom::MonotonicClock clock;
     Loom::TaskScheduler scheduler{clock};
     KernelMonitor monitor;

@@ -12,6 +12,8 @@ namespace Agent::Linux {
 
 namespace {
 
+using Kind = RouteResult::Kind;
+
 constexpr uint32_t deadFlags = RTNH_F_DEAD | RTNH_F_LINKDOWN;
 
 struct Leg {
@@ -55,46 +57,23 @@ RouteVia viaTo(const Netz::IpGenAddr& destination, std::optional<Netz::IpGenAddr
     return {gateway.value_or(destination), ifIndex, weight, !gateway};
 }
 
-RouteKind kindOf(const Message& refusal) {
+Kind kindOf(const Message& refusal) {
     switch (errorOf(refusal)) {
-        case ENETUNREACH:
-            return RouteKind::noRoute;
-        case EHOSTUNREACH:
-            return RouteKind::unreachable;
-        case EACCES:
-            return RouteKind::prohibited;
-        // A malformed request gives the same error, but with a text.
+        case ENETUNREACH:   // no route
+        case EHOSTUNREACH:  // an unreachable route; also no route by the interface
+        case EACCES:        // a prohibiting route
+            return Kind::unreachable;
+        // A blackhole route; with a text, a malformed request.
         case EINVAL:
-            return refusalText(refusal).empty() ? RouteKind::blackhole : RouteKind::failed;
+            return refusalText(refusal).empty() ? Kind::unreachable : Kind::failed;
         default:
-            return RouteKind::failed;
-    }
-}
-
-RouteKind kindOf(unsigned char routeType) {
-    switch (routeType) {
-        case RTN_UNICAST:
-            return RouteKind::forwarded;
-        case RTN_LOCAL:
-        case RTN_BROADCAST:
-        case RTN_ANYCAST:
-        case RTN_MULTICAST:
-            return RouteKind::local;
-        case RTN_BLACKHOLE:
-            return RouteKind::blackhole;
-        case RTN_UNREACHABLE:
-            return RouteKind::unreachable;
-        case RTN_PROHIBIT:
-            return RouteKind::prohibited;
-        default:
-            return RouteKind::failed;
+            return Kind::failed;
     }
 }
 
 void finish(RouteResult& result) {
-    if (result.kind != RouteKind::forwarded) result.vias.clear();
-    if (result.kind == RouteKind::forwarded && result.vias.empty())
-        result.kind = RouteKind::unreachable;
+    if (result.kind != Kind::forwarded) result.vias.clear();
+    if (result.kind == Kind::forwarded && result.vias.empty()) result.kind = Kind::unreachable;
     if (result.vias.size() == 1) result.vias.front().weight = 1;
     std::ranges::sort(result.vias);
 }
@@ -104,7 +83,7 @@ template <class Objects>
 RouteResult expand(const Objects& objects, uint32_t id, const Netz::IpGenAddr& destination) {
     const auto object = objects.find(id);
     if (object == objects.end()) return {};
-    RouteResult result{object->second.blackhole ? RouteKind::blackhole : RouteKind::forwarded, {}};
+    RouteResult result{object->second.blackhole ? Kind::unreachable : Kind::forwarded, {}};
     auto add = [&](const NexthopObject& nexthop, uint32_t weight) {
         if (nexthop.dead || !nexthop.group.empty()) return;
         RouteVia via = nexthop.via;
@@ -116,7 +95,7 @@ RouteResult expand(const Objects& objects, uint32_t id, const Netz::IpGenAddr& d
     for (const NexthopObject::Member& member : object->second.group) {
         const auto hop = objects.find(member.id);
         if (hop == objects.end()) continue;
-        if (hop->second.blackhole) return {RouteKind::blackhole, {}};  // of a group of one, always
+        if (hop->second.blackhole) return {Kind::unreachable, {}};  // always of a group of one
         add(hop->second, member.weight);
     }
     finish(result);
@@ -125,19 +104,20 @@ RouteResult expand(const Objects& objects, uint32_t id, const Netz::IpGenAddr& d
 
 }  // namespace
 
-RouteAnswer parseRoute(const Message& message, const Netz::IpGenAddr& destination) {
+RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination) {
     if (message.type == NLMSG_ERROR) return {{kindOf(message), {}}, 0};
     const auto header = message.header<rtmsg>();
     if (message.type != RTM_NEWROUTE || !header) return {};
-    RouteAnswer answer{{kindOf(header->rtm_type), {}}, 0};
-    auto& vias = answer.result.vias;
+    RouteReply reply{{header->rtm_type == RTN_UNICAST ? Kind::forwarded : Kind::unreachable, {}},
+                     0};
+    auto& vias = reply.result.vias;
     uint32_t ifIndex = 0;
     bool hasLegs = false;
     std::optional<Netz::IpGenAddr> gateway;
     for (const Attribute& attribute : attributesAfter<rtmsg>(message)) {
         if (auto hop = gatewayOf(attribute, header->rtm_family)) gateway = hop;
         if (attribute.type == RTA_OIF) ifIndex = attribute.u32().value_or(0);
-        if (attribute.type == RTA_NH_ID) answer.nexthopId = attribute.u32().value_or(0);
+        if (attribute.type == RTA_NH_ID) reply.nexthopId = attribute.u32().value_or(0);
         if (attribute.type != RTA_MULTIPATH) continue;
         hasLegs = true;
         for (const Leg& leg : Legs(attribute.data)) {
@@ -152,9 +132,9 @@ RouteAnswer parseRoute(const Message& message, const Netz::IpGenAddr& destinatio
     if (ifIndex != 0 && !hasLegs && (header->rtm_flags & deadFlags) == 0)
         vias.push_back(viaTo(destination, gateway, ifIndex, 1));
     // The kernel names the object and its legs both, unless net.ipv4.nexthop_compat_mode is off.
-    if (hasLegs || ifIndex != 0 || answer.result.kind != RouteKind::forwarded) answer.nexthopId = 0;
-    if (answer.nexthopId == 0) finish(answer.result);
-    return answer;
+    if (hasLegs || ifIndex != 0 || reply.result.kind != Kind::forwarded) reply.nexthopId = 0;
+    if (reply.nexthopId == 0) finish(reply.result);
+    return reply;
 }
 
 NexthopObject parseNexthop(const Message& message) {
@@ -183,7 +163,30 @@ NexthopObject parseNexthop(const Message& message) {
     return object;
 }
 
+// With a source address, the kernel takes the output interface of an IPv6 request as a preference
+// only, so the route by another interface may hide the one asked for; without it, as a condition.
 std::vector<RouteResult> FibLookup::lookup(std::span<const RouteQuery> queries) {
+    std::vector<RouteResult> results = ask(queries);
+    std::vector<size_t> hidden;
+    std::vector<RouteQuery> again;
+    for (size_t i = 0; i < queries.size(); ++i) {
+        const RouteQuery& query = queries[i];
+        auto& [kind, vias] = results[i];
+        if (query.ifIndex == 0 || kind != Kind::forwarded) continue;
+        std::erase_if(vias, [&](const RouteVia& via) { return via.ifIndex != query.ifIndex; });
+        if (!vias.empty()) continue;
+        kind = Kind::unreachable;
+        if (query.destination.isV4() || query.source.isZero()) continue;
+        hidden.push_back(i);
+        again.push_back({query.destination, {}, query.ifIndex});
+    }
+    if (again.empty()) return results;
+    auto found = lookup(again);
+    for (size_t i = 0; i < hidden.size(); ++i) results[hidden[i]] = std::move(found[i]);
+    return results;
+}
+
+std::vector<RouteResult> FibLookup::ask(std::span<const RouteQuery> queries) {
     std::vector<RouteResult> results(queries.size());
     std::vector<uint32_t> ids(queries.size());
     std::vector<uint32_t> unresolved;
@@ -194,17 +197,19 @@ std::vector<RouteResult> FibLookup::lookup(std::span<const RouteQuery> queries) 
             rtmsg header{};
             header.rtm_family = query.destination.isV4() ? AF_INET : AF_INET6;
             header.rtm_dst_len = static_cast<uint8_t>(query.destination.bits());
+            if (!query.source.isZero())
+                header.rtm_src_len = static_cast<uint8_t>(query.source.bits());
             header.rtm_flags = RTM_F_FIB_MATCH;
             writer.begin(RTM_GETROUTE, 0, sequence, header);
             writer.attribute(RTA_DST, query.destination);
-            if (query.vrfIndex != 0) writer.attribute(RTA_OIF, query.vrfIndex);
-            if (query.mark != 0) writer.attribute(RTA_MARK, query.mark);
+            if (!query.source.isZero()) writer.attribute(RTA_SRC, query.source);
+            if (query.ifIndex != 0) writer.attribute(RTA_OIF, query.ifIndex);
         },
         [&](size_t i, const Message& message) {
-            RouteAnswer answer = parseRoute(message, queries[i].destination);
-            results[i] = std::move(answer.result);
-            ids[i] = answer.nexthopId;
-            if (answer.nexthopId != 0) unresolved.push_back(answer.nexthopId);
+            RouteReply reply = parseRoute(message, queries[i].destination);
+            results[i] = std::move(reply.result);
+            ids[i] = reply.nexthopId;
+            if (reply.nexthopId != 0) unresolved.push_back(reply.nexthopId);
         });
     if (unresolved.empty()) return results;
     const Objects objects = nexthops(unresolved);

@@ -1,9 +1,9 @@
-// Asks the kernel where packets to an address go. No copy of its routes is kept: it takes IPv4
-// routes away without telling when a link goes down or a next-hop object is deleted, and an answer
-// costs a few microseconds. So whenever anything changed, look everything up again.
+// Asks the kernel by which next hops it forwards to an address. No copy of its routes is kept: it
+// removes IPv4 routes without notification when a link goes down or a next-hop object is deleted,
+// and a lookup costs a few microseconds. So after any event, look everything up again.
 //
-// The answer is the matching entry of the FIB with all its legs, not the one leg that a flow would
-// take.
+// The kernel is asked for the FIB entry that matches (RTM_F_FIB_MATCH), so that every leg of a
+// multipath route is returned, not the one leg that a flow would take.
 #pragma once
 
 #include <compare>
@@ -17,28 +17,21 @@
 
 namespace Agent::Linux {
 
+// The route of packets to `destination` that leave by one interface from one source address.
+// Without the interface, of several default routes only the one of the lowest metric is seen;
+// without the source address, rules that select by it are not followed.
 struct RouteQuery {
     Netz::IpGenAddr destination;
-    uint32_t vrfIndex = 0;  // of the VRF's device; 0 for the VRF "default"
-    uint32_t mark = 0;      // firewall mark, for policy rules
+    Netz::IpGenAddr source{};  // an address of the host; unspecified: any
+    uint32_t ifIndex = 0;      // its VRF is the one looked up in; 0: any, in the VRF "default"
 
     bool operator==(const RouteQuery&) const = default;
-};
-
-enum class RouteKind : uint8_t {
-    forwarded,
-    local,        // the host's own address, or a broadcast, multicast or anycast address
-    noRoute,      // ENETUNREACH
-    unreachable,  // EHOSTUNREACH, or every leg leaves by a dead link
-    prohibited,   // EACCES
-    blackhole,    // EINVAL
-    failed,       // the question was refused or its answer lost
 };
 
 struct RouteVia {
     Netz::IpGenAddr hop;  // the gateway; the destination itself where the route is on-link
     uint32_t ifIndex = 0;
-    uint32_t weight = 1;  // 1..65536, relative to those of the other vias; 1 if there is none
+    uint32_t weight = 1;  // 1..65536, relative to the other legs of the route; 1 of a single leg
     bool onLink = false;
 
     bool operator==(const RouteVia&) const = default;
@@ -46,22 +39,31 @@ struct RouteVia {
 };
 
 struct RouteResult {
-    RouteKind kind = RouteKind::failed;
+    enum class Kind : uint8_t {
+        forwarded,
+        // No route, or one that forwards nothing: unreachable, prohibited, blackhole, an address of
+        // the host itself, or every leg leaves by a dead link.
+        unreachable,
+        failed,  // the request was refused or its reply lost
+    };
+
+    Kind kind = Kind::failed;
     // Of a forwarded destination, in ascending order, so that equal routes compare equal; otherwise
-    // empty. Legs that leave by a link without carrier are left out.
+    // empty. Legs that leave by a link without carrier, or by another interface than the query's,
+    // are left out.
     std::vector<RouteVia> vias;
 
     bool operator==(const RouteResult&) const = default;
 };
 
-// What one RTM_NEWROUTE or NLMSG_ERROR message answers to a query.
-struct RouteAnswer {
+// What one RTM_NEWROUTE or NLMSG_ERROR message replies to a query.
+struct RouteReply {
     RouteResult result;
-    uint32_t nexthopId = 0;  // of the next-hop object that holds the vias, if the answer does not
+    uint32_t nexthopId = 0;  // of the next-hop object that holds the vias, if the reply does not
 };
-RouteAnswer parseRoute(const Message& message, const Netz::IpGenAddr& destination);
+RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination);
 
-// What one RTM_NEWNEXTHOP message tells of a next-hop object: a group, or a hop of its own.
+// What one RTM_NEWNEXTHOP message says of a next-hop object: a group, or a hop of its own.
 struct NexthopObject {
     struct Member {
         uint32_t id;
@@ -78,11 +80,12 @@ class FibLookup {
   public:
     explicit FibLookup(RequestSocket& requests) : requests_(requests) {}
 
-    // One result per query, in their order.
+    // One result per query, in their order. The requests share system calls.
     std::vector<RouteResult> lookup(std::span<const RouteQuery> queries);
 
   private:
     using Objects = std::map<uint32_t, NexthopObject>;
+    std::vector<RouteResult> ask(std::span<const RouteQuery> queries);
     Objects nexthops(std::span<const uint32_t> ids);
 
     RequestSocket& requests_;

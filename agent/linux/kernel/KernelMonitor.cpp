@@ -17,9 +17,9 @@ namespace Agent::Linux {
 
 namespace {
 
-// Datagrams taken in at a time, so that a flood does not keep the event thread for itself.
-constexpr int readsPerCall = 256;
-// In a row, when the tables change while they are read.
+// Reads, of a batch of datagrams each, before the event thread turns to other work.
+constexpr unsigned readsPerCall = 256 / NetlinkSocket::batch;
+// Dumps in a row, when links or neighbours change while they are dumped.
 constexpr int refreshAttempts = 4;
 
 constexpr unsigned groups[] = {
@@ -39,23 +39,23 @@ KernelMonitor::KernelMonitor(Loom::TaskScheduler& scheduler, Listener listener, 
 }
 
 void KernelMonitor::start() {
-    if (!refresh()) throw Vel::Error("netlink: the kernel's tables cannot be read");
+    if (!refresh()) throw Vel::Error("netlink: the kernel's links and neighbours cannot be read");
 }
 
-void KernelMonitor::handleReadable() {
-    Bytes data;
-    for (int reads = 0; reads < readsPerCall; ++reads) {
-        const auto read = events_.receive(data);
-        if (read == NetlinkSocket::Read::empty) break;
-        if (read == NetlinkSocket::Read::overrun) {
-            handleOverrun();
-        } else if (!overrunAt_) {
-            for (const Message& message : Messages(data)) handleEvent(message);
-        }
+bool KernelMonitor::handleReadable() {
+    const auto take = [this](Bytes data) {
+        if (overrunAt_) return;
+        for (const Message& message : Messages(data)) handleEvent(message);
+    };
+    auto read = NetlinkSocket::Read::data;
+    for (unsigned i = 0; i < readsPerCall && read != NetlinkSocket::Read::empty; ++i) {
+        read = events_.receive(take);
+        if (read == NetlinkSocket::Read::overrun) handleOverrun();
     }
     if (overrunAt_)
         refreshTimer_.armAt(std::min(scheduler_.now() + quietTime, *overrunAt_ + maxQuietWait));
     publishInterfaces();
+    return read == NetlinkSocket::Read::empty && !overrunAt_;
 }
 
 void KernelMonitor::handleEvent(const Message& message) {
@@ -74,7 +74,7 @@ void KernelMonitor::handleEvent(const Message& message) {
             return;
         case RTM_NEWROUTE:
         case RTM_DELROUTE:
-            // A cached exception, such as a path MTU, is no change of the FIB.
+            // A cached exception, such as a path MTU, does not change the FIB.
             if ((message.header<rtmsg>().value_or(rtmsg{}).rtm_flags & RTM_F_CLONED) != 0) return;
             return forwardingChanged();
         case RTM_NEWRULE:
@@ -89,18 +89,24 @@ void KernelMonitor::handleOverrun() {
     ++counters_.overruns;
     if (overrunAt_) return;
     overrunAt_ = scheduler_.now();
-    DUOLOG(linuxTrace, 4, "Kernel events were lost; reading the tables again");
+    DUOLOG(linuxTrace, 4, "Kernel events were lost; links and neighbours are read again");
 }
 
+// The kernel may announce a change before it takes effect. So a round that follows an event at once
+// is followed by another one.
 void KernelMonitor::forwardingChanged() {
     const auto now = scheduler_.now();
     if (!firstChange_) firstChange_ = now;
-    forwardingTimer_.armAt(std::min(now + settleTime, *firstChange_ + maxHold));
+    if (roundAgain_) return;  // a round is due now
+    roundAgain_ = !forwardingTimer_.armed() && now >= lastRound_ + maxHold;
+    forwardingTimer_.armAt(roundAgain_ ? now : std::min(now + settleTime, *firstChange_ + maxHold));
 }
 
 void KernelMonitor::handleForwardingTimer() {
-    firstChange_.reset();
     DUOLOG_ENTRY(linuxTrace);
+    firstChange_.reset();
+    lastRound_ = scheduler_.now();
+    if (std::exchange(roundAgain_, false)) forwardingTimer_.armAt(lastRound_ + settleTime);
     listener_.onForwarding();
 }
 
@@ -114,29 +120,32 @@ void KernelMonitor::handleRefreshTimer() {
 bool KernelMonitor::refresh() {
     int error = EAGAIN;
     for (int attempt = 0; attempt < refreshAttempts && error != 0; ++attempt) {
-        LinkTable links;
-        NeighbourTable neighbours;
-        error = readTables(links, neighbours);
+        LinkState links;
+        NeighbourState neighbours;
+        error = dump(links, neighbours);
         if (error != 0) continue;
         links_ = std::move(links);
         neighbours_ = std::move(neighbours);
     }
     if (error != 0) {
         ++counters_.failedRefreshes;
-        DUOLOG(linuxTrace, 3, "Reading the kernel's tables failed: ", std::strerror(error));
+        DUOLOG(linuxTrace, 3,
+               "Reading the kernel's links and neighbours failed: ", std::strerror(error));
         return false;
     }
     ++counters_.refreshes;
     overrunAt_.reset();
     firstChange_.reset();
+    roundAgain_ = false;
     forwardingTimer_.disarm();
+    lastRound_ = scheduler_.now();
     linksTouched_ = true;
     publishInterfaces();
     listener_.onForwarding();
     return true;
 }
 
-int KernelMonitor::readTables(LinkTable& links, NeighbourTable& neighbours) {
+int KernelMonitor::dump(LinkState& links, NeighbourState& neighbours) {
     auto takeLinks = [&](const Message& message) { links.apply(message); };
     auto takeNeighbours = [&](const Message& message) { neighbours.apply(message); };
     int error = requests_.dump(
@@ -168,10 +177,15 @@ void KernelMonitor::publishInterfaces() {
 }
 
 void KernelMonitor::solicit(std::span<const Neighbour> neighbours) {
+    if (!handleReadable()) return;
+    std::vector<Neighbour> dynamic;
+    for (const Neighbour& neighbour : neighbours)
+        if (neighbours_.dynamic(neighbour) && !links_.needsNoNeighbour(neighbour.ifIndex))
+            dynamic.push_back(neighbour);
     std::string reason;
-    const size_t refused = Linux::solicit(requests_, neighbours, reason);
+    const size_t refused = Linux::solicit(requests_, dynamic, reason);
     if (refused != 0 && counters_.refusedSolicitations == 0)
-        DUOLOG(linuxTrace, 3, "The kernel does not resolve neighbours for us: ", reason);
+        DUOLOG(linuxTrace, 3, "The kernel refuses to resolve neighbours for the agent: ", reason);
     counters_.refusedSolicitations += refused;
 }
 

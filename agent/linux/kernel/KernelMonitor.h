@@ -1,14 +1,14 @@
-// The agent's ear at the kernel: interfaces and neighbours kept in step by events, and word that
+// Follows the kernel: keeps interfaces and neighbours in step with its events, and reports when
 // routes have to be looked up again.
 //
 // The owner watches fd() and calls handleReadable() while it is readable; timers run on the
 // scheduler it gives. All on the event thread. A listener may use the monitor from its callbacks,
 // but not destroy it.
 //
-// What always holds: interfaces() is what was last announced. Changes are taken in in the kernel's
-// order, so that those which cancel out leave what a fresh look at the kernel would show. After an
-// overrun nothing is known to be true until the tables have been read again; until then they stay
-// as they were, and the old state is what is shown.
+// Invariants: interfaces() is the value last announced. Events are applied in the kernel's order,
+// so that changes which cancel out leave what a fresh dump would show. After an overrun the state
+// is out of date until links and neighbours have been dumped again; until then the old state is
+// shown and no neighbour is solicited.
 #pragma once
 
 #include <chrono>
@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "agent/linux/kernel/FibLookup.h"
-#include "agent/linux/kernel/LinkTable.h"
-#include "agent/linux/kernel/NeighbourTable.h"
+#include "agent/linux/kernel/LinkState.h"
+#include "agent/linux/kernel/NeighbourState.h"
 #include "agent/linux/kernel/NetlinkSocket.h"
 #include "platform/loom/TaskScheduler.h"
 
@@ -28,53 +28,61 @@ namespace Agent::Linux {
 
 class KernelMonitor {
   public:
-    // A burst of events leads to one round of lookups: this long after its last event, but not
-    // later than `maxHold` after its first.
-    static constexpr Loom::Duration settleTime = std::chrono::microseconds(500);
+    // The first event of a burst is acted upon at once. What follows is coalesced: the next round
+    // of lookups comes `settleTime` after the last event, `maxHold` after the first one at the
+    // latest. A burst has ended when no round took place for `maxHold`.
+    static constexpr Loom::Duration settleTime = std::chrono::milliseconds(1);
     static constexpr Loom::Duration maxHold = std::chrono::milliseconds(10);
-    // After an overrun the tables are read again when the kernel has been quiet for a while, since
-    // a dump in the middle of a flood leads to the next overrun; but not later than `maxQuietWait`.
+    // After an overrun links and neighbours are dumped when the kernel has been quiet for
+    // `quietTime`, since a dump in the middle of a flood leads to the next overrun; `maxQuietWait`
+    // after the overrun at the latest.
     static constexpr Loom::Duration quietTime = std::chrono::milliseconds(20);
     static constexpr Loom::Duration maxQuietWait = std::chrono::milliseconds(200);
 
     static constexpr int defaultReceiveBuffer = 4 << 20;
 
     struct Listener {
-        // interfaces() is another value than before.
+        // interfaces() has changed.
         std::function<void()> onInterfaces;
-        // Any route, and whether any neighbour is resolved, may be another than before.
+        // Any route may have changed, and any neighbour may have become resolved or unresolved.
         std::function<void()> onForwarding;
     };
     struct Counters {
         uint64_t events = 0;
         uint64_t overruns = 0;
-        uint64_t refreshes = 0;  // of the tables, the one at the start included
+        uint64_t refreshes = 0;  // complete dumps, the one at the start included
         uint64_t failedRefreshes = 0;
         uint64_t refusedSolicitations = 0;
     };
 
-    // Raises Vel::Error where the kernel gives no sockets. Events are heard from here on.
+    // Raises Vel::Error where the kernel gives no sockets. Events are queued from here on.
     KernelMonitor(Loom::TaskScheduler& scheduler, Listener listener,
                   int receiveBuffer = defaultReceiveBuffer);
 
-    // Reads the tables and announces both. Raises Vel::Error if they cannot be read.
+    // Dumps links and neighbours and calls both listeners. Raises Vel::Error if they cannot be
+    // read.
     void start();
 
     int fd() const { return events_.fd(); }
-    // Takes in what has come, a bounded amount at a time.
-    void handleReadable();
+    // Applies queued events, a bounded number of them. Returns whether none is left and none has
+    // been lost, so that the state is the kernel's.
+    bool handleReadable();
 
     const InterfaceView& interfaces() const { return view_; }
     std::vector<RouteResult> lookup(std::span<const RouteQuery> queries) {
         return fib_.lookup(queries);
     }
-    // Whether packets can leave to the neighbour at once, be it that its link needs no resolution.
+    // Whether packets can be sent to the neighbour at once: it is resolved, or its link needs no
+    // link-layer addresses.
     bool neighbourResolved(const Neighbour& neighbour) const {
         return neighbours_.resolved(neighbour) || links_.needsNoNeighbour(neighbour.ifIndex);
     }
-    // Has the kernel start to resolve neighbours. That it is refused is counted, and traced the
-    // first time.
+    // Has the kernel resolve or confirm neighbours. Leaves out entries that an operator has set
+    // (permanent, noarp), since being asked strips them of that state. A refusal is counted, and
+    // traced the first time.
     void solicit(std::span<const Neighbour> neighbours);
+    // Whether no round of lookups and no dump is pending.
+    bool settled() const { return !forwardingTimer_.armed() && !overrunAt_; }
     const Counters& counters() const { return counters_; }
 
   private:
@@ -83,7 +91,7 @@ class KernelMonitor {
     void handleForwardingTimer();
     void handleRefreshTimer();
     bool refresh();
-    int readTables(LinkTable& links, NeighbourTable& neighbours);
+    int dump(LinkState& links, NeighbourState& neighbours);
     void publishInterfaces();
     void forwardingChanged();
 
@@ -92,12 +100,16 @@ class KernelMonitor {
     NetlinkSocket events_;
     RequestSocket requests_;
     FibLookup fib_{requests_};
-    LinkTable links_;
-    NeighbourTable neighbours_;
+    LinkState links_;
+    NeighbourState neighbours_;
     InterfaceView view_;
-    bool linksTouched_ = false;                 // links_ may differ from view_
-    std::optional<Loom::Instant> firstChange_;  // of the burst that onForwarding is due for
-    std::optional<Loom::Instant> overrunAt_;    // events are discarded until the tables are read
+    bool linksTouched_ = false;  // links_ may differ from view_
+    // The first change since the last round; set while a round is due because of it.
+    std::optional<Loom::Instant> firstChange_;
+    Loom::Instant lastRound_{};  // of lookups
+    bool roundAgain_ = false;    // the round that is due is followed by another one
+    // Set from an overrun to the end of the next dump; events are discarded meanwhile.
+    std::optional<Loom::Instant> overrunAt_;
     Loom::Timer forwardingTimer_;
     Loom::Timer refreshTimer_;
     Counters counters_;

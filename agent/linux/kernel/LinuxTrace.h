@@ -1,4 +1,4 @@
-// What the agent's view of the Linux kernel traces under.
+// The trace facility of everything that talks to the Linux kernel.
 #pragma once
 
 #include "platform/trace/Duolog.h"

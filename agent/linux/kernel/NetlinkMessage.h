@@ -1,10 +1,10 @@
-// Netlink messages as bytes: walking what came, writing what goes.
+// Netlink messages as bytes: readers for received messages, a writer for requests.
 //
-// The readers look at memory that somebody else filled. They copy out of it, check every length
-// against what is really there, and end at the first one that does not fit; a value that is missing
-// or too short reads as nothing. So a parser made of them takes any bytes whatever: from the
-// kernel, from a recording, from a fuzzer. Views stay valid as long as the bytes they were made
-// from. Format: RFC 3549, <linux/netlink.h>.
+// The readers work on memory that somebody else filled. They copy out of it, check every length
+// against the bytes present, and end at the first record that does not fit; a value that is missing
+// or too short reads as nothing. So a parser built from them is safe on any bytes: the kernel's, a
+// recording's, a fuzzer's. Views stay valid as long as the bytes they were made from. Format: RFC
+// 3549, <linux/netlink.h>.
 #pragma once
 
 #include <linux/netlink.h>
@@ -39,7 +39,7 @@ std::optional<T> readAs(Bytes bytes) {
 // The address of a family (AF_INET, AF_INET6) whose octets the bytes start with.
 std::optional<Netz::IpGenAddr> readAddr(unsigned family, Bytes bytes);
 
-// What netlink pads messages, their headers and attributes to.
+// The length to which netlink pads messages, their headers and attributes.
 constexpr size_t aligned(size_t size) {
     return (size + 3) & ~size_t{3};
 }
@@ -69,7 +69,7 @@ struct Message {
 };
 
 // A forward range over records that each begin with their own length. `Step` takes the next record
-// off the bytes, or gives nothing when there is none that fits.
+// off the bytes, or yields nothing when none fits.
 template <class Record, std::optional<Record> Step(Bytes& rest)>
 class Records {
   public:
@@ -108,7 +108,7 @@ Attributes attributesAfter(const Message& message) {
     return Attributes(dropFront(message.payload, aligned(sizeof(T))));
 }
 
-// Builds messages one behind the other in one buffer.
+// Builds messages one after the other in one buffer.
 class MessageWriter {
   public:
     template <class Header>

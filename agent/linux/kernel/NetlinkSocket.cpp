@@ -5,6 +5,7 @@
 
 #include <bit>
 #include <cerrno>
+#include <optional>
 #include <string>
 
 #include "platform/netz/Assert.h"
@@ -14,10 +15,10 @@ namespace Agent::Linux {
 
 namespace {
 
-// The kernel hands out at most 32 KiB of a dump and 64 KiB of a single object at a time.
+// The kernel sends at most 32 KiB of a dump and 64 KiB of a single object in one datagram.
 constexpr size_t datagramSize = size_t{64} << 10;
 constexpr int requestReceiveBuffer = 1 << 20;
-// Requests per send. Answers to that many lookups stay well below the receive buffer even where an
+// Requests per send. Replies to that many lookups stay well below the receive buffer even where an
 // unprivileged process gets no larger one than the default of 208 KiB.
 constexpr size_t window = 64;
 
@@ -27,15 +28,35 @@ constexpr size_t window = 64;
 
 }  // namespace
 
+// What one recvmmsg() fills. Pages that no datagram reaches stay untouched, so the unused length of
+// each buffer costs address space only.
+struct NetlinkSocket::Slots {
+    std::unique_ptr<std::byte[]> bytes =
+        std::make_unique_for_overwrite<std::byte[]>(batch * datagramSize);
+    mmsghdr headers[batch] = {};
+    iovec places[batch];
+    sockaddr_nl senders[batch];
+
+    Slots() {
+        for (unsigned i = 0; i < batch; ++i) {
+            places[i] = {bytes.get() + i * datagramSize, datagramSize};
+            headers[i].msg_hdr.msg_iov = &places[i];
+            headers[i].msg_hdr.msg_iovlen = 1;
+            headers[i].msg_hdr.msg_name = &senders[i];
+        }
+    }
+    bool truncated(unsigned i) const { return headers[i].msg_hdr.msg_flags & MSG_TRUNC; }
+};
+
 NetlinkSocket::NetlinkSocket(int receiveBuffer)
     : fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)),
-      buffer_(datagramSize) {
+      slots_(std::make_unique<Slots>()) {
     if (fd_ < 0) refuse("socket");
     const int on = 1;
     bool ready = true;
     for (int option : {NETLINK_GET_STRICT_CHK, NETLINK_EXT_ACK, NETLINK_CAP_ACK})
         ready = ready && setsockopt(fd_, SOL_NETLINK, option, &on, sizeof on) == 0;
-    // A socket without a port of its own is passed over when events are told.
+    // The kernel delivers events only to sockets that have a port of their own.
     sockaddr_nl self{};
     self.nl_family = AF_NETLINK;
     if (!ready || bind(fd_, reinterpret_cast<const sockaddr*>(&self), sizeof self) != 0) {
@@ -56,22 +77,25 @@ void NetlinkSocket::subscribe(unsigned group) {
         refuse("subscribe");
 }
 
-NetlinkSocket::Read NetlinkSocket::receive(Bytes& data) {
-    for (;;) {
-        sockaddr_nl sender{};
-        socklen_t senderSize = sizeof sender;
-        const ssize_t got = recvfrom(fd_, buffer_.data(), buffer_.size(), MSG_TRUNC,
-                                     reinterpret_cast<sockaddr*>(&sender), &senderSize);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) {
-            VEL_ASSERT(errno != EBADF && errno != ENOTSOCK, "netlink socket was closed");
-            return errno == EAGAIN ? Read::empty : Read::overrun;
-        }
-        if (sender.nl_pid != 0) continue;  // not from the kernel
-        if (static_cast<size_t>(got) > buffer_.size()) return Read::overrun;
-        data = Bytes(buffer_).first(static_cast<size_t>(got));
-        return Read::data;
+NetlinkSocket::Read NetlinkSocket::fill(unsigned& count) {
+    for (mmsghdr& header : slots_->headers) header.msg_hdr.msg_namelen = sizeof(sockaddr_nl);
+    int got = 0;
+    do got = recvmmsg(fd_, slots_->headers, batch, 0, nullptr);
+    while (got < 0 && errno == EINTR);
+    if (got < 0) {
+        VEL_ASSERT(errno != EBADF && errno != ENOTSOCK, "netlink socket was closed");
+        return errno == EAGAIN ? Read::empty : Read::overrun;
     }
+    count = static_cast<unsigned>(got);
+    for (unsigned i = 0; i < count; ++i)
+        if (slots_->truncated(i)) return Read::overrun;
+    return Read::data;
+}
+
+// Empty for one that was cut off or does not come from the kernel.
+Bytes NetlinkSocket::datagram(unsigned i) const {
+    if (slots_->truncated(i) || slots_->senders[i].nl_pid != 0) return {};
+    return {slots_->bytes.get() + i * datagramSize, slots_->headers[i].msg_len};
 }
 
 bool NetlinkSocket::send(Bytes data) {
@@ -83,11 +107,11 @@ bool NetlinkSocket::send(Bytes data) {
 
 RequestSocket::RequestSocket() : socket_(requestReceiveBuffer) {}
 
-size_t RequestSocket::exchange(size_t count, const WriteRequest& write, const TakeAnswer& take) {
+size_t RequestSocket::exchange(size_t count, const WriteRequest& write, const TakeReply& take) {
     size_t unanswered = 0;
     for (size_t first = 0; first < count; first += window) {
         const size_t size = std::min(window, count - first);
-        uint64_t open = ~uint64_t{0} >> (window - size);  // a bit per request without an answer
+        uint64_t open = ~uint64_t{0} >> (window - size);  // a bit per request without a reply
         for (uint64_t before = 0; open != 0 && open != before;) {
             before = open;
             const uint32_t base = nextSequence_;
@@ -98,16 +122,15 @@ size_t RequestSocket::exchange(size_t count, const WriteRequest& write, const Ta
                 write(writer_, base + static_cast<uint32_t>(i), first + static_cast<size_t>(i));
             }
             if (!socket_.send(writer_.bytes())) break;
-            Bytes data;
-            for (auto read = socket_.receive(data); read != NetlinkSocket::Read::empty;
-                 read = socket_.receive(data)) {
-                if (read == NetlinkSocket::Read::overrun) continue;
+            const auto takeReplies = [&](Bytes data) {
                 for (const Message& message : Messages(data)) {
                     const uint32_t i = message.sequence - base;
                     if (i >= window || !(open & uint64_t{1} << i)) continue;
                     open &= ~(uint64_t{1} << i);
                     take(first + i, message);
                 }
+            };
+            while (open != 0 && socket_.receive(takeReplies) != NetlinkSocket::Read::empty) {
             }
         }
         unanswered += static_cast<size_t>(std::popcount(open));
@@ -121,22 +144,23 @@ int RequestSocket::dump(const WriteDump& write, const TakeEntry& take) {
     write(writer_, sequence);
     if (!socket_.send(writer_.bytes())) return errno;
     bool interrupted = false;
-    for (Bytes data;;) {
-        const auto read = socket_.receive(data);
+    std::optional<int> done;
+    while (!done) {
+        const auto read = socket_.receive([&](Bytes data) {
+            for (const Message& message : Messages(data)) {
+                if (message.sequence != sequence || done) continue;
+                interrupted |= (message.flags & NLM_F_DUMP_INTR) != 0;
+                if (message.type == NLMSG_DONE || message.type == NLMSG_ERROR)
+                    done = errorOf(message);
+                else
+                    take(message);
+            }
+        });
         if (read == NetlinkSocket::Read::empty) return ENOBUFS;
-        if (read == NetlinkSocket::Read::overrun) {
-            interrupted = true;  // read on: a dump left half read would block the next one
-            continue;
-        }
-        for (const Message& message : Messages(data)) {
-            if (message.sequence != sequence) continue;
-            interrupted |= (message.flags & NLM_F_DUMP_INTR) != 0;
-            if (message.type == NLMSG_ERROR) return errorOf(message);
-            if (message.type == NLMSG_DONE)
-                return errorOf(message) != 0 ? errorOf(message) : interrupted ? EAGAIN : 0;
-            take(message);
-        }
+        // Read on: the kernel starts no other dump on this socket before the end of this one.
+        interrupted |= read == NetlinkSocket::Read::overrun;
     }
+    return *done == 0 && interrupted ? EAGAIN : *done;
 }
 
 int errorOf(const Message& message) {

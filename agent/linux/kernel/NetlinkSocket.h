@@ -1,16 +1,16 @@
-// The two ends at which the agent talks to rtnetlink: a socket that hears events, and one that asks
-// and is answered. They are apart so that an answer never waits behind a flood of events, and a
-// lost event never takes an answer with it.
+// The two ways in which the agent talks to rtnetlink: a socket that receives events, and one that
+// sends requests. They are separate so that a reply never waits behind a flood of events, and lost
+// events never take a reply with them.
 //
-// Single-threaded; nothing here blocks. The kernel answers a request while it is being sent, so
-// whatever has not arrived when the send returns has been lost.
+// Single-threaded; nothing here blocks. The kernel replies to a request while it is being sent, so
+// a reply that has not arrived when the send returns has been lost.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string_view>
-#include <vector>
 
 #include "agent/linux/kernel/NetlinkMessage.h"
 
@@ -20,28 +20,41 @@ namespace Agent::Linux {
 // acknowledgements. Raises Vel::Error where the kernel refuses one.
 class NetlinkSocket {
   public:
-    // `receiveBuffer` in bytes is what the kernel may queue for us, as far as it lets us.
+    // `receiveBuffer`: bytes that the kernel may queue for this socket, cut to net.core.rmem_max
+    // without CAP_NET_ADMIN.
     explicit NetlinkSocket(int receiveBuffer);
     ~NetlinkSocket();
     NetlinkSocket(const NetlinkSocket&) = delete;
     NetlinkSocket& operator=(const NetlinkSocket&) = delete;
 
     int fd() const { return fd_; }
-    // Hears what is told to a group, an RTNLGRP_... number.
+    // Joins a multicast group, an RTNLGRP_... number.
     void subscribe(unsigned group);
 
     enum class Read {
         data,
-        empty,    // nothing more for now
-        overrun,  // something was lost: ENOBUFS, or a datagram too long
+        empty,    // nothing is queued
+        overrun,  // something was lost: ENOBUFS, or a datagram that is too long
     };
-    // The next datagram; `data` is valid until the next call.
-    Read receive(Bytes& data);
+    // Calls take(Bytes) for the datagrams that one system call yields, at most `batch` of them. The
+    // bytes are valid during the call.
+    static constexpr unsigned batch = 64;
+    template <class F>
+    Read receive(F take) {
+        unsigned count = 0;
+        const Read read = fill(count);
+        for (unsigned i = 0; i < count; ++i) take(datagram(i));
+        return read;
+    }
     bool send(Bytes data);
 
   private:
+    struct Slots;
+    Read fill(unsigned& count);
+    Bytes datagram(unsigned i) const;
+
     int fd_;
-    std::vector<std::byte> buffer_;
+    const std::unique_ptr<Slots> slots_;
 };
 
 class RequestSocket {
@@ -50,16 +63,16 @@ class RequestSocket {
 
     // Writes the request of a position, under the sequence number given.
     using WriteRequest = std::function<void(MessageWriter&, uint32_t sequence, size_t position)>;
-    using TakeAnswer = std::function<void(size_t position, const Message&)>;
-    // Puts `count` requests, as many of them in one send as answers are sure to fit the receive
-    // buffer. Each must be one that is answered by a single message. Those whose answer is lost are
-    // put again, so they must also be harmless to repeat. Returns how many stayed unanswered.
-    size_t exchange(size_t count, const WriteRequest& write, const TakeAnswer& take);
+    using TakeReply = std::function<void(size_t position, const Message&)>;
+    // Sends `count` requests, as many in one system call as replies are sure to fit the receive
+    // buffer. Each must be one that the kernel replies to with a single message, and harmless to
+    // repeat: a request whose reply is lost is sent again. Returns how many stayed without a reply.
+    size_t exchange(size_t count, const WriteRequest& write, const TakeReply& take);
 
     using WriteDump = std::function<void(MessageWriter&, uint32_t sequence)>;
     using TakeEntry = std::function<void(const Message&)>;
-    // Reads a table. Returns 0, or the error; EAGAIN if the table changed meanwhile, so that
-    // entries may be missing.
+    // Dumps all objects of a kind. Returns 0 or the error; EAGAIN if they changed meanwhile, so
+    // that some may be missing.
     int dump(const WriteDump& write, const TakeEntry& take);
 
   private:
@@ -71,7 +84,7 @@ class RequestSocket {
 // The error of an NLMSG_ERROR or NLMSG_DONE message as a positive errno value, 0 for an
 // acknowledgement.
 int errorOf(const Message& message);
-// What the kernel says about a request it refused; empty if nothing.
+// The text with which the kernel explains a refusal (NLMSGERR_ATTR_MSG); empty if it gives none.
 std::string_view refusalText(const Message& message);
 
 }  // namespace Agent::Linux

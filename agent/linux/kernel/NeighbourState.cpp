@@ -1,4 +1,4 @@
-#include "agent/linux/kernel/NeighbourTable.h"
+#include "agent/linux/kernel/NeighbourState.h"
 
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
@@ -13,13 +13,15 @@ namespace {
 constexpr uint16_t resolvedStates =
     NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE | NUD_PERMANENT | NUD_NOARP;
 
+constexpr uint16_t operatorStates = NUD_PERMANENT | NUD_NOARP;
+
 }  // namespace
 
-bool NeighbourTable::apply(const Message& message) {
+bool NeighbourState::apply(const Message& message) {
     if (message.type != RTM_NEWNEIGH && message.type != RTM_DELNEIGH) return false;
     const auto header = message.header<ndmsg>();
     if (!header || header->ndm_ifindex <= 0 || (header->ndm_flags & NTF_PROXY) != 0) return false;
-    // Of another family than IPv4 and IPv6 are a bridge's learned stations, which yield no address.
+    // A bridge's learned stations are of another family and yield no address.
     std::optional<Netz::IpGenAddr> addr;
     for (const Attribute& attribute : attributesAfter<ndmsg>(message))
         if (attribute.type == NDA_DST) addr = readAddr(header->ndm_family, attribute.data);
@@ -34,14 +36,17 @@ bool NeighbourTable::apply(const Message& message) {
     return resolved(neighbour) != before;
 }
 
-bool NeighbourTable::resolved(const Neighbour& neighbour) const {
-    return (state(neighbour).value_or(NUD_NONE) & resolvedStates) != 0;
+bool NeighbourState::resolved(const Neighbour& neighbour) const {
+    return (state(neighbour) & resolvedStates) != 0;
 }
 
-std::optional<uint16_t> NeighbourTable::state(const Neighbour& neighbour) const {
+bool NeighbourState::dynamic(const Neighbour& neighbour) const {
+    return (state(neighbour) & operatorStates) == 0;
+}
+
+uint16_t NeighbourState::state(const Neighbour& neighbour) const {
     const auto at = states_.find(neighbour);
-    if (at == states_.end()) return {};
-    return at->second;
+    return at == states_.end() ? uint16_t{NUD_NONE} : at->second;
 }
 
 size_t solicit(RequestSocket& requests, std::span<const Neighbour> neighbours,
@@ -62,7 +67,7 @@ size_t solicit(RequestSocket& requests, std::span<const Neighbour> neighbours,
             ++refused;
             reason = std::strerror(errorOf(message));
         });
-    if (lost != 0) reason = "no answer";
+    if (lost != 0) reason = "no reply";
     return refused + lost;
 }
 

@@ -1,9 +1,8 @@
-// The host's interfaces as the kernel tells of them: links, their addresses, and which VRF they are
-// in. Filled from a dump of links and addresses, then kept in step by applying every event in the
-// order in which it came. Links are keyed by index, since a name may move to another link.
+// The host's interfaces: links, their addresses, and which VRF they are in. Filled by a dump of
+// links and addresses, then kept in step by applying every event in the order in which it came.
+// Links are keyed by index, since a name may move to another link.
 //
-// What it shows is a value, `InterfaceView`, that compares equal when nothing changed that anybody
-// outside could tell.
+// The outside sees a value, `InterfaceView`, that compares equal unless something visible changed.
 #pragma once
 
 #include <compare>
@@ -21,8 +20,10 @@ namespace Agent::Linux {
 
 struct Vrf {
     L3::VrfName name;
-    uint32_t id = 0;     // the number of its routing table
-    uint32_t index = 0;  // of its device, the one to look routes up with; 0 for the VRF "default"
+    // The number of its routing table; 0 of the VRF "default", and of a VRF whose table another
+    // device with a lower index has: that one keeps the number until it is deleted.
+    uint32_t id = 0;
+    uint32_t index = 0;  // of its device; 0 of the VRF "default"
 
     bool operator==(const Vrf&) const = default;
 };
@@ -36,9 +37,8 @@ struct Interface {
     // bridge or bond in between hides the VRF from its ports, which have no addresses of their own.
     Vrf vrf;
     // The longest-standing address of the family that has global scope and is neither secondary,
-    // temporary, tentative, a duplicate, deprecated, nor of 127/8; zero ("0.0.0.0/0") if there is
-    // none. An interface that is not up has none either, so that what is built on its address goes
-    // and comes with the link.
+    // temporary, tentative, a duplicate, deprecated, nor of 127/8; zero ("0.0.0.0/0") without one.
+    // An interface that is not up shows none, so that its paths come and go with the link.
     Netz::IpAddrWithMask primary4;
     Netz::IpAddrWithMask primary6;
 
@@ -49,20 +49,20 @@ struct InterfaceView {
     std::vector<Interface> interfaces;  // by ascending index
     std::vector<Vrf> vrfs;              // "default" first, then by ascending index
 
-    // Null if there is none.
+    // Null if not found.
     const Interface* at(uint32_t index) const;
     const Interface* named(const Netz::IntfId& name) const;
 
     bool operator==(const InterfaceView&) const = default;
 };
 
-class LinkTable {
+class LinkState {
   public:
-    // Takes in a link or address message, of a dump or an event; ignores any other, and any that
+    // Applies a link or address message, of a dump or an event; ignores any other, and any that
     // lacks what it needs.
     void apply(const Message& message);
     InterfaceView view() const;
-    // Whether packets leave this link without a neighbour's link-layer address.
+    // Whether packets leave this link without a neighbour's link-layer address (IFF_NOARP).
     bool needsNoNeighbour(uint32_t index) const;
 
   private:
@@ -73,7 +73,7 @@ class LinkTable {
         uint8_t scope = 0;
     };
     struct Link {
-        Netz::IntfId name;  // empty while only addresses of this link have been heard of
+        Netz::IntfId name;  // empty while only addresses of this link have been announced
         uint32_t flags = 0;
         uint32_t master = 0;
         std::optional<uint32_t> vrfTable;  // of a VRF device
@@ -82,9 +82,9 @@ class LinkTable {
 
     void applyLink(const Message& message);
     void applyAddress(const Message& message);
-    Vrf vrfOf(uint32_t index, const Link& link) const;
+    std::map<uint32_t, Vrf> vrfs() const;
 
-    std::map<uint32_t, Link> links_;
+    std::map<uint32_t, Link> links_;  // by index
 };
 
 }  // namespace Agent::Linux

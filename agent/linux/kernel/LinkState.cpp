@@ -1,4 +1,4 @@
-#include "agent/linux/kernel/LinkTable.h"
+#include "agent/linux/kernel/LinkState.h"
 
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <set>
 
 namespace Agent::Linux {
 
@@ -43,22 +44,22 @@ const Interface* InterfaceView::named(const Netz::IntfId& name) const {
     return found != interfaces.end() ? &*found : nullptr;
 }
 
-void LinkTable::apply(const Message& message) {
+void LinkState::apply(const Message& message) {
     if (message.type == RTM_NEWLINK || message.type == RTM_DELLINK) applyLink(message);
     if (message.type == RTM_NEWADDR || message.type == RTM_DELADDR) applyAddress(message);
 }
 
-void LinkTable::applyLink(const Message& message) {
+void LinkState::applyLink(const Message& message) {
     const auto header = message.header<ifinfomsg>();
-    // Of another family are messages about a port of a bridge, not about the link: one of them
-    // announces that it was deleted when it merely left the bridge.
+    // Messages of another family are about a port of a bridge, not about the link: RTM_DELLINK then
+    // says that the port left the bridge.
     if (!header || header->ifi_family != AF_UNSPEC || header->ifi_index <= 0) return;
     const auto index = static_cast<uint32_t>(header->ifi_index);
     if (message.type == RTM_DELLINK) {
         links_.erase(index);
         return;
     }
-    // Every message gives the whole link: what it does not mention is not there (any more).
+    // Every message describes the whole link: an attribute that is missing has been removed.
     Netz::IntfId name;
     uint32_t master = 0;
     std::optional<uint32_t> vrfTable;
@@ -76,7 +77,7 @@ void LinkTable::applyLink(const Message& message) {
     link.vrfTable = vrfTable;
 }
 
-void LinkTable::applyAddress(const Message& message) {
+void LinkState::applyAddress(const Message& message) {
     const auto header = message.header<ifaddrmsg>();
     if (!header) return;
     const unsigned family = header->ifa_family;
@@ -87,7 +88,7 @@ void LinkTable::applyAddress(const Message& message) {
         if (attribute.type == IFA_ADDRESS) peer = readAddr(family, attribute.data);
         if (attribute.type == IFA_FLAGS) flags = attribute.u32().value_or(flags);
     }
-    if (!local) local = peer;  // IPv6 names no local address where there is no peer
+    if (!local) local = peer;  // IPv6 names a local address only beside a peer
     if (!local || header->ifa_prefixlen > local->bits()) return;
     Address address{{*local, header->ifa_prefixlen}, {}, flags, header->ifa_scope};
     if (local->isV4()) address.peer = peer.value_or(*local);
@@ -110,24 +111,33 @@ void LinkTable::applyAddress(const Message& message) {
     addresses.insert(newestFirst ? addresses.begin() : addresses.end(), address);
 }
 
-Vrf LinkTable::vrfOf(uint32_t index, const Link& link) const {
-    if (link.vrfTable) return {link.name.stringValue(), *link.vrfTable, index};
-    const auto master = links_.find(link.master);
-    if (master == links_.end() || !master->second.vrfTable) return {"default", 0, 0};
-    return {master->second.name.stringValue(), *master->second.vrfTable, link.master};
+// By the index of their devices. Indexes grow, so of two devices with one table the lower index is
+// the older one.
+std::map<uint32_t, Vrf> LinkState::vrfs() const {
+    std::map<uint32_t, Vrf> vrfs;
+    std::set<uint32_t> tables;
+    for (const auto& [index, link] : links_)
+        if (link.vrfTable && !link.name.empty()) {
+            const uint32_t id = tables.insert(*link.vrfTable).second ? *link.vrfTable : 0;
+            vrfs.emplace(index, Vrf{link.name.stringValue(), id, index});
+        }
+    return vrfs;
 }
 
-InterfaceView LinkTable::view() const {
+InterfaceView LinkState::view() const {
+    const Vrf defaultVrf{"default", 0, 0};
+    const std::map<uint32_t, Vrf> vrfs = this->vrfs();
     InterfaceView view;
-    view.vrfs.push_back({"default", 0, 0});
+    view.vrfs.push_back(defaultVrf);
+    for (const auto& [index, vrf] : vrfs) view.vrfs.push_back(vrf);
     for (const auto& [index, link] : links_) {
         if (link.name.empty()) continue;
         Interface interface;
         interface.index = index;
         interface.name = link.name;
         interface.up = (link.flags & upFlags) == upFlags;
-        interface.vrf = vrfOf(index, link);
-        if (link.vrfTable) view.vrfs.push_back(interface.vrf);
+        const auto vrf = vrfs.find(link.vrfTable ? index : link.master);
+        interface.vrf = vrf != vrfs.end() ? vrf->second : defaultVrf;
         for (const Address& address : link.addresses) {
             const Netz::IpGenAddr& local = address.local.addr;
             auto& primary = local.isV4() ? interface.primary4 : interface.primary6;
@@ -140,7 +150,7 @@ InterfaceView LinkTable::view() const {
     return view;
 }
 
-bool LinkTable::needsNoNeighbour(uint32_t index) const {
+bool LinkState::needsNoNeighbour(uint32_t index) const {
     const auto link = links_.find(index);
     return link != links_.end() && (link->second.flags & IFF_NOARP) != 0;
 }

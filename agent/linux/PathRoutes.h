@@ -1,0 +1,36 @@
+// The routes of paths: each configured path is looked up with its own source address and output
+// interface, so that rules by source, default routes of several metrics and the tables of VRFs are
+// followed as the kernel would for its packets. The vias of an address are the union of its paths'.
+//
+// Plain functions, between interfaces and path configuration on one side and the next-hop resolver
+// on the other.
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "agent/linux/kernel/FibLookup.h"
+#include "agent/linux/kernel/LinkState.h"
+#include "agent/router/NexthopResolver.h"
+
+namespace Agent::Linux {
+
+struct PathQuery {
+    L3::VrfName vrf;
+    RouteQuery route;
+
+    bool operator==(const PathQuery&) const = default;
+};
+
+// One query for each path whose destination is requested and whose source address is that of an
+// interface in the path's VRF. None for a path whose families differ.
+std::vector<PathQuery> pathQueries(const InterfaceView& view, const Nav::PathConfigDir& paths,
+                                   const Routing::NexthopConfig& requested);
+
+// The vias of each address by the results of its queries, one per query in their order. Sorted by
+// hop and interface, each pair once; every VRF of the view has an element. A path takes the last
+// via by its own interface, which in this order is the same one as long as it exists.
+NexthopResolver::ViasByVrf pathVias(const InterfaceView& view, std::span<const PathQuery> queries,
+                                    std::span<const RouteResult> results);
+
+}  // namespace Agent::Linux
