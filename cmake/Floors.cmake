@@ -12,9 +12,16 @@ if(NAV_SANITIZE)
     target_compile_options(nav_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 
+# ccache keeps its files in the home directory; a builder's may be missing or read-only.
 find_program(CCACHE ccache)
 if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+    file(WRITE ${PROJECT_BINARY_DIR}/ccache.cpp "")
+    execute_process(COMMAND ${CCACHE} ${CMAKE_CXX_COMPILER} -c ccache.cpp
+                    WORKING_DIRECTORY ${PROJECT_BINARY_DIR} RESULT_VARIABLE ccache_result
+                    OUTPUT_QUIET ERROR_QUIET)
+    if(ccache_result EQUAL 0)
+        set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+    endif()
 endif()
 
 function(nav_floor name)

@@ -1,0 +1,70 @@
+"""What the tests of the whole programs share. Such a test is called with BUILD_DIR SOURCE_DIR, and
+with options of unittest."""
+import contextlib
+import os
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+build, source = (os.path.abspath(argument) for argument in sys.argv[1:3])
+programs = {"nav-agent": f"{build}/agent/host/nav-agent", "navctl": f"{build}/navctl/navctl",
+            "nav-forwarder": f"{build}/forwarder/nav-forwarder"}
+branch = [f"--config={source}/examples/branch/branch.json",
+          f"--world={source}/examples/branch/world.json"]
+patience = 60  # seconds
+
+
+def await_(what, condition):
+    """The first true value of the condition."""
+    end = time.monotonic() + patience
+    while not (value := condition()):
+        if time.monotonic() > end:
+            raise AssertionError(f"waited {patience} s in vain until {what}")
+        time.sleep(0.01)  # between two looks
+    return value
+
+
+class Products(unittest.TestCase):
+    """A case with the programs in run directories of its own; all of them end with it."""
+
+    def setUp(self):
+        self.processes = contextlib.ExitStack()
+        self.addCleanup(self.processes.close)
+
+    def run_dir(self):
+        return self.processes.enter_context(tempfile.TemporaryDirectory(prefix="nav-product-"))
+
+    def start(self, run_dir, program, *arguments, under=(), **options):
+        with open(f"{run_dir}/errors", "w", encoding="utf-8") as errors:
+            process = subprocess.Popen([*under, programs[program], "--run-dir", run_dir, *arguments],
+                                       stderr=errors, text=True, cwd=source, **options)
+        self.processes.callback(process.communicate)
+        self.processes.callback(process.terminate)
+        return process
+
+    def errors(self, run_dir):
+        with open(f"{run_dir}/errors", encoding="utf-8") as file:
+            return file.read()
+
+    def agent(self, run_dir, *arguments, **options):
+        process = self.start(run_dir, "nav-agent", *arguments, **options)
+        await_("the agent answers", lambda: self.navctl(run_dir, "ping").returncode == 0)
+        return process
+
+    def run_to_end(self, program, *arguments, **options):
+        return subprocess.run([programs[program], *arguments], capture_output=True, text=True,
+                              cwd=source, timeout=patience, check=False, **options)
+
+    def navctl(self, run_dir, *arguments, **options):
+        return self.run_to_end("navctl", "--run-dir", run_dir, *arguments, **options)
+
+    def stop(self, process, by=signal.SIGTERM):
+        process.send_signal(by)
+        return process.wait(patience)
+
+
+def main():
+    unittest.main(argv=sys.argv[:1] + sys.argv[3:], verbosity=2)

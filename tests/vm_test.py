@@ -1,0 +1,131 @@
+"""The agent on Debian's own kernel: vm_test.py BUILD_DIR SOURCE_DIR, in the virtual machine of
+scripts/vm.
+
+What needs devices that not every kernel has: VRFs and netem. Each case has a router with WAN ports,
+each wired to a provider of its own, whose gateway is 203.0.113.254.
+"""
+import json
+import subprocess
+
+from products import Products, await_, main
+
+remote = "198.51.100.2"
+site = "10.255.0.2"
+
+
+def ip(commands, netns="router"):
+    """Runs a batch, one command a line."""
+    subprocess.run(["ip", "-n", netns, "-batch", "-"], input=commands, text=True, check=True)
+
+
+class VmTest(Products):
+    def setUp(self):
+        super().setUp()
+        self.make_netns("router")
+        ip("link set lo up")
+        self.directory = self.run_dir()
+
+    def make_netns(self, name):
+        subprocess.run(["ip", "netns", "add", name], check=True)
+        self.processes.callback(subprocess.run, ["ip", "netns", "del", name], check=True)
+
+    def port(self, name):
+        """A WAN port with the address 203.0.113.1/24, which its link to the provider `name` has."""
+        self.make_netns(name)
+        ip(f"link add {name} type veth peer name gateway netns {name}\n"
+           f"link set {name} up\naddr add 203.0.113.1/24 dev {name}")
+        ip("addr add 203.0.113.254/24 dev gateway\nlink set gateway up", name)
+
+    def start_agent(self, *ports):
+        """One with a path group of each port, of the same name, to the same remote address."""
+        groups = {port: {"localIntf": [port], "remoteViaConfig": {site: {"remoteVia": [remote]}}}
+                  for port in ports}
+        with open(f"{self.directory}/config.json", "w", encoding="utf-8") as file:
+            json.dump({"navConfigured": True, "pathGroupConfig": groups}, file)
+        return self.agent(self.directory, "--platform", "linux",
+                          f"--config={self.directory}/config.json",
+                          under=["ip", "netns", "exec", "router"])
+
+    def show(self, *what):
+        return json.loads(self.navctl(self.directory, "--json", *what).stdout)
+
+    def states(self):
+        """The state of each group's path."""
+        return {path["pathGroup"]: path["state"]
+                for path in self.show("show", "paths")["navPathSelPaths"]}
+
+    def vias(self):
+        return {hop["vrf"]: hop["vias"] for hop in self.show("show", "nexthops")}
+
+    def vrf_ids(self):
+        vrfs = self.show("get", "/routingHwRouteStatus/vrfStatus")
+        return {name: vrf["vrfId"] for name, vrf in vrfs.items()}
+
+    def await_states(self, **states):
+        await_(f"the paths are {states}", lambda: self.states() == states)
+
+    def test_vrfs_with_the_same_addresses(self):
+        ip("link add red type vrf table 10\nlink add blue type vrf table 20\n"
+           "link set red up\nlink set blue up")
+        for port, vrf in (("wan1", "red"), ("wan2", "blue")):
+            self.port(port)
+            ip(f"link set {port} master {vrf}\n"
+               f"route add 198.51.100.0/24 via 203.0.113.254 vrf {vrf}")
+        self.start_agent("wan1", "wan2")
+        self.await_states(wan1="Estab", wan2="Estab")
+        self.assertEqual(self.vrf_ids(), {"default": 0, "red": 10, "blue": 20})
+        self.assertEqual(self.vias(), {"red": ["203.0.113.254 wan1"], "blue": ["203.0.113.254 wan2"]})
+        # What happens to one leaves the other alone.
+        ip("route del 198.51.100.0/24 vrf red")
+        self.await_states(wan1="Route Pending", wan2="Estab")
+        ip("link set wan2 down\nroute add 198.51.100.0/24 via 203.0.113.254 vrf red")
+        await_("the path of the link that is down has gone", lambda: "wan2" not in self.states())
+        self.await_states(wan1="Estab")
+
+    def test_a_port_enslaved_and_released(self):
+        ip("link add red type vrf table 10\nlink set red up")
+        self.port("wan1")
+        ip("route add 198.51.100.0/24 via 203.0.113.254")
+        self.start_agent("wan1")
+        self.await_states(wan1="Estab")
+        for command, vrf, table in (("master red", "red", "vrf red"), ("nomaster", "default", "")):
+            # The kernel drops the port's routes when it moves, and announces neither.
+            ip(f"link set wan1 {command}")
+            self.await_states(wan1="Route Pending")
+            ip(f"route add 198.51.100.0/24 via 203.0.113.254 {table}")
+            self.await_states(wan1="Estab")
+            self.assertEqual(self.vias(), {vrf: ["203.0.113.254 wan1"]})
+
+    def test_a_slow_and_lossy_link_stays_up_and_a_silent_gateway_does_not(self):
+        def netem(quality):
+            subprocess.run(["ip", "netns", "exec", "wan1", "tc", "qdisc", "replace", "dev",
+                            "gateway", "root", "netem", *quality.split()], check=True)
+
+        def dropped():
+            shown = subprocess.run(["ip", "netns", "exec", "wan1", "tc", "-s", "-json", "qdisc",
+                                    "show", "dev", "gateway"], capture_output=True, check=True)
+            return json.loads(shown.stdout)[0]["drops"]
+
+        self.port("wan1")
+        ip("route add 198.51.100.0/24 via 203.0.113.254")
+        timers = {"base_reachable_time_ms": 400, "delay_first_probe_time": 1,
+                  "retrans_time_ms": 200, "ucast_solicit": 5, "mcast_solicit": 5}
+        for name, value in timers.items():
+            subprocess.run(["ip", "netns", "exec", "router", "sysctl", "-q",
+                            f"net.ipv4.neigh.wan1.{name}={value}"], check=True)
+        self.start_agent("wan1")
+        self.await_states(wan1="Estab")
+        # Each confirmation that the kernel repeats may be lost; ten in a row hardly.
+        netem("delay 50ms 10ms loss 25%")
+        seen = set()
+        await_("some answers are lost",
+               lambda: seen.update(self.states().values()) or dropped() >= 3)
+        self.assertEqual(seen, {"Estab"})
+        netem("loss 100%")
+        self.await_states(wan1="Arp Pending")
+        netem("delay 50ms")
+        self.await_states(wan1="Estab")
+
+
+if __name__ == "__main__":
+    main()
