@@ -100,7 +100,7 @@ usable = set()  # the paths of each group and site
 
 
 def handle_log(line):
-    match = re.search(r" sim:5 (.*)", line)
+    match = re.search(r" sim:5 \w+: (.*) \(\S+\)$", line.rstrip())  # handler: text (source line)
     if not match:
         print(line, file=sys.stderr)
         return
