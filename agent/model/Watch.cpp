@@ -1,6 +1,7 @@
 #include "agent/model/Watch.h"
 
-#include <map>
+#include <algorithm>
+#include <utility>
 
 #include "agent/model/DatumJson.h"
 
@@ -10,111 +11,179 @@ using Vel::Attribute;
 using Vel::Entity;
 using Kind = Vel::Attribute::Kind;
 
-// One entity that is followed, and those below it. `depth` hops of the path lead here; at the full
-// number everything here and below counts.
-struct Watch::Node {
-    Node(Watch& watch, Entity& entity, size_t depth, std::string path)
-        : watch(watch), entity(entity), depth(depth), path(std::move(path)) {
+namespace {
+
+Watcher::Line lineOf(const std::string& path, Json value) {
+    const char* event = value.is_null() ? "del" : "set";
+    return std::make_shared<const std::string>(
+        dumpLine({{"event", event}, {"path", path}, {"value", std::move(value)}}));
+}
+
+// Whether a path, in normal form, names what another one names or something inside of it.
+bool contains(const std::string& outer, const std::string& path) {
+    return path.starts_with(outer) &&
+           (path.size() == outer.size() || path[outer.size()] == '/' || path[outer.size()] == '[');
+}
+
+}  // namespace
+
+// What is watched in one root.
+struct Watches::Feed {
+    // One path, in normal form, and those who watch it, each once.
+    struct Watch {
+        Path path;
+        std::vector<Watcher*> watchers;
+        Watcher::Line last;  // sent for this path, or what would have told its first value
+    };
+
+    Feed(const Tree& tree, const Root& root) : tree(tree), root(root) { follow(); }
+
+    void follow();
+    template <class Value>
+    void tell(const std::string& path, Value value);
+    void tellValue(const std::string& text, Watch& watch);
+    void send(Watch& watch, const Watcher::Line& line);
+
+    const Tree& tree;
+    const Root& root;
+    std::map<std::string, Watch> watches;
+    std::map<Watcher*, Watcher::Line> sent;  // the last line that each was sent
+    std::unique_ptr<Node> top;               // null while the root has no entity
+};
+
+// One entity that is followed, and those in it.
+struct Watches::Node {
+    Node(Feed& feed, Entity& entity, std::string path)
+        : feed(feed), entity(entity), path(std::move(path)) {
         for (Vel::Ordinal i = 0; i < entity.type().count; ++i) {
             const Attribute& a = entity.type().attributes[i];
-            if (a.kind == Kind::child && relevant(a, {})) follow(i, {});
+            if (a.kind == Kind::child) follow(i, {});
             if (a.kind != Kind::collection) continue;
-            for (const std::string& key : a.keys(entity))
-                if (relevant(a, key)) follow(i, key);
+            for (const std::string& key : a.keys(entity)) follow(i, key);
         }
         changes = entity.subscribeAll(this, [](void* self, const void* key, Vel::Ordinal ordinal) {
             static_cast<Node*>(self)->changed(ordinal, key);
         });
     }
 
-    bool relevant(const Attribute& a, const std::string& key) const {
-        if (depth >= watch.path_.hops.size()) return true;
-        const Path::Hop& hop = watch.path_.hops[depth];
-        return hop.attribute == &a && (!hop.key || *hop.key == key);
-    }
     std::string pathTo(const Attribute& a, const std::string& key) const {
         return path + step(a, a.keyed() ? &key : nullptr);
     }
 
-    // Takes up the entity that now stands there, and lets go of the one that did. Whether there was
-    // any, before or now.
+    // Follows the entity that is there now instead of the one that was. Whether there is or was
+    // any.
     bool follow(Vel::Ordinal ordinal, const std::string& key) {
         const Attribute& a = entity.type().attributes[ordinal];
         Entity* now = a.find(entity, key);
-        auto& node = below[{ordinal, key}];
+        auto& node = inside[{ordinal, key}];
         const bool any = node || now;
         if (node && &node->entity != now) node.reset();
-        if (now && !node) node = std::make_unique<Node>(watch, *now, depth + 1, pathTo(a, key));
-        if (!now) below.erase({ordinal, key});
+        if (now && !node) node = std::make_unique<Node>(feed, *now, pathTo(a, key));
+        if (!now) inside.erase({ordinal, key});
         return any;
     }
 
     void changed(Vel::Ordinal ordinal, const void* keyOfChange) {
         const Attribute& a = entity.type().attributes[ordinal];
         const std::string key = a.keyed() ? a.keyText(keyOfChange) : std::string();
-        if (!relevant(a, key)) return;
-        // An element that came and went before this was read has been told of already.
+        // An element that came and went before this call has been told of already.
         if ((a.kind == Kind::collection || a.kind == Kind::child) && !follow(ordinal, key)) return;
-        if (depth + 1 < watch.path_.hops.size() || !watch.path_.fields.empty())
-            return watch.changedAbove();
-        if (!a.keyed()) return watch.tell(pathTo(a, key), toJson(a.get(entity)));
-        if (a.kind != Kind::collection)
-            return watch.tell(pathTo(a, key), toJson(a.getAt(entity, key).value_or(Vel::Datum{})));
-        const Entity* element = a.find(entity, key);
-        watch.tell(pathTo(a, key), element ? toJson(Vel::toDatum(*element)) : Json());
+        feed.tell(pathTo(a, key), [&] { return valueOf(a, key); });
     }
 
-    Watch& watch;
-    Entity& entity;  // gone when nobody tells of changes any more
-    const size_t depth;
+    Json valueOf(const Attribute& a, const std::string& key) const {
+        if (!a.keyed()) return toJson(a.get(entity));
+        if (a.kind != Kind::collection) return toJson(a.getAt(entity, key).value_or(Vel::Datum{}));
+        const Entity* element = a.find(entity, key);
+        return element ? toJson(Vel::toDatum(*element)) : Json();
+    }
+
+    Feed& feed;
+    Entity& entity;  // not to be used after its owner has notified of its removal
     const std::string path;
-    std::map<std::pair<Vel::Ordinal, std::string>, std::unique_ptr<Node>> below;
+    std::map<std::pair<Vel::Ordinal, std::string>, std::unique_ptr<Node>> inside;
     Vel::Subscription changes;
 };
 
-Watch::Watch(const Tree& tree, Path path, Sink sink)
-    : tree_(tree), path_(std::move(path)), text_(path_.text()), sink_(std::move(sink)) {
-    follow();
-    field_ = valueNow();
-    there_ = !field_.is_null();
-    if (path_.fields.empty()) field_ = nullptr;
+void Watches::Feed::follow() {
+    top.reset();
+    if (Entity* entity = root.entity())
+        top = std::make_unique<Node>(*this, *entity, "/" + root.name);
 }
 
-Watch::~Watch() = default;
-
-void Watch::follow() {
-    if (Entity* entity = path_.root->entity())
-        root_ = std::make_unique<Node>(*this, *entity, 0, "/" + path_.root->name);
-}
-
-void Watch::rootChanged() {
-    Entity* entity = path_.root->entity();
-    if (root_ ? &root_->entity == entity : !entity) return;
-    root_.reset();
-    follow();
-    changedAbove();
-}
-
-Json Watch::valueNow() const {
-    try {
-        return tree_.get(path_);
-    } catch (const TreeError&) {
-        return nullptr;  // a field that the value does not have
+// Sends a change to those who watch it or what it lies in; who watches something inside of what
+// changed is sent the value there.
+template <class Value>
+void Watches::Feed::tell(const std::string& path, Value value) {
+    Watcher::Line line;
+    for (auto& [text, watch] : watches) {
+        if (contains(text, path)) {
+            if (!line) line = lineOf(path, value());
+            send(watch, line);
+        } else if (contains(path, text)) {
+            tellValue(text, watch);
+        }
     }
 }
 
-// Something on the way to the path changed, or the value that it ends in.
-void Watch::changedAbove() {
-    Json now = valueNow();
-    if (now.is_null() && !there_) return;
-    if (!path_.fields.empty() && now == std::exchange(field_, now)) return;
-    tell(text_, std::move(now));
+void Watches::Feed::tellValue(const std::string& text, Watch& watch) {
+    Json now;
+    try {
+        now = tree.get(watch.path);
+    } catch (const TreeError&) {
+        // A field that the value does not have.
+    }
+    send(watch, lineOf(text, std::move(now)));
 }
 
-void Watch::tell(const std::string& path, Json value) {
-    const bool there = !value.is_null();
-    if (path == text_) there_ = there;
-    sink_({{"event", there ? "set" : "del"}, {"path", path}, {"value", std::move(value)}});
+void Watches::Feed::send(Watch& watch, const Watcher::Line& line) {
+    if (watch.last && *watch.last == *line) return;
+    watch.last = line;
+    for (Watcher* watcher : watch.watchers)
+        if (std::exchange(sent[watcher], line) != line) watcher->sendEvent(line);
+}
+
+Watches::Watches(const Tree& tree) : tree_(tree) {}
+
+Watches::~Watches() = default;
+
+Json Watches::add(const Path& path, Watcher& watcher) {
+    Json value = tree_.get(path);
+    auto& feed = feeds_[path.root];
+    if (!feed) feed = std::make_unique<Feed>(tree_, *path.root);
+    const std::string text = path.text();
+    auto [place, isNew] = feed->watches.try_emplace(text, Feed::Watch{path, {}, {}});
+    Feed::Watch& watch = place->second;
+    if (isNew && !path.hops.empty()) watch.last = lineOf(text, value);
+    if (std::ranges::count(watch.watchers, &watcher) == 0) watch.watchers.push_back(&watcher);
+    return value;
+}
+
+void Watches::remove(Watcher& watcher) {
+    for (auto& [root, feed] : feeds_) {
+        feed->sent.erase(&watcher);
+        for (auto& [text, watch] : feed->watches) std::erase(watch.watchers, &watcher);
+        std::erase_if(feed->watches, [](const auto& each) { return each.second.watchers.empty(); });
+    }
+    std::erase_if(feeds_, [](const auto& each) { return each.second->watches.empty(); });
+}
+
+size_t Watches::countOf(const Watcher& watcher) const {
+    size_t count = 0;
+    for (const auto& [root, feed] : feeds_)
+        for (const auto& [text, watch] : feed->watches)
+            count += static_cast<size_t>(std::ranges::count(watch.watchers, &watcher));
+    return count;
+}
+
+void Watches::rootChanged() {
+    for (const auto& [root, feed] : feeds_) {
+        Entity* entity = root->entity();
+        if (feed->top ? &feed->top->entity == entity : !entity) continue;
+        feed->follow();
+        feed->tell("/" + root->name,
+                   [&] { return entity ? toJson(Vel::toDatum(*entity)) : Json(); });
+    }
 }
 
 }  // namespace Agent

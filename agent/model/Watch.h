@@ -1,43 +1,56 @@
-// A watch of the control socket: follows everything at or below a path of the tree and tells of
-// each change as it happens, in the order in which it happens. What is told is read at that moment.
+// Watches of paths of the tree: whoever watches a path is sent every change at or below it as it
+// happens, in the order in which it happens, with the value that is there at that moment.
 //
-// It subscribes to the entities on the way to the path and to all below it, as they come and go;
-// the path need not be there yet. Owned by the session's keeper; lives no longer than the tree.
+// A change becomes one line of JSON, however many watch it, and a watcher is sent it once, however
+// many of its paths it lies under. The same line is never sent twice in a row for one path, which
+// it would be when a subscriber that was called earlier set the value once more.
+//
+// Each root that is watched is followed whole: every entity in it, as they come and go, so a path
+// need not exist yet. Owned by Control; lives no longer than the tree; on the event thread.
 #pragma once
 
-#include <functional>
+#include <map>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "agent/model/Tree.h"
 
 namespace Agent {
 
-class Watch {
+class Watcher {
   public:
-    // {"event":"set"|"del","path":…,"value":…}; the value of a "del" is null.
-    using Sink = std::function<void(const Json& event)>;
+    // {"event":"set"|"del","path":…,"value":…} without a newline; the value of a "del" is null.
+    using Line = std::shared_ptr<const std::string>;
 
-    Watch(const Tree& tree, Path path, Sink sink);
-    ~Watch();
+    // Called from within notifications: must not change the tree or the watches.
+    virtual void sendEvent(const Line& line) = 0;
 
-    // A root comes and goes without any entity telling of it, so its keeper says that it may have.
+  protected:
+    ~Watcher() = default;
+};
+
+class Watches {
+  public:
+    explicit Watches(const Tree& tree);
+    ~Watches();
+
+    // Watches the path from now on and returns its value, null if nothing is there.
+    Json add(const Path& path, Watcher& watcher);
+    // Ends all watches of the watcher.
+    void remove(Watcher& watcher);
+    // How many paths the watcher watches.
+    size_t countOf(const Watcher& watcher) const;
+
+    // The entity of a root may have come, gone or been replaced, of which no entity notifies.
     void rootChanged();
 
   private:
     struct Node;
-
-    void follow();
-    void changedAbove();
-    Json valueNow() const;
-    void tell(const std::string& path, Json value);
+    struct Feed;
 
     const Tree& tree_;
-    const Path path_;
-    const std::string text_;
-    const Sink sink_;
-    bool there_;  // whether there was anything at the path when that was last told
-    Json field_;  // the last value, of a path that ends inside a value
-    std::unique_ptr<Node> root_;
+    std::map<const Root*, std::unique_ptr<Feed>> feeds_;  // of the roots that are watched
 };
 
 }  // namespace Agent

@@ -28,16 +28,13 @@ Answer warned(std::vector<std::string> warnings) {
 
 }  // namespace
 
-// The root reactor subscribed before, so the container has come or gone when the handler runs.
+// The root reactor subscribed before, so the container, and with it /navDb, has come or gone when
+// the watches are called.
 Control::Control(Controlled agent)
     : agent_(std::move(agent)),
-      navConfigured_(Vel::Subscription::to<&Control::handleNavConfigured>(
-          agent_.config, Nav::NavCliConfig::navConfiguredAttr, this)) {}
-
-void Control::handleNavConfigured() {
-    for (const auto& [session, watches] : watches_)
-        for (const auto& watch : watches) watch->rootChanged();
-}
+      watches_(agent_.tree),
+      navConfigured_(Vel::Subscription::to<&Watches::rootChanged>(
+          agent_.config, Nav::NavCliConfig::navConfiguredAttr, &watches_)) {}
 
 Answer Control::handle(const std::string& op, const Json& request, Session& session) {
     static const std::map<std::string, Answer (Control::*)(const Json&, Session&)> operations = {
@@ -107,13 +104,10 @@ Answer Control::show(const Json& request, Session&) {
 
 Answer Control::watch(const Json& request, Session& session) {
     const Path path = agent_.tree.parse(text(request, "path"));
-    auto& watches = watches_[&session];
-    if (watches.size() == maxWatches)
+    if (watches_.countOf(session) == maxWatches)
         throw RequestError("a client watches at most " + std::to_string(maxWatches) + " paths");
-    Json value = agent_.tree.get(path);
-    watches.push_back(std::make_unique<Watch>(
-        agent_.tree, path, [&session](const Json& event) { session.sendEvent(event); }));
-    return value;
+    session.startEvents();
+    return watches_.add(path, session);
 }
 
 Answer Control::trace(const Json& request, Session&) {

@@ -6,8 +6,6 @@
 #pragma once
 
 #include <functional>
-#include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,7 +34,7 @@ class Control final : public RequestHandler {
     explicit Control(Controlled agent);
 
     Answer handle(const std::string& op, const Json& request, Session& session) override;
-    void sessionClosed(Session& session) override { watches_.erase(&session); }
+    void sessionClosed(Session& session) override { watches_.remove(session); }
 
     // Makes the configuration the running one and returns the warnings about it.
     std::vector<std::string> load(ConfigPtr wanted);
@@ -53,10 +51,9 @@ class Control final : public RequestHandler {
     Answer ping(const Json& request, Session& session);
 
     Answer change(const std::string& path, const std::function<void(Tree&)>& make);
-    void handleNavConfigured();
 
     const Controlled agent_;
-    std::map<Session*, std::vector<std::unique_ptr<Watch>>> watches_;
+    Watches watches_;
     Vel::Subscription navConfigured_;
 };
 

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <new>
 #include <optional>
 
@@ -26,8 +27,11 @@ class ControlServer::Client final : public Session {
   public:
     Client(ControlServer& server, int descriptor);
 
-    void sendEvent(const Json& event) override;
+    void sendEvent(const Line& line) override;
+    void startEvents() override;
     void send(const std::string& line);
+    bool watches() const { return watches_; }
+    bool idle() { return !watches_ && evbuffer_get_length(output()) == 0; }
 
   private:
     evbuffer* input() { return bufferevent_get_input(stream_.get()); }
@@ -41,8 +45,9 @@ class ControlServer::Client final : public Session {
     ControlServer& server_;
     std::unique_ptr<bufferevent, void (*)(bufferevent*)> stream_;
     EventLoop::Registration again_;
-    bool atEnd_ = false;    // the client will send no more; what it sent is still answered
-    bool closing_ = false;  // nothing is taken or added any more; what is written is still sent
+    bool watches_ = false;
+    bool atEnd_ = false;    // the client sends no more; what it has sent is still answered
+    bool closing_ = false;  // no requests and events any more; what is written is still sent
 };
 
 ControlServer::Client::Client(ControlServer& server, int descriptor)
@@ -68,18 +73,26 @@ void ControlServer::Client::send(const std::string& line) {
     evbuffer_add(output(), "\n", 1);
 }
 
-void ControlServer::Client::sendEvent(const Json& event) {
+void ControlServer::Client::startEvents() {
+    if (watches_) return;
+    if (server_.watchers_ == server_.limits_.watchers)
+        throw RequestError("at most " + std::to_string(server_.watchers_) +
+                           " clients can watch at the same time");
+    ++server_.watchers_;
+    watches_ = true;
+}
+
+void ControlServer::Client::sendEvent(const Line& line) {
     if (closing_) return;
-    const std::string line = dumpLine(event);
-    if (evbuffer_get_length(output()) + line.size() <= server_.limits_.eventBytes) {
-        send(line);
+    if (evbuffer_get_length(output()) + line->size() <= server_.limits_.eventBytes) {
+        send(*line);
     } else {
         closing_ = true;
         send(R"({"event":"overrun"})");
     }
 }
 
-// The next whole line; at the end of the stream also what stands there without a newline.
+// The next whole line; at the end of the stream also one without a newline.
 std::optional<std::string> ControlServer::Client::takeLine() {
     const evbuffer_ptr newline = evbuffer_search_eol(input(), nullptr, nullptr, EVBUFFER_EOL_LF);
     const size_t held = evbuffer_get_length(input());
@@ -101,10 +114,11 @@ void ControlServer::Client::answerSome() {
             closing_ = true;
             return;
         }
+        server_.used(*this);
         const std::string answer = server_.answer(*line, *this);
         if (!closing_) send(answer);
     }
-    // Let the others have their turn; a congested client is called again when it has read.
+    // The other clients take their turns; a congested client is called again when it has read.
     if (!closing_ && !congested()) {
         again_ = server_.loop_.onTimer(std::chrono::nanoseconds{0}, [this] { advance(); });
     }
@@ -135,18 +149,32 @@ ControlServer::~ControlServer() {
 }
 
 void ControlServer::accepted(int descriptor) {
-    if (clients_.size() < limits_.clients) {
+    if (clients_.size() < limits_.clients || makeRoom()) {
         clients_.push_back(std::make_unique<Client>(*this, descriptor));
         return;
     }
-    // Fits the empty send buffer of a new connection; who does not read it is none the worse.
+    // Fits the empty send buffer of a new connection.
     const std::string line = refusal("too many clients") + "\n";
     ::send(descriptor, line.data(), line.size(), MSG_NOSIGNAL);
     ::close(descriptor);
 }
 
+bool ControlServer::makeRoom() {
+    const auto idle = std::ranges::find_if(clients_, [](const auto& each) { return each->idle(); });
+    if (idle == clients_.end()) return false;
+    close(**idle);
+    return true;
+}
+
+void ControlServer::used(const Client& client) {
+    const auto place =
+        std::ranges::find_if(clients_, [&](const auto& each) { return each.get() == &client; });
+    clients_.splice(clients_.end(), clients_, place);
+}
+
 void ControlServer::close(Client& client) {
     handler_.sessionClosed(client);
+    if (client.watches()) --watchers_;
     std::erase_if(clients_, [&](const auto& each) { return each.get() == &client; });
 }
 
@@ -160,7 +188,7 @@ std::string ControlServer::answer(const std::string& line, Client& client) {
         if (op == request.end() || !op->is_string()) throw RequestError("op: a word is needed");
         loop_.settle();
         Answer answer = handler_.handle(*op, request, client);
-        // The value that a watch begins with is older than what happens from here on.
+        // A watch's first value is written before the events of what is due now.
         if (*op != "watch") loop_.settle();
         reply["ok"] = true;
         reply["value"] = std::move(answer.value);

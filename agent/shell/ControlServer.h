@@ -2,14 +2,16 @@
 // them, keeps every client within its bounds, and hands the requests to the agent's handler one at
 // a time. Owned by HostAgent; runs on the event thread.
 //
-// What always holds:
+// Invariants:
 // - Requests of one client are answered in their order; answers and events share its stream in the
 //   order in which they happened.
 // - When an answer is written, everything that the request set off has run.
 // - No client delays another for long: requests are taken in small batches, nothing blocks.
-// - What a client makes the agent hold is bounded: an unfinished line by Limits::lineBytes, unread
-//   answers by pausing it above Limits::answerBytes, unread events by Limits::eventBytes, beyond
-//   which it is told {"event":"overrun"} and let go.
+// - The memory that a client occupies is bounded: an unfinished line by Limits::lineBytes, unread
+//   answers by pausing the client above Limits::answerBytes, unread events by Limits::eventBytes,
+//   beyond which it is sent {"event":"overrun"} and closed.
+// - A new client finds a place: no more than Limits::watchers keep one without using it, and when
+//   all places are taken, the client that has been idle longest is closed.
 #pragma once
 
 #include <chrono>
@@ -20,31 +22,33 @@
 #include <vector>
 
 #include "agent/base/Json.h"
+#include "agent/model/Watch.h"
 #include "agent/shell/EventLoop.h"
 #include "agent/shell/Listener.h"
 
 namespace Agent {
 
-// A request that is refused: the message becomes the answer's "error".
+// Refuses a request: the message becomes the answer's "error".
 class RequestError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// What is sent back to a request that was carried out.
+// What a request that was carried out is answered.
 struct Answer {
     Answer(Json value = nullptr) : value(std::move(value)) {}
 
     Json value;
-    std::vector<std::string> warnings;  // a member of the answer if there are any
+    std::vector<std::string> warnings;  // left out if empty
 };
 
-// The client of a request, to which events can be sent for as long as it is there.
-class Session {
+// The client of a request. Events can be sent to it until sessionClosed(); they are dropped once it
+// has fallen behind.
+class Session : public Watcher {
   public:
-    // Takes effect at once and calls nobody back. What is sent to a session that fell behind is
-    // dropped.
-    virtual void sendEvent(const Json& event) = 0;
+    // Called before the first event: keeps the client's place while it is idle. Throws RequestError
+    // if Limits::watchers do so already.
+    virtual void startEvents() = 0;
 
   protected:
     ~Session() = default;
@@ -53,10 +57,10 @@ class Session {
 class RequestHandler {
   public:
     virtual ~RequestHandler() = default;
-    // Carries out one request. Any exception refuses it, RequestError for one; a refused request
-    // must have changed nothing. `request` is an object; `op` is its member of that name.
+    // Carries out one request. Any exception refuses it; a refused request must have changed
+    // nothing. `request` is an object; `op` is its member of that name.
     virtual Answer handle(const std::string& op, const Json& request, Session& session) = 0;
-    // The session goes; it must not be used any more.
+    // The session is destroyed next.
     virtual void sessionClosed(Session& session) = 0;
 };
 
@@ -66,8 +70,9 @@ class ControlServer {
         size_t lineBytes = 1 << 20;
         size_t answerBytes = 1 << 20;
         size_t eventBytes = 4 << 20;
-        size_t clients = 64;
-        std::chrono::milliseconds stuck{30000};  // a client that takes nothing for so long goes
+        size_t clients = 128;
+        size_t watchers = 96;
+        std::chrono::milliseconds stuck{30000};  // closes a client that takes nothing for so long
     };
 
     ControlServer(EventLoop& loop, std::string path, RequestHandler& handler)
@@ -79,13 +84,16 @@ class ControlServer {
     class Client;
 
     void accepted(int descriptor);
+    bool makeRoom();
+    void used(const Client& client);
     void close(Client& client);
     std::string answer(const std::string& line, Client& client);
 
     EventLoop& loop_;
     RequestHandler& handler_;
     Limits limits_;
-    std::list<std::unique_ptr<Client>> clients_;
+    std::list<std::unique_ptr<Client>> clients_;  // the one idle for longest first
+    size_t watchers_ = 0;
     Listener listener_;
 };
 

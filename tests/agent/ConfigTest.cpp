@@ -151,7 +151,7 @@ TEST(ConfigTest, WhatIsNamedButNotThereIsAWarning) {
 }
 
 // A running configuration, and what its watcher is told of a load.
-struct Running {
+struct Running : Agent::Watcher {
     std::vector<std::string> load(const Json& wanted) {
         events.clear();
         mostPaths = 0;
@@ -173,14 +173,17 @@ struct Running {
     std::vector<std::string> events;
     size_t mostPaths = 0;
     Agent::Tree tree{{Agent::Root::of("cliConfig", *config)}};
-    Agent::Watch watch{
-        tree, tree.parse("/cliConfig"), [this](const Json& event) {
-            const bool set = event.at("event") == "set";
-            events.push_back(
-                (set ? "+" : "-") + event.at("path").get<std::string>().substr(10) +
-                (event.at("value").is_primitive() && set ? " " + event.at("value").dump() : ""));
-            mostPaths = std::max(mostPaths, paths());
-        }};
+    Agent::Watches watches{tree};
+    const Json initial = watches.add(tree.parse("/cliConfig"), *this);
+
+    void sendEvent(const Line& line) override {
+        const Json event = Agent::parseJson(*line);
+        const bool set = event.at("event") == "set";
+        events.push_back(
+            (set ? "+" : "-") + event.at("path").get<std::string>().substr(10) +
+            (event.at("value").is_primitive() && set ? " " + event.at("value").dump() : ""));
+        mostPaths = std::max(mostPaths, paths());
+    }
 };
 using Events = std::vector<std::string>;
 

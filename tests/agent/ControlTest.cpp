@@ -21,7 +21,8 @@ Json del(const std::string& path) {
 class ControlTest : public testing::Test {
   protected:
     struct Session : Agent::Session {
-        void sendEvent(const Json&) override {}
+        void sendEvent(const Line&) override {}
+        void startEvents() override {}
     };
 
     // The value of the answer, or the reason of the refusal.

@@ -204,19 +204,24 @@ TEST_F(TreeTest, ARefusedRequestSaysWhereAndWhyAndChangesNothing) {
 
 class WatchTest : public TreeTest {
   protected:
-    void watch(const std::string& path) {
-        watches.push_back(
-            std::make_unique<Agent::Watch>(tree, tree.parse(path), [this, path](const Json& event) {
-                told.push_back(event.at("event").get<std::string>() + " " +
-                               event.at("path").get<std::string>() + " " +
-                               event.at("value").dump());
-            }));
+    struct Watcher final : Agent::Watcher {
+        void sendEvent(const Line& line) override { lines.push_back(line); }
+        std::vector<Line> lines;
+    };
+    void watch(const std::string& path) { watches.add(tree.parse(path), watcher); }
+    std::vector<std::string> events() {
+        std::vector<std::string> told;
+        for (const auto& line : std::exchange(watcher.lines, {})) {
+            const Json event = Agent::parseJson(*line);
+            told.push_back(event.at("event").get<std::string>() + " " +
+                           event.at("path").get<std::string>() + " " + event.at("value").dump());
+        }
+        return told;
     }
-    std::vector<std::string> events() { return std::exchange(told, {}); }
     using Events = std::vector<std::string>;
 
-    std::vector<std::string> told;
-    std::vector<std::unique_ptr<Agent::Watch>> watches;
+    Watcher watcher;
+    Agent::Watches watches{tree};
 };
 
 TEST_F(WatchTest, TellsWhatChangesAtOrBelowThePathInOrder) {
@@ -240,7 +245,7 @@ TEST_F(WatchTest, TellsWhatChangesAtOrBelowThePathInOrder) {
             "del " + a + "/remoteViaConfig[192.0.2.1] null", "del " + a + " null",
             "set " + a +
                 R"( {"name":"a","localIntf":[],"remoteViaConfig":{},"ipsecProfile":""})"}));
-    watches.clear();
+    watches.remove(watcher);
     del(a);
     EXPECT_EQ(events(), Events{});
 }
@@ -253,10 +258,10 @@ TEST_F(WatchTest, TellsOfAPathThatComesAndGoesWithWhatHoldsIt) {
     set(member, "true");
     EXPECT_EQ(events(), (Events{"set " + profile + R"( "")", "set " + member + " true"}));
     del("/cliConfig/pathGroupConfig[a]");
-    EXPECT_EQ(events(), (Events{"del " + member + " null", "del " + profile + " null"}));
+    EXPECT_EQ(events(), (Events{"del " + profile + " null", "del " + member + " null"}));
     // A group that is made whole before it is announced.
     config->pathGroupConfigIs("a", [](auto& group) { group.localIntfIs(Netz::IntfId("wan1")); });
-    EXPECT_EQ(events(), (Events{"set " + member + " true", "set " + profile + R"( "")"}));
+    EXPECT_EQ(events(), (Events{"set " + profile + R"( "")", "set " + member + " true"}));
 
     set(hop, R"({"fecId":5})");
     nexthops->vrf("default")->nexthopIs({*Netz::IpGenAddr::parse("192.0.2.2"), 6});
@@ -268,29 +273,44 @@ TEST_F(WatchTest, TellsOfAPathThatComesAndGoesWithWhatHoldsIt) {
 
 TEST_F(WatchTest, FollowsChildrenAndRootsThatComeAndGo) {
     for (const char* path : {"/navStatusDir", "/navDb/lbId"}) watch(path);
-    auto keeperSays = [&] {
-        for (const auto& each : watches) each->rootChanged();
-    };
     status->navLbProfileStatusIs("lb");
     status->navLbProfileStatus()->lbProfileStatusEntryIs({}).genIdIs(1);
     status->navLbProfileStatusDel();
     const std::string lb = "/navStatusDir/navLbProfileStatus";
+    const Events told = events();
     ASSERT_EQ(told.size(), 4u);
     EXPECT_EQ(told[0], "set " + lb + R"( {"name":"lb","lbProfileStatusEntry":{}})");
     EXPECT_EQ(told[2], "set " + lb + "/lbProfileStatusEntry[0.0.0.0,0,0]/genId 1");
     EXPECT_EQ(told[3], "del " + lb + " null");
-    told.clear();
 
     database = make<Nav::NavDb>("NavDb");
-    keeperSays();
+    watches.rootChanged();
     database->lbIdIs(3);
     database = nullptr;
-    keeperSays();
-    keeperSays();
+    watches.rootChanged();
+    watches.rootChanged();
     EXPECT_EQ(events(), (Events{"set /navDb/lbId 0", "set /navDb/lbId 3", "del /navDb/lbId null"}));
 }
 
-// Somebody who was there before the watch undoes a change while it is being announced.
+TEST_F(WatchTest, AChangeIsOneLineForAllWhoWatchIt) {
+    Watcher others[60];
+    const std::string group = "/cliConfig/pathGroupConfig[a]", profile = group + "/ipsecProfile";
+    for (Watcher& other : others)
+        for (const std::string& path : {std::string("/cliConfig"), group, profile})
+            watches.add(tree.parse(path), other);
+    watch(profile);
+    EXPECT_EQ(watches.countOf(others[59]), 3u);
+    set(group, R"({"ipsecProfile":"x"})");
+    ASSERT_EQ(watcher.lines.size(), 2u);  // as empty, then as "x"
+    for (const Watcher& other : others) {
+        ASSERT_EQ(other.lines.size(), 3u);  // the group, the empty profile in it, "x"
+        EXPECT_EQ(other.lines[0], others[0].lines[0]);
+        EXPECT_EQ(other.lines[1], watcher.lines[0]);
+        EXPECT_EQ(other.lines[2], watcher.lines[1]) << "each of them serialised it";
+    }
+}
+
+// A subscriber that is called before the watch undoes a change.
 TEST_F(WatchTest, TellsTheStateAsItIsWhenItIsTold) {
     struct Undo {
         Nav::NavCliConfig& config;
@@ -298,16 +318,21 @@ TEST_F(WatchTest, TellsTheStateAsItIsWhenItIsTold) {
             if (name == "a") config.pathGroupConfigDel(name);
             if (name == "b") config.pathGroupConfigIs(name);
         }
+        void handlePort() {
+            if (config.udpPortConfig() == 7) config.udpPortConfigIs(8);
+        }
         Vel::Subscription subscription = Vel::Subscription::to<&Undo::handleGroup>(
             config, Nav::NavCliConfig::pathGroupConfigAttr, this);
+        Vel::Subscription port = Vel::Subscription::to<&Undo::handlePort>(
+            config, Nav::NavCliConfig::udpPortConfigAttr, this);
     } undo{*config};
     watch("/cliConfig");
     EXPECT_EQ(set("/cliConfig/pathGroupConfig[a]/localIntf[wan1]", "true"), "ok");
     EXPECT_EQ(set("/cliConfig/udpPortConfig", "7"), "ok");
-    EXPECT_EQ(events(), Events{"set /cliConfig/udpPortConfig 7"});
+    EXPECT_EQ(events(), Events{"set /cliConfig/udpPortConfig 8"}) << "once";
     const std::string b = "/cliConfig/pathGroupConfig[b]";
     for (const auto& answer : {set(b, "{}"), del(b)}) EXPECT_EQ(answer, "ok");
-    told.clear();
+    events();
     EXPECT_EQ(set(b + "/ipsecProfile", R"("x")"), "ok");
     EXPECT_EQ(events(), Events{"set " + b + R"(/ipsecProfile "x")"}) << "of the one in its place";
 }

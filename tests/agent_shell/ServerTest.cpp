@@ -34,7 +34,10 @@ struct Handler : Agent::RequestHandler {
             answer.warnings = {"careful"};
             return answer;
         }
-        if (op == "watch") watchers.insert(&session);
+        if (op == "watch") {
+            session.startEvents();
+            watchers.insert(&session);
+        }
         if (op == "watch" || op == "defer") scheduler.post(task);
         if (op == "report") report(request.at("value"));
         if (op == "big") return Json(std::string(request.at("bytes").get<size_t>(), 'x'));
@@ -45,7 +48,8 @@ struct Handler : Agent::RequestHandler {
         ++closed;
     }
     void report(const Json& event) {
-        for (Agent::Session* each : watchers) each->sendEvent(event);
+        const auto line = std::make_shared<const std::string>(Agent::dumpLine(event));
+        for (Agent::Session* each : watchers) each->sendEvent(line);
     }
 
     void reportLater() { report({{"event", "later"}}); }
@@ -258,7 +262,7 @@ TEST_F(ServerTest, TheLoopWakesForTheSchedulersTimersAndForThoseTheyArm) {
 }
 
 TEST_F(ServerTest, ClientsThatVanishCostOnlyThemselves) {
-    serve({.clients = 3});
+    serve({.clients = 4});
     Peer witness(*this, path());
     for (int i = 0; i < 20; ++i) {
         Peer midAnswer(*this, path()), midRequest(*this, path());
@@ -270,10 +274,29 @@ TEST_F(ServerTest, ClientsThatVanishCostOnlyThemselves) {
         ASSERT_TRUE(await([&] { return handler.closed == 2 * (i + 1); }));
     }
     EXPECT_EQ(witness.ask(echo(1)), echoed(1));
-    Peer second(*this, path()), third(*this, path()), fourth(*this, path());
-    EXPECT_EQ(fourth.line(), R"({"ok":false,"error":"too many clients"})");
-    EXPECT_EQ(fourth.line(), "<end>");
-    EXPECT_EQ(third.ask(echo(1)), echoed(1));
+}
+
+TEST_F(ServerTest, WatchersAndIdleClientsLeaveRoomForANewOne) {
+    serve({.clients = 4, .watchers = 2});
+    Peer first(*this, path()), second(*this, path()), idle(*this, path());
+    ASSERT_EQ(idle.ask(echo(1)), echoed(1));
+    for (Peer* each : {&first, &second})
+        EXPECT_EQ(each->ask(R"({"op":"watch"})"), R"({"ok":true,"value":null})");
+    Peer third(*this, path()), fourth(*this, path());
+    EXPECT_EQ(third.ask(R"({"op":"watch"})"),
+              R"({"ok":false,"error":"at most 2 clients can watch at the same time"})");
+    EXPECT_EQ(fourth.ask(echo(2)), echoed(2));
+    EXPECT_EQ(idle.line(), "<end>");
+    // Both other places are taken by clients that have not read their answers.
+    for (Peer* each : {&third, &fourth})
+        ASSERT_TRUE(each->write("{\"op\":\"big\",\"bytes\":5000000}\n") &&
+                    await([&] { return each->fill(); }));
+    Peer fifth(*this, path());
+    EXPECT_EQ(fifth.line(), R"({"ok":false,"error":"too many clients"})");
+    first.hangUp();
+    ASSERT_TRUE(await([&] { return handler.closed == 2; }));
+    Peer sixth(*this, path());
+    EXPECT_EQ(sixth.ask(R"({"op":"watch"})"), R"({"ok":true,"value":null})");
 }
 
 TEST_F(ServerTest, ACommandIsAWordThatIsAnsweredWhole) {

@@ -102,7 +102,8 @@ class FakeAgent : Agent::RequestHandler {
             if (op == "watch") {
                 flood_ = loop_->onTimer(std::chrono::nanoseconds{0}, [&session] {
                     for (int i = 0; i < 6000; ++i) {
-                        session.sendEvent({{"event", "set"}, {"value", std::string(1000, 'x')}});
+                        session.sendEvent(std::make_shared<const std::string>(
+                            R"({"event":"set","value":")" + std::string(1000, 'x') + "\"}"));
                     }
                 });
             }
