@@ -2,9 +2,11 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <netinet/in.h>
 
 #include <random>
 
+#include "agent/linux/kernel/Changes.h"
 #include "tests/agent_linux/Namespace.h"
 
 namespace Agent::Linux {
@@ -33,11 +35,11 @@ class Kernel : public InNamespace {
     }
 
     // A destination, its vias as "hop link weight", output interface and source address.
-    struct Route {
+    struct Expected {
         const char *to, *vias, *dev = "", *from = "0.0.0.0";
     };
-    static void expectRoutes(Monitored& kernel, std::initializer_list<Route> routes) {
-        for (const Route& each : routes) {
+    static void expectRoutes(Monitored& kernel, std::initializer_list<Expected> routes) {
+        for (const Expected& each : routes) {
             const RouteQuery query{addr(each.to), addr(each.from), if_nametoindex(each.dev)};
             const RouteResult result = kernel.monitor.lookup(std::span(&query, 1))[0];
             EXPECT_NE(result.kind, RouteResult::Kind::failed) << each.to;
@@ -145,7 +147,7 @@ TEST_F(Kernel, EveryKindOfChangeLeadsToLookups) {
           "nexthop add id 1 dev wa", "link set wa mtu 1400", "addr add 10.9.0.1/24 dev wa",
           "neigh add 203.0.113.9 lladdr 02:00:00:00:00:05 dev wa nud permanent",
           "neigh del 203.0.113.9 dev wa"}) {
-        ASSERT_EQ(std::system(("ip " + std::string(change)).c_str()), 0) << change;
+        ASSERT_TRUE(sh("ip " + std::string(change)));
         EXPECT_TRUE(kernel.settle()) << change;
     }
 }
@@ -215,16 +217,15 @@ TEST_F(Kernel, LookupsGoByInterfaceAndSource) {
            "route add default via 2001:db8:c::9 metric 200\n"
            "route add unreachable 10.4.0.0/16\nroute add unreachable 2001:db8:4::/48\n"));
     const char *const v4 = "10.1.0.1", *const v6 = "2001:db8:1::1";
-    const auto providers = {Route{v4, "203.0.113.9 wa 1", "wa", "203.0.113.1"},
-                            Route{v4, "192.0.2.9 wc 1", "wc", "192.0.2.1"},
-                            Route{v6, "2001:db8:a::9 wa 1", "wa", "2001:db8:a::1"},
-                            Route{v6, "2001:db8:c::9 wc 1", "wc", "2001:db8:c::1"},
-                            Route{"10.4.0.1", "", "wc", "192.0.2.1"},
-                            Route{"2001:db8:4::1", "", "wc", "2001:db8:c::1"}};
-    expectRoutes(kernel, providers);
+    expectRoutes(kernel, {{v4, "203.0.113.9 wa 1", "wa", "203.0.113.1"},
+                          {v4, "192.0.2.9 wc 1", "wc", "192.0.2.1"},
+                          {v6, "2001:db8:a::9 wa 1", "wa", "2001:db8:a::1"},
+                          {v6, "2001:db8:c::9 wc 1", "wc", "2001:db8:c::1"},
+                          {"10.4.0.1", "", "wc", "192.0.2.1"},
+                          {"2001:db8:4::1", "", "wc", "2001:db8:c::1"}});
     ASSERT_TRUE(ip("rule add from 192.0.2.1 table 77\nroute add default via 192.0.2.7 table 77\n"));
     ASSERT_TRUE(ip("route add default via 2001:db8:c::7 table 77\n"));
-    ASSERT_EQ(std::system("ip -6 rule add from 2001:db8:c::1 table 77"), 0);
+    ASSERT_TRUE(sh("ip -6 rule add from 2001:db8:c::1 table 77"));
     expectRoutes(kernel, {{v4, "192.0.2.7 wc 1", "wc", "192.0.2.1"},
                           {v4, "192.0.2.9 wc 1", "wc"},
                           {v4, "203.0.113.9 wa 1", "wa", "203.0.113.1"},
@@ -233,53 +234,68 @@ TEST_F(Kernel, LookupsGoByInterfaceAndSource) {
                           {v4, "", "wa", "198.51.100.77"}});  // not an address of the host
 }
 
-TEST_F(Kernel, NexthopObjectsAreFollowedWhereRoutesDoNotSpellThemOut) {
-    for (const char* compatible : {"1", "0"}) {
+// Made by one batch, found by lookups, be it spelt out in routes or behind next-hop objects.
+TEST_F(Kernel, ChangesAreMadeAndFoundByLookups) {
+    Changes changes;
+    RequestSocket requests;
+    const auto wa = if_nametoindex("wa"), wc = if_nametoindex("wc");
+    const auto commit = [&] {
+        for (const auto& refusal : changes.commit(requests))
+            ADD_FAILURE() << refusal.position << ": " << refusal.reason;
+    };
+    changes.linkIs({.name = Netz::IntfId("nav.blue"), .mtu = 1400});
+    commit();
+    const auto tunnel = if_nametoindex("nav.blue");
+    const Nexthop::Tunnel encap{5, addr("203.0.113.1"), addr("198.51.100.2")};
+    const Rule rule{false, 9, 77, encap.source, 0, IPPROTO_UDP, 4790};
+    const auto to = [](std::string_view prefix, uint8_t length, uint32_t nexthopId) {
+        return Route{.prefix = {addr(prefix), length}, .nexthopId = nexthopId};
+    };
+    for (const char* compatible : {"1", "0", "0"}) {
         sysctl("ipv4/nexthop_compat_mode", compatible);
         Monitored kernel;
-        ASSERT_TRUE(
-            ip("nexthop add id 1 via 203.0.113.9 dev wa\nnexthop add id 2 dev wc\n"
-               "nexthop add id 3 group 1,2/2,250\nnexthop add id 4 blackhole\n"
-               "nexthop add id 5 via 2001:db8:a::9 dev wa\n"
-               "route add 10.1.0.0/16 nhid 3\nroute add 10.2.0.0/16 nhid 1\n"
-               "route add 10.3.0.0/16 nhid 4\nroute add 2001:db8:1::/48 nhid 5\n"));
+        changes.linkUp(tunnel, true);
+        changes.vniIs(tunnel, encap.vni);
+        changes.addressIs(tunnel, {addr("10.255.0.1"), 24});
+        changes.nexthopIs({.id = 1, .ifIndex = wa, .gateway = addr("203.0.113.9")});
+        changes.nexthopIs({.id = 2, .ifIndex = wc});
+        changes.nexthopGroupIs(3, std::vector<NexthopMember>{{1, 2}, {2, 250}});
+        changes.nexthopIs({.id = 4, .ifIndex = tunnel, .tunnel = encap});
+        changes.nexthopIs({.id = 5, .ifIndex = wa, .v6 = true, .gateway = addr("2001:db8:a::9")});
+        for (const Route& route :
+             {to("10.1.0.0", 16, 3), to("10.2.0.0", 16, 1), to("10.3.0.0", 16, 0),
+              to("10.4.0.0", 16, 4), to("2001:db8:1::", 48, 5)})
+            changes.routeIs(route);
+        changes.ruleIs(rule);
+        commit();
         expectRoutes(kernel, {{"10.1.0.1", "10.1.0.1 wc 250, 203.0.113.9 wa 2"},
                               {"10.1.0.1", "10.1.0.1 wc 250", "wc"},
                               {"10.2.0.1", "203.0.113.9 wa 1"},
                               {"10.3.0.1", ""},
+                              {"10.4.0.1", "10.4.0.1 nav.blue 1"},
                               {"2001:db8:1::1", "2001:db8:a::9 wa 1"}});
+        EXPECT_TRUE(
+            sh("ip nexthop show id 4 | grep -q 'ip id 5 src 203.0.113.1 dst 198.51.100.2'"));
+        EXPECT_TRUE(
+            sh("ip rule | grep -q '^9:.*from 203.0.113.1 ipproto udp dport 4790 lookup 77'"));
+        EXPECT_TRUE(sh("ip -d link show nav.blue | grep 'dstport 4790.* gpe' | grep -q vnifilter"));
+        EXPECT_TRUE(sh("bridge vni show dev nav.blue | grep -q 5"));
         // Deleting an object deletes its routes; only the object is announced.
         ASSERT_TRUE(kernel.settle());
-        ASSERT_TRUE(ip("nexthop del id 1\n"));
+        for (int again = 0; again < 2; ++again) changes.nexthopDel(1);
+        commit();
         ASSERT_TRUE(kernel.settle());
         expectRoutes(kernel, {{"10.2.0.1", ""}, {"10.1.0.1", "10.1.0.1 wc 1"}});
-        ASSERT_TRUE(ip("nexthop del id 3\nnexthop del id 2\nnexthop del id 4\nnexthop del id 5\n"));
     }
-}
-
-TEST_F(Kernel, NeighboursResolveOnRequestAndFail) {
-    // wb answers for 203.0.113.2, to an address of this host too.
-    sysctl("ipv4/conf/all/accept_local", "1");
-    sysctl("ipv4/conf/wb/accept_local", "1");
-    sysctl("ipv4/conf/wa/accept_local", "1");
-    sysctl("ipv4/neigh/wa/retrans_time_ms", "20");
-    sysctl("ipv4/neigh/wa/mcast_solicit", "1");
-    ASSERT_TRUE(ip("addr add 203.0.113.2/32 dev wb\n"));
-    Monitored kernel;
-    const auto wa = if_nametoindex("wa");
-    const Neighbour there{wa, addr("203.0.113.2")}, away{wa, addr("203.0.113.3")},
-        elsewhere{if_nametoindex("wc"), addr("203.0.113.2")};
-    EXPECT_FALSE(kernel.monitor.neighbourResolved(there));
-    kernel.monitor.solicit(std::vector{there, away});
-    EXPECT_TRUE(kernel.await([&] { return kernel.monitor.neighbourResolved(there); }));
-    EXPECT_FALSE(kernel.monitor.neighbourResolved(elsewhere));
-    EXPECT_FALSE(kernel.monitor.neighbourResolved(away));
-    EXPECT_EQ(kernel.monitor.counters().refusedSolicitations, 0U);
-    // What events told is what a dump tells.
-    EXPECT_TRUE(Monitored().monitor.neighbourResolved(there));
-    ASSERT_TRUE(kernel.settle());
-    flap("wa", {false});
-    EXPECT_TRUE(kernel.await([&] { return !kernel.monitor.neighbourResolved(there); }));
+    // One that is refused says why; what follows it is done.
+    const size_t refused = changes.nexthopGroupIs(6, std::vector<NexthopMember>{{99, 1}});
+    changes.ruleDel(rule);
+    for (int again = 0; again < 2; ++again) changes.linkDel(tunnel);
+    const auto refusals = changes.commit(requests);
+    ASSERT_EQ(refusals.size(), 1U);
+    EXPECT_EQ(refusals[0].position, refused);
+    EXPECT_NE(refusals[0].reason, std::strerror(refusals[0].error)) << "not the kernel's words";
+    EXPECT_EQ(if_nametoindex("nav.blue"), 0U);
 }
 
 TEST_F(Kernel, NeighboursThatAnOperatorSetStayAsTheyAre) {
@@ -293,9 +309,7 @@ TEST_F(Kernel, NeighboursThatAnOperatorSetStayAsTheyAre) {
         kernel.monitor.solicit(fixed);  // before the event has been read
         for (const Neighbour& each : fixed) {
             EXPECT_TRUE(kernel.monitor.neighbourResolved(each));
-            const auto show =
-                "ip neigh show dev wa nud " + state + " | grep -q " + each.addr.stringValue();
-            EXPECT_EQ(std::system(show.c_str()), 0) << state;
+            EXPECT_TRUE(sh("ip neigh show nud " + state + " | grep -q " + each.addr.stringValue()));
         }
     }
     ASSERT_TRUE(ip("neigh del 203.0.113.5 dev wa\nneigh del 2001:db8:a::5 dev wa\n"));

@@ -37,10 +37,7 @@ void feed(LinkState& table, const std::string& name, const std::map<size_t, int>
 }
 
 Interface find(const LinkState& table, uint32_t index) {
-    for (const Interface& interface : table.view().interfaces)
-        if (interface.index == index) return interface;
-    ADD_FAILURE() << "no interface " << index;
-    return {};
+    return *table.view().at(index);
 }
 
 RouteResult parse(const std::vector<char>& bytes, std::string_view destination) {
@@ -117,17 +114,16 @@ TEST(Routes, PathsAreLookedUpInTheirVrfByTheirInterface) {
          {"linkBlue", "linkRed", "linkWa", "linkWc", "addressWa", "addressWc", "address6Wa"})
         feed(table, name);
     const auto view = table.view();
-    const auto source = addr("10.0.0.1"), to = addr("10.9.1.1"), to6 = addr("2001:db8:9::1");
-    const auto source6 = addr("2001:db8::1");
+    const auto source = addr("10.0.0.1"), to = addr("10.9.1.1"), unasked = addr("10.8.0.1");
+    const auto source6 = addr("2001:db8::1"), to6 = addr("2001:db8:9::1");
     const auto paths = Vel::make<Nav::PathConfigDir>("paths");
     const auto requested = Vel::make<Routing::NexthopConfig>("requested");
-    for (const char* vrf : {"blue", "red", "default"})
+    for (const char* vrf : {"blue", "red", "default"}) {
+        for (const auto& addr : {to, to6}) requested->vrfIs(vrf).nexthopIs(addr);
         for (const auto& [from, destination] :
-             {std::pair(source, to), {source6, to6}, {source6, to}, {source, addr("10.8.0.1")}}) {
+             {std::pair(source, to), {source6, to6}, {source6, to}, {source, unasked}})
             paths->pathConfigIs(vrf).pathConfigEntryIs({from, destination, 0});
-            requested->vrfIs(vrf).nexthopIs(to);
-            requested->vrfIs(vrf).nexthopIs(to6);
-        }
+    }
     const auto queries = pathQueries(view, *paths, *requested);
     EXPECT_EQ(queries, (std::vector<PathQuery>{{"blue", {to, source, 3}},
                                                {"blue", {to6, source6, 3}},

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -37,6 +38,7 @@ class InNamespace : public testing::Test {
         std::fputs(commands.c_str(), pipe);
         return pclose(pipe) == 0;
     }
+    static bool sh(const std::string& command) { return std::system(command.c_str()) == 0; }
     static void sysctl(const std::string& path, const char* value) {
         std::ofstream("/proc/sys/net/" + path) << value << std::flush;
     }
@@ -57,8 +59,11 @@ class InNamespace : public testing::Test {
 
 struct Monitored {
     explicit Monitored(int receiveBuffer = KernelMonitor::defaultReceiveBuffer)
-        : monitor(scheduler, {[this] { ++interfaceRounds; }, [this] { handleForwarding(); }},
-                  receiveBuffer) {
+        : monitor(
+              scheduler,
+              {[this] { ++interfaceRounds; },
+               [this] { ++forwardingRounds, roundAfterRefresh = monitor.counters().refreshes; }},
+              receiveBuffer) {
         monitor.start();
     }
 
@@ -85,11 +90,6 @@ struct Monitored {
         return found ? *found : Interface();
     }
     std::string primary(std::string_view name) const { return named(name).primary4.stringValue(); }
-
-    void handleForwarding() {
-        ++forwardingRounds;
-        roundAfterRefresh = monitor.counters().refreshes;
-    }
 
     int interfaceRounds = 0;
     int forwardingRounds = 0;

@@ -99,7 +99,7 @@ TEST_F(Resolution, TheGatewayBeforeManyChangesInOneNotification) {
 // Fewer than 70 FECs of 512 vias fit a table. What was refused is tried again once there is room.
 TEST_F(Resolution, AFullTableKeepsWhatFits) {
     for (unsigned i = 0; i < 140; i += 2) now["default"][addr(i)] = by(i, Shard::Fib::Fec::maxVias);
-    resolver.resolve();
+    scheduler->runDue();
     EXPECT_EQ(inputs.forwardingStatus->fec().size(), resolved().size());
     EXPECT_LT(resolved().size(), 70U);
     for (unsigned i = 0; i < 70; ++i) now["default"].erase(addr(i));

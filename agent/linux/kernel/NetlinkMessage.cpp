@@ -45,6 +45,12 @@ void MessageWriter::append(Bytes data) {
     std::memcpy(bytes_.data() + start_, &length, sizeof length);
 }
 
+void MessageWriter::message(Bytes written, uint32_t sequence) {
+    start_ = bytes_.size();
+    append(written);
+    std::memcpy(bytes_.data() + start_ + offsetof(nlmsghdr, nlmsg_seq), &sequence, sizeof sequence);
+}
+
 void MessageWriter::attribute(uint16_t type, Bytes data) {
     append(nlattr{static_cast<uint16_t>(sizeof(nlattr) + data.size()), type});
     append(data);

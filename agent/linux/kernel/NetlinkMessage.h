@@ -123,7 +123,20 @@ class MessageWriter {
     void attribute(uint16_t type, const Netz::IpGenAddr& addr) {
         attribute(type, std::as_bytes(std::span(addr.data(), addr.size())));
     }
+    void attribute(uint16_t type, std::string_view text) {
+        attribute(type, std::as_bytes(std::span(text)));
+    }
     void attribute(uint16_t type, Bytes data);
+    // An attribute with those that `fill` writes inside it.
+    void nested(uint16_t type, const auto& fill) {
+        const size_t start = bytes_.size();
+        attribute(type | NLA_F_NESTED, Bytes());
+        fill();
+        const auto length = static_cast<uint16_t>(bytes_.size() - start);
+        std::memcpy(bytes_.data() + start, &length, sizeof length);
+    }
+    // A copy of a message that was written before, under another sequence number.
+    void message(Bytes written, uint32_t sequence);
 
     Bytes bytes() const { return bytes_; }
     void clear() { bytes_.clear(); }

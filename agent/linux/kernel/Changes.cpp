@@ -1,0 +1,213 @@
+#include "agent/linux/kernel/Changes.h"
+
+#include <arpa/inet.h>
+#include <endian.h>
+#include <linux/fib_rules.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/lwtunnel.h>
+#include <linux/nexthop.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Agent::Linux {
+
+namespace {
+
+constexpr uint16_t create = NLM_F_CREATE | NLM_F_REPLACE;
+
+unsigned char familyOf(const Netz::IpGenAddr& addr) {
+    return addr.isV4() ? AF_INET : AF_INET6;
+}
+
+ifinfomsg linkHeader(uint32_t ifIndex) {
+    ifinfomsg header{};
+    header.ifi_index = static_cast<int>(ifIndex);
+    return header;
+}
+
+nhmsg nexthopHeader(unsigned char family) {
+    nhmsg header{};
+    header.nh_family = family;
+    header.nh_protocol = ownProtocol;
+    return header;
+}
+
+}  // namespace
+
+size_t Changes::added(int harmless) {
+    requests_.push_back({writer_.bytes().size(), harmless});
+    return requests_.size() - 1;
+}
+
+size_t Changes::linkIs(const TunnelLink& link) {
+    begin(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL, linkHeader(0));
+    writer_.attribute(IFLA_IFNAME, link.name.str());
+    if (link.mtu != 0) writer_.attribute(IFLA_MTU, link.mtu);
+    if (link.master != 0) writer_.attribute(IFLA_MASTER, link.master);
+    writer_.nested(IFLA_LINKINFO, [&] {
+        writer_.attribute(IFLA_INFO_KIND, std::string_view("vxlan"));
+        writer_.nested(IFLA_INFO_DATA, [&] {
+            writer_.attribute(IFLA_VXLAN_PORT, htons(link.udpPort));
+            writer_.attribute(IFLA_VXLAN_COLLECT_METADATA, uint8_t{1});
+            writer_.attribute(IFLA_VXLAN_VNIFILTER, uint8_t{1});
+            writer_.attribute(IFLA_VXLAN_LEARNING, uint8_t{0});
+            writer_.attribute(IFLA_VXLAN_GPE, Bytes());
+        });
+    });
+    return added(EEXIST);
+}
+
+size_t Changes::linkUp(uint32_t ifIndex, bool up) {
+    ifinfomsg header = linkHeader(ifIndex);
+    header.ifi_flags = up ? IFF_UP : 0;
+    header.ifi_change = IFF_UP;
+    begin(RTM_NEWLINK, 0, header);
+    return added();
+}
+
+size_t Changes::linkDel(uint32_t ifIndex) {
+    begin(RTM_DELLINK, 0, linkHeader(ifIndex));
+    return added(ENODEV);
+}
+
+size_t Changes::vniIs(uint32_t ifIndex, uint32_t vni) {
+    tunnel_msg header{};
+    header.family = PF_BRIDGE;
+    header.ifindex = ifIndex;
+    begin(RTM_NEWTUNNEL, NLM_F_CREATE, header);
+    writer_.nested(VXLAN_VNIFILTER_ENTRY,
+                   [&] { writer_.attribute(VXLAN_VNIFILTER_ENTRY_START, vni); });
+    return added(EEXIST);
+}
+
+size_t Changes::addressIs(uint32_t ifIndex, const Netz::IpAddrWithMask& addr) {
+    ifaddrmsg header{};
+    header.ifa_family = familyOf(addr.addr);
+    header.ifa_prefixlen = static_cast<uint8_t>(addr.prefixLength);
+    header.ifa_index = ifIndex;
+    begin(RTM_NEWADDR, create, header);
+    writer_.attribute(IFA_LOCAL, addr.addr);
+    writer_.attribute(IFA_ADDRESS, addr.addr);
+    return added();
+}
+
+size_t Changes::nexthopIs(const Nexthop& nexthop) {
+    begin(RTM_NEWNEXTHOP, create, nexthopHeader(nexthop.v6 ? AF_INET6 : AF_INET));
+    writer_.attribute(NHA_ID, nexthop.id);
+    writer_.attribute(NHA_OIF, nexthop.ifIndex);
+    if (nexthop.gateway) writer_.attribute(NHA_GATEWAY, *nexthop.gateway);
+    if (const auto& tunnel = nexthop.tunnel) {
+        const bool v4 = tunnel->destination.isV4();
+        writer_.attribute(NHA_ENCAP_TYPE, uint16_t{v4 ? LWTUNNEL_ENCAP_IP : LWTUNNEL_ENCAP_IP6});
+        writer_.nested(NHA_ENCAP, [&] {
+            writer_.attribute(v4 ? +LWTUNNEL_IP_ID : +LWTUNNEL_IP6_ID,
+                              uint64_t{htobe64(tunnel->vni)});
+            writer_.attribute(v4 ? +LWTUNNEL_IP_SRC : +LWTUNNEL_IP6_SRC, tunnel->source);
+            writer_.attribute(v4 ? +LWTUNNEL_IP_DST : +LWTUNNEL_IP6_DST, tunnel->destination);
+        });
+    }
+    return added();
+}
+
+size_t Changes::nexthopGroupIs(uint32_t id, std::span<const NexthopMember> members) {
+    std::vector<nexthop_grp> group;
+    for (const NexthopMember& member : members) {
+        nexthop_grp entry{};
+        entry.id = member.id;
+        entry.weight = static_cast<uint8_t>(member.weight - 1);
+        group.push_back(entry);
+    }
+    begin(RTM_NEWNEXTHOP, create, nexthopHeader(AF_UNSPEC));
+    writer_.attribute(NHA_ID, id);
+    writer_.attribute(NHA_GROUP, std::as_bytes(std::span(group)));
+    return added();
+}
+
+size_t Changes::nexthopDel(uint32_t id) {
+    begin(RTM_DELNEXTHOP, 0, nhmsg{});
+    writer_.attribute(NHA_ID, id);
+    return added(ENOENT);
+}
+
+void Changes::route(uint16_t type, uint16_t flags, const Route& route) {
+    rtmsg header{};
+    header.rtm_family = familyOf(route.prefix.addr);
+    header.rtm_dst_len = static_cast<uint8_t>(route.prefix.prefixLength);
+    header.rtm_protocol = ownProtocol;
+    header.rtm_type = route.nexthopId != 0 || route.gateway ? RTN_UNICAST : RTN_UNREACHABLE;
+    begin(type, flags, header);
+    writer_.attribute(RTA_DST, route.prefix.addr);
+    writer_.attribute(RTA_TABLE, route.table);
+    if (route.metric != 0) writer_.attribute(RTA_PRIORITY, route.metric);
+    if (route.nexthopId != 0) writer_.attribute(RTA_NH_ID, route.nexthopId);
+    if (!route.gateway) return;
+    writer_.attribute(RTA_GATEWAY, *route.gateway);
+    writer_.attribute(RTA_OIF, route.ifIndex);
+}
+
+size_t Changes::routeIs(const Route& route) {
+    this->route(RTM_NEWROUTE, create, route);
+    return added();
+}
+
+size_t Changes::routeDel(const Route& route) {
+    this->route(RTM_DELROUTE, 0, route);
+    return added(ESRCH);
+}
+
+void Changes::rule(uint16_t type, uint16_t flags, const Rule& rule) {
+    fib_rule_hdr header{};
+    header.family = rule.v6 ? AF_INET6 : AF_INET;
+    header.action = FR_ACT_TO_TBL;
+    if (rule.source) header.src_len = static_cast<uint8_t>(rule.source->bits());
+    begin(type, flags, header);
+    writer_.attribute(FRA_PRIORITY, rule.priority);
+    writer_.attribute(FRA_TABLE, rule.table);
+    writer_.attribute(FRA_PROTOCOL, ownProtocol);
+    if (rule.source) writer_.attribute(FRA_SRC, *rule.source);
+    if (rule.mark != 0) writer_.attribute(FRA_FWMARK, rule.mark);
+    if (rule.ipProtocol != 0) writer_.attribute(FRA_IP_PROTO, rule.ipProtocol);
+    if (rule.destinationPort == 0) return;
+    const fib_rule_port_range port{rule.destinationPort, rule.destinationPort};
+    writer_.attribute(FRA_DPORT_RANGE, std::as_bytes(std::span(&port, 1)));
+}
+
+size_t Changes::ruleIs(const Rule& rule) {
+    this->rule(RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, rule);
+    return added(EEXIST);
+}
+
+size_t Changes::ruleDel(const Rule& rule) {
+    this->rule(RTM_DELRULE, 0, rule);
+    return added(ENOENT);
+}
+
+std::vector<Changes::Refusal> Changes::commit(RequestSocket& requests) {
+    std::vector<std::optional<Refusal>> replies(requests_.size());
+    for (size_t i = 0; i < replies.size(); ++i)
+        replies[i] = Refusal{i, ENOBUFS, "no acknowledgement"};
+    requests.exchange(
+        requests_.size(),
+        [&](MessageWriter& writer, uint32_t sequence, size_t i) {
+            const size_t begin = i == 0 ? 0 : requests_[i - 1].end;
+            writer.message(writer_.bytes().subspan(begin, requests_[i].end - begin), sequence);
+        },
+        [&](size_t i, const Message& message) {
+            const int error = errorOf(message);
+            if (error == 0 || error == requests_[i].harmless) return replies[i].reset();
+            const std::string text(refusalText(message));
+            replies[i] = {i, error, text.empty() ? std::strerror(error) : text};
+        });
+    writer_.clear();
+    requests_.clear();
+    std::vector<Refusal> refusals;
+    for (auto& reply : replies)
+        if (reply) refusals.push_back(std::move(*reply));
+    return refusals;
+}
+
+}  // namespace Agent::Linux
