@@ -1,9 +1,9 @@
-// Who plays the router's other services: fills the inputs that are theirs and answers the requests
-// that the library writes. Owned by the Host, which starts it once the root reactor is there and
-// stops it before that goes.
+// Plays the router's other services: fills the inputs that are theirs and serves the requests that
+// the library writes. Owned by the Host, which starts it after the root reactor was made and stops
+// it before that is destroyed.
 //
-// This one plays nothing. On `manual` that is all there is: whoever sits at the control socket
-// plays the services, and every input can be written there.
+// This class itself plays nothing and is the platform `manual`: every input can be written through
+// the control socket.
 #pragma once
 
 #include <string>
@@ -22,7 +22,7 @@ class Platform {
     const std::string& name() const { return name_; }
     bool manual() const { return name_ == "manual"; }
 
-    // Throws what keeps it from starting.
+    // Throws where it cannot start.
     virtual void start(const Nav::NavInputs&) {}
     virtual void stop() {}
 

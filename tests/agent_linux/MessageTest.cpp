@@ -1,8 +1,6 @@
 // Messages applied without a kernel. fuzz/corpus/netlink has recordings of a kernel with VRF
-// devices (Linux 6.1, Debian), without statistics and per-family settings: wa (index 3) is in the
-// VRF blue (4, table 100), wc (7) in red (5, table 200); wa and wc have the same
-// addresses; 10.9.0.0/16 and 2001:db8:9::/48 in blue go two ways.
-#include <gtest/gtest.h>
+// devices (Linux 6.1, Debian): wa (index 3) is in the VRF blue (4, table 100), wc (7) in red (5,
+// table 200), with the same addresses; 10.9.0.0/16 and 2001:db8:9::/48 in blue go two ways.
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
@@ -10,18 +8,13 @@
 #include <sys/socket.h>
 
 #include <fstream>
-#include <iterator>
 #include <map>
 
 #include "agent/linux/PathRoutes.h"
-#include "agent/linux/kernel/NeighbourState.h"
+#include "tests/agent_linux/Namespace.h"
 
 namespace Agent::Linux {
 namespace {
-
-Netz::IpGenAddr addr(std::string_view text) {
-    return *Netz::IpGenAddr::parse(text);
-}
 
 // A recorded message with some of its octets replaced.
 std::vector<char> recorded(const std::string& name, const std::map<size_t, int>& octets = {}) {

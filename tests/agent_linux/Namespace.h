@@ -21,6 +21,10 @@
 
 namespace Agent::Linux {
 
+inline Netz::IpGenAddr addr(std::string_view text) {
+    return *Netz::IpGenAddr::parse(text);
+}
+
 // Skips where the kernel gives no namespace, with the reason.
 class InNamespace : public testing::Test {
   protected:
@@ -54,7 +58,6 @@ class InNamespace : public testing::Test {
         }
         close(control);
     }
-    static Netz::IpGenAddr addr(std::string_view text) { return *Netz::IpGenAddr::parse(text); }
 };
 
 struct Monitored {
