@@ -70,6 +70,7 @@ class Program {
     void check();
     void save();
     void trace();
+    void log();
     void ping();
     void batch();
     void completion() { streams_.out << bashScript; }
@@ -77,7 +78,7 @@ class Program {
 
     CLI::App app_{"Operates the path-selection agent of this router", "navctl"};
     Streams streams_;
-    std::string runDir_, path_, value_, file_, shell_;
+    std::string runDir_, path_, value_, file_, shell_, facility_, level_;
     std::vector<std::string> words_;
     unsigned last_ = 100;
     bool json_ = false, raw_ = false, watch_ = false;
@@ -121,6 +122,9 @@ void Program::build() {
     command(app_, "trace", "Print the newest records of the trace", &Program::trace)
         ->add_option("--last", last_, "How many, 100 unless given")
         ->type_name("N");
+    CLI::App* log = command(app_, "log", "Print or set the log levels, from 0 to 8", &Program::log);
+    log->add_option("FACILITY", facility_, "* for all");
+    log->add_option("LEVEL", level_)->check(CLI::Range(0, 8));
     command(app_, "ping", "Say which agent runs", &Program::ping);
     command(app_, "completion", "Print the script for shell completion", &Program::completion)
         ->add_option("SHELL", shell_, "bash")
@@ -278,6 +282,18 @@ void Program::trace() {
     const Json& lines = answer.at("value");
     if (json_) return printJson(lines);
     for (const Json& line : lines) streams_.out << line.get<std::string>() << "\n";
+}
+
+void Program::log() {
+    Json request = {{"op", "log"}};
+    if (!level_.empty()) request.update({{"facility", facility_}, {"level", std::stoi(level_)}});
+    const Json levels = Client::ControlClient(runDir()).request(request).at("value");
+    Table table{{"facility", "level"}, {}};
+    for (const auto& [name, level] : levels.items())
+        if (facility_.empty() || facility_ == "*" || facility_ == name)
+            table.rows.push_back({name, level});
+    if (table.rows.empty()) throw Client::Refused("facility \"" + facility_ + "\" not found");
+    printTable(table);
 }
 
 void Program::ping() {

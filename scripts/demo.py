@@ -86,7 +86,7 @@ def show(view):
 
 def watch(path, handler):
     process = subprocess.Popen([navctl_program, "--run-dir", run_dir.name, "watch", path],
-                               stdout=subprocess.PIPE)
+                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     feed = Feed(f"watch on {path}", process, process.stdout, lambda value: None)
     reach("the watch begins", {feed: lambda: True})  # with the value there is
     feed.handler = lambda line: handler(json.loads(line))
@@ -100,11 +100,14 @@ usable = set()  # the paths of each group and site
 
 
 def handle_log(line):
-    match = re.search(r" sim:5 \w+: (.*) \(\S+\)$", line.rstrip())  # handler: text (source line)
+    match = re.search(r" (sim|agent):5 (.*)", line.rstrip())
     if not match:
         print(line, file=sys.stderr)
         return
-    text = match[1]
+    text = match[2]
+    if match[1] == "agent":
+        tell("agent", text)
+        return
     if " now over " in text:
         who, where = text.split(" now over ")
         traffic[who] = where

@@ -13,6 +13,11 @@ namespace Agent {
 
 namespace {
 
+Nav::NavDb* databaseOf(const Vel::Ptr<Nav::NavRootSm>& root) {
+    const Nav::NavContainer* container = root ? root->navContainer() : nullptr;
+    return container ? container->navDb() : nullptr;
+}
+
 std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
                             const Vel::Ptr<Nav::NavRootSm>& root) {
     std::vector<Root> roots;
@@ -41,10 +46,7 @@ std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
     add(*in.forwarding6Status, routing);
     add(*in.routingHwRouteStatus, routing);
     roots.push_back({"navDb", &Nav::NavDb::velType,
-                     [&root]() -> Vel::Entity* {
-                         const Nav::NavContainer* container = root ? root->navContainer() : nullptr;
-                         return container ? container->navDb() : nullptr;
-                     },
+                     [&root]() -> Vel::Entity* { return databaseOf(root); },
                      "this is path selection's own and nobody else writes it"});
     return roots;
 }
@@ -100,6 +102,10 @@ std::string Host::show(const std::string& word) {
     });
     requests.requestDel(name);
     return file.content();
+}
+
+Nav::NavDb* Host::database() const {
+    return databaseOf(root_);
 }
 
 Controlled Host::controlled() {

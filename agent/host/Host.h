@@ -29,6 +29,8 @@ class Host {
 
     // The library's answer to a show command, empty if it does not know the word.
     std::string show(const std::string& word);
+    // /navDb; null while the container does not exist.
+    Nav::NavDb* database() const;
     // This agent as the control socket's requests see it.
     Controlled controlled();
 

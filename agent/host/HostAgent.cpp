@@ -1,9 +1,11 @@
 #include "agent/host/HostAgent.h"
 
+#include <unistd.h>
+
 #include <csignal>
-#include <iostream>
 
 #include "agent/linux/LinuxPlatform.h"
+#include "agent/shell/AgentTrace.h"
 #include "agent/sim/SimPlatform.h"
 
 namespace Agent {
@@ -19,15 +21,17 @@ std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop) 
 
 }  // namespace
 
-HostAgent::HostAgent(Options options)
+HostAgent::HostAgent(Options options, Log& log)
     : options_(std::move(options)),
       scheduler_(Vel::make<Vel::Scheduler>(clock_)),
       runDir_(options_.runDir),
       loop_(*scheduler_),
-      terminated_(loop_.onSignal(SIGTERM, [this] { loop_.stop(); })),
-      interrupted_(loop_.onSignal(SIGINT, [this] { loop_.stop(); })),
+      logInLoop_(log, loop_),
+      terminated_(loop_.onSignal(SIGTERM, [this] { stop("SIGTERM"); })),
+      interrupted_(loop_.onSignal(SIGINT, [this] { stop("SIGINT"); })),
       hungUp_(loop_.onSignal(SIGHUP, [this] { reload(); })),
       host_(*scheduler_, makePlatform(options_, loop_)),
+      routerLog_(host_.inputs(), host_.platform(), [this] { return host_.database(); }),
       requests_(host_.controlled()),
       commands_(loop_, runDir_.path() + "/" + commandSocketName,
                 [this](const std::string& word) { return host_.show(word); }),
@@ -35,16 +39,27 @@ HostAgent::HostAgent(Options options)
     const Shard::Namespace space(runDir_.path());
     host_.inputs().forwardingStatus->mountIs(space, *scheduler_);
     host_.inputs().forwarding6Status->mountIs(space, *scheduler_);
+    DUOLOG(agentTrace, 5, "nav-agent ", NAV_VERSION, " started, platform ", options_.platform,
+           ", pid ", getpid(), ", run directory ", runDir_.path());
     loadFile();
 }
 
-HostAgent::~HostAgent() = default;
+HostAgent::~HostAgent() {
+    DUOLOG(agentTrace, 5, "nav-agent stopped");
+}
+
+void HostAgent::stop(const char* signal) {
+    DUOLOG(agentTrace, 5, "stopping on ", signal);
+    loop_.stop();
+}
 
 void HostAgent::reload() {
+    DUOLOG(agentTrace, 5, "reload on SIGHUP",
+           options_.config.empty() ? ": no configuration file was given" : "");
     try {
         loadFile();
     } catch (const std::exception& error) {
-        std::cerr << "nav-agent: " << error.what() << std::endl;
+        DUOLOG(agentTrace, 3, "configuration refused: ", LongText{error.what()});
     }
 }
 
@@ -53,7 +68,8 @@ void HostAgent::loadFile() {
     if (file.empty()) return;
     try {
         for (const std::string& warning : requests_.load(readConfigText(readFile(file))))
-            std::cerr << "nav-agent: " << file << ": warning: " << warning << std::endl;
+            DUOLOG(agentTrace, 4, file, ": warning: ", LongText{warning});
+        DUOLOG(agentTrace, 5, "configuration loaded from ", file);
     } catch (const JsonError& error) {
         throw JsonError(file + ": " + error.what());
     }

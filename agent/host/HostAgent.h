@@ -6,10 +6,12 @@
 
 #include "agent/base/RunDir.h"
 #include "agent/host/Host.h"
+#include "agent/host/RouterLog.h"
 #include "agent/shell/CommandServer.h"
 #include "agent/shell/Control.h"
 #include "agent/shell/ControlServer.h"
 #include "agent/shell/EventLoop.h"
+#include "agent/shell/Log.h"
 
 namespace Agent {
 
@@ -25,7 +27,7 @@ class HostAgent {
   public:
     // Takes the run directory, makes the host, opens the sockets and loads the configuration.
     // Throws what main has to say when that cannot be.
-    explicit HostAgent(Options options);
+    HostAgent(Options options, Log& log);
     ~HostAgent();
 
     // Until SIGTERM or SIGINT.
@@ -36,14 +38,17 @@ class HostAgent {
     // and the reason when it is refused, which leaves everything as it was.
     void loadFile();
     void reload();
+    void stop(const char* signal);
 
     const Options options_;
     Loom::MonotonicClock clock_;
     const Vel::Ptr<Vel::Scheduler> scheduler_;
     RunDir runDir_;
     EventLoop loop_;
+    const LogInLoop logInLoop_;
     EventLoop::Registration terminated_, interrupted_, hungUp_;
     Host host_;
+    const RouterLog routerLog_;
     Control requests_;
     CommandServer commands_;
     ControlServer control_;

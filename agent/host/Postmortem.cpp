@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "platform/netz/Assert.h"
@@ -14,24 +13,31 @@ namespace Agent {
 namespace {
 
 std::string file;
+Log* log = nullptr;
+
+// Whatever standard error makes of it: nothing waits for its reader.
+void say(const std::string& text) {
+    log->write(2, "nav-agent: " + text);
+}
 
 void writeDown(const char* text, const char* source, int line) {
-    std::fprintf(stderr, "nav-agent: %s:%d: assertion failed: %s\n", source, line, text);
+    say(std::string(source) + ":" + std::to_string(line) + ": assertion failed: " + text);
     // One that fails while the records become text ends here as well.
     Vel::assertHandlerIs(nullptr);
     const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
-        std::fprintf(stderr, "nav-agent: no trace in %s: %s\n", file.c_str(), std::strerror(errno));
+        say("no trace in " + file + ": " + std::strerror(errno));
         return;
     }
     Ringlog::dump(fd);
     close(fd);
-    std::fprintf(stderr, "nav-agent: what led there is in %s\n", file.c_str());
+    say("the trace is in " + file);
 }
 
 }  // namespace
 
-void postmortemIs(const std::string& runDir) {
+void postmortemIs(const std::string& runDir, Log& where) {
+    log = &where;
     file = runDir + "/" + postmortemName;
     Vel::assertHandlerIs(writeDown);
 }

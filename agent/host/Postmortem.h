@@ -4,12 +4,14 @@
 
 #include <string>
 
+#include "agent/shell/Log.h"
+
 namespace Agent {
 
 inline constexpr const char* postmortemName = "postmortem.trace";
 
 // Takes over the process-wide assertion handler. Called by main, before there is anything to
 // assert.
-void postmortemIs(const std::string& runDir);
+void postmortemIs(const std::string& runDir, Log& log);
 
 }  // namespace Agent

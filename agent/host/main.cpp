@@ -2,12 +2,11 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
-#include <iostream>
 
 #include "agent/base/RunDir.h"
 #include "agent/host/HostAgent.h"
 #include "agent/host/Postmortem.h"
-#include "platform/trace/Duolog.h"
+#include "agent/shell/Log.h"
 
 int main(int argc, char** argv) {
     Agent::Options options;
@@ -23,7 +22,8 @@ int main(int argc, char** argv) {
     app.add_option("--run-dir", options.runDir,
                    "Where the sockets live: /run/nav for root, else $XDG_RUNTIME_DIR/nav")
         ->type_name("DIR");
-    app.add_option("--log-level", options.logLevel, "Trace levels up to this one are recorded")
+    app.add_option("--log-level", options.logLevel,
+                   "Trace levels up to this one are logged, of all facilities")
         ->check(CLI::Range(0, 8))
         ->capture_default_str();
     try {
@@ -35,14 +35,14 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? 0 : 2;
     }
     Duolog::levelIs("*", options.logLevel);
-    Duolog::textSinkIs(STDERR_FILENO);
+    Agent::Log log(STDERR_FILENO);
     try {
         if (options.runDir.empty()) options.runDir = Agent::defaultRunDir();
-        Agent::postmortemIs(options.runDir);
-        Agent::HostAgent(options).run();
+        Agent::postmortemIs(options.runDir, log);
+        Agent::HostAgent(options, log).run();
         return 0;
     } catch (const std::exception& error) {
-        std::cerr << "nav-agent: " << error.what() << "\n";
+        log.write(3, std::string("nav-agent: ") + error.what());
         return 1;
     }
 }

@@ -100,6 +100,11 @@ void LinuxPlatform::stop() {
     services_.reset();
 }
 
+std::optional<bool> LinuxPlatform::linkUp(const Netz::IntfId& name) const {
+    const Interface* interface = services_ ? monitor().interfaces().named(name) : nullptr;
+    return interface ? std::optional(interface->up) : std::nullopt;
+}
+
 const KernelMonitor& LinuxPlatform::monitor() const {
     return services_->monitor();
 }

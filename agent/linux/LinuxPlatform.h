@@ -21,6 +21,7 @@ class LinuxPlatform final : public Platform {
     // Raises Vel::Error where the kernel gives no sockets or cannot be read.
     void start(const Nav::NavInputs& inputs) override;
     void stop() override;
+    std::optional<bool> linkUp(const Netz::IntfId& name) const override;
 
     // REQUIRES: started and not stopped.
     const KernelMonitor& monitor() const;

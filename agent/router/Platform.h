@@ -6,6 +6,7 @@
 // the control socket.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "nav/root/NavInputs.h"
@@ -25,6 +26,8 @@ class Platform {
     // Throws where it cannot start.
     virtual void start(const Nav::NavInputs&) {}
     virtual void stop() {}
+    // Whether an interface is up; nothing if it does not exist or the platform does not know.
+    virtual std::optional<bool> linkUp(const Netz::IntfId&) const { return {}; }
 
   private:
     const std::string name_;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "agent/shell/AgentTrace.h"
 #include "platform/trace/Ringlog.h"
 
 namespace Agent {
@@ -40,10 +41,23 @@ Answer Control::handle(const std::string& op, const Json& request, Session& sess
     static const std::map<std::string, Answer (Control::*)(const Json&, Session&)> operations = {
         {"get", &Control::get},          {"set", &Control::set},     {"del", &Control::del},
         {"load", &Control::loadRequest}, {"check", &Control::check}, {"show", &Control::show},
-        {"watch", &Control::watch},      {"trace", &Control::trace}, {"ping", &Control::ping}};
+        {"watch", &Control::watch},      {"trace", &Control::trace}, {"log", &Control::log},
+        {"ping", &Control::ping}};
     const auto operation = operations.find(op);
     if (operation == operations.end()) throw RequestError("op: \"" + op + "\" is unknown");
-    return (this->*operation->second)(request, session);
+    if (agent_.manual || (op != "set" && op != "del" && op != "load"))
+        return (this->*operation->second)(request, session);
+    const auto found = request.find("path");
+    const std::string path = found != request.end() ? " " + dumpLine(*found) : "";
+    try {
+        Answer answer = (this->*operation->second)(request, session);
+        DUOLOG(agentTrace, 5, "configuration: ", op, LongText{path}, " by a client");
+        return answer;
+    } catch (const std::exception& error) {
+        DUOLOG(agentTrace, 4, "configuration: ", op, LongText{path},
+               " by a client refused: ", LongText{error.what()});
+        throw;
+    }
 }
 
 Answer Control::get(const Json& request, Session&) {
@@ -115,6 +129,21 @@ Answer Control::trace(const Json& request, Session&) {
     if (last != request.end() && !last->is_number_unsigned())
         throw RequestError("last: expected a whole number");
     return Json(Ringlog::last(last == request.end() ? 100 : last->get<size_t>()));
+}
+
+Answer Control::log(const Json& request, Session&) {
+    if (request.contains("facility")) {
+        const std::string facility = text(request, "facility");
+        const Json& level = member(request, "level");
+        if (!level.is_number_unsigned() || level > 8)
+            throw RequestError("level: a number from 0 to 8 is required");
+        if (!Duolog::levelIs(facility, level.get<int>()))
+            throw RequestError("facility: \"" + facility + "\" not found");
+        DUOLOG(agentTrace, 5, "log level of ", facility, " set to ", level.get<int>());
+    }
+    Json levels = Json::object();
+    for (const auto& [name, level] : Duolog::facilities()) levels[std::string(name)] = level;
+    return levels;
 }
 
 Answer Control::ping(const Json&, Session&) {

@@ -48,6 +48,7 @@ class Control final : public RequestHandler {
     Answer show(const Json& request, Session& session);
     Answer watch(const Json& request, Session& session);
     Answer trace(const Json& request, Session& session);
+    Answer log(const Json& request, Session& session);
     Answer ping(const Json& request, Session& session);
 
     Answer change(const std::string& path, const std::function<void(Tree&)>& make);

@@ -27,6 +27,7 @@ class EventLoop {
         Registration(Registration&&) = default;
         Registration& operator=(Registration&& other) noexcept;
         ~Registration();
+        explicit operator bool() const { return state_ != nullptr; }
 
       private:
         friend class EventLoop;

@@ -14,6 +14,10 @@ class SimPlatform final : public Platform {
 
     void start(const Nav::NavInputs& inputs) override { router_.emplace(inputs, history_); }
     void stop() override { router_.reset(); }
+    std::optional<bool> linkUp(const Netz::IntfId& name) const override {
+        if (!router_ || !router_->world().interfaces.contains(name)) return {};
+        return router_->world().up(name);
+    }
 
   private:
     const History history_;
