@@ -11,7 +11,7 @@ import shutil
 import signal
 import subprocess
 
-from products import Products, await_, branch, build, main, patience, source
+from products import Products, await_, branch, build, main, patience, source, programs
 
 
 def tables_of(*processes):
@@ -79,6 +79,117 @@ class ProductTest(Products):
         self.assertEqual((self.stop(forwarder), self.stop(agent)), (0, 0))
         self.assertEqual((exist(mine), exist(theirs)), ([False] * 3, [True] * 2))
         self.assertEqual(self.navctl(here, "show", "counters").returncode, 3)
+
+    def test_tables_show_what_the_tree_holds(self):
+        run_dir, long = self.run_dir(), "long" * 100  # answers of far more than 32 KiB
+        with open(f"{source}/examples/branch/branch.json", encoding="utf-8") as file:
+            config = json.load(file)
+        groups = config["pathGroupConfig"]
+        groups[long] = groups.pop("internet")
+        groups[long]["remoteViaConfig"]["10.255.9.9"] = {
+            "remoteVia": [f"198.51.100.{i}" for i in range(100, 200)]}
+        for profile in config["loadBalanceProfile"].values():
+            priority = profile["pathGroupPriority"]
+            if "internet" in priority:
+                priority[long] = priority.pop("internet")
+        with open(f"{run_dir}/config.json", "w", encoding="utf-8") as file:
+            json.dump(config, file)
+        self.agent(run_dir, f"--config={run_dir}/config.json", branch[1])
+
+        def ask(*arguments):
+            done = self.navctl(run_dir, "--json", *arguments)
+            self.assertEqual(done.returncode, 0, done.stderr)
+            return json.loads(done.stdout)
+
+        await_("paths are up", lambda: sum(
+            "Estab" in path["state"] for path in ask("show", "paths")["navPathSelPaths"]) == 7)
+        infos = ask("get", "/navDb/pathKeyInfo").values()
+        status = ask("get", "/navStatusDir/navPathStatusDir/pathStatus[default]/pathStatusEntry")
+        rows = {int(row["pathName"][4:]): row for row in ask("show", "paths")["navPathSelPaths"]}
+        self.assertGreater(len(json.dumps(list(rows.values()))), 40000)
+        self.assertEqual(len(rows), 107)
+        peers, mappings = ask("show", "peers")["navPeers"], ask("show", "mappings")
+        for info in infos:
+            key, site, index = info["pathKey"], info["siteGroupKey"], info["pathIndex"]
+            row = rows[index]
+            self.assertEqual([row["pathGroup"], row["source"], row["destination"], row["peer"]],
+                             [site["name"], key["srcAddr"], key["dstAddr"], site["routerIp"]])
+            text = f"{key['srcAddr']},{key['dstAddr']},{key['vrfId']}"
+            self.assertEqual("Estab" in row["state"], status[text]["programmed"])
+            self.assertEqual(peers[str(index)], site["routerIp"])
+            self.assertEqual(mappings["groups"][str(index)], site["name"])
+
+        table = {name: ask("show", name) for name in ("groups", "policies", "ipsec", "nexthops",
+                                                      "sites", "load-balance")}
+        self.assertEqual({row["pathGroup"]: (row["interfaces"], row["sites"], row["paths"])
+                          for row in table["groups"]}, {long: (["wan1"], 4, 104), "mpls": (["wan2"], 3, 3)})
+        policies = ask("get", "/cliConfig/policyConfig")
+        self.assertEqual(
+            [(row["policy"], row["rule"], row["application"], row["loadBalance"])
+             for row in table["policies"]],
+            [(name, key, rule["appProfileName"], rule["lbGrpName"]) for name, policy in policies.items()
+             for key, rule in [*policy["appProfilePolicyRuleList"].items(),
+                               *[("default", {"appProfileName": None,
+                                              "lbGrpName": policy["defaultLbGrpName"]})]
+                               * policy["defaultRuleCfgd"]]])
+        self.assertEqual({(row["policy"], vrf) for row in table["policies"] for vrf in row["vrfs"] or []},
+                         {(vrf["policyName"], name)
+                          for name, vrf in ask("get", "/cliConfig/vrfConfig").items()})
+        connections = ask("get", "/ipsecPathStatusDir/ipsecPathStatus")
+        up = [row for row in table["ipsec"] if row["state"] == "established"]
+        self.assertEqual([(row["source"], row["destination"], row["encapId"]) for row in up],
+                         [(each["key"]["srcAddr"], each["key"]["dstAddr"], each["encapId"])
+                          for each in connections.values() if each["connectionState"] == 3])
+        self.assertEqual((len(up), len(table["ipsec"])), (4, 104))
+        results = ask("get", "/nexthopStatus/vrf[default]/nexthop")
+        fecs = ask("get", "/forwardingStatus/fec")
+        hops = [row for row in table["nexthops"] if row["vrf"] == "default"]
+        self.assertEqual({row["nextHop"]: row["fec"] for row in hops if row["state"] == "resolved"},
+                         {address: result["fecId"] for address, result in results.items()})
+        self.assertEqual(len(hops), 107)
+        for row in hops:
+            vias = fecs[str(row["fec"])] if row["fec"] is not None else []
+            self.assertEqual(row["vias"], [f"{via['hop']} {via['intfId']}" for via in vias])
+        usable = {(each["key"]["name"], each["key"]["routerIp"]): sorted(map(int, each["pathIndexEntry"]))
+                  for each in ask("get", "/siteGroupStatus/siteGroupStatusEntry").values()}
+        self.assertEqual({(row["pathGroup"], row["site"]): row["usablePaths"]
+                          for row in table["sites"] if row["usablePaths"]}, usable)
+        members = ask("get", "/navStatusDir/navLbProfileStatus/lbProfileStatusEntry").values()
+        self.assertEqual([(row["id"], row["pathIndex"], row["priority"]) for row in table["load-balance"]
+                          if row["pathIndex"] is not None],
+                         [(each["lbIndex"], path["pathIndex"], path["priority"]) for each in members
+                          for path in sorted(each["pathEntry"].values(),
+                                             key=lambda m: (m["priority"], m["pathIndex"]))])
+        for last in (1, 3):
+            self.assertEqual(len(ask("trace", "--last", str(last))), last)
+
+    def test_the_log_says_what_happened_and_never_delays_the_agent(self):
+        run_dir = self.run_dir()
+        agent = self.agent(run_dir, *branch)
+        await_("paths are up", lambda: self.errors(run_dir).count(" is up by ") == 7)
+        group = "/cliConfig/pathGroupConfig[mpls]"
+        self.assertEqual(self.navctl(run_dir, "del", group).returncode, 0)
+        self.assertEqual(self.navctl(run_dir, "get", group).returncode, 1, "it is gone")
+        await_("the reason is logged", lambda: re.search(
+            r"agent:5 path Path\d+ 192\.0\.2\.1 -> 192\.0\.2\.130 \(mpls, 10\.255\.0\.2\) is down: "
+            "path group mpls is not configured", self.errors(run_dir)))
+        await_("a link fails", lambda: "is down: interface wan1 is down" in self.errors(run_dir))
+        self.assertEqual(self.stop(agent), 0)
+        self.assertTrue(self.errors(run_dir).endswith("agent:5 nav-agent stopped\n"))
+
+        deaf = self.run_dir()
+        unread, end = os.pipe()
+        self.addCleanup(os.close, unread)
+        agent = subprocess.Popen([programs["nav-agent"], "--run-dir", deaf, *branch, "--log-level", "8"],
+                                 stderr=end, cwd=source)
+        os.close(end)
+        self.processes.callback(agent.kill)
+        await_("paths are up", lambda: self.navctl(deaf, "show", "paths").stdout.count("Estab") == 7)
+        levels = json.loads(self.navctl(deaf, "--json", "log").stdout)
+        self.assertIn({"facility": "path", "level": 8}, levels)
+        requests = '{"op":"log","facility":"path","level":8}\n' * 5000
+        self.assertEqual(self.navctl(deaf, "batch", "-", input=requests).returncode, 0)
+        self.assertEqual(self.stop(agent), 0)
 
     def test_one_agent_to_a_run_directory_whatever_a_crashed_one_left(self):
         run_dir = self.run_dir()

@@ -272,32 +272,6 @@ TEST_F(NavctlTest, ShowCommandsTellTablesFromMessages) {
     EXPECT_NE(err.find("--raw"), std::string::npos);
 }
 
-TEST_F(NavctlTest, LoadBalanceMembersAreInOrderAndNamedWhereNamesAreKnown) {
-    agent->tree["/navDb"] = R"({"vrfIdToName":{"3":"red"},
-        "vrfApp":{"3,5":{"key":{"vrfId":3,"appId":5},"vrfName":"red","appName":"voice"}}})";
-    agent->tree["/navStatusDir/navLbProfileStatus"] = R"({"lbProfileStatusEntry":{
-        "10.255.0.2,5,3":{"key":{"vtepIp":"10.255.0.2","appId":5,"vrfId":3},"genId":4,"lbIndex":9,
-          "latency":4294967295,"jitter":20,"lossRate":0,"pathEntry":{
-            "1":{"pathIndex":1,"priority":20,"groupName":"mpls"},
-            "12":{"pathIndex":12,"priority":3,"groupName":"internet"},
-            "7":{"pathIndex":7,"priority":3,"groupName":"internet"}}},
-        "10.255.0.3,6,4":{"key":{"vtepIp":"10.255.0.3","appId":6,"vrfId":4},"genId":0,"lbIndex":10,
-          "latency":1,"jitter":1,"lossRate":0,"pathEntry":{}}}})";
-    ASSERT_EQ(run({"--json", "show", "load-balance"}), 0) << err;
-    const Json rows = Agent::parseJson(out);
-    ASSERT_EQ(rows.size(), 4u);
-    EXPECT_EQ(rows[0].at("pathIndex"), 7);
-    EXPECT_EQ(rows[1].at("pathIndex"), 12);
-    EXPECT_EQ(rows[2].dump(), R"({"site":"10.255.0.2","vrf":"red","application":"voice","id":9,)"
-                              R"("generation":4,"latency":null,"jitter":20,"lossRate":0,)"
-                              R"("priority":20,"pathIndex":1,"pathGroup":"mpls"})");
-    EXPECT_EQ(rows[3].at("vrf"), 4);
-    EXPECT_TRUE(rows[3].at("pathIndex").is_null());
-    agent->tree["/navDb"] = agent->tree["/navStatusDir/navLbProfileStatus"] = "null";
-    EXPECT_EQ(run({"--json", "show", "load-balance"}), 0);
-    EXPECT_EQ(out, "[]\n");
-}
-
 TEST_F(NavctlTest, SitesJoinWhatIsConfiguredWithWhatIsUsable) {
     agent->tree["/cliConfig"] = R"({"pathGroupConfig":{"a,b":{"name":"a,b","remoteViaConfig":{
         "10.255.0.2":{"remoteAddr":"10.255.0.2","remoteVia":{"1.1.1.1":true,"1.1.1.2":true}},
