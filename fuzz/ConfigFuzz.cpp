@@ -2,8 +2,7 @@
 // same and would be accepted again.
 #include <algorithm>
 
-#include "agent/model/Config.h"
-#include "agent/model/Tree.h"
+#include "agent/model/Transaction.h"
 
 namespace {
 
@@ -33,14 +32,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         wanted = Agent::readConfigText({reinterpret_cast<const char*>(data), size});
     } catch (const Agent::JsonError& error) {
-        VEL_ASSERT(std::string_view(error.what()).starts_with("line ") || size == 0,
+        VEL_ASSERT(std::string_view(error.what()).starts_with("line "),
                    "a refusal without its place");
         return 0;
     }
-    Agent::configWarnings(*wanted);
     const auto content = contentOf(*wanted);
     const Agent::ConfigPtr running = Agent::readConfigText(before);
-    Agent::applyConfig(*running, Agent::copyConfig(*wanted));
+    Agent::Transaction transaction(*running, Agent::copyConfig(*wanted));
+    transaction.check(nullptr);
+    transaction.apply();
     VEL_ASSERT(contentOf(*running) == content, "applied, it is another configuration");
     VEL_ASSERT(contentOf(*Agent::readConfigText(textOf(*running))) == content,
                "read again, it is another configuration");

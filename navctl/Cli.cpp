@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 
 #include "agent/base/RunDir.h"
@@ -15,6 +14,7 @@
 #include "client/ControlClient.h"
 #include "navctl/Completion.h"
 #include "navctl/Counters.h"
+#include "navctl/SaveFile.h"
 #include "navctl/Show.h"
 
 namespace Navctl {
@@ -65,6 +65,7 @@ class Program {
     void get();
     void set();
     void del();
+    void change(const Json& request);
     void watch();
     void load();
     void check();
@@ -212,11 +213,16 @@ void Program::set() {
     } catch (const Agent::JsonError&) {
         // A bare word: the string it is.
     }
-    Client::ControlClient(runDir()).request({{"op", "set"}, {"path", path_}, {"value", value}});
+    change({{"op", "set"}, {"path", path_}, {"value", value}});
 }
 
 void Program::del() {
-    Client::ControlClient(runDir()).request({{"op", "del"}, {"path", path_}});
+    change({{"op", "del"}, {"path", path_}});
+}
+
+void Program::change(const Json& request) {
+    const Json answer = Client::ControlClient(runDir()).request(request);
+    printWarnings(answer.value("warnings", Json::array()));
 }
 
 void Program::watch() {
@@ -251,11 +257,15 @@ auto Program::readConfig(Use use) const {
     }
 }
 
+// Validated here first, where the lines of the file are known; then by the agent, which also knows
+// the running configuration, so that its warnings are read before anything changes.
 void Program::load() {
+    readConfig(Agent::readConfigText);
     const Json config = readConfig(Agent::parseJson);
-    const Json answer =
-        Client::ControlClient(runDir()).request({{"op", "load"}, {"value", config}});
+    Client::ControlClient client(runDir());
+    const Json answer = client.request({{"op", "check"}, {"value", config}});
     printWarnings(answer.value("warnings", Json::array()));
+    client.request({{"op", "load"}, {"value", config}});
 }
 
 void Program::check() {
@@ -265,16 +275,7 @@ void Program::check() {
 
 void Program::save() {
     const std::string text = Client::ControlClient(runDir()).get("/cliConfig").dump(2) + "\n";
-    if (file_ == "-") {
-        streams_.out << text;
-        return;
-    }
-    // A file is replaced whole or not at all; a device or a pipe is written to.
-    const bool inPlace = std::filesystem::exists(file_) && !std::filesystem::is_regular_file(file_);
-    const std::string target = inPlace ? file_ : file_ + ".new";
-    std::ofstream file(target, std::ios::binary);
-    if (!(file << text << std::flush)) throw BadUsage(target + ": cannot be written");
-    if (!inPlace) std::filesystem::rename(target, file_);
+    file_ == "-" ? void(streams_.out << text) : saveFile(file_, text);
 }
 
 void Program::trace() {
@@ -373,7 +374,7 @@ ExitStatus Program::run(std::vector<std::string> arguments) {
         return fail(error.what(), badUsage);
     } catch (const Agent::RunDirError& error) {
         return fail(error.what(), badUsage);
-    } catch (const std::filesystem::filesystem_error& error) {
+    } catch (const std::system_error& error) {  // of a file
         return fail(error.what(), badUsage);
     } catch (const std::exception& error) {
         return fail(error.what(), refused);

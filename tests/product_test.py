@@ -245,10 +245,10 @@ class ProductTest(Products):
 
         load('{"udpPortConfig": 1, "vrfConfig": {"v": {"policyName": "p"}}}')
         agent = self.agent(run_dir, "--config", file)
-        self.assertIn('warning: VRF "v" names policy "p", which is not there', self.errors(run_dir))
+        self.assertIn('warning: VRF "v" names policy "p", which is not configured', self.errors(run_dir))
         load('{"udpPortConfig": 2,\n "pathGroupConfig": {"a": {"localintf": []}}}', agent)
         await_("it is refused",
-               lambda: "line 2: /pathGroupConfig/a/localintf" in self.errors(run_dir))
+               lambda: "line 2: /cliConfig/pathGroupConfig[a]/localintf" in self.errors(run_dir))
         self.assertEqual(port(), "1\n")
         load('{"udpPortConfig": 3}', agent)
         await_("it is loaded", lambda: port() == "3\n")

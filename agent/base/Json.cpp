@@ -113,7 +113,7 @@ class PlaceFinder : public nlohmann::json_sax<Json> {
 
 Json parseJson(std::string_view text) {
     size_t line = 1;
-    auto refuse = [&line](const std::string& reason) {
+    auto refuse = [&line] [[noreturn]] (const std::string& reason) {
         throw JsonError("line " + std::to_string(line) + ": " + reason);
     };
     // The parser would take it for the end of the text.
@@ -135,9 +135,11 @@ Json parseJson(std::string_view text) {
         return Json::parse(CountingIterator(text.data(), line),
                            CountingIterator(text.data() + text.size(), line), bounded);
     } catch (const Json::exception& error) {
-        const std::string_view message = error.what();
+        const std::string message = error.what();
         const size_t place = message.find("line ");
-        throw JsonError(std::string(place == message.npos ? message : message.substr(place)));
+        // The parser gives no line for a number that is too large.
+        if (place == message.npos) refuse(message.substr(message.find(']') + 2));
+        throw JsonError(message.substr(place));
     }
 }
 

@@ -109,7 +109,11 @@ Nav::NavDb* Host::database() const {
 }
 
 Controlled Host::controlled() {
-    return {tree_, *inputs_.cliConfig, platform_->name(), platform_->manual(),
+    return {tree_,
+            *inputs_.cliConfig,
+            *inputs_.ipStatusDir,
+            platform_->name(),
+            platform_->manual(),
             [this](const std::string& word) { return show(word); }};
 }
 

@@ -10,36 +10,21 @@ using Vel::Attribute;
 using Vel::Entity;
 using Vel::TypeDescriptor;
 using Kind = Vel::Attribute::Kind;
-using Place = Json::json_pointer;
 
 namespace {
 
-// What the runtime says against a value, at its place.
-template <class F>
-auto at(const Place& place, F&& f) {
-    try {
-        return f();
-    } catch (const Vel::Error& error) {
-        throw PlacedError(place, error.what());
-    }
-}
-
-const Attribute& attributeOf(const TypeDescriptor& type, const std::string& name,
-                             const Place& place) {
-    if (const Attribute* attribute = type.find(name)) return *attribute;
-    throw PlacedError(place, std::string(type.name) + " has no such attribute");
-}
-
-const Json& requireObject(const Json& value, std::string_view type, const Place& place) {
-    if (!value.is_object()) throw PlacedError(place, "expected an object of " + std::string(type));
-    return value;
+// A value as an error shows it.
+std::string shown(const Json& value) {
+    if (value.is_object()) return "an object";
+    if (value.is_array()) return "an array";
+    return dumpLine(value).substr(0, 120);
 }
 
 // A member of a set is written as its key text; a number may stand for itself.
-std::string memberKey(const Json& element, const Place& place) {
+std::optional<std::string> memberKey(const Json& element) {
     if (element.is_string()) return element.get<std::string>();
     if (element.is_number_unsigned()) return element.dump();
-    throw PlacedError(place, "expected the text of a key");
+    return std::nullopt;
 }
 
 std::string keyTextOf(const Entity& entity) {
@@ -47,61 +32,112 @@ std::string keyTextOf(const Entity& entity) {
     return key.keyOf(key.get(entity));
 }
 
-// The two passes over a value. The first throws PlacedError for whatever the second would not take;
-// it goes by the types alone where entities are still to be created, which is when `entity` is
-// null.
+// The first of two passes over a value: refuses whatever the second could not apply. Where entities
+// are still to be created it has the types alone to go by, and `entity` is null.
+class Check {
+  public:
+    explicit Check(Path at) : at_(std::move(at)) {}
 
-void checkMembers(const TypeDescriptor& type, const std::string& key, const Entity* entity,
-                  const Json& object, const Place& place);
-
-void checkEntry(const Attribute& a, const Entity* entity, const std::string& key, const Json& value,
-                const Place& place) {
-    if (a.kind == Kind::collection) {
-        const Entity* element = entity ? a.find(*entity, key) : nullptr;
-        checkMembers(*a.element(), key, element, value, place);
-    } else {
-        at(place, [&] { a.checkAt(key, toDatum(value)); });
-    }
-}
-
-void checkAttribute(const Attribute& a, const std::string& key, const Entity* entity,
-                    const Json& value, const Place& place) {
-    switch (a.kind) {
-        case Kind::key:
-            if (at(place, [&] { return a.keyOf(toDatum(value)); }) != key)
-                throw PlacedError(place, "the key is \"" + key + "\" and cannot be changed");
-            return;
-        case Kind::plain:
-            return at(place, [&] { a.check(toDatum(value)); });
-        case Kind::child: {
-            const Entity* child = entity ? a.find(*entity, {}) : nullptr;
-            if (!child) throw PlacedError(place, "there is none, and it cannot be created");
-            return checkMembers(*a.element(), keyTextOf(*child), child, value, place);
+    void members(const TypeDescriptor& type, const std::string& key, const Entity* entity,
+                 const Json& object) {
+        if (!object.is_object()) refuseAs("an object", object);
+        for (const auto& [name, value] : object.items()) {
+            const Attribute* a = type.find(name);
+            if (!a) {
+                at_.fields.push_back(name);
+                refuse("unknown attribute");
+            }
+            at_.hops.push_back({a, {}});
+            attribute(*a, key, entity, value);
+            at_.hops.pop_back();
         }
-        case Kind::set:
-            if (!value.is_array()) throw PlacedError(place, "expected an array of keys");
-            for (size_t i = 0; i < value.size(); ++i) {
-                const Place member = place / i;
-                at(member, [&] { a.normalKey(memberKey(value[i], member)); });
-            }
-            return;
-        default:
-            for (const auto& [text, each] : requireObject(value, a.name, place).items()) {
-                const Place entry = place / text;
-                const std::string normal =
-                    at(entry, [&, &written = text] { return a.normalKey(written); });
-                checkEntry(a, entity, normal, each, entry);
-            }
     }
-}
 
-void checkMembers(const TypeDescriptor& type, const std::string& key, const Entity* entity,
-                  const Json& object, const Place& place) {
-    for (const auto& [name, value] : requireObject(object, type.name, place).items()) {
-        const Place member = place / name;
-        checkAttribute(attributeOf(type, name, member), key, entity, value, member);
+  private:
+    [[noreturn]] void refuse(const std::string& reason) const { throw TreeError(at_, reason); }
+    [[noreturn]] void refuseAs(const std::string& expected, const Json& value) const {
+        refuse("expected " + expected + ", got " + shown(value));
     }
-}
+
+    void attribute(const Attribute& a, const std::string& key, const Entity* entity,
+                   const Json& value) {
+        switch (a.kind) {
+            case Kind::key:
+                return scalar(value, [&](const Vel::Datum& datum) {
+                    if (a.keyOf(datum) != key)
+                        refuse("the key is \"" + key + "\" and cannot be changed");
+                });
+            case Kind::plain:
+                return scalar(value, a.check);
+            case Kind::child: {
+                const Entity* child = entity ? a.find(*entity, {}) : nullptr;
+                if (!child) refuse("not found, and it cannot be created");
+                return members(*a.element(), keyTextOf(*child), child, value);
+            }
+            case Kind::set:
+                if (!value.is_array()) refuseAs("an array of keys", value);
+                for (size_t i = 0; i < value.size(); ++i) member(a, i, value[i]);
+                return;
+            default:
+                if (!value.is_object()) refuseAs("an object", value);
+                for (const auto& [text, each] : value.items()) {
+                    const std::string normal = normalKey(a, text);
+                    at_.hops.back().key = normal;
+                    entry(a, normal, entity, each);
+                }
+        }
+    }
+
+    void entry(const Attribute& a, const std::string& key, const Entity* entity,
+               const Json& value) {
+        if (a.kind != Kind::collection)
+            return scalar(value, [&](const Vel::Datum& datum) { a.checkAt(key, datum); });
+        const Entity* element = entity ? a.find(*entity, key) : nullptr;
+        members(*a.element(), key, element, value);
+    }
+
+    void member(const Attribute& a, size_t index, const Json& value) {
+        if (const auto key = memberKey(value)) return void(normalKey(a, *key));
+        at_.fields.push_back(std::to_string(index));
+        refuseAs("the text of a key", value);
+    }
+
+    std::string normalKey(const Attribute& a, const std::string& written) {
+        try {
+            return a.normalKey(written);
+        } catch (const Vel::Error& error) {
+            at_.hops.back().key = written;
+            refuse(error.what());
+        }
+    }
+
+    // `check` throws what is wrong with a datum. If only the quotes are missing, the error says so.
+    template <class F>
+    void scalar(const Json& value, F&& check) const {
+        try {
+            check(toDatum(value));
+        } catch (const Vel::Error& error) {
+            std::string reason = error.what();
+            if (const std::string text = shown(value);
+                (value.is_number() || value.is_boolean()) && accepts(check, text))
+                reason += "; in double quotes it is text: \"" + text + '"';
+            refuse(reason);
+        }
+    }
+    template <class F>
+    static bool accepts(F& check, const std::string& text) {
+        try {
+            check(Vel::Datum{text});
+            return true;
+        } catch (const std::runtime_error&) {
+            return false;
+        }
+    }
+
+    Path at_;
+};
+
+// The second pass.
 
 void applyMembers(Entity& entity, const Json& object);
 
@@ -123,7 +159,7 @@ void applyAttribute(const Attribute& a, Entity& entity, const Json& value) {
             return;
         case Kind::set:
             for (const Json& member : value)
-                a.setAt(entity, memberKey(member, Place()), Vel::Datum{true});
+                a.setAt(entity, memberKey(member).value(), Vel::Datum{true});
             return;
         default:
             for (const auto& [key, each] : value.items()) applyEntry(a, entity, key, each);
@@ -135,7 +171,7 @@ void applyMembers(Entity& entity, const Json& object) {
         applyAttribute(*entity.type().find(name), entity, value);
 }
 
-// What stands between two slashes: a name, and perhaps a key as it was written.
+// The text between two slashes: a name, and perhaps a key as it was written.
 struct Word {
     std::string name;
     std::optional<std::string> key;
@@ -146,20 +182,22 @@ std::vector<Word> split(std::string_view path) {
     size_t i = 0;
     while (i < path.size()) {
         if (path[i] != '/')
-            throw TreeError("expected a '/' before \"" + std::string(path.substr(i)) + '"');
+            throw std::runtime_error("expected a '/' before \"" + std::string(path.substr(i)) +
+                                     '"');
         const size_t begin = ++i;
         while (i < path.size() && path[i] != '/' && path[i] != '[') ++i;
         words.push_back({std::string(path.substr(begin, i - begin)), {}});
         if (i == path.size() || path[i] != '[') continue;
         const size_t key = ++i;
         while (i < path.size() && path[i] != ']') i += path[i] == '\\' ? 2 : 1;
-        if (i >= path.size()) throw TreeError("the key of " + words.back().name + " does not end");
+        if (i >= path.size())
+            throw std::runtime_error("the key of " + words.back().name + " does not end");
         words.back().key = path.substr(key, i++ - key);
     }
     return words;
 }
 
-// The entity that holds the attribute of the path's last hop; null when it is not there.
+// The entity that holds the attribute of the path's last hop; null if it does not exist.
 Entity* holder(const Path& path) {
     Entity* entity = path.root->entity();
     for (size_t i = 0; entity && i + 1 < path.hops.size(); ++i) {
@@ -169,24 +207,12 @@ Entity* holder(const Path& path) {
     return entity;
 }
 
-// Puts the path before the reason of a refusal.
-template <class F>
-auto atPath(std::string_view path, F&& f) {
-    try {
-        return f();
-    } catch (const PlacedError&) {
-        throw;
-    } catch (const std::runtime_error& error) {  // TreeError, Vel::Error
-        throw TreeError(std::string(path) + ": " + error.what());
-    }
-}
-
 // The hop that a word makes from an entity of the given type.
 Path::Hop hop(const TypeDescriptor& type, const Word& word) {
     const Attribute* a = type.find(word.name);
-    if (!a) throw TreeError(std::string(type.name) + " has no attribute \"" + word.name + '"');
+    if (!a) throw std::runtime_error("unknown attribute \"" + word.name + '"');
     if (!word.key) return {a, {}};
-    if (!a->keyed()) throw TreeError(word.name + " takes no key");
+    if (!a->keyed()) throw std::runtime_error(word.name + " takes no key");
     std::string key = *word.key;
     if (a->keyIsText) {
         const std::string_view rest = *word.key;
@@ -197,6 +223,46 @@ Path::Hop hop(const TypeDescriptor& type, const Word& word) {
         }
     }
     return {a, a->normalKey(key)};
+}
+
+Path read(const std::vector<Root>& roots, const std::vector<Word>& words) {
+    Path path;
+    for (const Root& root : roots)
+        if (!words.empty() && root.name == words[0].name && !words[0].key) path.root = &root;
+    if (!path.root) throw std::runtime_error("not found");
+    const TypeDescriptor* type = path.root->type;
+    bool inValue = false;
+    for (size_t i = 1; i < words.size(); ++i) {
+        const Word& word = words[i];
+        if (inValue) {
+            if (word.key) throw std::runtime_error(word.name + " takes no key");
+            path.fields.push_back(word.name);
+            continue;
+        }
+        if (!type)
+            throw std::runtime_error(words[i - 1].name + " needs a key before /" + word.name);
+        path.hops.push_back(hop(*type, word));
+        const auto& [attribute, key] = path.hops.back();
+        const bool entity = attribute->kind == Kind::child ||
+                            (attribute->kind == Kind::collection && key.has_value());
+        inValue = !entity && (key.has_value() || !attribute->keyed());
+        type = entity ? attribute->element() : nullptr;
+    }
+    return path;
+}
+
+// Control characters, which names in a refused path may hold, do not reach a terminal.
+std::string printable(const std::string& text) {
+    constexpr char digits[] = "0123456789abcdef";
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < ' ' || byte == 0x7f)
+            ((out += "\\x") += digits[byte >> 4]) += digits[byte & 15];
+        else
+            out += c;
+    }
+    return out;
 }
 
 }  // namespace
@@ -226,32 +292,54 @@ Json Tree::rootNames() const {
     return names;
 }
 
-Path Tree::parse(std::string_view text) const {
-    return atPath(text, [&] {
-        const std::vector<Word> words = split(text);
-        Path path;
-        for (const Root& root : roots_)
-            if (!words.empty() && root.name == words[0].name && !words[0].key) path.root = &root;
-        if (!path.root) throw TreeError("there is no such root");
-        const TypeDescriptor* type = path.root->type;
-        bool inValue = false;
-        for (size_t i = 1; i < words.size(); ++i) {
-            const Word& word = words[i];
-            if (inValue) {
-                if (word.key) throw TreeError(word.name + " takes no key");
-                path.fields.push_back(word.name);
-                continue;
+Path Path::at(std::string_view attribute, std::optional<std::string> key) const {
+    const TypeDescriptor* type = hops.empty() ? root->type : hops.back().attribute->element();
+    Path deeper = *this;
+    deeper.hops.push_back({type->find(attribute), std::move(key)});
+    return deeper;
+}
+
+TreeError::TreeError(Path place, const std::string& reason) : TreeError(place.text(), reason) {
+    place_ = std::move(place);
+}
+TreeError::TreeError(std::string_view path, const std::string& reason)
+    : std::runtime_error(printable(std::string(path) + ": " + reason)) {}
+
+Json::json_pointer pointerTo(const Path& place, const Json& root) {
+    Json::json_pointer pointer;
+    const Json* at = &root;
+    for (const auto& [a, key] : place.hops) {
+        const std::string name(a->name);
+        if (!at->is_object() || !at->contains(name)) return pointer;
+        pointer /= name;
+        at = &at->at(name);
+        if (!key) continue;
+        const auto isMeant = [&a, &key](const std::string& written) {
+            try {
+                return written == key || a->normalKey(written) == key;
+            } catch (const Vel::Error&) {
+                return false;
             }
-            if (!type) throw TreeError(words[i - 1].name + " needs a key before /" + word.name);
-            path.hops.push_back(hop(*type, word));
-            const auto& [attribute, key] = path.hops.back();
-            const bool entity = attribute->kind == Kind::child ||
-                                (attribute->kind == Kind::collection && key.has_value());
-            inValue = !entity && (key.has_value() || !attribute->keyed());
-            type = entity ? attribute->element() : nullptr;
+        };
+        const Json* found = nullptr;
+        for (const auto& [step, value] : at->items()) {
+            if (found || !isMeant(at->is_array() ? memberKey(value).value_or("") : step)) continue;
+            pointer /= step;
+            found = &value;
         }
-        return path;
-    });
+        if (!found) return pointer;
+        at = found;
+    }
+    for (const std::string& field : place.fields) pointer /= field;
+    return pointer;
+}
+
+Path Tree::parse(std::string_view text) const {
+    try {
+        return read(roots_, split(text));
+    } catch (const std::runtime_error& error) {  // Vel::Error of a key too
+        throw TreeError(text, error.what());
+    }
 }
 
 Json Tree::get(const Path& path) const {
@@ -270,69 +358,49 @@ Json Tree::get(const Path& path) const {
     }
     for (const std::string& field : path.fields) {
         if (value.is_null()) break;
-        if (!value.is_object() || !value.contains(field))
-            throw TreeError(path.text() + ": there is no such field");
+        if (!value.is_object() || !value.contains(field)) throw TreeError(path, "not found");
         value = Json(value[field]);
     }
     return value;
 }
 
 Entity& Tree::writable(const Path& path) const {
-    if (!path.root->writeProtection.empty()) throw TreeError(path.root->writeProtection);
-    if (!path.fields.empty()) throw TreeError("a value is set whole, not field by field");
+    if (!path.root->writeProtection.empty()) throw TreeError(path, path.root->writeProtection);
+    if (!path.fields.empty()) throw TreeError(path, "a value is set whole, not field by field");
     if (Entity* entity = path.root->entity()) return *entity;
-    throw TreeError("there is none");
+    throw TreeError(path, "not found");
 }
 
 void Tree::set(std::string_view text, const Json& value) {
     const Path path = parse(text);
-    Entity& root = atPath(text, [&] { return std::ref(writable(path)); });
+    Entity& entity = writable(path);
 
     // The same assignment, said from the root.
     Json whole = value;
-    size_t depth = 0;
     for (auto hop = path.hops.rbegin(); hop != path.hops.rend(); ++hop) {
         const auto& [a, key] = *hop;
         if (key && a->kind == Kind::set) {
-            if (value != true) throw TreeError(std::string(text) + ": a member is set to true");
+            if (value != true) throw TreeError(path, "expected true, got " + shown(value));
             whole = Json::array({*key});
         } else if (key) {
             whole = Json::object({{*key, std::move(whole)}});
         }
         whole = Json::object({{std::string(a->name), std::move(whole)}});
-        depth += key ? 2 : 1;
     }
-    try {
-        assignMembers(root, whole);
-    } catch (const PlacedError& error) {
-        Place inside;
-        std::vector<std::string> steps;
-        for (Place rest = error.place(); !rest.empty(); rest.pop_back())
-            steps.push_back(rest.back());
-        for (size_t i = depth; i < steps.size(); ++i) inside /= steps[steps.size() - 1 - i];
-        throw TreeError(std::string(text) + inside.to_string() + ": " + error.reason());
-    } catch (const Vel::Error& error) {
-        throw TreeError(std::string(text) + ": " + error.what());
-    }
+    Check(Path{path.root, {}, {}}).members(*path.root->type, keyTextOf(entity), &entity, whole);
+    const Vel::Hold hold;
+    applyMembers(entity, whole);
 }
 
 void Tree::del(std::string_view text) {
     const Path path = parse(text);
-    atPath(text, [&] {
-        writable(path);
-        if (path.hops.empty() || !path.hops.back().key)
-            throw TreeError("only what stands under a key can be deleted");
-        Vel::Hold hold;
-        Entity* entity = holder(path);
-        if (!entity || !path.hops.back().attribute->eraseAt(*entity, *path.hops.back().key))
-            throw TreeError("there is none");
-    });
-}
-
-void assignMembers(Entity& entity, const Json& object) {
-    checkMembers(entity.type(), keyTextOf(entity), &entity, object, Place());
-    Vel::Hold hold;
-    applyMembers(entity, object);
+    writable(path);
+    if (path.hops.empty() || !path.hops.back().key)
+        throw TreeError(path, "only an entry or member, by its key, can be deleted");
+    const auto& [a, key] = path.hops.back();
+    const Vel::Hold hold;
+    Entity* entity = holder(path);
+    if (!entity || !a->eraseAt(*entity, *key)) throw TreeError(path, "not found");
 }
 
 }  // namespace Agent

@@ -24,18 +24,12 @@
 
 namespace Agent {
 
-// A refusal: what() names the path and the reason.
-class TreeError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
 // An entity at the top of the tree.
 struct Root {
     std::string name;
     const Vel::TypeDescriptor* type;
-    std::function<Vel::Entity*()> entity;  // null while there is none
-    std::string writeProtection;           // why it cannot be written; empty: it can
+    std::function<Vel::Entity*()> entity;  // returns null while the entity does not exist
+    std::string writeProtection;           // the reason for refusing writes; empty: writable
 
     template <class E>
     static Root of(std::string name, E& entity, std::string writeProtection = {}) {
@@ -44,8 +38,8 @@ struct Root {
     }
 };
 
-// A path whose names and keys have been checked against the types. Whether what it names is there
-// is another matter.
+// A path whose attributes exist and whose keys have the right type. The entries that it names need
+// not exist.
 struct Path {
     struct Hop {
         const Vel::Attribute* attribute;
@@ -55,8 +49,25 @@ struct Path {
     std::vector<Hop> hops;
     std::vector<std::string> fields;  // inside a value
 
-    std::string text() const;  // in normal form
+    std::string text() const;  // as a request writes it
     bool hasKey() const;       // names an entry or member, or something inside of one
+
+    // REQUIRES: the path ends at an entity, whose type has this attribute.
+    Path at(std::string_view attribute, std::optional<std::string> key = {}) const;
+};
+
+// A refusal. what() is "/path/to[place]: reason", control characters escaped.
+class TreeError : public std::runtime_error {
+  public:
+    TreeError(Path place, const std::string& reason);
+    // Of a path that could not be read: `path` is its text.
+    TreeError(std::string_view path, const std::string& reason);
+
+    // The place within its root, for lines of a file; its root may be gone.
+    const Path& place() const { return place_; }
+
+  private:
+    Path place_;
 };
 
 class Tree {
@@ -74,7 +85,7 @@ class Tree {
     Json rootNames() const;
     // Gets or creates every entry on the way, then assigns the value.
     void set(std::string_view path, const Json& value);
-    // Refused when there is nothing to delete.
+    // Refused if the entry or member does not exist.
     void del(std::string_view path);
 
   private:
@@ -83,9 +94,9 @@ class Tree {
     std::vector<Root> roots_;
 };
 
-// Assigns each member of an object to the entity, in order, after having checked all of them.
-// PlacedError says which member was refused and why.
-void assignMembers(Vel::Entity& entity, const Json& object);
+// Where in the JSON of its root's value a place is: the nearest enclosing member or element that
+// the JSON has.
+Json::json_pointer pointerTo(const Path& place, const Json& root);
 
 // The step to an attribute, or to what it holds under a key: "/remoteVia[198.51.100.2]".
 std::string step(const Vel::Attribute& attribute, const std::string* key);

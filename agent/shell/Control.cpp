@@ -11,7 +11,7 @@ namespace {
 
 const Json& member(const Json& request, const char* name) {
     const auto found = request.find(name);
-    if (found == request.end()) throw RequestError(std::string(name) + ": this is needed");
+    if (found == request.end()) throw RequestError(std::string(name) + ": required");
     return *found;
 }
 
@@ -82,26 +82,24 @@ Answer Control::del(const Json& request, Session&) {
 }
 
 Answer Control::change(const std::string& path, const std::function<void(Tree&)>& make) {
-    Answer answer;
-    if (!agent_.manual && agent_.tree.parse(path).root->name == configName) {
-        const ConfigPtr afterwards = copyConfig(agent_.config);
-        Tree trial({Root::of(configName, *afterwards)});
-        make(trial);
-        try {
-            validateConfig(*afterwards);
-        } catch (const PlacedError& error) {
-            throw RequestError(std::string("/") + configName + error.what());
-        }
-        answer.warnings = configWarnings(*afterwards);
+    if (agent_.manual || agent_.tree.parse(path).root->name != configName) {
+        make(agent_.tree);
+        return {};
     }
-    make(agent_.tree);
-    return answer;
+    Transaction transaction(agent_.config);
+    make(transaction.tree());
+    return warned(commit(transaction));
+}
+
+std::vector<std::string> Control::commit(Transaction& transaction) {
+    std::vector<std::string> warnings = transaction.check(&agent_.interfaces);
+    transaction.apply();
+    return warnings;
 }
 
 std::vector<std::string> Control::load(ConfigPtr wanted) {
-    std::vector<std::string> warnings = configWarnings(*wanted);
-    applyConfig(agent_.config, std::move(wanted));
-    return warnings;
+    Transaction transaction(agent_.config, std::move(wanted));
+    return commit(transaction);
 }
 
 Answer Control::loadRequest(const Json& request, Session&) {
@@ -109,7 +107,8 @@ Answer Control::loadRequest(const Json& request, Session&) {
 }
 
 Answer Control::check(const Json& request, Session&) {
-    return warned(configWarnings(*readConfig(member(request, "value"))));
+    const Transaction transaction(agent_.config, readConfig(member(request, "value")));
+    return warned(transaction.check(&agent_.interfaces));
 }
 
 Answer Control::show(const Json& request, Session&) {

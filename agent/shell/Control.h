@@ -1,16 +1,15 @@
 // The requests of the control socket, carried out on a running agent. On the event thread; outlives
 // the server that calls it.
 //
-// On platforms other than manual a change of /cliConfig is tried on a copy first, so that no single
-// request can bring the system to its limits.
+// On platforms other than manual every change of /cliConfig is a transaction; on manual, set and
+// del write the tree and nothing else.
 #pragma once
 
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "agent/model/Config.h"
-#include "agent/model/Tree.h"
+#include "agent/model/Transaction.h"
 #include "agent/model/Watch.h"
 #include "agent/shell/ControlServer.h"
 
@@ -19,9 +18,10 @@ namespace Agent {
 // The agent that the requests act on.
 struct Controlled {
     Tree& tree;
-    Nav::NavCliConfig& config;  // the running one
-    std::string platform;       // its name
-    bool manual;                // whether the platform leaves every input to the requests
+    Nav::NavCliConfig& config;     // the running one
+    const Ip::Status& interfaces;  // their addresses
+    std::string platform;          // its name
+    bool manual;                   // whether the platform leaves every input to the requests
     // The library's answer to a show command, empty if it does not know the word.
     std::function<std::string(const std::string& word)> show;
 };
@@ -36,7 +36,8 @@ class Control final : public RequestHandler {
     Answer handle(const std::string& op, const Json& request, Session& session) override;
     void sessionClosed(Session& session) override { watches_.remove(session); }
 
-    // Makes the configuration the running one and returns the warnings about it.
+    // Makes the configuration the running one and returns the warnings about it. Throws TreeError
+    // if it is not valid.
     std::vector<std::string> load(ConfigPtr wanted);
 
   private:
@@ -52,6 +53,7 @@ class Control final : public RequestHandler {
     Answer ping(const Json& request, Session& session);
 
     Answer change(const std::string& path, const std::function<void(Tree&)>& make);
+    std::vector<std::string> commit(Transaction& transaction);
 
     const Controlled agent_;
     Watches watches_;

@@ -43,8 +43,10 @@ struct NumberCodec {
 // The types whose text is one word of their own and is quoted in a value text.
 template <class T>
 std::optional<T> readText(std::string_view text) {
-    if constexpr (std::is_same_v<T, L3::VrfName> || std::is_same_v<T, String>)
-        return T(String(text));
+    if constexpr (std::is_same_v<T, String>)
+        return T(text);
+    else if constexpr (std::is_same_v<T, L3::VrfName>)
+        return text.size() > T::maxLength ? std::nullopt : std::optional(T(String(text)));
     else
         return T::parse(text);
 }
@@ -56,6 +58,9 @@ template <>
 constexpr const char* textKind<Netz::IpAddrWithMask> = "an address with prefix length";
 template <>
 constexpr const char* textKind<Netz::IntfId> = "an interface name of at most 31 bytes";
+
+template <>
+constexpr const char* textKind<L3::VrfName> = "a VRF name of at most 100 bytes";
 
 template <class T>
 std::string plainText(const T& v) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <map>
@@ -111,7 +112,7 @@ class FakeAgent : Agent::RequestHandler {
         }
         if (op == "trace") return Json{"one", "two"};
         Agent::Answer answer;
-        if (op == "load") answer.warnings = {"policy x is not there"};
+        if (op == "check" || op == "del") answer.warnings = {"policy x is not configured"};
         return answer;
     }
     void sessionClosed(Agent::Session&) override {}
@@ -193,23 +194,34 @@ TEST_F(NavctlTest, ValuesAndFilesReachTheAgentAsTheyWereMeant) {
     EXPECT_EQ(run({"set", "/a", "wan 1"}), 0);
     EXPECT_EQ(run({"set", "/a", "-5"}), 0);
     EXPECT_EQ(run({"del", "/a[x,y]"}), 0);
-    EXPECT_EQ(run({"load", write("good", "{\"z\": 1,\n\"a\": 2}")}), 0);
-    EXPECT_EQ(err, "warning: policy x is not there\n");
+    EXPECT_EQ(err, "warning: policy x is not configured\n");
+    EXPECT_EQ(run({"load", write("good", "{\"udpPortConfig\": 1,\n\"navConfigured\": true}")}), 0);
+    EXPECT_EQ(err, "warning: policy x is not configured\n");
     const std::string bad = write("bad", "{\"z\": 1,\n\"a\": }");
     EXPECT_EQ(run({"load", bad}), 1);
     EXPECT_NE(err.find(bad + ": line 2"), std::string::npos);
-    EXPECT_EQ(
-        agent->requests,
-        (std::vector<std::string>{
-            R"({"op":"set","path":"/a","value":{"z":1,"a":[true]}})",
-            R"({"op":"set","path":"/a","value":"wan 1"})", R"({"op":"set","path":"/a","value":-5})",
-            R"({"op":"del","path":"/a[x,y]"})", R"({"op":"load","value":{"z":1,"a":2}})"}));
+    EXPECT_EQ(agent->requests,
+              (std::vector<std::string>{
+                  R"({"op":"set","path":"/a","value":{"z":1,"a":[true]}})",
+                  R"({"op":"set","path":"/a","value":"wan 1"})",
+                  R"({"op":"set","path":"/a","value":-5})", R"({"op":"del","path":"/a[x,y]"})",
+                  R"({"op":"check","value":{"udpPortConfig":1,"navConfigured":true}})",
+                  R"({"op":"load","value":{"udpPortConfig":1,"navConfigured":true}})"}));
 
-    agent->tree["/cliConfig"] = R"({"z":1,"a":{"b":[]}})";
+    // A file is replaced in place of a link's target, with its mode, or not at all.
+    agent->tree["/cliConfig"] = R"({"udpPortConfig":1,"vrfConfig":{"v":{}}})";
+    const std::filesystem::path saved = write("target", "old");
+    std::filesystem::permissions(saved, std::filesystem::perms(0640));
+    std::filesystem::create_symlink("target", dir + "/saved");
     EXPECT_EQ(run({"save", dir + "/saved"}), 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(dir + "/saved"));
+    EXPECT_EQ(std::filesystem::status(saved).permissions(), std::filesystem::perms(0640));
     EXPECT_EQ(run({"load", dir + "/saved"}), 0);
-    EXPECT_EQ(agent->requests.back(), R"({"op":"load","value":{"z":1,"a":{"b":[]}}})");
+    EXPECT_EQ(agent->requests.back(),
+              R"({"op":"load","value":{"udpPortConfig":1,"vrfConfig":{"v":{}}}})");
+    EXPECT_EQ(run({"save", "/dev/full"}), 2);
     EXPECT_EQ(run({"save", dir + "/no/where"}), 2);
+    EXPECT_EQ(err, "navctl: " + dir + "/no/where: No such file or directory\n");
 }
 
 TEST_F(NavctlTest, ABatchGoesOnAfterARefusalAndSaysSoAtTheEnd) {
@@ -232,11 +244,11 @@ TEST_F(NavctlTest, ABatchGoesOnAfterARefusalAndSaysSoAtTheEnd) {
 TEST_F(NavctlTest, ACheckNeedsNoAgentAndNamesTheLine) {
     agent.reset();
     EXPECT_EQ(run({"check", write("good", R"({"vrfConfig":{"v":{"policyName":"p"}}})")}), 0);
-    EXPECT_EQ(err, "warning: VRF \"v\" names policy \"p\", which is not there\n");
+    EXPECT_EQ(err, "warning: VRF \"v\" names policy \"p\", which is not configured\n");
     const std::string bad = write("bad", "{\n\"vrfConfig\": {\n\"v\": {\n\"policy\": 1}}}");
     EXPECT_EQ(run({"check", bad}), 1);
-    EXPECT_EQ(err, "navctl: " + bad + ": line 4: /vrfConfig/v/policy: Nav::VrfConfig has no such " +
-                       "attribute\n");
+    EXPECT_EQ(err,
+              "navctl: " + bad + ": line 4: /cliConfig/vrfConfig[v]/policy: unknown attribute\n");
     EXPECT_EQ(run({"check", dir + "/none"}), 2);
 }
 

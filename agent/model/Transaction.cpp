@@ -1,0 +1,131 @@
+#include "agent/model/Transaction.h"
+
+#include "agent/model/LbDemand.h"
+
+namespace Agent {
+
+using Vel::Attribute;
+using Vel::Entity;
+
+namespace {
+
+// Takes out of `to` every entry and member that `from` does not have. Later attributes of a
+// configuration refer to earlier ones, so they go first.
+void removeSurplus(Entity& to, const Entity& from) {
+    const Vel::TypeDescriptor& type = to.type();
+    for (size_t i = type.count; i-- > 0;) {
+        const Attribute& a = type.attributes[i];
+        if (!a.keyed()) continue;
+        for (const std::string& key : a.keys(to)) {
+            if (a.kind == Attribute::Kind::collection) {
+                const Entity* wanted = a.find(from, key);
+                Entity* present = a.find(to, key);
+                wanted&& present ? removeSurplus(*present, *wanted) : void(a.eraseAt(to, key));
+            } else if (!a.getAt(from, key)) {
+                a.eraseAt(to, key);
+            }
+        }
+    }
+}
+
+// Raises the wanted version where reactors would otherwise not see a finished change.
+void settleVersion(const Nav::PolicyConfig& running, Nav::PolicyConfig& wanted) {
+    const Vel::U32 given = wanted.configVersion(), current = running.configVersion();
+    wanted.configVersionIs(current);
+    const bool changed = toDatum(wanted) != toDatum(running);
+    if (given > current)
+        wanted.configVersionIs(given);
+    else if (changed)
+        wanted.configVersionInc(1);
+}
+
+}  // namespace
+
+Transaction::Transaction(Nav::NavCliConfig& running, ConfigPtr wanted)
+    : running_(running), wanted_(std::move(wanted)), tree_({Root::of(configName, *wanted_)}) {}
+
+std::vector<std::string> Transaction::check(const Ip::Status* interfaces) const {
+    validateConfig(*wanted_);
+    std::vector<std::string> warnings = configWarnings(*wanted_, interfaces);
+    if (const size_t groups = running_.pathGroupConfig().size();
+        groups > 0 && wanted_->pathGroupConfig().empty())
+        warnings.push_back("this removes every path group (" + std::to_string(groups) +
+                           "), and with them every path");
+    return warnings;
+}
+
+void Transaction::apply() {
+    const Vel::Hold hold;
+    const bool on = wanted_->navConfigured();
+    if (!on) running_.navConfiguredIs(false);
+    wanted_->navConfiguredIs(running_.navConfigured());
+    settleVersions();
+
+    stepAside();
+    removeSurplus(running_, *wanted_);
+    settleProfiles();
+    addMissing(running_, *wanted_);
+    running_.navConfiguredIs(on);
+}
+
+void Transaction::settleVersions() {
+    for (Nav::PolicyConfig& policy : wanted_->policyConfig())
+        if (const auto* running = running_.policyConfig(policy.name()))
+            settleVersion(*running, policy);
+}
+
+// Removes what cannot stay while the configuration changes; addMissing() puts it back.
+void Transaction::stepAside() {
+    const auto replaced = replacedPolicies();
+    for (const L3::VrfName& vrf : bindingsInTheWay(replaced)) running_.vrfConfigDel(vrf);
+    for (const std::string& policy : replaced) running_.policyConfigDel(policy);
+    // A group that loses its IPsec profile loses its paths with it. It gets them back when its
+    // destinations return.
+    for (Nav::PathGroupConfig& group : running_.pathGroupConfig()) {
+        const auto* wanted = wanted_->pathGroupConfig(group.name());
+        if (!wanted || group.ipsecProfile().empty() || !wanted->ipsecProfile().empty()) continue;
+        for (Nav::RemoteViaConfig& site : group.remoteViaConfig()) site.remoteViaDelAll();
+    }
+}
+
+// Policies that go, or that lose their last rule: the classification module would keep an empty
+// policy, which it does not get of a policy that never had a rule.
+std::set<std::string> Transaction::replacedPolicies() const {
+    std::set<std::string> replaced;
+    for (const Nav::PolicyConfig& policy : running_.policyConfig()) {
+        const auto* wanted = wanted_->policyConfig(policy.name());
+        if (!wanted || (wanted->appProfilePolicyRuleList().empty() &&
+                        !policy.appProfilePolicyRuleList().empty()))
+            replaced.insert(policy.name());
+    }
+    return replaced;
+}
+
+// A binding to a policy that goes is announced again, since otherwise the policy would stay applied
+// to the VRF.
+//
+// Where load-balance ids that one VRF gives up could be wanted by another before they are free,
+// bindings release them before all else. On the way from one configuration to the other a VRF needs
+// at most what it needs in both together; those that need no more than at the end may stay, and the
+// others come back when everything else is as it will be.
+std::set<L3::VrfName> Transaction::bindingsInTheWay(const std::set<std::string>& replaced) const {
+    const auto onTheWay = lbDemand({&running_, wanted_.get()}), after = lbDemand({wanted_.get()});
+    const bool enough = fits(onTheWay);
+    std::set<L3::VrfName> bindings;
+    for (const Nav::VrfConfig& binding : running_.vrfConfig()) {
+        const auto needed = after.find(binding.vrfName());
+        const bool grows =
+            needed != after.end() && needed->second == onTheWay.at(binding.vrfName());
+        if (replaced.contains(binding.policyName()) || !(enough || grows))
+            bindings.insert(binding.vrfName());
+    }
+    return bindings;
+}
+
+// With the profile first, destinations that a group gains are never paths without IPsec.
+void Transaction::settleProfiles() {
+    for (Nav::PathGroupConfig& group : running_.pathGroupConfig())
+        group.ipsecProfileIs(wanted_->pathGroupConfig(group.name())->ipsecProfile());
+}
+
+}  // namespace Agent

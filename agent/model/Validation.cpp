@@ -1,0 +1,205 @@
+#include <map>
+
+#include "agent/model/Config.h"
+#include "agent/model/LbDemand.h"
+#include "nav/config/NavConstants.h"
+
+namespace Agent {
+
+using Nav::NavCliConfig;
+using Nav::NavConstants;
+using Vel::Attribute;
+using Kind = Attribute::Kind;
+
+namespace {
+
+constexpr Vel::U32 maxLossRate = 100;  // percent
+
+Path wholeConfig() {
+    static const Root root{configName, &NavCliConfig::velType, {}, {}};
+    return {&root, {}, {}};
+}
+
+// C0, C1 and DEL, in UTF-8.
+bool hasControlCharacter(std::string_view text) {
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+        if (byte < ' ' || byte == 0x7f || (byte == 0xc2 && next >= 0x80 && next < 0xa0))
+            return true;
+    }
+    return false;
+}
+
+void checkText(const Path& place, std::string_view text) {
+    if (hasControlCharacter(text)) throw TreeError(place, "control characters are not allowed");
+}
+
+// Every key and value that is free text; keys of entries and of maps are names of things.
+void checkNames(const Vel::Entity& entity, const Path& place) {
+    const Vel::TypeDescriptor& type = entity.type();
+    for (size_t i = 0; i < type.count; ++i) {
+        const Attribute& a = type.attributes[i];
+        if (!a.keyed()) {
+            const Vel::Datum value = a.get(entity);
+            if (const auto* text = value.as<Vel::String>()) checkText(place.at(a.name), *text);
+            continue;
+        }
+        for (const std::string& key : a.keys(entity)) {
+            const Path entry = place.at(a.name, key);
+            if (a.keyIsText && key.empty() && a.kind != Kind::set)
+                throw TreeError(entry, "a name is required");
+            if (a.keyIsText) checkText(entry, key);
+            if (a.kind == Kind::collection) checkNames(*a.find(entity, key), entry);
+        }
+    }
+}
+
+// Why no path can have this destination; null if one can.
+const char* unusable(const Netz::IpGenAddr& addr) {
+    const auto is = [&addr](size_t index, uint8_t mask, uint8_t value) {
+        return (addr.data()[index] & mask) == value;
+    };
+    if (addr.isZero()) return "unspecified";
+    if (addr.isV4()) {
+        if (is(0, 0xff, 127)) return "loopback";
+        if (is(0, 0xf0, 224)) return "multicast";
+        if (addr == Netz::IpGenAddr::fromV4(0xffffffff)) return "broadcast";
+        if (is(0, 0xff, 169) && is(1, 0xff, 254)) return "link-local";
+        return nullptr;
+    }
+    static const auto loopback = Netz::IpGenAddr::parse("::1");
+    if (addr == loopback) return "loopback";
+    if (is(0, 0xff, 0xff)) return "multicast";
+    if (is(0, 0xff, 0xfe) && is(1, 0xc0, 0x80)) return "link-local";
+    return nullptr;
+}
+
+// The number of destinations of a group.
+size_t checkDestinations(const Nav::PathGroupConfig& group, const Path& place) {
+    std::map<Netz::IpGenAddr, Netz::IpGenAddr> siteOf;
+    for (const Nav::RemoteViaConfig& site : group.remoteViaConfig()) {
+        const std::string siteText = site.remoteAddr().stringValue();
+        for (const Netz::IpGenAddr& destination : site.remoteVia()) {
+            const Path at =
+                place.at("remoteViaConfig", siteText).at("remoteVia", destination.stringValue());
+            if (const char* kind = unusable(destination))
+                throw TreeError(at, std::string("a destination cannot be a ") + kind + " address");
+            const auto [first, isNew] = siteOf.emplace(destination, site.remoteAddr());
+            if (!isNew)
+                throw TreeError(at, "already a destination of site " + first->second.stringValue() +
+                                        "; a destination belongs to one site of a path group");
+        }
+    }
+    return siteOf.size();
+}
+
+void checkPathGroups(const NavCliConfig& config) {
+    std::map<Netz::IntfId, std::string> groupOf;
+    size_t paths = 0;
+    for (const Nav::PathGroupConfig& group : config.pathGroupConfig()) {
+        const Path place = wholeConfig().at("pathGroupConfig", group.name());
+        size_t interfaces = 0;
+        for (const Netz::IntfId& intf : group.localIntf()) {
+            ++interfaces;
+            const auto [first, isNew] = groupOf.emplace(intf, group.name());
+            if (!isNew)
+                throw TreeError(place.at("localIntf", intf.stringValue()),
+                                "already in path group \"" + first->second +
+                                    "\"; an interface belongs to one path group");
+        }
+        paths += interfaces * checkDestinations(group, place);
+    }
+    if (paths > NavConstants::maxPathIndex)
+        throw TreeError(wholeConfig().at("pathGroupConfig"),
+                        "this needs " + std::to_string(paths) + " paths; at most " +
+                            std::to_string(NavConstants::maxPathIndex) + " are possible");
+}
+
+void checkPolicies(const NavCliConfig& config) {
+    for (const Nav::PolicyConfig& policy : config.policyConfig())
+        for (const auto& rule : policy.appProfilePolicyRuleList())
+            if (rule.ruleKey() == NavConstants::defaultRuleKey)
+                throw TreeError(wholeConfig()
+                                    .at("policyConfig", policy.name())
+                                    .at("appProfilePolicyRuleList", std::to_string(rule.ruleKey())),
+                                "this key is reserved for the default rule");
+    for (const Nav::LoadBalanceProfile& profile : config.loadBalanceProfile())
+        if (profile.lossRate() > maxLossRate)
+            throw TreeError(
+                wholeConfig().at("loadBalanceProfile", profile.profileName()).at("lossRate"),
+                "expected a percentage from 0 to 100, got " + std::to_string(profile.lossRate()));
+}
+
+}  // namespace
+
+void validateConfig(const NavCliConfig& config) {
+    checkNames(config, wholeConfig());
+    checkPathGroups(config);
+    checkPolicies(config);
+    if (!fits(lbDemand({&config})))
+        throw TreeError(wholeConfig().at("vrfConfig"),
+                        "this can need more load-balance ids than the " +
+                            std::to_string(NavConstants::maxLbIndex) + " that exist");
+}
+
+namespace {
+
+// A sentence if `name` is not empty and the collection does not have it.
+template <class Collection>
+void warnUnlessConfigured(std::vector<std::string>& warnings, const std::string& who,
+                          const std::string& kind, const std::string& name,
+                          const Collection& collection) {
+    if (!name.empty() && !collection(name))
+        warnings.push_back(who + " names " + kind + " \"" + name + "\", which is not configured");
+}
+
+// Nothing is known of an interface without an address; it may get one of either family.
+void warnOfFamilies(std::vector<std::string>& warnings, const Nav::PathGroupConfig& group,
+                    const Ip::Status& interfaces) {
+    bool v4 = false, v6 = false;
+    for (const Netz::IntfId& intf : group.localIntf()) {
+        const Ip::IpIntfStatus* status = interfaces.ipIntfStatus(intf);
+        if (!status || status->activeAddrWithMask().addr.isZero()) return;
+        (status->activeAddrWithMask().addr.isV4() ? v4 : v6) = true;
+    }
+    if (v4 == v6) return;
+    for (const Nav::RemoteViaConfig& site : group.remoteViaConfig())
+        for (const Netz::IpGenAddr& destination : site.remoteVia())
+            if (destination.isV4() != v4)
+                warnings.push_back("destination " + destination.stringValue() + " of site " +
+                                   site.remoteAddr().stringValue() + " is an " +
+                                   (v4 ? "IPv6" : "IPv4") + " address, but path group \"" +
+                                   group.name() + "\" has only " + (v4 ? "IPv4" : "IPv6") +
+                                   " interfaces");
+}
+
+}  // namespace
+
+std::vector<std::string> configWarnings(const NavCliConfig& config, const Ip::Status* interfaces) {
+    std::vector<std::string> warnings;
+    const auto group = [&](const std::string& name) { return config.pathGroupConfig(name); };
+    const auto policy = [&](const std::string& name) { return config.policyConfig(name); };
+    const auto profile = [&](const std::string& name) { return config.loadBalanceProfile(name); };
+    if (interfaces)
+        for (const Nav::PathGroupConfig& each : config.pathGroupConfig())
+            warnOfFamilies(warnings, each, *interfaces);
+    for (const Nav::LoadBalanceProfile& each : config.loadBalanceProfile())
+        for (const auto& [name, priority] : each.pathGroupPriority())
+            warnUnlessConfigured(warnings, "load-balance profile \"" + each.profileName() + "\"",
+                                 "path group", name, group);
+    for (const Nav::PolicyConfig& each : config.policyConfig()) {
+        const std::string who = "policy \"" + each.name() + "\"";
+        for (const auto& rule : each.appProfilePolicyRuleList())
+            warnUnlessConfigured(warnings, "rule " + std::to_string(rule.ruleKey()) + " of " + who,
+                                 "load-balance profile", rule.lbGrpName(), profile);
+        warnUnlessConfigured(warnings, "the default rule of " + who, "load-balance profile",
+                             each.defaultLbGrpName(), profile);
+    }
+    for (const Nav::VrfConfig& each : config.vrfConfig())
+        warnUnlessConfigured(warnings, "VRF \"" + each.vrfName().str() + "\"", "policy",
+                             each.policyName(), policy);
+    return warnings;
+}
+
+}  // namespace Agent

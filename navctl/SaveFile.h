@@ -1,0 +1,13 @@
+// Writing a file whole or not at all.
+#pragma once
+
+#include <string>
+
+namespace Navctl {
+
+// Gives the file this content. A regular file is replaced in one step: mode, and where permitted
+// owner, stay; a symbolic link is followed; after a failure the old content stands and nothing else
+// is left. A device or a pipe is written to. Throws std::system_error, its text naming the file.
+void saveFile(const std::string& name, const std::string& content);
+
+}  // namespace Navctl
