@@ -1,9 +1,9 @@
-// Invariants that hold in every build. VEL_ASSERT(expression, "text") is for states that cannot be:
-// when the expression is false the assertion handler is called with exactly that text, and the
-// process ends. Wrong input is no such state; it is answered with an error (Error.h).
+// Invariants, checked in every build. VEL_ASSERT(expression, "text") is for impossible states: when
+// the expression is false the assertion handler is called with exactly that text, and the process
+// ends. Wrong input is answered with an error instead (Error.h).
 //
-// The handler is process-wide and meant to be set at start, or by a test for its own length. A
-// test's handler may throw to get out; a handler that returns does not save the process.
+// The handler is process-wide and meant to be set at start, or by a test while it runs. A handler
+// may throw to leave the failed operation; when it returns, the process aborts.
 #pragma once
 
 #include "platform/Export.h"
@@ -16,7 +16,7 @@ using AssertHandler = void (*)(const char* text, const char* file, int line);
 // "file:line: assertion failed: text" to standard error.
 VEL_EXPORT AssertHandler assertHandlerIs(AssertHandler handler);
 
-// Calls the handler, then aborts. For callers whose text is made when the assertion fails.
+// Calls the handler, then aborts. For assertions whose text is composed when they fail.
 [[noreturn, gnu::cold, gnu::noinline]] VEL_EXPORT void assertionFailed(const char* text,
                                                                        const char* file, int line);
 

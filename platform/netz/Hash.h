@@ -1,5 +1,5 @@
-// The one hash of addresses and names. It depends on nothing but the value's bytes, so a table in
-// shared memory can be probed by another process; it is no defence against chosen keys.
+// The hash of addresses and names. It depends only on the value's bytes, so a table in shared
+// memory can be probed by another process. It is no defence against chosen keys.
 #pragma once
 
 #include <bit>

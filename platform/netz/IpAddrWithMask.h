@@ -30,8 +30,3 @@ struct VEL_EXPORT IpAddrWithMask {
 VEL_EXPORT std::ostream& operator<<(std::ostream& out, const IpAddrWithMask& value);
 
 }  // namespace Netz
-
-template <>
-struct std::hash<Netz::IpAddrWithMask> {
-    size_t operator()(const Netz::IpAddrWithMask& value) const { return value.hash(); }
-};

@@ -47,8 +47,8 @@ class VEL_EXPORT IpGenAddr {
         addr.bytes_ = octets;
         return addr;
     }
-    // From what inet_pton(3) accepts: no zone, no prefix length, no blanks, no leading zeros in
-    // IPv4 octets. Anything else is nothing.
+    // Accepts what inet_pton(3) accepts: no zone, no prefix length, no blanks, no leading zeros in
+    // IPv4 octets. Returns nothing for any other text.
     static std::optional<IpGenAddr> parse(std::string_view text);
 
     constexpr bool isV4() const { return family_ == Family::v4; }
@@ -61,7 +61,7 @@ class VEL_EXPORT IpGenAddr {
     constexpr size_t size() const { return isV4() ? 4 : 16; }
     constexpr unsigned bits() const { return isV4() ? 32 : 128; }
 
-    // The text form, IPv6 in that of RFC 5952. `write` puts it at `out`, where there is room for
+    // The text form, for IPv6 that of RFC 5952. `write` puts it at `out`, where there is room for
     // maxText bytes, without a terminating zero, and returns its end.
     std::string stringValue() const;
     char* write(char* out) const;
@@ -82,9 +82,9 @@ class VEL_EXPORT IpGenAddr {
   private:
     enum class Family : uint32_t { v4, v6 };
 
-    // The order of the members is the order of the addresses. Unused octets are always zero.
+    // Compared in this order.
     Family family_ = Family::v4;
-    std::array<uint8_t, 16> bytes_{};
+    std::array<uint8_t, 16> bytes_{};  // in network order; the last 12 of an IPv4 address are zero
 };
 
 static_assert(sizeof(IpGenAddr) == 20 && std::is_trivially_copyable_v<IpGenAddr> &&

@@ -1,6 +1,6 @@
-// Equality of small values that are equal when their bytes are: in blocks that fill a register,
-// without a branch and without the call that memcmp becomes. Keys are compared more often than
-// anything else is done with them.
+// Equality of small values that are equal exactly when their bytes are, compared in blocks that
+// fill a register, without a branch and without a call to memcmp. Comparison is the most frequent
+// operation on keys.
 #pragma once
 
 #include <cstddef>
