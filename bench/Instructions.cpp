@@ -114,10 +114,9 @@ void traces(const Meter& meter) {
     facility.levelIs(6);
     meter.all("trace off", often, [&](U32 i) { decide(*opaque(&i)); });
     facility.levelIs(8);
-    Ringlog::beginEvent();
+    const Vel::Hold event;
     meter.all("trace decision", often, [&](U32 i) { decide(*opaque(&i)); });
     meter.all("trace entry", often, [&](U32) { DUOLOG_ENTRY(facility); });
-    Ringlog::endEvent();
 }
 
 // What is done with one of `entries` elements, records of a shared table, or timers.

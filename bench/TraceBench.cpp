@@ -37,12 +37,11 @@ void nothing(benchmark::State& state, int level) {
     trace(state, level, [](U32 index) { benchmark::DoNotOptimize(index); });
 }
 void decision(benchmark::State& state, int level) {
-    Ringlog::beginEvent();
+    const Vel::Hold event;
     trace(state, level, [](U32 index) {
         benchmark::DoNotOptimize(index);
         DUOLOG(benchTrace, 7, "Adding pathIndex: ", index, " to site");
     });
-    Ringlog::endEvent();
 }
 void entry(benchmark::State& state, int level) {
     trace(state, level, [](U32 index) {
@@ -51,7 +50,7 @@ void entry(benchmark::State& state, int level) {
     });
 }
 void stamp(benchmark::State& state, int level) {
-    trace(state, level, [](U32) { benchmark::DoNotOptimize(Ringlog::takeTime()); });
+    trace(state, level, [](U32) { benchmark::DoNotOptimize(Ringlog::prepare()); });
 }
 
 // What a decision writes at the least: a constant, a time, an argument.

@@ -123,9 +123,9 @@ class LbProfileSm::VelLoadBalanceProfile : public Vel::Object {
 
 LbProfileSm::LbProfileSm(const Inputs& inputs)
     : in_(inputs),
-      navRuleStatus_(*this, in_.navStatusDir, NavStatusDir::navRuleStatusAttr),
-      siteGroups_(*this, in_.siteGroupStatus, SiteGroupStatus::siteGroupStatusEntryAttr),
-      profiles_(*this, in_.cliConfig, NavCliConfig::loadBalanceProfileAttr) {}
+      navRuleStatus_(*this, *in_.navStatusDir, NavStatusDir::navRuleStatusAttr),
+      siteGroups_(*this, *in_.siteGroupStatus, SiteGroupStatus::siteGroupStatusEntryAttr),
+      profiles_(*this, *in_.cliConfig, NavCliConfig::loadBalanceProfileAttr) {}
 
 void LbProfileSm::handleInitialized() {
     if (initialized_) {

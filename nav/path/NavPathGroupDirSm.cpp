@@ -92,11 +92,12 @@ class NavPathGroupDirSm::VelVrfStatus : public Vel::Object {
 NavPathGroupDirSm::NavPathGroupDirSm(const Inputs& inputs)
     : in_(inputs),
       freePathId_(static_cast<U16>(in_.maxPathIndex)),
-      pathGroupConfig_(Vel::Watch::to<static_cast<void (NavPathGroupDirSm::*)(const Vel::Name&)>(
-                                          &NavPathGroupDirSm::handlePathGroup),
-                                      &NavCliConfig::pathGroupConfigAttr>(in_.cliConfig, this)),
-      vrfStatus_(*this, in_.routingHwRouteStatus, Routing::Hardware::RouteStatus::vrfStatusAttr),
-      ipIntfStatus_(*this, in_.ipStatus, Ip::Status::ipIntfStatusAttr) {}
+      pathGroupConfig_(
+          Vel::Subscription::to<static_cast<void (NavPathGroupDirSm::*)(const Vel::Name&)>(
+              &NavPathGroupDirSm::handlePathGroup)>(*in_.cliConfig,
+                                                    NavCliConfig::pathGroupConfigAttr, this)),
+      vrfStatus_(*this, *in_.routingHwRouteStatus, Routing::Hardware::RouteStatus::vrfStatusAttr),
+      ipIntfStatus_(*this, *in_.ipStatus, Ip::Status::ipIntfStatusAttr) {}
 
 NavPathGroupDirSm::~NavPathGroupDirSm() = default;
 

@@ -149,7 +149,7 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     std::unordered_map<Netz::IpGenAddr, U32> remoteSiteUsers_;  // groups that configure each site
     std::unordered_map<L3::VrfName, std::set<Netz::IntfId>> vrfToIntf_;
     Vel::ReactorMap<Vel::String, NavPathGroupSm> navPathGroupSm_;
-    Vel::Watch pathGroupConfig_;
+    Vel::Subscription pathGroupConfig_;
     Vel::EntryReactorsOf<VelVrfStatus, decltype(Routing::Hardware::RouteStatus::vrfStatusAttr)>
         vrfStatus_;
     Vel::EntryReactorsOf<VelIpIntfStatus, decltype(Ip::Status::ipIntfStatusAttr)> ipIntfStatus_;

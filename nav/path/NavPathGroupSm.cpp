@@ -43,12 +43,11 @@ class NavPathGroupSm::VelRemoteViaConfig : public Vel::Object {
 
 NavPathGroupSm::NavPathGroupSm(const Inputs& inputs)
     : in_(inputs),
-      localIntf_(Vel::Watch::to<&NavPathGroupSm::handleLocalIntf, &PathGroupConfig::localIntfAttr>(
-          in_.pathGroupConfig, this)),
-      ipsecProfile_(
-          Vel::Watch::to<&NavPathGroupSm::handleIpsecConfig, &PathGroupConfig::ipsecProfileAttr>(
-              in_.pathGroupConfig, this)),
-      remoteViaConfig_(*this, in_.pathGroupConfig, PathGroupConfig::remoteViaConfigAttr) {}
+      localIntf_(Vel::Subscription::to<&NavPathGroupSm::handleLocalIntf>(
+          *in_.pathGroupConfig, PathGroupConfig::localIntfAttr, this)),
+      ipsecProfile_(Vel::Subscription::to<&NavPathGroupSm::handleIpsecConfig>(
+          *in_.pathGroupConfig, PathGroupConfig::ipsecProfileAttr, this)),
+      remoteViaConfig_(*this, *in_.pathGroupConfig, PathGroupConfig::remoteViaConfigAttr) {}
 
 NavPathGroupSm::~NavPathGroupSm() = default;
 

@@ -46,8 +46,8 @@ class NAV_EXPORT NavPathGroupSm final : public Vel::Reactor {
 
     Inputs in_;
     bool initialized_ = false;
-    Vel::Watch localIntf_;
-    Vel::Watch ipsecProfile_;
+    Vel::Subscription localIntf_;
+    Vel::Subscription ipsecProfile_;
     Vel::EntryReactorsOf<VelRemoteViaConfig, decltype(PathGroupConfig::remoteViaConfigAttr)>
         remoteViaConfig_;
 };

@@ -7,8 +7,8 @@ namespace Nav {
 
 NavLoadBalancerPolicySm::NavLoadBalancerPolicySm(const Inputs& inputs)
     : in_(inputs),
-      configVersion_(Vel::Watch::to<&NavLoadBalancerPolicySm::handleConfigVersion,
-                                    &PolicyConfig::configVersionAttr>(in_.policyEntry, this)) {}
+      configVersion_(Vel::Subscription::to<&NavLoadBalancerPolicySm::handleConfigVersion>(
+          *in_.policyEntry, PolicyConfig::configVersionAttr, this)) {}
 
 void NavLoadBalancerPolicySm::handleInitialized() {
     if (initialized_) {

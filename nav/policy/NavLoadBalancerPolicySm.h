@@ -35,7 +35,7 @@ class NAV_EXPORT NavLoadBalancerPolicySm final : public Vel::Reactor {
 
     Inputs in_;
     bool initialized_ = false;
-    Vel::Watch configVersion_;
+    Vel::Subscription configVersion_;
 };
 VEL_INPUTS(NavLoadBalancerPolicySm::Inputs, name, policyEntry, policyToVrf, navStatusDir, navLbSm,
            navFeaturePolicyDir)

@@ -109,11 +109,11 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
 
 NavLoadBalancerSm::NavLoadBalancerSm(const Inputs& inputs)
     : in_(inputs),
-      policies_(Vel::Watch::to<static_cast<void (NavLoadBalancerSm::*)(const Vel::Name&)>(
-                                   &NavLoadBalancerSm::handleNavPolicyConfig),
-                               &NavCliConfig::policyConfigAttr>(in_.cliConfig, this)),
-      vrfStatus_(*this, in_.routingHwRouteStatus, Routing::Hardware::RouteStatus::vrfStatusAttr),
-      navVrfConfig_(*this, in_.cliConfig, NavCliConfig::vrfConfigAttr) {}
+      policies_(Vel::Subscription::to<static_cast<void (NavLoadBalancerSm::*)(const Vel::Name&)>(
+                    &NavLoadBalancerSm::handleNavPolicyConfig)>(
+          *in_.cliConfig, NavCliConfig::policyConfigAttr, this)),
+      vrfStatus_(*this, *in_.routingHwRouteStatus, Routing::Hardware::RouteStatus::vrfStatusAttr),
+      navVrfConfig_(*this, *in_.cliConfig, NavCliConfig::vrfConfigAttr) {}
 
 void NavLoadBalancerSm::handleInitialized() {
     if (initialized_) {

@@ -77,7 +77,7 @@ class NAV_EXPORT NavLoadBalancerSm final : public Vel::Reactor {
     std::unordered_map<Vel::String, std::set<L3::VrfName>> wantedBy_;  // bindings by policy named
     std::unordered_map<Vel::String, Vel::Ptr<PolicyToVrf>> policyToVrf_;
     Vel::ReactorMap<Vel::Name, NavLoadBalancerPolicySm> policySm_;
-    Vel::Watch policies_;
+    Vel::Subscription policies_;
     Vel::EntryReactorsOf<VelVrfStatus, decltype(Routing::Hardware::RouteStatus::vrfStatusAttr)>
         vrfStatus_;
     Vel::EntryReactorsOf<VelVrfConfig, decltype(NavCliConfig::vrfConfigAttr)> navVrfConfig_;

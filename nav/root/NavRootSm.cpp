@@ -22,11 +22,12 @@ std::string_view stateWord(const PathStatusEntry* status) {
 
 }  // namespace
 
-NavRootSm::NavRootSm(const Inputs& inputs)
-    : in_(inputs),
-      navConfigured_(
-          Vel::Watch::to<&NavRootSm::handleNavConfigured, &NavCliConfig::navConfiguredAttr>(
-              in_.cliConfig, this)) {}
+NavRootSm::NavRootSm(const Inputs& inputs) : in_(inputs), navConfigured_(followNavConfigured()) {}
+
+Vel::Subscription NavRootSm::followNavConfigured() {
+    return Vel::Subscription::to<&NavRootSm::handleNavConfigured>(
+        *in_.cliConfig, NavCliConfig::navConfiguredAttr, this);
+}
 
 NavRootSm::~NavRootSm() {
     doCleanup();

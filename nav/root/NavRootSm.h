@@ -52,10 +52,11 @@ class NAV_EXPORT NavRootSm final : public Vel::Reactor {
     ~NavRootSm() override;
 
     const NavDb* shownNavDb() const;
+    Vel::Subscription followNavConfigured();
 
     Inputs in_;
     bool initialized_ = false;
-    Vel::Watch navConfigured_;
+    Vel::Subscription navConfigured_;
     Vel::Owned<NavContainer> navContainer_;
     Vel::Ptr<CliCallback> navCliCallback_;
     Vel::Owned<Agent::AgentCommandRequestDirSm> navCliRequestDirSm_;
@@ -74,8 +75,9 @@ void NavRootSm::inputIs(Vel::Input<T> NavInputs::*input, Vel::Ptr<T> entity) {
     });
     if (!entity) Vel::nullInput(name, attribute);
     doCleanup();
-    (in_.*input).replace(std::move(entity), name, attribute);
-    if constexpr (!std::is_same_v<T, NavCliConfig>) handleNavConfigured();  // else watched
+    in_.*input = std::move(entity);
+    if constexpr (std::is_same_v<T, NavCliConfig>) navConfigured_ = followNavConfigured();
+    handleNavConfigured();
 }
 
 }  // namespace Nav

@@ -26,16 +26,16 @@ class VEL_EXPORT IntfId {
     static constexpr size_t maxLength = 31;
 
     constexpr IntfId() = default;
-    // Raises Vel::RangeError where `parse` gives nothing.
+    // Throws Vel::RangeError where `parse` returns nothing.
     explicit IntfId(std::string_view name);
     // Nothing for a name that is too long or holds blanks or control characters.
     static std::optional<IntfId> parse(std::string_view name);
 
     bool empty() const { return name_[0] == 0; }
-    std::string_view str() const { return {name_.data(), strnlen(name_.data(), maxLength)}; }
+    std::string_view str() const noexcept { return {name_.data(), strnlen(name_.data(), maxLength)}; }
     std::string stringValue() const { return std::string(str()); }
-    // As routers abbreviate: a leading word of more than four letters before a digit shrinks to its
-    // first two ("Ethernet1/2" is "Et1/2"); any other name stays whole.
+    // The usual abbreviation: a leading word of more than four letters before a digit shrinks to
+    // its first two ("Ethernet1/2" is "Et1/2"); any other name stays whole.
     std::string shortName() const;
 
     uint64_t mix() const {
@@ -49,7 +49,7 @@ class VEL_EXPORT IntfId {
     constexpr auto operator<=>(const IntfId&) const = default;
 
   private:
-    std::array<char, maxLength + 1> name_{};
+    std::array<char, maxLength + 1> name_{};  // zero from the end of the name on
 };
 
 static_assert(sizeof(IntfId) == 32 && std::is_trivially_copyable_v<IntfId>);

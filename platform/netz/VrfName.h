@@ -1,5 +1,4 @@
-// The name of a VRF: a string of at most 100 bytes. A longer one is refused wherever a name is
-// made.
+// The name of a VRF: a string of at most 100 bytes. The constructors refuse a longer one.
 #pragma once
 
 #include <compare>
@@ -21,13 +20,13 @@ class VEL_EXPORT VrfName {
     static constexpr size_t maxLength = 100;
 
     VrfName() = default;
-    // Each raises Vel::RangeError "VrfName::bytes > VrfName::maxLength not allowed".
+    // Each throws Vel::RangeError "VrfName::bytes > VrfName::maxLength not allowed".
     VrfName(std::string name) : name_(std::move(name)) { checkLength(); }
     VrfName(std::string_view name) : VrfName(std::string(name)) {}
     VrfName(const char* name) : VrfName(std::string(name)) {}
 
     bool empty() const { return name_.empty(); }
-    const std::string& str() const { return name_; }
+    const std::string& str() const noexcept { return name_; }
     const std::string& stringValue() const { return name_; }
     uint32_t hash() const { return Netz::hashBytes(name_); }
 
@@ -41,7 +40,7 @@ class VEL_EXPORT VrfName {
     }
     [[noreturn]] static void refuse();
 
-    std::string name_;
+    std::string name_;  // at most maxLength bytes
 };
 
 VEL_EXPORT std::ostream& operator<<(std::ostream& out, const VrfName& name);

@@ -4,8 +4,8 @@ namespace Agent {
 
 AgentCommandRequestDirSm::AgentCommandRequestDirSm(const Inputs& inputs)
     : in_(inputs),
-      requests_(Vel::Watch::to<&AgentCommandRequestDirSm::handleRequest, &Vel::Dir::requestAttr>(
-          in_.navCliRequestDir, this)) {}
+      requests_(Vel::Subscription::to<&AgentCommandRequestDirSm::handleRequest>(
+          *in_.navCliRequestDir, Vel::Dir::requestAttr, this)) {}
 
 void AgentCommandRequestDirSm::handleCommandDir() {
     for (AgentCommandRequest& request : in_.navCliRequestDir->request())

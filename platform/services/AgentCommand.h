@@ -51,7 +51,7 @@ class VEL_EXPORT AgentCommandRequestDirSm : public Vel::Reactor {
 
   private:
     Inputs in_;
-    Vel::Watch requests_;
+    Vel::Subscription requests_;
     Vel::Ptr<AgentCommandCallback> callback_;
 };
 VEL_INPUTS(AgentCommandRequestDirSm::Inputs, navCliRequestDir)

@@ -53,7 +53,7 @@ class VEL_EXPORT FibMonitorHelperSm final : public Vel::Reactor {
     void announce();
 
     const Inputs in_;
-    Vel::Table<Vel::MapTraits<Netz::IpGenAddr, Vel::U64>> fecOf_;
+    Vel::Unordered<Vel::MapTraits<Netz::IpGenAddr, Vel::U64>> fecOf_;
     std::set<Use> uses_;
     Loom::Task announcement_;
     Vel::Subscription nexthop_;

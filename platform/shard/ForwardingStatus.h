@@ -49,7 +49,7 @@ class VEL_EXPORT FecTable {
     void mountIs(const Namespace& space, Loom::TaskScheduler& scheduler);
 
   private:
-    using Ids = Vel::Table<Vel::SetTraits<Vel::U64>>;
+    using Ids = Vel::Unordered<Vel::SetTraits<Vel::U64>>;
 
     void changed();
     void commit() { writer_->commit(); }

@@ -18,7 +18,9 @@ std::function<void(const Ringlog::Line&)>& sink() {
 constinit std::vector<std::string>* capture = nullptr;
 
 void updateDelivers() {
-    Ringlog::state.delivers = sink() || capture;
+    auto& attention = Ringlog::state.attention;
+    attention = static_cast<uint8_t>(attention & ~Ringlog::delivers);
+    if (sink() || capture) attention |= Ringlog::delivers;
 }
 
 }  // namespace
@@ -68,7 +70,7 @@ void captureIs(std::vector<std::string>* texts) {
 
 void deliver() {
     struct RingOnly {
-        RingOnly() { Ringlog::state.delivers = false; }
+        RingOnly() { Ringlog::state.attention &= ~Ringlog::delivers; }
         ~RingOnly() { updateDelivers(); }
     } const ringOnly;
     const Ringlog::Line newest = Ringlog::newest();

@@ -156,7 +156,7 @@ void renderValue(const T& value, std::string& out) {
 
 // The encodings in the ring: a text as its full length and as much of it as is kept, the bytes of a
 // value, nothing of a phrase. Each has its bound at compile time, and says whether writing it may
-// run code outside this facility, which might trace.
+// run code that traces or throws; a str() that is noexcept does neither.
 template <size_t bound>
 struct Text {
     static constexpr size_t maxSize = sizeof(uint16_t) + bound;
@@ -195,8 +195,12 @@ struct Piece : Text<maxRendered> {
 };
 template <class T>
 requires(String<T> || HasStr<T>) struct Piece<T> : Text<maxString> {
-    static constexpr bool callsOut = !std::is_same_v<T, std::string> &&
-                                     !std::is_same_v<T, std::string_view> && !std::is_pointer_v<T>;
+    static constexpr bool callsOut = [] {
+        if constexpr (HasStr<T>)
+            return !noexcept(std::declval<const T&>().str());
+        else
+            return !noexcept(std::string_view(std::declval<const T&>()));
+    }();
 
     static uint8_t* put(const T& value, uint8_t* out) {
         if constexpr (std::is_pointer_v<T>) {
@@ -254,20 +258,36 @@ const char* phraseOf([[maybe_unused]] const T& arg) {
         return nullptr;
 }
 
+// Writes the arguments behind the header of the next record and returns their end; null if that
+// failed. What code of others traces while it writes them is dropped.
 template <class... Args>
-uint8_t* putAll(uint8_t* out, const Args&... args) {
-    ((out = PieceOf<Args>::put(args, out)), ...);
+uint8_t* putAll(const Args&... args) {
+    uint8_t* out = Ringlog::recordBegin() + sizeof(Ringlog::Header);
+    if constexpr ((PieceOf<Args>::callsOut || ...)) {
+        const Ringlog::Busy busy;
+        try {
+            ((out = PieceOf<Args>::put(args, out)), ...);
+        } catch (...) {
+            ++Ringlog::state.dropped;
+            return nullptr;
+        }
+    } else {
+        ((out = PieceOf<Args>::put(args, out)), ...);
+    }
     return out;
 }
-// While the arguments are written by code of others: what that traces is dropped, what it throws
-// drops the record itself.
+
+// The first record of a site or of an event, one that is dropped, one that somebody wants as text.
 template <class... Args>
-uint8_t* putGuarded(uint8_t* out, const Args&... args) {
-    const Ringlog::Busy busy;
-    try {
-        return putAll<Args...>(out, args...);
-    } catch (...) {
-        return nullptr;
+[[gnu::noinline, gnu::cold]] void recordWithAttention(Ringlog::Site& site, Args... args) {
+    if (!Ringlog::prepare()) return;
+    if (!site.render) {
+        site.phrases = {phraseOf(args)...};
+        site.render = render<Args...>;
+    }
+    if (const uint8_t* end = putAll<Args...>(args...)) {
+        Ringlog::commit(site, Ringlog::recordBegin(), end);
+        if (Ringlog::state.attention & Ringlog::delivers) deliver();
     }
 }
 
@@ -278,28 +298,10 @@ template <class... Args>
     static_assert(sizeof...(Args) <= Ringlog::maxPieces);
     static_assert((sizeof(Ringlog::Header) + ... + PieceOf<Args>::maxSize) <= Ringlog::maxRecord,
                   "too much for one trace record");
-    if (Ringlog::state.busy) [[unlikely]] {
-        ++Ringlog::state.dropped;
-        return;
-    }
-    if (!site.render) [[unlikely]] {
-        site.phrases = {phraseOf(args)...};
-        site.render = render<Args...>;
-    }
-    uint8_t* const at = Ringlog::recordBegin();
-    uint8_t* end = at + sizeof(Ringlog::Header);
-    if constexpr ((PieceOf<Args>::callsOut || ...)) {
-        end = putGuarded<Args...>(end, args...);
-        if (!end) {
-            ++Ringlog::state.dropped;
-            return;
-        }
-    } else {
-        end = putAll<Args...>(end, args...);
-    }
-    Ringlog::commit(site, at, end);
-    if (Ringlog::state.delivers) [[unlikely]]
-        deliver();
+    if (Ringlog::state.attention || !site.render) [[unlikely]]
+        return recordWithAttention<Args...>(site, args...);
+    if (const uint8_t* end = putAll<Args...>(args...))
+        Ringlog::commit(site, Ringlog::recordBegin(), end);
 }
 
 template <Spelling spelling, class... Args>

@@ -1,4 +1,4 @@
-// A trace facility: the name under which one subsystem traces, and the level up to which it does.
+// A trace facility: the name under which one subsystem traces, and the level up to which it traces.
 // A subsystem has one, at namespace scope in a header of its own:
 //
 //     inline Duolog::Facility pathTrace{"path"};
@@ -33,14 +33,14 @@ class VEL_EXPORT Facility {
   private:
     int level_;
     const char* name_;
-    Facility* next_;
+    Facility* next_;  // in the list of all facilities, newest first
 };
 
-// Sets the level of the facilities of that name, or of all and those to come when the name is "*".
-// Returns false when there is none of that name.
+// Sets the level of the facilities of that name; "*" means all, and those that are added later.
+// Returns false if the name is not found.
 VEL_EXPORT bool levelIs(std::string_view name, int level);
 
-// Name and level of each facility, by name.
+// Name and level of each facility, sorted by name.
 VEL_EXPORT std::vector<std::pair<std::string_view, int>> facilities();
 
 }  // namespace Duolog

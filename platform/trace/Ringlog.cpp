@@ -130,12 +130,18 @@ size_t printable(std::string_view text) {
 
 constinit State state{.memory = memory};
 
-int64_t takeTime() {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    const int64_t time = now.tv_sec * int64_t{1000000000} + now.tv_nsec;
-    if (state.eventTime != noEvent) state.eventTime = time;
-    return time;
+bool prepare() {
+    if (state.attention & busy) {
+        ++state.dropped;
+        return false;
+    }
+    if (state.attention & untimed) {
+        timespec now;
+        clock_gettime(CLOCK_REALTIME, &now);
+        state.time = now.tv_sec * int64_t{1000000000} + now.tv_nsec;
+        if (state.inEvent && state.inEvent()) state.attention &= ~untimed;
+    }
+    return true;
 }
 
 std::vector<std::string> last(size_t count) {

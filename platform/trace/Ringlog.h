@@ -54,42 +54,44 @@ struct Header {
 };
 static_assert(sizeof(Header) == 24 && maxRecord % 8 == 0);
 
-inline constexpr int64_t noEvent = 0;          // a record takes its own time
-inline constexpr int64_t eventWithNoTime = 1;  // the next record takes the time for the whole event
+// Why the next record cannot simply be made of the arguments; bits of State::attention.
+enum Attention : uint8_t {
+    busy = 1,      // arguments are rendered or the ring is read: the record is dropped
+    untimed = 2,   // no time was taken for the present event; always, outside of events
+    delivers = 4,  // somebody wants text as records come
+};
 
 struct State {
-    uint8_t* memory;              // capacity bytes, and maxRecord more so that no record is split
-    uint64_t head = 0;            // position of the next record, a multiple of 8
-    int64_t eventTime = noEvent;  // noEvent, eventWithNoTime, or the time of the present event
-    uint64_t dropped = 0;         // records dropped since the process began
-    uint32_t lastSize = 0;        // of the newest record; 0 while there is none
-    bool delivers = false;        // whether somebody wants text as records come
-    bool busy = false;  // while arguments are rendered or the ring is read: no new records
+    uint8_t* memory;        // capacity bytes, and maxRecord more so that no record is split
+    uint64_t head = 0;      // position of the next record, a multiple of 8
+    int64_t time = 0;       // of the next record, unless it is untimed
+    uint64_t dropped = 0;   // records dropped since the process began
+    uint32_t lastSize = 0;  // of the newest record; 0 while there is none
+    uint8_t attention = untimed;
+    // Whether an event is under way, at whose end newEvent() is called. Null: there are none.
+    bool (*inEvent)() = nullptr;
 };
 VEL_EXPORT extern State state;
 
 // While one exists, new records are dropped.
 class Busy {
   public:
-    Busy() : before_(std::exchange(state.busy, true)) {}
-    ~Busy() { state.busy = before_; }
+    Busy() : before_(state.attention & busy) { state.attention |= busy; }
+    ~Busy() { state.attention = static_cast<uint8_t>((state.attention & ~busy) | before_); }
     Busy(const Busy&) = delete;
     Busy& operator=(const Busy&) = delete;
 
   private:
-    const bool before_;
+    const uint8_t before_;
 };
 
-// The outermost notification calls these as it begins and ends.
-inline void beginEvent() {
-    state.eventTime = eventWithNoTime;
-}
-inline void endEvent() {
-    state.eventTime = noEvent;
+// Called as an outermost notification begins, and at the end of what inEvent() told of.
+inline void newEvent() {
+    state.attention |= untimed;
 }
 
-// Reads the clock for a record, and for the event it is the first record of.
-[[gnu::cold]] VEL_EXPORT int64_t takeTime();
+// For a record that needs attention: drops it, or takes its time. False if it was dropped.
+VEL_EXPORT bool prepare();
 
 // Where the next record goes: its header, then at most maxRecord - sizeof(Header) bytes of
 // arguments.
@@ -99,11 +101,8 @@ inline uint8_t* recordBegin() {
 
 // Makes a record of the bytes between `at`, which recordBegin() gave, and `end`.
 inline void commit(const Site& site, uint8_t* at, const uint8_t* end) {
-    int64_t time = state.eventTime;
-    if (time <= eventWithNoTime) [[unlikely]]
-        time = takeTime();
     const auto size = (static_cast<uint32_t>(end - at) + 7) & ~uint32_t{7};
-    ::new (static_cast<void*>(at)) Header{&site, time, size, state.lastSize};
+    ::new (static_cast<void*>(at)) Header{&site, state.time, size, state.lastSize};
     state.head += size;
     state.lastSize = size;
 }

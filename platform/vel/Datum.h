@@ -1,5 +1,5 @@
-// A neutral tree of plain data: what an attribute looks like to somebody who knows it only by name.
-// The control socket and the configuration loader turn it into and out of their own JSON.
+// A tree of plain data: the form of an attribute's value for code that knows the attribute only by
+// name. The control socket and the configuration loader convert it to and from JSON.
 #pragma once
 
 #include <string>

@@ -1,6 +1,6 @@
-// The constant table of an entity type: what its attributes are called and how somebody who knows
-// them only by name reads, writes, walks and watches them. Writes go through the setters, so they
-// notify like any other. Text that does not fit throws Vel::Error with the reason; the caller knows
+// The constant descriptors of an entity type: the names of its attributes, and how code that knows
+// only these names reads, writes, walks and follows them. Writes go through the setters, so they
+// notify like any other. Text that does not fit throws Vel::Error with the reason; the caller adds
 // the place.
 #pragma once
 
@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "platform/vel/Subscription.h"
-#include "platform/vel/Table.h"
+#include "platform/vel/Unordered.h"
 #include "platform/vel/Value.h"
 
 namespace Vel {
@@ -266,10 +266,18 @@ constexpr Attribute childAttribute(std::string_view name) {
             }};
 }
 
-// The descriptors of type E, gathered by asking for ordinal 0, 1, … until there is none.
 template <U16 n>
 using OrdinalTag = std::integral_constant<U16, n>;
 
+// A rank converts to every lower one, and best to the next: of functions that take ranks, overload
+// resolution takes the one with the highest.
+template <U16 n>
+struct Rank : Rank<n - 1> {};
+template <>
+struct Rank<0> {};
+inline constexpr U16 maxAttributes = 64;  // of one entity; one more does not compile
+
+// The descriptors of type E, gathered by asking for ordinal 0, 1, ... until one is missing.
 template <class E, U16 n = 0>
 constexpr size_t attributeCount() {
     if constexpr (requires { E::template velDescribe<E>(OrdinalTag<n>{}); })

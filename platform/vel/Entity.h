@@ -26,25 +26,44 @@
 //
 // and with each, `aAttr` to subscribe with. What always holds:
 //
-// - Setting the value that is already there stores nothing and calls nobody.
+// - Setting the value that is already there stores nothing and calls nobody. (A NaN is the same
+//   value as another NaN.)
 // - Otherwise the value is stored first, then the attribute's subscribers are called, in
 //   subscription order, before the setter returns. A handler that sets something runs that to its
-//   end first. One who subscribes during a round is not called in it, one who leaves is not called
-//   any more. More than 64 rounds inside one another stop the process.
+//   end first. A subscription that begins during a round is not called in it, one that ends during
+//   it is not called any more. More than 64 rounds inside one another stop the process.
 // - A collection tells key by key: after an insertion, after a changed value, after a removal. The
 //   receiver looks the key up in the state as it is now. A removed element is out of the collection
-//   but alive and whole while subscribers are told; what it contains goes silently. DelAll removes
-//   what was there at the call; what handlers add meanwhile stays.
-// - Walks: see Table.h.
-// - An element returned by cIs lives at least as long as it is in its collection or a Hold exists.
+//   but alive and whole while subscribers are called; what it contains is destroyed without
+//   notification. DelAll removes what was there at the call; what handlers add meanwhile stays.
+// - An initialiser fills a new element before it is inserted. If it inserts an element under the
+//   same key itself, that one stays and is returned, and the one that the initialiser was given is
+//   dropped.
+// - A subscriber that throws keeps no other from its call: every subscriber of the round, and every
+//   key of a DelAll, is told, and the first error reaches the caller of the setter. What was stored
+//   stays. An initialiser that throws inserts nothing. A subscriber that throws while a destructor
+//   runs stops the process with the names of both.
+// - Walks: see Unordered.h.
+//
+// How long what an accessor returns may be used:
+//
+// - the reference that a() returns: while the entity lives; it shows later values too;
+// - the element that c(key), cIs(key) or c() returns: while it is in its collection, and as long as
+//   a Hold exists, so throughout any handler. A subscriber of the insertion may have removed it:
+//   take a Hold around cIs to use its result whatever happened;
+// - the value that m(key) returns, by pointer: until the next insertion into the map or the next
+//   removal from it. (A walk yields copies,
+//   which are the loop's own.)
+// - the child that c() or cIs(name) returns: as an element.
 #pragma once
 
 #include <utility>
 
 #include "platform/vel/Describe.h"
+#include "platform/vel/FirstError.h"
 #include "platform/vel/Ordered.h"
 #include "platform/vel/Subscription.h"
-#include "platform/vel/Table.h"
+#include "platform/vel/Unordered.h"
 
 namespace Vel {
 
@@ -52,8 +71,8 @@ class VEL_EXPORT Entity : public Object {
   public:
     virtual const TypeDescriptor& type() const = 0;
 
-    // Called for every change of this entity, with the attribute's ordinal and, for a collection,
-    // its key. For those who know the entity only by name.
+    // Subscribes to every change of this entity; the function gets the attribute's ordinal and, for
+    // a collection, the key. For code that knows the entity only by name.
     Subscription subscribeAll(void* object, Subscription::Function function) {
         return Subscription(*this, anyAttribute, object, function);
     }
@@ -63,47 +82,55 @@ class VEL_EXPORT Entity : public Object {
     ~Entity() override;
 
     void changed(Ordinal attribute, const void* key = nullptr) {
+        assertEventThread();
         if (interest_ & interestIn(attribute)) notify(attribute, key);
     }
 
     template <class T>
     void store(T& place, Param<T> value, Ordinal attribute) {
-        if (place == value) return;
+        if (sameValue<T>(place, value)) return;
         place = value;
         changed(attribute);
     }
+
+    struct NoInit {};
 
     template <class Element, class Store, class Key, class Init>
     Element& elementIs(Store& store, Ordinal attribute, const Key& key, Init&& init) {
         if (auto* present = store.find(key)) return **present;
         Ptr<Element> made = make<Element>(key);
         Element& element = *made;
-        init(element);
+        if constexpr (!std::is_same_v<std::remove_cvref_t<Init>, NoInit>) {
+            init(element);
+            if (auto* present = store.find(key)) return **present;
+        }
         store.insert(std::move(made));
         changed(attribute, &element.velKey());
         return element;
     }
-    template <class Store, class Key>
-    void elementDel(Store& store, Ordinal attribute, const Key& key) {
-        auto [found, element] = store.take(key);
-        if (found) changed(attribute, &element->velKey());
-    }
-
     template <class Store, class Item>
     void itemIs(Store& store, Ordinal attribute, Item item) {
         const typename Store::Key key = Store::keyOf(item);
         if (Item* present = store.find(key)) {
-            if (*present == item) return;
+            if (sameValue(*present, item)) return;
             *present = std::move(item);
         } else {
             store.insert(std::move(item));
         }
         changed(attribute, &key);
     }
+    // For elements and items alike. What is removed lives until subscribers were called.
     template <class Store, class Key>
-    void itemDel(Store& store, Ordinal attribute, const Key& key) {
+    void keyDel(Store& store, Ordinal attribute, const Key& key) {
         auto [found, item] = store.take(key);
-        if (found) changed(attribute, &Store::keyOf(item));
+        if (found) changed(attribute, &Store::keyIn(item));
+    }
+    template <class Store>
+    void keyDelAll(Store& store, Ordinal attribute) {
+        FirstError errors;
+        for (const auto& each : store)
+            errors.in([&] { keyDel(store, attribute, Store::keyOf(each)); });
+        errors.raise();
     }
 
     template <class Child>
@@ -131,8 +158,9 @@ class VEL_EXPORT Entity : public Object {
     }
     void notify(Ordinal attribute, const void* key);
 
-    U64 interest_ = 0;  // a bit per attribute somebody may be interested in
-    Subscription* first_ = nullptr;
+    // The bits of all attributes in the list, and perhaps of some that were. 0 while it is empty.
+    U64 interest_ = 0;
+    Subscription* first_ = nullptr;  // in the order of subscription
     Subscription* last_ = nullptr;
 };
 
@@ -171,7 +199,7 @@ struct ValueTraits : ItemTraits<K, V> {
     static const K& keyOf(const V& item) { return item.*field; }
 };
 
-// Names a keyed attribute together with its storage, for those who follow all its keys.
+// Names a keyed attribute together with its storage, to follow all its keys.
 template <class E, class K, class S>
 struct KeyedAttr : Attr<E, K> {
     const S E::*store;
@@ -179,13 +207,13 @@ struct KeyedAttr : Attr<E, K> {
 
 }  // namespace Vel
 
-// Ordinals are dense: each line takes the next value of the translation unit's counter, relative to
-// the one that VEL_ENTITY took.
+// Ordinals are dense, and follow from the lines of the class alone: each line takes the highest
+// ordinal that velNext offers and offers the next.
 #define VEL_ENTITY(Self_, Type, name_)                     \
   private:                                                 \
     using Self = Self_;                                    \
     friend class ::Vel::Entity;                            \
-    static constexpr int velBase = __COUNTER__ + 1;        \
+    static ::Vel::OrdinalTag<0> velNext(::Vel::Rank<0>);   \
     [[no_unique_address]] ::Vel::LiveCount<Self> velLive_; \
     const Type name_##_;                                   \
                                                            \
@@ -206,7 +234,11 @@ struct KeyedAttr : Attr<E, K> {
     VEL_ORDINAL_(name_)                                    \
     VEL_DESCRIBED_(name_, ::Vel::keyAttribute<&velSelf::name_>(#name_))
 
-#define VEL_ORDINAL_(name) enum : ::Vel::Ordinal { velOrdinalOf_##name = __COUNTER__ - velBase };
+#define VEL_ORDINAL_(name)                                                                  \
+    enum : ::Vel::Ordinal {                                                                 \
+        velOrdinalOf_##name = decltype(velNext(::Vel::Rank<::Vel::maxAttributes>()))::value \
+    };                                                                                      \
+    static ::Vel::OrdinalTag<velOrdinalOf_##name + 1> velNext(::Vel::Rank<velOrdinalOf_##name + 1>);
 
 #define VEL_DESCRIBED_(name, ...)                                                           \
     template <class velSelf>                                                                \
@@ -221,6 +253,7 @@ struct KeyedAttr : Attr<E, K> {
   public:                                                                 \
     VEL_ORDINAL_(name_)                                                   \
     static constexpr ::Vel::Attr<Self> name_##Attr{velOrdinalOf_##name_}; \
+    /* Valid while the entity lives; shows later values too. */           \
     const Type& name_() const {                                           \
         return name_##_;                                                  \
     }                                                                     \
@@ -253,22 +286,24 @@ struct KeyedAttr : Attr<E, K> {
     const name_##Store& name_() const {                                                            \
         return name_##_;                                                                           \
     }                                                                                              \
+    /* Null if there is none. Valid while in the collection or a Hold exists. */                   \
     VEL_ON_USE_ Element* name_(const Key& key) const {                                             \
         auto* found = name_##_.find(key);                                                          \
         return found ? found->get() : nullptr;                                                     \
     }                                                                                              \
+    /* Get or create. Valid while in the collection or a Hold exists. */                           \
     VEL_ON_USE_ Element& name_##Is(const Key& key) {                                               \
-        return name_##Is(key, [](Element&) {});                                                    \
+        return elementIs<Element>(name_##_, velOrdinalOf_##name_, key, NoInit());                  \
     }                                                                                              \
     template <class Init>                                                                          \
     Element& name_##Is(const Key& key, Init&& init) {                                              \
         return elementIs<Element>(name_##_, velOrdinalOf_##name_, key, init);                      \
     }                                                                                              \
     VEL_ON_USE_ void name_##Del(const Key& key) {                                                  \
-        elementDel(name_##_, velOrdinalOf_##name_, key);                                           \
+        keyDel(name_##_, velOrdinalOf_##name_, key);                                               \
     }                                                                                              \
     VEL_ON_USE_ void name_##DelAll() {                                                             \
-        for (Element & element : name_##_) name_##Del(element.velKey());                           \
+        keyDelAll(name_##_, velOrdinalOf_##name_);                                                 \
     }                                                                                              \
     VEL_DESCRIBED_(name_, ::Vel::collectionAttribute<velSelf, Key, Element, &velSelf::name_##_,    \
                                                      &velSelf::template name_##Del<>>(             \
@@ -279,7 +314,7 @@ struct KeyedAttr : Attr<E, K> {
                                       ::Vel::Codec<Key>::fromKey(key), init);                      \
                               }))
 
-#define VEL_COLLECTION(Key, Element, name_) VEL_ELEMENTS_(Table, Key, Element, name_)
+#define VEL_COLLECTION(Key, Element, name_) VEL_ELEMENTS_(Unordered, Key, Element, name_)
 #define VEL_ORDERED(Key, Element, name_)                \
     VEL_ELEMENTS_(Ordered, Key, Element, name_)         \
     VEL_ON_USE_ bool name_##Has(const Key& key) const { \
@@ -288,7 +323,7 @@ struct KeyedAttr : Attr<E, K> {
 
 #define VEL_ITEMS_(Key, name_, ...)                                                                \
   private:                                                                                         \
-    using name_##Store = ::Vel::Table<__VA_ARGS__>;                                                \
+    using name_##Store = ::Vel::Unordered<__VA_ARGS__>;                                            \
     name_##Store name_##_;                                                                         \
                                                                                                    \
   public:                                                                                          \
@@ -299,10 +334,10 @@ struct KeyedAttr : Attr<E, K> {
         return name_##_;                                                                           \
     }                                                                                              \
     VEL_ON_USE_ void name_##Del(const Key& key) {                                                  \
-        itemDel(name_##_, velOrdinalOf_##name_, key);                                              \
+        keyDel(name_##_, velOrdinalOf_##name_, key);                                               \
     }                                                                                              \
     VEL_ON_USE_ void name_##DelAll() {                                                             \
-        for (const auto& item : name_##_) name_##Del(name_##Store::keyOf(item));                   \
+        keyDelAll(name_##_, velOrdinalOf_##name_);                                                 \
     }
 
 #define VEL_SET(Key, name_)                                                                   \
@@ -320,6 +355,7 @@ struct KeyedAttr : Attr<E, K> {
 
 #define VEL_MAP(Key, Value, name_)                                                            \
     VEL_ITEMS_(Key, name_, ::Vel::MapTraits<Key, Value>)                                      \
+    /* Null if there is none. Valid until the next insertion or removal. */                   \
     VEL_ON_USE_ const Value* name_(const Key& key) const {                                    \
         const auto* item = name_##_.find(key);                                                \
         return item ? &item->second : nullptr;                                                \
@@ -335,6 +371,7 @@ struct KeyedAttr : Attr<E, K> {
 
 #define VEL_VALUES(Key, Value, field, name_)                                                     \
     VEL_ITEMS_(Key, name_, ::Vel::ValueTraits<Key, Value, &Value::field>)                        \
+    /* Null if there is none. Valid until the next insertion or removal. */                      \
     VEL_ON_USE_ const Value* name_(const Key& key) const {                                       \
         return name_##_.find(key);                                                               \
     }                                                                                            \
@@ -347,22 +384,24 @@ struct KeyedAttr : Attr<E, K> {
                                &velSelf::template name_##Is<>, &velSelf::template name_##Del<>>( \
             #name_))
 
-#define VEL_CHILD(Type, name_)                                            \
-  private:                                                                \
-    ::Vel::Ptr<Type> name_##_;                                            \
-                                                                          \
-  public:                                                                 \
-    VEL_ORDINAL_(name_)                                                   \
-    static constexpr ::Vel::Attr<Self> name_##Attr{velOrdinalOf_##name_}; \
-    Type* name_() const {                                                 \
-        return name_##_.get();                                            \
-    }                                                                     \
-    VEL_ON_USE_ Type& name_##Is(const ::Vel::Name& name) {                \
-        return childIs(name_##_, velOrdinalOf_##name_, name);             \
-    }                                                                     \
-    VEL_ON_USE_ void name_##Del() {                                       \
-        childDel(name_##_, velOrdinalOf_##name_);                         \
-    }                                                                     \
+#define VEL_CHILD(Type, name_)                                                 \
+  private:                                                                     \
+    ::Vel::Ptr<Type> name_##_;                                                 \
+                                                                               \
+  public:                                                                      \
+    VEL_ORDINAL_(name_)                                                        \
+    static constexpr ::Vel::Attr<Self> name_##Attr{velOrdinalOf_##name_};      \
+    /* Null if there is none. Valid while it is the child or a Hold exists. */ \
+    Type* name_() const {                                                      \
+        return name_##_.get();                                                 \
+    }                                                                          \
+    /* Get or create. Valid while it is the child or a Hold exists. */         \
+    VEL_ON_USE_ Type& name_##Is(const ::Vel::Name& name) {                     \
+        return childIs(name_##_, velOrdinalOf_##name_, name);                  \
+    }                                                                          \
+    VEL_ON_USE_ void name_##Del() {                                            \
+        childDel(name_##_, velOrdinalOf_##name_);                              \
+    }                                                                          \
     VEL_DESCRIBED_(name_, ::Vel::childAttribute<velSelf, Type, &velSelf::name_>(#name_))
 
 // In the entity's source, once, in its namespace.

@@ -1,41 +1,107 @@
 #include "platform/vel/Object.h"
 
+#include <cxxabi.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
 #include <vector>
 
+#include "platform/trace/Ringlog.h"
+
 namespace Vel {
-
-U32 Hold::depth = 0;
-bool Hold::pending = false;
-
 namespace {
-// Never destroyed: objects with static storage may still let go of theirs at exit.
+
+// Never destroyed: objects with static storage may still drop theirs at exit.
 std::vector<Object*>& graveyard() {
     static auto* objects = new std::vector<Object*>;
     return *objects;
 }
+
+const Object* beingDestroyed = nullptr;
+
+// Its address in a thread stands for the thread, also in a forked child.
+thread_local char thread;
+std::atomic<const char*> eventThread = nullptr;  // set by the first use
+
 }  // namespace
+
+#ifndef NDEBUG
+void assertEventThread() {
+    const char* owner = eventThread.load(std::memory_order_relaxed);
+    if (owner == &thread) return;
+    const bool first = !owner && eventThread.compare_exchange_strong(owner, &thread);
+    VEL_ASSERT(first, "an object is used by another thread than the event thread");
+}
+#endif
+void eventThreadIsThis() {
+    eventThread = &thread;
+}
+
+U32 Hold::depth = 0;
+bool Hold::pending = false;
+
+const Object* objectBeingDestroyed() {
+    return beingDestroyed;
+}
 
 void Object::dispose(Object* object) {
     if (object->buried_) return;
+    VEL_ASSERT(object->made_, "a Ptr to an object under construction");
     object->buried_ = true;
     if (Hold::depth == 0) {
-        delete object;
+        destroy(object);
     } else {
         graveyard().push_back(object);
         Hold::pending = true;
     }
 }
 
-void Hold::bury() {
+void Object::destroy(Object* object) {
+    const Object* const outer = std::exchange(beingDestroyed, object);
+    delete object;
+    beingDestroyed = outer;
+}
+
+// An event of the trace ends with the outermost Hold, if not earlier with the next notification.
+bool Hold::inEvent() {
+    if (depth == 0) return false;
+    pending = true;
+    return true;
+}
+const bool Hold::traced = [] {
+    Ringlog::state.inEvent = &Hold::inEvent;
+    return true;
+}();
+
+void Hold::unwound() {
     pending = false;
+    Ringlog::newEvent();
     std::vector<Object*> objects;
     objects.swap(graveyard());
     for (Object* object : objects) {
         if (object->refs_ == 0)
-            delete object;
+            Object::destroy(object);
         else
-            object->buried_ = false;  // somebody took it up again
+            object->buried_ = false;  // a Ptr was made meanwhile
     }
+}
+
+void handlerThrew(const std::type_info& type, const char* handler) {
+    int status = 0;
+    const std::unique_ptr<char, void (*)(void*)> name(
+        abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), std::free);
+    std::string text = name ? name.get() : type.name();
+    text.append(handler).append(" threw");
+    try {
+        throw;
+    } catch (const std::exception& error) {
+        text.append(": ").append(error.what());
+    } catch (...) {
+    }
+    assertionFailed(text.c_str(), __FILE__, __LINE__);
 }
 
 }  // namespace Vel

@@ -1,19 +1,38 @@
-// Counted objects, and the rule that keeps what stands on the call stack alive.
+// Counted objects, and the rule that keeps alive what the call stack still uses.
 //
 // Everything the runtime hands out is an Object held by Ptr. The count is not atomic: all objects
-// belong to the one event thread. While any Hold exists (a notification round, a walk over a
-// collection, an operation of the host) an object whose last Ptr goes is not destroyed but kept
-// until the last Hold goes. So a handler may delete the entity that is notifying it, the collection
-// being walked, or itself: nothing on the stack below it vanishes.
+// belong to the event thread. While a Hold exists (a notification, a walk over a collection, an
+// operation of the host) an object whose last Ptr is dropped is not destroyed but kept until the
+// last Hold ends. So a handler may delete the entity that is notifying it, the collection being
+// walked, or itself: nothing that a caller further down the stack uses is destroyed.
+//
+// The event thread is the first one that uses an object. Debug builds assert that no other thread
+// counts, changes, walks or subscribes; eventThreadIsThis() hands the objects over.
 #pragma once
 
 #include <cstdint>
+#include <typeinfo>
 #include <utility>
 
 #include "platform/Export.h"
+#include "platform/netz/Assert.h"
 #include "platform/vel/Types.h"
 
 namespace Vel {
+
+#ifdef NDEBUG
+inline void assertEventThread() {}
+#else
+VEL_EXPORT void assertEventThread();
+#endif
+// For a host that starts on one thread and runs on another. The thread that used the objects so far
+// no longer may.
+VEL_EXPORT void eventThreadIsThis();
+
+template <class T>
+class Ptr;
+template <class T, class... Args>
+Ptr<T> make(Args&&... args);
 
 class VEL_EXPORT Object {
   public:
@@ -21,28 +40,41 @@ class VEL_EXPORT Object {
     Object(const Object&) = delete;
     Object& operator=(const Object&) = delete;
 
-    // Nobody owns it any more: it only waits for the stack to unwind, and is no longer called.
+    // No Ptr is left: the object only waits for the stack to unwind, and is no longer called.
     bool gone() const { return buried_ && refs_ == 0; }
 
   protected:
-    virtual ~Object() = default;
+    // A constructor that throws while a Ptr to the object exists would leave it dangling.
+    virtual ~Object() { VEL_ASSERT(refs_ == 0, "an object is destroyed while a Ptr to it exists"); }
 
   private:
     template <class>
     friend class Ptr;
     friend class Hold;
+    template <class T, class... Args>
+    friend Ptr<T> make(Args&&... args);
 
-    void retain() { ++refs_; }
+    void retain() {
+        assertEventThread();
+        ++refs_;
+    }
     void release() {
         if (--refs_ == 0) dispose(this);
     }
-    static void dispose(Object* object);  // destroys now, or when the last Hold goes
+    static void dispose(Object* object);  // destroys now, or when the last Hold ends
+    static void destroy(Object* object);
+    void made() {
+        VEL_ASSERT(refs_ == 0, "a Ptr to an object under construction");
+        made_ = true;
+    }
 
-    U32 refs_ = 0;
+    U32 refs_ = 0;         // Ptrs to it
+    bool made_ = false;    // its constructor has returned
     bool buried_ = false;  // waits for the last Hold, or is being destroyed
 };
 
-// Intrusive counted pointer. Moving is free, copying an increment.
+// Intrusive counted pointer. Moving is free, copying an increment. REQUIRES: the constructor of the
+// object has returned.
 template <class T>
 class Ptr {
   public:
@@ -70,7 +102,6 @@ class Ptr {
     friend bool operator==(const Ptr& a, std::nullptr_t) { return a.object_ == nullptr; }
 
   private:
-    using Base = const Object;
     void retain() const {
         if (object_) static_cast<Object*>(object_)->retain();
     }
@@ -82,25 +113,40 @@ class Ptr {
 
 template <class T, class... Args>
 Ptr<T> make(Args&&... args) {
-    return Ptr<T>(new T(std::forward<Args>(args)...));
+    T* object = new T(std::forward<Args>(args)...);
+    static_cast<Object*>(object)->made();
+    return Ptr<T>(object);
 }
 
-// While one exists, objects without an owner wait. Take one around an operation made of several
-// mutations whose results are still used afterwards.
+// While one exists, objects that no Ptr holds wait. Take one around an operation made of several
+// mutations whose results are used afterwards.
 class VEL_EXPORT Hold {
   public:
-    Hold() { ++depth; }
+    Hold() {
+        assertEventThread();
+        ++depth;
+    }
     ~Hold() {
-        if (--depth == 0 && pending) bury();
+        if (--depth == 0 && pending) unwound();
     }
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
 
   private:
     friend class Object;
-    static void bury();  // destroys what waits
-    static U32 depth;
-    static bool pending;
+    static void unwound();  // destroys what waits, and ends the event of the trace
+    static bool inEvent();
+    static const bool traced;
+    static U32 depth;     // Holds that exist
+    static bool pending;  // whether an object waits, or the trace for the end of its event
 };
+
+// The object whose destructor runs, or null. What a destructor sets off cannot throw to a caller.
+VEL_EXPORT const Object* objectBeingDestroyed();
+
+// Stops the process because a handler threw where nothing can be thrown: "Nav::NavRootSm::doCleanup
+// threw: not found". Called while the exception is handled.
+[[noreturn, gnu::cold]] VEL_EXPORT void handlerThrew(const std::type_info& type,
+                                                     const char* handler);
 
 }  // namespace Vel

@@ -1,4 +1,4 @@
-// The storage of ordered collections: ascending by key, with the walk rules of Table.
+// The storage of ordered collections: ascending by key, with the walk rules of Unordered.
 #pragma once
 
 #include <iterator>
@@ -11,9 +11,9 @@
 
 namespace Vel {
 
-// Traits as for Table. A walk remembers the key it stands on and finds its way back from it after a
-// removal, so any change under it is harmless; items that came after it began are told by their
-// serial number and passed over.
+// Traits as for Unordered. A walk remembers its key and searches from there after a removal, so any
+// change during it is harmless; items inserted after it began are recognised by their serial number
+// and skipped.
 template <class Traits>
 class Ordered {
   public:
@@ -30,6 +30,7 @@ class Ordered {
     bool has(const Key& key) const { return items_.contains(key); }
     // The key of what a walk yields.
     static decltype(auto) keyOf(const auto& yielded) { return Traits::keyOf(yielded); }
+    static const Key& keyIn(const Item& item) { return Traits::key(item); }
     const Item* find(const Key& key) const {
         auto it = items_.find(key);
         return it == items_.end() ? nullptr : &it->second.second;
@@ -50,9 +51,9 @@ class Ordered {
     std::default_sentinel_t end() const { return {}; }
 
   private:
-    std::map<Key, std::pair<U64, Item>> items_;
-    U64 next_ = 0;      // serial number of the next item
-    U64 removals_ = 0;  // so far
+    std::map<Key, std::pair<U64, Item>> items_;  // with serial numbers, in the order of insertion
+    U64 next_ = 0;                               // serial number of the next item
+    U64 removals_ = 0;  // since the beginning; iterators survive insertions
 };
 
 template <class Traits>
@@ -83,8 +84,8 @@ class Ordered<Traits>::Cursor {
   private:
     Hold hold_;
     const Ordered& table_;
-    U64 end_;
-    U64 removals_ = 0;  // when at_ was right
+    U64 end_;           // the serial number of the first item inserted after the start
+    U64 removals_ = 0;  // when at_ was valid
     typename decltype(Ordered::items_)::const_iterator at_;
     std::optional<Key> key_;  // of at_
     bool done_ = false;

@@ -1,14 +1,28 @@
-// Reactors: objects that watch entities and write others.
+// Reactors: objects that subscribe to entities and write others.
 //
 // A reactor gets its inputs at construction, as one aggregate `Inputs` whose fields VEL_INPUTS
-// lists, subscribes in its constructor, and is unsubscribed by the destruction of its members. Its
-// owner keeps it in Owned<R> or ReactorMap<Key, R>, which run `handleInitialized()` once after
-// construction and `doCleanup()` before it is let go. One reactor per element of a collection is
-// what EntryReactors keeps.
+// lists, and keeps them for life; to give it others its owner replaces the reactor. It subscribes
+// in its constructor, by Subscription members to single attributes and by EntryReactors to the
+// elements of a collection, and is unsubscribed by the destruction of those members. Its owner
+// keeps it in Owned<R> or ReactorMap<Key, R>, which run `handleInitialized()` once after
+// construction and `doCleanup()` before they drop it.
+//
+// Errors:
+//
+// - A reactor whose `handleInitialized()` throws is cleaned up and dropped, and the error reaches
+//   the caller: no reactor is half initialised.
+//   An element whose entry reactor failed has none until it is removed and inserted
+//   again.
+// - An entry reactor that throws, in any handler, keeps no other from being initialised, told or
+//   cleaned up; the first error reaches the caller.
+// - A reactor whose `handleDelete()` throws is cleaned up all the same.
+// - `doCleanup()` must not throw, because nothing can be half withdrawn: the process stops with the
+//   reactor's name and the error.
 #pragma once
 
 #include <sstream>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 #include "platform/vel/Entity.h"
@@ -18,50 +32,22 @@ namespace Vel {
 class VEL_EXPORT Reactor : public Object {
   public:
     virtual void handleInitialized() {}
-    // Runs before the owner lets go: withdraw what was published, let go of the reactors owned.
-    // (Those that are not go with this one, which may be as late as when the stack has unwound.)
-    // Must not throw.
+    // Called before the owner drops its reference: withdraw everything published, and delete the
+    // reactors owned. (Others are destroyed with this one, which may be when the stack has
+    // unwound.)
     virtual void doCleanup() {}
 };
 
-// A place in the ring of an input's watchers, or its head.
-struct InputLink {
-    InputLink() = default;
-    InputLink(const InputLink&) = delete;
-    InputLink& operator=(const InputLink&) = delete;
-    ~InputLink() { unlink(); }
-
-    void linkBefore(InputLink& head) {
-        unlink();
-        prev = std::exchange(head.prev, this);
-        next = &head;
-        prev->next = this;
+template <class R>
+void cleanUp(R& reactor) {
+    if constexpr (requires { reactor.doCleanup(); }) {
+        try {
+            reactor.doCleanup();
+        } catch (...) {
+            handlerThrew(typeid(reactor), "::doCleanup");
+        }
     }
-    void unlink() {
-        prev->next = next;
-        next->prev = prev;
-        prev = next = this;
-    }
-
-    InputLink* prev = this;
-    InputLink* next = this;
-};
-
-// Somebody who follows an input when it is replaced.
-class InputWatcher : private InputLink {
-  protected:
-    explicit InputWatcher(Ptr<Object> watched) : watched_(std::move(watched)) {}
-    ~InputWatcher() = default;
-
-    Object& watched() const { return *watched_; }
-
-  private:
-    template <class>
-    friend class Input;
-    virtual void replaced(Object& before, Object& now) = 0;  // watched() is `now` already
-
-    Ptr<Object> watched_;
-};
+}
 
 [[noreturn]] VEL_EXPORT void nullInput(std::string_view reactor, std::string_view attribute);
 
@@ -72,90 +58,15 @@ class Input {
     Input() = default;
     Input(Ptr<T> entity) : entity_(std::move(entity)) {}
     Input(T& entity) : entity_(entity) {}
-    Input(const Input& other) : entity_(other.entity_) {}
-    Input& operator=(const Input&) = delete;
 
     T& operator*() const { return *entity_; }
     T* operator->() const { return entity_.get(); }
     explicit operator bool() const { return static_cast<bool>(entity_); }
     const Ptr<T>& ptr() const { return entity_; }
-    bool operator==(const Input& other) const { return entity_ == other.entity_; }
-
-    // Puts another entity in its place: watchers move over, and their handlers run. The same entity
-    // changes nothing; null is refused in the name of the reactor and its attribute.
-    void replace(Ptr<T> entity, std::string_view reactor, std::string_view attribute) {
-        if (!entity) nullInput(reactor, attribute);
-        if (entity == entity_) return;
-        Hold hold;
-        entity_ = std::move(entity);
-        // Those that are behind come first, and each goes to the end as it moves over. So watchers
-        // may come and go, and the input be replaced again, while their handlers run.
-        while (watchers_.next != &watchers_) {
-            auto& watcher = static_cast<InputWatcher&>(*watchers_.next);
-            if (watcher.watched_ == entity_) return;
-            watch(watcher);
-            Ptr<Object> before = std::exchange(watcher.watched_, entity_);
-            watcher.replaced(*before, *entity_);
-        }
-    }
-
-    // Watchers are told in the order in which they came.
-    void watch(InputWatcher& watcher) { watcher.linkBefore(watchers_); }
+    bool operator==(const Input& other) const = default;
 
   private:
     Ptr<T> entity_;
-    InputLink watchers_;  // head of the ring
-};
-
-// A subscription to an attribute of an input, as a member of the reactor:
-//
-//     Vel::Watch::to<&Root::handleNavConfigured, &NavCliConfig::navConfiguredAttr>(input, this)
-//
-// When the input is replaced it moves over and the handler runs: once, or for a keyed attribute
-// once per key of the old and of the new entity.
-class Watch final : public InputWatcher {
-  public:
-    template <auto handler, const auto* attr, class E, class R>
-    static Watch to(Input<E>& input, R* reactor) {
-        return Watch(input, Subscription::to<handler>(*input, *attr, reactor), reactor,
-                     &move<handler, attr, E, R>);
-    }
-
-  private:
-    using Move = void (*)(Watch& watch, Object& before, Object& now);
-
-    template <class E>
-    Watch(Input<E>& input, Subscription subscription, void* reactor, Move move)
-        : InputWatcher(input.ptr()),
-          subscription_(std::move(subscription)),
-          reactor_(reactor),
-          move_(move) {
-        input.watch(*this);
-    }
-
-    void replaced(Object& before, Object& now) override { move_(*this, before, now); }
-    template <auto handler, const auto* attr, class E, class R>
-    static void move(Watch& watch, Object& before, Object& now) {
-        auto& entity = static_cast<E&>(now);
-        watch.subscription_ =
-            Subscription::to<handler>(entity, *attr, static_cast<R*>(watch.reactor_));
-        if constexpr (requires { attr->store; }) {
-            const auto& store = entity.*attr->store;
-            auto tell = [&](const auto& key) {
-                using Key = std::remove_cvref_t<decltype(key)>;
-                Subscription::call<handler, Key, R>(watch.reactor_, &key);
-            };
-            for (const auto& item : static_cast<E&>(before).*attr->store)
-                if (!store.has(store.keyOf(item))) tell(store.keyOf(item));
-            for (const auto& item : store) tell(store.keyOf(item));
-        } else {
-            Subscription::call<handler, void, R>(watch.reactor_, nullptr);
-        }
-    }
-
-    Subscription subscription_;
-    void* reactor_;
-    Move move_;
 };
 
 template <class T>
@@ -187,8 +98,8 @@ void requireSameInputs(const Inputs& wanted, const Inputs& current) {
     });
 }
 
-// A reactor, there or not, that lives and dies with its owner. R offers `Inputs`, `inputs()` and
-// its `name`.
+// At most one reactor, which lives and dies with its owner. R offers `Inputs`, `inputs()` and its
+// `name`.
 template <class R>
 class Owned {
   public:
@@ -197,8 +108,8 @@ class Owned {
     Owned& operator=(const Owned&) = delete;
     ~Owned() { del(); }
 
-    // Keeps the one that is there if its inputs are these, refuses if they are not, else makes and
-    // initialises one.
+    // Keeps the present reactor if its inputs are these, refuses other inputs, else makes and
+    // initialises one. Valid until it is deleted, and as long as a Hold exists.
     R& is(const typename R::Inputs& inputs) {
         requireInputs<R>(inputs);
         if (reactor_) {
@@ -208,12 +119,17 @@ class Owned {
         Hold hold;
         reactor_ = make<R>(inputs);
         R& made = *reactor_;
-        made.handleInitialized();
+        try {
+            made.handleInitialized();
+        } catch (...) {
+            if (reactor_.get() == &made) del();
+            throw;
+        }
         return made;
     }
     void del() {
         Hold hold;
-        if (Ptr<R> gone = std::exchange(reactor_, nullptr)) gone->doCleanup();
+        if (Ptr<R> gone = std::exchange(reactor_, nullptr)) cleanUp(*gone);
     }
 
     R* get() const { return reactor_.get(); }
@@ -260,12 +176,17 @@ class ReactorMap {
         }
         Hold hold;
         R& made = *table_.insert({key, make<R>(inputs)}).reactor;
-        made.handleInitialized();
+        try {
+            made.handleInitialized();
+        } catch (...) {
+            if ((*this)(key) == &made) del(key);
+            throw;
+        }
         return made;
     }
     void del(const Key& key) {
         Hold hold;
-        if (Ptr<R> gone = table_.take(key).second.reactor) gone->doCleanup();
+        if (Ptr<R> gone = table_.take(key).second.reactor) cleanUp(*gone);
     }
     void delAll() {
         for (const auto& item : table_) del(item.key);
@@ -278,37 +199,39 @@ class ReactorMap {
     const auto& all() const { return table_; }
 
   private:
-    Table<ReactorTraits<Key, R>> table_;
+    Unordered<ReactorTraits<Key, R>> table_;
 };
 
-// One reactor R for each element of a collection of E: made for each element there at construction
-// and for each that comes, gone with it.
+// One reactor R for each element of a collection of E: made for each element that exists at
+// construction and for each that is inserted, dropped when its element is removed.
 //
 // R is an Object made from (owner, element) with `handleInitialized()`. Where it has them,
-// `handleDelete()` runs when its element is removed, and `doCleanup()` before it goes in any way.
-// The owner calls `initialize()` when it is ready: that initialises the reactors present, and from
-// then on each newcomer. When the collection's input is replaced, those of the old entity go as if
-// their elements were removed, and those of the new one are made.
+// `handleDelete()` runs when its element is removed, and `doCleanup()` before it is dropped for any
+// reason. The owner calls `initialize()` when it is ready: that initialises the present reactors,
+// and from then on each new one.
 template <class R, class E, class Key, class Store>
-class EntryReactors final : public InputWatcher {
+class EntryReactors final {
   public:
     template <class Owner>
     EntryReactors(Owner& owner, E& entity, KeyedAttr<E, Key, Store> attr)
-        : InputWatcher(Ptr<Object>(entity)), owner_(&owner), make_(&makeFor<Owner>), attr_(attr) {
-        follow();
-    }
-    template <class Owner>
-    EntryReactors(Owner& owner, Input<E>& input, KeyedAttr<E, Key, Store> attr)
-        : EntryReactors(owner, *input, attr) {
-        input.watch(*this);
+        : owner_(&owner), make_(&makeFor<Owner>), store_(entity.*attr.store), entity_(entity) {
+        try {
+            subscription_ = Subscription::to<&EntryReactors::handleKey>(entity, attr, this);
+            for (Element& element : store_) handleKey(element.velKey());
+        } catch (...) {
+            clear();
+            throw;
+        }
     }
     ~EntryReactors() { clear(); }
 
     void initialize() {
         if (std::exchange(initialized_, true)) return;
-        for (const auto& item : table_) item.reactor->handleInitialized();
+        FirstError errors;
+        for (const auto& item : table_) errors.in([&] { initialize(item.key, *item.reactor); });
+        errors.raise();
     }
-    // Lets all go, without their delete handlers, and follows no more.
+    // Drops all, without their delete handlers, and follows the collection no more.
     void clear() {
         subscription_.reset();
         for (const auto& item : table_) drop(item.key);
@@ -331,32 +254,23 @@ class EntryReactors final : public InputWatcher {
             if (self.gone()) return nullptr;
         return make<R>(self, element);
     }
-
-    const Store& store() const { return static_cast<E&>(watched()).*attr_.store; }
     Element* elementAt(const Key& key) const {
-        const auto* found = store().find(key);
+        const auto* found = store_.find(key);
         return found ? found->get() : nullptr;
     }
 
-    void follow() {
-        subscription_ =
-            Subscription::to<&EntryReactors::handleKey>(static_cast<E&>(watched()), attr_, this);
-        for (Element& element : store()) handleKey(element.velKey());
-    }
-    void replaced(Object&, Object&) override {
-        if (!subscription_) return;  // cleared
-        subscription_.reset();
-        for (const auto& item : table_) remove(item.key);
-        follow();
-    }
-
-    // The element may have gone and come back before this notification was read, and what is called
-    // here may bring the next; so what counts is which element is there at each step.
+    // The element may have been removed and inserted again before this notification was read, and
+    // what is called here may set off the next; so each step looks at the present element.
     void handleKey(const Key& key) {
+        FirstError errors;
         if (const auto* mine = table_.find(key)) {
             if (mine->element == elementAt(key)) return;
-            remove(key);
+            errors.in([&] { remove(key); });
         }
+        errors.in([&] { add(key); });
+        errors.raise();
+    }
+    void add(const Key& key) {
         Element* element = elementAt(key);
         if (!element || table_.has(key)) return;
         Hold hold;
@@ -364,27 +278,38 @@ class EntryReactors final : public InputWatcher {
         if (!made) return;
         if (elementAt(key) != element) return cleanUp(*made);
         R& reactor = *table_.insert({key, std::move(made), element}).reactor;
-        if (initialized_) reactor.handleInitialized();
+        if (initialized_) initialize(key, reactor);
+    }
+    void initialize(const Key& key, R& reactor) {
+        try {
+            reactor.handleInitialized();
+        } catch (...) {
+            if ((*this)(key) == &reactor) drop(key);
+            throw;
+        }
     }
     void remove(const Key& key) {
         Hold hold;
         const Ptr<R> reactor = table_.take(key).second.reactor;
         if (!reactor) return;
-        if constexpr (requires { reactor->handleDelete(); }) reactor->handleDelete();
+        FirstError errors;
+        if constexpr (requires { reactor->handleDelete(); })
+            errors.in([&] { reactor->handleDelete(); });
         cleanUp(*reactor);
+        errors.raise();
     }
     void drop(const Key& key) {
         Hold hold;
         if (const Ptr<R> reactor = table_.take(key).second.reactor) cleanUp(*reactor);
     }
-    static void cleanUp(R& reactor) {
-        if constexpr (requires { reactor.doCleanup(); }) reactor.doCleanup();
-    }
 
     void* owner_;
     Ptr<R> (*make_)(void*, Element&);
-    KeyedAttr<E, Key, Store> attr_;
-    Table<ReactorTraits<Key, R>> table_;
+    const Store& store_;
+    const Ptr<E> entity_;  // whose store it is
+    // A reactor per element that the last notification showed. Its element may be gone from the
+    // collection, but only until the notification of that has been read.
+    Unordered<ReactorTraits<Key, R>> table_;
     Subscription subscription_;
     bool initialized_ = false;
 };

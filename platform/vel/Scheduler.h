@@ -1,5 +1,5 @@
-// The task scheduler as an object that reactors can hold: counted like everything they are given.
-// The host makes it, drives it, and keeps it until the last reactor is gone.
+// The task scheduler as a counted object, so that reactors can hold it like their other inputs. The
+// host makes it, drives it, and keeps it until the last reactor is destroyed.
 #pragma once
 
 #include "platform/loom/TaskScheduler.h"

@@ -9,7 +9,7 @@
 namespace Vel {
 
 // One notification under way, on the stack. It knows where its walk over the subscribers stands, so
-// that one who leaves is passed over and one who comes is not called in this round.
+// that a subscription that ends is passed over and a new one is not called in this round.
 class Round {
   public:
     static constexpr U32 maxDepth = 64;
@@ -22,23 +22,20 @@ class Round {
           attribute_(attribute) {
         if (depth_ > maxDepth) [[unlikely]]
             tooDeep();
-        if (!outer_) Ringlog::beginEvent();
+        if (!outer_) Ringlog::newEvent();
         top = this;
     }
-    ~Round() {
-        top = outer_;
-        if (!outer_) Ringlog::endEvent();
-    }
+    ~Round() { top = outer_; }
     Round(const Round&) = delete;
     Round& operator=(const Round&) = delete;
 
+    // A subscriber that throws keeps no other from its call; the first error reaches the caller.
     void run(const void* key) {
-        for (Subscription *now = entity_.first_, *next; now; now = next) {
-            next_ = next = now == end_ ? nullptr : now->next_;
-            if (now->attribute_ != attribute_ && now->attribute_ != anyAttribute) continue;
-            now->function_(now->object_, key, attribute_);
-            if (disturbed_) [[unlikely]]  // else the next one is known without waiting for memory
-                next = next_;
+        try {
+            callFrom(entity_.first_, key);
+        } catch (...) {
+            callTheOthers(key);
+            throw;
         }
     }
 
@@ -56,13 +53,37 @@ class Round {
     }
 
   private:
+    [[gnu::always_inline]] inline void callFrom(Subscription* first, const void* key) {
+        for (Subscription *now = first, *next; now; now = next) {
+            next_ = next = now == end_ ? nullptr : now->next_;
+            if (now->attribute_ != attribute_ && now->attribute_ != anyAttribute) continue;
+            now->function_(now->object_, key, attribute_);
+            if (disturbed_) [[unlikely]]  // else the next one is known without waiting for memory
+                next = next_;
+        }
+    }
+    [[gnu::cold, gnu::noinline]] void callTheOthers(const void* key) {
+        if (const Object* object = objectBeingDestroyed()) {
+            const std::string handler = "'s destructor, through a subscriber of " + what() + ",";
+            handlerThrew(typeid(*object), handler.c_str());
+        }
+        while (next_) {
+            try {
+                callFrom(next_, key);
+            } catch (...) {
+                continue;  // the first error is the one that counts
+            }
+        }
+    }
+
+    std::string what() const {
+        const TypeDescriptor& type = entity_.type();
+        return std::string(type.name).append(".").append(type.attributeName(attribute_));
+    }
     [[noreturn, gnu::cold]] void tooDeep() const {
         std::string chain = "notifications nest deeper than 64 rounds:";
-        for (const Round* round = this; round; round = round->outer_) {
-            const TypeDescriptor& type = round->entity_.type();
-            chain.append(" ").append(type.name).append(".");
-            chain.append(type.attributeName(round->attribute_));
-        }
+        for (const Round* round = this; round; round = round->outer_)
+            chain.append(" ").append(round->what());
         assertionFailed(chain.c_str(), __FILE__, __LINE__);
     }
 
@@ -76,11 +97,11 @@ class Round {
     Hold hold_;
     Entity& entity_;
     Round* const outer_;
-    Subscription* next_ = nullptr;
-    Subscription* end_;  // the last subscriber of this round
+    Subscription* next_ = nullptr;  // to be called next; null after the last
+    Subscription* end_;             // the last subscriber of this round
     const U32 depth_;
     const Ordinal attribute_;
-    bool disturbed_ = false;  // next_ is not the one that followed
+    bool disturbed_ = false;  // next_ was changed during a call
 };
 
 constinit Round* Round::top = nullptr;

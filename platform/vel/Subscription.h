@@ -1,11 +1,14 @@
-// Who wants to know of which change: the subscriber side of notification.
+// The subscriber side of notification.
 //
-// A Subscription is the record itself, {object, function, attribute}, linked into the list of the
-// entity it watches: subscribing and letting go allocate nothing and cost a few stores. It is made
-// from a member function, `Subscription(entity, Entity::nameAttr, this, &Reactor::handleName)`,
-// and lives as a member of the reactor: when the reactor goes, nothing calls it any more, not even
-// while it still waits for the stack to unwind. Move assignment lets the old one go. An entity that
-// dies first leaves the handle empty.
+// A Subscription is the record {object, function, attribute} itself, linked into the list of the
+// entity it is for: subscribing and unsubscribing allocate nothing and cost a few stores. It is
+// made from a member function,
+//
+//     Subscription::to<&Reactor::handleName>(entity, Entity::nameAttr, this)
+//
+// and is a member of the reactor. A reactor that its owner dropped is not called any more, even
+// while it waits for the stack to unwind. Move assignment ends the subscription assigned to. An
+// entity that is destroyed first leaves the subscription empty.
 #pragma once
 
 #include <type_traits>
@@ -70,8 +73,8 @@ class [[nodiscard]] VEL_EXPORT Subscription {
 
     void adopt(Subscription& other);
 
-    Entity* entity_ = nullptr;
-    Subscription* prev_ = nullptr;
+    Entity* entity_ = nullptr;      // null: empty, and the members below mean nothing
+    Subscription* prev_ = nullptr;  // in the entity's list, in the order of subscription
     Subscription* next_ = nullptr;
     void* object_ = nullptr;
     Function function_ = nullptr;

@@ -4,8 +4,8 @@
 //
 // after the struct, inside its namespace, gives the type its text form (`valueToStrep`, with a
 // parser that gives the value back), its stream operator, its hash and its form as data and as key.
-// VEL_ENUM does the same for an enumeration. Codec<T> is what collections and the access by name
-// are built on; a type of another making joins by specialising it.
+// VEL_ENUM does the same for an enumeration. Collections and the access by name are built on
+// Codec<T>; other types take part by specialising it.
 #pragma once
 
 #include <algorithm>
@@ -53,7 +53,7 @@ VEL_EXPORT void appendEscapedKey(std::string& out,
                                  std::string_view text);  // \ before , ] and backslash
 VEL_EXPORT String takeKeyPart(std::string_view& rest);    // up to an unescaped ',', unescaped
 
-// What every value type answers:
+// What a codec offers:
 //   text(out, v), parse(reader) -> optional   the value text and back
 //   datum(v), fromDatum(d)                    as data; Error with the reason when it does not fit
 //   key(v), fromKey(text)                     as the text of a key; the same errors
@@ -189,6 +189,37 @@ VEL_EXPORT const Datum& memberOf(const Datum& d, const char* type, const char* m
 VEL_EXPORT void onlyMembers(const Datum& d, const char* type, const char* const* names, size_t n);
 [[noreturn]] VEL_EXPORT void expected(std::string_view what, const Datum& got);
 [[noreturn]] VEL_EXPORT void expected(std::string_view what, std::string_view got);
+
+template <class T>
+constexpr bool hasFloat() {
+    if constexpr (StructValue<T>)
+        return std::apply(
+            [](const auto&... f) {
+                return (hasFloat<std::remove_cvref_t<decltype(std::declval<T>().*f.member)>>() ||
+                        ...);
+            },
+            velFields(static_cast<const T*>(nullptr)));
+    else
+        return std::is_floating_point_v<T>;
+}
+// Equality for which a NaN equals a NaN, so that setting one again is no change.
+template <class T>
+bool sameValue(const T& a, const T& b) {
+    if constexpr (std::is_floating_point_v<T>) {
+        return a == b || (a != a && b != b);
+    } else if constexpr (hasFloat<T>()) {
+        bool same = true;
+        eachField<T>([&](const auto& f) { same = same && sameValue(a.*f.member, b.*f.member); });
+        return same;
+    } else {
+        return a == b;
+    }
+}
+
+template <class K, class V>
+bool sameValue(const std::pair<K, V>& a, const std::pair<K, V>& b) {
+    return a.first == b.first && sameValue(a.second, b.second);
+}
 
 template <StructValue T>
 struct Codec<T> {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <optional>
 #include <set>
 
@@ -259,6 +260,22 @@ TEST_F(ServerTest, TheLoopWakesForTheSchedulersTimersAndForThoseTheyArm) {
     const auto before = Clock::now();
     while (chain.left > 0) loop.runOnce(20s);
     EXPECT_LT(Clock::now() - before, 10s);
+}
+
+TEST_F(ServerTest, WorkThatNeverEndsLeavesSocketsAndSignalsServed) {
+    struct Endless {
+        Loom::TaskScheduler& scheduler;
+        Loom::Task task{Loom::call<&Endless::run>(*this)};
+        void run() { scheduler.post(task); }
+    } endless{scheduler};
+    endless.run();
+    bool signalled = false;
+    const auto signal = loop.onSignal(SIGTERM, [&] { signalled = true; });
+    serve();
+    Peer peer(*this, path());
+    EXPECT_EQ(peer.ask(echo(1)), echoed(1));
+    raise(SIGTERM);
+    EXPECT_TRUE(await([&] { return signalled; }));
 }
 
 TEST_F(ServerTest, ClientsThatVanishCostOnlyThemselves) {

@@ -4,10 +4,9 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <random>
 #include <set>
-#include <utility>
-#include <vector>
 
 #include "platform/netz/Assert.h"
 #include "platform/netz/Error.h"
@@ -18,21 +17,13 @@
 
 namespace {
 
+using namespace std::string_view_literals;
 using Netz::IntfId;
 using Netz::IpAddrWithMask;
 using Netz::IpGenAddr;
 
 IpGenAddr addr(const char* text) {
     return IpGenAddr::parse(text).value();
-}
-
-TEST(IpGenAddr, PrintsTheCanonicalForm) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"0:0:0:0:0:0:0:1", "::1"},
-        {"2001:DB8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},  // the first of two equal runs
-        {"::ffff:192.0.2.1", "::ffff:192.0.2.1"},
-    };
-    for (const auto& [in, out] : cases) EXPECT_EQ(addr(in).stringValue(), out);
 }
 
 TEST(IpGenAddr, AgreesWithTheSystemOnRandomAddresses) {
@@ -60,85 +51,58 @@ TEST(IpGenAddr, AgreesWithTheSystemOnRandomAddresses) {
     }
 }
 
-TEST(IpGenAddr, RefusesWhatIsNoAddress) {
-    using namespace std::string_view_literals;
+TEST(IpGenAddr, RefusesOtherTextsAndKeepsFamiliesApart) {
     for (const auto text :
-         {""sv, " 1.2.3.4"sv, "1.2.3.4 "sv, "1.2.3"sv, "1.2.3.256"sv, "01.2.3.4"sv, "1.2.3.4\0"sv,
-          "1.2.3.4/24"sv, "fe80::1%eth0"sv, "1::2::3"sv, ":"sv, "12345::"sv, "::1.2.3.04"sv,
-          "0x7f.0.0.1"sv, "ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.2555"sv}) {
+         {""sv, " 1.2.3.4"sv, "1.2.3"sv, "01.2.3.4"sv, "1.2.3.4\0"sv, "1.2.3.4/24"sv,
+          "fe80::1%eth0"sv, "ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.2555"sv})
         EXPECT_FALSE(IpGenAddr::parse(text)) << text;
-    }
     // A view into a longer text ends where it says.
     EXPECT_EQ(IpGenAddr::parse("10.0.0.123"sv.substr(0, 8)), IpGenAddr::fromV4(0x0a000001));
-}
 
-TEST(IpGenAddr, KeepsFamiliesApart) {
-    const auto v4 = addr("10.0.0.1");
-    const auto mapped = addr("::ffff:10.0.0.1");
-    const auto sameOctets = addr("a00:1::");
-    EXPECT_NE(v4, mapped);
-    EXPECT_NE(v4, sameOctets);
-    EXPECT_NE(IpGenAddr(), addr("::"));
-    EXPECT_TRUE(IpGenAddr().isZero() && addr("::").isZero());
-    EXPECT_FALSE(mapped.isZero() || addr("0.0.0.1").isZero());
-    EXPECT_EQ(v4.hash(), mapped.hash());
-
-    std::vector<IpGenAddr> sorted{addr("0.0.0.0"),   addr("9.255.0.0"), addr("10.0.0.0"),
-                                  addr("200.0.0.0"), addr("::"),        addr("::1"),
-                                  addr("ff::")};
-    EXPECT_EQ(std::adjacent_find(sorted.begin(), sorted.end(), std::greater_equal<>()),
-              sorted.end());
+    EXPECT_EQ(addr("::ffff:192.0.2.1").stringValue(), "::ffff:192.0.2.1");
+    EXPECT_NE(addr("10.0.0.1"), addr("::ffff:10.0.0.1"));
+    EXPECT_EQ(addr("10.0.0.1").hash(), addr("::ffff:10.0.0.1").hash());
+    EXPECT_TRUE(IpGenAddr().isZero() && addr("::").isZero() && IpGenAddr() != addr("::"));
+    EXPECT_FALSE(addr("::ffff:0.0.0.0").isZero() || addr("0.0.0.1").isZero());
+    const IpGenAddr sorted[] = {addr("0.0.0.0"),   addr("9.255.0.0"), addr("10.0.0.0"),
+                                addr("200.0.0.0"), addr("::"),        addr("::1"),
+                                addr("ff::")};
+    EXPECT_TRUE(std::ranges::is_sorted(sorted, std::less_equal<>()));
 }
 
 TEST(IpAddrWithMask, ParsesStrictlyAndPrints) {
-    EXPECT_EQ(IpAddrWithMask().stringValue(), "0.0.0.0/0");
     for (const char* text : {"203.0.113.1/24", "0.0.0.0/32", "::/128",
-                             "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/128", "2001:db8::1/0"}) {
-        const auto value = IpAddrWithMask::parse(text);
-        ASSERT_TRUE(value) << text;
-        EXPECT_EQ(value->stringValue(), text);
-    }
-    for (const char* text : {"203.0.113.1", "203.0.113.1/", "203.0.113.1/33", "::/129", "::/256",
-                             "1.2.3.4/024", "1.2.3.4/+4", "1.2.3.4/ 4", "1.2.3.4/4 ", "/24"}) {
+                             "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/128", "2001:db8::1/0"})
+        EXPECT_EQ(IpAddrWithMask::parse(text).value().stringValue(), text);
+    for (const char* text : {"203.0.113.1", "1.2.3.4/", "1.2.3.4/33", "::/129", "::/256", "/24",
+                             "1.2.3.4/024", "1.2.3.4/+4", "1.2.3.4/ 4", "1.2.3.4/4 "})
         EXPECT_FALSE(IpAddrWithMask::parse(text)) << text;
-    }
-    EXPECT_NE(IpAddrWithMask::parse("10.0.0.1/24"), IpAddrWithMask::parse("10.0.0.1/25"));
 }
 
-TEST(IntfId, AbbreviatesAsRoutersDo) {
-    const std::pair<const char*, const char*> cases[] = {{"Ethernet1/2", "Et1/2"},
-                                                         {"Loopback0", "Lo0"},
-                                                         {"Vlan10", "Vlan10"},
-                                                         {"eth0", "eth0"},
-                                                         {"Ethernet", "Ethernet"},
-                                                         {"wan-link1", "wan-link1"},
-                                                         {"1Ethernet2", "1Ethernet2"},
-                                                         {"Tunnel1.100", "Tu1.100"},
-                                                         {"", ""}};
-    for (const auto& [name, abbreviated] : cases) {
-        EXPECT_EQ(IntfId(name).shortName(), abbreviated);
-    }
-}
-
-TEST(IntfId, HoldsNamesUpToItsLimit) {
+TEST(Names, AreHeldUpToTheirLimit) {
     const std::string longest(IntfId::maxLength, 'x');
     EXPECT_EQ(IntfId(longest).stringValue(), longest);
-    EXPECT_FALSE(IntfId::parse(longest + "x"));
     EXPECT_THROW(IntfId(longest + "x"), Vel::RangeError);
-    for (const char* bad : {"eth 0", "eth0\n", "\x7f", "\teth0"}) EXPECT_FALSE(IntfId::parse(bad));
-    EXPECT_FALSE(IntfId::parse(std::string_view("eth0\0", 5)));
-
+    for (const auto bad : {"eth 0"sv, "eth0\n"sv, "\x7f"sv, "eth0\0"sv})
+        EXPECT_FALSE(IntfId::parse(bad));
     std::set<uint32_t> hashes;
     for (int i = 0; i < 1000; ++i) hashes.insert(IntfId("Ethernet" + std::to_string(i)).hash());
     EXPECT_GT(hashes.size(), 998u);
-}
+    for (const auto& [name, abbreviated] :
+         std::map<std::string, std::string>{{"Ethernet1/2", "Et1/2"},
+                                            {"Loopback0", "Lo0"},
+                                            {"Vlan10", "Vlan10"},
+                                            {"eth0", "eth0"},
+                                            {"Ethernet", "Ethernet"},
+                                            {"wan-link1", "wan-link1"},
+                                            {"1Ethernet2", "1Ethernet2"},
+                                            {"Tunnel1.100", "Tu1.100"},
+                                            {"", ""}})
+        EXPECT_EQ(IntfId(name).shortName(), abbreviated);
 
-TEST(VrfName, RefusesMoreThanItsLimit) {
-    const std::string longest(100, 'v');
-    EXPECT_EQ(L3::VrfName(longest).str(), longest);
-    EXPECT_EQ(L3::VrfName("red"), L3::VrfName(std::string_view("redder", 3)));
+    EXPECT_EQ(L3::VrfName(std::string(100, 'v')).str().size(), 100u);
     try {
-        L3::VrfName tooLong(longest + "v");
+        L3::VrfName tooLong(std::string(101, 'v'));
         FAIL() << "accepted";
     } catch (const Vel::Error& error) {
         EXPECT_STREQ(error.what(), "VrfName::bytes > VrfName::maxLength not allowed");
@@ -148,22 +112,16 @@ TEST(VrfName, RefusesMoreThanItsLimit) {
 TEST(Assert, CallsItsHandlerWithTheTextThenEnds) {
     const auto before =
         Vel::assertHandlerIs([](const char* text, const char*, int) { throw std::string(text); });
-    int evaluated = 0;
     std::string caught;
     try {
-        VEL_ASSERT(++evaluated == 1, "holds");
-        VEL_ASSERT(++evaluated == 1, "!!pathKeyInfo");
+        VEL_ASSERT(true, "holds");
+        VEL_ASSERT(false, "!!pathKeyInfo");
     } catch (const std::string& text) {
         caught = text;
     }
     EXPECT_EQ(caught, "!!pathKeyInfo");
-    EXPECT_EQ(evaluated, 2);
-    EXPECT_DEATH(
-        {
-            Vel::assertHandlerIs([](const char*, const char*, int) {});
-            VEL_ASSERT(false, "returns");
-        },
-        "");
+    Vel::assertHandlerIs([](const char*, const char*, int) {});
+    EXPECT_DEATH(VEL_ASSERT(false, "returns"), "");
     Vel::assertHandlerIs(before);
     EXPECT_DEATH(VEL_ASSERT(false, "printed"), "NetzTest.cpp:[0-9]+: assertion failed: printed");
 }

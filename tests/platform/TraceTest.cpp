@@ -205,16 +205,20 @@ TEST_F(Trace, RecordsBearTheTimeOfTheirEvent) {
     };
     Texts shown;
     Duolog::textSinkIs([&](const Ringlog::Line& record) { shown.push_back(record.line); });
+    static bool inEvent = false;
+    Ringlog::state.inEvent = [] { return inEvent; };
     const std::string earlier = wallTime();
     DUOLOG(red, 7, "before");
     for (int event = 0; event < 2; ++event) {
-        Ringlog::beginEvent();
+        inEvent = true;
+        Ringlog::newEvent();
         DUOLOG_ENTRY(red);
         const std::string first = timeOf(shown.back());
         do DUOLOG(red, 7, "decided");
         while (shown.size() < 5);  // long enough for the clock to move
         EXPECT_EQ(timeOf(shown.back()), first);
-        Ringlog::endEvent();
+        inEvent = false;
+        Ringlog::newEvent();
     }
     const std::string event = timeOf(shown.back());
     do DUOLOG(red, 3, "after");

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <random>
 
 #include "platform/vel/Reactor.h"
@@ -51,6 +52,7 @@ class Tree : public Entity {
     VEL_ENTITY(Tree, Name, name)
     VEL_ATTRIBUTE(Mode, mode, Mode::off)
     VEL_COUNTER(U8, count, 254)
+    static constexpr int others = __COUNTER__;  // no business of the attributes
     VEL_COLLECTION(U32, Leaf, leaf)
     VEL_ORDERED(U32, Leaf, sorted)
     VEL_SET(SiteKey, site)

@@ -2,12 +2,12 @@
 // open-addressing index beside it.
 //
 // Walks are in insertion order and safe while handlers insert and delete: a cursor is registered
-// with its table, stands before the next slot, and is fixed up when slots are compacted. It visits
-// each item present at its start and still present when reached, once, and yields a copy (of a
-// pointer or a small value), so what the loop holds never dangles. A removed item leaves a
-// tombstone until the next compaction; small tables do without the index.
+// with its collection, stands before the next slot, and is moved when slots are compacted. It
+// visits each item present at its start and still present when reached, once, and yields a copy (of
+// a pointer or a small value), so what the loop holds never dangles. A removed item leaves a
+// tombstone until the next compaction.
 //
-// A table is a member of an Object, so it outlives every walk over it (the cursor is a Hold).
+// The storage is a member of an Object, so it outlives every walk over it (the cursor is a Hold).
 #pragma once
 
 #include <iterator>
@@ -23,21 +23,22 @@ namespace Vel {
 
 struct IndexEntry {
     U32 tag;
-    U32 slot;  // the highest value: free
+    U32 slot;  // `none`: free
 };
 
-// Traits: `Key`, `Item`, `static const Key& key(const Item&)`, and what a walk yields:
-// `Yield`, `static Yield yield(const Item&)`.
+// Traits: `Key`; `Item` and `static const Key& key(const Item&)`; what a walk keeps, `Yield` and
+// `static Yield yield(const Item&)`; what it shows, `static decltype(auto) reference(const Yield&)`
+// and `static const Key& keyOf(shown)`.
 template <class Traits>
-class Table {
+class Unordered {
   public:
     using Key = typename Traits::Key;
     using Item = typename Traits::Item;
     class Cursor;
 
-    Table() = default;
-    Table(const Table&) = delete;
-    Table& operator=(const Table&) = delete;
+    Unordered() = default;
+    Unordered(const Unordered&) = delete;
+    Unordered& operator=(const Unordered&) = delete;
 
     U32 size() const { return live_; }
     bool empty() const { return live_ == 0; }
@@ -45,8 +46,9 @@ class Table {
 
     // The key of what a walk yields.
     static decltype(auto) keyOf(const auto& yielded) { return Traits::keyOf(yielded); }
+    static const Key& keyIn(const Item& item) { return Traits::key(item); }
 
-    // The item under a key, null if there is none. Valid until the next insertion or removal.
+    // The item under a key, or null. Valid until the next insertion or removal.
     const Item* find(const Key& key) const {
         const U32 slot = slotOf(key, index_ ? tagOf(key) : 0);
         return slot == none ? nullptr : &slots_[slot].item;
@@ -67,7 +69,7 @@ class Table {
         return slots_.back().item;
     }
 
-    // Takes the item out; empty (a default Item) if there is none.
+    // Takes the item out: whether there was one, and the item or a default one.
     std::pair<bool, Item> take(const Key& key) {
         const U32 at = slotOf(key, index_ ? tagOf(key) : 0);
         if (at == none) return {false, Item{}};
@@ -76,7 +78,7 @@ class Table {
         Item item = std::exchange(slot.item, Item{});
         slot.live = false;
         --live_;
-        if (live_ == 0 || slots_.size() - live_ > live_ + 16) compact();
+        if (live_ == 0 || slots_.size() - live_ > live_ + keptDead) compact();
         return {true, std::move(item)};
     }
 
@@ -85,12 +87,13 @@ class Table {
 
   private:
     static constexpr U32 none = 0xFFFFFFFF;
-    static constexpr U32 smallSize = 8;  // up to here a scan beats the index
+    static constexpr U32 smallSize = 8;  // up to this many slots a scan is faster than the index
+    static constexpr U32 keptDead = 16;  // tombstones that are no reason to compact
 
     struct Slot {
-        Item item;
-        U32 tag;
-        bool live;
+        Item item;  // default when not live
+        U32 tag;    // of its key
+        bool live;  // else a tombstone
     };
 
     static bool same(const Key& a, const Key& b) {
@@ -166,19 +169,21 @@ class Table {
         return dead;
     }
 
-    std::vector<Slot> slots_;
+    std::vector<Slot> slots_;  // in the order of insertion; a key is live in one slot at most
+    // Of all live slots, probed linearly from tag & mask_, at most half full. Null until there were
+    // more than smallSize slots.
     std::unique_ptr<IndexEntry[]> index_;
-    U32 mask_ = 0;
-    U32 live_ = 0;
-    mutable Cursor* cursors_ = nullptr;  // innermost walk first
+    U32 mask_ = 0;  // entries of the index less one; entries are a power of two
+    U32 live_ = 0;  // slots that are live
+    mutable Cursor* cursors_ = nullptr;  // of the walks under way, innermost first
 };
 
 template <class Traits>
-class Table<Traits>::Cursor {
+class Unordered<Traits>::Cursor {
   public:
     using Yield = typename Traits::Yield;
 
-    explicit Cursor(const Table& table)
+    explicit Cursor(const Unordered& table)
         : table_(table), outer_(table.cursors_), end_(static_cast<U32>(table.slots_.size())) {
         table.cursors_ = this;
         ++*this;
@@ -205,13 +210,13 @@ class Table<Traits>::Cursor {
     bool operator==(std::default_sentinel_t) const { return done_; }
 
   private:
-    friend class Table;
+    friend class Unordered;
 
     Hold hold_;
-    const Table& table_;
+    const Unordered& table_;
     Cursor* outer_;
     U32 at_ = 0;  // the next slot to look at
-    U32 end_;
+    U32 end_;     // behind the last slot that existed at the start
     bool done_ = false;
     Yield now_{};
 };
