@@ -49,7 +49,7 @@ std::optional<ForwardingAgent::Programme> ForwardingAgent::VelPathStatusEntry::w
                      path_->encapId()};
 }
 
-// A path that is in hardware already stays there while a change of it is on its way.
+// A path in hardware stays there while a change of it is being programmed.
 void ForwardingAgent::VelPathStatusEntry::review() {
     const auto programme = wanted();
     if (!programme || (done_ && done_->key != programme->key)) withdraw();

@@ -1,9 +1,10 @@
-// The forwarding agent: programs each resolved path into hardware, and reports what is programmed.
+// The simulated forwarding agent: programs each resolved path into hardware and reports it in
+// HwPathStatus. Owned by the Router; on the event thread.
 //
-// A path is programmed once the neighbour of its via has answered and the hardware has taken it.
-// What always holds once the tasks have run: a path has no entry unless it is resolved, the route
-// to its destination goes by its via, and the via's neighbour answers; an entry has the path's
-// current index; both its indices are set.
+// A path is programmed once the neighbour of its via has answered and the hardware has taken it,
+// which takes the world's `programmingDelay`. Invariant, once all tasks have run: a path has an
+// entry only while it is resolved, the route to its destination uses its via, and the via's
+// neighbour answers. An entry bears the path's current index, and both its indices are set.
 #pragma once
 
 #include <map>
@@ -16,14 +17,14 @@ namespace Agent::Sim {
 
 class ForwardingAgent {
   public:
-    // The world outlives this.
+    // REQUIRES: the world outlives this.
     ForwardingAgent(const Nav::NavInputs& inputs, const World& world);
 
-    // The world may be another one than before.
+    // Called after the world has changed.
     void review();
 
   private:
-    // What hardware needs to know of one path.
+    // What the hardware is told of one path.
     struct Programme {
         Nav::HwPathKey key;
         Netz::IntfId interface;
@@ -52,22 +53,22 @@ class ForwardingAgent {
         ForwardingAgent& agent_;
         const Vel::Ptr<Nav::PathStatus> vrf_;
         const Vel::Ptr<Nav::PathStatusEntry> path_;
-        std::optional<Programme> next_;  // being programmed
-        std::optional<Programme> done_;
+        std::optional<Programme> next_;  // being programmed; set exactly while timer_ is armed
+        std::optional<Programme> done_;  // in hardware, so the entry of its key exists
         Loom::Task review_;
         Loom::Timer timer_;
         Vel::Subscription pathInfo_, encapId_;
     };
 
-    // Of a next hop, the same for all paths that use it.
+    // The ARP index of a next hop, the same for all paths that use it. Never 0.
     U32 arpIndexOf(const Netz::IntfId& interface, const Netz::IpGenAddr& hop);
 
     const World& world_;
     const Vel::Ptr<Vel::Scheduler> scheduler_;
     const Vel::Ptr<Nav::HwPathStatus> hardware_;
-    std::map<std::pair<Netz::IntfId, Netz::IpGenAddr>, U32> arpIndices_;
-    U32 lastPathIndex_ = 0;
-    U32 version_ = 0;
+    std::map<std::pair<Netz::IntfId, Netz::IpGenAddr>, U32> arpIndices_;  // 1, 2, ... by arrival
+    U32 lastPathIndex_ = 0;  // the hardware path index handed out last
+    U32 version_ = 0;        // of the last hardware update
     PathReactors<VelPathStatusEntry, ForwardingAgent> paths_;
 };
 

@@ -65,7 +65,7 @@ void IpsecPeers::VelPathConfig::review() {
     }
 }
 
-// Waits for the world to change while there is no way to the peer.
+// An unreachable peer is tried again when the world changes.
 void IpsecPeers::VelPathConfig::connect() {
     stateIs(ConnectionState::connecting);
     status_->encapIdIs(Ipsec::Path::noEncapId);

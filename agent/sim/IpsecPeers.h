@@ -1,9 +1,10 @@
-// The IPsec service: one connection for each that is asked for, with the peer of its destination
-// address. Connections come up after a handshake, are rekeyed, and fail as the peer's faults say.
+// The simulated IPsec service: one connection for each request in PathConfigDir, with the peer at
+// its destination address. Connections come up after a handshake, are rekeyed, and fail as the
+// world's description of the peer says. Owned by the Router; on the event thread.
 //
-// What always holds: a request has a status exactly while it is there. Its encapsulation id is
-// set while the connection is established, and kept while it is rekeyed unless the peer wants a new
-// one; a connection that came down comes up with another.
+// Invariant: each request has a status as long as it exists. The status has an encapsulation id
+// while the connection is established or rekeying; a rekeying keeps the id unless the peer changes
+// it, and a connection that went down gets a new one.
 #pragma once
 
 #include "agent/sim/World.h"
@@ -11,17 +12,17 @@
 
 namespace Agent::Sim {
 
-// Of Ipsec::Path::PathStatus.
+// The values of Ipsec::Path::PathStatus::connectionState.
 enum class ConnectionState : U32 { down, connecting, rekeying, established, failed };
 VEL_ENUM(ConnectionState, down, connecting, rekeying, established, failed)
 static_assert(static_cast<U32>(ConnectionState::established) == Ipsec::Path::established);
 
 class IpsecPeers {
   public:
-    // The world outlives this.
+    // REQUIRES: the world outlives this.
     IpsecPeers(const Nav::NavInputs& inputs, const World& world);
 
-    // The world may be another one than before.
+    // Called after the world has changed.
     void review();
 
   private:
@@ -33,9 +34,9 @@ class IpsecPeers {
         void review();
 
       private:
-        // What the world says of the peer; null where nobody is.
+        // The peer at the destination address; null if the world has none.
         const World::Peer* peer() const;
-        // Whether the network gets there by the connection's interface.
+        // Whether a route reaches the peer through the connection's interface.
         bool reachable() const;
         bool answers() const;
         ConnectionState state() const;
@@ -51,7 +52,7 @@ class IpsecPeers {
         IpsecPeers& service_;
         const Vel::Ptr<Ipsec::Path::PathConfig> request_;
         const Vel::Ptr<Ipsec::Path::PathStatus> status_;
-        Loom::Instant keyed_{};  // when the keys in use were made
+        Loom::Instant keyed_{};  // when the keys in use were negotiated
         Loom::Timer timer_;
     };
 
@@ -59,7 +60,7 @@ class IpsecPeers {
     const Vel::Ptr<Vel::Scheduler> scheduler_;
     const Vel::Ptr<Ipsec::Path::PathConfigDir> requestDir_;
     const Vel::Ptr<Ipsec::Path::PathStatusDir> statusDir_;
-    U32 lastEncapId_ = 0;
+    U32 lastEncapId_ = 0;  // ids count up from 1 and are not reused
     Vel::EntryReactorsOf<VelPathConfig, decltype(Ipsec::Path::PathConfigDir::ipsecPathConfigAttr)>
         connections_;
 };

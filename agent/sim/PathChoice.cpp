@@ -66,7 +66,7 @@ void PathChoice::choose() {
     for (const Nav::LbProfileKey& key : std::exchange(changed_, {})) {
         const auto* entry = status ? status->lbProfileStatusEntry(key) : nullptr;
         if (!entry) {
-            if (chosen_.erase(key)) DUOLOG(simTrace, 5, trafficOf(key), " is steered no more");
+            if (chosen_.erase(key)) DUOLOG(simTrace, 5, trafficOf(key), " is no longer steered");
             continue;
         }
         std::vector<Nav::PathWithPriority>& chosen = chosen_[key];

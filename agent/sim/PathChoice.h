@@ -1,5 +1,6 @@
-// The forwarding side as a reader of load-balance status: which paths the packets to a site take,
-// per application and VRF. Each change of the choice is traced at level 5.
+// The simulated forwarding side as a reader of load-balance status: chooses the paths that packets
+// to a site take, per application and VRF, and traces each change of that choice at level 5. Owned
+// by the Router; on the event thread.
 #pragma once
 
 #include <map>
@@ -12,7 +13,8 @@
 
 namespace Agent::Sim {
 
-// The members of the best, that is lowest, priority, by path index. None while there is no member.
+// The members with the lowest priority value, which is the best, in order of path index. Empty if
+// the entry has no members.
 std::vector<Nav::PathWithPriority> chosenPaths(const Nav::LbProfileStatusEntry& entry);
 
 class PathChoice {
@@ -32,7 +34,7 @@ class PathChoice {
     };
 
     void handleLbProfileStatus();
-    // Compares what is chosen now with what was, for the keys that changed since the last time.
+    // Recomputes the choice for the keys that changed since the last call.
     void choose();
     std::string trafficOf(const Nav::LbProfileKey& key) const;
 
@@ -40,7 +42,7 @@ class PathChoice {
     const Vel::Ptr<Routing::Hardware::RouteStatus> vrfs_;
     const Vel::Ptr<Nav::NavStatusDir> statusDir_;
     const Vel::Ptr<Vel::Scheduler> scheduler_;
-    std::set<Nav::LbProfileKey> changed_;
+    std::set<Nav::LbProfileKey> changed_;  // to be looked at by choice_
     std::map<Nav::LbProfileKey, std::vector<Nav::PathWithPriority>> chosen_;
     Loom::Task choice_;
     std::optional<Vel::EntryReactorsOf<VelLbProfileStatusEntry,

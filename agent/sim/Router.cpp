@@ -7,14 +7,14 @@ namespace Agent::Sim {
 
 namespace {
 
-// Traces the links that went down or came up.
+// Traces links that changed between up and down, and interfaces that were removed.
 void traceLinks(const World& before, const World& now) {
     for (const auto& [name, interface] : now.interfaces) {
         if (before.up(name) == interface.up) continue;
         DUOLOG(simTrace, 5, "link ", name, interface.up ? " is up" : " is down");
     }
     for (const auto& [name, interface] : before.interfaces)
-        if (!now.interfaces.contains(name)) DUOLOG(simTrace, 5, "interface ", name, " is gone");
+        if (!now.interfaces.contains(name)) DUOLOG(simTrace, 5, "interface ", name, " removed");
 }
 
 }  // namespace
@@ -37,7 +37,7 @@ void Router::worldIs(const World& world) {
     traceLinks(world_, world);
     world_ = world;
     publish();
-    // What comes of the new results is queued before the paths are reviewed.
+    // The reviews queued here run after the reactors have taken in the new results.
     resolver_.resolve();
     peers_.review();
     forwarding_.review();

@@ -1,10 +1,10 @@
-// The embedded router: plays the router's other services in process, on a world of its own. It
-// writes the interface, VRF, next-hop, IPsec and hardware status that the path-selection system
-// reads, and answers what that asks for.
+// The simulated router: implements the router's other services in process, on a simulated network.
+// It writes the interface, VRF, next-hop, IPsec and hardware status that path selection reads, and
+// answers its requests.
 //
-// Its time is that of the clock which drives the scheduler, so a test that steps the clock steps
-// the world. Everything runs in handlers, tasks and timers; nothing is polled. The inputs hold all
-// that it publishes; it may come before or after the root, and go before or after it.
+// Time is that of the scheduler's clock, so a test that steps the clock steps the network.
+// Everything runs in handlers, tasks and timers; nothing is polled. All published state lives in
+// the inputs, so a Router may be created and destroyed before or after the root reactor.
 #pragma once
 
 #include "agent/router/NexthopResolver.h"
@@ -17,11 +17,11 @@ namespace Agent::Sim {
 
 class Router {
   public:
-    // The history begins now.
+    // The history starts at the time of construction.
     Router(const Nav::NavInputs& inputs, History history);
 
     const World& world() const { return world_; }
-    // From here on the world is this one, until the next step of its history.
+    // Replaces the world, until the next step of the history replaces it again.
     void worldIs(const World& world);
 
   private:
@@ -38,7 +38,7 @@ class Router {
     IpsecPeers peers_;
     ForwardingAgent forwarding_;
     PathChoice choice_;
-    size_t next_ = 0;  // step of the history
+    size_t next_ = 0;  // the next step of the history
     Loom::Timer step_;
 };
 

@@ -1,4 +1,4 @@
-// The platform of `--platform sim`: the embedded router on the world of a file.
+// The platform of `--platform sim`: a simulated router on the network that a world file describes.
 #pragma once
 
 #include "agent/router/Platform.h"
@@ -8,7 +8,8 @@ namespace Agent::Sim {
 
 class SimPlatform final : public Platform {
   public:
-    // Without a file, a world of the VRF "default" and nothing else. Throws JsonError.
+    // An empty name gives a world with the VRF "default" and nothing else. Throws JsonError for a
+    // file that cannot be read or is refused.
     explicit SimPlatform(const std::string& worldFile)
         : Platform("sim"), history_(worldFile.empty() ? History{} : readHistoryFile(worldFile)) {}
 

@@ -10,7 +10,7 @@ namespace {
 
 constexpr double longestDelay = 24 * 3600 * 1000.0;  // milliseconds
 
-// A value of the file, where it stands, and how much faster than real time the world runs.
+// A value of the file, its place, and how many times faster than real time the world runs.
 struct Place {
     const Json& json;
     Json::json_pointer at;
@@ -68,7 +68,7 @@ template <class K, class V>
 void read(const Place& place, std::map<K, V>& map) {
     eachMember(place, [&](const std::string& name, const Place& member) {
         const auto [entry, isNew] = map.try_emplace(fromText<K>(member, name));
-        if (!isNew) member.refuse("is there already, written differently");
+        if (!isNew) member.refuse("duplicate of an entry above, written differently");
         read(member, entry->second);
     });
 }
@@ -91,7 +91,7 @@ template <class... T>
 void readMembers(const Place& place, Member<T>... members) {
     eachMember(place, [&](const std::string& name, const Place& member) {
         const bool known = ((name == members.name && (read(member, members.value), true)) || ...);
-        if (!known) member.refuse("there is no such attribute");
+        if (!known) member.refuse("attribute not found");
     });
 }
 
@@ -114,13 +114,13 @@ void read(const Place& place, World::Peer& peer) {
                 Member{"lifetime", peer.lifetime}, Member{"fault", peer.fault});
     if (peer.lifetime != Duration{} && peer.lifetime <= peer.rekeyInterval)
         place.member("lifetime").refuse("must be longer than rekeyInterval");
-    // Shorter ones would leave the event thread no time for anything else.
+    // Shorter times would keep the event thread busy with nothing else.
     constexpr Duration shortest = std::chrono::milliseconds(1);
-    if (peer.retry < shortest) place.member("retry").refuse("is less than 1 ms of real time");
+    if (peer.retry < shortest) place.member("retry").refuse("must be at least 1 ms of real time");
     if (peer.rekeyInterval != Duration{} && peer.rekeyInterval < shortest)
-        place.member("rekeyInterval").refuse("is less than 1 ms of real time");
+        place.member("rekeyInterval").refuse("must be at least 1 ms of real time");
     if (peer.lifetime != Duration{} && peer.lifetime < shortest)
-        place.member("lifetime").refuse("is less than 1 ms of real time");
+        place.member("lifetime").refuse("must be at least 1 ms of real time");
 }
 void read(const Place& place, World::Vrf& vrf) {
     readMembers(place, Member{"id", vrf.id}, Member{"routes", vrf.routes},
@@ -140,7 +140,7 @@ void checkRoutes(const World& world, const L3::VrfName& vrf, const Place& routes
                 via.refuse("expected an interface of VRF \"" + vrf.str() + "\"");
             const Netz::IpGenAddr& gateway = vias[i].gateway;
             if (!gateway.isZero() && gateway.isV4() != prefix.addr.isV4())
-                via.refuse("the gateway is of another address family than the prefix");
+                via.refuse("the gateway must be of the address family of the prefix");
         }
     });
 }
@@ -149,9 +149,10 @@ void checkVrfs(const World& world, const Place& place) {
     std::map<U32, L3::VrfName> names;
     for (const auto& [name, vrf] : world.vrfs) {
         const bool isDefault = name.str() == "default";
-        if (isDefault && vrf.id != 0) place.member("default").refuse("its id is 0");
+        if (isDefault && vrf.id != 0) place.member("default").refuse("its id must be 0");
         if (!isDefault && vrf.id != 0 && !names.emplace(vrf.id, name).second)
-            place.member(name.str()).refuse("has the id of VRF \"" + names.at(vrf.id).str() + "\"");
+            place.member(name.str())
+                .refuse("has the same id as VRF \"" + names.at(vrf.id).str() + "\"");
         if (!vrf.routes.empty())
             checkRoutes(world, name, place.member(name.str()).member("routes"));
     }
@@ -167,7 +168,7 @@ World readWorld(const Place& place) {
         if (!world.vrfs.contains(interface.vrf))
             place.member("interfaces")
                 .member(name.stringValue())
-                .refuse("VRF \"" + interface.vrf.str() + "\" is not there");
+                .refuse("VRF \"" + interface.vrf.str() + "\" not found");
     }
     if (place.json.contains("vrfs")) checkVrfs(world, place.member("vrfs"));
     return world;
@@ -240,18 +241,18 @@ History readHistory(const Json& file) {
     History history{readWorld({world, whole.at, whole.speed}), {}};
     if (!file.contains("events")) return history;
 
-    // An event is what changes, as a merge patch (RFC 7396) of the world before it.
+    // An event is a merge patch (RFC 7396) of the world before it.
     const Place events = whole.member("events");
     if (!events.json.is_array()) events.expected("an array");
     for (size_t i = 0; i < events.json.size(); ++i) {
         Json change = events.json[i];
         const Place event{change, events.at / i, whole.speed};
         if (!change.is_object() || !change.contains("at"))
-            event.expected("an object with the time \"at\" which it happens");
+            event.expected("an object with \"at\", the time of the event");
         Duration at{};
         read(event.member("at"), at);
         if (!history.steps.empty() && at < history.steps.back().at)
-            event.member("at").refuse("comes before the event in front of it");
+            event.member("at").refuse("must not be less than that of the event before");
         change.erase("at");
         world.merge_patch(change);
         history.steps.push_back({at, readWorld({world, event.at, whole.speed})});

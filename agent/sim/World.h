@@ -1,8 +1,8 @@
-// The simulated router and network as data: what there is, where packets to an address go, and who
-// answers after how long. State only; the services of Router react to it.
+// The simulated router and network as data: interfaces, VRFs, routes, neighbours and IPsec peers,
+// and how fast they answer. State only; the services of Router react to it.
 //
-// It is read from a world file (docs/world-file.md), which also tells how the world changes with
-// time. A file that does not describe a possible world is refused whole.
+// It is read from a world file (docs/world-file.md), which also describes how the network changes
+// over time. A file with any error is refused whole.
 #pragma once
 
 #include <map>
@@ -19,22 +19,22 @@ namespace Agent::Sim {
 using Loom::Duration;
 using Vel::U32;
 
-// What is wrong with an IPsec peer. One that refuses says so; one that is silent lets the other
-// side find out.
+// What is wrong with an IPsec peer: one that refuses answers with an error, one that is silent does
+// not answer.
 enum class Fault : U32 { none, refuses, silent };
 VEL_ENUM(Fault, none, refuses, silent)
 
 struct World {
     struct Interface {
         L3::VrfName vrf{"default"};
-        Netz::IpAddrWithMask v4;  // zero: none; so is v6
-        Netz::IpAddrWithMask v6;
+        Netz::IpAddrWithMask v4;  // zero: no address
+        Netz::IpAddrWithMask v6;  // zero: no address
         bool up = true;
-        std::map<Netz::IpGenAddr, Duration> neighbours;  // each answers so long after it is asked
+        std::map<Netz::IpGenAddr, Duration> neighbours;  // how long each takes to answer
     };
 
     struct Via {
-        Netz::IpGenAddr gateway;  // zero: on link
+        Netz::IpGenAddr gateway;  // zero: the destination is on link
         Netz::IntfId interface;
         U32 weight = 1;
 
@@ -46,47 +46,47 @@ struct World {
         Duration handshake = std::chrono::milliseconds(100);
         Duration retry = std::chrono::milliseconds(1000);  // after a handshake that failed
         Duration rekeyInterval{};                          // 0: never
-        Duration rekeyGap{};                               // not established for so long meanwhile
+        Duration rekeyGap{};  // how long a rekeying interrupts the connection
         bool rekeyChangesEncapId = false;
-        Duration lifetime{};  // of a connection that is not rekeyed; 0: for ever
+        Duration lifetime{};  // of a connection that is not rekeyed; 0: unlimited
         Fault fault = Fault::none;
     };
 
     struct Vrf {
-        U32 id = 0;  // 0: not known yet, except of "default"
+        U32 id = 0;  // 0: not known yet, except for "default"
         std::map<Netz::IpAddrWithMask, Vias> routes;
         std::map<Netz::IpGenAddr, Peer> peers;
     };
 
-    Duration programmingDelay = std::chrono::milliseconds(10);  // of a path, in hardware
+    Duration programmingDelay = std::chrono::milliseconds(10);  // until hardware has taken a path
     std::map<Netz::IntfId, Interface> interfaces;
     std::map<L3::VrfName, Vrf> vrfs{{L3::VrfName("default"), Vrf{}}};
 
     bool up(const Netz::IntfId& interface) const;
-    // The vias of the longest prefix that has one whose interface is up: the networks of the VRF's
-    // own interfaces and its routes. The gateway of a via on link is the address itself. Empty:
-    // there is no way to the address.
+    // Longest-prefix match over the networks of the VRF's interfaces and its routes. Only vias
+    // whose interface is up count, and a prefix without one is passed over. An on-link via has the
+    // address itself as its gateway. Empty if no route matches.
     Vias lookup(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
-    // Null where nobody is.
+    // Null if the VRF has no peer at this address.
     const Peer* peer(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
-    // How long it takes to resolve a next hop; nothing if nobody answers or the interface is down.
+    // How long resolving a next hop takes; nullopt if it does not answer or the interface is down.
     std::optional<Duration> neighbourDelay(const Netz::IntfId& interface,
                                            const Netz::IpGenAddr& hop) const;
 };
 
-// A world and what becomes of it, in order of time since the start.
+// A world and its changes.
 struct History {
     struct Step {
-        Duration at;
+        Duration at;  // since the start; never less than that of the step before
         World world;
     };
     World first;
     std::vector<Step> steps;
 };
 
-// Throws PlacedError.
+// Throws PlacedError for a member that is unknown, of another type, out of range, or inconsistent.
 History readHistory(const Json& file);
-// Throws JsonError, its text beginning with the file's name and the line.
+// Throws JsonError; its text begins with the file's name and the line.
 History readHistoryFile(const std::string& name);
 
 }  // namespace Agent::Sim
