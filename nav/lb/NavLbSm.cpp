@@ -1,7 +1,5 @@
 #include "nav/lb/NavLbSm.h"
 
-#include <algorithm>
-
 #include "nav/lb/LbTrace.h"
 
 namespace Nav {
@@ -24,24 +22,24 @@ class LbProfileSm::VelNavRuleStatus : public Vel::Object {
           navRuleEntry_(Vel::Subscription::to<&VelNavRuleStatus::handleNavVrfRuleEntry>(
               status, NavRuleStatus::navRuleEntryAttr, this)) {}
 
-    // At start the rules are only entered; the profiles' own start then makes the keys.
+    // At start the rules are only entered; the initialisation of the profiles then makes the keys.
     void handleInitialized() {
         for (const NavRuleEntry& entry : status_.navRuleEntry()) {
             if (owner_.initialized_)
                 handleNavVrfRuleEntry(entry);
             else
-                owner_.enterRule(entry, status_.name());
+                owner_.rules_.enter(entry, status_.name(), owner_.vrfIdOf(status_.name()));
         }
     }
     void handleNavVrfRuleEntry(const NavRuleEntry& entry) {
         DUOLOG(lbTrace, 7, "NavRuleEntry: ", entry);
         owner_.ruleChanged(entry, status_.name());
     }
-    void handleDelete() {
-        DUOLOG(lbTrace, 8, "handleNavRuleStatusDelete");
-        for (const NavRuleEntry& entry : status_.navRuleEntry())
-            owner_.ruleChanged(entry, status_.name());
+    void handleNavRuleStatusDelete() {
+        DUOLOG_ENTRY(lbTrace);
+        owner_.rulesDeleted(status_.name());
     }
+    void handleDelete() { handleNavRuleStatusDelete(); }
 
   private:
     LbProfileSm& owner_;
@@ -58,24 +56,43 @@ class LbProfileSm::VelSiteGroupStatusEntry : public Vel::Object {
           pathIndexEntry_(Vel::Subscription::to<&VelSiteGroupStatusEntry::handleSiteGroupPathEntry>(
               entry, SiteGroupStatusEntry::pathIndexEntryAttr, this)) {}
 
-    void handleInitialized() {}
+    // At start the paths reach the keys with the rules. Later an entry is new and has none, unless
+    // a subscriber added some before this reactor was made.
+    void handleInitialized() {
+        initialized_ = true;
+        owner_.keys_.siteGroupAdded(entry_.key().routerIp);
+        for (U32 pathIndex : entry_.pathIndexEntry()) applyPath(pathIndex);
+    }
     void handleSiteGroupPathEntry(const U32& pathIndex) {
         if (!owner_.initialized_) return;
         DUOLOG(lbTrace, 7, "PathIndex: ", pathIndex);
         auto* siteEntry = owner_.in_.siteGroupStatus->siteGroupStatusEntry(entry_.key());
         VEL_ASSERT(siteEntry, "!!siteEntry");
-        owner_.sitePathChanged(entry_.key(), pathIndex, !siteEntry->pathIndexEntryHas(pathIndex));
+        applyPath(pathIndex);
     }
-    void handleDelete() {
-        DUOLOG(lbTrace, 8, "handleSiteGroupClear");
-        for (U32 pathIndex : entry_.pathIndexEntry())
-            owner_.sitePathChanged(entry_.key(), pathIndex, true);
-        owner_.siteGroupGone(entry_.key());
+    void handleSiteGroupClear() {
+        DUOLOG_ENTRY(lbTrace);
+        if (!initialized_) return;
+        for (U32 pathIndex : entry_.pathIndexEntry()) applied_.insert(pathIndex);
+        owner_.siteGroupDeleted(entry_.key(), applied_);
     }
+    void handleDelete() { handleSiteGroupClear(); }
 
   private:
+    void applyPath(U32 pathIndex) {
+        if (entry_.pathIndexEntryHas(pathIndex))
+            applied_.insert(pathIndex);
+        else
+            applied_.erase(pathIndex);
+        owner_.sitePathChanged(entry_.key(), pathIndex);
+    }
+
     LbProfileSm& owner_;
     SiteGroupStatusEntry& entry_;
+    // The paths that were applied as present. One whose removal is still being announced when the
+    // entry is deleted is in here only.
+    std::set<U32> applied_;
+    bool initialized_ = false;
     Vel::Subscription pathIndexEntry_;
 };
 
@@ -109,10 +126,11 @@ class LbProfileSm::VelLoadBalanceProfile : public Vel::Object {
         DUOLOG_ENTRY(lbTrace);
         owner_.constraintsChanged(profile_.profileName());
     }
-    void handleDelete() {
-        DUOLOG(lbTrace, 8, "handleLoadBalanceProfileDelete");
+    void handleLoadBalanceProfileDelete() {
+        DUOLOG_ENTRY(lbTrace);
         owner_.profileDeleted(profile_.profileName());
     }
+    void handleDelete() { handleLoadBalanceProfileDelete(); }
 
   private:
     LbProfileSm& owner_;
@@ -142,55 +160,69 @@ void LbProfileSm::handleInitialized() {
 }
 
 void LbProfileSm::doCleanup() {
+    DUOLOG_ENTRY(lbTrace);
+    ++reactions_;
+    initialized_ = false;
     navRuleStatus_.clear();
     siteGroups_.clear();
     profiles_.clear();
+    rules_.clear();
+    keys_.clear();
     in_.lbProfileStatus->lbProfileStatusEntryDelAll();
 }
 
 // ---- the primitives on one key ----
 
-void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& lbName) {
-    DUOLOG(lbTrace, 7, "LbKey: ", key, " lbName: ", lbName);
-    if (!in_.cliConfig->loadBalanceProfile(lbName)) return;
-    LbProfileStatusEntry* status = in_.lbProfileStatus->lbProfileStatusEntry(key);
-    LbNameToLbKeySet& keySet = in_.navDb->lbNameToLbKeySetIs(lbName);
-    if (!status) {
-        const bool freeLbIds = !freeLbId_.empty();
-        VEL_ASSERT(freeLbIds, "freeLbIds()");
-        const U16 id = freeLbIdDeq();
-        apps_[appOf(key)].sites.insert(key.vtepIp);
-        status = &in_.lbProfileStatus->lbProfileStatusEntryIs(key);
-        status->lbIndexIs(id);
-        DUOLOG(lbTrace, 7, "LbId: ", id);
-    }
-    keySet.lbKeyIs(key);  // also if it was made for another profile
-    const auto* profile = in_.cliConfig->loadBalanceProfile(constraintsFrom(key, lbName));
-    status->latencyIs(profile->latency());
-    status->jitterIs(profile->jitter());
-    status->lossRateIs(profile->lossRate());
+// None once cleaned up: the entries may be those of a successor by then.
+LbProfileStatusEntry* LbProfileSm::statusOf(const LbProfileKey& key) const {
+    return initialized_ ? in_.lbProfileStatus->lbProfileStatusEntry(key) : nullptr;
 }
 
-void LbProfileSm::deleteLbIdStatus(const LbProfileKey& key, const Vel::String& lbName) {
+LbWanted LbProfileSm::wanted(const LbProfileKey& key) const {
+    return {rules_.of(appOf(key)), *in_.cliConfig, *in_.siteGroupStatus, key.vtepIp};
+}
+
+void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& lbName) {
+    DUOLOG(lbTrace, 7, "LbKey: ", key, " lbName: ", lbName);
+    const LoadBalanceProfile* profile = in_.cliConfig->loadBalanceProfile(lbName);
+    if (!profile) return;
+    const U64 turn = reactions_;
+    LbProfileStatusEntry* status = statusOf(key);
+    LbNameToLbKeySet& keySet = in_.navDb->lbNameToLbKeySetIs(lbName);
+    const LbRules::Rules& rules = rules_.of(appOf(key));
+    if (!status) {
+        VEL_ASSERT(freeLbIds(), "freeLbIds()");
+        const U16 id = freeLbIdDeq();
+        keys_.add(key, keySet);
+        status = &in_.lbProfileStatus->lbProfileStatusEntryIs(
+            key, [id](LbProfileStatusEntry& made) { made.lbIndexIs(id); });
+        DUOLOG(lbTrace, 7, "LbId: ", id);
+        if (reactions_ != turn) return;
+    } else if (firstNaming(rules, lbName)) {
+        keys_.add(key, keySet);  // it may have been created for another profile
+    }
+    // The only rule of an application gives its constraints without a search.
+    if (rules.size() != 1 || rules.begin()->entry.lbProfileName != lbName)
+        if (const auto* first = wanted(key).constraints()) profile = first;
+    status->latencyIs(profile->latency());
+    if (reactions_ == turn) status->jitterIs(profile->jitter());
+    if (reactions_ == turn) status->lossRateIs(profile->lossRate());
+}
+
+void LbProfileSm::deleteLbIdStatus(const LbProfileKey& key, const Vel::String&) {
     DUOLOG(lbTrace, 7, "Deleting LbKey: ", key);
-    const auto app = apps_.find(appOf(key));
-    if (app != apps_.end()) app->second.sites.erase(key.vtepIp);
-    if (const auto* status = in_.lbProfileStatus->lbProfileStatusEntry(key)) {
+    keys_.remove(key);
+    if (const auto* status = statusOf(key)) {
         freeLbIdEnq(status->lbIndex());
         in_.lbProfileStatus->lbProfileStatusEntryDel(key);
     }
-    if (auto* keySet = in_.navDb->lbNameToLbKeySet(lbName)) keySet->lbKeyDel(key);
-    if (app == apps_.end()) return;
-    for (const auto& [rule, vrf] : app->second.rules)
-        if (auto* keySet = in_.navDb->lbNameToLbKeySet(rule.lbProfileName)) keySet->lbKeyDel(key);
-    if (app->second.rules.empty() && app->second.sites.empty()) apps_.erase(app);
 }
 
 void LbProfileSm::addLbIdPath(const LbProfileKey& key, const Vel::String& lbName,
                               const Vel::String& pgName, U32 pathIndex) {
     const auto* lbProfileConfig = in_.cliConfig->loadBalanceProfile(lbName);
     VEL_ASSERT(lbProfileConfig, "!!lbProfileConfig");
-    auto* lbProfileStatusEntry = in_.lbProfileStatus->lbProfileStatusEntry(key);
+    auto* lbProfileStatusEntry = statusOf(key);
     VEL_ASSERT(lbProfileStatusEntry, "!!lbProfileStatusEntry");
     const U32* listed = lbProfileConfig->pathGroupPriority(pgName);
     const U32 priority = listed ? *listed : 0;
@@ -200,14 +232,14 @@ void LbProfileSm::addLbIdPath(const LbProfileKey& key, const Vel::String& lbName
 }
 
 void LbProfileSm::deleteLbIdPath(const LbProfileKey& key, U32 pathIndex) {
-    auto* lbProfileStatusEntry = in_.lbProfileStatus->lbProfileStatusEntry(key);
+    auto* lbProfileStatusEntry = statusOf(key);
     VEL_ASSERT(lbProfileStatusEntry, "!!lbProfileStatusEntry");
     DUOLOG(lbTrace, 7, "LbKey: ", key, " pathIndex: ", pathIndex);
     lbProfileStatusEntry->pathEntryDel(pathIndex);
 }
 
 void LbProfileSm::updateLbIdGenId(const LbProfileKey& key, const Vel::String&) {
-    auto* lbProfileStatusEntry = in_.lbProfileStatus->lbProfileStatusEntry(key);
+    auto* lbProfileStatusEntry = statusOf(key);
     VEL_ASSERT(lbProfileStatusEntry, "!!lbProfileStatusEntry");
     DUOLOG(lbTrace, 7, "LbKey: ", key);
     const U32 genId = lbProfileStatusEntry->genId();
@@ -215,15 +247,16 @@ void LbProfileSm::updateLbIdGenId(const LbProfileKey& key, const Vel::String&) {
     DUOLOG(lbTrace, 7, "oldGenId: ", genId);
 }
 
-void LbProfileSm::updateLbIdPath(const LbProfileKey& key, const Vel::String& lbName,
+bool LbProfileSm::updateLbIdPath(const LbProfileKey& key, const Vel::String& lbName,
                                  const Vel::String& pgName, U32 pathIndex, bool remove) {
-    const auto* status = in_.lbProfileStatus->lbProfileStatusEntry(key);
-    if (remove && !status) return;  // a removal allocates nothing
-    createLbIdStatus(key, lbName);
+    const auto* status = statusOf(key);
+    if (remove && !status) return true;  // a removal allocates nothing
+    const U64 turn = reactions_;
+    if (!ensureLbId(key, lbName)) return false;
     if (remove) {
         DUOLOG(lbTrace, 7, "Delete path, SiteIp: ", key.vtepIp, " App Profile Id: ", key.appId,
                " Vrf Id: ", key.vrfId);
-        // A path that moved to another group meanwhile is that group's member now.
+        // A path that moved to another group is a member of that group now.
         const auto* member = status->pathEntry(pathIndex);
         if (!member || member->groupName == pgName) deleteLbIdPath(key, pathIndex);
     } else {
@@ -231,174 +264,161 @@ void LbProfileSm::updateLbIdPath(const LbProfileKey& key, const Vel::String& lbN
                " Vrf Id: ", key.vrfId);
         addLbIdPath(key, lbName, pgName, pathIndex);
     }
+    if (reactions_ != turn) return false;
     updateLbIdGenId(key, lbName);
+    return true;
 }
 
-// ---- which rules there are, and which of them governs ----
+// ---- ids for the reactions ----
+
+bool LbProfileSm::ensureLbId(const LbProfileKey& key, const Vel::String& lbName) {
+    const U64 turn = reactions_;
+    if (!freeLbIds() && !statusOf(key)) releaseVanished();
+    if (reactions_ == turn) createLbIdStatus(key, lbName);
+    return reactions_ == turn;
+}
+
+// Until an id is free or no vanished site has a key.
+void LbProfileSm::releaseVanished() {
+    while (!freeLbIds()) {
+        const auto key = keys_.longestVanished();
+        if (!key) return;
+        deleteLbIdStatus(*key, {});
+    }
+}
+
+// Again while a subscriber of one constraint changes another.
+void LbProfileSm::refreshConstraints(const LbProfileKey& key, const Vel::String& lbName) {
+    for (U64 turn = reactions_ - 1; turn != reactions_ && statusOf(key);) {
+        turn = reactions_;
+        createLbIdStatus(key, lbName);
+    }
+}
+
+// ---- reactions to rules ----
 
 U32 LbProfileSm::vrfIdOf(const L3::VrfName& vrf) const {
     const U32* id = in_.navDb->vrfNameToId(vrf);
     return id ? *id : 0;
 }
 
-void LbProfileSm::enterRule(const NavRuleEntry& entry, const L3::VrfName& vrf) {
-    auto [known, isNew] = entered_[vrf].try_emplace(entry, vrfIdOf(vrf));
-    if (isNew) apps_[{known->second, entry.appProfileId}].rules.emplace(entry, vrf);
-}
-
 // The id under which the rule was entered; that of the VRF if it was not.
 U32 LbProfileSm::enteredVrfId(const NavRuleEntry& entry, const L3::VrfName& vrf) const {
-    if (const auto rules = entered_.find(vrf); rules != entered_.end())
-        if (const auto rule = rules->second.find(entry); rule != rules->second.end())
-            return rule->second;
-    return vrfIdOf(vrf);
+    const auto entered = rules_.vrfIdOf(entry, vrf);
+    return entered ? *entered : vrfIdOf(vrf);
 }
 
-void LbProfileSm::leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf, U32 vrfId) {
-    if (const auto rules = entered_.find(vrf); rules != entered_.end()) {
-        rules->second.erase(entry);
-        if (rules->second.empty()) entered_.erase(rules);
-    }
-    if (const auto app = apps_.find({vrfId, entry.appProfileId}); app != apps_.end())
-        app->second.rules.erase({entry, vrf});
+bool LbProfileSm::isListed(const NavRuleEntry& entry, const L3::VrfName& vrf) const {
+    const NavRuleStatus* status = in_.navStatusDir->navRuleStatus(vrf);
+    return status && status->navRuleEntryHas(entry);
 }
-
-const LoadBalanceProfile* LbProfileSm::profileListing(const Vel::String& lbName,
-                                                      const Vel::String& pgName) const {
-    const auto* profile = in_.cliConfig->loadBalanceProfile(lbName);
-    return profile && profile->pathGroupPriority(pgName) ? profile : nullptr;
-}
-
-const LbProfileSm::Rule* LbProfileSm::governing(const VrfAppKey& key,
-                                                const Vel::String& pgName) const {
-    const auto app = apps_.find(key);
-    if (app == apps_.end()) return nullptr;
-    for (const Rule& rule : app->second.rules)
-        if (profileListing(rule.first.lbProfileName, pgName)) return &rule;
-    return nullptr;
-}
-
-bool LbProfileSm::isShared(const VrfAppKey& key) const {
-    const auto app = apps_.find(key);
-    return app != apps_.end() && app->second.rules.size() > 1;
-}
-
-// The profile that gives a key its constraints: that of the first rule that governs a group of the
-// site, which for the one rule of an application is the rule's own.
-const Vel::String& LbProfileSm::constraintsFrom(const LbProfileKey& key,
-                                                const Vel::String& lbName) const {
-    const auto app = apps_.find(appOf(key));
-    if (app == apps_.end()) return lbName;
-    const auto& rules = app->second.rules;
-    if (rules.size() == 1 && rules.begin()->first.lbProfileName == lbName) return lbName;
-    for (const auto& [rule, vrf] : rules)
-        if (const auto* profile = in_.cliConfig->loadBalanceProfile(rule.lbProfileName))
-            for (const auto& [pgName, priority] : profile->pathGroupPriority())
-                if (in_.siteGroupStatus->siteGroupStatusEntry({pgName, key.vtepIp}))
-                    return rule.lbProfileName;
-    return lbName;
-}
-
-bool LbProfileSm::isGoverned(const LbProfileKey& key) const {
-    const auto app = apps_.find(appOf(key));
-    if (app == apps_.end()) return false;
-    for (const auto& [rule, vrf] : app->second.rules)
-        if (const auto* profile = in_.cliConfig->loadBalanceProfile(rule.lbProfileName))
-            for (const auto& [pgName, priority] : profile->pathGroupPriority())
-                if (in_.siteGroupStatus->siteGroupStatusEntry({pgName, key.vtepIp})) return true;
-    return false;
-}
-
-// ---- reactions to rules ----
 
 void LbProfileSm::ruleChanged(const NavRuleEntry& entry, const L3::VrfName& vrf) {
     if (!initialized_) return;
-    const NavRuleStatus* status = in_.navStatusDir->navRuleStatus(vrf);
-    if (status && status->navRuleEntryHas(entry)) enterRule(entry, vrf);
+    ++reactions_;
+    if (isListed(entry, vrf)) rules_.enter(entry, vrf, vrfIdOf(vrf));
     handleNavRuleEntry(entry, vrf, enteredVrfId(entry, vrf));
+}
+
+// All rules leave before anything is announced, for a subscriber may bind the VRF again, and under
+// another id. That includes a rule whose own removal is still being announced.
+void LbProfileSm::rulesDeleted(const L3::VrfName& vrf) {
+    if (!initialized_) return;
+    ++reactions_;
+    const auto rules = rules_.ofVrf(vrf);
+    for (const auto& [entry, vrfId] : rules) leaveRule(entry, vrf);
+    for (const auto& [entry, vrfId] : rules) handleNavRuleEntry(entry, vrf, vrfId);
+}
+
+// A profile that no rule of the application names any more loses its keys to the rules left. (If
+// none is left, the keys are about to be released.)
+void LbProfileSm::leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf) {
+    const VrfAppKey app{enteredVrfId(entry, vrf), entry.appProfileId};
+    rules_.leave(entry, vrf);
+    const LbRules::Rules& left = rules_.of(app);
+    auto* keySet = in_.navDb->lbNameToLbKeySet(entry.lbProfileName);
+    if (left.empty() || !keySet || firstNaming(left, entry.lbProfileName)) return;
+    for (const LbProfileKey& key : keys_.of(app)) keys_.leave(key, *keySet);
 }
 
 void LbProfileSm::handleNavRuleEntry(const NavRuleEntry& rule, const L3::VrfName& vrf, U32 vrfId) {
     const NavRuleEntry entry = rule;
     DUOLOG(lbTrace, 7, "NavRuleEntry: ", entry, " vrf: ", vrf, " vrfId: ", vrfId);
-    const NavRuleStatus* status = in_.navStatusDir->navRuleStatus(vrf);
-    const bool removed = !status || !status->navRuleEntryHas(entry);
-    if (removed) leaveRule(entry, vrf, vrfId);
+    const bool listed = isListed(entry, vrf);
+    if (!listed) leaveRule(entry, vrf);
+    const bool removed = !listed || enteredVrfId(entry, vrf) != vrfId;
     const VrfAppKey app{vrfId, entry.appProfileId};
     in_.navDb->lbNameToLbKeySetIs(entry.lbProfileName);
 
-    for (SiteGroupStatusEntry& siteGroup : in_.siteGroupStatus->siteGroupStatusEntry()) {
-        const auto& [pgName, vtepIp] = siteGroup.key();
-        DUOLOG(lbTrace, 7, "vtep ip: ", vtepIp, " pgName: ", pgName);
-        const LbProfileKey key = keyOf(vtepIp, app);
-        if (const Rule* governs = governing(app, pgName)) {
-            addSiteGroup(key, governs->first.lbProfileName, siteGroup);
-        } else if (removed && profileListing(entry.lbProfileName, pgName) && !isGoverned(key)) {
-            DUOLOG(lbTrace, 7, "Delete lbId: ", key);
-            deleteLbIdStatus(key, entry.lbProfileName);
-        } else {
-            DUOLOG(lbTrace, 7, "pgName: ", pgName,
-                   " not part of lbConfig or no valid lbConfig for lbName");
-            removeSiteGroup(key, entry.lbProfileName, siteGroup);
+    for (SiteGroupStatusEntry& siteGroup : in_.siteGroupStatus->siteGroupStatusEntry())
+        while (initialized_ && !applyRule(entry, removed, app, siteGroup) &&
+               in_.siteGroupStatus->siteGroupStatusEntry(siteGroup.key()) == &siteGroup) {
         }
-    }
-    if (removed) releaseUngoverned(app, entry.lbProfileName);
+    if (removed) releaseUnwanted(app, entry.lbProfileName);
 }
 
-void LbProfileSm::addSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
+bool LbProfileSm::applyRule(const NavRuleEntry& entry, bool removed, const VrfAppKey& app,
+                            const SiteGroupStatusEntry& siteGroup) {
+    const auto& [pgName, vtepIp] = siteGroup.key();
+    DUOLOG(lbTrace, 7, "vtep ip: ", vtepIp, " pgName: ", pgName);
+    const LbProfileKey key = keyOf(vtepIp, app);
+    if (const LbRule* governs = wanted(key).governing(pgName))
+        return addSiteGroup(key, governs->entry.lbProfileName, siteGroup);
+
+    const auto* profile = in_.cliConfig->loadBalanceProfile(entry.lbProfileName);
+    if (removed && profile && profile->pathGroupPriority(pgName) && !wanted(key).constraints()) {
+        DUOLOG(lbTrace, 7, "Delete lbId: ", key);
+        deleteLbIdStatus(key, entry.lbProfileName);
+        return true;
+    }
+    DUOLOG(lbTrace, 7, "pgName: ", pgName, " not part of lbConfig or no valid lbConfig for lbName");
+    return removeSiteGroup(key, entry.lbProfileName, siteGroup);
+}
+
+bool LbProfileSm::addSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
                                const SiteGroupStatusEntry& siteGroup) {
     DUOLOG(lbTrace, 7, "Add lbId: ", key);
-    createLbIdStatus(key, lbName);
-    for (U32 pathIndex : siteGroup.pathIndexEntry())
+    const U64 turn = reactions_;
+    if (!ensureLbId(key, lbName)) return false;
+    for (U32 pathIndex : siteGroup.pathIndexEntry()) {
         addLbIdPath(key, lbName, siteGroup.key().name, pathIndex);
-    if (!siteGroup.pathIndexEntry().empty()) updateLbIdGenId(key, lbName);
-}
-
-void LbProfileSm::removeSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
-                                  const SiteGroupStatusEntry& siteGroup) {
-    if (!in_.lbProfileStatus->lbProfileStatusEntry(key)) return;
-    for (U32 pathIndex : siteGroup.pathIndexEntry())
-        updateLbIdPath(key, lbName, siteGroup.key().name, pathIndex, true);
-}
-
-// After a rule went: what none of the others holds is released, sites that have vanished included,
-// and a profile that no rule of the application names any more lets go of its keys.
-void LbProfileSm::releaseUngoverned(const VrfAppKey& appKey, const Vel::String& lbName) {
-    const auto app = apps_.find(appKey);
-    if (app == apps_.end()) return;
-    const auto& rules = app->second.rules;
-    const bool isNamed = std::any_of(rules.begin(), rules.end(), [&](const auto& rule) {
-        return rule.first.lbProfileName == lbName;
-    });
-    auto* keySet = in_.navDb->lbNameToLbKeySet(lbName);
-    for (const Netz::IpGenAddr& site : std::set<Netz::IpGenAddr>(app->second.sites)) {
-        const LbProfileKey key = keyOf(site, appKey);
-        if (!isGoverned(key))
-            deleteLbIdStatus(key, lbName);
-        else if (!isNamed && keySet)
-            keySet->lbKeyDel(key);
+        if (reactions_ != turn) return false;
     }
-    if (const auto left = apps_.find(appKey);
-        left != apps_.end() && left->second.rules.empty() && left->second.sites.empty())
-        apps_.erase(left);
+    if (!siteGroup.pathIndexEntry().empty()) updateLbIdGenId(key, lbName);
+    return true;
 }
 
-// Rules of one application that name the same profile are one: the first stands for all.
+bool LbProfileSm::removeSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
+                                  const SiteGroupStatusEntry& siteGroup) {
+    if (!statusOf(key)) return true;
+    const auto& pgName = siteGroup.key().name;
+    const U64 turn = reactions_;
+    for (U32 pathIndex : siteGroup.pathIndexEntry()) {
+        do {
+            if (reactions_ != turn && wanted(key).governing(pgName)) return false;
+        } while (!updateLbIdPath(key, lbName, pgName, pathIndex, true));
+    }
+    return true;
+}
+
+// Releases what none of the other rules wants, keys of vanished sites included.
+void LbProfileSm::releaseUnwanted(const VrfAppKey& app, const Vel::String& lbName) {
+    for (const LbProfileKey& key : keys_.of(app))
+        if (!wanted(key).constraints()) deleteLbIdStatus(key, lbName);
+}
+
+// Rules of one application that name the same profile count as one: the first acts for all.
 void LbProfileSm::handleLbNavRuleEntries(const Vel::String& profileName) {
     const Vel::String lbName = profileName;
     DUOLOG(lbTrace, 8, "LbName: ", lbName);
+    ++reactions_;
     in_.navDb->lbNameToLbKeySetIs(lbName);
     for (NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
         for (const NavRuleEntry& entry : status.navRuleEntry()) {
             if (entry.lbProfileName != lbName) continue;
             const U32 vrfId = enteredVrfId(entry, status.name());
-            const auto app = apps_.find({vrfId, entry.appProfileId});
-            if (app == apps_.end()) continue;
-            const auto& rules = app->second.rules;
-            const auto first = std::find_if(rules.begin(), rules.end(), [&](const auto& rule) {
-                return rule.first.lbProfileName == lbName;
-            });
-            if (first != rules.end() && *first == Rule(entry, status.name()))
+            const LbRule* first = firstNaming(rules_.of({vrfId, entry.appProfileId}), lbName);
+            if (first && *first == LbRule{entry, status.name()})
                 handleNavRuleEntry(entry, status.name(), vrfId);
         }
     }
@@ -406,25 +426,20 @@ void LbProfileSm::handleLbNavRuleEntries(const Vel::String& profileName) {
 
 // ---- reactions to site groups and profiles ----
 
-void LbProfileSm::sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex, bool remove) {
-    if (!initialized_) return;
-    for (const NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
-        DUOLOG(lbTrace, 7, "Vrf: ", status.name());
-        handleVrfLbIdStatus(siteGroup, pathIndex, status.name(), remove);
-    }
+bool LbProfileSm::isUsable(const SiteGroupKey& siteGroup, U32 pathIndex) const {
+    const auto* entry = in_.siteGroupStatus->siteGroupStatusEntry(siteGroup);
+    return entry && entry->pathIndexEntryHas(pathIndex);
 }
 
-// Where rules share a key, another one may come first now and give it its constraints.
-void LbProfileSm::siteGroupGone(const SiteGroupKey& siteGroup) {
+void LbProfileSm::sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex) {
     if (!initialized_) return;
+    const U64 turn = ++reactions_;
+    const bool remove = !isUsable(siteGroup, pathIndex);
     for (const NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
-        for (const NavRuleEntry& entry : status.navRuleEntry()) {
-            const VrfAppKey app{enteredVrfId(entry, status.name()), entry.appProfileId};
-            if (!isShared(app) || !profileListing(entry.lbProfileName, siteGroup.name)) continue;
-            const LbProfileKey key = keyOf(siteGroup.routerIp, app);
-            if (in_.lbProfileStatus->lbProfileStatusEntry(key) && isGoverned(key))
-                createLbIdStatus(key, entry.lbProfileName);
-        }
+        // After a newer change of the path, its own reaction has reached every key.
+        if (reactions_ != turn && isUsable(siteGroup, pathIndex) == remove) return;
+        DUOLOG(lbTrace, 7, "Vrf: ", status.name());
+        handleVrfLbIdStatus(siteGroup, pathIndex, status.name(), remove);
     }
 }
 
@@ -435,40 +450,68 @@ void LbProfileSm::handleVrfLbIdStatus(const SiteGroupKey& siteGroup, U32 pathInd
     DUOLOG_ENTRY(lbTrace);
     const NavRuleStatus* status = in_.navStatusDir->navRuleStatus(vrf);
     if (!status) return;
+    const U64 turn = reactions_;
     for (const NavRuleEntry& entry : status->navRuleEntry()) {
-        const VrfAppKey app{enteredVrfId(entry, vrf), entry.appProfileId};
-        const Rule* governs = governing(app, siteGroup.name);
-        if (governs && governs->first == entry && governs->second == vrf)
-            updateLbIdPath(keyOf(siteGroup.routerIp, app), entry.lbProfileName, siteGroup.name,
-                           pathIndex, remove);
+        for (bool done = false; !done;) {
+            if (reactions_ != turn && isUsable(siteGroup, pathIndex) == remove) return;
+            const LbProfileKey key =
+                keyOf(siteGroup.routerIp, {enteredVrfId(entry, vrf), entry.appProfileId});
+            const LbRule* governs = wanted(key).governing(siteGroup.name);
+            done = !governs || governs->entry != entry || governs->vrf != vrf ||
+                   updateLbIdPath(key, entry.lbProfileName, siteGroup.name, pathIndex, remove);
+        }
+    }
+}
+
+void LbProfileSm::siteGroupDeleted(const SiteGroupKey& siteGroup, const std::set<U32>& paths) {
+    const auto& [pgName, routerIp] = siteGroup;
+    keys_.siteGroupRemoved(routerIp);
+    if (!initialized_) return;
+    ++reactions_;
+    for (U32 pathIndex : paths) sitePathChanged(siteGroup, pathIndex);
+    // Where rules share a key, another one may come first now and give it its constraints.
+    for (const NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
+        for (const NavRuleEntry& entry : status.navRuleEntry()) {
+            const VrfAppKey app{enteredVrfId(entry, status.name()), entry.appProfileId};
+            if (rules_.of(app).size() < 2) continue;
+            const auto* profile = in_.cliConfig->loadBalanceProfile(entry.lbProfileName);
+            if (!profile || !profile->pathGroupPriority(pgName)) continue;
+            const LbProfileKey key = keyOf(routerIp, app);
+            if (wanted(key).constraints()) refreshConstraints(key, entry.lbProfileName);
+        }
     }
 }
 
 void LbProfileSm::constraintsChanged(const Vel::String& lbName) {
     auto* lbNameToLbKeySet = in_.navDb->lbNameToLbKeySet(lbName);
     VEL_ASSERT(lbNameToLbKeySet, "lbNameToLbKeySet");
-    for (const LbProfileKey& key : lbNameToLbKeySet->lbKey()) createLbIdStatus(key, lbName);
-    for (const LbProfileKey& key : lbNameToLbKeySet->lbKey()) updateLbIdGenId(key, lbName);
+    ++reactions_;
+    for (const LbProfileKey& key : lbNameToLbKeySet->lbKey()) refreshConstraints(key, lbName);
+    for (const LbProfileKey& key : lbNameToLbKeySet->lbKey())
+        if (initialized_) updateLbIdGenId(key, lbName);
 }
 
 void LbProfileSm::profileDeleted(const Vel::String& profileName) {
     if (!initialized_) return;
+    ++reactions_;
     const Vel::String lbName = profileName;
     auto* keySet = in_.navDb->lbNameToLbKeySet(lbName);
     if (!keySet) return;
     std::set<VrfAppKey> shared;
     for (const LbProfileKey& key : keySet->lbKey()) {
-        if (!isGoverned(key)) {
+        if (!wanted(key).constraints()) {
             deleteLbIdStatus(key, lbName);
-            continue;
+        } else if (!in_.cliConfig->loadBalanceProfile(lbName)) {
+            keys_.leave(key, *keySet);
+            shared.insert(appOf(key));
         }
-        keySet->lbKeyDel(key);
-        shared.insert(appOf(key));
     }
-    // Where another rule holds the key, it takes over what the profile governed.
+    // Where another rule wants the key, it takes over what the profile governed.
     for (const VrfAppKey& app : shared) {
-        const Rule rule = *apps_.at(app).rules.begin();
-        handleNavRuleEntry(rule.first, rule.second, app.vrfId);
+        const LbRules::Rules& rules = rules_.of(app);
+        if (rules.empty()) continue;
+        const LbRule rule = *rules.begin();
+        handleNavRuleEntry(rule.entry, rule.vrf, app.vrfId);
     }
 }
 

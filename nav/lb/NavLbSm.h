@@ -1,27 +1,32 @@
 // The load-balance profile reactor: a small id for every (site, application, VRF) that some rule
-// needs, with its member paths, their priorities, and a generation that moves with every change.
+// needs, with its member paths, their priorities, and a generation that grows with every change.
 //
 // For every rule of a bound VRF whose profile exists, and every site group whose path group that
 // profile lists, the key (site, the rule's application, the VRF's id) has an id, and the paths of
-// that site group are members with the group's priority in the profile.
+// that site group are members with the group's priority in the profile. Where several rules share
+// an application id they share its keys; LbWanted.h says which of them decides what. A member is
+// removed when no rule governs its path group any more. The id is released when a rule or profile
+// is removed and no other rule governs a path group of the site. A VRF's rules are entered under
+// the id that the VRF has at that time, and removed under the same id.
 //
-// Rules that share an application id share its keys. For each path group the first rule in order
-// of precedence whose profile exists and lists the group governs: it gives the priority, and the
-// first rule that governs any of the site's groups gives the constraints. Members go when no rule
-// governs their group any more; the id goes when a rule or profile goes and none governs any group
-// of the key. A VRF's rules are entered under the id that the VRF has then, and leave under it.
+// Ids are handed out in order of release, oldest first. A site whose last site group is removed
+// keeps its ids. When a rule needs an id and none is free, keys of vanished sites are released,
+// those of the site that vanished first before the others; if there are none, the process stops.
 //
-// An id is free or used by exactly one key, and lasts as long as the key. Ids are handed out in
-// order of release, oldest first; 0 is none. Running out of them stops the process.
+// Changes from inside a notification: a subscriber may change any input while this reactor
+// publishes. The reaction to that change runs first and to its end. Every reaction is counted, and
+// a step that finds the count moved after it has announced something looks at the inputs again
+// before it goes on. Each reaction announces a generation once, however often it looks again.
 //
-// The container owns the one instance; what it published goes when it is cleaned up.
+// The container owns the one instance. doCleanup() removes everything published.
 #pragma once
 
-#include <map>
 #include <set>
-#include <unordered_map>
 
 #include "nav/config/NavCliConfig.h"
+#include "nav/lb/LbKeys.h"
+#include "nav/lb/LbRules.h"
+#include "nav/lb/LbWanted.h"
 #include "nav/types/FreeIdQueue.h"
 #include "nav/types/NavDb.h"
 #include "nav/types/NavStatusDir.h"
@@ -31,7 +36,7 @@ namespace Nav {
 
 class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
   public:
-    static constexpr const char* name = "LbProfileSm";
+    static constexpr std::string_view name = "Nav::LbProfileSm";
     struct Inputs {
         Vel::Input<NavStatusDir> navStatusDir;        // read
         Vel::Input<SiteGroupStatus> siteGroupStatus;  // read
@@ -47,22 +52,31 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     void handleInitialized() override;
     void doCleanup() override;
 
-    // The primitives on one key. The ones without a status entry to work on, and those without the
-    // profile where its priorities are needed, stop the process.
+    bool initialized() const { return initialized_; }
+
+    // The primitives on one key. Those that need a status entry or the profile's priorities stop
+    // the process when it is missing.
 
     // Makes sure that the key has an id, if the profile exists, and copies the constraints.
+    // REQUIRES: an id is free or the key has one.
     void createLbIdStatus(const LbProfileKey& key, const Vel::String& lbName);
+    // Releases the id and removes the entry. The key leaves the keys of every profile.
     void deleteLbIdStatus(const LbProfileKey& key, const Vel::String& lbName);
     void addLbIdPath(const LbProfileKey& key, const Vel::String& lbName, const Vel::String& pgName,
                      U32 pathIndex);
     void deleteLbIdPath(const LbProfileKey& key, U32 pathIndex);
     void updateLbIdGenId(const LbProfileKey& key, const Vel::String& lbName);
-    // One path in or out, and one generation further, whether that changed anything or not.
-    void updateLbIdPath(const LbProfileKey& key, const Vel::String& lbName,
+    // Adds or removes one path and advances the generation, whether that changed anything or not.
+    // A removal allocates no id. Returns false when another reaction ran before the generation was
+    // advanced: decide again.
+    bool updateLbIdPath(const LbProfileKey& key, const Vel::String& lbName,
                         const Vel::String& pgName, U32 pathIndex, bool remove);
 
+    // The id that has been free longest, 0 when none is free.
     U16 freeLbIdDeq() { return freeLbId_.deq(); }
+    // REQUIRES: id was taken with freeLbIdDeq() and not returned since.
     void freeLbIdEnq(U16 id) { freeLbId_.enq(id); }
+    bool freeLbIds() const { return !freeLbId_.empty(); }
 
     // Brings the keys of one rule of one VRF in line with the site groups and profiles.
     void handleNavRuleEntry(const NavRuleEntry& entry, const L3::VrfName& vrf, U32 vrfId);
@@ -77,46 +91,40 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     class VelSiteGroupStatusEntry;
     class VelLoadBalanceProfile;
 
-    // The keys of one (VRF id, application): the rules that make them, in order of precedence, and
-    // the sites that have one. (Two VRFs that report one id share.)
-    using Rule = std::pair<NavRuleEntry, L3::VrfName>;
-    struct App {
-        std::set<Rule> rules;
-        std::set<Netz::IpGenAddr> sites;
-    };
-    struct AppKeyHash {
-        size_t operator()(const VrfAppKey& key) const { return Vel::Codec<VrfAppKey>::mix(key); }
-    };
+    LbProfileStatusEntry* statusOf(const LbProfileKey& key) const;
+    LbWanted wanted(const LbProfileKey& key) const;
+    bool isUsable(const SiteGroupKey& siteGroup, U32 pathIndex) const;
 
     U32 vrfIdOf(const L3::VrfName& vrf) const;
     U32 enteredVrfId(const NavRuleEntry& entry, const L3::VrfName& vrf) const;
-    void enterRule(const NavRuleEntry& entry, const L3::VrfName& vrf);
-    void leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf, U32 vrfId);
+    bool isListed(const NavRuleEntry& entry, const L3::VrfName& vrf) const;
     void ruleChanged(const NavRuleEntry& entry, const L3::VrfName& vrf);
+    void rulesDeleted(const L3::VrfName& vrf);
+    void leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf);
+    void releaseUnwanted(const VrfAppKey& app, const Vel::String& lbName);
 
-    const LoadBalanceProfile* profileListing(const Vel::String& lbName,
-                                             const Vel::String& pgName) const;
-    const Rule* governing(const VrfAppKey& app, const Vel::String& pgName) const;
-    bool isShared(const VrfAppKey& app) const;  // by several rules
-    bool isGoverned(const LbProfileKey& key) const;
-    const Vel::String& constraintsFrom(const LbProfileKey& key, const Vel::String& lbName) const;
-    void addSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
+    // Steps. They return false when another reaction ran before they were done: decide again.
+    bool applyRule(const NavRuleEntry& entry, bool removed, const VrfAppKey& app,
+                   const SiteGroupStatusEntry& siteGroup);
+    bool addSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
                       const SiteGroupStatusEntry& siteGroup);
-    void removeSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
+    bool removeSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
                          const SiteGroupStatusEntry& siteGroup);
-    void releaseUngoverned(const VrfAppKey& app, const Vel::String& lbName);
+    bool ensureLbId(const LbProfileKey& key, const Vel::String& lbName);
 
-    void sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex, bool remove);
-    void siteGroupGone(const SiteGroupKey& siteGroup);
+    void releaseVanished();
+    void refreshConstraints(const LbProfileKey& key, const Vel::String& lbName);
+    void sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex);
+    void siteGroupDeleted(const SiteGroupKey& siteGroup, const std::set<U32>& paths);
     void constraintsChanged(const Vel::String& lbName);
     void profileDeleted(const Vel::String& lbName);
 
     Inputs in_;
-    bool initialized_ = false;
-    FreeIdQueue freeLbId_;
-    std::unordered_map<VrfAppKey, App, AppKeyHash> apps_;
-    // Under which VRF id each rule stands in apps_.
-    std::unordered_map<L3::VrfName, std::map<NavRuleEntry, U32>> entered_;
+    bool initialized_ = false;  // false again once cleaned up
+    FreeIdQueue freeLbId_;      // every id that no status entry has
+    LbRules rules_;             // every rule in the rule statuses
+    LbKeys keys_;               // every key that has a status entry
+    U64 reactions_ = 0;         // how many reactions have begun
 
     Vel::EntryReactorsOf<VelNavRuleStatus, decltype(NavStatusDir::navRuleStatusAttr)>
         navRuleStatus_;

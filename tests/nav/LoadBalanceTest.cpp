@@ -53,12 +53,6 @@ class LoadBalance : public NavFixture {
         return std::to_string(key->lbIndex()) + " gen " + std::to_string(key->genId()) + ":" +
                members(*key);
     }
-    std::map<LbProfileKey, std::string> membership() {
-        std::map<LbProfileKey, std::string> all;
-        for (const auto& key : status.lbProfileStatusEntry()) all[key.key()] = members(key);
-        return all;
-    }
-
     const Vel::Ptr<NavDb> ownDb = Vel::make<NavDb>("NavDb");
     NavDb& db = *ownDb;
     LbProfileStatus& status = in.navStatusDir->navLbProfileStatusIs("navLbProfileDir");
@@ -89,6 +83,48 @@ TEST_F(LoadBalance, ReleasedIdsQueueBehindAllThatAreFree) {
     in.navStatusDir->navRuleStatusDelAll();
     lb.del(), start(0);
     EXPECT_EQ(next(1), "freeLbIds()");
+}
+
+TEST_F(LoadBalance, VanishedSitesGiveUpTheirIdsWhenNoneIsFree) {
+    const auto site = [](U32 n) { return Netz::IpGenAddr::fromV4(0x0A000000 + n); };
+    const auto comes = [&](U32 n) {
+        in.siteGroupStatus->siteGroupStatusEntryIs({"wan", site(n)}).pathIndexEntryIs(1);
+    };
+    const auto goes = [&](U32 n) { in.siteGroupStatus->siteGroupStatusEntryDel({"wan", site(n)}); };
+    list("gold", "wan", 1), rule("red", 10, 7, "gold"), rule("blue", 10, 7, "gold");
+    // The first sites that have a key, and in which VRF, as in "0 red 1 red blue".
+    const auto keys = [&] {
+        std::string text;
+        for (U32 n = 0; n < 7; ++n) {
+            const bool red = status.lbProfileStatusEntry({site(n), 7, 1});
+            const bool blue = status.lbProfileStatusEntry({site(n), 7, 2});
+            if (red || blue) text += " " + std::to_string(n);
+            text += std::string(red ? " red" : "") + (blue ? " blue" : "");
+        }
+        return text;
+    };
+    start(7);
+    comes(0), comes(1), comes(2), goes(2), goes(1), goes(0);
+    EXPECT_EQ(keys(), " 0 red blue 1 red blue 2 red blue") << "one id is free";
+    comes(3);
+    EXPECT_EQ(keys(), " 0 red blue 1 red blue 2 blue 3 red blue");
+    comes(4);
+    EXPECT_EQ(keys(), " 0 red blue 1 blue 3 red blue 4 red blue");
+    comes(1), goes(1);
+    EXPECT_EQ(keys(), " 0 blue 1 red blue 3 red blue 4 red blue") << "1 vanished after 0 now";
+    comes(5);
+    EXPECT_EQ(keys(), " 1 blue 3 red blue 4 red blue 5 red blue");
+    in.siteGroupStatus->siteGroupStatusEntryIs({"lte", site(3)}), goes(3);
+    EXPECT_THROW(comes(1), AssertionFailed) << "3 has a site group still";
+
+    in.siteGroupStatus->siteGroupStatusEntryDelAll();
+    lb.del(), start();
+    for (U32 n = 0; n < 1500; ++n) comes(n), goes(n);
+    std::set<U16> ids;
+    for (const auto& key : status.lbProfileStatusEntry()) ids.insert(key.lbIndex());
+    EXPECT_EQ(ids.size(), 1023u);
+    EXPECT_FALSE(status.lbProfileStatusEntry({site(988), 7, 1}));
+    EXPECT_TRUE(status.lbProfileStatusEntry({site(988), 7, 2}));
 }
 
 TEST_F(LoadBalance, GenerationCountsOncePerBatchAndOncePerPath) {
@@ -158,52 +194,28 @@ TEST_F(LoadBalance, ConstraintsReachEveryKeyBeforeAnyGeneration) {
 }
 
 // One id is all there is, so that none may be lost or given twice.
-TEST_F(LoadBalance, RulesOfOneApplicationShareItsKey) {
+TEST_F(LoadBalance, RulesOfOneApplicationCountAsOne) {
     list("gold", "wan", 1), list("silver", "wan", 5), list("silver", "lte", 6);
-    cli.loadBalanceProfile("silver")->latencyIs(20);
     path("wan", s1, 1), path("lte", s1, 3);
     start(1);
-    const auto is = [&](const std::string& wanted, U32 latency = NavConstants::defaultLatency) {
-        EXPECT_EQ(members(*entry(7)), wanted);
-        EXPECT_EQ(entry(7)->latency(), latency);
-    };
-    for (const bool reverse : {false, true}) {
-        for (const bool second : {reverse, !reverse})
-            rule("red", second ? 20 : 10, 7, second ? "silver" : "gold");
-        is(" 1/1/wan 3/6/lte");
-        entry(7)->genIdIs(0);
-        path("wan", s1, 2), path("lte", s1, 4), list("silver", "wan", 8);
-        EXPECT_EQ(show(7), "1 gen 4: 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
-        cli.loadBalanceProfileDel("gold"), is(" 1/8/wan 2/8/wan 3/6/lte 4/6/lte", 20);
-        list("gold", "wan", 1), is(" 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
-        noRule("red", 20, 7, "silver"), is(" 1/1/wan 2/1/wan");
-        EXPECT_TRUE(db.lbNameToLbKeySet("silver")->lbKey().empty());
-        rule("red", 20, 7, "silver"), is(" 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
-        // Paths may join another group before they leave theirs, which then vanishes.
-        for (const U32 index : {1, 2}) {
-            path("lte", s1, index);
-            in.siteGroupStatus->siteGroupStatusEntry({"wan", ip(s1)})->pathIndexEntryDel(index);
-        }
-        is(" 1/6/lte 2/6/lte 3/6/lte 4/6/lte");
-        in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(s1)});
-        is(" 1/6/lte 2/6/lte 3/6/lte 4/6/lte", 20);
-        path("wan", s1, 1), path("wan", s1, 2);
-        for (const U32 index : {1, 2})
-            in.siteGroupStatus->siteGroupStatusEntry({"lte", ip(s1)})->pathIndexEntryDel(index);
-        noRule("red", 10, 7, "gold"), is(" 1/8/wan 2/8/wan 3/6/lte 4/6/lte", 20);
-        // Two rules that name one profile count as one.
-        rule("red", 30, 7, "silver");
-        entry(7)->genIdIs(0);
-        cli.loadBalanceProfile("silver")->jitterIs(reverse ? 2 : 1);
-        cli.loadBalanceProfile("silver")->pathGroupPriorityDel("lte");
-        EXPECT_EQ(show(7), "1 gen 4: 1/8/wan 2/8/wan");
-        noRule("red", 20, 7, "silver"), is(" 1/8/wan 2/8/wan", 20);
-        noRule("red", 30, 7, "silver");
-        EXPECT_EQ(show(7), "-");
-        list("silver", "lte", 6), list("silver", "wan", 5);
-        in.siteGroupStatus->siteGroupStatusEntry({"wan", ip(s1)})->pathIndexEntryDel(2);
-        in.siteGroupStatus->siteGroupStatusEntry({"lte", ip(s1)})->pathIndexEntryDel(4);
-    }
+    rule("red", 20, 7, "silver"), rule("red", 10, 7, "gold");
+    entry(7)->genIdIs(0);
+    path("wan", s1, 2), path("lte", s1, 4), list("silver", "wan", 8);
+    EXPECT_EQ(show(7), "1 gen 4: 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
+    // A path may join another group before it leaves its own.
+    path("lte", s1, 2);
+    in.siteGroupStatus->siteGroupStatusEntry({"wan", ip(s1)})->pathIndexEntryDel(2);
+    EXPECT_EQ(members(*entry(7)), " 1/1/wan 2/6/lte 3/6/lte 4/6/lte");
+    noRule("red", 20, 7, "silver");
+    EXPECT_TRUE(db.lbNameToLbKeySet("silver")->lbKey().empty());
+    noRule("red", 10, 7, "gold");
+    EXPECT_EQ(show(7), "-");
+    // Two rules that name one profile count as one.
+    rule("red", 20, 7, "silver"), rule("red", 30, 7, "silver");
+    entry(7)->genIdIs(0);
+    cli.loadBalanceProfile("silver")->jitterIs(1);
+    cli.loadBalanceProfile("silver")->pathGroupPriorityDel("lte");
+    EXPECT_EQ(show(7), "1 gen 5: 1/8/wan");
 }
 
 }  // namespace

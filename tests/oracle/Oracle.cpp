@@ -1,6 +1,7 @@
 #include "tests/oracle/Oracle.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace Oracle {
 
@@ -669,10 +670,10 @@ const NavRuleEntry* Oracle::governing(U32 vrfId, U32 appId, const String& group)
     return nullptr;
 }
 
-void Oracle::balances() const {
+void Oracle::balances() {
     struct Expected {
         std::map<U32, Nav::PathWithPriority> members;
-        std::vector<Constraints> constraints;
+        std::map<NavRuleEntry, Constraints> constraints;  // by the rules that govern a group
     };
     std::map<LbProfileKey, Expected> expected;
     for (const auto& [vrf, entries] : seen_.rules)
@@ -683,7 +684,7 @@ void Oracle::balances() const {
                 const auto* rule = governing(key.vrfId, key.appId, site.name);
                 if (!rule) continue;
                 const Profile& profile = now_.profiles.at(rule->lbProfileName);
-                expected[key].constraints.push_back(profile.constraints);
+                expected[key].constraints.emplace(*rule, profile.constraints);
                 for (const U32 index : indices)
                     expected[key].members[index] = {index, profile.priorities.at(site.name),
                                                     site.name};
@@ -703,8 +704,8 @@ void Oracle::balances() const {
         same(want ? want->members : decltype(got.members){}, got.members, "lbProfileStatus[", key,
              "]/pathEntry");
         if (want)
-            oneOf(want->constraints, got.constraints, "lbProfileStatus[", key, "]");
-        else  // a site that vanished leaves its keys until the rule or the profile goes
+            same(want->constraints.begin()->second, got.constraints, "lbProfileStatus[", key, "]");
+        else  // a vanished site keeps its keys until the rule or the profile is removed
             hold(governing(key.vrfId, key.appId, "") &&
                      (claimants_.contains(key.vtepIp) ||
                       (!fresh_ && before_.balances.contains(key))),
@@ -713,6 +714,43 @@ void Oracle::balances() const {
     if (!keysOfProfiles.empty())
         fail("nothing", text(*keysOfProfiles.begin()), "/navDb/lbNameToLbKeySet");
     if (!fresh_) balancesOver(before_);
+    vanishedSites(before_);
+}
+
+// A vanished site keeps its keys, unless ids ran out: then those that vanished first give up theirs
+// first, one key for each id that is needed.
+void Oracle::vanishedSites(const Published& before) {
+    if (fresh_) vanished_.clear();
+    ++checks_;
+    std::set<IpGenAddr> present;
+    for (const auto& [site, indices] : seen_.siteGroups) present.insert(site.routerIp);
+    std::erase_if(vanished_, [&](const auto& site) { return present.contains(site.first); });
+    if (fresh_) return;
+    for (const auto& [site, indices] : before.siteGroups)
+        if (!present.contains(site.routerIp)) vanished_.emplace(site.routerIp, checks_);
+
+    U64 firstKept = std::numeric_limits<U64>::max();
+    for (const auto& [key, balance] : seen_.balances)
+        if (const U64* since = find(vanished_, key.vtepIp)) firstKept = std::min(firstKept, *since);
+    for (const auto& [key, was] : before.balances) {
+        const U64* since = find(vanished_, key.vtepIp);
+        if (!since || seen_.balances.contains(key)) continue;
+        if (last_.profiles != now_.profiles || !keepsRules(before, key.vrfId)) continue;
+        hold(seen_.balances.size() == Nav::NavConstants::maxLbIndex && *since <= firstKept,
+             "an entry", "lbProfileStatus[", key, "]");
+    }
+}
+
+// Whether the VRFs with an id have the bindings and rules that they had.
+bool Oracle::keepsRules(const Published& before, U32 vrfId) const {
+    const auto rulesIn = [&](const Inputs& in, const Published& published) {
+        std::map<VrfName, std::pair<String, std::set<NavRuleEntry>>> rules;
+        for (const auto& [vrf, entries] : published.rules)
+            if (const auto bound = boundTo(in, vrf); bound && bound->vrfId == vrfId)
+                rules[vrf] = {bound->policy, entries};
+        return rules;
+    };
+    return rulesIn(last_, before) == rulesIn(now_, seen_);
 }
 
 // What lives on keeps its id, and its generation tells every change of the members.
@@ -739,12 +777,8 @@ void Oracle::balancesOver(const Published& before) const {
             same((was ? was->generation : 0) + steps, got.generation, "lbProfileStatus[", key,
                  "]/genId");
         if (!was) continue;
-        bool sameRules = sameProfiles;
-        for (const auto& [vrf, entries] : seen_.rules)
-            if (boundTo(now_, vrf)->vrfId == key.vrfId)
-                sameRules = sameRules && boundTo(last_, vrf) == boundTo(now_, vrf) &&
-                            before.rules.contains(vrf) && before.rules.at(vrf) == entries;
-        if (sameRules) same(was->id, got.id, "lbProfileStatus[", key, "]/lbIndex");
+        if (sameProfiles && keepsRules(before, key.vrfId))
+            same(was->id, got.id, "lbProfileStatus[", key, "]/lbIndex");
         if (was->id != got.id) continue;
         hold(got.generation > was->generation ||
                  (got.generation == was->generation && got.members == was->members),

@@ -88,8 +88,10 @@ class Oracle {
     void reconcile();
     void rules() const;
     void classification() const;
-    void balances() const;
+    void balances();
     void balancesOver(const Published& before) const;
+    void vanishedSites(const Published& before);
+    bool keepsRules(const Published& before, U32 vrfId) const;
     const Nav::NavRuleEntry* governing(U32 vrfId, U32 appId, const String& group) const;
 
     Inputs last_, now_;
@@ -97,7 +99,9 @@ class Oracle {
     bool fresh_ = false, settled_ = true;
 
     Claims claims_, effectiveBefore_;
-    std::set<IpGenAddr> claimants_;  // sites that may have had a path for a moment
+    std::set<IpGenAddr> claimants_;      // sites that may have had a path for a moment
+    std::map<IpGenAddr, U64> vanished_;  // sites without a site group, with the check that saw it
+    U64 checks_ = 0;
     std::set<std::pair<Nav::PathKey, Claim>> withheld_;  // the group's profile was cleared
     std::set<std::pair<Nav::PathKey, Claim>> withheldBefore_;
     std::map<std::pair<IpGenAddr, VrfName>, std::set<IntfId>> intfsOf_;

@@ -200,6 +200,51 @@ TEST_F(OracleTest, HoldsOnARandomWalk) {
     }
 }
 
+// Eight keys for each site that comes, so that ids run out after 127 sites.
+TEST_F(OracleTest, SitesThatComeAndGoShareTheIds) {
+    Episode episode;
+    const auto set = [&](const std::string& path, Vel::Datum value) {
+        episode.happen({Event::Op::set, path, std::move(value)});
+    };
+    const auto text = [](const char* value) { return Vel::Datum{Vel::String(value)}; };
+    set("/ipStatusDir/ipIntfStatus[et1]/activeAddrWithMask", text("203.0.113.1/24"));
+    set("/nexthopStatus/vrf[default]", {Vel::Datum::Members{}});
+    set("/cliConfig/pathGroupConfig[g1]/localIntf[et1]", {true});
+    set("/cliConfig/loadBalanceProfile[gold]/pathGroupPriority[g1]", {U64{1}});
+    for (const U64 app : {1, 2, 3, 4}) {
+        const auto rule =
+            "/cliConfig/policyConfig[p1]/appProfilePolicyRuleList[" + std::to_string(app) + "]";
+        set(rule + "/appProfileId", {app});
+        set(rule + "/lbGrpName", text("gold"));
+    }
+    for (const std::string vrf : {"red", "blue"}) {
+        set("/routingHwRouteStatus/vrfStatus[" + vrf + "]/vrfId", {U64{vrf == "red" ? 1u : 2u}});
+        set("/cliConfig/vrfConfig[" + vrf + "]/policyName", text("p1"));
+    }
+    set("/cliConfig/navConfigured", {true});
+    const auto site = [](size_t n) {
+        return "/cliConfig/pathGroupConfig[g1]/remoteViaConfig[10.0.0." + std::to_string(n) + "]";
+    };
+    const auto comes = [&](size_t n) {
+        const auto destination = "192.0.2." + std::to_string(n);
+        set(site(n) + "/remoteVia[" + destination + "]", {true});
+        const auto hardware = "/hwPathStatus/hwPathStatusList[203.0.113.1," + destination + ",0,*]";
+        set(hardware + "/hwArpIndex", {U64{1}});
+        set(hardware + "/hwPathIndex", {U64{1}});
+    };
+    const auto goes = [&](size_t n) { episode.happen({Event::Op::del, site(n)}); };
+    const auto ids = [&] {
+        return episode.world().in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry().size();
+    };
+    for (size_t n = 0; n < 60; ++n) comes(n);
+    for (size_t n = 60; n-- > 0;) goes(n);
+    for (size_t n = 60; n < 140; ++n) comes(n), goes(n);
+    EXPECT_EQ(ids(), Nav::NavConstants::maxLbIndex);
+    for (const size_t n : {139, 59, 0, 58, 1, 138}) comes(n);
+    EXPECT_EQ(ids(), Nav::NavConstants::maxLbIndex);
+    episode.end();
+}
+
 }  // namespace
 
 }  // namespace Oracle

@@ -1,0 +1,33 @@
+// What the rules want of one load-balance key, by the configuration and site groups as they are
+// now: which rule governs each path group of the site, and whose constraints the key takes.
+//
+// For each path group the first rule in order of precedence whose profile exists and lists the
+// group governs. The first rule that governs a group of which the site has an entry gives the
+// constraints. A key without such a rule is not wanted.
+#pragma once
+
+#include "nav/config/NavCliConfig.h"
+#include "nav/lb/LbRules.h"
+
+namespace Nav {
+
+// A view that a decision is read from at once: valid until rules, profiles or site groups change.
+class LbWanted {
+  public:
+    LbWanted(const LbRules::Rules& rules, const NavCliConfig& cliConfig,
+             const SiteGroupStatus& siteGroupStatus, const Netz::IpGenAddr& site)
+        : rules_(rules), cliConfig_(cliConfig), siteGroupStatus_(siteGroupStatus), site_(site) {}
+
+    // The rule that governs the group, null if none does.
+    const LbRule* governing(const Vel::String& pgName) const;
+    // The profile that gives the constraints, null if the key is not wanted.
+    const LoadBalanceProfile* constraints() const;
+
+  private:
+    const LbRules::Rules& rules_;
+    const NavCliConfig& cliConfig_;
+    const SiteGroupStatus& siteGroupStatus_;
+    const Netz::IpGenAddr& site_;
+};
+
+}  // namespace Nav
