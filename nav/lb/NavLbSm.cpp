@@ -198,8 +198,8 @@ void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& l
             key, [id](LbProfileStatusEntry& made) { made.lbIndexIs(id); });
         DUOLOG(lbTrace, 7, "LbId: ", id);
         if (reactions_ != turn) return;
-    } else if (firstNaming(rules, lbName)) {
-        keys_.add(key, keySet);  // it may have been created for another profile
+    } else if (!keySet.lbKeyHas(key) && firstNaming(rules, lbName)) {
+        keys_.add(key, keySet);  // the key was created for another profile
     }
     // The only rule of an application gives its constraints without a search.
     if (rules.size() != 1 || rules.begin()->entry.lbProfileName != lbName)

@@ -5,12 +5,25 @@
 
 namespace Nav {
 
+PolicyRules rulesOf(const PolicyConfig& policy) {
+    PolicyRules rules;
+    rules.reserve(policy.appProfilePolicyRuleList().size() + 1);
+    for (const auto& rule : policy.appProfilePolicyRuleList())
+        rules.push_back(
+            {{rule.ruleKey(), rule.appProfileId(), rule.lbGrpName()}, rule.appProfileName()});
+    if (policy.defaultRuleCfgd() && !policy.defaultLbGrpName().empty())
+        rules.push_back(
+            {{NavConstants::defaultRuleKey, 0, policy.defaultLbGrpName()}, "default_app"});
+    return rules;
+}
+
 NavLoadBalancerPolicySm::NavLoadBalancerPolicySm(const Inputs& inputs)
     : in_(inputs),
       configVersion_(Vel::Subscription::to<&NavLoadBalancerPolicySm::handleConfigVersion>(
           *in_.policyEntry, PolicyConfig::configVersionAttr, this)) {}
 
 void NavLoadBalancerPolicySm::handleInitialized() {
+    DUOLOG_ENTRY(policyTrace);
     if (initialized_) {
         POLICY_TRACE(8, " already initialized");
         return;
@@ -21,15 +34,17 @@ void NavLoadBalancerPolicySm::handleInitialized() {
 
 void NavLoadBalancerPolicySm::handleConfigVersion() {
     POLICY_TRACE(8, "configVersion: ", in_.policyEntry->configVersion());
-    if (programClassification()) in_.navFeaturePolicyDir->featurePolicyIs(in_.name).versionInc(1);
+    const U64 version = ++versions_;
+    const PolicyRules rules = rulesOf(*in_.policyEntry);
+    programClassification(rules, version);
     for (const L3::VrfName& vrf : in_.policyToVrf->vrf()) {
+        if (isOvertaken(version)) return;
         POLICY_TRACE(8, "vrfName: ", vrf);
-        in_.navLbSm->handleNavPolicyConfigVersion(vrf, in_.name);
+        in_.navLbSm->handleNavPolicyConfigVersion(vrf, in_.name, rules);
     }
 }
 
-// Returns whether there was anything to program.
-bool NavLoadBalancerPolicySm::programClassification() {
+void NavLoadBalancerPolicySm::programClassification(const PolicyRules& rules, U64 version) {
     auto& dir = *in_.navFeaturePolicyDir;
     if (auto* policy = dir.featurePolicy(in_.name)) {
         POLICY_TRACE(
@@ -39,12 +54,15 @@ bool NavLoadBalancerPolicySm::programClassification() {
     }
     POLICY_TRACE(
         8, "Program classification module with nav application profiles for policy: ", in_.name);
-    const auto& rules = in_.policyEntry->appProfilePolicyRuleList();
-    for (const AppProfilePolicyRuleConfig& rule : rules) {
-        POLICY_TRACE(8, "Add ruleKey: ", rule.ruleKey(), " appProfileId: ", rule.appProfileName());
-        dir.featurePolicyIs(in_.name).appProfilePriorityIs(rule.ruleKey(), rule.appProfileName());
+    bool programmed = false;
+    for (const auto& [entry, appName] : rules) {
+        if (isOvertaken(version)) return;
+        if (entry.ruleKey == NavConstants::defaultRuleKey) continue;
+        POLICY_TRACE(8, "Add ruleKey: ", entry.ruleKey, " appProfileId: ", appName);
+        dir.featurePolicyIs(in_.name).appProfilePriorityIs(entry.ruleKey, appName);
+        programmed = true;
     }
-    return !rules.empty();
+    if (programmed && !isOvertaken(version)) dir.featurePolicyIs(in_.name).versionInc(1);
 }
 
 }  // namespace Nav

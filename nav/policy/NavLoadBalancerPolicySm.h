@@ -1,7 +1,14 @@
-// The reactor of one policy. When the policy's `configVersion` moves it programs the classification
-// module with the policy's application profiles, each rule's key as its priority, and has the load
-// balancer reactor, its owner, reconcile every VRF bound to the policy.
+// The reactor of one policy. When the policy's `configVersion` changes it programs the
+// classification module with the policy's application profiles, each rule's key as its priority,
+// and has the load balancer reactor, its owner, reconcile every VRF bound to the policy.
+//
+// A version is programmed as the rules stand when it is raised. A subscriber may raise the version
+// again meanwhile, which programs the newer rules, or delete the policy, whereupon the owner
+// removes what was programmed and drops this reactor. Either way the older version stops where it
+// stands.
 #pragma once
+
+#include <vector>
 
 #include "nav/config/NavCliConfig.h"
 #include "nav/types/NavStatusDir.h"
@@ -12,9 +19,17 @@ namespace Nav {
 
 class NavLoadBalancerSm;
 
+struct PolicyRule {
+    NavRuleEntry entry;
+    Vel::String appName;
+};
+using PolicyRules = std::vector<PolicyRule>;
+// The rules of a policy in the order of their keys; the default rule, if configured, is last.
+PolicyRules rulesOf(const PolicyConfig& policy);
+
 class NAV_EXPORT NavLoadBalancerPolicySm final : public Vel::Reactor {
   public:
-    static constexpr const char* name = "NavLoadBalancerPolicySm";
+    static constexpr std::string_view name = "Nav::NavLoadBalancerPolicySm";
     struct Inputs {
         Vel::Name name;
         Vel::Input<PolicyConfig> policyEntry;  // read
@@ -27,14 +42,19 @@ class NAV_EXPORT NavLoadBalancerPolicySm final : public Vel::Reactor {
     explicit NavLoadBalancerPolicySm(const Inputs& inputs);
     const Inputs& inputs() const { return in_; }
 
+    bool initialized() const { return initialized_; }
+
     void handleInitialized() override;
+    // The policy's configVersion changed.
     void handleConfigVersion();
 
   private:
-    bool programClassification();
+    void programClassification(const PolicyRules& rules, U64 version);
+    bool isOvertaken(U64 version) const { return gone() || versions_ != version; }
 
     Inputs in_;
     bool initialized_ = false;
+    U64 versions_ = 0;  // how many versions were begun to be programmed
     Vel::Subscription configVersion_;
 };
 VEL_INPUTS(NavLoadBalancerPolicySm::Inputs, name, policyEntry, policyToVrf, navStatusDir, navLbSm,

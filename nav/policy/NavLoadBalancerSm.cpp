@@ -1,5 +1,7 @@
 #include "nav/policy/NavLoadBalancerSm.h"
 
+#include <algorithm>
+
 #include "nav/policy/PolicyTrace.h"
 
 namespace Nav {
@@ -7,24 +9,10 @@ namespace Nav {
 using Classification::vrfTarget;
 
 namespace {
-
 // An id of 0 means "not known yet" for every VRF but this one.
 bool isAccepted(const L3::VrfName& vrf, U32 vrfId) {
     return vrfId != 0 || vrf.str() == "default";
 }
-
-bool hasDefaultRule(const PolicyConfig& policy) {
-    return policy.defaultRuleCfgd() && !policy.defaultLbGrpName().empty();
-}
-
-bool isConfigured(const NavRuleEntry& entry, const PolicyConfig& policy) {
-    if (entry.ruleKey == NavConstants::defaultRuleKey)
-        return hasDefaultRule(policy) && policy.defaultLbGrpName() == entry.lbProfileName;
-    const auto* rule = policy.appProfilePolicyRuleList(entry.ruleKey);
-    return rule && rule->appProfileId() == entry.appProfileId &&
-           rule->lbGrpName() == entry.lbProfileName;
-}
-
 }  // namespace
 
 // Follows the hardware's id of one VRF.
@@ -39,18 +27,26 @@ class NavLoadBalancerSm::VelVrfStatus : public Vel::Object {
     void handleInitialized() {
         POLICY_TRACE(7, "vrfName: ", status_.vrfName(), ", vrfId: ", status_.vrfId());
         if (!owner_.initialized_) {
-            POLICY_TRACE(7, "navLoadBalancerSm not initialized");
+            POLICY_TRACE(8, "navLoadBalancerSm not initialized");
             return;
         }
         initialized_ = true;
         handleVrfId();
     }
     void handleVrfId() {
-        if (initialized_) owner_.handleVrfId(status_.vrfName(), status_.vrfId());
+        if (!initialized_) return;
+        const L3::VrfName& vrf = status_.vrfName();
+        POLICY_TRACE(8, "vrfName: ", vrf, " vrfId: ", status_.vrfId());
+        if (isAccepted(vrf, status_.vrfId())) return owner_.vrfIdIs(vrf, status_.vrfId());
+        POLICY_TRACE(8, "Skip mapping from ", vrf, " to ", status_.vrfId());
+        if (owner_.vrfNameToId(vrf)) owner_.vrfIdDel(vrf);  // the id was withdrawn
     }
-    void handleDelete() {
-        if (initialized_) owner_.handleVrfDel(status_.vrfName(), status_.vrfId());
+    void handleVrfDel() {
+        if (!initialized_) return;
+        POLICY_TRACE(8, "vrfName: ", status_.vrfName(), " vrfId: ", status_.vrfId());
+        owner_.vrfIdDel(status_.vrfName());
     }
+    void handleDelete() { handleVrfDel(); }
 
   private:
     NavLoadBalancerSm& owner_;
@@ -71,7 +67,7 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
     void handleInitialized() {
         POLICY_TRACE(7, "vrfName: ", config_.vrfName(), ", policyName: ", config_.policyName());
         if (!owner_.initialized_) {
-            POLICY_TRACE(7, "navLoadBalancerSm not initialized");
+            POLICY_TRACE(8, "navLoadBalancerSm not initialized");
             return;
         }
         initialized_ = true;
@@ -83,18 +79,19 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
         forget();
         wanted_ = config_.policyName();
         owner_.wantedBy_[wanted_].insert(config_.vrfName());
-        owner_.handleNavVrfPolicyMapping(config_.vrfName(), config_.policyName());
+        owner_.handleNavVrfPolicyMapping(config_.vrfName(), wanted_);
     }
-    void handleDelete() {
+    void handleNavVrfPolicyConfigDel() {
         if (!initialized_) return;
         POLICY_TRACE(7, "vrfName: ", config_.vrfName(), " policyName: ", config_.policyName());
+        forget();
         owner_.handleNavVrfPolicyMapping(config_.vrfName(), config_.policyName());
     }
-    void doCleanup() { forget(); }
+    void handleDelete() { handleNavVrfPolicyConfigDel(); }
 
   private:
     void forget() {
-        auto found = owner_.wantedBy_.find(wanted_);
+        const auto found = owner_.wantedBy_.find(wanted_);
         if (found == owner_.wantedBy_.end()) return;
         found->second.erase(config_.vrfName());
         if (found->second.empty()) owner_.wantedBy_.erase(found);
@@ -116,6 +113,7 @@ NavLoadBalancerSm::NavLoadBalancerSm(const Inputs& inputs)
       navVrfConfig_(*this, *in_.cliConfig, NavCliConfig::vrfConfigAttr) {}
 
 void NavLoadBalancerSm::handleInitialized() {
+    DUOLOG_ENTRY(policyTrace);
     if (initialized_) {
         POLICY_TRACE(8, " already initialized");
         return;
@@ -127,7 +125,7 @@ void NavLoadBalancerSm::handleInitialized() {
     dropLeftovers();
 }
 
-// What an earlier life published and nothing configures any more.
+// Removes what an earlier process published and this configuration does not call for.
 void NavLoadBalancerSm::dropLeftovers() {
     for (NavRuleStatus& rules : in_.navStatusDir->navRuleStatus())
         if (!vrfToPolicy_.contains(rules.name())) in_.navStatusDir->navRuleStatusDel(rules.name());
@@ -138,72 +136,93 @@ void NavLoadBalancerSm::dropLeftovers() {
             if (!vrfToPolicy_.contains(vrf)) applied->policyForTargetDel(vrf);
 }
 
+// Without VRF ids and policy reactors nothing is bound or programmed by what the removals set off.
 void NavLoadBalancerSm::doCleanup() {
+    DUOLOG_ENTRY(policyTrace);
+    initialized_ = false;
     vrfStatus_.clear();
     navVrfConfig_.clear();
-    for (const auto& policy : policySm_.all())
-        in_.navFeaturePolicyDir->featurePolicyDel(policy.key);
+    vrfNameToId_.clear();
+    wantedBy_.clear();
     policySm_.delAll();
+    policyToVrf_.clear();
+    in_.navFeaturePolicyDir->featurePolicyDelAll();
     for (NavRuleStatus& rules : in_.navStatusDir->navRuleStatus()) removeRuleStatus(rules.name());
     in_.navFeaturePolicyDir->appliedPolicyDel(vrfTarget);
 }
 
-void NavLoadBalancerSm::handleVrfId(const L3::VrfName& vrf, U32 vrfId) {
-    POLICY_TRACE(8, "vrfName: ", vrf, " vrfId: ", vrfId);
-    if (!isAccepted(vrf, vrfId)) {
-        POLICY_TRACE(8, "Skip mapping from ", vrf, " to ", vrfId);
-        if (vrfNameToId_.contains(vrf)) handleVrfDel(vrf, vrfId);  // the id was taken back
-        return;
-    }
-    vrfNameToId_[vrf] = vrfId;
-    recordVrfId(*in_.navDb, vrf, vrfId);
-    if (const VrfConfig* config = in_.cliConfig->vrfConfig(vrf))
-        handleNavVrfPolicyMapping(vrf, config->policyName());
+// ---- VRF ids ----
+
+const U32* NavLoadBalancerSm::vrfNameToId(const L3::VrfName& vrf) const {
+    const auto found = vrfNameToId_.find(vrf);
+    return found == vrfNameToId_.end() ? nullptr : &found->second;
 }
 
-void NavLoadBalancerSm::handleVrfDel(const L3::VrfName& vrf, U32 vrfId) {
-    POLICY_TRACE(8, "vrfName: ", vrf, " vrfId: ", vrfId);
+void NavLoadBalancerSm::vrfIdIs(const L3::VrfName& vrf, U32 vrfId) {
+    vrfNameToId_[vrf] = vrfId;
+    recordVrfId(*in_.navDb, vrf, vrfId);
+    mapToConfigured(vrf);
+}
+
+void NavLoadBalancerSm::vrfIdDel(const L3::VrfName& vrf) {
     vrfNameToId_.erase(vrf);
+    mapToConfigured(vrf);
+}
+
+void NavLoadBalancerSm::mapToConfigured(const L3::VrfName& vrf) {
     if (const VrfConfig* config = in_.cliConfig->vrfConfig(vrf))
-        handleNavVrfPolicyMapping(vrf, config->policyName());
+        handleNavVrfPolicyMapping(vrf, Vel::String(config->policyName()));
+}
+
+// ---- bindings ----
+
+// By the inputs as they are now.
+bool NavLoadBalancerSm::isBoundTo(const L3::VrfName& vrf, const Vel::String& policyName) const {
+    const VrfConfig* config = in_.cliConfig->vrfConfig(vrf);
+    return config && config->policyName() == policyName && !policyName.empty() &&
+           vrfNameToId_.contains(vrf) && in_.cliConfig->policyConfig(policyName);
+}
+bool NavLoadBalancerSm::isBound(const L3::VrfName& vrf) const {
+    const VrfConfig* config = in_.cliConfig->vrfConfig(vrf);
+    return config && isBoundTo(vrf, config->policyName());
 }
 
 void NavLoadBalancerSm::handleNavVrfPolicyMapping(const L3::VrfName& vrf,
                                                   const Vel::String& policyName) {
     POLICY_TRACE(8, "vrfName: ", vrf, " policyName: ", policyName);
-    const VrfConfig* binding = in_.cliConfig->vrfConfig(vrf);
-    PolicyConfig* policy = in_.cliConfig->policyConfig(policyName);
-    const bool bound = binding && binding->policyName() == policyName && !policyName.empty() &&
-                       policy && vrfNameToId_.contains(vrf);
-    if (bound)
-        bind(vrf, *policy);
-    else
+    if (isBoundTo(vrf, policyName))
+        bind(vrf, policyName);
+    else if (!isBound(vrf))
         unbind(vrf, policyName);
 }
 
-// A bind always starts from an empty rule status, so that the load-balance side lets go of what it
-// made under another policy or VRF id.
-void NavLoadBalancerSm::bind(const L3::VrfName& vrf, PolicyConfig& policy) {
-    const Vel::String policyName = policy.name();
+// A bind always starts from an empty rule status, so that the load-balance side releases what it
+// allocated under another policy or VRF id.
+void NavLoadBalancerSm::bind(const L3::VrfName& vrf, const Vel::String& policyName) {
     POLICY_TRACE(8, "Add vrf: ", vrf, " to policy: ", policyName);
-    in_.navFeaturePolicyDir->appliedPolicyIs(vrfTarget).policyForTargetIs(vrf, policyName);
-    if (auto found = vrfToPolicy_.find(vrf);
+    auto& applied = in_.navFeaturePolicyDir->appliedPolicyIs(vrfTarget);
+    if (!isBoundTo(vrf, policyName)) return;
+    applied.policyForTargetIs(vrf, policyName);
+    if (!isBoundTo(vrf, policyName)) return;
+    if (const auto found = vrfToPolicy_.find(vrf);
         found != vrfToPolicy_.end() && found->second.policyName != policyName)
         leavePolicy(vrf);
-    auto& members = policyToVrf_[policyName];
-    if (!members) members = Vel::make<PolicyToVrf>(policyName);
-    const Vel::Ptr<PolicyToVrf> policyToVrf = members;
     if (NavRuleStatus* rules = in_.navStatusDir->navRuleStatus(vrf)) rules->navRuleEntryDelAll();
+    if (!isBoundTo(vrf, policyName)) return;
     removeVrfApps(vrf);
     vrfToPolicy_[vrf].policyName = policyName;
     in_.navStatusDir->navRuleStatusIs(vrf);
-    policyToVrf->vrfIs(vrf);
+    if (!isBoundTo(vrf, policyName)) return;
+    policyToVrfIs(policyName).vrfIs(vrf);
     handleNavPolicyConfigVersion(vrf, policyName);
 }
 
 void NavLoadBalancerSm::unbind(const L3::VrfName& vrf, const Vel::String& policyName) {
     POLICY_TRACE(8, "Deleting vrf: ", vrf, " to policy: ", policyName);
-    in_.navFeaturePolicyDir->appliedPolicyIs(vrfTarget).policyForTargetDel(vrf);
+    auto& applied = in_.navFeaturePolicyDir->appliedPolicyIs(vrfTarget);
+    if (isBound(vrf)) return;
+    applied.policyForTargetDel(vrf);
+    if (isBound(vrf)) return;
     if (policyToVrf_.contains(policyName))
         POLICY_TRACE(8, "Deleting policyToVrfEntry & navRuleStatus");
     leavePolicy(vrf);
@@ -214,21 +233,26 @@ void NavLoadBalancerSm::unbind(const L3::VrfName& vrf, const Vel::String& policy
 
 // Takes the VRF out of the list of the policy it is bound to, whichever that is.
 void NavLoadBalancerSm::leavePolicy(const L3::VrfName& vrf) {
-    auto found = vrfToPolicy_.find(vrf);
+    const auto found = vrfToPolicy_.find(vrf);
     if (found == vrfToPolicy_.end()) return;
-    auto members = policyToVrf_.find(found->second.policyName);
-    if (members == policyToVrf_.end()) return;
-    const Vel::Ptr<PolicyToVrf> policyToVrf = members->second;
-    policyToVrf->vrfDel(vrf);
+    if (const Vel::Ptr<PolicyToVrf> members{policyToVrf(found->second.policyName)})
+        members->vrfDel(vrf);
+}
+
+// Another bound VRF that reports the same id and has the application is named from then on.
+void NavLoadBalancerSm::removeVrfApp(const L3::VrfName& vrf, const VrfAppKey& key) {
+    const VrfApp* app = in_.navDb->vrfApp(key);
+    if (!app || app->vrfName != vrf.str()) return;
+    in_.navDb->vrfAppDel(key);
+    for (const auto& [other, binding] : vrfToPolicy_)
+        if (const auto found = binding.apps.find(key); found != binding.apps.end())
+            return in_.navDb->vrfAppIs({key, other.str(), found->second});
 }
 
 void NavLoadBalancerSm::removeVrfApps(const L3::VrfName& vrf) {
-    auto found = vrfToPolicy_.find(vrf);
+    const auto found = vrfToPolicy_.find(vrf);
     if (found == vrfToPolicy_.end()) return;
-    for (const VrfAppKey& key : std::exchange(found->second.apps, {})) {
-        const VrfApp* app = in_.navDb->vrfApp(key);
-        if (app && app->vrfName == vrf.str()) in_.navDb->vrfAppDel(key);
-    }
+    for (const auto& [key, name] : std::exchange(found->second.apps, {})) removeVrfApp(vrf, key);
 }
 
 // Removing the rule status is what makes the load-balance side release the VRF's ids.
@@ -239,57 +263,79 @@ void NavLoadBalancerSm::removeRuleStatus(const L3::VrfName& vrf) {
     in_.navStatusDir->navRuleStatusDel(name);
 }
 
+// ---- rules ----
+
 void NavLoadBalancerSm::handleNavPolicyConfigVersion(const L3::VrfName& vrf,
                                                      const Vel::String& policyName) {
+    if (const PolicyConfig* policy = in_.cliConfig->policyConfig(policyName))
+        return handleNavPolicyConfigVersion(vrf, policyName, rulesOf(*policy));
     POLICY_TRACE(8, "vrfName: ", vrf, " policyName: ", policyName);
-    const PolicyConfig* policy = in_.cliConfig->policyConfig(policyName);
-    if (!policy) {
-        POLICY_TRACE(8, "No policyEntry for policyName: ", policyName);
-        return;
-    }
-    NavRuleStatus* rules = in_.navStatusDir->navRuleStatus(vrf);
-    if (!rules) return;
-
-    removeStaleRules(*rules, *policy);
-    for (const auto& rule : policy->appProfilePolicyRuleList()) {
-        POLICY_TRACE(8, "Add appProfileId: ", rule.appProfileId(),
-                     " lbGrpName: ", rule.lbGrpName());
-        addRule(*rules, {rule.ruleKey(), rule.appProfileId(), rule.lbGrpName()},
-                rule.appProfileName());
-    }
-    if (!hasDefaultRule(*policy)) return;
-    const NavRuleEntry entry{NavConstants::defaultRuleKey, 0, policy->defaultLbGrpName()};
-    POLICY_TRACE(8, "Add defaultRuleEntry: ", entry);
-    addRule(*rules, entry, "default_app");
+    POLICY_TRACE(8, "No policyEntry for policyName: ", policyName);
 }
 
-void NavLoadBalancerSm::removeStaleRules(NavRuleStatus& rules, const PolicyConfig& policy) {
-    const auto known = vrfNameToId_.find(rules.name());
-    const U32 vrfId = known == vrfNameToId_.end() ? 0 : known->second;
-    for (const NavRuleEntry& entry : rules.navRuleEntry()) {
-        if (isConfigured(entry, policy)) continue;
+// A subscriber may have the VRF reconciled with newer rules or unbound: the reaction to that has
+// then done the rest.
+void NavLoadBalancerSm::handleNavPolicyConfigVersion(const L3::VrfName& vrf,
+                                                     const Vel::String& policyName,
+                                                     const PolicyRules& rules) {
+    POLICY_TRACE(8, "vrfName: ", vrf, " policyName: ", policyName);
+    NavRuleStatus* status = in_.navStatusDir->navRuleStatus(vrf);
+    if (!status) return;
+    const U32* known = vrfNameToId(vrf);
+    const U32 vrfId = known ? *known : 0;
+    const U64 mine = vrfToPolicy_[vrf].reconciliation = ++reconciliations_;
+    // The binding while this is its last reconciliation.
+    const auto binding = [&]() -> Binding* {
+        const auto found = vrfToPolicy_.find(vrf);
+        return found != vrfToPolicy_.end() && found->second.reconciliation == mine ? &found->second
+                                                                                   : nullptr;
+    };
+
+    for (const NavRuleEntry& entry : status->navRuleEntry()) {
+        if (!binding()) return;
+        const auto rule = std::lower_bound(
+            rules.begin(), rules.end(), entry.ruleKey,
+            [](const PolicyRule& each, U32 ruleKey) { return each.entry.ruleKey < ruleKey; });
+        if (rule != rules.end() && rule->entry == entry) continue;
         POLICY_TRACE(8, "Del appProfileId: ", entry.appProfileId,
                      " lbProfileName: ", entry.lbProfileName);
         const VrfAppKey key{vrfId, entry.appProfileId};
-        in_.navDb->vrfAppDel(key);
-        vrfToPolicy_[rules.name()].apps.erase(key);
-        rules.navRuleEntryDel(entry);
+        binding()->apps.erase(key);
+        removeVrfApp(vrf, key);
+        status->navRuleEntryDel(entry);
+    }
+    for (const auto& [entry, appName] : rules) {
+        if (!binding()) return;
+        if (entry.ruleKey == NavConstants::defaultRuleKey)
+            POLICY_TRACE(8, "Add defaultRuleEntry: ", entry);
+        else
+            POLICY_TRACE(8, "Add appProfileId: ", entry.appProfileId,
+                         " lbGrpName: ", entry.lbProfileName);
+        status->navRuleEntryIs(entry);
+        if (!isAccepted(vrf, vrfId)) continue;
+        const VrfAppKey key{vrfId, entry.appProfileId};
+        if (Binding* bound = binding()) {
+            bound->apps[key] = appName;
+            in_.navDb->vrfAppIs({key, vrf.str(), appName});
+        }
     }
 }
 
-void NavLoadBalancerSm::addRule(NavRuleStatus& rules, const NavRuleEntry& entry,
-                                const Vel::String& appName) {
-    const L3::VrfName& vrf = rules.name();
-    rules.navRuleEntryIs(entry);
-    const auto known = vrfNameToId_.find(vrf);
-    const U32 vrfId = known == vrfNameToId_.end() ? 0 : known->second;
-    if (!isAccepted(vrf, vrfId)) return;
-    const VrfAppKey key{vrfId, entry.appProfileId};
-    vrfToPolicy_[vrf].apps.insert(key);
-    in_.navDb->vrfAppIs({key, vrf.str(), appName});
+// ---- policies ----
+
+PolicyToVrf* NavLoadBalancerSm::policyToVrf(const Vel::String& policyName) const {
+    const auto found = policyToVrf_.find(policyName);
+    return found == policyToVrf_.end() ? nullptr : found->second.get();
+}
+
+PolicyToVrf& NavLoadBalancerSm::policyToVrfIs(const Vel::String& policyName) {
+    auto& members = policyToVrf_[policyName];
+    if (!members) members = Vel::make<PolicyToVrf>(policyName);
+    return *members;
 }
 
 void NavLoadBalancerSm::handleNavPolicyConfig() {
+    DUOLOG_ENTRY(policyTrace);
     for (const PolicyConfig& policy : in_.cliConfig->policyConfig())
         handleNavPolicyConfig(policy.name());
 }
@@ -297,17 +343,17 @@ void NavLoadBalancerSm::handleNavPolicyConfig() {
 void NavLoadBalancerSm::handleNavPolicyConfig(const Vel::Name& policyName) {
     if (!initialized_) return;
     POLICY_TRACE(8, "policyName: ", policyName);
-    PolicyConfig* policy = in_.cliConfig->policyConfig(policyName);
     const auto* reactor = policySm_(policyName);
-    // A policy may have gone and come back before this notification was read.
-    if (!policy || (reactor && &*reactor->inputs().policyEntry != policy)) deletePolicy(policyName);
-    if (!policy) return;
+    const auto* before = in_.cliConfig->policyConfig(policyName);
+    // A policy may have been deleted and created again before this notification was read.
+    if (!before || (reactor && reactor->inputs().policyEntry.ptr().get() != before))
+        deletePolicy(policyName);
 
-    auto& members = policyToVrf_[policyName];
-    if (!members) members = Vel::make<PolicyToVrf>(policyName);
+    PolicyConfig* policy = in_.cliConfig->policyConfig(policyName);
+    if (!policy || !initialized_) return;
     policySm_.is(policyName, {.name = policyName,
                               .policyEntry = *policy,
-                              .policyToVrf = members,
+                              .policyToVrf = policyToVrfIs(policyName),
                               .navStatusDir = in_.navStatusDir,
                               .navLbSm = this,
                               .navFeaturePolicyDir = in_.navFeaturePolicyDir});
@@ -318,16 +364,17 @@ void NavLoadBalancerSm::handleNavPolicyConfig(const Vel::Name& policyName) {
 }
 
 // The applied policy of its VRFs stays in the classification directory; a binding that is changed
-// or removed takes it away.
+// or removed takes it away. The policy's reactor goes before anything is announced, for a
+// subscriber may create the policy again.
 void NavLoadBalancerSm::deletePolicy(const Vel::Name& policyName) {
     POLICY_TRACE(8, "Delete navFeaturePolicyDir entry for policy: ", policyName);
-    in_.navFeaturePolicyDir->featurePolicyDel(policyName);
-    if (auto found = policyToVrf_.find(policyName); found != policyToVrf_.end()) {
-        const Vel::Ptr<PolicyToVrf> members = found->second;
-        for (const L3::VrfName& vrf : members->vrf()) removeRuleStatus(vrf);
-        policyToVrf_.erase(policyName);
-    }
+    const Vel::Ptr<PolicyToVrf> members{policyToVrf(policyName)};
+    policyToVrf_.erase(policyName);
     policySm_.del(policyName);
+    in_.navFeaturePolicyDir->featurePolicyDel(policyName);
+    if (!members) return;
+    for (const L3::VrfName& vrf : members->vrf())
+        if (!isBound(vrf)) removeRuleStatus(vrf);
 }
 
 }  // namespace Nav

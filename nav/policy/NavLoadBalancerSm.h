@@ -1,15 +1,21 @@
 // The load balancer reactor: which VRF is bound to which policy, and what follows from it.
 //
 // A VRF is bound while its binding exists and names a policy, that policy exists, and the VRF's id
-// is known (0 counts only for the VRF "default"). For each bound VRF the reactor keeps its rule
-// status (which load-balance ids are made for), the printable (VRF, application) names, the
-// policy's list of VRFs and the policy that the classification module applies to it.
+// is known (0 is an id for the VRF "default" only). For each bound VRF the reactor keeps its rule
+// status (from which load-balance ids are allocated), the printable (VRF, application) names, the
+// policy's list of VRFs, and the policy that the classification module applies to the VRF.
 //
 // The container owns the one instance. It owns a policy reactor per configured policy, which calls
 // back `handleNavPolicyConfigVersion` for each VRF bound to the policy when a change of the policy
-// is complete. Everything published goes when it is cleaned up.
+// is complete. doCleanup() removes everything published.
+//
+// Changes from inside a notification: a subscriber may change any input while this reactor
+// publishes. The reaction to that change runs first and to its end. A handler that has announced
+// something therefore looks again whether the VRF is still to be bound as it was deciding, and
+// stops if a newer reaction has decided otherwise.
 #pragma once
 
+#include <map>
 #include <set>
 #include <unordered_map>
 
@@ -25,7 +31,7 @@ namespace Nav {
 
 class NAV_EXPORT NavLoadBalancerSm final : public Vel::Reactor {
   public:
-    static constexpr const char* name = "NavLoadBalancerSm";
+    static constexpr std::string_view name = "Nav::NavLoadBalancerSm";
     struct Inputs {
         Vel::Input<Routing::Hardware::RouteStatus> routingHwRouteStatus;  // read
         Vel::Input<NavCliConfig> cliConfig;                               // read
@@ -40,13 +46,26 @@ class NAV_EXPORT NavLoadBalancerSm final : public Vel::Reactor {
     void handleInitialized() override;
     void doCleanup() override;
 
-    // A policy was added or removed; without argument, for every policy there is.
+    bool initialized() const { return initialized_; }
+    // The accepted id of a VRF, null while it has none.
+    const U32* vrfNameToId(const L3::VrfName& vrf) const;
+    // The VRFs bound to a configured policy, null for any other name.
+    PolicyToVrf* policyToVrf(const Vel::String& policyName) const;
+    // The reactor of a configured policy, null for any other name.
+    NavLoadBalancerPolicySm* policySm(const Vel::Name& policyName) const {
+        return policySm_(policyName);
+    }
+
+    // A policy was added or removed; without argument, for every policy present.
     void handleNavPolicyConfig(const Vel::Name& policyName);
     void handleNavPolicyConfig();
     // Binds the VRF to the policy, or unbinds it.
     void handleNavVrfPolicyMapping(const L3::VrfName& vrf, const Vel::String& policyName);
     // Brings the rule status of a bound VRF in line with the policy's rules as they are now.
     void handleNavPolicyConfigVersion(const L3::VrfName& vrf, const Vel::String& policyName);
+    // The same with the rules of the version that is being programmed.
+    void handleNavPolicyConfigVersion(const L3::VrfName& vrf, const Vel::String& policyName,
+                                      const PolicyRules& rules);
 
   private:
     class VelVrfStatus;
@@ -55,28 +74,35 @@ class NAV_EXPORT NavLoadBalancerSm final : public Vel::Reactor {
     // What is published for a bound VRF.
     struct Binding {
         Vel::String policyName;
-        std::set<VrfAppKey> apps;
+        std::map<VrfAppKey, Vel::String> apps;  // names by key
+        U64 reconciliation = 0;                 // the last one begun, of reconciliations_
     };
 
-    void handleVrfId(const L3::VrfName& vrf, U32 vrfId);
-    void handleVrfDel(const L3::VrfName& vrf, U32 vrfId);
-    void bind(const L3::VrfName& vrf, PolicyConfig& policy);
+    bool isBoundTo(const L3::VrfName& vrf, const Vel::String& policyName) const;
+    bool isBound(const L3::VrfName& vrf) const;
+    PolicyToVrf& policyToVrfIs(const Vel::String& policyName);
+    void vrfIdIs(const L3::VrfName& vrf, U32 vrfId);
+    void vrfIdDel(const L3::VrfName& vrf);
+    void mapToConfigured(const L3::VrfName& vrf);
+    void bind(const L3::VrfName& vrf, const Vel::String& policyName);
     void unbind(const L3::VrfName& vrf, const Vel::String& policyName);
     void leavePolicy(const L3::VrfName& vrf);
+    void removeVrfApp(const L3::VrfName& vrf, const VrfAppKey& key);
     void removeVrfApps(const L3::VrfName& vrf);
     void removeRuleStatus(const L3::VrfName& vrf);
     void deletePolicy(const Vel::Name& policyName);
-    void removeStaleRules(NavRuleStatus& rules, const PolicyConfig& policy);
-    void addRule(NavRuleStatus& rules, const NavRuleEntry& entry, const Vel::String& appName);
     void dropLeftovers();
 
     Inputs in_;
-    bool initialized_ = false;
+    bool initialized_ = false;                          // false again once cleaned up
     std::unordered_map<L3::VrfName, U32> vrfNameToId_;  // VRFs with an accepted id
+    // One for each VRF that has a rule status.
     std::unordered_map<L3::VrfName, Binding> vrfToPolicy_;
-    std::unordered_map<Vel::String, std::set<L3::VrfName>> wantedBy_;  // bindings by policy named
-    std::unordered_map<Vel::String, Vel::Ptr<PolicyToVrf>> policyToVrf_;
-    Vel::ReactorMap<Vel::Name, NavLoadBalancerPolicySm> policySm_;
+    U64 reconciliations_ = 0;  // how many have begun
+    // The VRFs whose configuration names a policy, whether it exists or not. No set is empty.
+    std::unordered_map<Vel::String, std::set<L3::VrfName>> wantedBy_;
+    std::unordered_map<Vel::String, Vel::Ptr<PolicyToVrf>> policyToVrf_;  // of each policy
+    Vel::ReactorMap<Vel::Name, NavLoadBalancerPolicySm> policySm_;        // of each policy
     Vel::Subscription policies_;
     Vel::EntryReactorsOf<VelVrfStatus, decltype(Routing::Hardware::RouteStatus::vrfStatusAttr)>
         vrfStatus_;

@@ -7,6 +7,8 @@
 namespace Nav::Test {
 namespace {
 
+using Classification::FeaturePolicyDir;
+
 class PolicyTest : public NavFixture {
   protected:
     PolicyConfig& policy(const std::string& name) { return cli.policyConfigIs(name); }
@@ -112,15 +114,47 @@ TEST_F(PolicyTest, WhatIsNotThereBindsNothing) {
     EXPECT_EQ(show("red") + show("blue"), "q;p 10; 2/1=voice") << "one of a policy without rules";
 }
 
-TEST_F(PolicyTest, APolicyThatIsBackBeforeItWasSeenToGoIsFollowed) {
-    On back(cli, NavCliConfig::policyConfigAttr, [&] { policy("p"); });  // told before the reactor
+TEST_F(PolicyTest, ChangesInsideNotificationsAreFollowed) {
+    {
+        On again(cli, NavCliConfig::policyConfigAttr, [&] { policy("p"); });  // before the reactor
+        start();
+        vrfId("red", 1), bindTo("red", "p");
+        rule("p", 10, 1, "voice"), done("p");
+        cli.policyConfigDel("p");
+        EXPECT_EQ(show("red") + classified("p"), "p;-");
+        rule("p", 20, 2, "video"), done("p");
+        EXPECT_EQ(show("red") + classified("p"), "p 20; 1/2=videov1 20=video");
+    }
+    FeaturePolicyDir& dir = *in.navFeaturePolicyDir;
+    policy("q"), rule("q", 10, 1, "voice"), rule("q", 20, 2, "video");
+    {
+        On gone(dir, FeaturePolicyDir::featurePolicyAttr, [&] { cli.policyConfigDel("q"); });
+        done("q");
+        EXPECT_EQ(classified("q"), "-") << "deleted while it was programmed";
+    }
+    policy("q");
+    On back(*dir.appliedPolicy(Classification::vrfTarget),
+            Classification::AppliedPolicy::policyForTargetAttr, [&] { bindTo("red", "p"); });
+    bindTo("red", "q");
+    EXPECT_EQ(show("red"), "p 20; 1/2=video") << "bound to another while it was bound";
+}
+
+TEST_F(PolicyTest, WhatAnEarlierProcessAppliedIsRemoved) {
+    in.navFeaturePolicyDir->appliedPolicyIs(Classification::vrfTarget)
+        .policyForTargetIs("red", "p");
+    in.navFeaturePolicyDir->featurePolicyIs("p").appProfilePriorityIs(10, "voice");
+    in.navStatusDir->navRuleStatusIs("red").navRuleEntryIs({10, 1, "gold"});
     start();
-    vrfId("red", 1), bindTo("red", "p");
+    EXPECT_EQ(show("red") + classified("p"), "- -;-");
+}
+
+TEST_F(PolicyTest, ApplicationsOfASharedIdGoToTheOtherVrf) {
+    start();
     rule("p", 10, 1, "voice"), done("p");
-    cli.policyConfigDel("p");
-    EXPECT_EQ(show("red") + classified("p"), "p;-");
-    rule("p", 20, 2, "video"), done("p");
-    EXPECT_EQ(show("red") + classified("p"), "p 20; 1/2=videov1 20=video");
+    bindTo("red", "p"), bindTo("blue", "p");
+    vrfId("red", 5), vrfId("blue", 5);
+    vrfId("blue", 6);
+    EXPECT_EQ(show("red") + show("blue"), "p 10; 5/1=voicep 10; 6/1=voice");
 }
 
 // The rules of a VRF that were told to have changed.
