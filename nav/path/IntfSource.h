@@ -1,4 +1,4 @@
-// What the paths of one interface are built from.
+// The source of one interface's paths.
 #pragma once
 
 #include <optional>
@@ -8,9 +8,9 @@
 namespace Nav {
 
 struct IntfSource {
-    Netz::IpGenAddr addr;      // the primary address, zero while there is none
+    Netz::IpGenAddr addr;      // the primary address; zero: none
     L3::VrfName vrfName;       // the interface's VRF
-    std::optional<U32> vrfId;  // nothing while it is not known
+    std::optional<U32> vrfId;  // empty while it is not known
 
     bool operator==(const IntfSource&) const = default;
     bool offersPaths() const { return !addr.isZero() && vrfId; }

@@ -6,7 +6,7 @@
 
 namespace Nav {
 
-// Follows the address and the VRF of one interface, and remembers what its paths are built from.
+// Follows the address and the VRF of one interface.
 class NavPathGroupDirSm::VelIpIntfStatus : public Vel::Object {
   public:
     VelIpIntfStatus(NavPathGroupDirSm& owner, Ip::IpIntfStatus& status)
@@ -23,38 +23,30 @@ class NavPathGroupDirSm::VelIpIntfStatus : public Vel::Object {
     const IntfSource& source() const { return source_; }
 
     void handleInitialized() {
-        const IntfSource now = source_;
-        if (!now.addr.isZero()) owner_.handleIntfPrimaryAddr(intf(), now, {});
+        const Netz::IpGenAddr addr = source_.addr;
+        if (!addr.isZero()) owner_.handleIntfPrimaryAddr(intf(), addr, {});
     }
     // A new mask alone is no change.
     void handleSource() {
-        const IntfSource before = update();
-        const IntfSource now = source_;
-        if (now == before) return;
-        DUOLOG(pathTrace, 7, "prevAddr ", before.addr, " addr ", now.addr);
-        owner_.handleIntfPrimaryAddr(intf(), now, before);
+        IntfSource now = read();
+        if (now == source_) return;
+        if (now.vrfName != source_.vrfName) {
+            leaveVrf();
+            owner_.vrfToIntf_[now.vrfName].insert(intf());
+        }
+        const Netz::IpGenAddr addr = now.addr, prevAddr = source_.addr;
+        source_ = std::move(now);
+        DUOLOG(pathTrace, 7, "prevAddr ", prevAddr, " addr ", addr);
+        owner_.handleIntfPrimaryAddr(intf(), addr, prevAddr);
     }
-    void handleDelete() {
-        gone_ = true;
-        const IntfSource before = update();
-        owner_.handleIntfDelete(intf(), before);
-    }
+    void handleDelete() { owner_.handleIntfDelete(intf(), source_.addr); }
     void doCleanup() { leaveVrf(); }
 
   private:
     const Netz::IntfId& intf() const { return status_.intfId(); }
     IntfSource read() const {
-        if (gone_) return {};
         return {status_.activeAddrWithMask().addr, status_.vrfName(),
                 owner_.vrfIdOf(status_.vrfName())};
-    }
-    IntfSource update() {
-        IntfSource now = read();
-        if (now.vrfName != source_.vrfName) {
-            leaveVrf();
-            owner_.vrfToIntf_[now.vrfName].insert(intf());
-        }
-        return std::exchange(source_, std::move(now));
     }
     void leaveVrf() {
         const auto vrf = owner_.vrfToIntf_.find(source_.vrfName);
@@ -65,10 +57,9 @@ class NavPathGroupDirSm::VelIpIntfStatus : public Vel::Object {
 
     NavPathGroupDirSm& owner_;
     Ip::IpIntfStatus& status_;
-    bool gone_ = false;
     Vel::Subscription addr_;
     Vel::Subscription vrfName_;
-    IntfSource source_;
+    IntfSource source_;  // that the interface's paths are created from
 };
 
 // Follows the id of one VRF.
@@ -108,6 +99,7 @@ void NavPathGroupDirSm::handleInitialized() {
         return;
     }
     emptyDirectories();
+    if (ended_) return;
     initialized_ = true;
     handlePathGroup();
     vrfStatus_.initialize();
@@ -116,12 +108,11 @@ void NavPathGroupDirSm::handleInitialized() {
 
 void NavPathGroupDirSm::doCleanup() {
     DUOLOG_ENTRY(pathTrace);
-    initialized_ = false;
+    ended_ = true;
     vrfStatus_.clear();
     ipIntfStatus_.clear();
     for (const auto& group : navPathGroupSm_.all())
-        if (const PathGroupInfo* info = in_.navDb->pathGroupInfo(group.key))
-            for (const PathKey& pathKey : info->pathKeySet()) deletePath(pathKey);
+        for (const PathKey& pathKey : group.reactor->claimed()) deletePath(pathKey);
     navPathGroupSm_.delAll();
     intfToPgName_.clear();
     emptyDirectories();
@@ -140,13 +131,14 @@ void NavPathGroupDirSm::handlePathGroup() {
 }
 
 void NavPathGroupDirSm::handlePathGroup(const Vel::Name& pgName) {
-    if (!initialized_) return;
-    DUOLOG_ENTRY(pathTrace);
-    PathGroupConfig* config = in_.cliConfig->pathGroupConfig(pgName);
+    if (!initialized_ || ended_) return;
+    DUOLOG_ENTRY(pathTrace, " ", pgName);
     NavPathGroupSm* present = navPathGroupSm_(pgName);
-    // A group may have gone and come back before this notification was read.
-    if (present && &present->config() != config) deletePathGroup(*present);
-    if (!config) return;
+    // The group may have been removed and added again before this notification was delivered.
+    if (present && &present->config() != in_.cliConfig->pathGroupConfig(pgName))
+        deletePathGroup(*present);
+    PathGroupConfig* config = in_.cliConfig->pathGroupConfig(pgName);
+    if (!config || navPathGroupSm_(pgName) || ended_) return;
     DUOLOG(pathTrace, 7, "Path group ", pgName, " added");
     in_.navDb->pathGroupInfoIs(pgName);
     navPathGroupSm_.is(pgName, {.pgName = pgName, .pathGroupConfig = *config, .pgDirSm = this});
@@ -156,24 +148,19 @@ void NavPathGroupDirSm::deletePathGroup(NavPathGroupSm& group) {
     const Vel::Hold hold;
     const Vel::String pgName = group.pgName();
     DUOLOG(pathTrace, 7, "Path group ", pgName, " deleted");
-    NavDb& navDb = *in_.navDb;
-    const PathGroupInfo* info = navDb.pathGroupInfo(pgName);
-    VEL_ASSERT(info, "!!pathGroupInfo");
-    for (const PathKey& pathKey : info->pathKeySet()) {
-        const PathKeyInfo* pathKeyInfo = navDb.pathKeyInfo(pathKey);
-        VEL_ASSERT(pathKeyInfo, "!!pathKeyInfo");
-        DUOLOG(pathTrace, 7, "Deleting path: ", pathKey, " for vrf: ", pathKeyInfo->vrfName());
-        withdrawClaims(pathKey,
-                       [&](const PathClaim& claim) { return claim.siteGroupKey.name == pgName; });
+    group.removedIs();
+    for (const PathKey& pathKey : group.claimed()) {
+        if (const PathKeyInfo* info = in_.navDb->pathKeyInfo(pathKey))
+            DUOLOG(pathTrace, 7, "Deleting path: ", pathKey, " for vrf: ", info->vrfName());
+        removePathFromConfig(pathKey, group);
     }
-    // What is left are its claims on paths that others own.
-    for (const Netz::IntfId& intf : group.config().localIntf()) {
-        const IntfSource source = sourceOf(intf);
-        if (source.offersPaths()) updatePathsForIntf(intf, source, &group, true);
-        intfToPgNameDel(intf, pgName);
-    }
+    group.doCleanup();
+    // A subscriber called above may have added the group again, which removed this reactor.
+    if (navPathGroupSm_(pgName) != &group) return;
+    for (auto& [intf, groups] : intfToPgName_) std::erase(groups, pgName);
+    std::erase_if(intfToPgName_, [](const auto& listed) { return listed.second.empty(); });
     navPathGroupSm_.del(pgName);
-    navDb.pathGroupInfoDel(pgName);
+    in_.navDb->pathGroupInfoDel(pgName);
 }
 
 IntfSource NavPathGroupDirSm::sourceOf(const Netz::IntfId& intf) const {
@@ -188,50 +175,63 @@ Netz::IpGenAddr NavPathGroupDirSm::getSrcIntfIp(const Netz::IntfId& intf) const 
     return {};
 }
 
-// An id of 0 counts only for the VRF "default"; for any other it means "not known yet".
-std::optional<U32> NavPathGroupDirSm::vrfIdOf(const L3::VrfName& vrfName) const {
-    const auto* status = in_.routingHwRouteStatus->vrfStatus(vrfName);
-    const U32 vrfId = status ? status->vrfId() : 0;
-    if (vrfId == 0 && vrfName.str() != "default") return std::nullopt;
+U32 NavPathGroupDirSm::getSrcIntfVrfId(const Netz::IntfId& intf) {
+    const VelIpIntfStatus* status = ipIntfStatus_(intf);
+    if (!status) return 0;
+    const IntfSource& source = status->source();
+    const U32 vrfId = source.vrfId.value_or(0);
+    DUOLOG(pathTrace, 7, "vrfName: ", source.vrfName, " vrfId: ", vrfId);
+    if (source.vrfId) recordVrfId(*in_.navDb, *in_.routingHwRouteStatus, source.vrfName, vrfId);
     return vrfId;
 }
 
-// Path resolution needs the VRF's next-hop requests and, of a VRF whose id is known, its name.
-void NavPathGroupDirSm::recordVrf(const IntfSource& source) {
-    DUOLOG(pathTrace, 7, "vrfName: ", source.vrfName, " vrfId: ", source.vrfId.value_or(0));
-    in_.nexthopConfig->vrfIs(source.vrfName);
-    if (source.vrfId) recordVrfId(*in_.navDb, source.vrfName, *source.vrfId);
+std::optional<U32> NavPathGroupDirSm::vrfIdOf(const L3::VrfName& vrfName) const {
+    const auto* status = in_.routingHwRouteStatus->vrfStatus(vrfName);
+    return Routing::Hardware::knownVrfId(vrfName, status ? status->vrfId() : 0);
 }
 
 void NavPathGroupDirSm::handleVrf(const L3::VrfName& vrfName) {
-    DUOLOG_ENTRY(pathTrace);
+    DUOLOG_ENTRY(pathTrace, " ", vrfName);
+    if (!vrfIdOf(vrfName)) releaseVrfId(*in_.navDb, *in_.routingHwRouteStatus, vrfName);
     const auto vrf = vrfToIntf_.find(vrfName);
     if (vrf == vrfToIntf_.end()) return;
     for (const Netz::IntfId& intf : std::set<Netz::IntfId>(vrf->second))
         if (VelIpIntfStatus* status = ipIntfStatus_(intf)) status->handleSource();
 }
 
-void NavPathGroupDirSm::handleIntfPrimaryAddr(const Netz::IntfId& intf, const IntfSource& now,
-                                              const IntfSource& before, NavPathGroupSm* only) {
+void NavPathGroupDirSm::handleIntfPrimaryAddr(const Netz::IntfId& intf, const Netz::IpGenAddr& addr,
+                                              const Netz::IpGenAddr& prevAddr,
+                                              NavPathGroupSm* only) {
     DUOLOG_ENTRY(pathTrace);
-    DUOLOG(pathTrace, 7, "prevAddr ", before.addr, " addr ", now.addr, " intf: ", intf.shortName());
+    DUOLOG(pathTrace, 7, "prevAddr ", prevAddr, " addr ", addr, " intf: ", intf.shortName());
     if (!intfToPgName(intf)) {
         DUOLOG(pathTrace, 7, "Intf ", intf, " is not a WAN intf");
         return;
     }
-    if (!now.addr.isZero()) recordVrf(now);
-    if (before.offersPaths()) updatePathsForIntf(intf, before, only, true);
-    // Unless a removal made somebody move the interface on.
-    if (now.offersPaths() && sourceOf(intf) == now) updatePathsForIntf(intf, now, only, false);
+    const IntfSource source = sourceOf(intf);
+    if (!addr.isZero()) {
+        in_.nexthopConfig->vrfIs(source.vrfName);  // also while the VRF's id is not known
+        getSrcIntfVrfId(intf);
+    }
+    if (only)
+        only->removeStalePaths();
+    else
+        for (const auto& group : groupsOf(intf)) group->removeStalePaths();
+    // A subscriber called above may have changed the interface again, which created its paths.
+    if (addr.isZero() || sourceOf(intf) != source) return;
+    if (only)
+        only->createPaths(intf);
+    else
+        for (const auto& group : groupsOf(intf)) group->createPaths(intf);
 }
 
-void NavPathGroupDirSm::handleIntfDelete(const Netz::IntfId& intf, const IntfSource& before) {
+void NavPathGroupDirSm::handleIntfDelete(const Netz::IntfId& intf, const Netz::IpGenAddr& addr) {
     DUOLOG_ENTRY(pathTrace);
-    DUOLOG(pathTrace, 7, "Intf ", intf, " ip: ", before.addr);
+    DUOLOG(pathTrace, 7, "Intf ", intf, " ip: ", addr);
     if (!intfToPgName(intf))
         DUOLOG(pathTrace, 7, "Intf ", intf, " is not a WAN intf");
-    else if (before.offersPaths())
-        updatePathsForIntf(intf, before, nullptr, true);
+    else
+        for (const auto& group : groupsOf(intf)) group->removeStalePaths();
 }
 
 std::vector<Vel::Ptr<NavPathGroupSm>> NavPathGroupDirSm::groupsOf(const Netz::IntfId& intf) const {
@@ -244,35 +244,6 @@ std::vector<Vel::Ptr<NavPathGroupSm>> NavPathGroupDirSm::groupsOf(const Netz::In
         groups.emplace_back(*group);
     }
     return groups;
-}
-
-void NavPathGroupDirSm::updatePathsForIntf(const Netz::IntfId& intf, const IntfSource& source,
-                                           NavPathGroupSm* only, bool remove) {
-    auto update = [&](NavPathGroupSm& group) {
-        for (const RemoteViaConfig& site : group.config().remoteViaConfig())
-            updatePathsForSite(intf, source, site, group.pgName(), remove);
-    };
-    if (only) return update(*only);
-    for (const auto& group : groupsOf(intf)) update(*group);
-}
-
-void NavPathGroupDirSm::updatePathsForSite(const Netz::IntfId& intf, const IntfSource& source,
-                                           const RemoteViaConfig& site, const Vel::String& pgName,
-                                           bool remove) {
-    const SiteGroupKey siteGroupKey{pgName, site.remoteAddr()};
-    for (const Netz::IpGenAddr& dst : site.remoteVia())
-        updatePath(intf, source, dst, siteGroupKey, remove);
-}
-
-void NavPathGroupDirSm::updatePath(const Netz::IntfId& intf, const IntfSource& source,
-                                   const Netz::IpGenAddr& dst, const SiteGroupKey& site,
-                                   bool remove) {
-    const PathKey pathKey{source.addr, dst, *source.vrfId};
-    const PathClaim claim{intf, site, source.vrfName};
-    if (remove)
-        removePathFromConfig(pathKey, claim);
-    else
-        addPathToConfig(pathKey, claim);
 }
 
 void NavPathGroupDirSm::intfToPgNameIs(const Netz::IntfId& intf, const Vel::String& pgName) {
@@ -310,64 +281,140 @@ void NavPathGroupDirSm::remoteSiteDel(const SiteGroupKey& site) {
     in_.navStatusDir->navRemoteIpListDel(site.routerIp);
 }
 
-void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const PathClaim& claim) {
-    DUOLOG(pathTrace, 7, "Adding path ", pathKey, " for site ", claim.siteGroupKey);
+// ---- claims ----
+
+void NavPathGroupDirSm::createPathsForIntf(const Netz::IntfId& intf, const Netz::IpGenAddr& viaAddr,
+                                           const Vel::String& pgName) {
+    const NavPathGroupSm* group = navPathGroupSm_(pgName);
+    const RemoteViaConfig* viaCfg = group ? group->config().remoteViaConfig(viaAddr) : nullptr;
+    if (!viaCfg) return;
+    const SiteGroupKey site{pgName, viaAddr};
+    for (const Netz::IpGenAddr& dst : viaCfg->remoteVia()) createPath(intf, dst, site);
+}
+
+void NavPathGroupDirSm::createPath(const Netz::IntfId& intf, const Netz::IpGenAddr& dst,
+                                   const SiteGroupKey& site) {
+    const IntfSource source = sourceOf(intf);
+    if (!source.offersPaths()) return;
+    const PathKey pathKey{source.addr, dst, *source.vrfId};
+    // Within the removal of the path, the removal is completed first.
+    if (!paths_.contains(pathKey))
+        if (const PathKeyInfo* left = in_.navDb->pathKeyInfo(pathKey))
+            forgetPath(pathKey, L3::VrfName(left->vrfName()));
+    if (!isJustified(pathKey, {intf, site, source.vrfName})) return;
+    DUOLOG(pathTrace, 7, "Adding path ", pathKey, " for site ", site);
+    in_.navDb->srcToIntfMappingIs(source.addr, intf);
+    addPathToConfig(pathKey, site, source.vrfName);
+}
+
+// Whether the configuration and the interface, as they are now, ask for the claim.
+bool NavPathGroupDirSm::isJustified(const PathKey& pathKey, const PathClaim& claim) const {
+    const NavPathGroupSm* group = navPathGroupSm_(claim.siteGroupKey.name);
+    if (!group || group->removed() || ended_) return false;
+    const VelIpIntfStatus* status = ipIntfStatus_(claim.intf);
+    const IntfSource source{pathKey.srcAddr, claim.vrfName, pathKey.vrfId};
+    if (!status || status->source() != source) return false;
+    const RemoteViaConfig* site = group->config().remoteViaConfig(claim.siteGroupKey.routerIp);
+    return site && site->remoteViaHas(pathKey.dstAddr) && group->config().localIntfHas(claim.intf);
+}
+
+void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const SiteGroupKey& siteGroupKey,
+                                        const L3::VrfName& vrfName) {
+    const Netz::IntfId* intf = in_.navDb->srcToIntfMapping(pathKey.srcAddr);
+    const PathClaim claim{intf ? *intf : Netz::IntfId(), siteGroupKey, vrfName};
+    NavPathGroupSm* group = navPathGroupSm_(siteGroupKey.name);
+    VEL_ASSERT(group, "!!pathGroupConfig");
+    group->claimedIs(pathKey, true);
     const auto found = paths_.find(pathKey);
     if (found == paths_.end()) {
         VEL_ASSERT(freePathIds(), "freePathIds()");
-        const U16 index = freePathId_.deq();
+        const U16 index = freePathIdDeq();
         DUOLOG(pathTrace, 7, "Creating pathIndex: ", index, " for path ", pathKey);
-        paths_.emplace(pathKey, Path{index, {claim}});
-        publishPath(pathKey, index, claim);
+        Path& path = paths_.emplace(pathKey, Path{index, ++publications_, {claim}}).first->second;
+        publishPath(pathKey, path);
         return;
     }
-    auto& [index, claims] = found->second;
-    DUOLOG(pathTrace, 7, "Using pathIndex: ", index, " for path ", pathKey);
-    const PathClaim owner = claims.back();
-    std::erase(claims, claim);
-    claims.push_back(claim);
-    changeOwner(pathKey, index, owner, claim);
+    Path& path = found->second;
+    DUOLOG(pathTrace, 7, "Using pathIndex: ", path.index, " for path ", pathKey);
+    const PathClaim owner = path.claims.back();
+    std::erase(path.claims, claim);
+    path.claims.push_back(claim);
+    changeOwner(pathKey, path, owner);
 }
 
-void NavPathGroupDirSm::removePathFromConfig(const PathKey& pathKey, const PathClaim& claim) {
-    const auto found = paths_.find(pathKey);
-    if (found == paths_.end() || !std::ranges::count(found->second.claims, claim)) return;
-    DUOLOG(pathTrace, 7, "Removing path ", pathKey, " for site ", claim.siteGroupKey);
-    withdrawClaims(pathKey, [&](const PathClaim& other) { return other == claim; });
+void NavPathGroupDirSm::removePathFromConfig(const PathKey& pathKey, NavPathGroupSm& group) {
+    withdrawClaims(pathKey, group, [](const PathClaim&) { return true; });
+}
+
+void NavPathGroupDirSm::removeStalePath(const PathKey& pathKey, NavPathGroupSm& group) {
+    withdrawClaims(pathKey, group,
+                   [&](const PathClaim& claim) { return !isJustified(pathKey, claim); });
 }
 
 template <class Predicate>
-void NavPathGroupDirSm::withdrawClaims(const PathKey& pathKey, Predicate withdrawn) {
+void NavPathGroupDirSm::withdrawClaims(const PathKey& pathKey, NavPathGroupSm& group,
+                                       Predicate withdrawn) {
     const auto found = paths_.find(pathKey);
     if (found == paths_.end()) return;
-    auto& [index, claims] = found->second;
-    if (std::ranges::all_of(claims, withdrawn)) return deletePath(pathKey);
-    const PathClaim owner = claims.back();
-    std::erase_if(claims, withdrawn);
-    const PathClaim heir = claims.back();
-    if (heir != owner) changeOwner(pathKey, index, owner, heir);
+    Path& path = found->second;
+    const auto ofGroup = [&](const PathClaim& claim) {
+        return claim.siteGroupKey.name == group.pgName();
+    };
+    const auto leaves = [&](const PathClaim& claim) { return ofGroup(claim) && withdrawn(claim); };
+    if (std::ranges::none_of(path.claims, leaves)) return;
+    const PathClaim owner = path.claims.back();
+    DUOLOG(pathTrace, 7, "Removing path ", pathKey, " for site ", owner.siteGroupKey);
+    if (std::ranges::all_of(path.claims, leaves)) {
+        group.claimedIs(pathKey, false);
+        return deletePath(pathKey);
+    }
+    std::erase_if(path.claims, leaves);
+    if (std::ranges::none_of(path.claims, ofGroup)) group.claimedIs(pathKey, false);
+    if (path.claims.back() != owner) changeOwner(pathKey, path, owner);
+}
+
+// ---- publication ----
+
+// The path, if no newer publication or deletion of it was begun since.
+NavPathGroupDirSm::Path* NavPathGroupDirSm::newest(const PathKey& pathKey, U32 publication) {
+    const auto found = paths_.find(pathKey);
+    return found != paths_.end() && found->second.publication == publication ? &found->second
+                                                                             : nullptr;
 }
 
 // Hands a path over under its index. On another interface, which may be in another VRF, it is
-// resolved anew; towards another site its place in the sites' status goes along.
-void NavPathGroupDirSm::changeOwner(const PathKey& pathKey, U16 index, const PathClaim& before,
-                                    const PathClaim& now) {
-    bool usable = false;
-    if (before.intf != now.intf) {
-        unpublishPath(pathKey, index, before);
-    } else if (before.siteGroupKey != now.siteGroupKey) {
+// resolved anew; for another site its place in the sites' status moves too.
+void NavPathGroupDirSm::changeOwner(const PathKey& pathKey, Path& path, const PathClaim& before) {
+    const PathClaim now = path.claims.back();
+    const U16 index = path.index;
+    const U32 publication = path.publication = ++publications_;
+    if (before.siteGroupKey.name != now.siteGroupKey.name)
         if (PathGroupInfo* info = in_.navDb->pathGroupInfo(before.siteGroupKey.name))
             info->pathKeySetDel(pathKey);
-        usable = leaveSite(before.siteGroupKey, index);
-    }
-    publishPath(pathKey, index, now);
-    if (usable)
-        in_.siteGroupStatus->siteGroupStatusEntryIs(now.siteGroupKey).pathIndexEntryIs(index);
+    if (before.intf != now.intf)
+        unpublishPath(pathKey, before.vrfName);
+    else if (before.siteGroupKey != now.siteGroupKey)
+        leaveSite(before.siteGroupKey, index);
+    Path* current = newest(pathKey, publication);
+    if (!current || !publishPath(pathKey, *current)) return;
+    // Path resolution lists a path that becomes programmed, but not one that is already.
+    const auto isProgrammed = [&] {
+        const PathStatus* pathStatus = in_.pathStatusDir->pathStatus(now.vrfName);
+        const auto* status = pathStatus ? pathStatus->pathStatusEntry(pathKey) : nullptr;
+        return newest(pathKey, publication) && status && status->programmed();
+    };
+    if (!in_.nexthopStatus->vrf(now.vrfName) || !isProgrammed()) return;
+    const Vel::Hold hold;
+    SiteGroupStatusEntry& site = in_.siteGroupStatus->siteGroupStatusEntryIs(now.siteGroupKey);
+    if (isProgrammed()) site.pathIndexEntryIs(index);
 }
 
-// The configuration entry comes last and complete: whoever watches it finds everything else there.
-void NavPathGroupDirSm::publishPath(const PathKey& pathKey, U16 index, const PathClaim& owner) {
+// The configuration entry comes last and complete: its watchers find everything else present.
+// Returns whether this is still the newest publication at the end.
+bool NavPathGroupDirSm::publishPath(const PathKey& pathKey, Path& path) {
     const Vel::Hold hold;
+    const PathClaim owner = path.claims.back();
+    const U32 index = path.index, publication = path.publication;
     const NavPathGroupSm* group = navPathGroupSm_(owner.siteGroupKey.name);
     VEL_ASSERT(group, "!!pathGroupConfig");
     const Vel::String ipsecProfile = group->config().ipsecProfile();
@@ -388,15 +435,57 @@ void NavPathGroupDirSm::publishPath(const PathKey& pathKey, U16 index, const Pat
     pathGroupInfo->pathKeySetIs(pathKey);
 
     PathConfig& pathConfig = in_.pathConfigDir->pathConfigIs(owner.vrfName);
-    in_.pathStatusDir->pathStatusIs(owner.vrfName).pathStatusEntryIs(pathKey);
+    if (!newest(pathKey, publication)) return false;
+    PathStatus& pathStatus = in_.pathStatusDir->pathStatusIs(owner.vrfName);
+    if (!newest(pathKey, publication)) return false;
+    pathStatus.pathStatusEntryIs(pathKey);
+    if (!newest(pathKey, publication)) return false;
     auto configure = [&](PathConfigEntry& entry) {
         entry.pathIndexIs(index);
         entry.ipsecProfileIs(ipsecProfile);
     };
-    configure(pathConfig.pathConfigEntryIs(pathKey, configure));
+    PathConfigEntry& entry = pathConfig.pathConfigEntryIs(pathKey, configure);
+    if (!newest(pathKey, publication)) return false;
+    configure(entry);
+    return newest(pathKey, publication);
 }
 
-void NavPathGroupDirSm::unpublishPath(const PathKey& pathKey, U16 index, const PathClaim& owner) {
+// Removes a path that was published in a VRF. Where no reactor resolves the VRF, no other one
+// removes what is left of the path.
+void NavPathGroupDirSm::unpublishPath(const PathKey& pathKey, const L3::VrfName& vrfName) {
+    DUOLOG(pathTrace, 7, "Deleting pathConfig for path: ", pathKey);
+    if (PathConfig* pathConfig = in_.pathConfigDir->pathConfig(vrfName))
+        pathConfig->pathConfigEntryDel(pathKey);
+    forgetPath(pathKey, vrfName);
+}
+
+// Removes status and key info of a path that is not configured any more. Ends when a subscriber had
+// the path published again.
+void NavPathGroupDirSm::forgetPath(const PathKey& pathKey, const L3::VrfName& vrfName) {
+    const Vel::Hold hold;
+    const auto isLeft = [&] {
+        const PathKeyInfo* info = in_.navDb->pathKeyInfo(pathKey);
+        const PathConfig* pathConfig = in_.pathConfigDir->pathConfig(vrfName);
+        return info && info->vrfName() == vrfName &&
+               !(pathConfig && pathConfig->pathConfigEntry(pathKey));
+    };
+    if (!isLeft()) return;
+    const PathKeyInfo& info = *in_.navDb->pathKeyInfo(pathKey);
+    leaveSite(info.siteGroupKey(), info.pathIndex());
+    PathStatus* pathStatus = in_.pathStatusDir->pathStatus(vrfName);
+    PathStatusEntry* entry = pathStatus ? pathStatus->pathStatusEntry(pathKey) : nullptr;
+    if (entry && isLeft()) entry->programmedIs(false);
+    if (entry && isLeft()) entry->pathInfoIs({});
+    if (entry && isLeft()) entry->encapIdIs(noEncapId);
+    if (entry && isLeft()) pathStatus->pathStatusEntryDel(pathKey);
+    if (isLeft()) in_.navDb->pathKeyInfoDel(pathKey);
+}
+
+void NavPathGroupDirSm::deletePath(const PathKey& pathKey) {
+    const auto path = paths_.extract(pathKey);
+    if (path.empty()) return;
+    const U16 index = path.mapped().index;
+    const PathClaim owner = path.mapped().claims.back();
     const Vel::Hold hold;
     NavDb& navDb = *in_.navDb;
     for (const Netz::IpGenAddr& addr : {pathKey.srcAddr, pathKey.dstAddr}) {
@@ -407,52 +496,24 @@ void NavPathGroupDirSm::unpublishPath(const PathKey& pathKey, U16 index, const P
     PathGroupInfo* pathGroupInfo = navDb.pathGroupInfo(owner.siteGroupKey.name);
     VEL_ASSERT(pathGroupInfo, "!!pathGroupInfo");
     pathGroupInfo->pathKeySetDel(pathKey);
-
-    if (PathConfig* pathConfig = in_.pathConfigDir->pathConfig(owner.vrfName)) {
-        pathConfig->pathConfigEntryDel(pathKey);
-        if (pathConfig->pathConfigEntry(pathKey)) return;  // a handler wanted it back
-    }
-    if (navDb.pathKeyInfo(pathKey)) forgetUnresolved(pathKey, index, owner);
+    unpublishPath(pathKey, owner.vrfName);
     for (const Netz::IpGenAddr& addr : {pathKey.srcAddr, pathKey.dstAddr}) {
         const PathAddrToPathKeySet* pathKeySet = navDb.addrToPathKeySet(addr);
         if (pathKeySet && pathKeySet->pathKey().empty()) navDb.addrToPathKeySetDel(addr);
     }
-    DUOLOG(pathTrace, 7, "Deleting pathConfig for path: ", pathKey);
-}
-
-// Nobody resolves the path's VRF, so nobody else withdraws what is left of the path.
-void NavPathGroupDirSm::forgetUnresolved(const PathKey& pathKey, U16 index,
-                                         const PathClaim& owner) {
-    leaveSite(owner.siteGroupKey, index);
-    PathStatus* pathStatus = in_.pathStatusDir->pathStatus(owner.vrfName);
-    if (PathStatusEntry* entry = pathStatus ? pathStatus->pathStatusEntry(pathKey) : nullptr) {
-        entry->programmedIs(false);
-        entry->pathInfoIs({});
-        entry->encapIdIs(noEncapId);
-        pathStatus->pathStatusEntryDel(pathKey);
-    }
-    in_.navDb->pathKeyInfoDel(pathKey);
-}
-
-void NavPathGroupDirSm::deletePath(const PathKey& pathKey) {
-    const auto path = paths_.extract(pathKey);
-    if (path.empty()) return;
-    const auto& [index, claims] = path.mapped();
-    const PathClaim& owner = claims.back();
-    unpublishPath(pathKey, index, owner);
-    freePathId_.enq(index);
+    freePathIdEnq(index);
     releaseSource(pathKey.srcAddr, owner.intf);
 }
 
-// Takes a path out of a site's status; false if it was not there.
-bool NavPathGroupDirSm::leaveSite(const SiteGroupKey& site, U16 index) {
-    SiteGroupStatusEntry* entry = in_.siteGroupStatus->siteGroupStatusEntry(site);
-    if (!entry) return false;
+// Takes a path out of a site's status, which is removed with the last one.
+void NavPathGroupDirSm::leaveSite(const SiteGroupKey& site, U32 index) {
     const Vel::Hold hold;
-    const bool wasUsable = entry->pathIndexEntryHas(index);
+    const SiteGroupKey key = site;
+    SiteGroupStatusEntry* entry = in_.siteGroupStatus->siteGroupStatusEntry(key);
+    if (!entry) return;
     entry->pathIndexEntryDel(index);
-    if (entry->pathIndexEntry().empty()) in_.siteGroupStatus->siteGroupStatusEntryDel(site);
-    return wasUsable;
+    if (entry->pathIndexEntry().empty() && in_.siteGroupStatus->siteGroupStatusEntry(key) == entry)
+        in_.siteGroupStatus->siteGroupStatusEntryDel(key);
 }
 
 // An address names its interface while a path comes from it. Where the same address is used on

@@ -2,22 +2,24 @@
 //
 // The paths of a group are the cross product of the primary addresses of its local interfaces and
 // the destination addresses of its remote sites, each in the VRF of the interface. An interface is
-// a WAN interface while some group lists it. A path gets the lowest-waiting free index and keeps it
-// while it lives; an index is at any time free or used by exactly one path.
+// a WAN interface while some group lists it. A new path takes the index that has been free longest
+// and keeps it for its lifetime; an index is either free or used by exactly one path.
 //
-// - Each interface remembers the source (address and VRF) that its paths were built from. Removals
-//   go by what is remembered, so an interface loses exactly its own paths, whatever became of its
-//   status meanwhile.
-// - Several sites, groups or interfaces may want one path key. Each has a claim on it; the path
-//   belongs to the claim that was made last. A claim that goes changes nothing for others; when the
-//   owner's goes, the path passes to the one made before it, under the same index.
-// - A path that goes leaves the database first, then the configuration, whose removal makes path
-//   resolution withdraw what it derived. Where nobody resolves the path's VRF, construction does
-//   that itself. Only then is the index free again.
+// - Several sites, groups or interfaces may want the same path. Each has a claim on it, and the
+//   path belongs to the claim that was made last. Withdrawing another claim changes nothing; when
+//   the owner's claim is withdrawn, the path passes to the claim made before it and keeps its
+//   index.
+// - A path is removed by the claims that were made on it, whatever configuration and interfaces
+//   say by then. A claim is made or kept only while both still justify it.
+// - A removed path leaves the database first, then the configuration, whose removal makes path
+//   resolution withdraw what it derived. Where no reactor resolves the path's VRF, construction
+//   does that itself. Its index is free only afterwards.
+// - Every write to a published directory may call subscribers that change the inputs. After each
+//   one the reactor looks again whether it is still the newest publication of the path.
 //
-// Owned by the container, for as long as the feature is configured. It owns a reactor per path
-// group and one per interface with IP status. When it is initialised it empties the directories of
-// paths and site groups; when it is cleaned up it removes path by path and leaves them empty.
+// Owned by the container for as long as the feature is configured. It owns one reactor per path
+// group and one per interface with IP status. handleInitialized() empties the directories of paths
+// and site groups; doCleanup() removes path by path and leaves them empty.
 #pragma once
 
 #include <set>
@@ -35,7 +37,7 @@
 
 namespace Nav {
 
-// Who wants a path: one site of one group over one interface.
+// One site of one group wants a path over one interface.
 struct PathClaim {
     Netz::IntfId intf;
     SiteGroupKey siteGroupKey;
@@ -51,14 +53,14 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
         Vel::Input<NavCliConfig> cliConfig;                               // read
         Vel::Input<Ip::Status> ipStatus;                                  // read
         Vel::Input<Routing::Hardware::RouteStatus> routingHwRouteStatus;  // read
-        Vel::Input<SiteGroupStatus> siteGroupStatus;
-        Vel::Input<PathConfigDir> pathConfigDir;
-        Vel::Input<PathStatusDir> pathStatusDir;
-        Vel::Input<NavStatusDir> navStatusDir;
+        Vel::Input<SiteGroupStatus> siteGroupStatus;                      // written
+        Vel::Input<PathConfigDir> pathConfigDir;                          // written
+        Vel::Input<PathStatusDir> pathStatusDir;                          // written
+        Vel::Input<NavStatusDir> navStatusDir;                            // written
         Vel::Input<Routing::NexthopConfig> nexthopConfig;  // an entry per VRF of a WAN interface
-        Vel::Input<Routing::NexthopStatus> nexthopStatus;
-        U32 maxPathIndex = 0;  // the highest index handed out
-        Vel::Input<NavDb> navDb;
+        Vel::Input<Routing::NexthopStatus> nexthopStatus;  // read: which VRFs are resolved
+        U32 maxPathIndex = 0;                              // the highest index handed out
+        Vel::Input<NavDb> navDb;                           // written
     };
 
     explicit NavPathGroupDirSm(const Inputs& inputs);
@@ -67,40 +69,50 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     void handleInitialized() override;
     void doCleanup() override;
 
-    // A path group came or went; without argument, for every group there is.
+    // A path group was added or removed; without argument, for every configured group.
     void handlePathGroup();
     void handlePathGroup(const Vel::Name& pgName);
-    // Moves the paths of an interface from one source to another: first all removals, then all
-    // additions; those of every group that lists the interface, or of one.
-    void handleIntfPrimaryAddr(const Netz::IntfId& intf, const IntfSource& now,
-                               const IntfSource& before, NavPathGroupSm* only = nullptr);
+    // Moves the paths of an interface to its current address and VRF: removes those from any other
+    // source, then creates those from this one. `addr` is zero when the interface has no address
+    // or left the group. With `only`, for that group; else for every group listing the interface.
+    void handleIntfPrimaryAddr(const Netz::IntfId& intf, const Netz::IpGenAddr& addr,
+                               const Netz::IpGenAddr& prevAddr, NavPathGroupSm* only = nullptr);
+    // The IP status of an interface was removed; `addr` was its last address.
+    void handleIntfDelete(const Netz::IntfId& intf, const Netz::IpGenAddr& addr);
 
     // For the path group reactors.
 
-    // What the interface's paths are built from; no address and no VRF without IP status.
-    IntfSource sourceOf(const Netz::IntfId& intf) const;
-    // Its address alone; zero, with a trace, while there is none.
+    // Creates the paths of one interface to all destinations of one site of a group.
+    void createPathsForIntf(const Netz::IntfId& intf, const Netz::IpGenAddr& viaAddr,
+                            const Vel::String& pgName);
+    // Creates the path of one interface to one destination. Does nothing while the interface has no
+    // address or its VRF no id, or when the configuration does not list interface or destination.
+    void createPath(const Netz::IntfId& intf, const Netz::IpGenAddr& dst, const SiteGroupKey& site);
+    // Claims a path for a site, over the interface that the database names for the path's source.
+    void addPathToConfig(const PathKey& pathKey, const SiteGroupKey& siteGroupKey,
+                         const L3::VrfName& vrfName);
+    // Withdraws the claims of a group on a path: all, or those not justified any more.
+    void removePathFromConfig(const PathKey& pathKey, NavPathGroupSm& group);
+    void removeStalePath(const PathKey& pathKey, NavPathGroupSm& group);
+
+    // The address of an interface; zero, with a trace, while it has none.
     Netz::IpGenAddr getSrcIntfIp(const Netz::IntfId& intf) const;
-    // Makes an interface a WAN interface of a group, and ends that.
+    // The VRF id of an interface; 0 without IP status or while the id is not known. Records the
+    // VRF's name and id in the database.
+    U32 getSrcIntfVrfId(const Netz::IntfId& intf);
+
+    // Adds a group to those listing an interface, and removes it. The last one added is the
+    // interface's group; null for an interface that is not a WAN interface.
     void intfToPgNameIs(const Netz::IntfId& intf, const Vel::String& pgName);
     void intfToPgNameDel(const Netz::IntfId& intf, const Vel::String& pgName);
-    // Adds or removes the paths from one source to all destinations of one site, or to one of them.
-    // REQUIRES: source.offersPaths().
-    void updatePathsForSite(const Netz::IntfId& intf, const IntfSource& source,
-                            const RemoteViaConfig& site, const Vel::String& pgName, bool remove);
-    void updatePath(const Netz::IntfId& intf, const IntfSource& source, const Netz::IpGenAddr& dst,
-                    const SiteGroupKey& site, bool remove);
-    // Enters or withdraws one claim on a path.
-    void addPathToConfig(const PathKey& pathKey, const PathClaim& claim);
-    void removePathFromConfig(const PathKey& pathKey, const PathClaim& claim);
-    // A site of a group came or went.
+    const Vel::String* intfToPgName(const Netz::IntfId& intf) const;
+    // A site of a group was added or removed.
     void remoteSiteIs(const SiteGroupKey& site);
     void remoteSiteDel(const SiteGroupKey& site);
 
-    // The group that an interface joined last; null for one that is not a WAN interface.
-    const Vel::String* intfToPgName(const Netz::IntfId& intf) const;
     bool freePathIds() const { return !freePathId_.empty(); }
-    U32 freePathIdCount() const { return freePathId_.size(); }
+    void freePathIdEnq(U16 index) { freePathId_.enq(index); }
+    U16 freePathIdDeq() { return freePathId_.deq(); }
     NavPathGroupSm* navPathGroupSm(const Vel::String& pgName) const {
         return navPathGroupSm_(pgName);
     }
@@ -111,7 +123,8 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
 
     struct Path {
         U16 index = 0;
-        std::vector<PathClaim> claims;  // in the order in which they were made; the last one owns
+        U32 publication = 0;            // number of the newest publication, unique over all paths
+        std::vector<PathClaim> claims;  // in the order they were made, never empty; the last owns
     };
     struct PathKeyHash {
         size_t operator()(const PathKey& key) const { return Vel::Codec<PathKey>::mix(key); }
@@ -122,31 +135,34 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     void emptyDirectories();
     void deletePathGroup(NavPathGroupSm& group);
 
+    IntfSource sourceOf(const Netz::IntfId& intf) const;
     std::optional<U32> vrfIdOf(const L3::VrfName& vrfName) const;
-    void recordVrf(const IntfSource& source);
     void handleVrf(const L3::VrfName& vrfName);
-    void handleIntfDelete(const Netz::IntfId& intf, const IntfSource& before);
     std::vector<Vel::Ptr<NavPathGroupSm>> groupsOf(const Netz::IntfId& intf) const;
-    void updatePathsForIntf(const Netz::IntfId& intf, const IntfSource& source,
-                            NavPathGroupSm* only, bool remove);
 
+    bool isJustified(const PathKey& pathKey, const PathClaim& claim) const;
     template <class Predicate>
-    void withdrawClaims(const PathKey& pathKey, Predicate withdrawn);
-    void changeOwner(const PathKey& pathKey, U16 index, const PathClaim& before,
-                     const PathClaim& now);
-    void publishPath(const PathKey& pathKey, U16 index, const PathClaim& owner);
-    void unpublishPath(const PathKey& pathKey, U16 index, const PathClaim& owner);
-    void forgetUnresolved(const PathKey& pathKey, U16 index, const PathClaim& owner);
+    void withdrawClaims(const PathKey& pathKey, NavPathGroupSm& group, Predicate withdrawn);
+    Path* newest(const PathKey& pathKey, U32 publication);
+    void changeOwner(const PathKey& pathKey, Path& path, const PathClaim& before);
+    bool publishPath(const PathKey& pathKey, Path& path);
+    void unpublishPath(const PathKey& pathKey, const L3::VrfName& vrfName);
+    void forgetPath(const PathKey& pathKey, const L3::VrfName& vrfName);
     void deletePath(const PathKey& pathKey);
-    bool leaveSite(const SiteGroupKey& site, U16 index);
+    void leaveSite(const SiteGroupKey& site, U32 index);
     void releaseSource(const Netz::IpGenAddr& src, const Netz::IntfId& intf);
 
     Inputs in_;
-    bool initialized_ = false;
-    FreeIdQueue freePathId_;
+    bool initialized_ = false;  // from handleInitialized() on; no path is made before
+    bool ended_ = false;        // from doCleanup() on; no path is made after
+    FreeIdQueue freePathId_;    // the indices that no path in paths_ uses
+    U32 publications_ = 0;
     std::unordered_map<PathKey, Path, PathKeyHash> paths_;
+    // The groups listing each interface, in the order they were added, never empty.
     std::unordered_map<Netz::IntfId, std::vector<Vel::String>> intfToPgName_;
-    std::unordered_map<Netz::IpGenAddr, U32> remoteSiteUsers_;  // groups that configure each site
+    // How many groups configure each site, never 0.
+    std::unordered_map<Netz::IpGenAddr, U32> remoteSiteUsers_;
+    // The interfaces whose source is in each VRF, never empty.
     std::unordered_map<L3::VrfName, std::set<Netz::IntfId>> vrfToIntf_;
     Vel::ReactorMap<Vel::String, NavPathGroupSm> navPathGroupSm_;
     Vel::Subscription pathGroupConfig_;

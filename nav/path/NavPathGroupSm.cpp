@@ -11,12 +11,17 @@ class NavPathGroupSm::VelRemoteViaConfig : public Vel::Object {
     VelRemoteViaConfig(NavPathGroupSm& owner, RemoteViaConfig& site)
         : owner_(owner),
           site_(site),
-          remoteVia_(Vel::Subscription::to<&VelRemoteViaConfig::handleRemoteViaConfig>(
+          remoteVia_(Vel::Subscription::to<static_cast<void (VelRemoteViaConfig::*)(
+                         const Netz::IpGenAddr&)>(&VelRemoteViaConfig::handleRemoteViaConfig)>(
               site, RemoteViaConfig::remoteViaAttr, this)) {}
 
     void handleInitialized() {
         dir().remoteSiteIs(key());
-        for (const Netz::IpGenAddr& addr : site_.remoteVia()) handleRemoteViaConfig(addr);
+        handleRemoteViaConfig();
+    }
+    void handleRemoteViaConfig() {
+        for (const Netz::IpGenAddr& addr : site_.remoteVia())
+            if (isConfigured()) handleRemoteViaConfig(addr);
     }
     void handleRemoteViaConfig(const Netz::IpGenAddr& addr) {
         DUOLOG_ENTRY(pathTrace);
@@ -25,13 +30,15 @@ class NavPathGroupSm::VelRemoteViaConfig : public Vel::Object {
         owner_.handleRemoteVia(site_.remoteAddr(), addr, !site_.remoteViaHas(addr));
     }
     void handleDelete() { handleRemoteViaConfigDelete(); }
+    void handleRemoteViaConfigDelete() {
+        DUOLOG_ENTRY(pathTrace);
+        owner_.removeStalePaths();
+    }
     void doCleanup() { dir().remoteSiteDel(key()); }
 
   private:
-    void handleRemoteViaConfigDelete() {
-        DUOLOG_ENTRY(pathTrace);
-        for (const Netz::IpGenAddr& addr : site_.remoteVia())
-            owner_.handleRemoteVia(site_.remoteAddr(), addr, true);
+    bool isConfigured() const {
+        return owner_.config().remoteViaConfig(site_.remoteAddr()) == &site_;
     }
     NavPathGroupDirSm& dir() const { return *owner_.in_.pgDirSm; }
     SiteGroupKey key() const { return {owner_.pgName(), site_.remoteAddr()}; }
@@ -66,48 +73,73 @@ void NavPathGroupSm::doCleanup() {
     remoteViaConfig_.clear();
 }
 
-// The interface is mapped before its paths are built, and unmapped after they are gone.
+// The interface is mapped before its paths are created, and unmapped after they are removed.
 void NavPathGroupSm::handleLocalIntf(const Netz::IntfId& intf) {
     DUOLOG_ENTRY(pathTrace);
+    if (removed_) return;
     NavPathGroupDirSm& dir = *in_.pgDirSm;
-    const bool listed = config().localIntfHas(intf);
-    if (listed) dir.intfToPgNameIs(intf, pgName());
-    if (!dir.getSrcIntfIp(intf).isZero()) {
-        const IntfSource source = dir.sourceOf(intf);
-        if (listed)
-            dir.handleIntfPrimaryAddr(intf, source, {}, this);
-        else
-            dir.handleIntfPrimaryAddr(intf, {}, source, this);
+    if (config().localIntfHas(intf)) {
+        dir.intfToPgNameIs(intf, pgName());
+        const Netz::IpGenAddr addr = dir.getSrcIntfIp(intf);
+        if (!addr.isZero()) dir.handleIntfPrimaryAddr(intf, addr, {}, this);
+    } else {
+        const Netz::IpGenAddr addr = dir.getSrcIntfIp(intf);
+        if (!addr.isZero()) dir.handleIntfPrimaryAddr(intf, {}, addr, this);
+        if (!config().localIntfHas(intf)) dir.intfToPgNameDel(intf, pgName());
     }
-    if (!listed) dir.intfToPgNameDel(intf, pgName());
 }
 
 void NavPathGroupSm::handleIpsecConfig() {
     DUOLOG_ENTRY(pathTrace);
-    const bool remove = config().ipsecProfile().empty();
+    const Vel::String profile = config().ipsecProfile();
     for (const RemoteViaConfig& site : config().remoteViaConfig()) {
         for (const Netz::IpGenAddr& addr : site.remoteVia()) {
-            if (remove)
+            if (config().ipsecProfile() != profile) return;  // a newer one has been applied
+            if (profile.empty()) {
                 DUOLOG(pathTrace, 7, "Remove ipsec from paths for remote ", site.remoteAddr(),
                        " and via ", addr);
-            else
+            } else {
                 DUOLOG(pathTrace, 7, "Add ipsec for paths for remote ", site.remoteAddr(),
                        " and via ", addr);
-            handleRemoteVia(site.remoteAddr(), addr, remove);
+                handleRemoteVia(site.remoteAddr(), addr, false);
+            }
         }
     }
+    if (!profile.empty()) return;
+    for (const PathKey& pathKey : claimed_)
+        if (config().ipsecProfile().empty()) in_.pgDirSm->removePathFromConfig(pathKey, *this);
 }
 
 void NavPathGroupSm::handleRemoteVia(const Netz::IpGenAddr& viaAddr,
                                      const Netz::IpGenAddr& remoteVia, bool remove) {
     DUOLOG_ENTRY(pathTrace);
     NavPathGroupDirSm& dir = *in_.pgDirSm;
-    for (const Netz::IntfId& intf : config().localIntf()) {
-        if (dir.getSrcIntfIp(intf).isZero()) continue;
-        const IntfSource source = dir.sourceOf(intf);
-        if (source.offersPaths())
-            dir.updatePath(intf, source, remoteVia, {pgName(), viaAddr}, remove);
+    if (!remove) {
+        const Vel::String profile = config().ipsecProfile();
+        for (const Netz::IntfId& intf : config().localIntf()) {
+            if (config().ipsecProfile() != profile) return;  // a newer one has been applied
+            if (!dir.getSrcIntfIp(intf).isZero())
+                dir.createPath(intf, remoteVia, {pgName(), viaAddr});
+        }
+    } else if (const auto* paths = dir.inputs().navDb->addrToPathKeySet(remoteVia)) {
+        for (const PathKey& pathKey : paths->pathKey()) dir.removeStalePath(pathKey, *this);
     }
+}
+
+void NavPathGroupSm::createPaths(const Netz::IntfId& intf) {
+    for (const auto& site : remoteViaConfig_.all())
+        in_.pgDirSm->createPathsForIntf(intf, site.key, pgName());
+}
+
+void NavPathGroupSm::removeStalePaths() {
+    for (const PathKey& pathKey : claimed_) in_.pgDirSm->removeStalePath(pathKey, *this);
+}
+
+void NavPathGroupSm::claimedIs(const PathKey& pathKey, bool claimed) {
+    if (!claimed)
+        claimed_.take(pathKey);
+    else if (!claimed_.has(pathKey))
+        claimed_.insert(pathKey);
 }
 
 }  // namespace Nav

@@ -2,8 +2,8 @@
 // remote sites with their destination addresses, and its IPsec profile.
 //
 // One per configured path group, owned by the directory reactor, through which it adds and removes
-// paths. It works on its own configuration, which it keeps after the group has left the tree, so
-// that what was built from it can be taken back.
+// paths. It keeps the group's configuration alive after the group was removed from the tree, until
+// everything built from it is removed.
 #pragma once
 
 #include "nav/config/NavCliConfig.h"
@@ -18,8 +18,8 @@ class NAV_EXPORT NavPathGroupSm final : public Vel::Reactor {
     static constexpr std::string_view name = "Nav::NavPathGroupSm";
     struct Inputs {
         Vel::String pgName;
-        Vel::Input<PathGroupConfig> pathGroupConfig;
-        NavPathGroupDirSm* pgDirSm = nullptr;  // the owner
+        Vel::Input<PathGroupConfig> pathGroupConfig;  // read
+        NavPathGroupDirSm* pgDirSm = nullptr;         // the owner
     };
 
     explicit NavPathGroupSm(const Inputs& inputs);
@@ -30,14 +30,28 @@ class NAV_EXPORT NavPathGroupSm final : public Vel::Reactor {
     void handleInitialized() override;
     void doCleanup() override;
 
-    // An interface joined the group or left it.
+    // An interface was added to the group or removed from it.
     void handleLocalIntf(const Netz::IntfId& intf);
-    // The profile changed. A new one goes to all paths of the group, and brings back those that are
-    // missing; none deletes them.
+    // The profile changed. A new one applies to all paths of the group and creates the missing
+    // ones again; an empty one deletes them.
     void handleIpsecConfig();
     // Adds or removes the paths of every local interface to one destination of one site.
     void handleRemoteVia(const Netz::IpGenAddr& viaAddr, const Netz::IpGenAddr& remoteVia,
                          bool remove);
+
+    // For the owner.
+
+    // Creates the paths of one interface to every site.
+    void createPaths(const Netz::IntfId& intf);
+    // Removes the paths that the configuration or the interfaces do not justify any more; all of
+    // them once the group has been removed.
+    void removeStalePaths();
+    // The group was removed from the configuration: from now on nothing is justified.
+    void removedIs() { removed_ = true; }
+    bool removed() const { return removed_; }
+    // Whether the group has a claim on a path.
+    void claimedIs(const PathKey& pathKey, bool claimed);
+    const auto& claimed() const { return claimed_; }
 
   private:
     class VelRemoteViaConfig;
@@ -46,6 +60,9 @@ class NAV_EXPORT NavPathGroupSm final : public Vel::Reactor {
 
     Inputs in_;
     bool initialized_ = false;
+    bool removed_ = false;
+    // The paths on which the group has a claim, in the order it claimed them.
+    Vel::Unordered<Vel::SetTraits<PathKey>> claimed_;
     Vel::Subscription localIntf_;
     Vel::Subscription ipsecProfile_;
     Vel::EntryReactorsOf<VelRemoteViaConfig, decltype(PathGroupConfig::remoteViaConfigAttr)>

@@ -92,6 +92,7 @@ void NavPathResolutionDirSm::handleInitialized() {
         DUOLOG(pathTrace, 7, "Creating NexthopMonitor for vrf '", vrf.vrfName(), "'");
         handleNexthopVrfStatus(vrf.vrfName());
     }
+    if (ended_) return;
     initialized_ = true;
     hwPathStatusEntry_.initialize();
     ipsecPathStatus_.initialize();
@@ -99,19 +100,21 @@ void NavPathResolutionDirSm::handleInitialized() {
 
 void NavPathResolutionDirSm::doCleanup() {
     DUOLOG_ENTRY(pathTrace);
+    ended_ = true;
     nexthopStatus_.reset();
     hwPathStatusEntry_.clear();
     ipsecPathStatus_.clear();
     navPathResolutionSm_.delAll();
-    // Those of VRFs that nobody resolved any more.
+    // The requests of VRFs that no reactor resolved any more.
     in_.ipsecPathConfigDir->ipsecPathConfigDelAll();
 }
 
 void NavPathResolutionDirSm::handleNexthopVrfStatus(const L3::VrfName& vrfName) {
     DUOLOG_ENTRY(pathTrace, " vrfName: ", vrfName);
+    if (ended_) return;
     Routing::NexthopVrfStatus* status = in_.nexthopStatus->vrf(vrfName);
     const NavPathResolutionSm* present = navPathResolutionSm(vrfName);
-    // The status may have gone and come back before this notification was read.
+    // The status may have been removed and added again before this notification was delivered.
     if (!status || (present && present->inputs().nexthopVrfStatus.ptr().get() != status)) {
         DUOLOG(pathTrace, 7, "Deleting NexthopMonitor for vrf: ", vrfName);
         navPathResolutionSmDel(vrfName);
@@ -119,11 +122,15 @@ void NavPathResolutionDirSm::handleNexthopVrfStatus(const L3::VrfName& vrfName) 
     if (!status) return;
     DUOLOG(pathTrace, 7, "Creating NexthopMonitor for vrf: ", vrfName);
     Vel::Hold hold;
-    navPathResolutionSmIs({vrfName, in_.pathConfigDir->pathConfigIs(vrfName),
-                           in_.pathStatusDir->pathStatusIs(vrfName), in_.siteGroupStatus,
+    PathConfig& pathConfig = in_.pathConfigDir->pathConfigIs(vrfName);
+    PathStatus& pathStatus = in_.pathStatusDir->pathStatusIs(vrfName);
+    Routing::NexthopVrfConfig& nexthopVrfConfig = in_.nexthopConfig->vrfIs(vrfName);
+    // A subscriber called above may have changed the status, which was handled then.
+    if (ended_ || in_.nexthopStatus->vrf(vrfName) != status || navPathResolutionSm(vrfName)) return;
+    navPathResolutionSmIs({vrfName, pathConfig, pathStatus, in_.siteGroupStatus,
                            in_.ipsecPathConfigDir, in_.navDb, in_.ipStatusDir, in_.ip6StatusDir,
-                           in_.nexthopConfig->vrfIs(vrfName), *status, in_.forwardingStatus,
-                           in_.forwarding6Status, in_.scheduler, this});
+                           nexthopVrfConfig, *status, in_.forwardingStatus, in_.forwarding6Status,
+                           in_.scheduler, this});
 }
 
 void NavPathResolutionDirSm::handlePathConfigured(const PathKey& pathKey,
@@ -135,20 +142,34 @@ void NavPathResolutionDirSm::handlePathConfigured(const PathKey& pathKey,
     if (in_.hwPathStatus->hwPathStatusList(key)) handleHwPathStatus(key);
 }
 
-// Of several entries for one path, those of an index that it had before say nothing.
+// Only the entry with the path's current index counts.
 void NavPathResolutionDirSm::handleHwPathStatus(const HwPathKey& key) {
     const PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(key.pathKey());
-    if (!pathKeyInfo || pathKeyInfo->pathIndex() != key.pathIndex) return;
+    if (!pathKeyInfo) return;
+    if (pathKeyInfo->pathIndex() != key.pathIndex) {
+        DUOLOG(pathTrace, 7, "Hardware pathIndex: ", key.pathIndex,
+               " is not pathIndex: ", pathKeyInfo->pathIndex(), " of path: ", key.pathKey());
+        return;
+    }
     const HwPathStatusEntry* entry = in_.hwPathStatus->hwPathStatusList(key);
     updatePathStatus(key.pathKey(), entry && entry->hwPathIndex() && entry->hwArpIndex());
 }
 
 void NavPathResolutionDirSm::updatePathStatus(const PathKey& pathKey, bool programmed) {
-    PathStatus* pathStatus = in_.pathStatusDir->pathStatus(vrfNameOf(*in_.navDb, pathKey.vrfId));
+    const PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(pathKey);
+    if (!pathKeyInfo) return;
+    PathStatus* pathStatus = in_.pathStatusDir->pathStatus(pathKeyInfo->vrfName());
     PathStatusEntry* entry = pathStatus ? pathStatus->pathStatusEntry(pathKey) : nullptr;
     if (!entry) return;
     DUOLOG(pathTrace, 7, "PathStatus set to ", programmed, " for path: ", pathKey);
     entry->programmedIs(programmed);
+}
+
+// The status of a connection that is established, else null.
+const Ipsec::Path::PathStatus* NavPathResolutionDirSm::established(
+    const Ipsec::ConnectionKey& connection) const {
+    const auto* status = in_.ipsecPathStatusDir->ipsecPathStatus(connection);
+    return status && status->connectionState() == Ipsec::Path::established ? status : nullptr;
 }
 
 void NavPathResolutionDirSm::handleIpsecConnectionState(const Ipsec::ConnectionKey& connection) {
@@ -162,30 +183,34 @@ void NavPathResolutionDirSm::handleIpsecConnectionState(const Ipsec::ConnectionK
         return;
     }
     const PathConfigEntry* config = pathConfig->pathConfigEntry(pathKey);
+    const PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(pathKey);
     if (!config) {
+        // A path with key info is just being added or removed, which takes care of its status.
+        if (pathKeyInfo && pathKeyInfo->vrfName() == connection.vrfName) return;
         DUOLOG(pathTrace, 7, "Config not present for ", pathKey, " Clear the status");
         pathStatus->pathStatusEntryDel(pathKey);
         return;
     }
-    const PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(pathKey);
     VEL_ASSERT(pathKeyInfo, "!!pathKeyInfo");
     PathStatusEntry* pathStatusEntry = pathStatus->pathStatusEntry(pathKey);
     VEL_ASSERT(pathStatusEntry, "pathStatusEntry");
 
-    const auto* status = in_.ipsecPathStatusDir->ipsecPathStatus(connection);
-    const bool established = status && status->connectionState() == Ipsec::Path::established;
-    const PathType type = established ? PathType::securedPath : pathTypeOf(config->ipsecProfile());
-    const U32 encapId = established ? status->encapId() : noEncapId;
-    if (established)
+    const auto* status = established(connection);
+    const PathType type = status ? PathType::securedPath : pathTypeOf(config->ipsecProfile());
+    const U32 encapId = status ? status->encapId() : noEncapId;
+    if (status)
         DUOLOG(pathTrace, 7, "Ipsec connection established for ", connection, " with encapId ",
                encapId);
     else if (type == PathType::securedPath)
         DUOLOG(pathTrace, 7, "Ipsec connection not established for ", connection, " with encapId ",
                encapId);
-    const Shard::Fib::Via& via = pathStatusEntry->pathInfo().via;
-    pathStatusEntry->pathInfoIs(
-        {type, pathStateOf(type, encapId, via), pathKeyInfo->pathIndex(), via});
-    pathStatusEntry->encapIdIs(encapId);
+    const Shard::Fib::Via via = pathStatusEntry->pathInfo().via;
+    const HwPathInfo info{type, pathStateOf(type, encapId, via), pathKeyInfo->pathIndex(), via};
+    pathStatusEntry->pathInfoIs(info);
+    // A subscriber called above may have changed the path or the connection.
+    if (pathStatusEntry->pathInfo() != info) return handleIpsecConnectionState(connection);
+    const auto* now = established(connection);
+    pathStatusEntry->encapIdIs(now ? now->encapId() : noEncapId);
 }
 
 }  // namespace Nav

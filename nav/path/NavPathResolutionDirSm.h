@@ -1,6 +1,7 @@
-// Path resolution of the whole agent: keeps a per-VRF reactor for each VRF that has next-hop
-// status, and folds the state of IPsec connections and of hardware programming into the status of
-// the paths, whether or not their VRF is being resolved.
+// Path resolution of all VRFs: keeps a per-VRF reactor for each VRF that has next-hop status, and
+// writes the state of IPsec connections and of hardware programming into the status of the paths,
+// also in VRFs without such a reactor. A path is in the VRF that its key info names, even while
+// several VRFs report its VRF id.
 //
 // Owned by the container.
 #pragma once
@@ -13,20 +14,20 @@ class NAV_EXPORT NavPathResolutionDirSm final : public Vel::Reactor {
   public:
     static constexpr std::string_view name = "Nav::NavPathResolutionDirSm";
     struct Inputs {
-        Vel::Input<PathConfigDir> pathConfigDir;                    // entries made for VRFs
+        Vel::Input<PathConfigDir> pathConfigDir;                    // entries created for VRFs
         Vel::Input<PathStatusDir> pathStatusDir;                    // written
-        Vel::Input<SiteGroupStatus> siteGroupStatus;                // handed on
+        Vel::Input<SiteGroupStatus> siteGroupStatus;                // passed on
         Vel::Input<HwPathStatus> hwPathStatus;                      // read
-        Vel::Input<Ipsec::Path::PathConfigDir> ipsecPathConfigDir;  // handed on
+        Vel::Input<Ipsec::Path::PathConfigDir> ipsecPathConfigDir;  // passed on
         Vel::Input<Ipsec::Path::PathStatusDir> ipsecPathStatusDir;  // read
         Vel::Input<NavDb> navDb;
-        Vel::Input<Ip::Status> ipStatusDir;                           // handed on
-        Vel::Input<Ip6::Status> ip6StatusDir;                         // handed on
-        Vel::Input<Routing::NexthopConfig> nexthopConfig;             // entries made for VRFs
+        Vel::Input<Ip::Status> ipStatusDir;                           // passed on
+        Vel::Input<Ip6::Status> ip6StatusDir;                         // passed on
+        Vel::Input<Routing::NexthopConfig> nexthopConfig;             // entries created for VRFs
         Vel::Input<Routing::NexthopStatus> nexthopStatus;             // read
-        Vel::Input<Shard::Fib::ForwardingStatus> forwardingStatus;    // handed on
-        Vel::Input<Shard::Fib6::ForwardingStatus> forwarding6Status;  // handed on
-        Vel::Input<Vel::Scheduler> scheduler;                         // handed on
+        Vel::Input<Shard::Fib::ForwardingStatus> forwardingStatus;    // passed on
+        Vel::Input<Shard::Fib6::ForwardingStatus> forwarding6Status;  // passed on
+        Vel::Input<Vel::Scheduler> scheduler;                         // passed on
     };
 
     explicit NavPathResolutionDirSm(const Inputs& inputs);
@@ -34,12 +35,12 @@ class NAV_EXPORT NavPathResolutionDirSm final : public Vel::Reactor {
     void handleInitialized() override;
     void doCleanup() override;
 
-    // A VRF's next-hop status came or went.
+    // A VRF's next-hop status was added or removed.
     void handleNexthopVrfStatus(const L3::VrfName& vrfName);
-    // A configured path is being resolved from now on: takes into account the IPsec status and the
-    // hardware entry that came before it.
+    // Called when resolution of a configured path begins: applies the IPsec status and the hardware
+    // entry that are present already.
     void handlePathConfigured(const PathKey& pathKey, const Ipsec::ConnectionKey& connection);
-    // Writes whether a path is programmed; nothing for a path without status.
+    // Writes whether a path is programmed. Does nothing for a path without key info or status.
     void updatePathStatus(const PathKey& pathKey, bool programmed);
 
     NavPathResolutionSm* navPathResolutionSm(const L3::VrfName& vrfName) const {
@@ -56,11 +57,13 @@ class NAV_EXPORT NavPathResolutionDirSm final : public Vel::Reactor {
 
     ~NavPathResolutionDirSm() override;
 
+    const Ipsec::Path::PathStatus* established(const Ipsec::ConnectionKey& connection) const;
     void handleIpsecConnectionState(const Ipsec::ConnectionKey& connection);
     void handleHwPathStatus(const HwPathKey& key);
 
     const Inputs in_;
     bool initialized_ = false;
+    bool ended_ = false;  // from doCleanup() on; no per-VRF reactor is made after
     Vel::ReactorMap<L3::VrfName, NavPathResolutionSm> navPathResolutionSm_;
     Vel::Subscription nexthopStatus_;
     Vel::EntryReactorsOf<VelHwPathStatusEntry, decltype(HwPathStatus::hwPathStatusListAttr)>

@@ -23,6 +23,7 @@ class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
         : owner_(owner),
           in_(owner.in_),
           entry_(entry),
+          connection_{pathKey().srcAddr, pathKey().dstAddr, in_.vrfName},
           ipsecProfile_(Vel::Subscription::to<&VelPathConfigEntry::handlePathIpsecProfile>(
               entry, PathConfigEntry::ipsecProfileAttr, this)) {}
 
@@ -37,15 +38,15 @@ class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
   private:
     const PathKey& pathKey() const { return entry_->key(); }
     void handlePathIpsecProfileDel();
-    void writeUnconnected(PathStatusEntry& status, U32 pathIndex);
+    bool isNewest(U32 profileRun) const;
+    bool writeUnconnected(U32 profileRun, U32 pathIndex);
 
     NavPathResolutionSm& owner_;
     const Inputs& in_;
     const Vel::Ptr<PathConfigEntry> entry_;
-    // The connection last requested or cleared. What is requested under one key is withdrawn under
-    // it, whatever the VRF is called by then.
-    Ipsec::ConnectionKey connection_;
-    IntfId intfHere_;  // where the source address is, if the database names another VRF's interface
+    const Ipsec::ConnectionKey connection_;
+    U32 profileRuns_ = 0;  // how often the profile was applied, to notice nested changes
+    IntfId intfHere_;      // of the source address, if the database names another VRF's interface
     Vel::Subscription ipsecProfile_;
 };
 
@@ -54,6 +55,7 @@ class NavPathResolutionSm::VelPathStatusEntry final : public Vel::Object {
   public:
     VelPathStatusEntry(NavPathResolutionSm& owner, PathStatusEntry& entry)
         : owner_(owner),
+          in_(owner.in_),
           siteGroupStatus_(*owner.in_.siteGroupStatus),
           entry_(entry),
           programmed_(Vel::Subscription::to<&VelPathStatusEntry::handlePathStatusEntry>(
@@ -68,12 +70,13 @@ class NavPathResolutionSm::VelPathStatusEntry final : public Vel::Object {
     void handlePathStatusEntryDelete();
 
     NavPathResolutionSm& owner_;
+    const Inputs& in_;
     SiteGroupStatus& siteGroupStatus_;
     const Vel::Ptr<PathStatusEntry> entry_;
     Vel::Subscription programmed_;
 };
 
-// A path with what decides which vias it takes.
+// A path and what decides which vias it takes.
 struct NavPathResolutionSm::Offer {
     PathStatusEntry& status;
     IntfId intf;
@@ -118,22 +121,26 @@ void NavPathResolutionSm::doCleanup() {
     pathConfigEntry_.clear();
     pathStatusEntry_.clear();
     fibMonitorHelperSm_.del();
-    in_.nexthopVrfConfig->nexthopDelAll();
+    for (const IpGenAddr& addr : in_.nexthopVrfConfig->nexthop()) {
+        // A subscriber may have added the VRF's status again: the requests are its reactor's then.
+        if (in_.dirSm->navPathResolutionSm(in_.vrfName)) break;
+        in_.nexthopVrfConfig->nexthopDel(addr);
+    }
     if (nexthopBacklog_) nexthopBacklog_->backlogDelAll();
     nexthopBacklog_ = nullptr;
 }
 
-// What nobody withdrew while the VRF was not being resolved.
+// Removes what was left behind while no reactor resolved the VRF.
 void NavPathResolutionSm::sweepLeftovers() {
-    const auto& configured = in_.pathConfig->pathConfigEntry();
     for (PathStatusEntry& status : in_.pathStatus->pathStatusEntry())
-        if (!configured.has(status.key()) && !in_.navDb->pathKeyInfo(status.key()))
+        if (initialized_ && !isConfigured(status.key()) && !in_.navDb->pathKeyInfo(status.key()))
             in_.pathStatus->pathStatusEntryDel(status.key());
     for (Ipsec::Path::PathConfig& request : in_.ipsecPathConfigDir->ipsecPathConfig())
-        if (request.key().vrfName == in_.vrfName &&
-            !configured.has(pathKeyOf(*in_.navDb, request.key())))
+        if (initialized_ && request.key().vrfName == in_.vrfName &&
+            !isConfigured(pathKeyOf(*in_.navDb, request.key())))
             in_.ipsecPathConfigDir->ipsecPathConfigDel(request.key());
-    for (const IpGenAddr& addr : in_.nexthopVrfConfig->nexthop()) releaseUnusedNexthop(addr);
+    for (const IpGenAddr& addr : in_.nexthopVrfConfig->nexthop())
+        if (initialized_) releaseUnusedNexthop(addr);
 }
 
 void NavPathResolutionSm::handlePathConfig(const PathKey& pathKey) {
@@ -141,17 +148,20 @@ void NavPathResolutionSm::handlePathConfig(const PathKey& pathKey) {
     if (!initialized_) return;
     Vel::Hold hold;
     const IpGenAddr& addr = pathKey.dstAddr;
-    if (!in_.pathConfig->pathConfigEntry(pathKey)) {
+    if (!isConfigured(pathKey)) {
         releaseUnusedNexthop(addr);
+        if (isConfigured(pathKey)) return;  // added again by a subscriber, here and below
         DUOLOG(pathTrace, 7, "Deleting path ", pathKey, " from pathStatus");
         in_.pathStatus->pathStatusEntryDel(pathKey);
-        in_.navDb->pathKeyInfoDel(pathKey);
+        const PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(pathKey);
+        if (!isConfigured(pathKey) && pathKeyInfo && pathKeyInfo->vrfName() == in_.vrfName)
+            in_.navDb->pathKeyInfoDel(pathKey);
     } else if (in_.nexthopVrfStatus->nexthop(addr)) {
         DUOLOG(pathTrace, 7, "Reviewing path ", pathKey, " for resolved addr ", addr);
         reviewPath(pathKey, addr);
     } else {
         requestNexthop(addr);
-        // A via that was recorded before this reactor's time went with the result.
+        // A via recorded by an earlier reactor of the VRF is void without a result.
         const PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey);
         if (status && status->pathInfo().via != Via{}) updatePathVia(pathKey, Via{});
     }
@@ -182,7 +192,7 @@ void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
     if (paths) {
         for (const PathKey& pathKey : paths->pathKey()) {
             if (!isTowards(addr, pathKey)) continue;
-            // A result that was there on somebody else's behalf must not vanish for good.
+            // The result may exist on another client's request, and vanish with that.
             if (!std::exchange(used, true) && !in_.nexthopVrfConfig->nexthopHas(addr))
                 requestNexthop(addr);
             reviewPath(pathKey, addr);
@@ -219,7 +229,7 @@ void NavPathResolutionSm::updatePathVia(const PathKey& pathKey, const Via& via) 
         publish(*offer, offer->takes(via) ? std::optional(via) : std::nullopt);
 }
 
-// Nothing for a path that has no status, no interface, or is not configured (any more).
+// Empty for a path that has no status, no interface, or is not configured.
 std::optional<NavPathResolutionSm::Offer> NavPathResolutionSm::offerTo(const PathKey& pathKey) {
     VelPathConfigEntry* config = pathConfigEntry_(pathKey);
     PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey);
@@ -247,21 +257,31 @@ bool NavPathResolutionSm::Offer::takes(const Via& via) const {
     return true;
 }
 
-// Writes what the via, if one was taken, makes of the path.
+// Writes the path's status for the via, if one was taken.
 void NavPathResolutionSm::publish(const Offer& offer, const std::optional<Via>& via) {
     Vel::Hold hold;
-    if (offer.type == PathType::unsecuredPath) offer.status.encapIdIs(noEncapId);
+    const PathKey& pathKey = offer.pathKey();
+    if (offer.type == PathType::unsecuredPath && offer.status.encapId() != noEncapId) {
+        offer.status.encapIdIs(noEncapId);
+        // A subscriber called above may have changed the path, which wrote its status.
+        const std::optional<Offer> now = offerTo(pathKey);
+        if (!now || &now->status != &offer.status || now->type != offer.type) return;
+    }
     if (!via) return;
     if (const PathKeyInfo* pathKeyInfo = keyInfoOf(offer.pathKey()))
         offer.status.pathInfoIs({offer.type, offer.stateBy(*via), pathKeyInfo->pathIndex(), *via});
 }
 
-// Whether the path goes there and is configured in this VRF.
-bool NavPathResolutionSm::isTowards(const IpGenAddr& addr, const PathKey& pathKey) const {
-    return pathKey.dstAddr == addr && in_.pathConfig->pathConfigEntry(pathKey);
+bool NavPathResolutionSm::isConfigured(const PathKey& pathKey) const {
+    return in_.pathConfig->pathConfigEntry(pathKey);
 }
 
-// Whether one of the paths that have the address is.
+// Whether this is the path's destination and the path is configured in this VRF.
+bool NavPathResolutionSm::isTowards(const IpGenAddr& addr, const PathKey& pathKey) const {
+    return pathKey.dstAddr == addr && isConfigured(pathKey);
+}
+
+// Whether a path configured in this VRF has this destination.
 bool NavPathResolutionSm::isUsed(const IpGenAddr& addr) const {
     const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
     if (!paths) return false;
@@ -289,10 +309,10 @@ const Fec& NavPathResolutionSm::fecOf(const Routing::NexthopResult& result) cons
     return fec ? *fec : none;
 }
 
-// Every configured path has one. Null for a path of which only a status is left.
+// The path's key info; null only for a path that is not configured.
 PathKeyInfo* NavPathResolutionSm::keyInfoOf(const PathKey& pathKey) const {
     PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(pathKey);
-    VEL_ASSERT(pathKeyInfo || !in_.pathConfig->pathConfigEntry(pathKey), "!!pathKeyInfo");
+    VEL_ASSERT(pathKeyInfo || !isConfigured(pathKey), "!!pathKeyInfo");
     return pathKeyInfo;
 }
 
@@ -310,17 +330,12 @@ void NavPathResolutionSm::VelPathConfigEntry::handleInitialized() {
 void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfile() {
     DUOLOG_ENTRY(pathTrace, pathKey());
     Vel::Hold hold;
-    in_.ipsecPathConfigDir->ipsecPathConfigDel(connection_);
-    connection_ = connectionKeyOf(*in_.navDb, pathKey());
+    const U32 profileRun = ++profileRuns_;
     in_.ipsecPathConfigDir->ipsecPathConfigDel(connection_);
     const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(pathKey());
-    if (!pathKeyInfo) return;
+    if (!pathKeyInfo || !isNewest(profileRun)) return;
     const U32 pathIndex = pathKeyInfo->pathIndex();
-    if (PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey()))
-        writeUnconnected(*status, pathIndex);
-    // Those told meanwhile may have taken the profile back, or the path.
-    if (ipsecProfile().empty() || in_.pathConfig->pathConfigEntry(pathKey()) != entry_.get())
-        return;
+    if (!writeUnconnected(profileRun, pathIndex) || ipsecProfile().empty()) return;
     DUOLOG(pathTrace, 7, "Adding connection ", connection_, " to ipsecPathConfig");
     in_.ipsecPathConfigDir->ipsecPathConfigIs(connection_, [&](Ipsec::Path::PathConfig& request) {
         request.profileIs(ipsecProfile());
@@ -329,28 +344,43 @@ void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfile() {
     });
 }
 
-// The path's status as it is without an IPsec connection, by the via recorded.
-void NavPathResolutionSm::VelPathConfigEntry::writeUnconnected(PathStatusEntry& status,
-                                                               U32 pathIndex) {
+// Whether no subscriber changed the profile, removed the path or ended the reactor since.
+bool NavPathResolutionSm::VelPathConfigEntry::isNewest(U32 profileRun) const {
+    return profileRun == profileRuns_ && owner_.initialized_ &&
+           in_.pathConfig->pathConfigEntry(pathKey()) == entry_.get();
+}
+
+// Writes the path's status without an IPsec connection, by the via recorded. Returns whether the
+// run is still the newest. A status that a subscriber wrote meanwhile is kept.
+bool NavPathResolutionSm::VelPathConfigEntry::writeUnconnected(U32 profileRun, U32 pathIndex) {
+    PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey());
+    if (!status) return true;
     const PathType type = pathTypeOf(ipsecProfile());
     if (type == PathType::securedPath)
         DUOLOG(pathTrace, 7, "Updating pathStatus to secured for path ", pathKey());
     else
         DUOLOG(pathTrace, 7, "Updating pathStatus to unsecured for path ", pathKey());
-    const Via& via = status.pathInfo().via;
-    status.pathInfoIs({type, pathStateOf(type, noEncapId, via), pathIndex, via});
-    status.encapIdIs(noEncapId);
+    const Via via = status->pathInfo().via;
+    const HwPathInfo info{type, pathStateOf(type, noEncapId, via), pathIndex, via};
+    status->pathInfoIs(info);
+    if (isNewest(profileRun) && status->pathInfo() == info) status->encapIdIs(noEncapId);
+    return isNewest(profileRun);
 }
 
 void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfileDel() {
     DUOLOG_ENTRY(pathTrace, pathKey());
-    DUOLOG(pathTrace, 7, "Deleting connection ", connection_, " from ipsecPathConfig");
-    in_.ipsecPathConfigDir->ipsecPathConfigDel(connection_);
+    // A connection names its VRF, a path the VRF's id: once that has changed, the connection may be
+    // that of the path with the new id.
+    const PathKey current = pathKeyOf(*in_.navDb, connection_);
+    if (current == pathKey() || !owner_.isConfigured(current)) {
+        DUOLOG(pathTrace, 7, "Deleting connection ", connection_, " from ipsecPathConfig");
+        in_.ipsecPathConfigDir->ipsecPathConfigDel(connection_);
+    }
     owner_.handlePathConfig(pathKey());
 }
 
-// The interface that the path leaves by; empty while none has its source address. The database has
-// one interface for an address; where the address is in several VRFs, that of this VRF counts.
+// The interface that has the path's source address; empty if none has. The database names one
+// interface for an address; where the address is in several VRFs, the one in this VRF counts.
 IntfId NavPathResolutionSm::VelPathConfigEntry::localIntf() {
     const IpGenAddr& addr = pathKey().srcAddr;
     const IntfId* mapped = in_.navDb->srcToIntfMapping(addr);
@@ -378,7 +408,7 @@ void NavPathResolutionSm::VelPathStatusEntry::handleInitialized() {
         DUOLOG(pathTrace, 7, "navPathResolutionSm not initialized");
         return;
     }
-    // The flag may have changed while nobody kept the site's list.
+    // The flag may have changed while no reactor kept the site's list.
     const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(entry_->key());
     if (!pathKeyInfo) return;
     const auto* site = siteGroupStatus_.siteGroupStatusEntry(pathKeyInfo->siteGroupKey());
@@ -394,6 +424,11 @@ void NavPathResolutionSm::VelPathStatusEntry::handlePathStatusEntry() {
     const U32 pathIndex = pathKeyInfo->pathIndex();
     SiteGroupStatusEntry& site =
         siteGroupStatus_.siteGroupStatusEntryIs(pathKeyInfo->siteGroupKey());
+    // A subscriber called above may have removed the path or moved it to another site.
+    if (!owner_.initialized_ || in_.pathStatus->pathStatusEntry(entry_->key()) != entry_.get() ||
+        in_.navDb->pathKeyInfo(entry_->key()) != pathKeyInfo ||
+        pathKeyInfo->siteGroupKey() != site.key())
+        return;
     if (entry_->programmed()) {
         DUOLOG(pathTrace, 7, "Adding pathIndex: ", pathIndex, " to site ", site.key());
         site.pathIndexEntryIs(pathIndex);
@@ -405,12 +440,14 @@ void NavPathResolutionSm::VelPathStatusEntry::handlePathStatusEntry() {
 
 void NavPathResolutionSm::VelPathStatusEntry::handlePathStatusEntryDelete() {
     DUOLOG_ENTRY(pathTrace, entry_->key());
+    Vel::Hold hold;
     const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(entry_->key());
     if (!pathKeyInfo) return;
     SiteGroupStatusEntry* site = siteGroupStatus_.siteGroupStatusEntry(pathKeyInfo->siteGroupKey());
     if (!site) return;
     site->pathIndexEntryDel(pathKeyInfo->pathIndex());
     if (!site->pathIndexEntry().empty()) return;
+    if (siteGroupStatus_.siteGroupStatusEntry(site->key()) != site) return;
     DUOLOG(pathTrace, 7, "Deleting siteGroupEntry for: ", site->key());
     siteGroupStatus_.siteGroupStatusEntryDel(site->key());
 }

@@ -1,14 +1,17 @@
-// Resolves the paths of one VRF: which way out each has, and with that its type and state.
+// Resolves the paths of one VRF into forwarding vias, which give each its type and state.
 //
 // For every configured path the reactor requests the resolution of the path's destination, requests
 // an IPsec connection if the path has a profile, and writes the path's status from the vias of the
-// FEC that the destination goes by: the last one that leaves through the path's own interface
-// counts. It keeps the indices of programmed paths in their sites' status. When a path's
-// configuration goes, its status, its key info and its requests go with it.
+// destination's FEC: the last one that leaves through the path's own interface counts. It keeps the
+// indices of programmed paths in their sites' status. When a path's configuration is removed, it
+// removes the path's status, key info and requests.
 //
-// Owned by the directory reactor, which keeps one while the VRF has next-hop status. One that comes
-// late sweeps what an earlier one left and ends in the state of one that was there from the start.
-// When it goes it first stops reacting, then withdraws its requests; path status stays as it is.
+// Owned by the directory reactor, which keeps one while the VRF has next-hop status. A reactor made
+// later removes what an earlier one left behind and reaches the state of one made at the start.
+// doCleanup() stops reacting, then withdraws the requests; path status stays as it is.
+//
+// Every write may call subscribers that change the inputs. After each one the reactor looks again
+// whether the path is still configured and the reactor still in charge of the VRF.
 #pragma once
 
 #include <optional>
@@ -48,11 +51,11 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     void handleInitialized() override;
     void doCleanup() override;
 
-    // A path's configuration came or went.
+    // A path's configuration was added or removed.
     void handlePathConfig(const PathKey& pathKey);
-    // Reviews the addresses in the backlog until there are none.
+    // Reviews the addresses in the backlog until it is empty.
     void handleNexthopBacklog();
-    // Resolves again all paths of the VRF towards an address; one, whose destination it is.
+    // Resolves all paths of the VRF with this destination again; one of them.
     void reviewNexthop(const Netz::IpGenAddr& addr);
     void reviewPath(const PathKey& pathKey, const Netz::IpGenAddr& addr);
     // Offers one via to one path.
@@ -65,6 +68,7 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
 
     ~NavPathResolutionSm() override;
 
+    bool isConfigured(const PathKey& pathKey) const;
     bool isTowards(const Netz::IpGenAddr& addr, const PathKey& pathKey) const;
     bool isUsed(const Netz::IpGenAddr& addr) const;
     void requestNexthop(const Netz::IpGenAddr& addr);
@@ -76,8 +80,8 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     void sweepLeftovers();
 
     const Inputs in_;
-    bool initialized_ = false;  // and not cleaned up yet
-    bool draining_ = false;
+    bool initialized_ = false;  // from handleInitialized() to doCleanup()
+    bool draining_ = false;     // within handleNexthopBacklog()
     Vel::Ptr<Routing::NexthopBacklog> nexthopBacklog_;
     Vel::Subscription backlogVersion_;
     Vel::Owned<Routing::FibMonitorHelperSm> fibMonitorHelperSm_;

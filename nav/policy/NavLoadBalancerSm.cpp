@@ -8,13 +8,6 @@ namespace Nav {
 
 using Classification::vrfTarget;
 
-namespace {
-// An id of 0 means "not known yet" for every VRF but this one.
-bool isAccepted(const L3::VrfName& vrf, U32 vrfId) {
-    return vrfId != 0 || vrf.str() == "default";
-}
-}  // namespace
-
 // Follows the hardware's id of one VRF.
 class NavLoadBalancerSm::VelVrfStatus : public Vel::Object {
   public:
@@ -37,7 +30,8 @@ class NavLoadBalancerSm::VelVrfStatus : public Vel::Object {
         if (!initialized_) return;
         const L3::VrfName& vrf = status_.vrfName();
         POLICY_TRACE(8, "vrfName: ", vrf, " vrfId: ", status_.vrfId());
-        if (isAccepted(vrf, status_.vrfId())) return owner_.vrfIdIs(vrf, status_.vrfId());
+        if (Routing::Hardware::knownVrfId(vrf, status_.vrfId()))
+            return owner_.vrfIdIs(vrf, status_.vrfId());
         POLICY_TRACE(8, "Skip mapping from ", vrf, " to ", status_.vrfId());
         if (owner_.vrfNameToId(vrf)) owner_.vrfIdDel(vrf);  // the id was withdrawn
     }
@@ -160,7 +154,7 @@ const U32* NavLoadBalancerSm::vrfNameToId(const L3::VrfName& vrf) const {
 
 void NavLoadBalancerSm::vrfIdIs(const L3::VrfName& vrf, U32 vrfId) {
     vrfNameToId_[vrf] = vrfId;
-    recordVrfId(*in_.navDb, vrf, vrfId);
+    recordVrfId(*in_.navDb, *in_.routingHwRouteStatus, vrf, vrfId);
     mapToConfigured(vrf);
 }
 
@@ -312,7 +306,7 @@ void NavLoadBalancerSm::handleNavPolicyConfigVersion(const L3::VrfName& vrf,
             POLICY_TRACE(8, "Add appProfileId: ", entry.appProfileId,
                          " lbGrpName: ", entry.lbProfileName);
         status->navRuleEntryIs(entry);
-        if (!isAccepted(vrf, vrfId)) continue;
+        if (!Routing::Hardware::knownVrfId(vrf, vrfId)) continue;
         const VrfAppKey key{vrfId, entry.appProfileId};
         if (Binding* bound = binding()) {
             bound->apps[key] = appName;

@@ -11,9 +11,9 @@
 
 namespace Nav {
 
-// Writes as much of the text as the descriptor takes without waiting; what it does not take, and
-// any error, is nobody's concern but the reader's. It may be no socket, or closed on either side:
-// no signal is raised.
+// Writes as much of the text as the descriptor takes without waiting. The rest and any error are
+// ignored. The descriptor need not be a socket and may be closed on either side; no signal is
+// raised.
 void sendAnswer(Vel::U32 fd, std::string_view text);
 
 class Answer {

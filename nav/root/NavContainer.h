@@ -1,12 +1,13 @@
-// Everything that works while the feature is configured: the path database and the reactors.
+// The path database and the reactors, which exist while the feature is configured.
 //
-// Owned by the root, which makes one when the feature is configured and drops it when it is not.
-// Making it discards the IPsec requests of an earlier life and derives everything anew; dropping it
-// withdraws all that was derived.
+// Owned by the root, which creates one when the feature becomes configured and deletes it when it
+// is not configured any more. A new container discards the IPsec requests of an earlier one and
+// derives everything anew; doCleanup() withdraws all that was derived.
 //
-// The order of creation: the database before any reactor, path construction before resolution, so
-// that the first resolution finds the paths, and the policy side before the load-balance profiles.
-// Path construction goes before resolution too, so that resolution withdraws what each path had.
+// Order of creation: the database before any reactor, path construction before resolution, so that
+// the first resolution finds the paths, and the policy side before the load-balance profiles.
+// Path construction is deleted before resolution too, so that resolution withdraws what it derived
+// of each path.
 #pragma once
 
 #include "nav/lb/NavLbSm.h"
@@ -29,7 +30,7 @@ class NAV_EXPORT NavContainer final : public Vel::Reactor {
     void handleInitialized() override;
     void doCleanup() override;
 
-    bool initialized() const { return initialized_; }
+    bool initialized() const { return initialized_; }  // complete, and not cleaned up
     // Null before handleInitialized() and after doCleanup().
     NavDb* navDb() const { return navDb_.get(); }
     NavPathGroupDirSm* navPathGroupDirSm() const { return navPathGroupDirSm_.get(); }
@@ -42,6 +43,7 @@ class NAV_EXPORT NavContainer final : public Vel::Reactor {
 
     const Inputs in_;
     bool initialized_ = false;
+    bool ended_ = false;  // from doCleanup() on
     Vel::Ptr<NavDb> navDb_;
     Vel::Owned<NavPathGroupDirSm> navPathGroupDirSm_;
     Vel::Owned<NavPathResolutionDirSm> navPathResolutionDirSm_;

@@ -1,6 +1,6 @@
-// What the host hands to the path-selection system: its configuration, the directories it
-// publishes, and the state of the router's other services. The host owns all of it and keeps it as
-// long as the root lives; the root passes it on whole.
+// The inputs of the path-selection system: its configuration, the directories it publishes, and the
+// state of the router's other services. The host owns them and keeps them alive as long as the
+// root; the root passes them on unchanged.
 #pragma once
 
 #include "nav/config/NavCliConfig.h"
@@ -40,8 +40,7 @@ VEL_INPUTS(NavInputs, cliConfig, pathConfigDir, navStatusDir, siteGroupStatus, h
            nexthopConfig, nexthopStatus, forwardingStatus, forwarding6Status, routingHwRouteStatus,
            navCliRequestDir, scheduler)
 
-// A set of inputs as they are when nobody has said anything yet, each entity named as its
-// attribute, for a host that has none of its own.
+// A set of empty inputs, each entity named like its attribute, for a host that has none of its own.
 NAV_EXPORT NavInputs makeNavInputs(Vel::Ptr<Vel::Scheduler> scheduler);
 
 }  // namespace Nav

@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::string_view nothing = "{ }";
 
-// How far a path has come. A path without status counts as one with a default status.
+// The state word of a path. One without status is shown as one with a default status.
 std::string_view stateWord(const PathStatusEntry* status) {
     if (!status) return "Route Pending";
     const HwPathInfo& info = status->pathInfo();
@@ -52,6 +52,7 @@ void NavRootSm::handleInitialized() {
 
 void NavRootSm::handleNavConfigured() {
     DUOLOG_ENTRY(rootTrace);
+    ended_ = false;
     in_.navStatusDir->navPathStatusDirIs("navPathStatusDir");
     in_.navStatusDir->navLbProfileStatusIs("navLbProfileDir");
     if (!navCliCallback_) navCliCallback_ = Vel::make<CliCallback>("navCli", "nav", *this);
@@ -59,17 +60,33 @@ void NavRootSm::handleNavConfigured() {
     requests.callbackIs(navCliCallback_);
     requests.handleCommandDir();
 
-    if (in_.cliConfig->navConfigured()) {
-        DUOLOG(rootTrace, 7, __PRETTY_FUNCTION__, ": ", "Creating Nav container");
-        navContainer_.is(in_);
-    } else {
-        DUOLOG(rootTrace, 7, __PRETTY_FUNCTION__, ": ", "Deleting Nav container");
-        navContainer_.del();
-    }
+    if (inTransition_) return;  // the outer call looks at the flag again
+    struct Transition {
+        bool& flag;
+        ~Transition() { flag = false; }
+    } transition{inTransition_ = true};
+    do {
+        if (isContainerWanted()) {
+            DUOLOG(rootTrace, 7, __PRETTY_FUNCTION__, ": ", "Creating Nav container");
+            navContainer_.is(in_);
+        } else {
+            DUOLOG(rootTrace, 7, __PRETTY_FUNCTION__, ": ", "Deleting Nav container");
+            navContainer_.del();
+        }
+    } while (isContainerWanted() != (navContainer() != nullptr));
+}
+
+bool NavRootSm::isContainerWanted() const {
+    return in_.cliConfig->navConfigured() && !ended_ && !gone();
+}
+
+NavContainer* NavRootSm::navContainer() const {
+    return navContainer_ && navContainer_->initialized() ? navContainer_.get() : nullptr;
 }
 
 void NavRootSm::doCleanup() {
     DUOLOG_ENTRY(rootTrace);
+    ended_ = true;
     navContainer_.del();
     navCliRequestDirSm_.del();
     if (navCliCallback_) navCliCallback_->navRootSmDel();
@@ -80,7 +97,7 @@ void NavRootSm::doCleanup() {
 
 // The database, if it has paths to show.
 const NavDb* NavRootSm::shownNavDb() const {
-    const NavDb* navDb = navContainer_ ? navContainer_->navDb() : nullptr;
+    const NavDb* navDb = navContainer() ? navContainer()->navDb() : nullptr;
     return navDb && !navDb->pathKeyInfo().empty() ? navDb : nullptr;
 }
 
@@ -88,7 +105,7 @@ void NavRootSm::showNavPaths(U32 fd) const {
     const NavDb* navDb = shownNavDb();
     if (!navDb) return sendAnswer(fd, nothing);
     const PathStatusDir* statusDir = in_.navStatusDir->navPathStatusDir();
-    const PathStatus* vrf = nullptr;  // of the path before; mostly of the next one too
+    const PathStatus* vrf = nullptr;  // of the previous path; most paths share their VRF with it
     Answer answer;
     answer.add("{'navPathSelPaths': [");
     for (const PathKeyInfo& path : navDb->pathKeyInfo()) {

@@ -1,14 +1,18 @@
-// The root of the path-selection system, which a host agent creates with what it has to offer:
+// The root of the path-selection system, which a host agent creates with its inputs:
 //
 //     Vel::Ptr<Nav::NavRootSm> root = Nav::NavRootSmIs({.cliConfig = …, …, .scheduler = …});
 //
-// While the configuration says that the feature is configured, the root keeps a container with
-// everything that works; otherwise nothing derived exists. The status directories and the command
-// interface live as long as the root: a show command is answered in either case.
+// While the feature is configured, the root keeps a container with the working reactors; otherwise
+// nothing derived exists. The status directories and the command interface live as long as the
+// root: a show command is answered in either case.
 //
-// Letting the last pointer go tears everything down. The root has no thread: whatever happens,
-// happens in a notification, in a task of the scheduler or in a command request, all on the host's
-// one event thread. The inputs outlive the root.
+// A host may change any input from within any notification. The container is created and deleted
+// one at a time: a flag that changes during that is acted upon when it is done, and until then
+// navContainer() is null.
+//
+// Releasing the last pointer deletes everything. The root has no thread: it works in notifications,
+// in tasks of the scheduler and in command requests, all on the host's one event thread. The inputs
+// outlive the root.
 #pragma once
 
 #include "nav/root/CliCallback.h"
@@ -27,17 +31,17 @@ class NAV_EXPORT NavRootSm final : public Vel::Reactor {
 
     void handleInitialized() override;
     void doCleanup() override;
-    // The configuration was replaced, or its flag changed.
+    // The configuration was replaced, or its flag `navConfigured` changed.
     void handleNavConfigured();
 
-    // Puts another entity in the place of an input. What was derived from the old one is withdrawn,
-    // and everything is derived anew. The same entity changes nothing; null is refused with an
-    // error that names the attribute.
+    // Replaces an input by another entity. Everything derived is withdrawn and derived anew. The
+    // same entity changes nothing; null is refused with an error that names the attribute.
     template <class T>
     void inputIs(Vel::Input<T> NavInputs::*input, Vel::Ptr<T> entity);
 
     bool initialized() const { return initialized_; }
-    NavContainer* navContainer() const { return navContainer_.get(); }  // null: not configured
+    // Null while the feature is not configured and while the container is created or deleted.
+    NavContainer* navContainer() const;
     CliCallback* navCliCallback() const { return navCliCallback_.get(); }
     Agent::AgentCommandRequestDirSm* navCliRequestDirSm() const {
         return navCliRequestDirSm_.get();
@@ -52,10 +56,13 @@ class NAV_EXPORT NavRootSm final : public Vel::Reactor {
     ~NavRootSm() override;
 
     const NavDb* shownNavDb() const;
+    bool isContainerWanted() const;
     Vel::Subscription followNavConfigured();
 
     Inputs in_;
     bool initialized_ = false;
+    bool ended_ = false;         // from doCleanup() on, until an input was replaced
+    bool inTransition_ = false;  // the container is being created or deleted
     Vel::Subscription navConfigured_;
     Vel::Owned<NavContainer> navContainer_;
     Vel::Ptr<CliCallback> navCliCallback_;

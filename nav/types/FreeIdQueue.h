@@ -1,5 +1,4 @@
-// The ids that are free, in the order in which they will be handed out: an id that is returned
-// waits until every id that was free before it has been used.
+// The free ids in the order they will be handed out: the id that has been free longest comes first.
 #pragma once
 
 #include <vector>
@@ -38,9 +37,10 @@ class FreeIdQueue {
   private:
     U32 next(U32 at) const { return at + 1 == ring_.size() ? 0 : at + 1; }
 
-    std::vector<U16> ring_;
-    U32 head_ = 0;
-    U32 tail_ = 0;  // a full ring ends where it begins
+    std::vector<U16>
+        ring_;      // as long as there are ids; the free ones are in [head_, head_ + size_)
+    U32 head_ = 0;  // of the next id to hand out
+    U32 tail_ = 0;  // of the next id returned; equals head_ when all or no ids are free
     U32 size_ = 0;
 };
 

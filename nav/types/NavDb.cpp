@@ -8,14 +8,34 @@ VEL_DEFINE(Nav, PathKeyInfo)
 VEL_DEFINE(Nav, PathGroupInfo)
 VEL_DEFINE(Nav, NavDb)
 
-void recordVrfId(NavDb& navDb, const L3::VrfName& vrfName, U32 vrfId) {
+namespace {
+// Whether `vrfName` names the id; then another VRF that reports the id names it, if there is one.
+bool passName(NavDb& navDb, const Routing::Hardware::RouteStatus& status,
+              const L3::VrfName& vrfName, U32 vrfId) {
+    const L3::VrfName* name = navDb.vrfIdToName(vrfId);
+    if (!name || *name != vrfName) return false;
+    for (const auto& other : status.vrfStatus())
+        if (other.vrfId() == vrfId && other.vrfName() != vrfName)
+            if (Routing::Hardware::knownVrfId(other.vrfName(), vrfId))
+                navDb.vrfIdToNameIs(vrfId, other.vrfName());
+    return true;
+}
+}  // namespace
+
+void recordVrfId(NavDb& navDb, const Routing::Hardware::RouteStatus& status,
+                 const L3::VrfName& vrfName, U32 vrfId) {
     if (const U32* known = navDb.vrfNameToId(vrfName); known && *known != vrfId) {
         const U32 before = *known;
-        const L3::VrfName* name = navDb.vrfIdToName(before);
-        if (name && *name == vrfName) navDb.vrfIdToNameDel(before);
+        if (passName(navDb, status, vrfName, before) && *navDb.vrfIdToName(before) == vrfName)
+            navDb.vrfIdToNameDel(before);
     }
     navDb.vrfNameToIdIs(vrfName, vrfId);
     navDb.vrfIdToNameIs(vrfId, vrfName);
+}
+
+void releaseVrfId(NavDb& navDb, const Routing::Hardware::RouteStatus& status,
+                  const L3::VrfName& vrfName) {
+    if (const U32* known = navDb.vrfNameToId(vrfName)) passName(navDb, status, vrfName, *known);
 }
 
 }  // namespace Nav

@@ -1,10 +1,10 @@
 // The path database: the cross-indexes by which the reactors of one container find paths by
-// address, group, VRF and load-balance profile. It lives and dies with the container; nobody
-// outside reads more of it than its text.
+// address, group, VRF and load-balance profile. It is private to the container, which creates and
+// destroys it; outside, only the show commands and generic access read it.
 #pragma once
 
 #include "nav/types/PathTypes.h"
-#include "platform/vel/Entity.h"
+#include "platform/services/Routing.h"
 
 namespace Nav {
 
@@ -14,7 +14,7 @@ class NAV_EXPORT PathAddrToPathKeySet : public Vel::Entity {
     VEL_SET(PathKey, pathKey)
 };
 
-// The load-balance keys that have an id on behalf of one profile.
+// The load-balance keys that have an id because of one profile.
 class NAV_EXPORT LbNameToLbKeySet : public Vel::Entity {
     VEL_ENTITY(LbNameToLbKeySet, Vel::String, lbName)
     VEL_SET(LbProfileKey, lbKey)
@@ -48,8 +48,13 @@ class NAV_EXPORT NavDb : public Vel::Entity {
     VEL_COUNTER(U32, pathIndex, 0)
 };
 
-// Records the id of a VRF both ways. The name of an earlier id goes, unless another VRF has that id
-// by now. Whoever hears of an id first calls it; a VRF without an id keeps the last one's name.
-NAV_EXPORT void recordVrfId(NavDb& navDb, const L3::VrfName& vrfName, U32 vrfId);
+// Records the id of a VRF both ways. Called by each reactor that learns of the id. The VRF's
+// earlier id is named by another VRF that reports it, or loses its name.
+NAV_EXPORT void recordVrfId(NavDb& navDb, const Routing::Hardware::RouteStatus& status,
+                            const L3::VrfName& vrfName, U32 vrfId);
+// The VRF reports no id any more: its last one is named by another VRF that reports it. Without
+// another, the VRF stays recorded with that id.
+NAV_EXPORT void releaseVrfId(NavDb& navDb, const Routing::Hardware::RouteStatus& status,
+                             const L3::VrfName& vrfName);
 
 }  // namespace Nav

@@ -1,5 +1,5 @@
-// The directories of paths: what construction requests, what resolution made of it, which paths of
-// a site are usable, which load-balance ids exist, and what the forwarding agent has programmed.
+// The directories of paths: the paths that construction requests, their status from resolution, the
+// usable paths of each site, the load-balance ids, and the state of programming in hardware.
 #pragma once
 
 #include "nav/types/PathTypes.h"
@@ -10,7 +10,7 @@ namespace Nav {
 // One requested path.
 class NAV_EXPORT PathConfigEntry : public Vel::Entity {
     VEL_ENTITY(PathConfigEntry, PathKey, key)
-    VEL_ATTRIBUTE(PathType, pathType, PathType::invalidPath)  // kept for readers; nobody sets it
+    VEL_ATTRIBUTE(PathType, pathType, PathType::invalidPath)  // never set, part of the interface
     VEL_ATTRIBUTE(U32, pathIndex, 0)
     VEL_ATTRIBUTE(Vel::String, ipsecProfile, {})  // empty: not secured
 };
@@ -26,7 +26,7 @@ class NAV_EXPORT PathConfigDir : public Vel::Entity {
     VEL_COLLECTION(L3::VrfName, PathConfig, pathConfig)
 };
 
-// What became of one path.
+// The result of resolving one path.
 class NAV_EXPORT PathStatusEntry : public Vel::Entity {
     VEL_ENTITY(PathStatusEntry, PathKey, key)
     VEL_ATTRIBUTE(HwPathInfo, pathInfo, {})
@@ -44,7 +44,7 @@ class NAV_EXPORT PathStatusDir : public Vel::Entity {
     VEL_COLLECTION(L3::VrfName, PathStatus, pathStatus)
 };
 
-// Sites as configuration: part of the published model, written by nobody in this library.
+// Sites as configuration: part of the published model, not written by this library.
 class NAV_EXPORT SiteGroupConfigEntry : public Vel::Entity {
     VEL_ENTITY(SiteGroupConfigEntry, SiteGroupKey, key)
     VEL_SET(PathKey, pathEntries)
@@ -56,7 +56,7 @@ class NAV_EXPORT SiteGroupConfig : public Vel::Entity {
     VEL_COLLECTION(SiteGroupKey, SiteGroupConfigEntry, siteGroupConfigEntry)
 };
 
-// The indices of a site's paths that are usable now.
+// The indices of a site's programmed paths.
 class NAV_EXPORT SiteGroupStatusEntry : public Vel::Entity {
     VEL_ENTITY(SiteGroupStatusEntry, SiteGroupKey, key)
     VEL_SET(U32, pathIndexEntry)
@@ -83,8 +83,8 @@ class NAV_EXPORT LbProfileStatus : public Vel::Entity {
     VEL_COLLECTION(LbProfileKey, LbProfileStatusEntry, lbProfileStatusEntry)
 };
 
-// How a path stands in hardware; written by the forwarding agent. A path is programmed when both
-// indices are not 0.
+// How a path is programmed in hardware; written by the forwarding agent. A path is programmed when
+// neither index is 0.
 class NAV_EXPORT HwPathStatusEntry : public Vel::Entity {
     VEL_ENTITY(HwPathStatusEntry, HwPathKey, key)
     VEL_ATTRIBUTE(U32, hwPathIndex, 0)

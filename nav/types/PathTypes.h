@@ -30,13 +30,19 @@ enum class PathState : U32 {
 };
 VEL_ENUM(PathState, unresolved, resolved)
 
-// The enumerator of a number or of a name; nothing if there is none.
+// The enumerator of a value text; Vel::Error if there is none.
+template <class E>
+E sequenceToValue(std::string_view text) {
+    return Vel::valueFromStrep<E>(text);
+}
+
+// The enumerator of a number or of a name; empty if there is none.
 NAV_EXPORT std::optional<PathType> PathTypeInstance(U32 value);
 NAV_EXPORT std::optional<PathType> PathTypeInstance(std::string_view name);
 NAV_EXPORT std::optional<PathState> PathStateInstance(U32 value);
 NAV_EXPORT std::optional<PathState> PathStateInstance(std::string_view name);
 
-// A path has no IPsec encapsulation id yet.
+// The encapsulation id of a path without an established IPsec connection.
 inline constexpr U32 noEncapId = 0xFFFFFFFE;
 
 struct NAV_EXPORT PathKey {
@@ -82,7 +88,7 @@ struct NAV_EXPORT SiteGroupKey {
 };
 VEL_VALUE(Nav, SiteGroupKey, name, routerIp)
 
-// What one load-balance id is allocated for.
+// The key for which one load-balance id is allocated.
 struct NAV_EXPORT LbProfileKey {
     Netz::IpGenAddr vtepIp;
     U32 appId = 0;
@@ -93,8 +99,7 @@ struct NAV_EXPORT LbProfileKey {
 };
 VEL_VALUE(Nav, LbProfileKey, vtepIp, appId, vrfId)
 
-// A member path of a load-balance id. It orders by path index; whoever wants the order of priority
-// (lower first) sorts by it.
+// A member path of a load-balance id. Its ordering is by path index, not by priority (lower first).
 struct PathWithPriority {
     U32 pathIndex = 0;
     U32 priority = 0;

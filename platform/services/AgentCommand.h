@@ -11,7 +11,7 @@ class VEL_EXPORT AgentCommandRequest : public Vel::Entity {
     VEL_ENTITY(AgentCommandRequest, Vel::Name, name)
     VEL_ATTRIBUTE(Vel::U32, socket, 0)
     VEL_ATTRIBUTE(Vel::String, command, {})
-    VEL_ATTRIBUTE(bool, answered, false)  // a request is answered once, whoever looks again
+    VEL_ATTRIBUTE(bool, answered, false)  // each request is answered once
 };
 
 }  // namespace Agent
@@ -36,7 +36,7 @@ class VEL_EXPORT AgentCommandCallback : public Vel::Object {
 // Calls the callback once for each request, those present when it is asked and those that come.
 class VEL_EXPORT AgentCommandRequestDirSm : public Vel::Reactor {
   public:
-    static constexpr const char* name = "AgentCommandRequestDirSm";
+    static constexpr std::string_view name = "Agent::AgentCommandRequestDirSm";
     struct Inputs {
         Vel::Input<Vel::Dir> navCliRequestDir;
     };

@@ -1,9 +1,9 @@
-// Tells one user of next-hop resolution which addresses of a VRF it has to look at again.
+// Tells one user of next-hop resolution which addresses of a VRF to review.
 //
-// Whenever the result of an address changes, or the FEC that the result names, the address is put
-// into the user's backlog, and a task announces it, so that a burst of changes is one entry per
-// address; a change and its contrary still are one entry, for the user cannot know that nothing
-// came of them. What is resolved already when the helper is made is not announced.
+// Whenever the result of an address changes, or the FEC that the result names, the address is added
+// to the user's backlog, and a task announces it, so that a burst of changes is one entry per
+// address. Changes that cancel out are one entry too: the user cannot know that they did. Results
+// present when the helper is made are not announced.
 //
 // Owned by its user, who also owns the backlog and drains it.
 #pragma once
@@ -35,8 +35,8 @@ class VEL_EXPORT FibMonitorHelperSm final : public Vel::Reactor {
     void doCleanup() override;
 
   private:
-    // That a resolved address goes by a FEC; the two address families have each their FEC ids.
-    // Ordered by FEC, so that the addresses of one are found without a walk.
+    // A resolved address uses a FEC; each address family has FEC ids of its own. Ordered by FEC, so
+    // that the addresses of one are found without a walk.
     struct Use {
         bool v6;
         Vel::U64 fecId;
@@ -53,8 +53,8 @@ class VEL_EXPORT FibMonitorHelperSm final : public Vel::Reactor {
     void announce();
 
     const Inputs in_;
-    Vel::Unordered<Vel::MapTraits<Netz::IpGenAddr, Vel::U64>> fecOf_;
-    std::set<Use> uses_;
+    Vel::Unordered<Vel::MapTraits<Netz::IpGenAddr, Vel::U64>> fecOf_;  // of each resolved address
+    std::set<Use> uses_;                                               // the same, by FEC
     Loom::Task announcement_;
     Vel::Subscription nexthop_;
     Vel::Subscription fec_;

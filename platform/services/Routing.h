@@ -1,6 +1,8 @@
 // The routing service: VRF ids, next-hop resolution requests and results.
 #pragma once
 
+#include <optional>
+
 #include "platform/vel/Entity.h"
 
 namespace Routing {
@@ -9,8 +11,14 @@ namespace Hardware {
 
 class VEL_EXPORT VrfStatus : public Vel::Entity {
     VEL_ENTITY(VrfStatus, L3::VrfName, vrfName)
-    VEL_ATTRIBUTE(Vel::U32, vrfId, 0)  // 0 means "not known yet" for every VRF but "default"
+    VEL_ATTRIBUTE(Vel::U32, vrfId, 0)  // 0 is the id of the VRF "default" alone, else: not known
 };
+
+// The id of a VRF as its status reports it; empty while it is not known.
+inline std::optional<Vel::U32> knownVrfId(const L3::VrfName& vrfName, Vel::U32 vrfId) {
+    if (vrfId == 0 && vrfName.str() != "default") return std::nullopt;
+    return vrfId;
+}
 
 class VEL_EXPORT RouteStatus : public Vel::Entity {
     VEL_ENTITY(RouteStatus, Vel::Name, name)
@@ -30,7 +38,7 @@ class VEL_EXPORT NexthopConfig : public Vel::Entity {
     VEL_COLLECTION(L3::VrfName, NexthopVrfConfig, vrf)
 };
 
-// A resolved address and the forwarding equivalence class it goes by.
+// A resolved address and its forwarding equivalence class.
 struct NexthopResult {
     Netz::IpGenAddr addr;
     Vel::U64 fecId = 0;

@@ -200,7 +200,8 @@ void Oracle::withholdClaims() {
 void Oracle::followAddresses() {
     if (fresh_) intfsOf_.clear();
     decltype(intfsOf_) now;
-    for (const auto& [id, intf] : now_.interfaces) now[{intf.addr, intf.vrf}].insert(id);
+    for (const auto* interfaces : {&now_.interfaces, &now_.interfaces6})
+        for (const auto& [id, intf] : *interfaces) now[{intf.addr, intf.vrf}].insert(id);
     for (auto& [source, intfs] : now) intfs.merge(intfsOf_[source]);
     intfsOf_ = std::move(now);
 }
@@ -541,6 +542,11 @@ void Oracle::nexthops() const {
             hold(results->contains(key.dstAddr) || got->contains(key.dstAddr), "a member",
                  "/nexthopConfig/vrf[", path.vrf, "]/nexthop[", key.dstAddr, "]");
     }
+    for (const auto& [name, group] : now_.groups)
+        for (const IntfId& id : group.intfs)
+            if (const Interface* intf = find(now_.interfaces, id); intf && !intf->addr.isZero())
+                hold(seen_.nexthops.contains(intf->vrf), "an entry", "/nexthopConfig/vrf[",
+                     intf->vrf, "]");
     for (const auto& [vrf, addrs] : seen_.nexthops) {
         const auto* allowed = &used[vrf];
         if (!now_.results.contains(vrf)) allowed = find(before_.nexthops, vrf);

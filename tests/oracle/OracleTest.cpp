@@ -37,7 +37,9 @@ class Episode {
     void happen(const Event& event) {
         const bool wasConfigured = world_->in.cliConfig->navConfigured();
         if (event.op == Event::Op::restart) {
-            world_ = std::make_unique<World>(*world_, true);
+            world_ = std::make_unique<World>(*world_, true, false);
+            if (!event.path.empty()) world_->apply(event);
+            world_->start();
             oracle_.restarted();
         } else {
             world_->apply(event);

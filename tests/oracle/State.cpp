@@ -56,8 +56,7 @@ Published::Database databaseOf(const Nav::NavDb& db) {
         out.paths[path.pathKey()] = {path.pathIndex(), path.siteGroupKey(), path.ipsecProfile(),
                                      path.vrfName()};
     for (const auto& addr : db.addrToPathKeySet())
-        if (auto keys = setOf<Nav::PathKey>(addr.pathKey()); !keys.empty())
-            out.pathsOfAddr[addr.addr()] = std::move(keys);
+        out.pathsOfAddr[addr.addr()] = setOf<Nav::PathKey>(addr.pathKey());
     out.intfOf = mapOf<IpGenAddr, IntfId>(db.srcToIntfMapping());
     for (const auto& group : db.pathGroupInfo())
         out.groups[group.pgName()] = {setOf<Nav::PathKey>(group.pathKeySet()),
@@ -98,6 +97,8 @@ Inputs inputsOf(const Nav::NavInputs& in) {
     copyConfig(*in.cliConfig, out);
     for (const auto& intf : in.ipStatusDir->ipIntfStatus())
         out.interfaces[intf.intfId()] = {intf.activeAddrWithMask().addr, intf.vrfName()};
+    for (const auto& intf : in.ip6StatusDir->ipIntfStatus())
+        out.interfaces6[intf.intfId()] = {intf.activeAddrWithMask().addr, intf.vrfName()};
     for (const auto& vrf : in.routingHwRouteStatus->vrfStatus())
         out.vrfIds[vrf.vrfName()] = vrf.vrfId();
     for (const auto& vrf : in.nexthopStatus->vrf()) {

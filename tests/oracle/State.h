@@ -64,7 +64,7 @@ struct Inputs {
     std::map<String, Policy> policies;
     std::map<String, Profile> profiles;
     std::map<VrfName, String> bindings;
-    std::map<IntfId, Interface> interfaces;
+    std::map<IntfId, Interface> interfaces, interfaces6;
     std::map<VrfName, U32> vrfIds;
     std::map<VrfName, std::map<IpGenAddr, U64>> results;  // FEC ids; a VRF here is resolved
     std::map<U64, std::vector<Shard::Fib::Via>> fecs, fecs6;
@@ -123,7 +123,7 @@ struct Published {
 
     struct Database {
         std::map<Nav::PathKey, PathInfo> paths;
-        std::map<IpGenAddr, std::set<Nav::PathKey>> pathsOfAddr;  // those that are not empty
+        std::map<IpGenAddr, std::set<Nav::PathKey>> pathsOfAddr;
         std::map<IpGenAddr, IntfId> intfOf;
         std::map<String, GroupInfo> groups;
         std::map<VrfName, U32> vrfId;

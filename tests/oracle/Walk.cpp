@@ -30,11 +30,16 @@ Event Walk::keep(std::string path, Datum value) {
 Event Walk::next(const World& world) {
     const bool configured = world.in.cliConfig->navConfigured();
     if (oneIn(configured ? 300 : 10)) return set("/cliConfig/navConfigured", {!configured});
-    if (configured && oneIn(500)) return {Event::Op::restart, ""};
+    if (configured && oneIn(500)) {
+        Event event = group();
+        if (event.op == Event::Op::del || oneIn(2)) event.path = "";
+        event.op = Event::Op::restart;
+        return event;
+    }
     const size_t kind = below(100);
     Event event = kind < 20   ? group()
                   : kind < 30 ? interface()
-                  : kind < 36 ? vrf()
+                  : kind < 36 ? vrf(world)
                   : kind < 50 ? policy(world)
                   : kind < 60 ? balance()
                   : kind < 75 ? route(world)
@@ -67,20 +72,28 @@ Event Walk::group() {
 Event Walk::interface() {
     const std::string intf = at("/ipStatusDir/ipIntfStatus", of(intfs));
     if (oneIn(10)) return del(intf);
+    if (oneIn(10)) {
+        const std::string intf6 = at("/ip6StatusDir/ipIntfStatus", of(intfs));
+        if (oneIn(3)) return del(intf6);
+        if (oneIn(4)) return set(intf6 + "/vrfName", textOf(vrfs));
+        return set(intf6 + "/activeAddrWithMask", textOf({"2001:db8::1/64", "2001:db8::2/64"}));
+    }
     if (oneIn(4)) return set(intf + "/vrfName", textOf(vrfs));
     return set(intf + "/activeAddrWithMask", textOf(addresses));
 }
 
-// Each VRF has ids of its own; 0 means not known yet for all but the default one.
-Event Walk::vrf() {
+// VRFs exchange ids, but no two have one at a time; 0 means not known for all but the default one.
+Event Walk::vrf(const World& world) {
     const std::string name = of(vrfs);
     const std::string vrf = at("/routingHwRouteStatus/vrfStatus", name);
     const std::string binding = at("/cliConfig/vrfConfig", name);
     if (oneIn(10)) return del(vrf);
     if (oneIn(10)) return del(binding);
     if (oneIn(2)) return set(binding + "/policyName", textOf({"p1", "p1", "p2", "p2", "none", ""}));
-    const U64 base = name == "default" ? 5 : name == "blue" ? 10 : 20;
-    return set(vrf + "/vrfId", {oneIn(4) ? U64{0} : base + below(2)});
+    U64 id = oneIn(4) ? 0 : 10 + below(4);
+    for (const auto& other : world.in.routingHwRouteStatus->vrfStatus())
+        if (other.vrfId() == id) id = 0;
+    return set(vrf + "/vrfId", {id});
 }
 
 Event Walk::policy(const World& world) {
@@ -156,7 +169,7 @@ Event Walk::connection(const World& world) {
         at("/ipsecPathStatusDir/ipsecPathStatus",
            Vel::Codec<Ipsec::ConnectionKey>::key({live.key.srcAddr, live.key.dstAddr, live.vrf}));
     if (oneIn(6)) return del(connection);
-    if (oneIn(3)) return set(connection + "/connectionState", numberOf({0, 2, 3}));
+    if (oneIn(3)) return set(connection + "/connectionState", {U64{below(6)}});
     return oneIn(2) ? set(connection + "/connectionState", numberOf({3}))
                     : set(connection + "/encapId", numberOf({7, 8, Nav::noEncapId}));
 }

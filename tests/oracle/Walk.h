@@ -41,7 +41,7 @@ class Walk {
     Vel::Datum fec();
     Event group();
     Event interface();
-    Event vrf();
+    Event vrf(const World& world);
     Event policy(const World& world);
     Event balance();
     Event route(const World& world);

@@ -14,16 +14,6 @@ const std::set<std::string_view> publishedRoots{"pathConfigDir",       "navStatu
                                                 "siteGroupStatus",     "ipsecPathConfigDir",
                                                 "navFeaturePolicyDir", "nexthopConfig"};
 
-// Calls f(name, entity) for each input that is one.
-template <class F>
-void eachRoot(const Nav::NavInputs& in, F&& f) {
-    Vel::eachField<Nav::NavInputs>([&](const auto& field) {
-        auto& input = *(in.*field.member);
-        if constexpr (std::is_base_of_v<Entity, std::remove_reference_t<decltype(input)>>)
-            f(std::string_view(field.name), input);
-    });
-}
-
 Entity* rootOf(const Nav::NavInputs& in, std::string_view name) {
     Entity* found = nullptr;
     eachRoot(in, [&](std::string_view root, Entity& entity) {
@@ -98,28 +88,49 @@ std::string difference(const Datum& a, const Datum& b, const std::string& place)
 }  // namespace
 
 std::string toLine(const Event& event) {
-    if (event.op == Event::Op::restart) return R"({"op":"ping","id":"restart over what is left"})";
+    if (event.op == Event::Op::restart && event.path.empty())
+        return R"({"op":"ping","id":"restart over what is left"})";
     std::string line =
-        event.op == Event::Op::set ? R"({"op":"set","path":")" : R"({"op":"del","path":")";
+        event.op == Event::Op::del ? R"({"op":"del","path":")" : R"({"op":"set","path":")";
     line += event.path + '"';
-    if (event.op == Event::Op::set) line += ",\"value\":" + json(event.value);
+    if (event.op == Event::Op::restart) line += R"(,"id":"while restarting over what is left")";
+    if (event.op != Event::Op::del) line += ",\"value\":" + json(event.value);
     return line + (event.run ? "}" : R"(,"id":"tasks held back"})");
 }
 
-World::World()
-    : in(Nav::makeNavInputs(Vel::make<Vel::Scheduler>(clock_))),
-      root(Nav::NavRootSmIs(in)) {}
+void eachRoot(const Nav::NavInputs& in,
+              const std::function<void(std::string_view, Vel::Entity&)>& f) {
+    Vel::eachField<Nav::NavInputs>([&](const auto& field) {
+        auto& input = *(in.*field.member);
+        if constexpr (std::is_base_of_v<Entity, std::remove_reference_t<decltype(input)>>)
+            f(std::string_view(field.name), input);
+    });
+}
 
-World::World(const World& from, bool published) : World() {
-    root = nullptr;
+World::World() : in(Nav::makeNavInputs(Vel::make<Vel::Scheduler>(clock_))) {
+    start();
+}
+
+World::World(const World& from, bool published, bool started) {
+    Vel::eachField<Nav::NavInputs>([&](const auto& field) {
+        auto& input = in.*field.member;
+        using T = std::remove_reference_t<decltype(*input)>;
+        if constexpr (std::is_same_v<T, Vel::Scheduler>)
+            input.replace(Vel::make<T>(clock_), "World", field.name);
+        else if constexpr (requires { T::fecAttr; })
+            input.replace((from.in.*field.member).ptr(), "World", field.name);
+        else
+            input.replace(Vel::make<T>(Vel::Name(field.name)), "World", field.name);
+    });
     if (published) {
         in.navStatusDir->navPathStatusDirIs("navPathStatusDir");
         in.navStatusDir->navLbProfileStatusIs("navLbProfileDir");
     }
     eachRoot(from.in, [&](std::string_view name, const Entity& entity) {
-        if (published || !publishedRoots.contains(name)) copy(entity, *rootOf(in, name));
+        Entity& mine = *rootOf(in, name);
+        if (&mine != &entity && (published || !publishedRoots.contains(name))) copy(entity, mine);
     });
-    root = Nav::NavRootSmIs(in);
+    if (started) start();
 }
 
 World::~World() {

@@ -1,6 +1,7 @@
 // A root with its inputs, driven by events by name, as somebody on the control socket would.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -9,7 +10,8 @@
 namespace Oracle {
 
 struct Event {
-    enum class Op { set, del, restart };  // restart: a new root over everything the old one left
+    // restart: a new root over everything the old one left, after the path, if any, has been set
+    enum class Op { set, del, restart };
     Op op;
     std::string path;
     Vel::Datum value{true};  // of an attribute or a map; a member of a set is true
@@ -20,17 +22,23 @@ struct Event {
 // not know, stand in the request's id.
 std::string toLine(const Event& event);
 
+// Calls f(name, entity) for each input that is an entity.
+void eachRoot(const Nav::NavInputs& in,
+              const std::function<void(std::string_view name, Vel::Entity& entity)>& f);
+
 class World {
   public:
     World();
-    // The same inputs, and what was published if so wanted, with a root of its own.
-    World(const World& from, bool published);
+    // The same inputs, and what was published if so wanted, with a root of its own, or one that is
+    // started later. The forwarding tables, which take long to make, are shared.
+    World(const World& from, bool published, bool started = true);
     ~World();
 
     // A "*" in the key of a hardware entry stands for the index that its path has now.
     Event resolved(Event event) const;
     // Deleting what is not there does nothing.
     void apply(const Event& event);
+    void start() { root = Nav::NavRootSmIs(in); }
     void settle() { in.scheduler->runDue(); }
     const Nav::NavDb* navDb() const {
         return root->navContainer() ? root->navContainer()->navDb() : nullptr;
