@@ -4,6 +4,23 @@
 add_library(nav_options INTERFACE)
 target_compile_options(nav_options INTERFACE -Wall -Wextra -Wpedantic)
 target_include_directories(nav_options INTERFACE ${PROJECT_SOURCE_DIR})
+# Checks of the standard library in development; hardening of what runs for good, which
+# tests/hardening_test.py reads off the binaries.
+include(CheckCXXCompilerFlag)
+include(CheckPIESupported)
+check_pie_supported()
+check_cxx_compiler_flag(-fcf-protection NAV_CF_PROTECTION)  # x86 has it
+set(fortify 3)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 12)
+    set(fortify 2)
+endif()
+target_compile_definitions(nav_options INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>
+                                                 $<$<CONFIG:Release>:_FORTIFY_SOURCE=${fortify}>)
+target_compile_options(nav_options INTERFACE
+    "$<$<CONFIG:Release>:-fstack-protector-strong;-fstack-clash-protection>"
+    $<$<AND:$<CONFIG:Release>,$<BOOL:${NAV_CF_PROTECTION}>>:-fcf-protection>)
+target_link_options(nav_options INTERFACE "$<$<CONFIG:Release>:-Wl,-z,relro,-z,now>")
+
 if(NAV_SANITIZE)
     target_compile_options(nav_options INTERFACE -fsanitize=${NAV_SANITIZE} -fno-omit-frame-pointer
                                                  -fno-sanitize-recover=all)

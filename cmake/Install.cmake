@@ -1,5 +1,7 @@
 # What another program needs to host the library: the two shared libraries, their headers as they
 # are included here, and a package for find_package(Nav) with the targets Nav::Nav and Nav::Vel.
+# `cmake --install DIR --component examples` installs the examples, with what plays the rest of the
+# router for them.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS Vel Nav EXPORT NavTargets)
@@ -13,3 +15,6 @@ install(EXPORT NavTargets NAMESPACE Nav:: DESTINATION ${package_dir} FILE NavCon
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/NavConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/NavConfigVersion.cmake DESTINATION ${package_dir})
+
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/nav/examples
+        COMPONENT examples EXCLUDE_FROM_ALL)

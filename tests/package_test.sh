@@ -1,17 +1,47 @@
 #!/usr/bin/env bash
-# Installs the libraries into a folder of its own, builds the example host against the installed
-# package alone, and runs it. Usage: package_test.sh BUILD_DIR SOURCE_DIR
+# Installs the product into a folder of its own, builds the example host against the installed package
+# alone, and runs it. Usage: package_test.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
 build=$1 source=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-cmake --install "$build" --prefix "$work/prefix" >"$work/log" || { cat "$work/log"; exit 1; }
-flags=$(sed -n 's/^NAV_SANITIZE:STRING=\(..*\)/-fsanitize=\1/p' "$build/CMakeCache.txt")
-cmake -S "$source/examples/host" -B "$work/host" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
-    -DCMAKE_CXX_FLAGS="$flags -Wall -Wextra -Wpedantic -Werror" >"$work/log" &&
-    cmake --build "$work/host" >>"$work/log" || { cat "$work/log"; exit 1; }
+quietly() {
+    "$@" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+}
+programs() {
+    (cd "$work/prefix/bin" 2>/dev/null && echo *)
+}
 
-answer=$(LD_LIBRARY_PATH="$work/prefix/lib:$work/prefix/lib/x86_64-linux-gnu" "$work/host/host")
+quietly cmake --install "$build" --prefix "$work/prefix"
+if grep -q '^NAV_BUILD_AGENT:BOOL=ON' "$build/CMakeCache.txt"; then
+    [[ $(programs) == "nav-agent navctl" ]] || { echo "installed: $(programs)"; exit 1; }
+    quietly cmake --install "$build" --prefix "$work/prefix" --component examples
+    [[ $(programs) == "nav-agent nav-forwarder navctl" &&
+        -e $work/prefix/share/nav/examples/branch/world.json ]] ||
+        { echo "with the examples: $(programs)"; exit 1; }
+fi
+
+flags=$(sed -n 's/^NAV_SANITIZE:STRING=\(..*\)/-fsanitize=\1/p' "$build/CMakeCache.txt")
+type=$(sed -n 's/^CMAKE_BUILD_TYPE:STRING=//p' "$build/CMakeCache.txt")
+quietly cmake -S "$source/examples/host" -B "$work/host" -G Ninja -DCMAKE_BUILD_TYPE="$type" \
+    -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_FLAGS="$flags -Wall -Wextra -Wpedantic -Werror"
+quietly cmake --build "$work/host"
+
+libraries=$(dirname "$(find "$work/prefix" -name libVel.so)")
+answer=$(LD_LIBRARY_PATH=$libraries "$work/host/host")
 echo "$answer"
 [[ $answer == *"'destination' : '198.51.100.2'"*"'state' : 'Route Pending'"*"'Path2'"* ]]
+
+# A program of the other kind of build must not link.
+other=-DNDEBUG
+[[ $type == Debug ]] || other=-UNDEBUG
+echo '#include "platform/vel/Entity.h"
+int main() {}' >"$work/other.cpp"
+# shellcheck disable=SC2086  # there may be no flags
+if g++ -std=c++20 $flags $other -I "$work/prefix/include/libnav" "$work/other.cpp" \
+    -L "$libraries" -lVel -o "$work/other" 2>"$work/log"; then
+    echo "a program compiled with $other links with a $type build of the libraries"
+    exit 1
+fi
+grep -q 'undefined reference to .*built.*NDEBUG' "$work/log" || { cat "$work/log"; exit 1; }
