@@ -116,11 +116,11 @@ World::World(const World& from, bool published, bool started) {
         auto& input = in.*field.member;
         using T = std::remove_reference_t<decltype(*input)>;
         if constexpr (std::is_same_v<T, Vel::Scheduler>)
-            input.replace(Vel::make<T>(clock_), "World", field.name);
+            input = Vel::make<T>(clock_);
         else if constexpr (requires { T::fecAttr; })
-            input.replace((from.in.*field.member).ptr(), "World", field.name);
+            input = (from.in.*field.member).ptr();
         else
-            input.replace(Vel::make<T>(Vel::Name(field.name)), "World", field.name);
+            input = Vel::make<T>(Vel::Name(field.name));
     });
     if (published) {
         in.navStatusDir->navPathStatusDirIs("navPathStatusDir");
