@@ -443,8 +443,16 @@ void LbProfileSm::sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex) 
     }
 }
 
+bool LbProfileSm::isMember(const LbProfileKey& key, const Vel::String& pgName,
+                           U32 pathIndex) const {
+    const auto* status = statusOf(key);
+    const auto* member = status ? status->pathEntry(pathIndex) : nullptr;
+    return member && member->groupName == pgName;
+}
+
 // The rule that governs the group acts, so that one change counts once however many rules share
-// the key.
+// the key. A group that no rule governs has members only while a reaction that has announced
+// something is still removing them.
 void LbProfileSm::handleVrfLbIdStatus(const SiteGroupKey& siteGroup, U32 pathIndex,
                                       const L3::VrfName& vrf, bool remove) {
     DUOLOG_ENTRY(lbTrace);
@@ -457,7 +465,9 @@ void LbProfileSm::handleVrfLbIdStatus(const SiteGroupKey& siteGroup, U32 pathInd
             const LbProfileKey key =
                 keyOf(siteGroup.routerIp, {enteredVrfId(entry, vrf), entry.appProfileId});
             const LbRule* governs = wanted(key).governing(siteGroup.name);
-            done = !governs || governs->entry != entry || governs->vrf != vrf ||
+            const bool acts = governs ? governs->entry == entry && governs->vrf == vrf
+                                      : remove && isMember(key, siteGroup.name, pathIndex);
+            done = !acts ||
                    updateLbIdPath(key, entry.lbProfileName, siteGroup.name, pathIndex, remove);
         }
     }

@@ -93,6 +93,7 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
 
     LbProfileStatusEntry* statusOf(const LbProfileKey& key) const;
     LbWanted wanted(const LbProfileKey& key) const;
+    bool isMember(const LbProfileKey& key, const Vel::String& pgName, U32 pathIndex) const;
     bool isUsable(const SiteGroupKey& siteGroup, U32 pathIndex) const;
 
     U32 vrfIdOf(const L3::VrfName& vrf) const;
