@@ -38,6 +38,7 @@ void appendTime(int64_t time, std::string& out) {
     char* end = std::to_chars(text, std::end(text), micros + 1000000).ptr;
     out.append(text + 1, end);
     out.append(text, strftime(text, sizeof text, "%z", &local));
+    out.insert(out.size() - 2, ":");  // RFC 3339 writes the offset as +01:00
 }
 
 Header headerAt(uint64_t position) {

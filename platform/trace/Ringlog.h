@@ -108,7 +108,7 @@ inline void commit(const Site& site, uint8_t* at, const uint8_t* end) {
 }
 
 // One record as text, in local time:
-//     2026-01-31T12:34:56.123456+0100 path:7 updatePathVia: Adding pathIndex: 3 (File.cpp:123)
+//     2026-01-31T12:34:56.123456+01:00 path:7 updatePathVia: Adding pathIndex: 3 (File.cpp:123)
 // The function's name is left out where the text itself begins with it. Control characters and
 // bytes that are not UTF-8 are written as \xHH.
 struct Line {

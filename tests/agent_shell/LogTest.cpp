@@ -70,7 +70,7 @@ TEST_F(LogTest, TheJournalIsToldPrioritiesAndOperatorsNoSourceLines) {
     }
     Duolog::levelIs("agent", 5);
     unsetenv("JOURNAL_STREAM");
-    const std::string text = received(), time = R"(\d{4}-\d\d-\d\dT[0-9:.]+[+-]\d{4})";
+    const std::string text = received(), time = R"(\d{4}-\d\d-\d\dT[0-9:.]+[+-]\d\d:\d\d)";
     EXPECT_TRUE(
         std::regex_match(text, std::regex("<4>" + time + " agent:4 careful\n<7>" + time +
                                           " agent:8 TestBody: detail \\(LogTest.cpp:\\d+\\)\n")))
