@@ -20,6 +20,7 @@
 
 #include "bench/Bench.h"
 #include "bench/FullSize.h"
+#include "bench/RunDirectory.h"
 #include "platform/shard/Map.h"
 #include "platform/trace/Duolog.h"
 
@@ -140,19 +141,20 @@ void tables(const Meter& meter, U32 entries) {
     });
 
     using Value = std::array<std::byte, 104>;
-    Shard::Map<U32, Value>::Writer writer("bench", entries);
+    const RunDirectory directory;
+    Shard::Map<U32, Value>::Writer writer(directory.space(), "bench", entries);
     Value value{};
     for (U32 key = 0; key < entries; ++key) writer.valueIs(key, value);
-    writer.commit();
+    (void)writer.commit();
     Shard::Map<U32, Value>::Reader reader(writer);
     reader.changes([](U32) {});
     meter.all("shared read", entries, [&](U32 key) { opaque(&reader)->find(key, value); });
     meter.all("shared write", entries, [&](U32 key) { opaque(&writer)->valueIs(key, value); });
-    writer.commit();
+    (void)writer.commit();
     reader.changes([](U32) {});
     meter.part("shared 16 changes", 16, [&](U32 i, auto&& counted) {
         for (U32 key = 0; key < 16; ++key) writer.valueIs((i + key * 61) % entries, value);
-        writer.commit();
+        (void)writer.commit();
         counted([&] { reader.changes([](U32 key) { opaque(&key); }); });
     });
 

@@ -271,9 +271,10 @@ void write(benchmark::State& state) {
 void changes(benchmark::State& state, U32 tableEntries) {
     using Map = Shard::Map<U32, Content<104>>;
     constexpr size_t changed = 16, readers = 64;
-    Map::Writer writer("bench", tableEntries);
+    const RunDirectory directory;
+    Map::Writer writer(directory.space(), "bench", tableEntries);
     for (U32 key = 0; key < tableEntries; ++key) writer.valueIs(key, {});
-    writer.commit();
+    (void)writer.commit();
     std::vector<std::unique_ptr<Map::Reader>> followers;
     for (size_t i = 0; i < readers; ++i) {
         followers.push_back(std::make_unique<Map::Reader>(writer));
@@ -283,7 +284,7 @@ void changes(benchmark::State& state, U32 tableEntries) {
     U32 key = 0;
     for (auto _ : state) {
         for (size_t i = 0; i < changed; ++i) writer.valueIs((key += 61) % tableEntries, {});
-        writer.commit();
+        (void)writer.commit();
         timed(state, [&] {
             for (const auto& reader : followers)
                 reader->changes([&](U32 k) { told += k < tableEntries; });

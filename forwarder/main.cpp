@@ -66,7 +66,10 @@ void publish(NavShard::NavCounters& counters, const Forwarder::Traffic& traffic,
         counters.lbProfileCounterDel({lbId});
         return true;
     });
-    counters.lbProfileCounterCommit();
+    if (counters.lbProfileCounterCommit()) return;
+    // Another process broke the table, and a new one has its name.
+    for (const auto& [lbId, entry] : traffic.entries()) counters.lbProfileCounterIs(entry);
+    if (counters.lbProfileCounterCommit()) counters.lbProfileCounterMounted();
 }
 
 void run(const std::string& runDir, const Forwarder::Rate& rate, std::chrono::milliseconds interval,

@@ -36,7 +36,7 @@ void readAndTakeOver(const Namespace& space, const Value& value, uint64_t listBy
     for (uint32_t key = 0; key < 2 * capacity; ++key) writer.valueDel(key);
     writer.clear();
     for (uint32_t key = 0; key < capacity; ++key) writer.valueIs(key, value);
-    writer.commit();
+    VEL_ASSERT(writer.commit(), "a segment just taken over is damaged");
     reader.update();
     for (uint32_t key = 0; key < capacity; ++key)
         VEL_ASSERT(reader.find(key, got) == Lookup::found && got == value,
@@ -48,10 +48,10 @@ void readAndTakeOver(const Namespace& space, const Value& value, uint64_t listBy
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const TempDir run;
     static const Namespace space(run.path);
-    const std::string name = space.segmentName("map");
+    const std::string name = space.fileOf("map");
     const auto putBytes = [&] {
-        shm_unlink(name.c_str());
-        const Descriptor fd(shm_open(name.c_str(), O_RDWR | O_CREAT, S_IRUSR | S_IWUSR));
+        unlink(name.c_str());
+        const Descriptor fd(open(name.c_str(), O_RDWR | O_CREAT, S_IRUSR | S_IWUSR));
         VEL_ASSERT(write(fd.get(), data, size) == static_cast<ssize_t>(size), "no shared memory");
     };
     putBytes();
@@ -59,6 +59,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     putBytes();
     readAndTakeOver<ListMap<uint32_t, Value, 4>>(space, std::vector<Value>{{1, 2, 3}, {4, 5, 6}},
                                                  1024);
-    shm_unlink(name.c_str());
+    unlink(name.c_str());
     return 0;
 }

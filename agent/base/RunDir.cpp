@@ -1,6 +1,7 @@
 #include "agent/base/RunDir.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -66,6 +67,15 @@ RunDir::RunDir(std::string path) : path_(std::move(path)) {
     }
     // For the message above only: a lock file that could not be written locks all the same.
     if (ftruncate(lock_, 0) == 0) dprintf(lock_, "%d\n", getpid());
+}
+
+RunDir::RunDir(std::string path, const std::string& group) : RunDir(std::move(path)) {
+    if (group.empty()) return;
+    const struct group* entry = getgrnam(group.c_str());
+    if (!entry) throw RunDirError("group " + group + ": not found");
+    if (chown(path_.c_str(), static_cast<uid_t>(-1), entry->gr_gid) != 0 ||
+        chmod(path_.c_str(), 0750) != 0)
+        fail(path_ + ": cannot give it to group " + group);
 }
 
 // The lock file stays: removing it would let two newcomers lock two different files.

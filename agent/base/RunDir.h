@@ -31,6 +31,10 @@ class RunDir {
     // cannot be made, is no directory, or belongs to a running agent. The lock goes with the
     // process, so that what a crashed agent left behind never stands in the way.
     explicit RunDir(std::string path);
+    // The same, and unless `group` is empty gives the directory to it with mode 0750, so that its
+    // members may read the shared maps (platform/shard/Namespace.h). Sockets and lock stay the
+    // owner's alone. RunDirError if there is no such group or the process may not give it.
+    RunDir(std::string path, const std::string& group);
     ~RunDir();
     RunDir(const RunDir&) = delete;
     RunDir& operator=(const RunDir&) = delete;

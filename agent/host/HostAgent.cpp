@@ -24,7 +24,7 @@ std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop) 
 HostAgent::HostAgent(Options options, Log& log)
     : options_(std::move(options)),
       scheduler_(Vel::make<Vel::Scheduler>(clock_)),
-      runDir_(options_.runDir),
+      runDir_(options_.runDir, options_.group),
       loop_(*scheduler_),
       logInLoop_(log, loop_),
       terminated_(loop_.onSignal(SIGTERM, [this] { stop("SIGTERM"); })),
@@ -32,13 +32,13 @@ HostAgent::HostAgent(Options options, Log& log)
       hungUp_(loop_.onSignal(SIGHUP, [this] { reload(); })),
       host_(*scheduler_, makePlatform(options_, loop_)),
       routerLog_(host_.inputs(), host_.platform(), [this] { return host_.database(); }),
+      fib_(*host_.inputs().forwardingStatus, Shard::Namespace(runDir_.path()), "fib", *scheduler_),
+      fib6_(*host_.inputs().forwarding6Status, Shard::Namespace(runDir_.path()), "fib6",
+            *scheduler_),
       requests_(host_.controlled()),
       commands_(loop_, runDir_.path() + "/" + commandSocketName,
                 [this](const std::string& word) { return host_.show(word); }),
       control_(loop_, runDir_.path() + "/" + controlSocketName, requests_) {
-    const Shard::Namespace space(runDir_.path());
-    host_.inputs().forwardingStatus->mountIs(space, *scheduler_);
-    host_.inputs().forwarding6Status->mountIs(space, *scheduler_);
     DUOLOG(agentTrace, 5, "nav-agent ", NAV_VERSION, " started, platform ", options_.platform,
            ", pid ", getpid(), ", run directory ", runDir_.path());
     loadFile();

@@ -12,6 +12,7 @@
 #include "agent/shell/ControlServer.h"
 #include "agent/shell/EventLoop.h"
 #include "agent/shell/Log.h"
+#include "platform/shard/SharedFib.h"
 
 namespace Agent {
 
@@ -20,6 +21,7 @@ struct Options {
     std::string platform = "sim";  // who plays the router's other services
     std::string world;             // file that describes the simulated router; none if empty
     std::string runDir;            // not empty: main takes defaultRunDir() where none is given
+    std::string group;             // whose members may read the shared maps; none if empty
     int logLevel = 5;              // of the trace, which main switches on
 };
 
@@ -49,6 +51,8 @@ class HostAgent {
     EventLoop::Registration terminated_, interrupted_, hungUp_;
     Host host_;
     const RouterLog routerLog_;
+    Shard::SharedFib<Shard::Fib::ForwardingStatus> fib_;
+    Shard::SharedFib<Shard::Fib6::ForwardingStatus> fib6_;
     Control requests_;
     CommandServer commands_;
     ControlServer control_;

@@ -22,6 +22,9 @@ int main(int argc, char** argv) {
     app.add_option("--run-dir", options.runDir,
                    "Where the sockets live: /run/nav for root, else $XDG_RUNTIME_DIR/nav")
         ->type_name("DIR");
+    app.add_option("--group", options.group,
+                   "Group that may read the shared maps; the run directory gets it and mode 0750")
+        ->type_name("NAME");
     app.add_option("--log-level", options.logLevel,
                    "Trace levels up to this one are logged, of all facilities")
         ->check(CLI::Range(0, 8))

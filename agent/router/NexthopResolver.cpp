@@ -4,9 +4,6 @@
 #include <set>
 #include <tuple>
 
-#include "agent/router/RouterTrace.h"
-#include "platform/netz/Error.h"
-
 namespace Agent {
 
 using Netz::IpGenAddr;
@@ -57,51 +54,29 @@ std::map<U64, const Vias*> commonVias(const std::vector<Target>& targets) {
     return common;
 }
 
-// Returns whether the FEC has the vias now.
-template <class Fib>
-bool writeFec(Fib& fib, U64 id, const Vias& vias) {
-    try {
-        fib.fecIs(id, vias);
-        return true;
-    } catch (const Vel::Error& error) {
-        const auto* fec = fib.fec(id);
-        if (fec && fec->vias() == vias) throw;  // stored; a subscriber raised the error
-        DUOLOG(routerTrace, 2, "FEC ", id, " was refused by the forwarding table: ", error.what());
-        return false;
-    }
-}
-
 // Publishes the vias of the targets, all of one address family. REQUIRES: no other address of the
-// family has a result. Returns whether some FECs were refused although others have been deleted
-// since, so that another attempt may succeed.
+// family has a result.
 template <class Fib>
-bool publishFamily(Fib& fib, const std::vector<Target>& targets, U64& lastFecId) {
+void publishFamily(Fib& fib, const std::vector<Target>& targets, U64& lastFecId) {
     FecIds ids = presentFecs(fib, targets);
     std::set<U64> used;
     for (const auto& [vias, id] : ids) used.insert(id);
     for (const auto& [fecId, vias] : commonVias(targets)) {
         if (!vias || used.contains(fecId)) continue;
         U64& id = ids.find(*vias)->second;
-        if (id == 0 && writeFec(fib, fecId, *vias)) used.insert(id = fecId);
+        if (id != 0) continue;
+        used.insert(id = fecId);
+        fib.fecIs(id, *vias);
     }
-    bool refused = false, freed = false;
     for (auto& [vias, id] : ids) {
-        if (id == 0 && writeFec(fib, lastFecId + 1, vias)) used.insert(id = ++lastFecId);
-        refused |= id == 0;
+        if (id != 0) continue;
+        used.insert(id = ++lastFecId);
+        fib.fecIs(id, vias);
     }
-    for (const Target& target : targets) {
-        const U64 id = ids.find(target.vias)->second;
-        if (id != 0)
-            target.vrf.nexthopIs({target.addr, id});
-        else
-            target.vrf.nexthopDel(target.addr);
-    }
-    for (const auto& [id, fec] : fib.fec()) {
-        if (used.contains(id)) continue;
-        fib.fecDel(id);
-        freed = true;
-    }
-    return refused && freed;
+    for (const Target& target : targets)
+        target.vrf.nexthopIs({target.addr, ids.find(target.vias)->second});
+    for (const auto& [id, fec] : fib.fec())
+        if (!used.contains(id)) fib.fecDel(id);
 }
 
 }  // namespace
@@ -131,9 +106,8 @@ void NexthopResolver::resolve() {
         for (const auto& [addr, vias] : resolved)
             (addr.isV6() ? targets6 : targets).push_back({vrf, addr, vias});
     }
-    const bool retry = publishFamily(*in_.forwardingStatus, targets, lastFecId_);
-    const bool retry6 = publishFamily(*in_.forwarding6Status, targets6, lastFecId_);
-    if (retry || retry6) review();
+    publishFamily(*in_.forwardingStatus, targets, lastFecId_);
+    publishFamily(*in_.forwarding6Status, targets6, lastFecId_);
 }
 
 }  // namespace Agent

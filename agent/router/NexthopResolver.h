@@ -11,9 +11,6 @@
 // vias, as when the gateway before them changes, the FEC keeps its id and takes them, and no result
 // changes. Any other address with new vias gets another FEC, so that no address ever names a FEC
 // with vias that are neither its old nor its new ones.
-//
-// A FEC that a forwarding table refuses, because it is full or broken, is traced; its addresses
-// have no result until a later resolution succeeds.
 #pragma once
 
 #include <functional>

@@ -55,13 +55,15 @@ void NavCounters::lbProfileCounterDelAll() {
     lbProfileCounterNotifyCollection();
 }
 
-void NavCounters::lbProfileCounterCommit(const NavLbProfileCounterEntry& entry) {
+bool NavCounters::lbProfileCounterCommit(const NavLbProfileCounterEntry& entry) {
     lbProfileCounterIs(entry);
-    lbProfileCounterCommit();
+    return lbProfileCounterCommit();
 }
 
-void NavCounters::lbProfileCounterCommit() {
-    writer().commit();
+bool NavCounters::lbProfileCounterCommit() {
+    if (writer().commit()) return true;
+    lbProfileCounterNotifyCollection();
+    return false;
 }
 
 void NavCounters::lbProfileCounterMounted() {

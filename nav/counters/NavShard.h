@@ -124,8 +124,11 @@ class NAV_EXPORT NavCounters : public Vel::Entity {
     void lbProfileCounterIs(const NavLbProfileCounterEntry& entry);
     void lbProfileCounterDel(const NavLbProfileCounterKey& key);
     void lbProfileCounterDelAll();
-    void lbProfileCounterCommit(const NavLbProfileCounterEntry& entry);
-    void lbProfileCounterCommit();   // all that was written since
+    // Commits that entry, or all that was written since the last commit. False when another process
+    // had cut, damaged or unlinked the table: it has been made anew and is empty; write every entry
+    // again and end with lbProfileCounterMounted.
+    bool lbProfileCounterCommit(const NavLbProfileCounterEntry& entry);
+    bool lbProfileCounterCommit();
     void lbProfileCounterMounted();  // the table holds all that it should
 
     // Either side. False when there is none, or no table.

@@ -29,15 +29,16 @@ bool patch(uintptr_t address) {
 }
 
 void handleBus(int signal, siginfo_t* info, void* context) {
+    const bool fault = info->si_code > 0;  // not sent by a process: sigaction(2)
     const int savedErrno = errno;
-    const bool patched = patch(reinterpret_cast<uintptr_t>(info->si_addr));
+    const bool patched = fault && patch(reinterpret_cast<uintptr_t>(info->si_addr));
     errno = savedErrno;
     if (patched) return;
     if (previous.sa_flags & SA_SIGINFO) return previous.sa_sigaction(signal, info, context);
     if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
         return previous.sa_handler(signal);
     }
-    sigaction(SIGBUS, &previous, nullptr);  // the access faults again and meets the old action
+    if (fault) sigaction(SIGBUS, &previous, nullptr);  // the access faults again, without us
 }
 
 // The first range installs the handler.

@@ -1,10 +1,10 @@
-// The writer's private account of which units of a segment's heap are free. It lives in no shared
-// memory: it is built from the index at take-over, and again when free units have become too
-// scattered, so a writer's death loses nothing.
+// The writer's private account of which units of a segment's heap are free. It is built from the
+// index at take-over, and again when free units have become too scattered, so a writer's death
+// loses nothing.
 //
-// A value that is replaced by one of its length goes to the place of one replaced `rest` times
-// before: a reader in the middle of a copy then nearly always finishes, even of a key that is being
-// rewritten all the time, and the exchange costs a few instructions.
+// A new value that has the length of the one it replaces is written to units that were freed `rest`
+// replacements earlier. A reader in the middle of a copy then nearly always finishes, even of a key
+// that is rewritten all the time, and the exchange costs a few instructions.
 #pragma once
 
 #include <cstdint>
@@ -25,8 +25,8 @@ class VEL_EXPORT Extents {
     // Makes free exactly the units not in `used`.
     void reset(const std::vector<bool>& used);
 
-    // The first unit of a free extent, or `none` when no free run is long enough; a reset may
-    // then help, since it joins neighbours.
+    // The first unit of a free extent, or `none` when no free run is long enough; a reset may then
+    // help, since it joins neighbours.
     uint32_t take(uint32_t length) {
         auto& units = resting_[length].units;
         return units.size() > rest ? pop(units) : carve(length);
@@ -42,12 +42,14 @@ class VEL_EXPORT Extents {
     }
 
   private:
+    // Free units that were never given back since the last reset.
     struct Run {
         uint32_t unit, length;
     };
+    // First units of extents of one length that were given back.
     struct Resting {
         std::vector<uint32_t> units;
-        uint32_t turn{0};
+        uint32_t turn{0};  // of the first `rest` of them, the one exchanged last
     };
     static uint32_t pop(std::vector<uint32_t>& units) {
         const uint32_t unit = units.back();
@@ -57,8 +59,9 @@ class VEL_EXPORT Extents {
     uint32_t carve(uint32_t length);
     uint32_t exchangeFresh(uint32_t unit, uint32_t length);
 
+    // Every unit is in use, in one run, or in one resting extent.
     std::vector<Resting> resting_;  // by length
-    std::vector<Run> runs_;
+    std::vector<Run> runs_;         // in no order; none is empty
 };
 
 }  // namespace Shard

@@ -3,7 +3,7 @@
 // how a reader and a writer work on it. Whoever changes anything here raises `layoutVersion`.
 //
 // One 64-bit word of the index stands for one key. Everything that a write changes becomes visible
-// by one store of that word, so there is no half-written state for a writer to die in.
+// by one store of that word, so a writer that dies leaves no half-written state.
 #pragma once
 
 #include <atomic>
@@ -17,10 +17,10 @@
 namespace Shard {
 
 constexpr uint64_t magic = 0x31454c4254444853;  // "SHDTBLE1"
-constexpr uint32_t layoutVersion = 1;
-constexpr uint32_t maxProbe = 128;       // a key lies within so many slots from its home
-constexpr uint32_t maxUnits = 1U << 24;  // as many as a word can number
-constexpr uint32_t maxKeyBytes = 256;    // of keys, padded
+constexpr uint32_t layoutVersion = 2;
+constexpr uint32_t maxProbe = 64;        // slots in which a key may stand, from its home on
+constexpr uint32_t maxUnits = 1U << 24;  // limited by the bits of Word::unit
+constexpr uint32_t maxKeyBytes = 256;    // including padding
 constexpr uint32_t maxValueBytes = 1U << 24;
 
 // What a map holds, known to both sides at compile time.
@@ -32,7 +32,7 @@ struct Shape {
 
     constexpr uint32_t keyWords() const { return keyBytes / 8; }
     // A block is {lead, key, value}. The lead is the value's length in bytes in a list map, whose
-    // blocks begin anywhere; else it is the use counter of the block's unit.
+    // blocks begin at any unit; else it is the use counter of the block's only unit.
     constexpr uint64_t blockBytes(uint64_t bytes) const {
         return 8 + keyBytes + (bytes + 7) / 8 * 8;
     }
@@ -44,16 +44,16 @@ struct Shape {
 
 struct VEL_EXPORT Geometry {
     Shape shape;
-    uint32_t capacity;     // keys at most
-    uint32_t homes;        // slots a key can hash to, a power of two; maxProbe more follow
+    uint32_t capacity;     // most keys
+    uint32_t homes;        // slots that a key can hash to, a power of two; maxProbe more follow
     uint32_t ringRecords;  // a power of two
-    uint32_t unitBytes;    // the heap is handed out in these
+    uint32_t unitBytes;    // the heap is allocated in units of this size
     uint32_t units;
 
-    // `listBytes`: how much the values of a list map may take together. Raises Vel::Error when the
-    // map would exceed what the layout can number.
+    // `listBytes`: what the values of a list map may take together. Raises Vel::Error when the map
+    // would exceed what the layout can number.
     static Geometry of(const Shape& shape, uint32_t capacity, uint64_t listBytes);
-    // Whether the numbers are ones `of` could have made; nothing else is safe to compute with.
+    // Whether `of` could have made these numbers. REQUIRED before anything below is computed.
     bool sound() const;
 
     uint64_t slots() const { return uint64_t{homes} + maxProbe; }
@@ -69,46 +69,57 @@ struct VEL_EXPORT Geometry {
     uint32_t unitsFor(uint64_t bytes) const {
         return static_cast<uint32_t>((shape.blockBytes(bytes) + unitBytes - 1) / unitBytes);
     }
-    // Units that a block can begin in: its key, and where there is one its length, lie in the heap.
+    // Units in which a block can begin: its lead and its key then lie within the heap.
     uint32_t beginnings() const { return units - unitsFor(0) + 1; }
     bool operator==(const Geometry&) const = default;
 };
 
-enum class Phase : uint32_t { making, mounting, mounted, quiesced };
-
-struct Header {
-    std::atomic<uint64_t> magic;  // written last
+// What never changes while a segment has its name. A segment gets its name when this is complete.
+struct Identity {
+    uint64_t magic;
     uint32_t layoutVersion;
     int32_t writerPid;  // for messages only
     uint64_t seed;      // of the hash
     Geometry geometry;
-    uint32_t reserved0;
+    uint32_t reserved;
+};
+
+enum class Phase : uint32_t { mounting = 1, mounted, quiesced };
+
+// Written by the writer only. Each store that readers act upon is a release, each load of theirs an
+// acquire; what the pair orders is said at the member.
+struct Header {
+    Identity identity;
+    // Release: whoever sees `mounted` sees the words put before; whoever sees `quiesced`, the last.
     std::atomic<uint32_t> phase;
-    uint32_t reserved1;
-    uint64_t bell;  // rung by pwrite(2), so that watchers of the file wake; the value says nothing
-    alignas(64) std::atomic<uint64_t> writers;  // writers so far; each new one raises it
-    std::atomic<uint64_t> moves;                // raised whenever a word has moved within the index
-    std::atomic<uint64_t> head;                 // changes published so far
-    std::atomic<uint64_t> count;                // keys
+    uint32_t reserved;
+    uint64_t wakeup;  // written by pwrite(2) to cause an inotify event; its value means nothing
+    // Writers so far. Release: whoever sees a new one sees the `head` at which it began.
+    alignas(64) std::atomic<uint64_t> writers;
+    // Changes published so far. Release: whoever sees it sees these records of the ring, and every
+    // word and block that they are about.
+    std::atomic<uint64_t> head;
+    // Keys. Relaxed: for people; nothing is derived from it.
+    std::atomic<uint64_t> count;
 };
 
 static_assert(std::atomic<uint64_t>::is_always_lock_free && sizeof(std::atomic<uint64_t>) == 8);
 static_assert(std::atomic<uint32_t>::is_always_lock_free && sizeof(std::atomic<uint32_t>) == 4);
 static_assert(std::endian::native == std::endian::little);
-static_assert(sizeof(Shape) == 16 && sizeof(Geometry) == 36);
-static_assert(offsetof(Header, layoutVersion) == 8 && offsetof(Header, seed) == 16);
-static_assert(offsetof(Header, geometry) == 24 && offsetof(Header, phase) == 64);
-static_assert(offsetof(Header, bell) == 72 && offsetof(Header, writers) == 128);
-static_assert(offsetof(Header, moves) == 136 && offsetof(Header, head) == 144);
-static_assert(offsetof(Header, count) == 152 && sizeof(Header) == 192);
+static_assert(sizeof(Shape) == 16 && sizeof(Geometry) == 36 && sizeof(Identity) == 64);
+static_assert(offsetof(Identity, layoutVersion) == 8 && offsetof(Identity, seed) == 16);
+static_assert(offsetof(Identity, geometry) == 24 && offsetof(Header, phase) == 64);
+static_assert(offsetof(Header, wakeup) == 72 && offsetof(Header, writers) == 128);
+static_assert(offsetof(Header, head) == 136 && offsetof(Header, count) == 144);
+static_assert(sizeof(Header) == 192);
 
 inline uint64_t Geometry::indexAt() const {
     return sizeof(Header);
 }
 
 // A word of the index: the unit where the key's block begins, the unit's use counter when the
-// block was written, and eight bits of the hash that spare most looks at other keys. Use counters
-// begin at 1, so that no word in use is 0, which is the empty slot.
+// block was written, and eight bits of the hash that spare most comparisons with other keys. Use
+// counters begin at 1, so that no word in use is 0, which is the empty slot.
 struct Word {
     uint64_t bits;
 

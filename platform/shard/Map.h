@@ -2,15 +2,17 @@
 //
 //     using Counters = Shard::Map<LbId, CounterEntry>;
 //     Counters::Writer writer(space, "counters", 1023);     // in one process
-//     writer.valueIs(key, entry); writer.commit();
+//     writer.mountComplete();
+//     writer.valueIs(key, entry);
+//     if (!writer.commit()) ...;                            // put everything again
 //     Counters::Reader reader(space, "counters");           // in any other
 //     reader.update(); reader.find(key, entry) == Shard::Lookup::found
 //
-// Map holds values of one type; ListMap holds for each key a list of up to `longest` records, given
-// as a span and found as a vector, and the memory taken follows the lists' lengths. Keys and values
-// are copied as bytes: both are trivially copyable, a key has no padding, and neither may hold a
-// pointer. Raise `schema` when the meaning of the bytes changes, so that an older reader refuses
-// the map.
+// Map holds values of one type. ListMap holds for each key a list of up to `longest` records, put
+// as a span and found as a vector; the memory that it takes follows the lists' lengths. Keys and
+// values are copied as bytes: both are trivially copyable, a key has no padding, and neither may
+// hold a pointer. Raise `schema` when the meaning of the bytes changes, so that an older reader
+// refuses the map.
 #pragma once
 
 #include <array>
@@ -24,7 +26,7 @@
 
 namespace Shard {
 
-// A key as the tables know it: whole words, padded with zeros.
+// A key as a segment holds it: whole words, padded with zeros.
 template <class Key>
 struct KeyWords {
     static_assert(std::is_trivially_copyable_v<Key>);
@@ -52,7 +54,7 @@ struct KeyWords {
     std::array<uint64_t, size> words{};
 };
 
-// How values go in and out: plain ones,
+// How values of one size are copied in and out.
 template <class V>
 struct PlainValues {
     static_assert(std::is_trivially_copyable_v<V> && sizeof(V) <= maxValueBytes);
@@ -66,7 +68,7 @@ struct PlainValues {
     static std::span<const V> bytesOf(Input value) { return {&value, 1}; }
 };
 
-// and lists.
+// The same for lists.
 template <class Record, uint32_t records>
 struct ListValues {
     static_assert(std::is_trivially_copyable_v<Record>);
@@ -75,8 +77,8 @@ struct ListValues {
     using Input = std::span<const Record>;
     static constexpr uint32_t longest = records * sizeof(Record), list = 1;
 
-    // A length that is no multiple of a record's never came from a writer; the list is then merely
-    // wrong, as any value in a damaged segment may be.
+    // A length that is no multiple of a record's comes from damage; the list is then wrong, as any
+    // value in a damaged segment may be.
     static auto placeIn(Value& value) {
         return [&value](uint64_t bytes) {
             value.resize((bytes + sizeof(Record) - 1) / sizeof(Record));
@@ -93,21 +95,18 @@ struct TypedMap {
 
     class Writer : public MapWriter {
       public:
-        // `listBytes`: how much lists are to take together.
+        // `capacity`: most keys. `listBytes`: what all lists may take together.
         Writer(const Namespace& space, const std::string& map, uint32_t capacity,
                uint64_t listBytes = 0)
             : MapWriter(space, map, shape, capacity, listBytes) {}
 
-        Writer(const std::string& map, uint32_t capacity, uint64_t listBytes = 0)
-            : MapWriter(map, shape, capacity, listBytes) {}
-
-        // Inserts or replaces. Raises Vel::Error when the list is too long or the map is full; what
-        // was there then stays.
+        // Inserts or replaces. Raises Vel::Error when the list is too long or the map is full; the
+        // key then keeps the value that it has.
         void valueIs(const Key& key, typename Values::Input value) {
             const auto bytes = Values::bytesOf(value);
             put<shape>(KeyWords<Key>(key).data(), bytes.data(), bytes.size_bytes());
         }
-        // Whether there was one.
+        // False when the key was not in the map.
         bool valueDel(const Key& key) { return erase(KeyWords<Key>(key).data()); }
         bool find(const Key& key, Value& value) const {
             return MapWriter::find<shape>(KeyWords<Key>(key).data(), Values::placeIn(value)) ==
@@ -124,8 +123,8 @@ struct TypedMap {
         Lookup find(const Key& key, Value& value) const {
             return MapReader::find<shape>(KeyWords<Key>(key).data(), Values::placeIn(value));
         }
-        // Calls `visit(key, value)` for each entry: for those that are there all the time at least
-        // once, for others perhaps. False when an entry was left out because it could not be read.
+        // Calls `visit(key, value)` for each entry that is present throughout, and perhaps for
+        // others. False when an entry was left out because it could not be read.
         template <class Visit>
         bool forEach(Visit&& visit) const {
             KeyWords<Key> key;
@@ -134,8 +133,8 @@ struct TypedMap {
                 key.words.data(), Values::placeIn(value),
                 [&](const uint64_t* words) { visit(KeyWords<Key>::keyOf(words), value); });
         }
-        // Calls `visit(key)` for each key put or removed since the last call, as often as it was;
-        // what it has now is for the visitor to look up. See News for `everything`.
+        // Calls `visit(key)` for each put or removal since the last call; the visitor looks up the
+        // value as it is now. See News for `everything`.
         template <class Visit>
         News changes(Visit&& visit) {
             return MapReader::changes<shape>(

@@ -7,20 +7,20 @@
 namespace Shard {
 
 MapReader::MapReader(const Namespace& space, const std::string& map, const Shape& shape)
-    : space_(space), map_(map), shape_(shape), watch_(std::make_unique<Watch>()) {
-    space.segmentName(map);
+    : space_(space), map_(map), shape_(shape), watch_(std::make_unique<Watch>(space.directory())) {
+    (void)space.fileOf(map);  // refuses what is no name
 }
 
 MapReader::MapReader(const MapWriter& writer)
-    : shape_(writer.segment()->table().geometry().shape), segment_(writer.segment()) {
-    table_ = segment_->table();
+    : shape_(writer.segment()->view().geometry().shape), segment_(writer.segment()) {
+    view_ = segment_->view();
     state_ = stateOfPhase();
 }
 
 MapReader::~MapReader() = default;
 
 MapState MapReader::stateOfPhase() const {
-    switch (static_cast<Phase>(table_.header().phase.load(std::memory_order_acquire))) {
+    switch (static_cast<Phase>(view_.header().phase.load(std::memory_order_acquire))) {
         case Phase::mounted:
             return MapState::mounted;
         case Phase::quiesced:
@@ -40,26 +40,25 @@ MapState MapReader::update() {
     }
     if (standing == Standing::cut) {
         drop();
-        corruption("the segment was cut");
+        corruption("somebody changed the segment's size");
     }
     if (!segment_ || state_ == MapState::quiesced) remount();
     return state_;
 }
 
-// A segment that is still being made keeps what there was before it.
+// Without a next segment the one that was mounted last stays readable.
 void MapReader::remount() {
+    refusal_.clear();
     try {
         Descriptor fd = Segment::find(*space_, map_);
         if (!fd) {
-            refusal_.clear();
             if (!segment_) state_ = MapState::absent;
             return;
         }
         watch_->fileIs(fd);
-        auto next = Segment::mount(*space_, std::move(fd), shape_, refusal_);
-        if (next) {
+        if (auto next = Segment::mount(*space_, map_, std::move(fd), shape_, refusal_)) {
             segment_ = std::move(next);
-            table_ = segment_->table();
+            view_ = segment_->view();
             seenWriters_ = 0;
             state_ = stateOfPhase();
             return;
@@ -67,7 +66,7 @@ void MapReader::remount() {
     } catch (const Vel::Error& error) {
         refusal_ = error.what();
     }
-    if (!refusal_.empty()) drop();
+    drop();
 }
 
 void MapReader::drop() {

@@ -1,12 +1,13 @@
 // A reader of a shared map, in any process; the typed face of it is in Map.h.
 //
-// A reader may be made before there is a writer and stays through writers' comings and goings. It
-// maps read-only and writes nothing, so nobody can tell that it is there. One thread.
+// A reader may be made before there is a writer, and follows one writer after another. It opens and
+// maps the segment for reading only, so read access to the run directory and to the map's file is
+// all it needs. One thread.
 //
-// The way to follow a map: update(), look at the state and the changes, wait until fd() is
-// readable (or await), and again from update(). Whatever happens after an update makes fd()
-// readable: a commit, the mount's completion, an orderly stop, a writer's death, a new segment.
-// Lookups need none of that and show each put at once.
+// The way to follow a map: update(), look at the state and the changes, wait until fd() is readable
+// (or await), and repeat. Whatever happens after an update makes fd() readable: a commit, the
+// mount's completion, an orderly stop, a writer's death, a new segment. Lookups need none of that
+// and show each put at once.
 #pragma once
 
 #include <chrono>
@@ -21,46 +22,48 @@
 namespace Shard {
 
 enum class MapState {
-    absent,    // no segment of that name; nothing is found
-    refused,   // there is one, but it cannot be read: refusal() says why; nothing is found
-    mounting,  // there is a writer that has not put everything yet
+    absent,    // nothing has that name; nothing is found
+    refused,   // what has the name cannot be read: refusal() says why; nothing is found
+    mounting,  // a writer has begun and has not put everything yet
     mounted,   // complete
-    quiesced   // the writer has gone in order; its last values can still be read
+    quiesced   // the writer has stopped in order; its last values can still be read
 };
 
 enum class News {
     none,
-    keys,       // each key that changed was told
-    everything  // a first look, a new writer, or too many changes: walk the map
+    keys,       // the visitor was called for each key that changed
+    everything  // a first look, a new writer, or more changes than the ring holds: walk the map
 };
 
 class VEL_EXPORT MapReader {
   public:
     // Follows a map by name. The map's state is absent until the first update. Raises Vel::Error
-    // when the name is none or the kernel gives no watch.
+    // when the name is invalid or the kernel gives no descriptor.
     MapReader(const Namespace& space, const std::string& map, const Shape& shape);
-    // Reads the map of a writer in the same process, through the same mapping. There is nothing to
-    // wait on, and the reader ends up quiesced with its writer.
+    // Reads the map of a writer in the same process, through the same mapping. It has no descriptor
+    // to wait on, and stays with the segment that the writer has now.
     explicit MapReader(const MapWriter& writer);
     ~MapReader();
     MapReader(const MapReader&) = delete;
     MapReader& operator=(const MapReader&) = delete;
 
-    // Mounts what there is to mount.
+    // Takes in what has happened to the segment, and mounts the next where there is one.
     MapState update();
     MapState state() const { return state_; }
     const std::string& refusal() const { return refusal_; }
-    // Whether somebody is there to write, as the kernel knows it.
+    // Whether a living process holds the writer's lock.
     bool writerAlive() const { return segment_ && segment_->writerAlive(); }
-    uint64_t count() const { return segment_ ? table_.header().count.load() : 0; }
+    uint64_t count() const {
+        return segment_ ? view_.header().count.load(std::memory_order_relaxed) : 0;
+    }
 
-    // Readable when there is something to update; -1 for a reader in the writer's process.
+    // Readable when update() has something to take in; -1 for a reader of a writer's own mapping.
     int fd() const { return watch_ ? watch_->fd() : -1; }
     // Waits until fd() is readable. True unless the time ran out.
     bool await(std::chrono::milliseconds timeout) const;
 
-    // Places where the segment contradicted itself, each a failed lookup or a refused segment. The
-    // handler is told of each as it is met.
+    // Failed lookups and lost segments that damage has caused so far. The handler is called at
+    // each.
     uint64_t corruptions() const { return corruptions_; }
     void corruptionHandlerIs(std::function<void(const std::string& what)> handler) {
         corruptionHandler_ = std::move(handler);
@@ -71,7 +74,7 @@ class VEL_EXPORT MapReader {
     Lookup find(const uint64_t* key, Place&& place) const {
         if (!segment_) [[unlikely]]
             return Lookup::absent;
-        const Lookup result = table_.find<shape>(key, place);
+        const Lookup result = view_.find<shape>(key, place);
         if (result == Lookup::corrupt) [[unlikely]]
             corruption("an entry contradicts the index");
         return result;
@@ -95,11 +98,11 @@ class VEL_EXPORT MapReader {
     Shape shape_;
     std::unique_ptr<Watch> watch_;
     std::shared_ptr<Segment> segment_;
-    Table table_;
+    View view_;  // of segment_
     MapState state_{MapState::absent};
     std::string refusal_;
-    uint64_t seenWriters_{0};
-    uint64_t seen_{0};  // changes
+    uint64_t seenWriters_{0};  // the header's `writers` at the last look; 0 before the first
+    uint64_t seen_{0};         // changes taken in; at most the header's `head` of that writer
     mutable uint64_t corruptions_{0};
     std::function<void(const std::string&)> corruptionHandler_;
 };
@@ -109,9 +112,9 @@ bool MapReader::walk(uint64_t* key, Place&& place, Visit&& visit) const {
     if (!segment_) return true;
     bool complete = true;
     const std::shared_ptr<Segment> kept = segment_;
-    const Table table = table_;
-    for (uint64_t slot = table.geometry().slots(); slot-- > 0;) {
-        switch (table.read<shape>(slot, key, place)) {
+    const View view = view_;
+    for (uint64_t slot = view.geometry().slots(); slot-- > 0;) {
+        switch (view.read<shape>(slot, key, place)) {
             case Lookup::found:
                 visit(key);
                 break;
@@ -131,21 +134,22 @@ template <Shape shape, class Visit>
 News MapReader::changes(Visit&& visit) {
     if (!segment_) return News::none;
     const std::shared_ptr<Segment> kept = segment_;
-    const Table& table = kept->table();
-    const uint64_t writers = table.header().writers.load(std::memory_order_acquire);
-    const uint64_t head = table.header().head.load(std::memory_order_acquire);
+    const View& view = kept->view();
+    // Acquire: the ring is read after `head`, and `head` after the writer that it belongs to.
+    const uint64_t writers = view.header().writers.load(std::memory_order_acquire);
+    const uint64_t head = view.header().head.load(std::memory_order_acquire);
     const uint64_t ahead = head - seen_;
-    if (writers != seenWriters_ || ahead > table.geometry().ringRecords) {
+    if (writers != seenWriters_ || ahead > view.geometry().ringRecords) {
         seenWriters_ = writers;
         seen_ = head;
         return News::everything;
     }
     for (uint64_t i = 0; i < ahead; ++i) {
-        const uint64_t* const record = table.record<shape>(seen_);
+        const uint64_t* const record = view.record<shape>(seen_);
         uint64_t key[shape.keyWords()];
         copyOut(key, record + 1, shape.keyBytes);
         if (loadWord(record) != seen_ + 1) {
-            seen_ = table.header().head.load(std::memory_order_acquire);
+            seen_ = view.header().head.load(std::memory_order_acquire);
             return News::everything;
         }
         ++seen_;

@@ -1,51 +1,97 @@
 #include "platform/shard/MapWriter.h"
 
-#include <algorithm>
-
-#include "platform/netz/Assert.h"
 #include "platform/netz/Error.h"
 
 namespace Shard {
 
 MapWriter::MapWriter(const Namespace& space, std::string map, const Shape& shape, uint32_t capacity,
                      uint64_t listBytes)
-    : map_(std::move(map)),
-      segment_(Segment::own(space, map_, Geometry::of(shape, capacity, listBytes))),
-      table_(segment_->table()),
-      extents_(table_.geometry().unitsFor(shape.valueBytes)) {
-    if (takeOver()) return;
-    // What the writer before left contradicts itself: begin anew, under the same name.
-    quiesce();
-    segment_ = Segment::own(space, map_, table_.geometry());
-    table_ = segment_->table();
-    if (!takeOver()) throw Vel::Error("shared map '" + map_ + "': damaged as soon as it is made");
-}
-
-MapWriter::MapWriter(std::string map, const Shape& shape, uint32_t capacity, uint64_t listBytes)
-    : map_(std::move(map)),
-      segment_(Segment::ownPrivate(map_, Geometry::of(shape, capacity, listBytes))),
-      table_(segment_->table()),
-      extents_(table_.geometry().unitsFor(shape.valueBytes)) {
-    const bool empty = takeOver();
-    VEL_ASSERT(empty, "takeOver()");
+    : space_(space),
+      map_(std::move(map)),
+      geometry_(Geometry::of(shape, capacity, listBytes)),
+      extents_(geometry_.unitsFor(shape.valueBytes)) {
+    open();
 }
 
 MapWriter::~MapWriter() {
     quiesce();
 }
 
-void MapWriter::mountComplete() {
-    segment_->phaseIs(Phase::mounted);
-    segment_->ring();
+// Takes over what stands under the name, or begins with an empty segment.
+void MapWriter::open() {
+    segment_ = Segment::own(space_, map_, geometry_);
+    view_ = segment_->view();
+    phase_ = Phase::mounting;
+    // Relaxed: this is the only writer.
+    committed_ = change_ = view_.header().head.load(std::memory_order_relaxed);
+    words_.assign(geometry_.slots(), 0);
+    keys_.assign(geometry_.slots() * keyWords(), 0);
+    units_.assign(geometry_.slots(), 0);
+    count_ = 0;
+    std::vector<bool> used(geometry_.units);
+    for (uint64_t slot = 0; slot < geometry_.slots(); ++slot) {
+        if (!keep(slot, used)) view_.slot(slot).store(0, std::memory_order_release);
+    }
+    countIs(count_);
+    extents_.reset(used);
 }
 
-void MapWriter::commit() {
-    if (segment_->cut()) {
-        throw Vel::Error("shared map '" + map_ + "': its segment was cut by another process");
+// Takes the slot's word over, if it is one that a writer finished and that no other contradicts.
+bool MapWriter::keep(uint64_t slot, std::vector<bool>& used) {
+    // Relaxed: the writer that stored this is dead, and its lock was ours after that.
+    const Word word{view_.slot(slot).load(std::memory_order_relaxed)};
+    if (word.empty() || word.unit() >= geometry_.beginnings() || count_ >= geometry_.capacity ||
+        word.use() != view_.use(word.unit()).load(std::memory_order_relaxed)) {
+        return false;
     }
-    if (change_ == table_.header().head.load(std::memory_order_relaxed)) return;
-    table_.header().head.store(change_, std::memory_order_release);
-    segment_->ring();
+    const bool list = geometry_.shape.list != 0;
+    const uint64_t bytes = list ? *view_.block(word.unit()) : geometry_.shape.valueBytes;
+    if (bytes > geometry_.shape.valueBytes) return false;
+    const uint32_t units = geometry_.unitsFor(bytes), end = word.unit() + units;
+    if (end > geometry_.units) return false;
+
+    uint64_t* const key = &keys_[slot * keyWords()];
+    copyOut(key, view_.key(word.unit()), geometry_.shape.keyBytes);
+    const uint64_t hash = view_.hash(key, keyWords());
+    if (word.tag() != tagOf(hash) || slot - view_.home(hash) >= maxProbe) return false;
+    const uint64_t twin = slotOf(key, keyWords(), hash);
+    if (twin == nowhere || words_[twin] != 0) return false;
+    for (uint32_t unit = word.unit(); unit < end; ++unit) {
+        if (used[unit]) return false;
+    }
+    std::fill(used.begin() + word.unit(), used.begin() + end, true);
+    words_[slot] = word.bits;
+    units_[slot] = units;
+    ++count_;
+    return true;
+}
+
+void MapWriter::mountComplete() {
+    segment_->phaseIs(phase_ = Phase::mounted);
+    segment_->wakeReaders();
+}
+
+bool MapWriter::commit() {
+    if (!intact()) {
+        quiesce();  // sends the readers of this segment to the next
+        open();
+        clear();
+        return false;
+    }
+    if (change_ == committed_) return true;
+    view_.header().head.store(committed_ = change_, std::memory_order_release);
+    segment_->wakeReaders();
+    return true;
+}
+
+// Relaxed, and no atomic loads of the index at all: nobody else is to have stored here.
+bool MapWriter::intact() const {
+    const Header& header = view_.header();
+    return segment_->owned() && segment_->standing() == Standing::named &&
+           segment_->identityIntact() &&
+           header.phase.load(std::memory_order_relaxed) == static_cast<uint32_t>(phase_) &&
+           header.head.load(std::memory_order_relaxed) == committed_ &&
+           std::memcmp(&view_.slot(0), words_.data(), words_.size() * sizeof words_[0]) == 0;
 }
 
 void MapWriter::quiesce() {
@@ -55,155 +101,66 @@ void MapWriter::quiesce() {
     segment_->disown();
 }
 
-void MapWriter::leave() {
-    segment_->disown();
-}
-
 void MapWriter::full() const {
-    throw Vel::Error("shared map '" + map_ + "' is full: it holds " + std::to_string(count()) +
-                     " keys of at most " + std::to_string(table_.geometry().capacity));
+    throw Vel::Error("shared map '" + map_ + "' is full: it holds " + std::to_string(count_) +
+                     " keys of at most " + std::to_string(geometry_.capacity));
 }
 
 void MapWriter::tooLong(uint64_t bytes) const {
     throw Vel::Error("shared map '" + map_ + "': a list of " + std::to_string(bytes) +
-                     " bytes, where " + std::to_string(table_.geometry().shape.valueBytes) +
-                     " are the most");
+                     " bytes exceeds the limit of " + std::to_string(geometry_.shape.valueBytes));
 }
 
-// The key's slot, else the empty slot where it goes, else `nowhere`.
-uint64_t MapWriter::slotOf(const uint64_t* key) const {
-    const uint32_t keyWords = table_.geometry().shape.keyWords();
-    return probe(key, keyWords, table_.hash(key, keyWords),
-                 [this](uint32_t unit) { return table_.key(unit); });
-}
-
-uint64_t MapWriter::homeOf(Word word) const {
-    const uint32_t keyWords = table_.geometry().shape.keyWords();
-    return table_.home(table_.hash(table_.key(word.unit()), keyWords));
-}
-
-uint64_t MapWriter::bytesOf(Word word) const {
-    const Shape& shape = table_.geometry().shape;
-    return shape.list ? *table_.block(word.unit()) : shape.valueBytes;
+void MapWriter::countIs(uint64_t count) {
+    count_ = count;
+    view_.header().count.store(count, std::memory_order_relaxed);
 }
 
 bool MapWriter::erase(const uint64_t* key) {
-    const Shape& shape = table_.geometry().shape;
-    const uint64_t slot = slotOf(key);
-    const Word old = slot == nowhere ? Word{0} : wordAt(slot);
+    const uint64_t slot = slotOf(key, keyWords(), view_.hash(key, keyWords()));
+    const Word old = slot == nowhere ? Word{0} : Word{words_[slot]};
     if (old.empty()) return false;
-    const uint32_t units = unitsOf(old);
-    closeGap(slot);
-    extents_.giveBack(old.unit(), units);
-    countIs(count() - 1);
-    noteChange(table_.record(change_), key, shape.keyBytes);
+    wordIs(slot, {0});
+    extents_.giveBack(old.unit(), units_[slot]);
+    countIs(count_ - 1);
+    noteChange(view_.record(change_), key, geometry_.shape.keyBytes);
     return true;
 }
 
-// Takes the word out of `hole` and moves up those behind it that probing would no longer reach.
-// After each single store every other key is in the index, once or twice, and can be found; a
-// reader that may have missed a word on its way sees that `moves` has changed.
-void MapWriter::closeGap(uint64_t hole) {
-    Header& header = table_.header();
-    for (uint64_t next = hole + 1; next < table_.geometry().slots(); ++next) {
-        const Word word = wordAt(next);
-        if (word.empty()) break;
-        if (homeOf(word) > hole) continue;
-        table_.slot(hole).store(word.bits, std::memory_order_release);
-        header.moves.fetch_add(1, std::memory_order_release);
-        hole = next;
-    }
-    table_.slot(hole).store(0, std::memory_order_release);
-}
-
-// From the last slot to the first, so that no key ever stands behind a gap.
 void MapWriter::clear() {
-    const Shape& shape = table_.geometry().shape;
-    for (uint64_t slot = table_.geometry().slots(); slot-- > 0;) {
-        const Word word = wordAt(slot);
-        if (word.empty()) continue;
-        const uint32_t units = unitsOf(word);
-        table_.slot(slot).store(0, std::memory_order_release);
-        noteChange(table_.record(change_), table_.key(word.unit()), shape.keyBytes);
-        extents_.giveBack(word.unit(), units);
+    for (uint64_t slot = 0; slot < words_.size(); ++slot) {
+        const Word old{words_[slot]};
+        if (old.empty()) continue;
+        wordIs(slot, {0});
+        extents_.giveBack(old.unit(), units_[slot]);
+        noteChange(view_.record(change_), &keys_[slot * keyWords()], geometry_.shape.keyBytes);
     }
     countIs(0);
 }
 
-uint32_t MapWriter::roomElsewhere(Word old, uint32_t units, uint32_t oldUnits) {
-    if (old.empty() && count() >= table_.geometry().capacity) full();
+uint32_t MapWriter::roomElsewhere(uint64_t slot, uint32_t units) {
+    const Word old{words_[slot]};
+    if (old.empty() && count_ >= geometry_.capacity) full();
     uint32_t unit = extents_.take(units);
-    if (unit == Extents::none) {
-        std::vector<bool> used;
-        uint64_t doubled = nowhere;
-        account(used, doubled);
+    if (unit == Extents::none) {  // join neighbours that were freed one by one
+        std::vector<bool> used(geometry_.units);
+        for (uint64_t i = 0; i < words_.size(); ++i) {
+            const Word word{words_[i]};
+            if (!word.empty()) std::fill_n(used.begin() + word.unit(), units_[i], true);
+        }
         extents_.reset(used);
         unit = extents_.take(units);
     }
     if (unit == Extents::none) {
         throw Vel::Error("shared map '" + map_ + "' has no room for a list of " +
-                         std::to_string(units * table_.geometry().unitBytes) + " bytes");
+                         std::to_string(units * geometry_.unitBytes) + " bytes");
     }
     if (old.empty()) {
-        countIs(count() + 1);
+        countIs(count_ + 1);
     } else {
-        extents_.giveBack(old.unit(), oldUnits);
+        extents_.giveBack(old.unit(), units_[slot]);
     }
     return unit;
-}
-
-// Whether the word names a block that was finished and lies in the heap.
-bool MapWriter::wellFormed(Word word) const {
-    const Geometry& geometry = table_.geometry();
-    return word.unit() < geometry.beginnings() &&
-           word.use() == table_.use(word.unit()).load(std::memory_order_relaxed) &&
-           bytesOf(word) <= geometry.shape.valueBytes &&
-           uint64_t{word.unit()} + unitsOf(word) <= geometry.units;
-}
-
-// Marks what the index uses. False when the index contradicts itself. `doubled` is a second slot
-// for a word: there is one when a writer died while it moved that word.
-bool MapWriter::account(std::vector<bool>& used, uint64_t& doubled) const {
-    const Geometry& geometry = table_.geometry();
-    const uint32_t keyWords = geometry.shape.keyWords();
-    used.assign(geometry.units, false);
-    for (uint64_t slot = 0; slot < geometry.slots(); ++slot) {
-        const Word word = wordAt(slot);
-        if (!word.empty() && !wellFormed(word)) return false;
-    }
-    for (uint64_t slot = 0; slot < geometry.slots(); ++slot) {
-        const Word word = wordAt(slot);
-        if (word.empty()) continue;
-        const uint64_t* const key = table_.key(word.unit());
-        if (word.tag() != tagOf(table_.hash(key, keyWords))) return false;
-        const uint64_t reached = slotOf(key);
-        if (reached != slot) {
-            if (reached == nowhere || wordAt(reached) != word || doubled != nowhere) return false;
-            doubled = slot;
-            continue;
-        }
-        for (uint32_t unit = word.unit(); unit < word.unit() + unitsOf(word); ++unit) {
-            if (used[unit]) return false;
-            used[unit] = true;
-        }
-    }
-    return true;
-}
-
-bool MapWriter::takeOver() {
-    std::vector<bool> used;
-    uint64_t doubled = nowhere;
-    if (!account(used, doubled)) return false;
-    if (doubled != nowhere) closeGap(doubled);
-    uint64_t keys = 0;
-    for (uint64_t slot = 0; slot < table_.geometry().slots(); ++slot) {
-        keys += !wordAt(slot).empty();
-    }
-    if (keys > table_.geometry().capacity) return false;
-    countIs(keys);
-    extents_.reset(used);
-    change_ = table_.header().head.load(std::memory_order_relaxed);
-    return true;
 }
 
 }  // namespace Shard

@@ -1,17 +1,25 @@
 // The one writer of a shared map; the typed face of it is in Map.h.
 //
 // A put or a removal is visible to lookups at once, by one store. Readers are told of changes when
-// the writer commits: commit costs a system call, so commit once for what belongs together. The
-// writer never waits for a reader, and readers cannot write what it works on. One thread.
+// the writer commits: a commit costs two system calls and a comparison of the index, so commit once
+// for what belongs together. The writer never waits for a reader. One thread.
 //
-// A writer that goes in order says so to its readers and takes the name away. After a writer that
-// died, or left, the next one of the same shape and capacity finds everything that was put. A child
-// forked without exec shares the writer's lock, and would keep the next writer out.
+// An orderly stop tells the readers and frees the name. After a writer that died, the next one of
+// the same shape and capacity finds every value that was put; an index word that somebody damaged
+// meanwhile costs its own key alone.
+//
+// A living writer reads nothing of the segment but use counters: what it decides follows from a
+// private copy of the index. Another process of the same user can therefore damage the segment, but
+// not the writer, and a commit notices what differs from the copy.
+//
+// A child forked without exec may destroy its copy of a writer, which changes nothing; but as long
+// as it lives it shares the lock, and would keep the next writer out.
 #pragma once
 
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/Export.h"
 #include "platform/shard/Extents.h"
@@ -24,27 +32,23 @@ class VEL_EXPORT MapWriter {
     // Raises Vel::Error as Segment::own and Geometry::of do.
     MapWriter(const Namespace& space, std::string map, const Shape& shape, uint32_t capacity,
               uint64_t listBytes = 0);
-    // A map of this process alone.
-    MapWriter(std::string map, const Shape& shape, uint32_t capacity, uint64_t listBytes = 0);
     ~MapWriter();
     MapWriter(const MapWriter&) = delete;
     MapWriter& operator=(const MapWriter&) = delete;
 
-    // The map's keys are those of a writer before; readers go on reading them meanwhile.
-    bool tookOver() const { return !segment_->fresh(); }
-    uint64_t count() const { return table_.header().count.load(std::memory_order_relaxed); }
+    uint64_t count() const { return count_; }
 
     // Tells readers that the map now holds all that it should.
     void mountComplete();
-    // Tells readers of the changes since the last commit. Raises Vel::Error when the segment has
-    // been cut by another process: nobody can read it any more, make a new writer.
-    void commit();
+    // Tells readers of the changes since the last commit. False when somebody had cut, damaged,
+    // unlinked or replaced the segment: a new, empty one has its name now; put everything again and
+    // end with mountComplete(). Raises Vel::Error when no new one can be made; the next commit then
+    // tries again.
+    [[nodiscard]] bool commit();
     // Removes all keys.
     void clear();
     // Orderly stop: readers are told, the name is free, the writer can only be destroyed.
     void quiesce();
-    // Goes without a word and keeps the name, for a writer that comes soon.
-    void leave();
 
     const std::shared_ptr<Segment>& segment() const { return segment_; }
 
@@ -55,30 +59,24 @@ class VEL_EXPORT MapWriter {
     bool erase(const uint64_t* key);
     template <Shape shape, class Place>
     Lookup find(const uint64_t* key, Place&& place) const {
-        return table_.find<shape>(key, place);
+        return view_.find<shape>(key, place);
     }
 
   private:
     static constexpr uint64_t nowhere = UINT64_MAX;
 
-    bool takeOver();
-    bool wellFormed(Word word) const;
-    bool account(std::vector<bool>& used, uint64_t& doubled) const;
-    Word wordAt(uint64_t slot) const { return {table_.slot(slot).load(std::memory_order_relaxed)}; }
-    uint64_t homeOf(Word word) const;
-    uint64_t bytesOf(Word word) const;
-    uint32_t unitsOf(Word word) const { return table_.geometry().unitsFor(bytesOf(word)); }
-    // The key's slot, else the empty slot where it goes, else `nowhere`.
-    uint64_t slotOf(const uint64_t* key) const;
-    template <class BlockOf>
-    uint64_t probe(const uint64_t* key, uint32_t keyWords, uint64_t hash,
-                   const BlockOf& blockOf) const;
-    uint32_t room(Word old, uint32_t units, uint32_t oldUnits);
-    uint32_t roomElsewhere(Word old, uint32_t units, uint32_t oldUnits);
+    void open();
+    bool keep(uint64_t slot, std::vector<bool>& used);
+    bool intact() const;
+    uint32_t keyWords() const { return geometry_.shape.keyWords(); }
+    // The slot that holds the key, else the first empty one for it, else `nowhere`.
+    uint64_t slotOf(const uint64_t* key, uint32_t keyWords, uint64_t hash) const;
+    void wordIs(uint64_t slot, Word word);
+    uint32_t room(uint64_t slot, uint32_t units);
+    uint32_t roomElsewhere(uint64_t slot, uint32_t units);
     template <Shape shape>
     uint32_t reuse(uint32_t unit, uint32_t units);
-    void closeGap(uint64_t hole);
-    void countIs(uint64_t count) { table_.header().count.store(count, std::memory_order_relaxed); }
+    void countIs(uint64_t count);
     [[noreturn]] void full() const;
     [[noreturn]] void tooLong(uint64_t bytes) const;
     void noteChange(uint64_t* record, const uint64_t* key, uint32_t keyBytes) {
@@ -86,65 +84,84 @@ class VEL_EXPORT MapWriter {
         copyIn(record + 1, key, keyBytes);
     }
 
-    std::string map_;
+    const Namespace space_;
+    const std::string map_;
+    const Geometry geometry_;
     std::shared_ptr<Segment> segment_;
-    Table table_;
+    View view_;  // of segment_
     Extents extents_;
-    uint64_t change_{0};  // changes so far, committed or not
+    std::vector<uint64_t> words_;   // the index as it should be
+    std::vector<uint64_t> keys_;    // keyWords() a slot; valid where the slot's word is not empty
+    std::vector<uint32_t> units_;   // of the slot's block; valid likewise
+    uint64_t count_{0};             // words that are not empty; at most geometry_.capacity
+    uint64_t change_{0};            // changes so far, committed or not
+    uint64_t committed_{0};         // of these; the header's `head`
+    Phase phase_{Phase::mounting};  // the header's
 };
 
-template <class BlockOf>
-uint64_t MapWriter::probe(const uint64_t* key, uint32_t keyWords, uint64_t hash,
-                          const BlockOf& blockOf) const {
-    const uint64_t first = table_.home(hash);
+inline uint64_t MapWriter::slotOf(const uint64_t* key, uint32_t keyWords, uint64_t hash) const {
+    const uint64_t first = view_.home(hash);
+    uint64_t empty = nowhere;
     for (uint64_t slot = first; slot < first + maxProbe; ++slot) {
-        const Word word = wordAt(slot);
-        if (word.empty()) return slot;
-        if (word.tag() == tagOf(hash) && std::equal(key, key + keyWords, blockOf(word.unit()))) {
+        const Word word{words_[slot]};
+        if (word.empty()) {
+            empty = std::min(empty, slot);
+        } else if (word.tag() == tagOf(hash) &&
+                   std::equal(key, key + keyWords, &keys_[slot * keyWords])) {
             return slot;
         }
     }
-    return nowhere;
+    return empty;
 }
 
 template <Shape shape>
 void MapWriter::put(const uint64_t* key, const void* value, uint64_t bytes) {
     if (shape.list && bytes > shape.valueBytes) tooLong(bytes);
-    const uint64_t hash = table_.hash(key, shape.keyWords());
-    const uint64_t slot = probe(key, shape.keyWords(), hash,
-                                [this](uint32_t unit) { return table_.block<shape>(unit) + 1; });
+    const uint64_t hash = view_.hash(key, shape.keyWords());
+    const uint64_t slot = slotOf(key, shape.keyWords(), hash);
     if (slot == nowhere) full();
-    const Word old = wordAt(slot);
-    const uint32_t units = shape.list ? table_.geometry().unitsFor(bytes) : 1;
-    const uint32_t unit = room(old, units, shape.list && !old.empty() ? unitsOf(old) : 1);
+    const bool fresh = Word{words_[slot]}.empty();
+    const uint32_t units = shape.list ? geometry_.unitsFor(bytes) : 1;
+    const uint32_t unit = room(slot, units);
     const uint32_t use = reuse<shape>(unit, units);
 
-    uint64_t* const block = table_.block<shape>(unit);
+    uint64_t* const block = view_.block<shape>(unit);
     if constexpr (shape.list) storeWord(block, bytes);
     copyIn(block + 1, key, shape.keyBytes);
     copyIn(block + 1 + shape.keyWords(), value, shape.list ? bytes : shape.valueBytes);
-    table_.slot(slot).store(Word::of(unit, use, tagOf(hash)).bits, std::memory_order_release);
-    noteChange(table_.record<shape>(change_), key, shape.keyBytes);
+    wordIs(slot, Word::of(unit, use, tagOf(hash)));
+    units_[slot] = units;
+    if (fresh) std::copy_n(key, shape.keyWords(), &keys_[slot * shape.keyWords()]);
+    noteChange(view_.record<shape>(change_), key, shape.keyBytes);
 }
 
-// Where the new block goes. The old one is given back already, but nothing is taken until the
-// index word has turned away from it.
-inline uint32_t MapWriter::room(Word old, uint32_t units, uint32_t oldUnits) {
-    if (!old.empty() && units == oldUnits) [[likely]] {
+// Release: whoever sees the word sees the block that it names.
+inline void MapWriter::wordIs(uint64_t slot, Word word) {
+    words_[slot] = word.bits;
+    view_.slot(slot).store(word.bits, std::memory_order_release);
+}
+
+// Where the new block goes. The slot's old block is given back already, but what is given back
+// rests: nothing of it is written until the index word has been replaced.
+inline uint32_t MapWriter::room(uint64_t slot, uint32_t units) {
+    const Word old{words_[slot]};
+    if (!old.empty() && units == units_[slot]) [[likely]] {
         const uint32_t unit = extents_.exchange(old.unit(), units);
         if (unit != Extents::none) [[likely]]
             return unit;
     }
-    return roomElsewhere(old, units, oldUnits);
+    return roomElsewhere(slot, units);
 }
 
 // From here on no reader accepts what it may be copying from these units: any of them may have been
-// the first of an extent.
+// the first of an extent. Relaxed load: only the writer stores here. Release: whoever sees the
+// raised counter sees the word that was replaced before; and the copy that follows is ordered
+// behind this store by its own releases.
 template <Shape shape>
 uint32_t MapWriter::reuse(uint32_t unit, uint32_t units) {
     const auto raise = [this](uint32_t i) {
-        const uint32_t use = table_.use<shape>(i).load(std::memory_order_relaxed) + 1;
-        table_.use<shape>(i).store(use ? use : 1, std::memory_order_release);
+        const uint32_t use = view_.use<shape>(i).load(std::memory_order_relaxed) + 1;
+        view_.use<shape>(i).store(use ? use : 1, std::memory_order_release);
         return use ? use : 1;
     };
     const uint32_t use = raise(unit);

@@ -1,12 +1,14 @@
-// Where the shared tables of one agent live. Segments of POSIX shared memory have one flat name
-// space for the whole host, so a segment's name carries the agent's run directory: two agents with
+// Where the shared maps of one agent live: in its run directory, one file for each map. Agents with
 // different run directories never meet, and a reader finds its agent by that directory alone.
-// The directory also says whom to trust: a segment counts only when it belongs to the directory's
-// owner, since anybody may create names in shared memory.
+//
+// The directory also says whom to trust and who may read. A map's file counts only when it belongs
+// to the directory's owner or to root and nobody else may write it. A directory of mode 0750 gives
+// its group the maps: their files then have mode 0640 and that group, else mode 0600.
 #pragma once
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,17 +18,22 @@ namespace Shard {
 
 class VEL_EXPORT Namespace {
   public:
-    // The directory must exist; it is made canonical. Raises Vel::Error.
+    // Looks at the directory once; its path is made canonical. Raises Vel::Error when there is
+    // none.
     explicit Namespace(const std::string& runDirectory);
 
-    // "/shard.<hash of the directory>.<map>". A map's name has 1 to 64 letters, digits, '_', '-'
-    // or '.'; raises Vel::Error for any other.
-    std::string segmentName(std::string_view map) const;
+    const std::string& directory() const { return directory_; }
+    // "DIRECTORY/shard.MAP". A map's name has 1 to 64 letters, digits, '_', '-' or '.'; raises
+    // Vel::Error for any other.
+    std::string fileOf(std::string_view map) const;
     uid_t owner() const { return owner_; }
+    // The group that may read the maps; none if only the owner may.
+    std::optional<gid_t> readers() const { return readers_; }
 
   private:
-    std::string prefix_;
+    std::string directory_;
     uid_t owner_;
+    std::optional<gid_t> readers_;
 };
 
 }  // namespace Shard

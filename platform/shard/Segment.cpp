@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 
 #include "platform/netz/Assert.h"
@@ -33,12 +34,19 @@ struct stat statusOf(int fd) {
     return status;
 }
 
-// Whether the name still stands for this file.
-bool named(const std::string& name, int fd) {
-    const Descriptor other(shm_open(name.c_str(), O_RDONLY, 0));
-    if (!other) return false;
-    const struct stat a = statusOf(fd), b = statusOf(other.get());
+bool sameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Whether the name leads to this file.
+bool named(const std::string& file, int fd) {
+    struct stat status {};
+    return lstat(file.c_str(), &status) == 0 && sameFile(status, statusOf(fd));
+}
+
+// Never waits: not for the writer of a FIFO, a device, or the holder of a lease.
+Descriptor openFile(const std::string& file, int access) {
+    return Descriptor(open(file.c_str(), access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
 bool trusted(const struct stat& status, const Namespace& space) {
@@ -46,43 +54,47 @@ bool trusted(const struct stat& status, const Namespace& space) {
            (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-void lock(const std::string& map, int fd) {
+// False when a reader has locked the file to keep writers out. Raises Vel::Error when a writer has.
+bool lock(const std::string& map, int fd) {
     struct flock wanted = lockOf(F_WRLCK);
-    if (fcntl(fd, F_OFD_SETLK, &wanted) == 0) return;
+    if (fcntl(fd, F_OFD_SETLK, &wanted) == 0) return true;
     if (errno != EAGAIN && errno != EACCES) fail(map, "cannot lock it", errno);
+    if (fcntl(fd, F_OFD_GETLK, &wanted) == 0 && wanted.l_type != F_WRLCK) return false;
     int32_t pid = 0;
-    if (pread(fd, &pid, sizeof pid, offsetof(Header, writerPid)) != sizeof pid) pid = 0;
+    if (pread(fd, &pid, sizeof pid, offsetof(Identity, writerPid)) != sizeof pid) pid = 0;
     fail(map, "already has a writer (process " + std::to_string(pid) + ")");
 }
 
-// What the header says, copied; nothing when it is no segment that this code could work on.
-std::optional<Geometry> geometryOf(int fd, uint64_t fileBytes, std::string& refusal) {
-    alignas(Header) std::byte bytes[sizeof(Header)];
-    if (fileBytes == 0) return std::nullopt;  // about to be made
-    if (pread(fd, bytes, sizeof bytes, 0) != sizeof bytes) {
+// Removes what stands under the name and is no segment to take over.
+void clearName(const std::string& map, const std::string& file) {
+    if (unlink(file.c_str()) == 0 || errno == ENOENT) return;
+    const int error = errno;
+    if (rmdir(file.c_str()) != 0) fail(map, "cannot replace " + file, error);
+}
+
+// The header's identity; none, and why, when this code cannot work on the segment.
+std::optional<Identity> identityOf(int fd, std::string& refusal) {
+    Identity identity;
+    const auto bytes = static_cast<uint64_t>(statusOf(fd).st_size);
+    if (pread(fd, &identity, sizeof identity, 0) != sizeof identity) {
         refusal = "cut off within its header";
-        return std::nullopt;
-    }
-    const auto& header = *reinterpret_cast<const Header*>(bytes);
-    if (header.magic == 0) return std::nullopt;
-    const Geometry& geometry = header.geometry;
-    if (header.magic != magic) {
+    } else if (identity.magic != magic) {
         refusal = "not a shared map";
-    } else if (header.layoutVersion != layoutVersion) {
-        refusal = "has layout version " + std::to_string(header.layoutVersion) + ", not " +
+    } else if (identity.layoutVersion != layoutVersion) {
+        refusal = "has layout version " + std::to_string(identity.layoutVersion) + ", not " +
                   std::to_string(layoutVersion);
-    } else if (!geometry.sound()) {
+    } else if (!identity.geometry.sound()) {
         refusal = "has an impossible geometry";
-    } else if (geometry.totalBytes() != fileBytes) {
-        refusal = "has " + std::to_string(fileBytes) + " bytes where its header needs " +
-                  std::to_string(geometry.totalBytes());
+    } else if (identity.geometry.totalBytes() != bytes) {
+        refusal = "has " + std::to_string(bytes) + " bytes where its header needs " +
+                  std::to_string(identity.geometry.totalBytes());
     } else {
-        return geometry;
+        return identity;
     }
     return std::nullopt;
 }
 
-void* map(int fd, uint64_t bytes, bool writable) {
+void* mapping(int fd, uint64_t bytes, bool writable) {
     const int access = writable ? PROT_READ | PROT_WRITE : PROT_READ;
     void* base = mmap(nullptr, bytes, access, MAP_SHARED | (writable ? MAP_POPULATE : 0), fd, 0);
     return base == MAP_FAILED ? nullptr : base;
@@ -97,150 +109,169 @@ std::string differences(const Shape& theirs, const Shape& ours) {
     return "has " + text(theirs) + "; expected " + text(ours);
 }
 
+// Lets the readers' group in, and nobody else.
+void giveToReaders(const std::string& map, int fd, const Namespace& space) {
+    const auto group = space.readers();
+    if (group && fchown(fd, static_cast<uid_t>(-1), *group) != 0)
+        fail(map, "cannot give it to group " + std::to_string(*group), errno);
+    if (fchmod(fd, S_IRUSR | S_IWUSR | (group ? S_IRGRP : 0)) != 0)
+        fail(map, "cannot set its mode", errno);
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
     if (fd_ >= 0) close(fd_);
 }
 
-Segment::Segment(std::string name, Descriptor fd, void* base, const Geometry& geometry, bool owned,
-                 bool fresh)
-    : name_(std::move(name)),
+Segment::Segment(std::string file, Descriptor fd, void* base, const Identity& identity, pid_t owner)
+    : file_(std::move(file)),
       fd_(std::move(fd)),
-      bytes_(geometry.totalBytes()),
+      status_(statusOf(fd_.get())),
+      identity_(identity),
       base_(base),
-      guard_(std::in_place, base, bytes_, owned),
-      table_(static_cast<std::byte*>(base), geometry, static_cast<Header*>(base)->seed,
-             guard_->hit()),
-      owned_(owned),
-      fresh_(fresh) {}
+      guard_(std::in_place, base, identity.geometry.totalBytes(), owner != 0),
+      view_(static_cast<std::byte*>(base), identity.geometry, identity.seed, guard_->hit()),
+      owner_(owner) {}
 
 Segment::~Segment() {
     guard_.reset();
-    munmap(base_, bytes_);
+    munmap(base_, identity_.geometry.totalBytes());
 }
 
-std::shared_ptr<Segment> Segment::own(const Namespace& space, const std::string& mapName,
+std::shared_ptr<Segment> Segment::own(const Namespace& space, const std::string& map,
                                       const Geometry& geometry) {
-    const std::string name = space.segmentName(mapName);
-    const uint64_t bytes = geometry.totalBytes();
+    const std::string file = space.fileOf(map);
+    if (geteuid() != space.owner() && geteuid() != 0)
+        fail(map, "the run directory " + space.directory() + " belongs to another user");
     for (int attempt = 0; attempt < 16; ++attempt) {
-        Descriptor fd(shm_open(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, S_IRUSR | S_IWUSR));
-        if (!fd) fail(mapName, "cannot open " + name, errno);
-        if (!trusted(statusOf(fd.get()), space)) fail(mapName, name + " is somebody else's");
-        lock(mapName, fd.get());
-        if (!named(name, fd.get())) continue;  // unlinked before the lock was ours
-
-        const auto fileBytes = static_cast<uint64_t>(statusOf(fd.get()).st_size);
-        const bool fresh = fileBytes == 0;
-        // Memory is claimed now: running out of it later would come as a SIGBUS.
-        if (const int error = fresh ? posix_fallocate(fd.get(), 0, static_cast<off_t>(bytes)) : 0) {
-            shm_unlink(name.c_str());
-            fail(mapName, "cannot have " + std::to_string(bytes) + " bytes", error);
+        Descriptor fd = openFile(file, O_RDWR);
+        if (fd || errno != ENOENT) {
+            const bool ours = fd && trusted(statusOf(fd.get()), space) && lock(map, fd.get());
+            if (ours && !named(file, fd.get())) continue;  // unlinked before the lock was taken
+            std::string refusal;
+            const auto found = ours ? identityOf(fd.get(), refusal) : std::nullopt;
+            if (found && found->geometry == geometry) {
+                giveToReaders(map, fd.get(), space);
+                return adopt(map, file, std::move(fd), *found);
+            }
+            if (ours) {
+                const Phase quiesced = Phase::quiesced;  // sends its readers to the one to come
+                [[maybe_unused]] const auto written =
+                    pwrite(fd.get(), &quiesced, sizeof quiesced, offsetof(Header, phase));
+            }
+            clearName(map, file);
         }
-        std::string refusal;
-        if (!fresh && geometryOf(fd.get(), fileBytes, refusal) != geometry) {
-            const Phase quiesced = Phase::quiesced;  // sends its readers to the one to come
-            [[maybe_unused]] const auto told =
-                pwrite(fd.get(), &quiesced, sizeof quiesced, offsetof(Header, phase));
-            shm_unlink(name.c_str());
-            continue;
-        }
-        return adopt(mapName, name, std::move(fd), geometry, fresh);
+        if (auto made = make(space, map, file, geometry)) return made;
     }
-    fail(mapName, "others keep replacing " + name);
+    fail(map, "others keep replacing " + file);
 }
 
-std::shared_ptr<Segment> Segment::ownPrivate(const std::string& mapName,
-                                             const Geometry& geometry) {
-    Descriptor fd(memfd_create(mapName.c_str(), MFD_CLOEXEC));
-    if (!fd) fail(mapName, "cannot have a private segment", errno);
-    const auto bytes = static_cast<off_t>(geometry.totalBytes());
-    if (const int error = posix_fallocate(fd.get(), 0, bytes))
-        fail(mapName, "cannot have " + std::to_string(bytes) + " bytes", error);
-    lock(mapName, fd.get());
-    return adopt(mapName, {}, std::move(fd), geometry, true);
+// Null when somebody took the name first.
+std::shared_ptr<Segment> Segment::make(const Namespace& space, const std::string& map,
+                                       const std::string& file, const Geometry& geometry) {
+    Descriptor fd(
+        open(space.directory().c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!fd) fail(map, "cannot make a file in " + space.directory(), errno);
+    giveToReaders(map, fd.get(), space);
+    // Memory is allocated now: running out of it later would raise SIGBUS.
+    const uint64_t bytes = geometry.totalBytes();
+    if (const int error = posix_fallocate(fd.get(), 0, static_cast<off_t>(bytes)))
+        fail(map, "cannot allocate " + std::to_string(bytes) + " bytes", error);
+    lock(map, fd.get());
+    Identity identity{magic, layoutVersion, 0, 0, geometry, 0};
+    const auto random = getrandom(&identity.seed, sizeof identity.seed, 0);
+    VEL_ASSERT(random == sizeof identity.seed, "random == sizeof identity.seed");
+    auto segment = adopt(map, file, std::move(fd), identity);
+    const std::string unnamed = "/proc/self/fd/" + std::to_string(segment->fd_.get());
+    if (linkat(AT_FDCWD, unnamed.c_str(), AT_FDCWD, file.c_str(), AT_SYMLINK_FOLLOW) == 0)
+        return segment;
+    if (errno != EEXIST) fail(map, "cannot name it " + file, errno);
+    return nullptr;
 }
 
 // Makes the writer of a segment whose lock is held and whose size is right.
-std::shared_ptr<Segment> Segment::adopt(const std::string& mapName, std::string name, Descriptor fd,
-                                        const Geometry& geometry, bool fresh) {
-    void* base = map(fd.get(), geometry.totalBytes(), true);
-    if (!base) fail(mapName, "cannot map it", errno);
+std::shared_ptr<Segment> Segment::adopt(const std::string& map, const std::string& file,
+                                        Descriptor fd, const Identity& found) {
+    void* base = mapping(fd.get(), found.geometry.totalBytes(), true);
+    if (!base) fail(map, "cannot map it", errno);
+    Identity identity = found;
+    identity.writerPid = getpid();
     auto& header = *static_cast<Header*>(base);
-    if (fresh) {
-        header.layoutVersion = layoutVersion;
-        header.geometry = geometry;
-        const auto random = getrandom(&header.seed, sizeof header.seed, 0);
-        VEL_ASSERT(random == sizeof header.seed, "random == sizeof header.seed");
-    }
-    header.writerPid = getpid();
+    std::memcpy(&header.identity, &identity, sizeof identity);
     header.phase.store(static_cast<uint32_t>(Phase::mounting), std::memory_order_release);
-    header.writers.fetch_add(1, std::memory_order_acq_rel);
-    header.magic.store(magic, std::memory_order_release);
-    std::shared_ptr<Segment> segment(
-        new Segment(std::move(name), std::move(fd), base, geometry, true, fresh));
-    segment->ring();
+    header.writers.fetch_add(1, std::memory_order_release);
+    std::shared_ptr<Segment> segment(new Segment(file, std::move(fd), base, identity, getpid()));
+    segment->wakeReaders();
     return segment;
 }
 
 Descriptor Segment::find(const Namespace& space, const std::string& map) {
-    const std::string name = space.segmentName(map);
-    Descriptor fd(shm_open(name.c_str(), O_RDONLY | O_NOFOLLOW, 0));
-    if (!fd && errno != ENOENT) fail(map, "cannot open " + name, errno);
+    const std::string file = space.fileOf(map);
+    Descriptor fd = openFile(file, O_RDONLY);
+    if (!fd && errno != ENOENT) fail(map, "cannot open " + file, errno);
     return fd;
 }
 
-std::shared_ptr<Segment> Segment::mount(const Namespace& space, Descriptor fd, const Shape& shape,
-                                        std::string& refusal) {
-    const struct stat status = statusOf(fd.get());
+std::shared_ptr<Segment> Segment::mount(const Namespace& space, const std::string& map,
+                                        Descriptor fd, const Shape& shape, std::string& refusal) {
     refusal.clear();
-    if (!trusted(status, space)) {
-        refusal = "does not belong to the run directory's owner";
+    if (!trusted(statusOf(fd.get()), space)) {
+        refusal = "is no file of the run directory's owner that only its owner can write";
         return nullptr;
     }
-    const auto geometry = geometryOf(fd.get(), static_cast<uint64_t>(status.st_size), refusal);
-    if (!geometry) return nullptr;
-    if (geometry->shape != shape) {
-        refusal = differences(geometry->shape, shape);
+    const auto identity = identityOf(fd.get(), refusal);
+    if (!identity) return nullptr;
+    if (identity->geometry.shape != shape) {
+        refusal = differences(identity->geometry.shape, shape);
         return nullptr;
     }
-    void* base = map(fd.get(), geometry->totalBytes(), false);
+    void* base = mapping(fd.get(), identity->geometry.totalBytes(), false);
     if (!base) {
         refusal = "cannot be mapped: " + std::generic_category().message(errno);
         return nullptr;
     }
-    return std::shared_ptr<Segment>(new Segment({}, std::move(fd), base, *geometry, false, false));
+    return std::shared_ptr<Segment>(
+        new Segment(space.fileOf(map), std::move(fd), base, *identity, 0));
+}
+
+bool Segment::owned() const {
+    return owner_ == getpid();
 }
 
 Standing Segment::standing() const {
-    const struct stat status = statusOf(fd_.get());
-    if (cut() || static_cast<uint64_t>(status.st_size) != bytes_) return Standing::cut;
-    return status.st_nlink == 0 ? Standing::unlinked : Standing::named;
+    struct stat now {};
+    if (guard_->hit()) return Standing::cut;
+    if (lstat(file_.c_str(), &now) != 0 || !sameFile(now, status_)) return Standing::unlinked;
+    return now.st_size == status_.st_size ? Standing::named : Standing::cut;
 }
 
 bool Segment::writerAlive() const {
-    if (owned_) return true;
+    if (owned()) return true;
     struct flock query = lockOf(F_RDLCK);
     return fcntl(fd_.get(), F_OFD_GETLK, &query) == 0 && query.l_type == F_WRLCK;
 }
 
-void Segment::phaseIs(Phase phase) const {
-    table_.header().phase.store(static_cast<uint32_t>(phase), std::memory_order_release);
+bool Segment::identityIntact() const {
+    return std::memcmp(&view_.header().identity, &identity_, sizeof identity_) == 0;
 }
 
-void Segment::ring() const {
+void Segment::phaseIs(Phase phase) const {
+    view_.header().phase.store(static_cast<uint32_t>(phase), std::memory_order_release);
+}
+
+void Segment::wakeReaders() const {
     static constexpr uint64_t one = 1;
     [[maybe_unused]] const auto written =
-        pwrite(fd_.get(), &one, sizeof one, offsetof(Header, bell));
+        pwrite(fd_.get(), &one, sizeof one, offsetof(Header, wakeup));
 }
 
 void Segment::unlink() const {
-    if (!name_.empty() && named(name_, fd_.get())) shm_unlink(name_.c_str());
+    if (named(file_, fd_.get())) ::unlink(file_.c_str());
 }
 
 void Segment::disown() {
-    owned_ = false;
+    owner_ = 0;
     struct flock lock = lockOf(F_UNLCK);
     fcntl(fd_.get(), F_OFD_SETLK, &lock);
 }

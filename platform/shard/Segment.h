@@ -1,10 +1,16 @@
 // A mapped segment of shared memory under a name, and the rules for owning and mounting it.
 //
-// One writer owns a segment: it holds an open-file-description lock on it, which the kernel lets
-// go when the writer dies, however it dies. A segment never changes its size and is never reused
-// for another geometry; what no longer fits is unlinked, and a new segment takes its name. A
-// segment and its mapping live as long as somebody here holds the pointer.
+// A segment is a file in the run directory, on tmpfs where /run is. One writer owns it: it holds an
+// open-file-description lock on it, which the kernel releases when the writer dies. A segment gets
+// its name when it is complete, and never changes its size or its geometry; one that no longer fits
+// is unlinked, and a new one takes its name. A segment and its mapping live as long as somebody in
+// this process holds the pointer.
+//
+// Whatever else stands under the name (a FIFO, a link, a device, another user's file) is never
+// waited for: a reader refuses it, a writer puts its segment in the place of it.
 #pragma once
+
+#include <sys/stat.h>
 
 #include <memory>
 #include <optional>
@@ -14,7 +20,7 @@
 #include "platform/Export.h"
 #include "platform/shard/BusGuard.h"
 #include "platform/shard/Namespace.h"
-#include "platform/shard/Table.h"
+#include "platform/shard/View.h"
 
 namespace Shard {
 
@@ -34,62 +40,62 @@ class VEL_EXPORT Descriptor {
     int fd_;
 };
 
-// What has become of a segment's file: it still has its name; or the name is free, or another's; or
-// somebody changed the file's size, and what was in it is lost.
-enum class Standing { named, unlinked, cut };
+enum class Standing {
+    named,     // the name leads to this segment
+    unlinked,  // the name is free, or leads elsewhere
+    cut        // somebody changed the file's size: content is lost
+};
 
 class VEL_EXPORT Segment {
   public:
     // The writer's way in: takes over the segment of that name, or makes a new, empty one where
-    // there is none or one that does not fit. Raises Vel::Error when a living writer owns it, when
-    // it belongs to somebody else, or when there is no memory for it.
+    // there is none that fits. Raises Vel::Error when a living writer owns it, when the run
+    // directory is another user's, or when there is no memory for it.
     static std::shared_ptr<Segment> own(const Namespace& space, const std::string& map,
                                         const Geometry& geometry);
 
-    // A segment without a name, for a map that only this process reads. Raises Vel::Error when there
-    // is no memory for it.
-    static std::shared_ptr<Segment> ownPrivate(const std::string& map, const Geometry& geometry);
-
-    // The reader's way in, in two steps, so that a reader can watch the file before it looks at
-    // it. No descriptor when there is no segment of that name.
+    // The reader's way in, in two steps, so that a reader can watch the file before it looks at it.
+    // `find` gives no descriptor when there is no file of that name, and raises Vel::Error when it
+    // cannot be opened for reading.
     static Descriptor find(const Namespace& space, const std::string& map);
-    // Nothing when the segment cannot be used; `refusal` then says why, or is empty when the
-    // segment is still being made.
-    static std::shared_ptr<Segment> mount(const Namespace& space, Descriptor fd, const Shape& shape,
-                                          std::string& refusal);
+    // Null when the segment cannot be used; `refusal` then says why.
+    static std::shared_ptr<Segment> mount(const Namespace& space, const std::string& map,
+                                          Descriptor fd, const Shape& shape, std::string& refusal);
 
     ~Segment();
     Segment(const Segment&) = delete;
     Segment& operator=(const Segment&) = delete;
 
-    const Table& table() const { return table_; }
-    bool fresh() const { return fresh_; }  // made by `own`, not taken over
-    bool owned() const { return owned_; }
-    // A touch met a page that is gone.
-    bool cut() const { return guard_->hit(); }
+    const View& view() const { return view_; }
+    // Whether this process owns the segment. A forked child owns none of its parent's.
+    bool owned() const;
     Standing standing() const;
+    // Whether a writer holds the lock.
     bool writerAlive() const;
+    // Whether the header still says what it said when this was mounted.
+    bool identityIntact() const;
 
     // For the owner only.
     void phaseIs(Phase phase) const;
-    void ring() const;    // wakes whoever watches the file
-    void unlink() const;  // an event for watchers too
-    void disown();        // lets the lock go
+    void wakeReaders() const;  // makes the descriptors of readers that watch the file readable
+    void unlink() const;       // wakes them too
+    void disown();             // releases the lock
 
   private:
-    static std::shared_ptr<Segment> adopt(const std::string& map, std::string name, Descriptor fd,
-                                          const Geometry& geometry, bool fresh);
-    Segment(std::string name, Descriptor fd, void* base, const Geometry& geometry, bool owned,
-            bool fresh);
+    static std::shared_ptr<Segment> make(const Namespace& space, const std::string& map,
+                                         const std::string& file, const Geometry& geometry);
+    static std::shared_ptr<Segment> adopt(const std::string& map, const std::string& file,
+                                          Descriptor fd, const Identity& identity);
+    Segment(std::string file, Descriptor fd, void* base, const Identity& identity, pid_t owner);
 
-    std::string name_;
-    Descriptor fd_;
-    uint64_t bytes_;
-    void* base_;
+    const std::string file_;
+    const Descriptor fd_;
+    struct stat status_;  // when it was mounted
+    const Identity identity_;
+    void* const base_;  // of a mapping of status_.st_size bytes
     std::optional<BusGuard> guard_;
-    Table table_;
-    bool owned_;
-    bool fresh_;
+    View view_;
+    pid_t owner_;  // the process that holds the lock through fd_; 0 for a reader
 };
 
 }  // namespace Shard

@@ -8,8 +8,8 @@
 
 namespace Shard::Fib {
 
-// One way out: next hop, interface, MPLS label and weight. A default via is the unresolved via, the
-// one constant for "no way out": no interface, no hop, no label.
+// One way to forward: next hop, interface, MPLS label and weight. A default via is the unresolved
+// via: no interface, no hop, no label.
 struct VEL_EXPORT Via {
     static constexpr Vel::U32 noLabel = 0x100000;  // one above the largest 20-bit label (RFC 3032)
 
@@ -24,7 +24,7 @@ struct VEL_EXPORT Via {
 VEL_VALUE(Shard::Fib, Via, hop, intfId, mplsLabel, mplsAction, weight)
 static_assert(sizeof(Via) == 64 && std::is_trivially_copyable_v<Via>);
 
-// The position of a via in its FEC, 0 to 511; another value is refused.
+// The position of a via in its FEC, 0 to 511. Any other value raises Vel::RangeError.
 struct VEL_EXPORT ViaIndex {
     static constexpr Vel::U32 min = 0;
     static constexpr Vel::U32 max = 511;
@@ -39,7 +39,7 @@ struct VEL_EXPORT ViaIndex {
     [[noreturn]] static void refuse();
 };
 
-// At most 512 vias. Adding one more raises the range error of ViaIndex.
+// At most 512 vias; a longer list raises the range error of ViaIndex.
 class VEL_EXPORT Fec {
   public:
     static constexpr Vel::U32 maxVias = ViaIndex::max + 1;
@@ -51,8 +51,6 @@ class VEL_EXPORT Fec {
     Vel::U32 size() const { return static_cast<Vel::U32>(vias_.size()); }
     const Via& via(ViaIndex index) const { return vias_.at(index.value); }
     const std::vector<Via>& vias() const { return vias_; }
-    // Takes the vias and gives its own in return. REQUIRES: at most maxVias.
-    void swapVias(std::vector<Via>& vias) { vias_.swap(vias); }
     bool operator==(const Fec&) const = default;
 
   private:
@@ -61,7 +59,7 @@ class VEL_EXPORT Fec {
 
 }  // namespace Shard::Fib
 
-// A FEC is written and shown as the list of its vias.
+// The text and data form of a FEC is the list of its vias.
 template <>
 struct VEL_EXPORT Vel::Codec<Shard::Fib::Fec> {
     static Datum datum(const Shard::Fib::Fec& fec);

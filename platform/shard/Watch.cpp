@@ -1,6 +1,7 @@
 #include "platform/shard/Watch.h"
 
 #include <sys/inotify.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,35 +12,41 @@
 namespace Shard {
 namespace {
 
-// Where Linux keeps POSIX shared memory: shm_overview(7).
-constexpr const char* directory = "/dev/shm";
+constexpr long tickNanoseconds = 100'000'000;
 
-int watch(int inotify, const char* path, uint32_t events) {
-    const int descriptor = inotify_add_watch(inotify, path, events);
-    if (descriptor >= 0) return descriptor;
-    throw Vel::Error("cannot watch " + std::string(path) + ": " +
-                     std::generic_category().message(errno));
+Descriptor ticks() {
+    Descriptor timer(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    const itimerspec period{{0, tickNanoseconds}, {0, tickNanoseconds}};
+    if (!timer || timerfd_settime(timer.get(), 0, &period, nullptr) != 0) {
+        throw Vel::Error("no descriptor to watch shared maps: " +
+                         std::generic_category().message(errno));
+    }
+    return timer;
 }
 
 }  // namespace
 
-Watch::Watch() : inotify_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-    if (!inotify_) {
-        throw Vel::Error("no watch for shared maps: " + std::generic_category().message(errno));
-    }
-    watch(inotify_.get(), directory, IN_CREATE | IN_ONLYDIR);
+Watch::Watch(const std::string& directory) : events_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    timer_ =
+        !events_ || inotify_add_watch(events_.get(), directory.c_str(), IN_CREATE | IN_ONLYDIR) < 0;
+    if (timer_) events_ = ticks();
 }
 
 void Watch::drain() {
     alignas(inotify_event) char events[4096];
-    while (read(inotify_.get(), events, sizeof events) == sizeof events) {
+    while (read(events_.get(), events, sizeof events) == sizeof events) {
     }
 }
 
 void Watch::fileIs(const Descriptor& file) {
+    if (timer_) return;
     const std::string path = "/proc/self/fd/" + std::to_string(file.get());
-    const int added = watch(inotify_.get(), path.c_str(), IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE);
-    if (file_ >= 0 && file_ != added) inotify_rm_watch(inotify_.get(), file_);
+    const int added =
+        inotify_add_watch(events_.get(), path.c_str(), IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE);
+    if (added < 0) {
+        throw Vel::Error("cannot watch the map's file: " + std::generic_category().message(errno));
+    }
+    if (file_ >= 0 && file_ != added) inotify_rm_watch(events_.get(), file_);
     file_ = added;
 }
 

@@ -1,11 +1,12 @@
 // The tables that other processes read: counters, and the forwarding tables of an agent.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 
 #include "forwarder/Traffic.h"
 #include "nav/counters/NavShard.h"
-#include "platform/shard/ForwardingStatus.h"
+#include "platform/shard/SharedFib.h"
 #include "tests/TempDir.h"
 
 namespace {
@@ -81,7 +82,7 @@ TEST(Counters, FromWriterToReader) {
     EXPECT_NO_THROW(LbProfileCounterControl::writer(other.space())) << "another run directory";
     for (U32 id = 1; id <= 1023; ++id) writer->lbProfileCounterIs(entry(id, id));
     EXPECT_THROW(writer->lbProfileCounterIs(entry(1024, 1)), Vel::Error) << "the table is full";
-    writer->lbProfileCounterCommit();
+    EXPECT_TRUE(writer->lbProfileCounterCommit());
     writer->lbProfileCounterMounted();
     EXPECT_EQ(reader->lbProfileCounterUpdate(), Shard::MapState::mounted);
     EXPECT_GE(seen.mounts, 1);
@@ -90,64 +91,77 @@ TEST(Counters, FromWriterToReader) {
     EXPECT_EQ(sum, 1023U * 1024 / 2);
 
     seen.keys.clear();
-    writer->lbProfileCounterCommit(entry(5, 5000));
+    EXPECT_TRUE(writer->lbProfileCounterCommit(entry(5, 5000)));
     EXPECT_TRUE(reader->lbProfileCounterAwait(20s));
     reader->lbProfileCounterUpdate();
     EXPECT_EQ(seen.keys, std::vector<U32>{5});
     NavLbProfileCounterEntry found;
     ASSERT_TRUE(reader->lbProfileCounter({5}, found));
     EXPECT_EQ(found.outPkts, 5000U);
+    std::filesystem::remove(run.space().fileOf(lbProfileCounterName));
+    EXPECT_FALSE(writer->lbProfileCounterCommit()) << "the table was unlinked";
+    EXPECT_EQ(reader->lbProfileCounterUpdate(), Shard::MapState::mounting) << "and is made anew";
     writer->lbProfileCounterControlIs(nullptr);
     EXPECT_EQ(reader->lbProfileCounterUpdate(), Shard::MapState::quiesced);
     EXPECT_THROW(reader->lbProfileCounterIs(found), Vel::Error) << "a reader does not write";
 }
 
-// FECs of all lengths; memory follows the vias; a reader of the named table sees one commit per
-// run of the scheduler's tasks, and finds what was there before the table got its name.
-TEST(ForwardingTables, NamedAndPrivate) {
+// The table's copy in shared memory: one commit for each run of the tasks, whole again after an
+// attack, with what fits when it is full; the table itself is never touched by any of it.
+TEST(ForwardingTables, AreFollowedByOtherProcesses) {
     const Space run;
     Loom::ManualClock clock;
     Loom::TaskScheduler scheduler(clock);
     auto fib = Vel::make<Shard::Fib::ForwardingStatus>("fib");
-    auto vias = [](U32 n) {
+    const auto vias = [](U32 n) {
         std::vector<Shard::Fib::Via> list(n);
         for (U32 i = 0; i < n; ++i) list[i].mplsLabel = i;
         return list;
     };
-    int told = 0;
-    const auto count = fib->subscribeAll(
-        &told, [](void* n, const void*, Vel::Ordinal) { ++*static_cast<int*>(n); });
+    const std::string file = run.space().fileOf("fib");
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
     fib->fecIs(1, vias(512));
-    fib->fecIs(2, vias(0));
-    fib->fecIs(1, vias(512));
-    EXPECT_EQ(told, 2) << "an equal FEC is no change";
-    fib->mountIs(run.space(), scheduler);
-
-    Shard::FecTable::Map::Reader reader(run.space(), "fib");
-    EXPECT_EQ(reader.update(), Shard::MapState::mounted);
+    using Shared = Shard::SharedFib<Shard::Fib::ForwardingStatus>;
+    const Shared shared(*fib, run.space(), "fib", scheduler);
+    Shared::Map::Reader reader(run.space(), "fib");
     std::vector<Shard::Fib::Via> found;
-    ASSERT_EQ(reader.find(1, found), Shard::Lookup::found);
-    EXPECT_EQ(found, vias(512));
-    reader.changes([](U64) {});
-
+    const auto expectCopied = [&](size_t fecs) {
+        scheduler.runDue();
+        ASSERT_EQ(reader.update(), Shard::MapState::mounted);
+        EXPECT_EQ(reader.count(), fecs);
+        for (const auto& [id, fec] : fib->fec()) {
+            const bool copied = reader.find(id, found) == Shard::Lookup::found;
+            EXPECT_TRUE(copied ? found == fec.vias() : fecs < fib->fec().size()) << id;
+        }
+    };
+    expectCopied(1);
     for (U64 id = 3; id < 1000; ++id) fib->fecIs(id, vias(id % 4));
     for (U64 id = 500; id < 1000; ++id) fib->fecDel(id);
-    std::vector<U64> changed;
-    reader.changes([&](U64 id) { changed.push_back(id); });
-    EXPECT_TRUE(changed.empty()) << "told before the commit";
+    EXPECT_EQ(reader.find(499, found), Shard::Lookup::absent) << "before the commit";
+    expectCopied(498);
+    std::filesystem::resize_file(file, 5000);
+    fib->fecDel(499);
+    expectCopied(497);
+    std::filesystem::remove_all(run.path);  // nowhere to publish
+    fib->fecDel(498);
     scheduler.runDue();
-    EXPECT_NE(reader.changes([&](U64) {}), Shard::News::none);
-    EXPECT_EQ(reader.find(499, found), Shard::Lookup::found);
-    EXPECT_NE(reader.find(500, found), Shard::Lookup::found);
-    EXPECT_EQ(fib->fec().size(), 499U);
-
-    // At least 32 FECs of 512 vias fit; the one too many leaves all as it was.
+    std::filesystem::create_directory(run.path);
     fib->fecDelAll();
-    U64 id = 0;
-    EXPECT_THROW(for (; id < 1000; ++id) fib->fecIs(id, vias(512)), Vel::Error);
-    EXPECT_GE(id, 32U);
-    EXPECT_EQ(fib->fec().size(), id);
-    EXPECT_EQ(fib->fec(id), nullptr);
+    expectCopied(0);
+
+    // At least 32 FECs of 512 vias fit; those that do not come when there is room, and a FEC that
+    // grows beyond the room is never read with the vias that it had.
+    for (U64 id = 1; id <= 70; ++id) fib->fecIs(id, vias(512));
+    scheduler.runDue();
+    const auto fit = reader.count();
+    EXPECT_TRUE(fit >= 32 && fit < 70) << fit;
+    expectCopied(fit);
+    for (U64 id = 1; id <= 30; ++id) fib->fecIs(id, vias(1));
+    expectCopied(70);
+    for (U64 id = 1; id <= 30; ++id) fib->fecIs(id, vias(511));
+    scheduler.runDue();
+    EXPECT_LT(reader.count(), 70U);
+    expectCopied(reader.count());
 }
 
 // Shares of the best priority; what an id counted stays with its key and not with its number.

@@ -96,19 +96,5 @@ TEST_F(Resolution, TheGatewayBeforeManyChangesInOneNotification) {
     EXPECT_EQ(inputs.nexthopStatus->vrf("blue")->nexthop(addr(1))->fecId, 1U);
 }
 
-// Fewer than 70 FECs of 512 vias fit a table. What was refused is tried again once there is room.
-TEST_F(Resolution, AFullTableKeepsWhatFits) {
-    for (unsigned i = 0; i < 140; i += 2) now["default"][addr(i)] = by(i, Shard::Fib::Fec::maxVias);
-    scheduler->runDue();
-    EXPECT_EQ(inputs.forwardingStatus->fec().size(), resolved().size());
-    EXPECT_LT(resolved().size(), 70U);
-    for (unsigned i = 0; i < 70; ++i) now["default"].erase(addr(i));
-    resolver.resolve();
-    scheduler->runDue();
-    EXPECT_EQ(resolved().size(), 35U);
-    for (const auto& [to, fecId] : resolved())
-        EXPECT_EQ(inputs.forwardingStatus->fec(fecId)->vias(), now["default"][to]);
-}
-
 }  // namespace
 }  // namespace Agent

@@ -1,9 +1,12 @@
 // The hot paths on a mapped segment, shared by readers in any process and by the writer for its own
-// lookups. A Table only points; the Segment that owns the mapping outlives it.
+// lookups. A View holds pointers only; the Segment that owns the mapping outlives it.
 //
-// Nothing in a segment is believed: indices are checked against the geometry taken at mount, each
-// loop is bounded, and a copy counts only when the use counter of its unit still is the one that
-// the index word names, which proves that nobody has begun to overwrite what was copied.
+// Nothing read from a segment is believed: indices are checked against the geometry taken at mount,
+// each loop is bounded, and a copy counts only when the use counter of its unit still is the one
+// that the index word names, which proves that nobody has begun to overwrite what was copied.
+//
+// An empty slot does not end a search, so a key never has to move within the index, and a word that
+// somebody damaged costs its own key alone.
 #pragma once
 
 #include "platform/shard/Copy.h"
@@ -14,14 +17,14 @@ namespace Shard {
 enum class Lookup {
     found,
     absent,
-    busy,    // the writer outran every attempt: ask again
-    corrupt  // the segment contradicts itself there; the value cannot be had
+    busy,    // the writer overwrote the entry during every attempt: ask again
+    corrupt  // a damaged word or block stands where the key may be; the value cannot be read
 };
 
-class Table {
+class View {
   public:
-    Table() = default;
-    Table(std::byte* base, const Geometry& geometry, uint64_t seed, const std::atomic<bool>& cut)
+    View() = default;
+    View(std::byte* base, const Geometry& geometry, uint64_t seed, const std::atomic<bool>& cut)
         : header_(reinterpret_cast<Header*>(base)),
           index_(reinterpret_cast<Slot*>(base + geometry.indexAt())),
           uses_(base + geometry.usesAt()),
@@ -62,8 +65,8 @@ class Table {
     uint64_t hash(const uint64_t* key, uint32_t words) const { return hashOf(key, words, seed_); }
     uint64_t home(uint64_t hash) const { return hash & (geometry_.homes - 1); }
 
-    // Copies the value of `key` to where `place(bytes)` says. What is there after any answer but
-    // `found` means nothing.
+    // Copies the value of `key` to where `place(bytes)` says. What stands there after any answer
+    // but `found` is undefined.
     template <Shape shape, class Place>
     Lookup find(const uint64_t* key, Place&& place) const {
         const uint64_t hash = this->hash(key, shape.keyWords());
@@ -73,11 +76,12 @@ class Table {
         return findAgain<shape>(key, hash, place);
     }
 
-    // Copies key and value of the slot. A walk goes from the last slot to the first: a word moves
-    // only towards the first, so that none slips past; one may be met twice.
+    // Copies key and value of the slot. A walk over all slots meets every entry that is present
+    // throughout exactly once, since none changes its slot.
     template <Shape shape, class Place>
     Lookup read(uint64_t slot, uint64_t* key, Place&& place) const {
         for (int attempt = 0; attempt < maxAttempts; ++attempt) {
+            // Acquire: the block is read after the word that names it.
             const Word word{index_[slot].load(std::memory_order_acquire)};
             if (word.empty()) return Lookup::absent;
             const auto take = [&](const uint64_t* stored) {
@@ -95,9 +99,10 @@ class Table {
         return *reinterpret_cast<std::atomic<uint32_t>*>(uses_ + bytes);
     }
     uint64_t* blockAt(uint64_t bytes) const { return reinterpret_cast<uint64_t*>(heap_ + bytes); }
+    // Relaxed: set by a signal handler on this very thread, in the middle of the copy.
     bool cut() const { return cut_->load(std::memory_order_relaxed); }
-    // Enough that only a writer that rewrites one key all the time, on a machine that keeps
-    // suspending the reader, uses them up.
+    // Used up only by a writer that rewrites one key all the time while the machine keeps
+    // suspending the reader.
     static constexpr int maxAttempts = 64;
 
     template <Shape shape, class Place>
@@ -111,13 +116,13 @@ class Table {
 
     template <Shape shape, class Place>
     Lookup findOnce(const uint64_t* key, uint64_t hash, Place& place) const {
-        const uint64_t moves = header_->moves.load(std::memory_order_acquire);
         const uint8_t tag = tagOf(hash);
         const Slot* const first = index_ + home(hash);
+        Lookup unlessFound = Lookup::absent;
         for (const Slot* slot = first; slot != first + maxProbe; ++slot) {
+            // Acquire: the block is read after the word that names it.
             const Word word{slot->load(std::memory_order_acquire)};
-            if (word.empty()) break;
-            if (word.tag() != tag) continue;
+            if (word.tag() != tag || word.empty()) continue;
             const auto same = [key](const uint64_t* stored) {
                 for (uint32_t i = 0; i < shape.keyWords(); ++i) {
                     if (loadWord(stored + i) != key[i]) return false;
@@ -125,13 +130,11 @@ class Table {
                 return true;
             };
             const Lookup result = visit<shape>(*slot, word, same, place);
-            if (result != Lookup::absent) [[likely]]
+            if (result == Lookup::found || result == Lookup::busy) [[likely]]
                 return result;
+            if (result == Lookup::corrupt) unlessFound = result;
         }
-        if (cut()) return Lookup::corrupt;
-        // A word that moved meanwhile may have been overlooked at both of its places.
-        const bool still = header_->moves.load(std::memory_order_acquire) == moves;
-        return still ? Lookup::absent : Lookup::busy;
+        return cut() ? Lookup::corrupt : unlessFound;
     }
 
     // The value of the block that `word`, found in `slot`, points to, if `wanted(its key)`.
@@ -156,28 +159,34 @@ class Table {
         return verdict<shape>(slot, word, Lookup::found);
     }
 
-    // What was read of the block that `word` points to is this, if it stood there all the time.
+    // `result`, which was derived from the block that `word` names, if the block was valid all the
+    // time. The acquire loads, or the fence, of the copy keep this load behind the copy. Acquire
+    // itself is for replacedOrDamaged(), and pairs with the release in MapWriter::reuse.
     template <Shape shape>
     Lookup verdict(const Slot& slot, Word word, Lookup result) const {
         if (use<shape>(word.unit()).load(std::memory_order_acquire) != word.use()) [[unlikely]]
-            return turned(slot, word);
+            return replacedOrDamaged(slot, word);
         return cut() ? Lookup::corrupt : result;
     }
-    // The writer turns the word away from a block before it touches the block.
-    [[gnu::cold, gnu::noinline]] Lookup turned(const Slot& slot, Word word) const {
-        const bool turned = slot.load(std::memory_order_acquire) != word.bits;
-        return turned && !cut() ? Lookup::busy : Lookup::corrupt;
+    // The writer replaces the word that names a block before it overwrites the block, so a word
+    // that still names one whose counter differs is damaged. Acquire: the counter was loaded with
+    // acquire, so this load cannot see an older word than the one replaced before the counter rose.
+    [[gnu::cold, gnu::noinline]] Lookup replacedOrDamaged(const Slot& slot, Word word) const {
+        const bool replaced = slot.load(std::memory_order_acquire) != word.bits;
+        return replaced && !cut() ? Lookup::busy : Lookup::corrupt;
     }
 
+    // All into one mapping of geometry_.totalBytes(); what is private (geometry, seed) was checked
+    // at mount and is never read from the segment again.
     Header* header_{nullptr};
     Slot* index_{nullptr};
     std::byte* uses_{nullptr};
     std::byte* ring_{nullptr};
     std::byte* heap_{nullptr};
     Geometry geometry_{};
-    uint32_t beginnings_{0};
+    uint32_t beginnings_{0};  // a word's unit is below this
     uint64_t seed_{0};
-    const std::atomic<bool>* cut_{nullptr};
+    const std::atomic<bool>* cut_{nullptr};  // of the mapping's BusGuard
 };
 
 }  // namespace Shard

@@ -1,0 +1,143 @@
+// Who may write and who may read, what wakes a reader, and what nobody else can do about it.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <fstream>
+
+#include "tests/shard/ShardTest.h"
+
+namespace Shard {
+namespace {
+
+using namespace std::chrono_literals;
+using Kind = PlainKind<6>;
+constexpr uint32_t capacity = 40;
+constexpr int cannot = 77;  // what the test needs is not allowed here
+
+// What `body` returns in a forked child, or minus the signal that ended it.
+template <class Body>
+int inChild(Body&& body) {
+    const pid_t child = fork();
+    if (child == 0) alarm(30), std::exit(body());
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+class Attack : public testing::Test {
+  protected:
+    Attack() { alarm(20); }  // a test that waits for an attacker dies
+    ~Attack() override { alarm(0); }
+
+    auto writer() { return std::make_unique<Kind::Writer>(space_, "map", capacity); }
+    // The first key's value is found; or how far it came.
+    int readsFirst(std::chrono::milliseconds patience) {
+        Kind::Reader reader{Namespace(run_.path), "map"};
+        Kind::Value value;
+        if (reader.update() == MapState::absent && !reader.await(patience)) return 1;
+        while (reader.update() == MapState::mounting)
+            if (!reader.await(patience)) return 2;
+        return reader.find(1, value) != Lookup::found ? 3 : value != Kind::value(1, 1);
+    }
+
+    const TempDir run_;
+    const Namespace space_{run_.path};
+    const Vandal vandal_{space_.fileOf("map")};
+};
+
+TEST_F(Attack, WhatTakesTheNameBlocksNobody) {
+    for (uint64_t kind = 0; kind < Vandal::squats; ++kind) {
+        vandal_.squat(kind);
+        Kind::Reader reader(space_, "map");
+        EXPECT_EQ(reader.update(), MapState::refused) << kind;
+        const auto first = writer();
+        EXPECT_TRUE(reader.await(0ms));
+        EXPECT_EQ(reader.update(), MapState::mounting) << kind;
+    }
+}
+
+TEST_F(Attack, AReaderNamesWhatDoesNotFit) {
+    const auto first = writer();
+    PlainKind<7>::Reader other(space_, "map");
+    EXPECT_EQ(other.update(), MapState::refused);
+    EXPECT_EQ(other.refusal(),
+              "has 8 bytes of key, 48 bytes of value, schema 1; "
+              "expected 8 bytes of key, 56 bytes of value, schema 1");
+    EXPECT_THROW((void)space_.fileOf("../map"), Vel::Error);
+}
+
+TEST_F(Attack, AWriterKeepsItsMapWhateverChildrenAndSignalsDo) {
+    auto first = writer();
+    EXPECT_EQ(inChild([&] { return first.reset(), 0; }), 0);
+    EXPECT_TRUE(first->commit()) << "a child's exit took the map down";
+    EXPECT_THROW(writer(), Vel::Error) << "a second writer";
+    EXPECT_EQ(inChild([&] {
+                  kill(getpid(), SIGBUS);
+                  vandal_.cut(100);
+                  for (uint32_t key = 0; key < capacity; ++key) first->valueIs(key, {});
+                  return 0;
+              }),
+              0)
+        << "the guard did not survive a stray signal";
+}
+
+TEST_F(Attack, AReaderLearnsOfTheMountOfAnOrderlyStopAndOfDeath) {
+    Kind::Writer other(space_, "other", capacity);
+    Kind::Reader reader(space_, "map");
+    EXPECT_EQ(reader.update(), MapState::absent);
+    const auto next = [&] { return reader.await(0ms) ? reader.update() : MapState::absent; };
+    auto first = writer();
+    EXPECT_EQ(next(), MapState::mounting);
+    first->mountComplete();
+    EXPECT_EQ(next(), MapState::mounted);
+    other.mountComplete();
+    first->valueIs(1, Kind::value(1, 1));
+    EXPECT_EQ(next(), MapState::absent) << "woken for another map, or before the commit";
+    vandal_.keepName();
+    first.reset();
+    EXPECT_EQ(next(), MapState::quiesced);
+    Kind::Value value;
+    EXPECT_EQ(reader.find(1, value), Lookup::found) << "the last values stay readable";
+    vandal_.restoreName();
+    EXPECT_EQ(inChild([&] { return writer()->mountComplete(), kill(getpid(), SIGKILL); }),
+              -SIGKILL);
+    EXPECT_EQ(next(), MapState::mounted);
+    EXPECT_FALSE(reader.writerAlive());
+}
+
+// A reader beyond the kernel's limit of watchers. Read access is all that a reader needs, and it
+// gives no power over the writer.
+TEST_F(Attack, AnybodyWhoMayReadCan) {
+    if (geteuid() != 0) GTEST_SKIP() << "giving files to another group takes root";
+    constexpr gid_t group = 4242;
+    ASSERT_EQ(chown(run_.path.c_str(), 0, group) | chmod(run_.path.c_str(), 0750), 0);
+    auto first = std::make_unique<Kind::Writer>(Namespace(run_.path), "map", capacity);
+    first->valueIs(1, Kind::value(1, 1));
+    EXPECT_EQ(inChild([&] {
+                  if (setgroups(0, nullptr) | setgid(group) | setuid(65534)) return cannot;
+                  first->mountComplete();
+                  return open(space_.fileOf("map").c_str(), O_RDWR) < 0 ? readsFirst(0ms) : 4;
+              }),
+              0);
+    EXPECT_EQ(inChild([&] {
+                  if (unshare(CLONE_NEWUSER) != 0) return 0;
+                  std::ofstream("/proc/self/uid_map") << "0 0 1" << std::flush;
+                  std::ofstream("/proc/sys/user/max_inotify_instances") << 0 << std::flush;
+                  return readsFirst(20000ms);
+              }),
+              0);
+    vandal_.keepName();
+    first.reset();
+    vandal_.restoreName();
+    const Descriptor fd(open(space_.fileOf("map").c_str(), O_RDONLY));
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
+    ASSERT_EQ(fcntl(fd.get(), F_OFD_SETLK, &lock), 0);
+    EXPECT_NO_THROW(writer()) << "a reader's lock";
+}
+
+}  // namespace
+}  // namespace Shard
