@@ -11,7 +11,6 @@
 // to it; tasks and timers that still wait when it is destroyed are dropped.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -163,9 +162,11 @@ void Timer::armAt(Instant deadline) {
 }
 
 void Timer::armIn(Duration delay) {
-    const Instant now = scheduler_.now();
-    if (delay > Instant::max() - std::max(now, Instant{})) return armAt(Instant::max());
-    armAt(now + delay);
+    Duration::rep deadline;
+    if (__builtin_add_overflow(scheduler_.now().time_since_epoch().count(), delay.count(),
+                               &deadline)) [[unlikely]]
+        deadline = Duration::max().count();
+    armAt(Instant(Duration(deadline)));
 }
 
 void Timer::disarm() {

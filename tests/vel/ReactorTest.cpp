@@ -21,9 +21,9 @@ struct Cascade : testing::Test {
         }
         void handleInitialized() {
             EXPECT_TRUE(!initialized && !clean && test.initialized);
-            initialized = true;
             test.step();
             test.mayThrow(&leaf);
+            initialized = true;
         }
         void handleDelete() {
             EXPECT_TRUE(!deleted && !clean && test.following);
