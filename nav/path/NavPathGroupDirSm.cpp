@@ -213,10 +213,7 @@ void NavPathGroupDirSm::handleIntfPrimaryAddr(const Netz::IntfId& intf, const Ne
         in_.nexthopConfig->vrfIs(source.vrfName);  // also while the VRF's id is not known
         getSrcIntfVrfId(intf);
     }
-    if (only)
-        only->removeStalePaths();
-    else
-        for (const auto& group : groupsOf(intf)) group->removeStalePaths();
+    if (!prevAddr.isZero()) removeStalePaths(intf, only);
     // A subscriber called above may have changed the interface again, which created its paths.
     if (addr.isZero() || sourceOf(intf) != source) return;
     if (only)
@@ -231,7 +228,19 @@ void NavPathGroupDirSm::handleIntfDelete(const Netz::IntfId& intf, const Netz::I
     if (!intfToPgName(intf))
         DUOLOG(pathTrace, 7, "Intf ", intf, " is not a WAN intf");
     else
-        for (const auto& group : groupsOf(intf)) group->removeStalePaths();
+        removeStalePaths(intf, nullptr);
+}
+
+// Removes the paths from any other source than the interface's current one.
+void NavPathGroupDirSm::removeStalePaths(const Netz::IntfId& intf, NavPathGroupSm* only) {
+    const auto remove = [&](NavPathGroupSm& group) {
+        for (const PathKey& pathKey : group.claimed())
+            withdrawClaims(pathKey, group, [&](const PathClaim& claim) {
+                return claim.intf == intf && !isJustified(pathKey, claim, group);
+            });
+    };
+    if (only) return remove(*only);
+    for (const auto& group : groupsOf(intf)) remove(*group);
 }
 
 std::vector<Vel::Ptr<NavPathGroupSm>> NavPathGroupDirSm::groupsOf(const Netz::IntfId& intf) const {
@@ -283,60 +292,68 @@ void NavPathGroupDirSm::remoteSiteDel(const SiteGroupKey& site) {
 
 // ---- claims ----
 
+namespace {
+auto isOf(const NavPathGroupSm& group) {
+    return [&](const PathClaim& claim) { return claim.siteGroupKey.name == group.pgName(); };
+}
+}  // namespace
+
 void NavPathGroupDirSm::createPathsForIntf(const Netz::IntfId& intf, const Netz::IpGenAddr& viaAddr,
                                            const Vel::String& pgName) {
-    const NavPathGroupSm* group = navPathGroupSm_(pgName);
+    NavPathGroupSm* group = navPathGroupSm_(pgName);
     const RemoteViaConfig* viaCfg = group ? group->config().remoteViaConfig(viaAddr) : nullptr;
     if (!viaCfg) return;
-    const SiteGroupKey site{pgName, viaAddr};
-    for (const Netz::IpGenAddr& dst : viaCfg->remoteVia()) createPath(intf, dst, site);
+    for (const Netz::IpGenAddr& dst : viaCfg->remoteVia()) createPath(intf, viaAddr, dst, *group);
 }
 
-void NavPathGroupDirSm::createPath(const Netz::IntfId& intf, const Netz::IpGenAddr& dst,
-                                   const SiteGroupKey& site) {
-    const IntfSource source = sourceOf(intf);
-    if (!source.offersPaths()) return;
+void NavPathGroupDirSm::createPath(const Netz::IntfId& intf, const Netz::IpGenAddr& viaAddr,
+                                   const Netz::IpGenAddr& dst, NavPathGroupSm& group) {
+    const VelIpIntfStatus* status = ipIntfStatus_(intf);
+    if (!status || !status->source().offersPaths()) return;
+    const IntfSource& source = status->source();
     const PathKey pathKey{source.addr, dst, *source.vrfId};
+    const PathClaim claim{intf, {group.pgName(), viaAddr}, source.vrfName};
     // Within the removal of the path, the removal is completed first.
-    if (!paths_.contains(pathKey))
-        if (const PathKeyInfo* left = in_.navDb->pathKeyInfo(pathKey))
-            forgetPath(pathKey, L3::VrfName(left->vrfName()));
-    if (!isJustified(pathKey, {intf, site, source.vrfName})) return;
-    DUOLOG(pathTrace, 7, "Adding path ", pathKey, " for site ", site);
-    in_.navDb->srcToIntfMappingIs(source.addr, intf);
-    addPathToConfig(pathKey, site, source.vrfName);
+    if (const PathKeyInfo* left = in_.navDb->pathKeyInfo(pathKey);
+        left && !paths_.contains(pathKey))
+        forgetPath(pathKey, L3::VrfName(left->vrfName()));
+    if (!isJustified(pathKey, claim, group)) return;
+    DUOLOG(pathTrace, 7, "Adding path ", pathKey, " for site ", claim.siteGroupKey);
+    addPathToConfig(pathKey, claim, group);
 }
 
 // Whether the configuration and the interface, as they are now, ask for the claim.
-bool NavPathGroupDirSm::isJustified(const PathKey& pathKey, const PathClaim& claim) const {
-    const NavPathGroupSm* group = navPathGroupSm_(claim.siteGroupKey.name);
-    if (!group || group->removed() || ended_) return false;
+bool NavPathGroupDirSm::isJustified(const PathKey& pathKey, const PathClaim& claim,
+                                    const NavPathGroupSm& group) const {
+    if (group.removed() || ended_) return false;
     const VelIpIntfStatus* status = ipIntfStatus_(claim.intf);
-    const IntfSource source{pathKey.srcAddr, claim.vrfName, pathKey.vrfId};
-    if (!status || status->source() != source) return false;
-    const RemoteViaConfig* site = group->config().remoteViaConfig(claim.siteGroupKey.routerIp);
-    return site && site->remoteViaHas(pathKey.dstAddr) && group->config().localIntfHas(claim.intf);
+    if (!status) return false;
+    const IntfSource& source = status->source();
+    const RemoteViaConfig* site = group.config().remoteViaConfig(claim.siteGroupKey.routerIp);
+    return source.addr == pathKey.srcAddr && source.vrfId == pathKey.vrfId &&
+           source.vrfName == claim.vrfName && group.config().localIntfHas(claim.intf) && site &&
+           site->remoteViaHas(pathKey.dstAddr);
 }
 
-void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const SiteGroupKey& siteGroupKey,
-                                        const L3::VrfName& vrfName) {
-    const Netz::IntfId* intf = in_.navDb->srcToIntfMapping(pathKey.srcAddr);
-    const PathClaim claim{intf ? *intf : Netz::IntfId(), siteGroupKey, vrfName};
-    NavPathGroupSm* group = navPathGroupSm_(siteGroupKey.name);
-    VEL_ASSERT(group, "!!pathGroupConfig");
-    group->claimedIs(pathKey, true);
+void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const PathClaim& claim,
+                                        NavPathGroupSm& group) {
     const auto found = paths_.find(pathKey);
     if (found == paths_.end()) {
+        group.claimedAdd(pathKey);
         VEL_ASSERT(freePathIds(), "freePathIds()");
         const U16 index = freePathIdDeq();
         DUOLOG(pathTrace, 7, "Creating pathIndex: ", index, " for path ", pathKey);
-        Path& path = paths_.emplace(pathKey, Path{index, ++publications_, {claim}}).first->second;
-        publishPath(pathKey, path);
+        Path& path = paths_[pathKey];
+        path.index = index;
+        path.publication = ++publications_;
+        path.claims.push_back(claim);
+        publishPath(pathKey, path, claim);
         return;
     }
     Path& path = found->second;
     DUOLOG(pathTrace, 7, "Using pathIndex: ", path.index, " for path ", pathKey);
     const PathClaim owner = path.claims.back();
+    if (std::ranges::none_of(path.claims, isOf(group))) group.claimedAdd(pathKey);
     std::erase(path.claims, claim);
     path.claims.push_back(claim);
     changeOwner(pathKey, path, owner);
@@ -348,7 +365,7 @@ void NavPathGroupDirSm::removePathFromConfig(const PathKey& pathKey, NavPathGrou
 
 void NavPathGroupDirSm::removeStalePath(const PathKey& pathKey, NavPathGroupSm& group) {
     withdrawClaims(pathKey, group,
-                   [&](const PathClaim& claim) { return !isJustified(pathKey, claim); });
+                   [&](const PathClaim& claim) { return !isJustified(pathKey, claim, group); });
 }
 
 template <class Predicate>
@@ -357,29 +374,28 @@ void NavPathGroupDirSm::withdrawClaims(const PathKey& pathKey, NavPathGroupSm& g
     const auto found = paths_.find(pathKey);
     if (found == paths_.end()) return;
     Path& path = found->second;
-    const auto ofGroup = [&](const PathClaim& claim) {
-        return claim.siteGroupKey.name == group.pgName();
+    const auto leaves = [&](const PathClaim& claim) {
+        return isOf(group)(claim) && withdrawn(claim);
     };
-    const auto leaves = [&](const PathClaim& claim) { return ofGroup(claim) && withdrawn(claim); };
     if (std::ranges::none_of(path.claims, leaves)) return;
     const PathClaim owner = path.claims.back();
     DUOLOG(pathTrace, 7, "Removing path ", pathKey, " for site ", owner.siteGroupKey);
     if (std::ranges::all_of(path.claims, leaves)) {
-        group.claimedIs(pathKey, false);
+        group.claimedDel(pathKey);
         return deletePath(pathKey);
     }
     std::erase_if(path.claims, leaves);
-    if (std::ranges::none_of(path.claims, ofGroup)) group.claimedIs(pathKey, false);
+    if (std::ranges::none_of(path.claims, isOf(group))) group.claimedDel(pathKey);
     if (path.claims.back() != owner) changeOwner(pathKey, path, owner);
 }
 
 // ---- publication ----
 
-// The path, if no newer publication or deletion of it was begun since.
-NavPathGroupDirSm::Path* NavPathGroupDirSm::newest(const PathKey& pathKey, U32 publication) {
+// Whether no newer publication or deletion of the path was begun since.
+bool NavPathGroupDirSm::isNewest(const PathKey& pathKey, U32 publication) const {
+    if (publication == publications_) return true;
     const auto found = paths_.find(pathKey);
-    return found != paths_.end() && found->second.publication == publication ? &found->second
-                                                                             : nullptr;
+    return found != paths_.end() && found->second.publication == publication;
 }
 
 // Hands a path over under its index. On another interface, which may be in another VRF, it is
@@ -395,13 +411,12 @@ void NavPathGroupDirSm::changeOwner(const PathKey& pathKey, Path& path, const Pa
         unpublishPath(pathKey, before.vrfName);
     else if (before.siteGroupKey != now.siteGroupKey)
         leaveSite(before.siteGroupKey, index);
-    Path* current = newest(pathKey, publication);
-    if (!current || !publishPath(pathKey, *current)) return;
+    if (!isNewest(pathKey, publication) || !publishPath(pathKey, path, now)) return;
     // Path resolution lists a path that becomes programmed, but not one that is already.
     const auto isProgrammed = [&] {
         const PathStatus* pathStatus = in_.pathStatusDir->pathStatus(now.vrfName);
         const auto* status = pathStatus ? pathStatus->pathStatusEntry(pathKey) : nullptr;
-        return newest(pathKey, publication) && status && status->programmed();
+        return isNewest(pathKey, publication) && status && status->programmed();
     };
     if (!in_.nexthopStatus->vrf(now.vrfName) || !isProgrammed()) return;
     const Vel::Hold hold;
@@ -411,9 +426,9 @@ void NavPathGroupDirSm::changeOwner(const PathKey& pathKey, Path& path, const Pa
 
 // The configuration entry comes last and complete: its watchers find everything else present.
 // Returns whether this is still the newest publication at the end.
-bool NavPathGroupDirSm::publishPath(const PathKey& pathKey, Path& path) {
+bool NavPathGroupDirSm::publishPath(const PathKey& pathKey, const Path& path,
+                                    const PathClaim& owner) {
     const Vel::Hold hold;
-    const PathClaim owner = path.claims.back();
     const U32 index = path.index, publication = path.publication;
     const NavPathGroupSm* group = navPathGroupSm_(owner.siteGroupKey.name);
     VEL_ASSERT(group, "!!pathGroupConfig");
@@ -435,19 +450,19 @@ bool NavPathGroupDirSm::publishPath(const PathKey& pathKey, Path& path) {
     pathGroupInfo->pathKeySetIs(pathKey);
 
     PathConfig& pathConfig = in_.pathConfigDir->pathConfigIs(owner.vrfName);
-    if (!newest(pathKey, publication)) return false;
+    if (!isNewest(pathKey, publication)) return false;
     PathStatus& pathStatus = in_.pathStatusDir->pathStatusIs(owner.vrfName);
-    if (!newest(pathKey, publication)) return false;
+    if (!isNewest(pathKey, publication)) return false;
     pathStatus.pathStatusEntryIs(pathKey);
-    if (!newest(pathKey, publication)) return false;
+    if (!isNewest(pathKey, publication)) return false;
     auto configure = [&](PathConfigEntry& entry) {
         entry.pathIndexIs(index);
         entry.ipsecProfileIs(ipsecProfile);
     };
     PathConfigEntry& entry = pathConfig.pathConfigEntryIs(pathKey, configure);
-    if (!newest(pathKey, publication)) return false;
+    if (!isNewest(pathKey, publication)) return false;
     configure(entry);
-    return newest(pathKey, publication);
+    return isNewest(pathKey, publication);
 }
 
 // Removes a path that was published in a VRF. Where no reactor resolves the VRF, no other one
@@ -484,6 +499,7 @@ void NavPathGroupDirSm::forgetPath(const PathKey& pathKey, const L3::VrfName& vr
 void NavPathGroupDirSm::deletePath(const PathKey& pathKey) {
     const auto path = paths_.extract(pathKey);
     if (path.empty()) return;
+    ++publications_;
     const U16 index = path.mapped().index;
     const PathClaim owner = path.mapped().claims.back();
     const Vel::Hold hold;

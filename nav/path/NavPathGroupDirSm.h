@@ -87,10 +87,10 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
                             const Vel::String& pgName);
     // Creates the path of one interface to one destination. Does nothing while the interface has no
     // address or its VRF no id, or when the configuration does not list interface or destination.
-    void createPath(const Netz::IntfId& intf, const Netz::IpGenAddr& dst, const SiteGroupKey& site);
-    // Claims a path for a site, over the interface that the database names for the path's source.
-    void addPathToConfig(const PathKey& pathKey, const SiteGroupKey& siteGroupKey,
-                         const L3::VrfName& vrfName);
+    void createPath(const Netz::IntfId& intf, const Netz::IpGenAddr& viaAddr,
+                    const Netz::IpGenAddr& dst, NavPathGroupSm& group);
+    // Makes a claim of the group on a path, which belongs to this claim then.
+    void addPathToConfig(const PathKey& pathKey, const PathClaim& claim, NavPathGroupSm& group);
     // Withdraws the claims of a group on a path: all, or those not justified any more.
     void removePathFromConfig(const PathKey& pathKey, NavPathGroupSm& group);
     void removeStalePath(const PathKey& pathKey, NavPathGroupSm& group);
@@ -138,14 +138,16 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     IntfSource sourceOf(const Netz::IntfId& intf) const;
     std::optional<U32> vrfIdOf(const L3::VrfName& vrfName) const;
     void handleVrf(const L3::VrfName& vrfName);
+    void removeStalePaths(const Netz::IntfId& intf, NavPathGroupSm* only);
     std::vector<Vel::Ptr<NavPathGroupSm>> groupsOf(const Netz::IntfId& intf) const;
 
-    bool isJustified(const PathKey& pathKey, const PathClaim& claim) const;
+    bool isJustified(const PathKey& pathKey, const PathClaim& claim,
+                     const NavPathGroupSm& group) const;
     template <class Predicate>
     void withdrawClaims(const PathKey& pathKey, NavPathGroupSm& group, Predicate withdrawn);
-    Path* newest(const PathKey& pathKey, U32 publication);
+    bool isNewest(const PathKey& pathKey, U32 publication) const;
     void changeOwner(const PathKey& pathKey, Path& path, const PathClaim& before);
-    bool publishPath(const PathKey& pathKey, Path& path);
+    bool publishPath(const PathKey& pathKey, const Path& path, const PathClaim& owner);
     void unpublishPath(const PathKey& pathKey, const L3::VrfName& vrfName);
     void forgetPath(const PathKey& pathKey, const L3::VrfName& vrfName);
     void deletePath(const PathKey& pathKey);
@@ -156,7 +158,7 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     bool initialized_ = false;  // from handleInitialized() on; no path is made before
     bool ended_ = false;        // from doCleanup() on; no path is made after
     FreeIdQueue freePathId_;    // the indices that no path in paths_ uses
-    U32 publications_ = 0;
+    U32 publications_ = 0;      // begun, and deletions
     std::unordered_map<PathKey, Path, PathKeyHash> paths_;
     // The groups listing each interface, in the order they were added, never empty.
     std::unordered_map<Netz::IntfId, std::vector<Vel::String>> intfToPgName_;

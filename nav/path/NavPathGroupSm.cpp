@@ -118,8 +118,7 @@ void NavPathGroupSm::handleRemoteVia(const Netz::IpGenAddr& viaAddr,
         const Vel::String profile = config().ipsecProfile();
         for (const Netz::IntfId& intf : config().localIntf()) {
             if (config().ipsecProfile() != profile) return;  // a newer one has been applied
-            if (!dir.getSrcIntfIp(intf).isZero())
-                dir.createPath(intf, remoteVia, {pgName(), viaAddr});
+            if (!dir.getSrcIntfIp(intf).isZero()) dir.createPath(intf, viaAddr, remoteVia, *this);
         }
     } else if (const auto* paths = dir.inputs().navDb->addrToPathKeySet(remoteVia)) {
         for (const PathKey& pathKey : paths->pathKey()) dir.removeStalePath(pathKey, *this);
@@ -133,13 +132,6 @@ void NavPathGroupSm::createPaths(const Netz::IntfId& intf) {
 
 void NavPathGroupSm::removeStalePaths() {
     for (const PathKey& pathKey : claimed_) in_.pgDirSm->removeStalePath(pathKey, *this);
-}
-
-void NavPathGroupSm::claimedIs(const PathKey& pathKey, bool claimed) {
-    if (!claimed)
-        claimed_.take(pathKey);
-    else if (!claimed_.has(pathKey))
-        claimed_.insert(pathKey);
 }
 
 }  // namespace Nav

@@ -49,8 +49,9 @@ class NAV_EXPORT NavPathGroupSm final : public Vel::Reactor {
     // The group was removed from the configuration: from now on nothing is justified.
     void removedIs() { removed_ = true; }
     bool removed() const { return removed_; }
-    // Whether the group has a claim on a path.
-    void claimedIs(const PathKey& pathKey, bool claimed);
+    // The group made its first claim on a path, and lost its last.
+    void claimedAdd(const PathKey& pathKey) { claimed_.insert(pathKey); }
+    void claimedDel(const PathKey& pathKey) { claimed_.take(pathKey); }
     const auto& claimed() const { return claimed_; }
 
   private:
