@@ -273,17 +273,23 @@ bool LbProfileSm::updateLbIdPath(const LbProfileKey& key, const Vel::String& lbN
 
 bool LbProfileSm::ensureLbId(const LbProfileKey& key, const Vel::String& lbName) {
     const U64 turn = reactions_;
-    if (!freeLbIds() && !statusOf(key)) releaseVanished();
+    if (!freeLbIds() && !statusOf(key)) releaseUnneeded();
     if (reactions_ == turn) createLbIdStatus(key, lbName);
     return reactions_ == turn;
 }
 
-// Until an id is free or no vanished site has a key.
-void LbProfileSm::releaseVanished() {
+// Releases keys of vanished sites until an id is free. Without such a site it releases every key
+// that no rule wants: its site has left the path groups of the profile, but not all path groups.
+void LbProfileSm::releaseUnneeded() {
     while (!freeLbIds()) {
         const auto key = keys_.longestVanished();
-        if (!key) return;
+        if (!key) break;
         deleteLbIdStatus(*key, {});
+    }
+    if (freeLbIds()) return;
+    for (const LbProfileStatusEntry& status : in_.lbProfileStatus->lbProfileStatusEntry()) {
+        const LbProfileKey key = status.key();
+        if (!wanted(key).constraints()) deleteLbIdStatus(key, {});
     }
 }
 

@@ -11,7 +11,8 @@
 //
 // Ids are handed out in order of release, oldest first. A site whose last site group is removed
 // keeps its ids. When a rule needs an id and none is free, keys of vanished sites are released,
-// those of the site that vanished first before the others; if there are none, the process stops.
+// those of the site that vanished first before the others; if there are none, all keys that no rule
+// wants any more although their site has not vanished. If there are none either, the process stops.
 //
 // Changes from inside a notification: a subscriber may change any input while this reactor
 // publishes. The reaction to that change runs first and to its end. Every reaction is counted, and
@@ -113,7 +114,7 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
                          const SiteGroupStatusEntry& siteGroup);
     bool ensureLbId(const LbProfileKey& key, const Vel::String& lbName);
 
-    void releaseVanished();
+    void releaseUnneeded();
     void refreshConstraints(const LbProfileKey& key, const Vel::String& lbName);
     void sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex);
     void siteGroupDeleted(const SiteGroupKey& siteGroup, const std::set<U32>& paths);
