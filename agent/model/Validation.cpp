@@ -55,23 +55,23 @@ void checkNames(const Vel::Entity& entity, const Path& place) {
     }
 }
 
-// Why no path can have this destination; null if one can.
+// The kind of an address that no path can have as its destination; null if a path can.
 const char* unusable(const Netz::IpGenAddr& addr) {
     const auto is = [&addr](size_t index, uint8_t mask, uint8_t value) {
         return (addr.data()[index] & mask) == value;
     };
-    if (addr.isZero()) return "unspecified";
+    if (addr.isZero()) return "an unspecified";
     if (addr.isV4()) {
-        if (is(0, 0xff, 127)) return "loopback";
-        if (is(0, 0xf0, 224)) return "multicast";
-        if (addr == Netz::IpGenAddr::fromV4(0xffffffff)) return "broadcast";
-        if (is(0, 0xff, 169) && is(1, 0xff, 254)) return "link-local";
+        if (is(0, 0xff, 127)) return "a loopback";
+        if (is(0, 0xf0, 224)) return "a multicast";
+        if (addr == Netz::IpGenAddr::fromV4(0xffffffff)) return "a broadcast";
+        if (is(0, 0xff, 169) && is(1, 0xff, 254)) return "a link-local";
         return nullptr;
     }
     static const auto loopback = Netz::IpGenAddr::parse("::1");
-    if (addr == loopback) return "loopback";
-    if (is(0, 0xff, 0xff)) return "multicast";
-    if (is(0, 0xff, 0xfe) && is(1, 0xc0, 0x80)) return "link-local";
+    if (addr == loopback) return "a loopback";
+    if (is(0, 0xff, 0xff)) return "a multicast";
+    if (is(0, 0xff, 0xfe) && is(1, 0xc0, 0x80)) return "a link-local";
     return nullptr;
 }
 
@@ -84,7 +84,7 @@ size_t checkDestinations(const Nav::PathGroupConfig& group, const Path& place) {
             const Path at =
                 place.at("remoteViaConfig", siteText).at("remoteVia", destination.stringValue());
             if (const char* kind = unusable(destination))
-                throw TreeError(at, std::string("a destination cannot be a ") + kind + " address");
+                throw TreeError(at, std::string("a destination cannot be ") + kind + " address");
             const auto [first, isNew] = siteOf.emplace(destination, site.remoteAddr());
             if (!isNew)
                 throw TreeError(at, "already a destination of site " + first->second.stringValue() +
