@@ -28,10 +28,10 @@ Json world() {
     Json made = {{"programmingDelay", 1}};
     for (size_t i = 0; i < vrfs.size(); ++i) made["vrfs"][vrfs[i]]["id"] = i;
     for (size_t i = 0; i < 6; ++i) {
-        Json& vrf = made["vrfs"][vrfs[i % 2]];
         const std::string net = numbered("10.0.", i), gateway = net + ".254";
         made["interfaces"][numbered("wan", i)] = {
             {"vrf", vrfs[i % 2]}, {"v4", net + ".1/24"}, {"neighbours", {{gateway, 1}}}};
+        Json& vrf = made["vrfs"][vrfs[i % 2]];  // until `made` has another member
         vrf["routes"]["198.51.100.0/24"].push_back(
             {{"gateway", gateway}, {"interface", numbered("wan", i)}});
         for (size_t peer = 1; peer < 130; ++peer)
