@@ -114,9 +114,9 @@ std::set<L3::VrfName> Transaction::bindingsInTheWay(const std::set<std::string>&
     std::set<L3::VrfName> bindings;
     for (const Nav::VrfConfig& binding : running_.vrfConfig()) {
         const auto needed = after.find(binding.vrfName());
-        const bool grows =
+        const bool needsAllAtTheEnd =
             needed != after.end() && needed->second == onTheWay.at(binding.vrfName());
-        if (replaced.contains(binding.policyName()) || !(enough || grows))
+        if (replaced.contains(binding.policyName()) || !(enough || needsAllAtTheEnd))
             bindings.insert(binding.vrfName());
     }
     return bindings;
