@@ -4,7 +4,8 @@
 //
 //     shard_kills [KILLS [WRITER [READER]]]
 //
-// WRITER and READER are commands that run this program, perhaps as built for another processor.
+// WRITER and READER are shell commands that run this program, perhaps as built for another processor;
+// unless given, this program itself, whatever its path contains.
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
@@ -121,8 +122,8 @@ void race() {
 }
 
 pid_t start(const std::string& command, const char* role, const std::string& directory) {
-    const std::string line = "exec " + command + " " + role + " " + directory;
-    const char* arguments[] = {"sh", "-c", line.c_str(), nullptr};
+    const std::string line = "exec " + command + " \"$0\" \"$1\"";
+    const char* arguments[] = {"sh", "-c", line.c_str(), role, directory.c_str(), nullptr};
     pid_t pid = 0;
     require(
         posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(arguments), environ) == 0,
@@ -168,7 +169,7 @@ int main(int argc, char** argv) try {
     if (first == "rp") return read<PlainKind<300>>(argv[2]), 0;
     if (first == "rl") return read<ListKind<40>>(argv[2]), 0;
     race<PlainKind<3>>(), race<PlainKind<300>>(), race<ListKind<40>>();
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    const std::string self = "/proc/$PPID/exe";
     for (const char kind : {'p', 'l'})
         drive(kind, std::stoi(first) / 2, argc > 2 ? argv[2] : self, argc > 3 ? argv[3] : self);
     return 0;
