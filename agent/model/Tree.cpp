@@ -314,7 +314,7 @@ Json::json_pointer pointerTo(const Path& place, const Json& root) {
         pointer /= name;
         at = &at->at(name);
         if (!key) continue;
-        const auto isMeant = [&a, &key](const std::string& written) {
+        const auto isMeant = [&a = a, &key = key](const std::string& written) {
             try {
                 return written == key || a->normalKey(written) == key;
             } catch (const Vel::Error&) {

@@ -25,7 +25,7 @@ namespace Shard {
 
 // Status is Fib::ForwardingStatus or Fib6::ForwardingStatus.
 template <class Status>
-class SharedFib {
+class VEL_EXPORT SharedFib {
   public:
     using Map = ListMap<Vel::U64, Fib::Via, Fib::Fec::maxVias>;
     static constexpr uint32_t maxFecs = 4096;
@@ -54,7 +54,7 @@ class SharedFib {
     Vel::Subscription fec_;
 };
 
-extern template class VEL_EXPORT SharedFib<Fib::ForwardingStatus>;
-extern template class VEL_EXPORT SharedFib<Fib6::ForwardingStatus>;
+extern template class SharedFib<Fib::ForwardingStatus>;
+extern template class SharedFib<Fib6::ForwardingStatus>;
 
 }  // namespace Shard
