@@ -24,6 +24,7 @@ class LbProfileSm::VelNavRuleStatus : public Vel::Object {
 
     // At start the rules are only entered; the initialisation of the profiles then makes the keys.
     void handleInitialized() {
+        DUOLOG_ENTRY(lbTrace);
         for (const NavRuleEntry& entry : status_.navRuleEntry()) {
             if (owner_.initialized_)
                 handleNavVrfRuleEntry(entry);
@@ -32,6 +33,7 @@ class LbProfileSm::VelNavRuleStatus : public Vel::Object {
         }
     }
     void handleNavVrfRuleEntry(const NavRuleEntry& entry) {
+        DUOLOG_ENTRY(lbTrace);
         DUOLOG(lbTrace, 7, "NavRuleEntry: ", entry);
         owner_.ruleChanged(entry, status_.name());
     }
@@ -59,11 +61,13 @@ class LbProfileSm::VelSiteGroupStatusEntry : public Vel::Object {
     // At start the paths reach the keys with the rules. Later an entry is new and has none, unless
     // a subscriber added some before this reactor was made.
     void handleInitialized() {
+        DUOLOG_ENTRY(lbTrace);
         initialized_ = true;
         owner_.keys_.siteGroupAdded(entry_.key().routerIp);
         for (U32 pathIndex : entry_.pathIndexEntry()) applyPath(pathIndex);
     }
     void handleSiteGroupPathEntry(const U32& pathIndex) {
+        DUOLOG_ENTRY(lbTrace);
         if (!owner_.initialized_) return;
         DUOLOG(lbTrace, 7, "PathIndex: ", pathIndex);
         auto* siteEntry = owner_.in_.siteGroupStatus->siteGroupStatusEntry(entry_.key());
@@ -117,13 +121,13 @@ class LbProfileSm::VelLoadBalanceProfile : public Vel::Object {
         owner_.handleLbNavRuleEntries(profile_.profileName());
     }
     void handleLbPathGroupPriority(const Vel::String& pgName) {
-        if (!initialized_) return;
         DUOLOG(lbTrace, 8, "LbName: ", profile_.profileName(), " pgName: ", pgName);
+        if (!initialized_) return;
         owner_.handleLbNavRuleEntries(profile_.profileName());
     }
     void handleLbConstraints() {
-        if (!initialized_) return;
         DUOLOG_ENTRY(lbTrace);
+        if (!initialized_) return;
         owner_.constraintsChanged(profile_.profileName());
     }
     void handleLoadBalanceProfileDelete() {
@@ -146,11 +150,11 @@ LbProfileSm::LbProfileSm(const Inputs& inputs)
       profiles_(*this, *in_.cliConfig, NavCliConfig::loadBalanceProfileAttr) {}
 
 void LbProfileSm::handleInitialized() {
+    DUOLOG_ENTRY(lbTrace);
     if (initialized_) {
         DUOLOG(lbTrace, 8, "handleInitialized", ":", "already initialized");
         return;
     }
-    DUOLOG_ENTRY(lbTrace);
     in_.lbProfileStatus->lbProfileStatusEntryDelAll();
     freeLbId_ = FreeIdQueue(in_.maxLbIndex);
     navRuleStatus_.initialize();
@@ -348,6 +352,7 @@ void LbProfileSm::leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf) {
 }
 
 void LbProfileSm::handleNavRuleEntry(const NavRuleEntry& rule, const L3::VrfName& vrf, U32 vrfId) {
+    DUOLOG_ENTRY(lbTrace);
     const NavRuleEntry entry = rule;
     DUOLOG(lbTrace, 7, "NavRuleEntry: ", entry, " vrf: ", vrf, " vrfId: ", vrfId);
     const bool listed = isListed(entry, vrf);

@@ -12,9 +12,9 @@ class NavPathGroupDirSm::VelIpIntfStatus : public Vel::Object {
     VelIpIntfStatus(NavPathGroupDirSm& owner, Ip::IpIntfStatus& status)
         : owner_(owner),
           status_(status),
-          addr_(Vel::Subscription::to<&VelIpIntfStatus::handleSource>(
+          addr_(Vel::Subscription::to<&VelIpIntfStatus::handleIntfPrimaryAddr>(
               status, Ip::IpIntfStatus::activeAddrWithMaskAttr, this)),
-          vrfName_(Vel::Subscription::to<&VelIpIntfStatus::handleSource>(
+          vrfName_(Vel::Subscription::to<&VelIpIntfStatus::handleIntfPrimaryAddr>(
               status, Ip::IpIntfStatus::vrfNameAttr, this)),
           source_(read()) {
         owner_.vrfToIntf_[source_.vrfName].insert(intf());
@@ -23,11 +23,13 @@ class NavPathGroupDirSm::VelIpIntfStatus : public Vel::Object {
     const IntfSource& source() const { return source_; }
 
     void handleInitialized() {
+        DUOLOG_ENTRY(pathTrace, " ", intf());
         const Netz::IpGenAddr addr = source_.addr;
         if (!addr.isZero()) owner_.handleIntfPrimaryAddr(intf(), addr, {});
     }
-    // A new mask alone is no change.
-    void handleSource() {
+    // The address, the VRF or the VRF's id changed. A new mask alone is no change.
+    void handleIntfPrimaryAddr() {
+        DUOLOG_ENTRY(pathTrace, " ", intf());
         IntfSource now = read();
         if (now == source_) return;
         if (now.vrfName != source_.vrfName) {
@@ -39,7 +41,11 @@ class NavPathGroupDirSm::VelIpIntfStatus : public Vel::Object {
         DUOLOG(pathTrace, 7, "prevAddr ", prevAddr, " addr ", addr);
         owner_.handleIntfPrimaryAddr(intf(), addr, prevAddr);
     }
-    void handleDelete() { owner_.handleIntfDelete(intf(), source_.addr); }
+    void handleIntfDelete() {
+        DUOLOG_ENTRY(pathTrace, " ", intf());
+        owner_.handleIntfDelete(intf(), source_.addr);
+    }
+    void handleDelete() { handleIntfDelete(); }
     void doCleanup() { leaveVrf(); }
 
   private:
@@ -68,11 +74,19 @@ class NavPathGroupDirSm::VelVrfStatus : public Vel::Object {
     VelVrfStatus(NavPathGroupDirSm& owner, Routing::Hardware::VrfStatus& status)
         : owner_(owner),
           status_(status),
-          vrfId_(Vel::Subscription::to<&VelVrfStatus::handleInitialized>(
+          vrfId_(Vel::Subscription::to<&VelVrfStatus::handleVrfId>(
               status, Routing::Hardware::VrfStatus::vrfIdAttr, this)) {}
 
-    void handleInitialized() { owner_.handleVrf(status_.vrfName()); }
-    void handleDelete() { handleInitialized(); }
+    void handleInitialized() { handleVrfId(); }
+    void handleVrfId() {
+        DUOLOG_ENTRY(pathTrace, " ", status_.vrfName());
+        owner_.handleVrf(status_.vrfName());
+    }
+    void handleVrfDel() {
+        DUOLOG_ENTRY(pathTrace, " ", status_.vrfName());
+        owner_.handleVrf(status_.vrfName());
+    }
+    void handleDelete() { handleVrfDel(); }
 
   private:
     NavPathGroupDirSm& owner_;
@@ -152,7 +166,7 @@ void NavPathGroupDirSm::deletePathGroup(NavPathGroupSm& group) {
     for (const PathKey& pathKey : group.claimed()) {
         if (const PathKeyInfo* info = in_.navDb->pathKeyInfo(pathKey))
             DUOLOG(pathTrace, 7, "Deleting path: ", pathKey, " for vrf: ", info->vrfName());
-        removePathFromConfig(pathKey, group);
+        removePathFromConfig(pathKey, pgName);
     }
     group.doCleanup();
     // A subscriber called above may have added the group again, which removed this reactor.
@@ -191,12 +205,11 @@ std::optional<U32> NavPathGroupDirSm::vrfIdOf(const L3::VrfName& vrfName) const 
 }
 
 void NavPathGroupDirSm::handleVrf(const L3::VrfName& vrfName) {
-    DUOLOG_ENTRY(pathTrace, " ", vrfName);
     if (!vrfIdOf(vrfName)) releaseVrfId(*in_.navDb, *in_.routingHwRouteStatus, vrfName);
     const auto vrf = vrfToIntf_.find(vrfName);
     if (vrf == vrfToIntf_.end()) return;
     for (const Netz::IntfId& intf : std::set<Netz::IntfId>(vrf->second))
-        if (VelIpIntfStatus* status = ipIntfStatus_(intf)) status->handleSource();
+        if (VelIpIntfStatus* status = ipIntfStatus_(intf)) status->handleIntfPrimaryAddr();
 }
 
 void NavPathGroupDirSm::handleIntfPrimaryAddr(const Netz::IntfId& intf, const Netz::IpGenAddr& addr,
@@ -292,11 +305,9 @@ void NavPathGroupDirSm::remoteSiteDel(const SiteGroupKey& site) {
 
 // ---- claims ----
 
-namespace {
-auto isOf(const NavPathGroupSm& group) {
+auto NavPathGroupDirSm::isOf(const NavPathGroupSm& group) {
     return [&](const PathClaim& claim) { return claim.siteGroupKey.name == group.pgName(); };
 }
-}  // namespace
 
 void NavPathGroupDirSm::createPathsForIntf(const Netz::IntfId& intf, const Netz::IpGenAddr& viaAddr,
                                            const Vel::String& pgName) {
@@ -319,7 +330,7 @@ void NavPathGroupDirSm::createPath(const Netz::IntfId& intf, const Netz::IpGenAd
         forgetPath(pathKey, L3::VrfName(left->vrfName()));
     if (!isJustified(pathKey, claim, group)) return;
     DUOLOG(pathTrace, 7, "Adding path ", pathKey, " for site ", claim.siteGroupKey);
-    addPathToConfig(pathKey, claim, group);
+    addPathToConfig(pathKey, claim.siteGroupKey, claim.vrfName, intf);
 }
 
 // Whether the configuration and the interface, as they are now, ask for the claim.
@@ -335,11 +346,14 @@ bool NavPathGroupDirSm::isJustified(const PathKey& pathKey, const PathClaim& cla
            site->remoteViaHas(pathKey.dstAddr);
 }
 
-void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const PathClaim& claim,
-                                        NavPathGroupSm& group) {
+void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const SiteGroupKey& siteGroupKey,
+                                        const L3::VrfName& vrfName, const Netz::IntfId& intf) {
+    NavPathGroupSm* group = navPathGroupSm_(siteGroupKey.name);
+    VEL_ASSERT(group, "!!pathGroupConfig");
+    const PathClaim claim{intf, siteGroupKey, vrfName};
     const auto found = paths_.find(pathKey);
     if (found == paths_.end()) {
-        group.claimedAdd(pathKey);
+        group->claimedAdd(pathKey);
         VEL_ASSERT(freePathIds(), "freePathIds()");
         const U16 index = freePathIdDeq();
         DUOLOG(pathTrace, 7, "Creating pathIndex: ", index, " for path ", pathKey);
@@ -353,14 +367,15 @@ void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const PathClaim&
     Path& path = found->second;
     DUOLOG(pathTrace, 7, "Using pathIndex: ", path.index, " for path ", pathKey);
     const PathClaim owner = path.claims.back();
-    if (std::ranges::none_of(path.claims, isOf(group))) group.claimedAdd(pathKey);
+    if (std::ranges::none_of(path.claims, isOf(*group))) group->claimedAdd(pathKey);
     std::erase(path.claims, claim);
     path.claims.push_back(claim);
     changeOwner(pathKey, path, owner);
 }
 
-void NavPathGroupDirSm::removePathFromConfig(const PathKey& pathKey, NavPathGroupSm& group) {
-    withdrawClaims(pathKey, group, [](const PathClaim&) { return true; });
+void NavPathGroupDirSm::removePathFromConfig(const PathKey& pathKey, const Vel::String& pgName) {
+    if (NavPathGroupSm* group = navPathGroupSm_(pgName))
+        withdrawClaims(pathKey, *group, [](const PathClaim&) { return true; });
 }
 
 void NavPathGroupDirSm::removeStalePath(const PathKey& pathKey, NavPathGroupSm& group) {

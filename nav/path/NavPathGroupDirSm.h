@@ -37,15 +37,6 @@
 
 namespace Nav {
 
-// One site of one group wants a path over one interface.
-struct PathClaim {
-    Netz::IntfId intf;
-    SiteGroupKey siteGroupKey;
-    L3::VrfName vrfName;
-
-    bool operator==(const PathClaim&) const = default;
-};
-
 class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
   public:
     static constexpr std::string_view name = "Nav::NavPathGroupDirSm";
@@ -89,10 +80,13 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     // address or its VRF no id, or when the configuration does not list interface or destination.
     void createPath(const Netz::IntfId& intf, const Netz::IpGenAddr& viaAddr,
                     const Netz::IpGenAddr& dst, NavPathGroupSm& group);
-    // Makes a claim of the group on a path, which belongs to this claim then.
-    void addPathToConfig(const PathKey& pathKey, const PathClaim& claim, NavPathGroupSm& group);
-    // Withdraws the claims of a group on a path: all, or those not justified any more.
-    void removePathFromConfig(const PathKey& pathKey, NavPathGroupSm& group);
+    // Makes a claim of the site on a path over the interface, which then owns the path.
+    // REQUIRES: the site's group is configured.
+    void addPathToConfig(const PathKey& pathKey, const SiteGroupKey& siteGroupKey,
+                         const L3::VrfName& vrfName, const Netz::IntfId& intf);
+    // Withdraws all claims of a group on a path, in whichever VRF each was made.
+    void removePathFromConfig(const PathKey& pathKey, const Vel::String& pgName);
+    // Withdraws the claims of a group on a path that are not justified any more.
     void removeStalePath(const PathKey& pathKey, NavPathGroupSm& group);
 
     // The address of an interface; zero, with a trace, while it has none.
@@ -121,6 +115,14 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     class VelIpIntfStatus;
     class VelVrfStatus;
 
+    // One site of one group wants a path over one interface.
+    struct PathClaim {
+        Netz::IntfId intf;
+        SiteGroupKey siteGroupKey;
+        L3::VrfName vrfName;
+
+        bool operator==(const PathClaim&) const = default;
+    };
     struct Path {
         U16 index = 0;
         U32 publication = 0;            // number of the newest publication, unique over all paths
@@ -143,6 +145,7 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
 
     bool isJustified(const PathKey& pathKey, const PathClaim& claim,
                      const NavPathGroupSm& group) const;
+    static auto isOf(const NavPathGroupSm& group);
     template <class Predicate>
     void withdrawClaims(const PathKey& pathKey, NavPathGroupSm& group, Predicate withdrawn);
     bool isNewest(const PathKey& pathKey, U32 publication) const;

@@ -16,6 +16,7 @@ class NavPathGroupSm::VelRemoteViaConfig : public Vel::Object {
               site, RemoteViaConfig::remoteViaAttr, this)) {}
 
     void handleInitialized() {
+        DUOLOG_ENTRY(pathTrace, " ", site_.remoteAddr());
         dir().remoteSiteIs(key());
         handleRemoteViaConfig();
     }
@@ -107,7 +108,7 @@ void NavPathGroupSm::handleIpsecConfig() {
     }
     if (!profile.empty()) return;
     for (const PathKey& pathKey : claimed_)
-        if (config().ipsecProfile().empty()) in_.pgDirSm->removePathFromConfig(pathKey, *this);
+        if (config().ipsecProfile().empty()) in_.pgDirSm->removePathFromConfig(pathKey, pgName());
 }
 
 void NavPathGroupSm::handleRemoteVia(const Netz::IpGenAddr& viaAddr,

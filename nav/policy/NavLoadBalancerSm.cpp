@@ -18,6 +18,7 @@ class NavLoadBalancerSm::VelVrfStatus : public Vel::Object {
               status, Routing::Hardware::VrfStatus::vrfIdAttr, this)) {}
 
     void handleInitialized() {
+        DUOLOG_ENTRY(policyTrace);
         POLICY_TRACE(7, "vrfName: ", status_.vrfName(), ", vrfId: ", status_.vrfId());
         if (!owner_.initialized_) {
             POLICY_TRACE(8, "navLoadBalancerSm not initialized");
@@ -27,17 +28,17 @@ class NavLoadBalancerSm::VelVrfStatus : public Vel::Object {
         handleVrfId();
     }
     void handleVrfId() {
-        if (!initialized_) return;
         const L3::VrfName& vrf = status_.vrfName();
         POLICY_TRACE(8, "vrfName: ", vrf, " vrfId: ", status_.vrfId());
+        if (!initialized_) return;
         if (Routing::Hardware::knownVrfId(vrf, status_.vrfId()))
             return owner_.vrfIdIs(vrf, status_.vrfId());
         POLICY_TRACE(8, "Skip mapping from ", vrf, " to ", status_.vrfId());
         if (owner_.vrfNameToId(vrf)) owner_.vrfIdDel(vrf);  // the id was withdrawn
     }
     void handleVrfDel() {
-        if (!initialized_) return;
         POLICY_TRACE(8, "vrfName: ", status_.vrfName(), " vrfId: ", status_.vrfId());
+        if (!initialized_) return;
         owner_.vrfIdDel(status_.vrfName());
     }
     void handleDelete() { handleVrfDel(); }
@@ -59,6 +60,7 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
               config, VrfConfig::policyNameAttr, this)) {}
 
     void handleInitialized() {
+        DUOLOG_ENTRY(policyTrace);
         POLICY_TRACE(7, "vrfName: ", config_.vrfName(), ", policyName: ", config_.policyName());
         if (!owner_.initialized_) {
             POLICY_TRACE(8, "navLoadBalancerSm not initialized");
@@ -68,16 +70,18 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
         handleNavVrfPolicyConfig();
     }
     void handleNavVrfPolicyConfig() {
-        if (!initialized_) return;
+        DUOLOG_ENTRY(policyTrace);
         POLICY_TRACE(7, "vrfName: ", config_.vrfName(), " policyName: ", config_.policyName());
+        if (!initialized_) return;
         forget();
         wanted_ = config_.policyName();
         owner_.wantedBy_[wanted_].insert(config_.vrfName());
         owner_.handleNavVrfPolicyMapping(config_.vrfName(), wanted_);
     }
     void handleNavVrfPolicyConfigDel() {
-        if (!initialized_) return;
+        DUOLOG_ENTRY(policyTrace);
         POLICY_TRACE(7, "vrfName: ", config_.vrfName(), " policyName: ", config_.policyName());
+        if (!initialized_) return;
         forget();
         owner_.handleNavVrfPolicyMapping(config_.vrfName(), config_.policyName());
     }
@@ -335,8 +339,8 @@ void NavLoadBalancerSm::handleNavPolicyConfig() {
 }
 
 void NavLoadBalancerSm::handleNavPolicyConfig(const Vel::Name& policyName) {
-    if (!initialized_) return;
     POLICY_TRACE(8, "policyName: ", policyName);
+    if (!initialized_) return;
     const auto* reactor = policySm_(policyName);
     const auto* before = in_.cliConfig->policyConfig(policyName);
     // A policy may have been deleted and created again before this notification was read.
