@@ -5,18 +5,24 @@ namespace Agent {
 namespace {
 
 struct ToJson {
+    const Secrets secrets;
+
     Json operator()(std::monostate) const { return nullptr; }
     Json operator()(const Vel::Datum::List& list) const {
         Json array = Json::array();
-        for (const Vel::Datum& element : list) array.push_back(toJson(element));
+        for (const Vel::Datum& element : list) array.push_back(toJson(element, secrets));
         return array;
     }
     Json operator()(const Vel::Datum::Members& members) const {
         // Names are unique, so they need not be looked up one by one.
         Json::object_t object;
         object.reserve(members.size());
-        for (const auto& [name, value] : members) object.emplace_back(name, toJson(value));
+        for (const auto& [name, value] : members) object.emplace_back(name, toJson(value, secrets));
         return object;
+    }
+    Json operator()(const Vel::Secret& secret) const {
+        const bool show = secrets == Secrets::shown || secret.text.empty();
+        return show ? secret.text : Vel::Secret::hidden;
     }
     template <class Scalar>
     Json operator()(const Scalar& scalar) const {
@@ -26,8 +32,8 @@ struct ToJson {
 
 }  // namespace
 
-Json toJson(const Vel::Datum& datum) {
-    return std::visit(ToJson{}, datum.value);
+Json toJson(const Vel::Datum& datum, Secrets secrets) {
+    return std::visit(ToJson{secrets}, datum.value);
 }
 
 Vel::Datum toDatum(const Json& json) {

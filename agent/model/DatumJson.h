@@ -1,4 +1,5 @@
-// What the entity runtime calls a datum, as JSON and back. Order is kept both ways.
+// What the entity runtime calls a datum, as JSON and back. Order is kept both ways. Secrets are
+// hidden unless the caller writes a file for their owner.
 #pragma once
 
 #include "agent/base/Json.h"
@@ -6,7 +7,9 @@
 
 namespace Agent {
 
-Json toJson(const Vel::Datum& datum);
+enum class Secrets { hidden, shown };
+
+Json toJson(const Vel::Datum& datum, Secrets secrets = Secrets::hidden);
 Vel::Datum toDatum(const Json& json);
 
 }  // namespace Agent

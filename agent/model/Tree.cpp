@@ -111,7 +111,8 @@ class Check {
         }
     }
 
-    // `check` throws what is wrong with a datum. If only the quotes are missing, the error says so.
+    // `check` throws what is wrong with a datum. If only the quotes are missing, the error says so;
+    // it does not repeat the value, which may be a secret.
     template <class F>
     void scalar(const Json& value, F&& check) const {
         try {
@@ -120,7 +121,7 @@ class Check {
             std::string reason = error.what();
             if (const std::string text = shown(value);
                 (value.is_number() || value.is_boolean()) && accepts(check, text))
-                reason += "; in double quotes it is text: \"" + text + '"';
+                reason += "; in double quotes it is text";
             refuse(reason);
         }
     }

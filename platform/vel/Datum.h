@@ -18,7 +18,7 @@ struct Datum {
     using Members = std::vector<DatumMember>;  // in order, names unique
 
     // monostate is null. A negative number is a double, and so is one with a fraction.
-    std::variant<std::monostate, bool, U64, double, String, List, Members> value;
+    std::variant<std::monostate, bool, U64, double, String, List, Members, Secret> value;
 
     bool isNull() const { return value.index() == 0; }
     template <class T>

@@ -13,4 +13,13 @@ using U64 = std::uint64_t;
 using String = std::string;
 using Name = std::string;  // the name of an entity
 
+// A text that is shown to nobody, such as a key. As data it stays a Secret, so that whoever writes
+// data as text hides it unless told otherwise.
+struct Secret {
+    String text;
+    bool operator==(const Secret&) const = default;
+
+    static constexpr const char* hidden = "(hidden)";  // shown in its place, unless it is empty
+};
+
 }  // namespace Vel

@@ -17,6 +17,7 @@ std::string describe(const Datum& d) {
         std::string operator()(const String& v) const { return '"' + v.substr(0, 120) + '"'; }
         std::string operator()(const Datum::List&) const { return "an array"; }
         std::string operator()(const Datum::Members&) const { return "an object"; }
+        std::string operator()(const Secret&) const { return Secret::hidden; }
     };
     return std::visit(Visitor{}, d.value);
 }
@@ -308,5 +309,14 @@ VEL_TEXT(Netz::IpGenAddr)
 VEL_TEXT(Netz::IpAddrWithMask)
 VEL_TEXT(Netz::IntfId)
 VEL_TEXT(L3::VrfName)
+
+Secret Codec<Secret>::fromDatum(const Datum& d) {
+    if (const Secret* secret = d.as<Secret>()) return *secret;
+    const String* text = d.as<String>();
+    if (!text) throw Error("expected text");
+    if (*text == Secret::hidden)
+        throw Error("this stands where a secret was not shown; write the secret itself");
+    return {*text};
+}
 
 }  // namespace Vel

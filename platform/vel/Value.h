@@ -136,6 +136,14 @@ VEL_SCALAR_CODEC(Netz::IntfId, true)
 VEL_SCALAR_CODEC(L3::VrfName, true)
 #undef VEL_SCALAR_CODEC
 
+// An attribute's value only: a secret is neither a key nor part of a value text. Its errors do not
+// repeat what they refuse.
+template <>
+struct VEL_EXPORT Codec<Secret> {
+    static Datum datum(const Secret& v) { return {v}; }
+    static Secret fromDatum(const Datum& d);
+};
+
 // The one-at-a-time hash over 32-bit words, each taken as four bytes, least significant first
 // (Jenkins, Dr. Dobb's Journal, September 1997).
 class OneAtATime {

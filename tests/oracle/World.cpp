@@ -59,6 +59,7 @@ std::string json(const Datum& value) {
         std::string operator()(Vel::U64 v) const { return std::to_string(v); }
         std::string operator()(double v) const { return std::to_string(v); }
         std::string operator()(const Vel::String& v) const { return '"' + v + '"'; }
+        std::string operator()(const Vel::Secret&) const { return Vel::Secret::hidden; }
         std::string operator()(const Datum::List& list) const {
             std::string out;
             for (const Datum& v : list) out += (out.empty() ? "" : ",") + json(v);
