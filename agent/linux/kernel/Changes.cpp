@@ -7,6 +7,7 @@
 #include <linux/if_link.h>
 #include <linux/lwtunnel.h>
 #include <linux/nexthop.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/socket.h>
 
@@ -29,6 +30,25 @@ ifinfomsg linkHeader(uint32_t ifIndex) {
     return header;
 }
 
+// A group's flows are spread over so many buckets; a bucket without packets for the idle time may
+// move to a member that has fewer than its share.
+constexpr uint16_t groupBuckets = 64;
+constexpr uint32_t groupIdleTime = 100;  // in the 1/100 s of USER_HZ
+
+constexpr uint16_t nexthopFlags(bool created) {
+    return created ? NLM_F_CREATE | NLM_F_EXCL : create;
+}
+
+uint8_t routeType(Route::Action action) {
+    switch (action) {
+        case Route::Action::unreachable: return RTN_UNREACHABLE;
+        case Route::Action::next: return RTN_THROW;
+        case Route::Action::nexthop:
+        case Route::Action::via: break;
+    }
+    return RTN_UNICAST;
+}
+
 nhmsg nexthopHeader(unsigned char family) {
     nhmsg header{};
     header.nh_family = family;
@@ -43,29 +63,30 @@ size_t Changes::added(int harmless) {
     return requests_.size() - 1;
 }
 
-size_t Changes::linkIs(const TunnelLink& link) {
+size_t Changes::tunnelIs(const Tunnel& tunnel) {
     begin(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL, linkHeader(0));
-    writer_.attribute(IFLA_IFNAME, link.name.str());
-    if (link.mtu != 0) writer_.attribute(IFLA_MTU, link.mtu);
-    if (link.master != 0) writer_.attribute(IFLA_MASTER, link.master);
+    writer_.attribute(IFLA_IFNAME, tunnel.name.str());
+    writer_.attribute(IFLA_GROUP, ownLinkGroup);
     writer_.nested(IFLA_LINKINFO, [&] {
         writer_.attribute(IFLA_INFO_KIND, std::string_view("vxlan"));
         writer_.nested(IFLA_INFO_DATA, [&] {
-            writer_.attribute(IFLA_VXLAN_PORT, htons(link.udpPort));
+            writer_.attribute(IFLA_VXLAN_PORT, htons(tunnel.udpPort));
             writer_.attribute(IFLA_VXLAN_COLLECT_METADATA, uint8_t{1});
             writer_.attribute(IFLA_VXLAN_VNIFILTER, uint8_t{1});
             writer_.attribute(IFLA_VXLAN_LEARNING, uint8_t{0});
             writer_.attribute(IFLA_VXLAN_GPE, Bytes());
         });
     });
-    return added(EEXIST);
+    return added();
 }
 
-size_t Changes::linkUp(uint32_t ifIndex, bool up) {
+size_t Changes::linkIs(uint32_t ifIndex, uint32_t mtu, uint32_t master) {
     ifinfomsg header = linkHeader(ifIndex);
-    header.ifi_flags = up ? IFF_UP : 0;
+    header.ifi_flags = IFF_UP;
     header.ifi_change = IFF_UP;
     begin(RTM_NEWLINK, 0, header);
+    writer_.attribute(IFLA_MTU, mtu);
+    writer_.attribute(IFLA_MASTER, master);
     return added();
 }
 
@@ -74,56 +95,80 @@ size_t Changes::linkDel(uint32_t ifIndex) {
     return added(ENODEV);
 }
 
-size_t Changes::vniIs(uint32_t ifIndex, uint32_t vni) {
+void Changes::vni(uint16_t type, uint16_t flags, uint32_t ifIndex, uint32_t vni) {
     tunnel_msg header{};
     header.family = PF_BRIDGE;
     header.ifindex = ifIndex;
-    begin(RTM_NEWTUNNEL, NLM_F_CREATE, header);
+    begin(type, flags, header);
     writer_.nested(VXLAN_VNIFILTER_ENTRY,
                    [&] { writer_.attribute(VXLAN_VNIFILTER_ENTRY_START, vni); });
+}
+
+size_t Changes::vniIs(uint32_t ifIndex, uint32_t vni) {
+    this->vni(RTM_NEWTUNNEL, NLM_F_CREATE, ifIndex, vni);
     return added(EEXIST);
 }
 
-size_t Changes::addressIs(uint32_t ifIndex, const Netz::IpAddrWithMask& addr) {
+size_t Changes::vniDel(uint32_t ifIndex, uint32_t vni) {
+    this->vni(RTM_DELTUNNEL, 0, ifIndex, vni);
+    return added(ENOENT);
+}
+
+// Without a route for the subnet: nothing on a tunnel is reached without encapsulation.
+void Changes::address(uint16_t type, uint16_t flags, uint32_t ifIndex,
+                      const Netz::IpAddrWithMask& addr) {
     ifaddrmsg header{};
     header.ifa_family = familyOf(addr.addr);
     header.ifa_prefixlen = static_cast<uint8_t>(addr.prefixLength);
     header.ifa_index = ifIndex;
-    begin(RTM_NEWADDR, create, header);
+    begin(type, flags, header);
     writer_.attribute(IFA_LOCAL, addr.addr);
     writer_.attribute(IFA_ADDRESS, addr.addr);
+    if (type == RTM_NEWADDR)
+        writer_.attribute(IFA_FLAGS, uint32_t{IFA_F_NOPREFIXROUTE | IFA_F_NODAD});
+}
+
+size_t Changes::addressIs(uint32_t ifIndex, const Netz::IpAddrWithMask& addr) {
+    address(RTM_NEWADDR, create, ifIndex, addr);
     return added();
 }
 
-size_t Changes::nexthopIs(const Nexthop& nexthop) {
-    begin(RTM_NEWNEXTHOP, create, nexthopHeader(nexthop.v6 ? AF_INET6 : AF_INET));
+size_t Changes::addressDel(uint32_t ifIndex, const Netz::IpAddrWithMask& addr) {
+    address(RTM_DELADDR, 0, ifIndex, addr);
+    return added(EADDRNOTAVAIL);
+}
+
+// Of family AF_INET6, which routes of both families can use.
+size_t Changes::nexthopIs(const Nexthop& nexthop, bool create) {
+    begin(RTM_NEWNEXTHOP, nexthopFlags(create), nexthopHeader(AF_INET6));
     writer_.attribute(NHA_ID, nexthop.id);
     writer_.attribute(NHA_OIF, nexthop.ifIndex);
-    if (nexthop.gateway) writer_.attribute(NHA_GATEWAY, *nexthop.gateway);
-    if (const auto& tunnel = nexthop.tunnel) {
-        const bool v4 = tunnel->destination.isV4();
-        writer_.attribute(NHA_ENCAP_TYPE, uint16_t{v4 ? LWTUNNEL_ENCAP_IP : LWTUNNEL_ENCAP_IP6});
-        writer_.nested(NHA_ENCAP, [&] {
-            writer_.attribute(v4 ? +LWTUNNEL_IP_ID : +LWTUNNEL_IP6_ID,
-                              uint64_t{htobe64(tunnel->vni)});
-            writer_.attribute(v4 ? +LWTUNNEL_IP_SRC : +LWTUNNEL_IP6_SRC, tunnel->source);
-            writer_.attribute(v4 ? +LWTUNNEL_IP_DST : +LWTUNNEL_IP6_DST, tunnel->destination);
-        });
-    }
+    const bool v4 = nexthop.destination.isV4();
+    writer_.attribute(NHA_ENCAP_TYPE, uint16_t{v4 ? LWTUNNEL_ENCAP_IP : LWTUNNEL_ENCAP_IP6});
+    writer_.nested(NHA_ENCAP, [&] {
+        writer_.attribute(v4 ? +LWTUNNEL_IP_ID : +LWTUNNEL_IP6_ID, uint64_t{htobe64(nexthop.vni)});
+        writer_.attribute(v4 ? +LWTUNNEL_IP_SRC : +LWTUNNEL_IP6_SRC, nexthop.source);
+        writer_.attribute(v4 ? +LWTUNNEL_IP_DST : +LWTUNNEL_IP6_DST, nexthop.destination);
+    });
     return added();
 }
 
-size_t Changes::nexthopGroupIs(uint32_t id, std::span<const NexthopMember> members) {
-    std::vector<nexthop_grp> group;
-    for (const NexthopMember& member : members) {
+size_t Changes::nexthopGroupIs(const NexthopGroup& group, bool create) {
+    std::vector<nexthop_grp> members;
+    for (const auto& member : group.members) {
         nexthop_grp entry{};
         entry.id = member.id;
         entry.weight = static_cast<uint8_t>(member.weight - 1);
-        group.push_back(entry);
+        members.push_back(entry);
     }
-    begin(RTM_NEWNEXTHOP, create, nexthopHeader(AF_UNSPEC));
-    writer_.attribute(NHA_ID, id);
-    writer_.attribute(NHA_GROUP, std::as_bytes(std::span(group)));
+    begin(RTM_NEWNEXTHOP, nexthopFlags(create), nexthopHeader(AF_UNSPEC));
+    writer_.attribute(NHA_ID, group.id);
+    writer_.attribute(NHA_GROUP, std::as_bytes(std::span(members)));
+    writer_.attribute(NHA_GROUP_TYPE, uint16_t{NEXTHOP_GRP_TYPE_RES});
+    writer_.nested(NHA_RES_GROUP, [&] {
+        if (create) writer_.attribute(NHA_RES_GROUP_BUCKETS, groupBuckets);
+        writer_.attribute(NHA_RES_GROUP_IDLE_TIMER, groupIdleTime);
+    });
     return added();
 }
 
@@ -138,14 +183,18 @@ void Changes::route(uint16_t type, uint16_t flags, const Route& route) {
     header.rtm_family = familyOf(route.prefix.addr);
     header.rtm_dst_len = static_cast<uint8_t>(route.prefix.prefixLength);
     header.rtm_protocol = ownProtocol;
-    header.rtm_type = route.nexthopId != 0 || route.gateway ? RTN_UNICAST : RTN_UNREACHABLE;
+    header.rtm_type = type == RTM_DELROUTE ? uint8_t{RTN_UNSPEC} : routeType(route.action);
+    if (type == RTM_DELROUTE) header.rtm_scope = RT_SCOPE_NOWHERE;  // any
+    // The gateway is on the link whatever the main table knows of it.
+    if (!route.gateway.isZero()) header.rtm_flags = RTNH_F_ONLINK;
+    else if (route.action == Route::Action::via) header.rtm_scope = RT_SCOPE_LINK;
     begin(type, flags, header);
     writer_.attribute(RTA_DST, route.prefix.addr);
     writer_.attribute(RTA_TABLE, route.table);
-    if (route.metric != 0) writer_.attribute(RTA_PRIORITY, route.metric);
-    if (route.nexthopId != 0) writer_.attribute(RTA_NH_ID, route.nexthopId);
-    if (!route.gateway) return;
-    writer_.attribute(RTA_GATEWAY, *route.gateway);
+    writer_.attribute(RTA_PRIORITY, route.metric);
+    if (route.action == Route::Action::nexthop) writer_.attribute(RTA_NH_ID, route.nexthopId);
+    if (route.action != Route::Action::via) return;
+    if (!route.gateway.isZero()) writer_.attribute(RTA_GATEWAY, route.gateway);
     writer_.attribute(RTA_OIF, route.ifIndex);
 }
 
@@ -154,8 +203,8 @@ size_t Changes::routeIs(const Route& route) {
     return added();
 }
 
-size_t Changes::routeDel(const Route& route) {
-    this->route(RTM_DELROUTE, 0, route);
+size_t Changes::routeDel(const Route::Key& key) {
+    route(RTM_DELROUTE, 0, {key.table, key.prefix, key.metric});
     return added(ESRCH);
 }
 
@@ -163,12 +212,12 @@ void Changes::rule(uint16_t type, uint16_t flags, const Rule& rule) {
     fib_rule_hdr header{};
     header.family = rule.v6 ? AF_INET6 : AF_INET;
     header.action = FR_ACT_TO_TBL;
-    if (rule.source) header.src_len = static_cast<uint8_t>(rule.source->bits());
+    if (!rule.source.isZero()) header.src_len = static_cast<uint8_t>(rule.source.bits());
     begin(type, flags, header);
     writer_.attribute(FRA_PRIORITY, rule.priority);
     writer_.attribute(FRA_TABLE, rule.table);
     writer_.attribute(FRA_PROTOCOL, ownProtocol);
-    if (rule.source) writer_.attribute(FRA_SRC, *rule.source);
+    if (!rule.source.isZero()) writer_.attribute(FRA_SRC, rule.source);
     if (rule.mark != 0) writer_.attribute(FRA_FWMARK, rule.mark);
     if (rule.ipProtocol != 0) writer_.attribute(FRA_IP_PROTO, rule.ipProtocol);
     if (rule.destinationPort == 0) return;

@@ -104,22 +104,16 @@ RouteResult expand(const Objects& objects, uint32_t id, const Netz::IpGenAddr& d
 
 }  // namespace
 
-RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination) {
-    if (message.type == NLMSG_ERROR) return {{kindOf(message), {}}, 0};
+std::vector<RouteVia> viasOf(const Message& message, const Netz::IpGenAddr& destination) {
+    std::vector<RouteVia> vias;
     const auto header = message.header<rtmsg>();
-    if (message.type != RTM_NEWROUTE || !header) return {};
-    RouteReply reply{{header->rtm_type == RTN_UNICAST ? Kind::forwarded : Kind::unreachable, {}},
-                     0};
-    auto& vias = reply.result.vias;
+    if (!header) return vias;
     uint32_t ifIndex = 0;
-    bool hasLegs = false;
     std::optional<Netz::IpGenAddr> gateway;
     for (const Attribute& attribute : attributesAfter<rtmsg>(message)) {
         if (auto hop = gatewayOf(attribute, header->rtm_family)) gateway = hop;
         if (attribute.type == RTA_OIF) ifIndex = attribute.u32().value_or(0);
-        if (attribute.type == RTA_NH_ID) reply.nexthopId = attribute.u32().value_or(0);
         if (attribute.type != RTA_MULTIPATH) continue;
-        hasLegs = true;
         for (const Leg& leg : Legs(attribute.data)) {
             if ((leg.head.rtnh_flags & deadFlags) != 0) continue;
             std::optional<Netz::IpGenAddr> hop;
@@ -129,10 +123,25 @@ RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination
                                  leg.head.rtnh_hops + 1U));
         }
     }
-    if (ifIndex != 0 && !hasLegs && (header->rtm_flags & deadFlags) == 0)
+    if (ifIndex != 0 && (header->rtm_flags & deadFlags) == 0)
         vias.push_back(viaTo(destination, gateway, ifIndex, 1));
+    return vias;
+}
+
+RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination) {
+    if (message.type == NLMSG_ERROR) return {{kindOf(message), {}}, 0};
+    const auto header = message.header<rtmsg>();
+    if (message.type != RTM_NEWROUTE || !header) return {};
+    RouteReply reply{{header->rtm_type == RTN_UNICAST ? Kind::forwarded : Kind::unreachable,
+                      viasOf(message, destination)},
+                     0};
     // The kernel names the object and its legs both, unless net.ipv4.nexthop_compat_mode is off.
-    if (hasLegs || ifIndex != 0 || reply.result.kind != Kind::forwarded) reply.nexthopId = 0;
+    bool named = false;
+    for (const Attribute& attribute : attributesAfter<rtmsg>(message)) {
+        if (attribute.type == RTA_NH_ID) reply.nexthopId = attribute.u32().value_or(0);
+        named |= attribute.type == RTA_OIF || attribute.type == RTA_MULTIPATH;
+    }
+    if (named || reply.result.kind != Kind::forwarded) reply.nexthopId = 0;
     if (reply.nexthopId == 0) finish(reply.result);
     return reply;
 }

@@ -62,6 +62,8 @@ struct RouteReply {
     uint32_t nexthopId = 0;  // of the next-hop object that holds the vias, if the reply does not
 };
 RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination);
+// The vias of an RTM_NEWROUTE or RTM_DELROUTE message that names them itself, dead ones left out.
+std::vector<RouteVia> viasOf(const Message& message, const Netz::IpGenAddr& destination);
 
 // What one RTM_NEWNEXTHOP message says of a next-hop object: a group, or a hop of its own.
 struct NexthopObject {

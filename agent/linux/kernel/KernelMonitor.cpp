@@ -1,5 +1,6 @@
 #include "agent/linux/kernel/KernelMonitor.h"
 
+#include <linux/fib_rules.h>
 #include <linux/if_link.h>
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "agent/linux/kernel/LinuxTrace.h"
+#include "agent/linux/kernel/Objects.h"
 #include "platform/netz/Error.h"
 
 namespace Agent::Linux {
@@ -26,6 +28,13 @@ constexpr unsigned groups[] = {
     RTNLGRP_LINK,       RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_NEIGH,
     RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE,   RTNLGRP_IPV6_RULE,   RTNLGRP_NEXTHOP,
 };
+
+bool isOwnRule(const Message& message) {
+    for (const Attribute& attribute : attributesAfter<fib_rule_hdr>(message))
+        if (attribute.type == FRA_PROTOCOL)
+            return readAs<uint8_t>(attribute.data).value_or(0) == ownProtocol;
+    return false;
+}
 
 }  // namespace
 
@@ -73,16 +82,26 @@ void KernelMonitor::handleEvent(const Message& message) {
             if (neighbours_.apply(message)) forwardingChanged();
             return;
         case RTM_NEWROUTE:
-        case RTM_DELROUTE:
+        case RTM_DELROUTE: {
+            const rtmsg route = message.header<rtmsg>().value_or(rtmsg{});
             // A cached exception, such as a path MTU, does not change the FIB.
-            if ((message.header<rtmsg>().value_or(rtmsg{}).rtm_flags & RTM_F_CLONED) != 0) return;
-            return forwardingChanged();
-        case RTM_NEWRULE:
-        case RTM_DELRULE:
+            if ((route.rtm_flags & RTM_F_CLONED) != 0) return;
+            if (route.rtm_protocol != ownProtocol) listener_.onRoute(message);
+            return handleRouting(message, route.rtm_protocol == ownProtocol);
+        }
         case RTM_NEWNEXTHOP:
         case RTM_DELNEXTHOP:
-            return forwardingChanged();
+            return handleRouting(
+                message, message.header<nhmsg>().value_or(nhmsg{}).nh_protocol == ownProtocol);
+        case RTM_NEWRULE:
+        case RTM_DELRULE:
+            return handleRouting(message, isOwnRule(message));
     }
+}
+
+void KernelMonitor::handleRouting(const Message& message, bool own) {
+    if (!own) return forwardingChanged();
+    if (message.port != ownPort_) listener_.onOwnChanged();
 }
 
 void KernelMonitor::handleOverrun() {

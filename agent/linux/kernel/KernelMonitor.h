@@ -46,6 +46,11 @@ class KernelMonitor {
         std::function<void()> onInterfaces;
         // Any route may have changed, and any neighbour may have become resolved or unresolved.
         std::function<void()> onForwarding;
+        // Somebody else has removed or changed a route, rule or next hop that bears `ownProtocol`.
+        // Called as the event is read. Not called after an overrun, which onForwarding follows.
+        std::function<void()> onOwnChanged = [] {};
+        // A route of somebody else's has come, changed or gone.
+        std::function<void(const Message&)> onRoute = [](const Message&) {};
     };
     struct Counters {
         uint64_t events = 0;
@@ -62,6 +67,10 @@ class KernelMonitor {
     // Dumps links and neighbours and calls both listeners. Raises Vel::Error if they cannot be
     // read.
     void start();
+
+    // The port of the socket that makes the agent's own changes: events that follow from these lead
+    // to no round of lookups.
+    void ownPortIs(uint32_t port) { ownPort_ = port; }
 
     int fd() const { return events_.fd(); }
     // Applies queued events, a bounded number of them. Returns whether none is left and none has
@@ -87,6 +96,7 @@ class KernelMonitor {
 
   private:
     void handleEvent(const Message& message);
+    void handleRouting(const Message& message, bool own);
     void handleOverrun();
     void handleForwardingTimer();
     void handleRefreshTimer();
@@ -100,6 +110,7 @@ class KernelMonitor {
     NetlinkSocket events_;
     RequestSocket requests_;
     FibLookup fib_{requests_};
+    uint32_t ownPort_ = 0;
     LinkState links_;
     NeighbourState neighbours_;
     InterfaceView view_;

@@ -61,11 +61,12 @@ void LinkState::applyLink(const Message& message) {
     }
     // Every message describes the whole link: an attribute that is missing has been removed.
     Netz::IntfId name;
-    uint32_t master = 0;
+    uint32_t mtu = 0, master = 0;
     std::optional<uint32_t> vrfTable;
     for (const Attribute& attribute : attributesAfter<ifinfomsg>(message)) {
         if (attribute.type == IFLA_IFNAME)
             name = Netz::IntfId::parse(attribute.text()).value_or(Netz::IntfId());
+        if (attribute.type == IFLA_MTU) mtu = attribute.u32().value_or(0);
         if (attribute.type == IFLA_MASTER) master = attribute.u32().value_or(0);
         if (attribute.type == IFLA_LINKINFO) vrfTable = vrfTableOf(attribute.data);
     }
@@ -73,6 +74,7 @@ void LinkState::applyLink(const Message& message) {
     Link& link = links_[index];
     link.name = name;
     link.flags = header->ifi_flags;
+    link.mtu = mtu;
     link.master = master;
     link.vrfTable = vrfTable;
 }
@@ -135,6 +137,7 @@ InterfaceView LinkState::view() const {
         Interface interface;
         interface.index = index;
         interface.name = link.name;
+        interface.mtu = link.mtu;
         interface.up = (link.flags & upFlags) == upFlags;
         const auto vrf = vrfs.find(link.vrfTable ? index : link.master);
         interface.vrf = vrf != vrfs.end() ? vrf->second : defaultVrf;

@@ -32,7 +32,7 @@ std::optional<Attribute> takeAttribute(Bytes& rest) {
 std::optional<Message> takeMessage(Bytes& rest) {
     auto head = readAs<nlmsghdr>(rest);
     if (!head || head->nlmsg_len < sizeof(nlmsghdr) || head->nlmsg_len > rest.size()) return {};
-    Message message{head->nlmsg_type, head->nlmsg_flags, head->nlmsg_seq,
+    Message message{head->nlmsg_type, head->nlmsg_flags, head->nlmsg_seq, head->nlmsg_pid,
                     rest.subspan(sizeof(nlmsghdr), head->nlmsg_len - sizeof(nlmsghdr))};
     rest = dropFront(rest, aligned(head->nlmsg_len));
     return message;

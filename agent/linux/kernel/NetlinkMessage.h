@@ -59,6 +59,7 @@ struct Message {
     uint16_t type = 0;
     uint16_t flags = 0;
     uint32_t sequence = 0;
+    uint32_t port = 0;  // of the socket whose request this replies to or follows from; 0: none
     Bytes payload;
 
     // The fixed header a message of this type begins with.

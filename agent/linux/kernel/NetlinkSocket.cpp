@@ -48,8 +48,8 @@ struct NetlinkSocket::Slots {
     bool truncated(unsigned i) const { return headers[i].msg_hdr.msg_flags & MSG_TRUNC; }
 };
 
-NetlinkSocket::NetlinkSocket(int receiveBuffer)
-    : fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)),
+NetlinkSocket::NetlinkSocket(int receiveBuffer, int family)
+    : fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, family)),
       slots_(std::make_unique<Slots>()) {
     if (fd_ < 0) refuse("socket");
     const int on = 1;
@@ -70,6 +70,13 @@ NetlinkSocket::NetlinkSocket(int receiveBuffer)
 
 NetlinkSocket::~NetlinkSocket() {
     close(fd_);
+}
+
+uint32_t NetlinkSocket::port() const {
+    sockaddr_nl self{};
+    socklen_t size = sizeof self;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&self), &size);
+    return self.nl_pid;
 }
 
 void NetlinkSocket::subscribe(unsigned group) {
@@ -105,7 +112,7 @@ bool NetlinkSocket::send(Bytes data) {
                   sizeof kernel) == static_cast<ssize_t>(data.size());
 }
 
-RequestSocket::RequestSocket() : socket_(requestReceiveBuffer) {}
+RequestSocket::RequestSocket(int family) : socket_(requestReceiveBuffer, family) {}
 
 size_t RequestSocket::exchange(size_t count, const WriteRequest& write, const TakeReply& take) {
     size_t unanswered = 0;

@@ -16,18 +16,20 @@
 
 namespace Agent::Linux {
 
-// A socket of family NETLINK_ROUTE, closed on exec, with strict checking of requests and extended
+// A socket of a netlink family (NETLINK_ROUTE, NETLINK_NETFILTER), closed on exec, with strict checking of requests and extended
 // acknowledgements. Raises Vel::Error where the kernel refuses one.
 class NetlinkSocket {
   public:
     // `receiveBuffer`: bytes that the kernel may queue for this socket, cut to net.core.rmem_max
     // without CAP_NET_ADMIN.
-    explicit NetlinkSocket(int receiveBuffer);
+    explicit NetlinkSocket(int receiveBuffer, int family = NETLINK_ROUTE);
     ~NetlinkSocket();
     NetlinkSocket(const NetlinkSocket&) = delete;
     NetlinkSocket& operator=(const NetlinkSocket&) = delete;
 
     int fd() const { return fd_; }
+    // Names this socket in events that follow from its requests (nlmsg_pid).
+    uint32_t port() const;
     // Joins a multicast group, an RTNLGRP_... number.
     void subscribe(unsigned group);
 
@@ -59,7 +61,8 @@ class NetlinkSocket {
 
 class RequestSocket {
   public:
-    RequestSocket();
+    explicit RequestSocket(int family = NETLINK_ROUTE);
+    uint32_t port() const { return socket_.port(); }
 
     // Writes the request of a position, under the sequence number given.
     using WriteRequest = std::function<void(MessageWriter&, uint32_t sequence, size_t position)>;

@@ -1,0 +1,209 @@
+#include "agent/linux/kernel/ObjectDump.h"
+
+#include <arpa/inet.h>
+#include <endian.h>
+#include <linux/fib_rules.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/lwtunnel.h>
+#include <linux/nexthop.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace Agent::Linux {
+
+namespace {
+
+constexpr int attempts = 4;  // when objects change while they are read
+
+using Tunnels = std::map<uint32_t, Tunnel>;  // by index
+
+void takeLink(Tunnels& tunnels, const Message& message) {
+    const auto header = message.header<ifinfomsg>();
+    if (message.type != RTM_NEWLINK || !header) return;
+    Tunnel tunnel;
+    bool own = false, vxlan = false;
+    for (const Attribute& attribute : attributesAfter<ifinfomsg>(message)) {
+        if (attribute.type == IFLA_IFNAME)
+            tunnel.name = Netz::IntfId::parse(attribute.text()).value_or(Netz::IntfId());
+        if (attribute.type == IFLA_GROUP) own = attribute.u32() == ownLinkGroup;
+        if (attribute.type == IFLA_MTU) tunnel.mtu = attribute.u32().value_or(0);
+        if (attribute.type == IFLA_MASTER) tunnel.master = attribute.u32().value_or(0);
+        if (attribute.type != IFLA_LINKINFO) continue;
+        for (const Attribute& info : Attributes(attribute.data)) {
+            if (info.type == IFLA_INFO_KIND) vxlan = info.text() == "vxlan";
+            if (info.type != IFLA_INFO_DATA) continue;
+            for (const Attribute& data : Attributes(info.data))
+                if (data.type == IFLA_VXLAN_PORT)
+                    tunnel.udpPort = ntohs(readAs<uint16_t>(data.data).value_or(0));
+        }
+    }
+    if ((header->ifi_flags & IFF_UP) == 0) tunnel.mtu = 0;  // not as any wanted one
+    if (own && vxlan) tunnels[static_cast<uint32_t>(header->ifi_index)] = tunnel;
+}
+
+void takeAddress(Tunnels& tunnels, const Message& message) {
+    const auto header = message.header<ifaddrmsg>();
+    if (message.type != RTM_NEWADDR || !header) return;
+    const auto tunnel = tunnels.find(header->ifa_index);
+    if (tunnel == tunnels.end() || header->ifa_scope != RT_SCOPE_UNIVERSE) return;
+    for (const Attribute& attribute : attributesAfter<ifaddrmsg>(message))
+        if (attribute.type == (header->ifa_family == AF_INET ? IFA_LOCAL : IFA_ADDRESS))
+            if (const auto addr = readAddr(header->ifa_family, attribute.data))
+                tunnel->second.address = {*addr, header->ifa_prefixlen};
+}
+
+void takeVni(Tunnels& tunnels, const Message& message) {
+    const auto header = message.header<tunnel_msg>();
+    if (message.type != RTM_NEWTUNNEL || !header) return;
+    const auto tunnel = tunnels.find(header->ifindex);
+    if (tunnel == tunnels.end()) return;
+    for (const Attribute& entry : attributesAfter<tunnel_msg>(message))
+        for (const Attribute& attribute : Attributes(entry.data))
+            if (attribute.type == VXLAN_VNIFILTER_ENTRY_START)
+                tunnel->second.vni = attribute.u32().value_or(0);
+}
+
+void takeEncap(Nexthop& nexthop, Bytes encap, unsigned family) {
+    const bool v4 = family == AF_INET;
+    for (const Attribute& attribute : Attributes(encap)) {
+        if (attribute.type == (v4 ? +LWTUNNEL_IP_ID : +LWTUNNEL_IP6_ID))
+            nexthop.vni =
+                static_cast<uint32_t>(be64toh(readAs<uint64_t>(attribute.data).value_or(0)));
+        if (attribute.type == (v4 ? +LWTUNNEL_IP_SRC : +LWTUNNEL_IP6_SRC))
+            nexthop.source = readAddr(family, attribute.data).value_or(Netz::IpGenAddr());
+        if (attribute.type == (v4 ? +LWTUNNEL_IP_DST : +LWTUNNEL_IP6_DST))
+            nexthop.destination = readAddr(family, attribute.data).value_or(Netz::IpGenAddr());
+    }
+}
+
+std::vector<NexthopGroup::Member> membersOf(Bytes data) {
+    std::vector<NexthopGroup::Member> members;
+    for (; auto member = readAs<nexthop_grp>(data); data = dropFront(data, sizeof(nexthop_grp)))
+        members.push_back({member->id, member->weight + 1U});
+    std::ranges::sort(members);
+    return members;
+}
+
+void takeNexthop(Objects& objects, const Message& message) {
+    const auto header = message.header<nhmsg>();
+    if (message.type != RTM_NEWNEXTHOP || !header || header->nh_protocol != ownProtocol) return;
+    Nexthop nexthop;
+    NexthopGroup group;
+    uint16_t encapType = 0;
+    Bytes encap;
+    for (const Attribute& attribute : attributesAfter<nhmsg>(message)) {
+        if (attribute.type == NHA_ID) nexthop.id = group.id = attribute.u32().value_or(0);
+        if (attribute.type == NHA_OIF) nexthop.ifIndex = attribute.u32().value_or(0);
+        if (attribute.type == NHA_ENCAP_TYPE)
+            encapType = readAs<uint16_t>(attribute.data).value_or(0);
+        if (attribute.type == NHA_ENCAP) encap = attribute.data;
+        if (attribute.type == NHA_GROUP) group.members = membersOf(attribute.data);
+    }
+    if (!group.members.empty()) return insert(objects, group);
+    takeEncap(nexthop, encap, encapType == LWTUNNEL_ENCAP_IP6 ? AF_INET6 : AF_INET);
+    insert(objects, nexthop);
+}
+
+void takeRoute(Objects& objects, const Message& message) {
+    const auto header = message.header<rtmsg>();
+    if (message.type != RTM_NEWROUTE || !header || header->rtm_protocol != ownProtocol) return;
+    Route route;
+    const bool v6 = header->rtm_family == AF_INET6;
+    route.prefix.addr = v6 ? Netz::IpGenAddr::fromV6({}) : Netz::IpGenAddr();
+    route.prefix.prefixLength = header->rtm_dst_len;
+    route.table = header->rtm_table;
+    switch (header->rtm_type) {
+        case RTN_UNREACHABLE: route.action = Route::Action::unreachable; break;
+        case RTN_THROW: route.action = Route::Action::next; break;
+        default: route.action = Route::Action::via;
+    }
+    uint32_t ifIndex = 0;
+    for (const Attribute& attribute : attributesAfter<rtmsg>(message)) {
+        if (attribute.type == RTA_TABLE) route.table = attribute.u32().value_or(0);
+        if (attribute.type == RTA_PRIORITY) route.metric = attribute.u32().value_or(0);
+        if (attribute.type == RTA_DST)
+            route.prefix.addr = readAddr(header->rtm_family, attribute.data).value_or(route.prefix.addr);
+        if (attribute.type == RTA_GATEWAY)
+            route.gateway = readAddr(header->rtm_family, attribute.data).value_or(route.gateway);
+        if (attribute.type == RTA_NH_ID) route.nexthopId = attribute.u32().value_or(0);
+        if (attribute.type == RTA_OIF) ifIndex = attribute.u32().value_or(0);
+    }
+    if (route.nexthopId != 0) route.action = Route::Action::nexthop, route.gateway = {};
+    if (route.action == Route::Action::via) route.ifIndex = ifIndex;
+    insert(objects, route);
+}
+
+void takeRule(Objects& objects, const Message& message) {
+    const auto header = message.header<fib_rule_hdr>();
+    if (message.type != RTM_NEWRULE || !header) return;
+    Rule rule;
+    rule.v6 = header->family == AF_INET6;
+    rule.table = header->table;
+    bool own = false;
+    for (const Attribute& attribute : attributesAfter<fib_rule_hdr>(message)) {
+        if (attribute.type == FRA_PROTOCOL)
+            own = readAs<uint8_t>(attribute.data).value_or(0) == ownProtocol;
+        if (attribute.type == FRA_PRIORITY) rule.priority = attribute.u32().value_or(0);
+        if (attribute.type == FRA_TABLE) rule.table = attribute.u32().value_or(0);
+        if (attribute.type == FRA_FWMARK) rule.mark = attribute.u32().value_or(0);
+        if (attribute.type == FRA_SRC)
+            rule.source = readAddr(header->family, attribute.data).value_or(rule.source);
+        if (attribute.type == FRA_IP_PROTO)
+            rule.ipProtocol = readAs<uint8_t>(attribute.data).value_or(0);
+        if (attribute.type == FRA_DPORT_RANGE)
+            rule.destinationPort =
+                readAs<fib_rule_port_range>(attribute.data).value_or(fib_rule_port_range{}).start;
+    }
+    if (own) insert(objects, rule);
+}
+
+// A dump of `type` for which the kernel is asked with `header`.
+template <class Header>
+int dump(RequestSocket& requests, uint16_t type, const Header& header, auto take) {
+    return requests.dump([&](MessageWriter& writer,
+                             uint32_t sequence) { writer.begin(type, NLM_F_DUMP, sequence, header); },
+                         take);
+}
+
+int read(RequestSocket& requests, Objects& objects) {
+    Tunnels tunnels;
+    int error = 0;
+    const auto add = [&](int next) { error = error != 0 ? error : next; };
+    add(dump(requests, RTM_GETLINK, ifinfomsg{}, [&](const Message& m) { takeLink(tunnels, m); }));
+    add(dump(requests, RTM_GETADDR, ifaddrmsg{}, [&](const Message& m) { takeAddress(tunnels, m); }));
+    tunnel_msg vnis{};
+    vnis.family = PF_BRIDGE;
+    if (!tunnels.empty())
+        add(dump(requests, RTM_GETTUNNEL, vnis, [&](const Message& m) { takeVni(tunnels, m); }));
+    add(dump(requests, RTM_GETNEXTHOP, nhmsg{}, [&](const Message& m) { takeNexthop(objects, m); }));
+    for (const unsigned char family : {AF_INET, AF_INET6}) {
+        rtmsg routes{};
+        routes.rtm_family = family;
+        routes.rtm_protocol = ownProtocol;  // the kernel leaves out the others
+        add(dump(requests, RTM_GETROUTE, routes, [&](const Message& m) { takeRoute(objects, m); }));
+        fib_rule_hdr rules{};
+        rules.family = family;
+        add(dump(requests, RTM_GETRULE, rules, [&](const Message& m) { takeRule(objects, m); }));
+    }
+    for (auto& [index, tunnel] : tunnels) insert(objects, tunnel);
+    return error;
+}
+
+}  // namespace
+
+std::optional<Objects> readObjects(RequestSocket& requests) {
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        Objects objects;
+        const int error = read(requests, objects);
+        if (error == 0) return objects;
+        if (error != EAGAIN) return {};
+    }
+    return {};
+}
+
+}  // namespace Agent::Linux

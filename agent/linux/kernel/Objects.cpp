@@ -1,0 +1,56 @@
+#include "agent/linux/kernel/Objects.h"
+
+namespace Agent::Linux {
+
+namespace {
+
+std::string hex(uint32_t number) {
+    char text[11];
+    std::snprintf(text, sizeof text, "0x%x", number);
+    return text;
+}
+
+struct Describe {
+    std::string operator()(const Tunnel& tunnel) const {
+        return "link " + tunnel.name.stringValue() + " vni " + std::to_string(tunnel.vni) +
+               " port " + std::to_string(tunnel.udpPort) + " mtu " + std::to_string(tunnel.mtu) +
+               " address " + tunnel.address.stringValue();
+    }
+    std::string operator()(const Nexthop& nexthop) const {
+        return "nexthop id " + hex(nexthop.id) + " vni " + std::to_string(nexthop.vni) + " src " +
+               nexthop.source.stringValue() + " dst " + nexthop.destination.stringValue();
+    }
+    std::string operator()(const NexthopGroup& group) const {
+        std::string text = "nexthop id " + hex(group.id) + " group";
+        for (const auto& member : group.members)
+            text += ' ' + hex(member.id) + ',' + std::to_string(member.weight);
+        return text;
+    }
+    std::string operator()(const Route& route) const {
+        std::string text = "route " + route.prefix.stringValue() + " table " + hex(route.table);
+        switch (route.action) {
+            case Route::Action::nexthop: return text + " nhid " + hex(route.nexthopId);
+            case Route::Action::unreachable: return text + " unreachable";
+            case Route::Action::next: return text + " throw";
+            case Route::Action::via: break;
+        }
+        if (!route.gateway.isZero()) text += " via " + route.gateway.stringValue();
+        return text + " dev " + std::to_string(route.ifIndex);
+    }
+    std::string operator()(const Rule& rule) const {
+        std::string text = std::string(rule.v6 ? "-6 " : "") + "rule " +
+                           std::to_string(rule.priority);
+        if (!rule.source.isZero()) text += " from " + rule.source.stringValue();
+        if (rule.mark != 0) text += " fwmark " + hex(rule.mark);
+        if (rule.destinationPort != 0) text += " dport " + std::to_string(rule.destinationPort);
+        return text + " lookup " + hex(rule.table);
+    }
+};
+
+}  // namespace
+
+std::string textOf(const Object& object) {
+    return std::visit(Describe{}, object);
+}
+
+}  // namespace Agent::Linux
