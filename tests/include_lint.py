@@ -27,6 +27,7 @@ floors = [
     ["agent/shell"],
     ["agent/router"],
     ["agent/linux/kernel"],
+    ["agent/linux/forwarding"],
     ["agent/sim", "agent/linux"],
     ["agent/host"],
 ]

@@ -11,9 +11,11 @@ using Shard::Fib::Fec;
 using Shard::Fib::Via;
 using Vel::U32;
 
-ForwardingAgent::ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor)
+ForwardingAgent::ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor,
+                                 Forwarding* forwarding)
     : in_(inputs),
       monitor_(monitor),
+      forwarding_(forwarding),
       solicitation_(Loom::call<&ForwardingAgent::solicit>(*this)),
       confirmation_(*in_.scheduler, Loom::call<&ForwardingAgent::confirm>(*this)),
       paths_(*this, *in_.navStatusDir) {}
@@ -83,23 +85,35 @@ void ForwardingAgent::VelPathStatusEntry::review() {
     nexthop_ = findNexthop();
     if (!nexthop_) return withdraw();
     const Nav::PathKey& path = path_->key();
-    write({path.srcAddr, path.dstAddr, path.vrfId, path_->pathInfo().pathIndex},
-          agent_.followNexthop(*nexthop_) ? nexthop_->ifIndex : 0);
-}
-
-void ForwardingAgent::VelPathStatusEntry::write(const Nav::HwPathKey& key, U32 arpIndex) {
+    const Nav::HwPathKey key{path.srcAddr, path.dstAddr, path.vrfId, path_->pathInfo().pathIndex};
     if (written_ != key) withdraw();
     written_ = key;
+    const U32 arpIndex = agent_.followNexthop(*nexthop_) ? nexthop_->ifIndex : 0;
+    write(key, program(path_->pathInfo()), arpIndex);
+}
+
+// Returns the hardware's index of the path, 0 until it has one.
+U32 ForwardingAgent::VelPathStatusEntry::program(const Nav::HwPathInfo& info) {
+    if (!agent_.forwarding_) return info.pathIndex;
+    agent_.forwarding_->pathIs(
+        info.pathIndex, {path_->key(), nexthop_->addr, nexthop_->ifIndex, info.via.intfId,
+                         info.via.weight});
+    return agent_.forwarding_->programmed(info.pathIndex);
+}
+
+void ForwardingAgent::VelPathStatusEntry::write(const Nav::HwPathKey& key, U32 pathIndex,
+                                                U32 arpIndex) {
     Nav::HwPathStatus& hardware = *agent_.in_.hwPathStatus;
     const Nav::HwPathStatusEntry* present = hardware.hwPathStatusList(key);
-    if (present && present->hwArpIndex() == arpIndex && present->ipsecEncapId() == path_->encapId())
+    if (present && present->hwPathIndex() == pathIndex && present->hwArpIndex() == arpIndex &&
+        present->ipsecEncapId() == path_->encapId())
         return;
     DUOLOG(linuxTrace, 6, "Path", key.pathIndex, " to ", key.dstAddr, " by ", path_->pathInfo().via,
            arpIndex != 0 ? ": neighbour resolved" : ": neighbour unresolved");
     const auto fill = [&, version = ++agent_.version_](Nav::HwPathStatusEntry& entry) {
         entry.ipsecEncapIdIs(path_->encapId());
         entry.updateVersionIs(version);
-        entry.hwPathIndexIs(key.pathIndex);
+        entry.hwPathIndexIs(pathIndex);
         entry.hwArpIndexIs(arpIndex);
     };
     const Vel::Hold hold;
@@ -107,9 +121,10 @@ void ForwardingAgent::VelPathStatusEntry::write(const Nav::HwPathKey& key, U32 a
 }
 
 void ForwardingAgent::VelPathStatusEntry::withdraw() {
-    nexthop_.reset();
-    if (const auto gone = std::exchange(written_, std::nullopt))
-        agent_.in_.hwPathStatus->hwPathStatusListDel(*gone);
+    const auto gone = std::exchange(written_, std::nullopt);
+    if (!gone) return;
+    agent_.in_.hwPathStatus->hwPathStatusListDel(*gone);
+    if (agent_.forwarding_) agent_.forwarding_->pathDel(gone->pathIndex);
 }
 
 }  // namespace Agent::Linux

@@ -5,7 +5,8 @@
 // its via is one of the route to its destination; a path whose route has moved to another interface
 // keeps its via, but not its entry. The entry has the path's index; its ARP index is the index of
 // the next hop's link while the kernel can send to the next hop at once, else 0: neighbours have no
-// numbers in the kernel.
+// numbers in the kernel. Where the kernel forwards by path selection's decisions, the entry's path
+// index is that of the path's next hop in the kernel instead, and 0 until the kernel has it.
 //
 // The kernel resolves a neighbour when it has a packet for it, and gives up after some seconds. So
 // the agent has it resolve each next hop in use that is unresolved, and repeats that for all next
@@ -17,6 +18,7 @@
 #include <optional>
 #include <set>
 
+#include "agent/linux/forwarding/Forwarding.h"
 #include "agent/linux/kernel/KernelMonitor.h"
 #include "agent/router/PathReactors.h"
 
@@ -26,8 +28,8 @@ class ForwardingAgent {
   public:
     static constexpr Loom::Duration confirmInterval = std::chrono::seconds(1);
 
-    // The monitor outlives this.
-    ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor);
+    // The others outlive this. `forwarding`: null if the platform observes only.
+    ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor, Forwarding* forwarding);
 
     // Call when routes, neighbours or interfaces may have changed. Paths are reviewed in tasks,
     // after those that are queued now.
@@ -48,7 +50,8 @@ class ForwardingAgent {
       private:
         std::optional<Neighbour> findNexthop() const;
         void review();
-        void write(const Nav::HwPathKey& key, Vel::U32 arpIndex);
+        Vel::U32 program(const Nav::HwPathInfo& info);
+        void write(const Nav::HwPathKey& key, Vel::U32 pathIndex, Vel::U32 arpIndex);
         void withdraw();
 
         ForwardingAgent& agent_;
@@ -67,6 +70,7 @@ class ForwardingAgent {
 
     const Nav::NavInputs in_;
     KernelMonitor& monitor_;
+    Forwarding* const forwarding_;
     Vel::U32 version_ = 0;           // of the last entry written
     std::set<Neighbour> toSolicit_;  // by the next run of solicitation_ or confirmation_
     Loom::Task solicitation_;

@@ -5,6 +5,8 @@
 
 #include "agent/linux/ForwardingAgent.h"
 #include "agent/linux/PathRoutes.h"
+#include "agent/linux/forwarding/Counting.h"
+#include "agent/linux/forwarding/Forwarding.h"
 #include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/router/NexthopResolver.h"
 #include "agent/router/RouterStatus.h"
@@ -21,9 +23,10 @@ constexpr Loom::Duration retryDelay = std::chrono::seconds(1);
 // The router's other services, played from the kernel's state.
 class LinuxPlatform::Services {
   public:
-    Services(EventLoop& loop, const Nav::NavInputs& inputs, int receiveBuffer);
+    Services(EventLoop& loop, const Nav::NavInputs& inputs, const LinuxOptions& options);
 
     const KernelMonitor& monitor() const { return monitor_; }
+    Forwarding* forwarding() { return forwarding_ ? &*forwarding_ : nullptr; }
 
   private:
     void handleInterfaces();
@@ -34,20 +37,38 @@ class LinuxPlatform::Services {
     KernelMonitor monitor_;
     std::set<L3::VrfName> unnumbered_;  // VRFs reported to have no id
     NexthopResolver resolver_;
-    ForwardingAgent forwarding_;
+    uint64_t refreshes_ = 1;  // of the monitor, when last looked at
+    std::optional<Forwarding> forwarding_;
+    std::optional<ForwardingAgent> agent_;
+    std::optional<Counting> counting_;
     Loom::Timer retry_;
-    EventLoop::Registration readable_;
+    EventLoop::Registration readable_, tableChanged_;
 };
 
-LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs, int receiveBuffer)
+LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
+                                  const LinuxOptions& options)
     : in_(inputs),
-      monitor_(*inputs.scheduler, {[this] { handleInterfaces(); }, [this] { handleForwarding(); }},
-               receiveBuffer),
+      monitor_(*inputs.scheduler,
+               {[this] { handleInterfaces(); },
+                [this] { handleForwarding(); },
+                [this] {
+                    if (forwarding_) forwarding_->ownChanged();
+                },
+                [this](const Message& message) {
+                    if (forwarding_) forwarding_->routeChanged(message);
+                }},
+               options.receiveBuffer),
       resolver_(inputs, [this](const auto& requested) { return lookup(requested); }),
-      forwarding_(inputs, monitor_),
       retry_(*inputs.scheduler, Loom::call<&Services::handleForwarding>(*this)),
       readable_(loop.onReadable(monitor_.fd(), [this] { monitor_.handleReadable(); })) {
     monitor_.start();
+    if (options.forwarding) {
+        forwarding_.emplace(inputs, options.forwarding, monitor_, [this] { agent_->review(); });
+        counting_.emplace(inputs, forwarding_->plan(), loop, options.runDir);
+        tableChanged_ = loop.onReadable(forwarding_->tableFd(),
+                                        [this] { forwarding_->handleTableReadable(); });
+    }
+    agent_.emplace(inputs, monitor_, forwarding());
 }
 
 void LinuxPlatform::Services::handleInterfaces() {
@@ -67,12 +88,16 @@ void LinuxPlatform::Services::handleInterfaces() {
         status.interfaces[interface.name] = {interface.vrf.name, interface.primary4,
                                              interface.primary6};
     status.publish(in_);
+    if (forwarding_) forwarding_->interfacesChanged();
 }
 
 // Paths are reviewed after the tasks in which path selection takes up the new results.
 void LinuxPlatform::Services::handleForwarding() {
     resolver_.resolve();
-    forwarding_.review();
+    if (agent_) agent_->review();
+    // After lost events, nobody knows what became of the agent's own objects.
+    if (std::exchange(refreshes_, monitor_.counters().refreshes) == refreshes_) return;
+    if (forwarding_) forwarding_->repair();
 }
 
 NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(
@@ -87,17 +112,23 @@ NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(
     return pathVias(view, queries, results);
 }
 
-LinuxPlatform::LinuxPlatform(EventLoop& loop, int receiveBuffer)
-    : Platform("linux"), loop_(loop), receiveBuffer_(receiveBuffer) {}
+LinuxPlatform::LinuxPlatform(EventLoop& loop, LinuxOptions options)
+    : Platform("linux"), loop_(loop), options_(std::move(options)) {}
 
 LinuxPlatform::~LinuxPlatform() = default;
 
 void LinuxPlatform::start(const Nav::NavInputs& inputs) {
-    services_ = std::make_unique<Services>(loop_, inputs, receiveBuffer_);
+    services_ = std::make_unique<Services>(loop_, inputs, options_);
 }
 
 void LinuxPlatform::stop() {
+    if (services_ && services_->forwarding() && !options_.keepForwarding)
+        services_->forwarding()->clear();
     services_.reset();
+}
+
+void LinuxPlatform::configured() {
+    if (services_ && services_->forwarding()) services_->forwarding()->replan();
 }
 
 std::optional<bool> LinuxPlatform::linkUp(const Netz::IntfId& name) const {

@@ -6,21 +6,29 @@
 #include <memory>
 
 #include "agent/linux/kernel/KernelMonitor.h"
+#include "agent/model/ForwardingConfig.h"
 #include "agent/router/Platform.h"
 #include "agent/shell/EventLoop.h"
 
 namespace Agent::Linux {
 
+struct LinuxOptions {
+    ForwardingPtr forwarding{};   // null: the platform observes only
+    bool keepForwarding = false;  // stop() leaves the kernel forwarding as it is
+    std::string runDir{};         // where the table of counters lies; needed for forwarding
+    int receiveBuffer = KernelMonitor::defaultReceiveBuffer;  // bytes, for the kernel's events
+};
+
 class LinuxPlatform final : public Platform {
   public:
-    // The loop outlives this. `receiveBuffer`: bytes that may be queued of the kernel's events.
-    explicit LinuxPlatform(EventLoop& loop,
-                           int receiveBuffer = KernelMonitor::defaultReceiveBuffer);
+    // The loop outlives this.
+    explicit LinuxPlatform(EventLoop& loop, LinuxOptions options = {});
     ~LinuxPlatform() override;
 
     // Raises Vel::Error where the kernel gives no sockets or cannot be read.
     void start(const Nav::NavInputs& inputs) override;
     void stop() override;
+    void configured() override;
     std::optional<bool> linkUp(const Netz::IntfId& name) const override;
 
     // REQUIRES: started and not stopped.
@@ -30,7 +38,7 @@ class LinuxPlatform final : public Platform {
     class Services;
 
     EventLoop& loop_;
-    const int receiveBuffer_;
+    const LinuxOptions options_;
     std::unique_ptr<Services> services_;  // null unless started
 };
 

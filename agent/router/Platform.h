@@ -26,6 +26,8 @@ class Platform {
     // Throws where it cannot start.
     virtual void start(const Nav::NavInputs&) {}
     virtual void stop() {}
+    // The configuration has been changed, completely.
+    virtual void configured() {}
     // Whether an interface is up; nothing if it does not exist or the platform does not know.
     virtual std::optional<bool> linkUp(const Netz::IntfId&) const { return {}; }
 

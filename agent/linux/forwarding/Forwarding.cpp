@@ -1,0 +1,220 @@
+#include "agent/linux/forwarding/Forwarding.h"
+
+#include <algorithm>
+
+#include "agent/linux/kernel/LinuxTrace.h"
+
+namespace Agent::Linux {
+
+Forwarding::VelLbProfileStatusEntry::VelLbProfileStatusEntry(Forwarding& forwarding,
+                                                             Nav::LbProfileStatusEntry& entry)
+    : forwarding(forwarding),
+      site(entry.key().vtepIp),
+      generation(Vel::Subscription::to<&VelLbProfileStatusEntry::changed>(
+          entry, Nav::LbProfileStatusEntry::genIdAttr, this)) {}
+
+Forwarding::VelSiteGroupStatusEntry::VelSiteGroupStatusEntry(Forwarding& forwarding,
+                                                             Nav::SiteGroupStatusEntry& entry)
+    : forwarding(forwarding),
+      site(entry.key().routerIp),
+      paths(Vel::Subscription::to<&VelSiteGroupStatusEntry::changed>(
+          entry, Nav::SiteGroupStatusEntry::pathIndexEntryAttr, this)) {}
+
+Forwarding::VelNavRuleStatus::VelNavRuleStatus(Forwarding& forwarding, Nav::NavRuleStatus& status)
+    : forwarding(forwarding),
+      rules(Vel::Subscription::to<&Forwarding::replan>(
+          status, Nav::NavRuleStatus::navRuleEntryAttr, &forwarding)) {}
+
+Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config,
+                       KernelMonitor& monitor, std::function<void()> onProgrammed)
+    : in_(inputs),
+      monitor_(monitor),
+      onProgrammed_(std::move(onProgrammed)),
+      plan_(inputs, config, routes_),
+      config_(std::move(config)),
+      commit_(Loom::call<&Forwarding::commit>(*this)),
+      ruleset_(Loom::call<&Forwarding::applyRuleset>(*this)),
+      adoption_(*inputs.scheduler, Loom::call<&Forwarding::endAdoption>(*this)),
+      retry_(*inputs.scheduler, Loom::call<&Forwarding::retry>(*this)),
+      lbStatus_(Vel::Subscription::to<&Forwarding::handleLbStatus>(
+          *in_.navStatusDir, Nav::NavStatusDir::navLbProfileStatusAttr, this)),
+      port_(Vel::Subscription::to<&Forwarding::replan>(
+          *in_.cliConfig, Nav::NavCliConfig::udpPortConfigAttr, this)),
+      siteGroups_(*this, *in_.siteGroupStatus, Nav::SiteGroupStatus::siteGroupStatusEntryAttr),
+      rules_(*this, *in_.navStatusDir, Nav::NavStatusDir::navRuleStatusAttr) {
+    if (!kernel_.read()) throw Vel::Error("netlink: the kernel's next hops cannot be read");
+    monitor_.ownPortIs(kernel_.port());
+    adopting_ = !kernel_.present().empty();
+    if (adopting_) {
+        DUOLOG(linuxTrace, 5, "Adopting ", kernel_.present().size(),
+               " objects that an agent left in the kernel");
+        adoption_.armIn(adoptionTime);
+    }
+    siteGroups_.initialize();
+    rules_.initialize();
+    handleLbStatus();
+    readRoutes_ = true;
+    replan();
+}
+
+void Forwarding::handleLbStatus() {
+    lbEntries_.reset();
+    Nav::LbProfileStatus* status = in_.navStatusDir->navLbProfileStatus();
+    if (!status) return;
+    lbEntries_.emplace(*this, *status, Nav::LbProfileStatus::lbProfileStatusEntryAttr);
+    lbEntries_->initialize();
+}
+
+void Forwarding::pathIs(uint32_t pathIndex, const PathHop& hop) {
+    plan_.pathIs(pathIndex, hop);
+    commitLater();
+}
+
+// A path that carries traffic has gone, so the decisions of now are better than those of before.
+void Forwarding::pathDel(uint32_t pathIndex) {
+    if (adopting_ && programmed(pathIndex) != 0) endAdoption();
+    plan_.pathDel(pathIndex);
+    commitLater();
+}
+
+uint32_t Forwarding::programmed(uint32_t pathIndex) {
+    const auto path = plan_.paths().find(pathIndex);
+    if (path == plan_.paths().end()) return 0;
+    const std::vector<ObjectKey> nexthops = plan_.nexthopsOf(path->second.path);
+    const auto acknowledged = [&](const ObjectKey& key) {
+        return kernel_.present(key) && plan_.wanted().contains(key);
+    };
+    if (nexthops.empty() || !std::ranges::all_of(nexthops, acknowledged)) return 0;
+    return std::get<Nexthop::Key>(nexthops.front()).id;
+}
+
+void Forwarding::siteChanged(const Netz::IpGenAddr& site) {
+    sites_.insert(site);
+    commitLater();
+}
+
+void Forwarding::replan() {
+    replanAll_ = true;
+    commitLater();
+}
+
+// With a tunnel device that is another one now, or has gone, the kernel has removed what used it.
+void Forwarding::interfacesChanged() {
+    if (plan_.segmentsIn(monitor_.interfaces()) != plan_.segments()) {
+        replan();
+        repair();
+    }
+    readRoutes_ = true;  // the kernel removes those of a link that goes down without an event
+    commitLater();
+}
+
+void Forwarding::routeChanged(const Message& message) {
+    if (!routes_.apply(message)) return;
+    replanSites_ = true;
+    commitLater();
+}
+
+void Forwarding::readRoutes() {
+    std::set<uint32_t> tables, tunnels;
+    for (const auto& [vrf, segment] : plan_.segmentsIn(monitor_.interfaces())) {
+        tables.insert(segment.table);
+        tunnels.insert(segment.tunnelIndex);
+    }
+    if (!routes_.read(requests_, tables, tunnels)) retry_.armIn(retryTime);
+    replanSites_ = true;
+}
+
+void Forwarding::repair() {
+    compareAll_ = readRoutes_ = true;
+    commitLater();
+}
+
+void Forwarding::ownChanged() {
+    tampered_ = true;
+    repair();
+}
+
+void Forwarding::commitLater() {
+    in_.scheduler->post(commit_);
+}
+
+void Forwarding::commit() {
+    if (std::exchange(readRoutes_, false)) readRoutes();
+    if (replanAll_)
+        plan_.replanAll(monitor_.interfaces());
+    else if (replanSites_)
+        plan_.replanSites();
+    if (std::exchange(replanAll_, false) | std::exchange(replanSites_, false)) sites_.clear();
+    for (const Netz::IpGenAddr& site : std::exchange(sites_, {})) plan_.replanSite(site);
+    if (adopting_ && allPathsProgrammed()) endAdoption();
+    std::set<ObjectKey> keys = plan_.takeChanged();
+    if (std::exchange(compareAll_, false)) {
+        if (!kernel_.read()) retry_.armIn(retryTime);
+        for (const auto& [key, object] : plan_.wanted()) keys.insert(key);
+        for (const auto& [key, object] : kernel_.present()) keys.insert(key);
+    }
+    in_.scheduler->post(ruleset_);  // after the routes, which are what a failing link waits for
+    if (keys.empty()) return;
+    const auto scope = adopting_ ? ObjectWriter::Scope::additions : ObjectWriter::Scope::all;
+    const size_t changes = kernel_.apply(plan_.wanted(), keys, scope);
+    DUOLOG(linuxTrace, 6, "Forwarding: ", changes, " changes, ", kernel_.refused().size(),
+           " refused");
+    if (!kernel_.refused().empty()) retry_.armIn(retryTime);
+    if (std::exchange(tampered_, false) && changes != 0)
+        DUOLOG(linuxTrace, 4, "Somebody has changed the agent's objects in the kernel; ", changes,
+               " changes put them back");
+    if (changes != 0) onProgrammed_();
+}
+
+void Forwarding::applyRuleset() {
+    std::string text = rulesetOf(in_, *config_, monitor_.interfaces(), plan_);
+    if (text == rulesetText_) return;
+    rulesetText_ = std::move(text);
+    rulesetRefused_ = nftables_.run(rulesetText_);
+    table_.changed();  // by this, which is nobody else's change
+    if (rulesetRefused_.empty()) return;
+    DUOLOG(linuxTrace, 3, "nftables refuses the rules: ", rulesetRefused_);
+    rulesetText_.clear();
+    retry_.armIn(retryTime);
+}
+
+void Forwarding::handleTableReadable() {
+    if (!table_.changed() || rulesetText_.empty()) return;
+    DUOLOG(linuxTrace, 4, "Somebody has changed table ", nftTable,
+           " of nftables; the agent's rules are put back");
+    rulesetText_.clear();
+    in_.scheduler->post(ruleset_);
+}
+
+bool Forwarding::allPathsProgrammed() const {
+    const Nav::PathStatusDir* status = in_.navStatusDir->navPathStatusDir();
+    size_t requested = 0;
+    for (const Nav::PathConfig& vrf : in_.pathConfigDir->pathConfig())
+        for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
+            ++requested;
+            const Nav::PathStatus* paths = status ? status->pathStatus(vrf.vrfName()) : nullptr;
+            const auto* entry = paths ? paths->pathStatusEntry(path.key()) : nullptr;
+            if (!entry || !entry->programmed()) return false;
+        }
+    return requested != 0;
+}
+
+void Forwarding::endAdoption() {
+    if (!std::exchange(adopting_, false)) return;
+    adoption_.disarm();
+    DUOLOG(linuxTrace, 5, "Replacing what an agent before left in the kernel");
+    repair();
+}
+
+void Forwarding::retry() {
+    repair();
+}
+
+void Forwarding::clear() {
+    std::set<ObjectKey> keys;
+    for (const auto& [key, object] : kernel_.present()) keys.insert(key);
+    kernel_.apply({}, keys);
+    nftables_.run(std::string("delete table ") + nftTable);
+}
+
+}  // namespace Agent::Linux

@@ -1,0 +1,319 @@
+#include "agent/linux/forwarding/Plan.h"
+
+#include <linux/rtnetlink.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <limits>
+
+namespace Agent::Linux {
+
+namespace {
+
+using Netz::IpGenAddr;
+
+// What numbers stand for, first in the hash of each.
+enum class Thing : uint64_t { nexthop, group, anyPath, application, source };
+
+template <class... Words>
+uint64_t thing(Thing kind, Words... words) {
+    uint64_t mixed = static_cast<uint64_t>(kind);
+    ((mixed = Netz::hashMix(mixed, static_cast<uint64_t>(words))), ...);
+    return mixed;
+}
+
+uint64_t mix(const L3::VrfName& vrf) {
+    return Netz::hashBytes(vrf.str());
+}
+
+constexpr uint32_t tunnelOverhead(bool v6) {
+    return (v6 ? 40 : 20) + 8 + 8;  // IP, UDP, VXLAN
+}
+
+IpPrefix host(const IpGenAddr& addr) {
+    return IpPrefix::of(addr, static_cast<uint8_t>(addr.bits()));
+}
+
+}  // namespace
+
+Plan::Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& routes)
+    : in_(inputs), config_(std::move(config)), routes_(routes) {}
+
+void Plan::replace(const Slice& slice, const Objects& objects) {
+    std::vector<ObjectKey>& keys = slices_[slice];
+    for (const ObjectKey& key : keys)
+        if (!objects.contains(key)) wanted_.erase(key), changed_.insert(key);
+    keys.clear();
+    for (const auto& [key, object] : objects) {
+        keys.push_back(key);
+        const auto [at, isNew] = wanted_.try_emplace(key, object);
+        if (!isNew && at->second == object) continue;
+        at->second = object;
+        changed_.insert(key);
+    }
+    if (keys.empty()) slices_.erase(slice);
+}
+
+// The packets of a segment fit every underlay link that a path may take.
+uint32_t derivedMtu(const InterfaceView& view, const Nav::NavInputs& in) {
+    uint32_t mtu = 1500;
+    bool v6 = false;
+    for (const Nav::PathGroupConfig& group : in.cliConfig->pathGroupConfig()) {
+        for (const Netz::IntfId& name : group.localIntf())
+            if (const Interface* interface = view.named(name)) mtu = std::min(mtu, interface->mtu);
+        for (const Nav::RemoteViaConfig& remote : group.remoteViaConfig())
+            for (const IpGenAddr& via : remote.remoteVia()) v6 |= via.isV6();
+    }
+    return mtu - tunnelOverhead(v6);
+}
+
+Plan::Segments Plan::segmentsIn(const InterfaceView& view) const {
+    Segments segments;
+    for (const ForwardingVrfConfig& config : config_->vrf()) {
+        const auto vrf = std::ranges::find(view.vrfs, config.vrfName(), &Vrf::name);
+        if (vrf == view.vrfs.end() || (vrf->id == 0 && vrf->index != 0)) continue;
+        Segment& segment = segments[config.vrfName()];
+        segment.vrf = config.vrfName();
+        segment.vrfId = vrf->id;
+        segment.index = vrf->index;
+        segment.table = vrf->index == 0 ? uint32_t{RT_TABLE_MAIN} : vrf->id;
+        segment.vni = config.vni();
+        segment.tunnel = {.name = Netz::IntfId(tunnelDevice(config)),
+                          .udpPort = in_.cliConfig->udpPortConfig(),
+                          .vni = config.vni(),
+                          .mtu = config.mtu() != 0 ? config.mtu() : derivedMtu(view, in_),
+                          .master = vrf->index,
+                          .address = config.address()};
+        if (const Interface* device = view.named(segment.tunnel.name))
+            segment.tunnelIndex = device->index;
+    }
+    return segments;
+}
+
+void Plan::replanAll(const InterfaceView& view) {
+    segments_ = segmentsIn(view);
+    planDevices();
+    planApplications();
+    std::set<IpGenAddr> sources;
+    for (const auto& [pathIndex, hop] : paths_) planPath(pathIndex), sources.insert(hop.path.srcAddr);
+    for (const IpGenAddr& source : sources) planSource(source);
+    replanSites();
+}
+
+void Plan::replanSites() {
+    std::set<IpGenAddr> sites;
+    for (const auto& [slice, keys] : slices_)
+        if (const auto* routes = std::get_if<SiteRoutes>(&slice)) sites.insert(routes->site);
+    prefixes_.clear();
+    for (const auto& [vrf, segment] : segments_) {
+        prefixes_[vrf] = prefixesIn(segment);
+        for (const auto& [site, prefixes] : prefixes_[vrf]) sites.insert(site);
+    }
+    for (const IpGenAddr& site : sites) replanSite(site);
+    planOthers();
+}
+
+void Plan::planDevices() {
+    Objects objects;
+    for (const auto& [vrf, segment] : segments_) insert(objects, segment.tunnel);
+    replace(Devices{}, objects);
+}
+
+std::set<uint32_t> Plan::applicationsOf(const Segment& segment) const {
+    std::set<uint32_t> applications;
+    if (const Nav::NavRuleStatus* rules = in_.navStatusDir->navRuleStatus(segment.vrf))
+        for (const Nav::NavRuleEntry& rule : rules->navRuleEntry())
+            applications.insert(rule.appProfileId);
+    return applications;
+}
+
+uint32_t Plan::markOf(const L3::VrfName& vrf, uint32_t appId) {
+    return numbers_.of(thing(Thing::application, mix(vrf), appId));
+}
+
+void Plan::planApplications() {
+    Objects objects;
+    applications_.clear();
+    for (const auto& [vrf, segment] : segments_)
+        for (const uint32_t appId : applicationsOf(segment)) {
+            const uint32_t mark = markOf(vrf, appId);
+            applications_.emplace(mark, std::pair(vrf, appId));
+            for (const bool v6 : {false, true})
+                insert(objects, Rule{.priority = applicationPriority,
+                                     .v6 = v6,
+                                     .table = mark,
+                                     .mark = mark});
+        }
+    replace(Applications{}, objects);
+}
+
+void Plan::pathIs(uint32_t pathIndex, const PathHop& hop) {
+    const auto present = paths_.find(pathIndex);
+    if (present != paths_.end() && present->second == hop) return;
+    if (present != paths_.end() && present->second.path != hop.path) pathDel(pathIndex);
+    paths_.insert_or_assign(pathIndex, hop);
+    planPath(pathIndex);
+    planSource(hop.path.srcAddr);
+}
+
+void Plan::pathDel(uint32_t pathIndex) {
+    const auto gone = paths_.extract(pathIndex);
+    if (gone.empty()) return;
+    replace(PathNexthops{pathIndex}, {});
+    planSource(gone.mapped().path.srcAddr);
+}
+
+uint32_t Plan::nexthopId(const Segment& segment, const Nav::PathKey& path) {
+    return numbers_.of(thing(Thing::nexthop, segment.vni, path.srcAddr.mix(), path.dstAddr.mix()));
+}
+
+std::vector<ObjectKey> Plan::nexthopsOf(const Nav::PathKey& path) {
+    std::vector<ObjectKey> keys;
+    for (const auto& [vrf, segment] : segments_) keys.push_back(Nexthop::Key{nexthopId(segment, path)});
+    return keys;
+}
+
+void Plan::planPath(uint32_t pathIndex) {
+    Objects objects;
+    const Nav::PathKey& path = paths_.at(pathIndex).path;
+    for (const auto& [vrf, segment] : segments_)
+        if (segment.tunnelIndex != 0)
+            insert(objects, Nexthop{.id = nexthopId(segment, path),
+                                    .ifIndex = segment.tunnelIndex,
+                                    .vni = segment.vni,
+                                    .source = path.srcAddr,
+                                    .destination = path.dstAddr});
+    replace(PathNexthops{pathIndex}, objects);
+}
+
+void Plan::planSource(const IpGenAddr& source) {
+    Objects objects;
+    const uint32_t table = numbers_.of(thing(Thing::source, source.mix()));
+    for (const auto& [pathIndex, hop] : paths_) {
+        if (hop.path.srcAddr != source) continue;
+        insert(objects, Route{.table = table,
+                              .prefix = host(hop.path.dstAddr),
+                              .metric = ownMetric,
+                              .action = Route::Action::via,
+                              .gateway = hop.gateway == hop.path.dstAddr ? IpGenAddr() : hop.gateway,
+                              .ifIndex = hop.ifIndex});
+    }
+    if (!objects.empty()) {
+        insert(objects, Route{.table = table,
+                              .prefix = IpPrefix::of(source, 0),
+                              .metric = ownMetric,
+                              .action = Route::Action::unreachable});
+        insert(objects, Rule{.priority = pinPriority,
+                             .v6 = source.isV6(),
+                             .table = table,
+                             .source = source,
+                             .ipProtocol = IPPROTO_UDP,
+                             .destinationPort = in_.cliConfig->udpPortConfig()});
+    }
+    replace(Source{source}, objects);
+}
+
+// What the configuration puts behind a site is there, whatever a routing daemon says.
+Plan::Prefixes Plan::prefixesIn(const Segment& segment) const {
+    Prefixes prefixes;
+    std::set<IpPrefix> configured;
+    for (const SiteConfig& site : config_->site()) {
+        const SiteVrfConfig* behind = site.vrf(segment.vrf);
+        if (!behind) continue;
+        auto& of = prefixes[site.routerAddr()];
+        of.insert(host(innerAddress(site, *behind)));
+        for (const IpPrefix& prefix : behind->prefix()) of.insert(prefix);
+        configured.insert(of.begin(), of.end());
+    }
+    for (auto& [site, of] : prefixes) {
+        const SiteConfig& config = *config_->site(site);
+        for (const IpPrefix& prefix :
+             routes_.learned(segment.table, innerAddress(config, *config.vrf(segment.vrf))))
+            if (!configured.contains(prefix)) of.insert(prefix);
+    }
+    return prefixes;
+}
+
+void Plan::replanSite(const IpGenAddr& site) {
+    Objects objects;
+    for (const auto& [vrf, segment] : segments_)
+        if (const auto prefixes = prefixes_[vrf].find(site);
+            prefixes != prefixes_[vrf].end() && segment.tunnelIndex != 0)
+            planSite(objects, segment, site, prefixes->second);
+    replace(SiteRoutes{site}, objects);
+}
+
+void Plan::planSite(Objects& objects, const Segment& segment, const IpGenAddr& site,
+                    const std::set<IpPrefix>& prefixes) {
+    const auto route = [&](uint32_t table, uint32_t metric, const NexthopGroup& group) {
+        for (const IpPrefix& prefix : prefixes) {
+            Route route{.table = table, .prefix = prefix, .metric = metric};
+            if (!group.members.empty())
+                route.action = Route::Action::nexthop, route.nexthopId = group.id;
+            insert(objects, route);
+        }
+        if (!group.members.empty()) insert(objects, group);
+    };
+    for (const uint32_t appId : applicationsOf(segment))
+        route(markOf(segment.vrf, appId), ownMetric, group(segment, site, appId));
+    route(segment.table, lastMetric, anyPath(segment, site));
+}
+
+// A table that is looked up first would hide more specific routes of the VRF's table.
+void Plan::planOthers() {
+    Objects objects;
+    for (const auto& [vrf, segment] : segments_) {
+        std::set<IpPrefix> overlay;
+        for (const auto& [site, prefixes] : prefixes_[vrf])
+            overlay.insert(prefixes.begin(), prefixes.end());
+        const auto hidden = [&](const IpPrefix& prefix) {
+            if (overlay.contains(prefix)) return false;
+            for (int length = prefix.prefixLength - 1; length >= 0; --length)
+                if (overlay.contains(IpPrefix::of(prefix.addr, static_cast<uint8_t>(length))))
+                    return true;
+            return false;
+        };
+        for (const IpPrefix& prefix : routes_.others(segment.table))
+            if (hidden(prefix))
+                for (const uint32_t appId : applicationsOf(segment))
+                    insert(objects, Route{.table = markOf(vrf, appId),
+                                          .prefix = prefix,
+                                          .metric = ownMetric,
+                                          .action = Route::Action::next});
+    }
+    replace(Others{}, objects);
+}
+
+void Plan::addMember(NexthopGroup& group, const Segment& segment, uint32_t pathIndex) {
+    const auto path = paths_.find(pathIndex);
+    if (path == paths_.end()) return;
+    group.members.push_back({nexthopId(segment, path->second.path),
+                             std::clamp<uint32_t>(path->second.weight, 1, 256)});
+}
+
+NexthopGroup Plan::group(const Segment& segment, const IpGenAddr& site, uint32_t appId) {
+    NexthopGroup group{numbers_.of(thing(Thing::group, mix(segment.vrf), site.mix(), appId)), {}};
+    const Nav::LbProfileStatus* ids = in_.navStatusDir->navLbProfileStatus();
+    const auto* id = ids ? ids->lbProfileStatusEntry({site, appId, segment.vrfId}) : nullptr;
+    if (!id) return group;
+    uint32_t best = std::numeric_limits<uint32_t>::max();
+    for (const Nav::PathWithPriority& member : id->pathEntry())
+        if (paths_.contains(member.pathIndex)) best = std::min(best, member.priority);
+    for (const Nav::PathWithPriority& member : id->pathEntry())
+        if (member.priority == best) addMember(group, segment, member.pathIndex);
+    std::ranges::sort(group.members);
+    return group;
+}
+
+NexthopGroup Plan::anyPath(const Segment& segment, const IpGenAddr& site) {
+    NexthopGroup group{numbers_.of(thing(Thing::anyPath, mix(segment.vrf), site.mix())), {}};
+    std::set<uint32_t> indices;
+    for (const Nav::PathGroupConfig& each : in_.cliConfig->pathGroupConfig())
+        if (const auto* entry = in_.siteGroupStatus->siteGroupStatusEntry({each.name(), site}))
+            for (const uint32_t pathIndex : entry->pathIndexEntry()) indices.insert(pathIndex);
+    for (const uint32_t pathIndex : indices) addMember(group, segment, pathIndex);
+    std::ranges::sort(group.members);
+    return group;
+}
+
+}  // namespace Agent::Linux

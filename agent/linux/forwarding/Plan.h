@@ -1,0 +1,138 @@
+// What the kernel must hold so that packets take the paths that path selection decided, computed
+// from published state and the forwarding configuration. Nothing is decided here and nothing done.
+//
+// In each VRF with a segment:
+//
+// - a tunnel device, and a next hop for each path that is up;
+// - for each application that the VRF's policy names a table, which a rule by the packets' mark
+//   leads to. It has a route for each prefix behind each site, to a group of next hops: the members
+//   of the load-balance id that have the best priority. Without a member the route is
+//   "unreachable": packets that the policy keeps off a path never take another one. Where the VRF
+//   has a more specific route of somebody else's, the table leaves the decision to that;
+// - in the VRF's own table the same prefixes, over all paths to the site, for packets that no
+//   application's table takes: the router's own, and those without a rule;
+// - for each source address of a path a table, which a rule for the tunnel's packets leads to, that
+//   pins each path to its own interface whatever the main table prefers.
+//
+// The objects are planned in slices, each of which is replaced whole when what it depends on
+// changes, so that an event costs what it concerns.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <set>
+#include <variant>
+
+#include "agent/linux/forwarding/Numbers.h"
+#include "agent/linux/forwarding/VrfRoutes.h"
+#include "agent/linux/kernel/LinkState.h"
+#include "agent/linux/kernel/Objects.h"
+#include "agent/model/ForwardingConfig.h"
+#include "nav/root/NavInputs.h"
+
+namespace Agent::Linux {
+
+// A VRF with a segment of the overlay.
+struct Segment {
+    L3::VrfName vrf;
+    uint32_t vrfId = 0;
+    uint32_t index = 0;  // of the VRF's device; 0 of the VRF "default"
+    uint32_t table = 0;  // of the VRF
+    uint32_t vni = 0;
+    Tunnel tunnel;
+    uint32_t tunnelIndex = 0;  // 0: the device does not exist yet
+
+    bool operator==(const Segment&) const = default;
+};
+
+// A path that can carry packets as far as the underlay goes.
+struct PathHop {
+    Nav::PathKey path;
+    Netz::IpGenAddr gateway;
+    uint32_t ifIndex = 0;
+    Netz::IntfId intfId;
+    uint32_t weight = 1;
+
+    bool operator==(const PathHop&) const = default;
+};
+
+// The priorities of the agent's rules. Both come before those of VRF devices (1000).
+inline constexpr uint32_t pinPriority = 110;
+inline constexpr uint32_t applicationPriority = 111;
+// Of routes in tables that are the agent's alone.
+inline constexpr uint32_t ownMetric = 110;
+// Of routes in the VRF's table: everybody else's are preferred. A routing daemon reads the highest
+// byte as administrative distance; 255 never is the best.
+inline constexpr uint32_t lastMetric = 0xff000000 | ownMetric;
+
+class Plan {
+  public:
+    // `routes` outlives this.
+    Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& routes);
+
+    using Segments = std::map<L3::VrfName, Segment>;
+    // The segments of the configuration that the interfaces allow.
+    Segments segmentsIn(const InterfaceView& view) const;
+
+    // Each recomputes what depends on it.
+    void replanAll(const InterfaceView& view);
+    void pathIs(uint32_t pathIndex, const PathHop& hop);
+    void pathDel(uint32_t pathIndex);
+    void replanSite(const Netz::IpGenAddr& site);
+    void replanSites();  // all of them, and what they leave to others' routes
+
+    const Objects& wanted() const { return wanted_; }
+    // The keys that the plan has changed since the last call.
+    std::set<ObjectKey> takeChanged() { return std::exchange(changed_, {}); }
+
+    const Segments& segments() const { return segments_; }
+    const std::map<uint32_t, PathHop>& paths() const { return paths_; }  // by path index
+    // The next hops of a path, one for each segment.
+    std::vector<ObjectKey> nexthopsOf(const Nav::PathKey& path);
+    // The firewall mark, and the table, of an application's packets in a VRF.
+    uint32_t markOf(const L3::VrfName& vrf, uint32_t appId);
+    // The VRF and application of each mark in use.
+    const std::map<uint32_t, std::pair<L3::VrfName, uint32_t>>& applications() const {
+        return applications_;
+    }
+
+  private:
+    struct Devices { auto operator<=>(const Devices&) const = default; };
+    struct Applications { auto operator<=>(const Applications&) const = default; };
+    struct Source { Netz::IpGenAddr addr; auto operator<=>(const Source&) const = default; };
+    struct PathNexthops { uint32_t pathIndex; auto operator<=>(const PathNexthops&) const = default; };
+    struct SiteRoutes { Netz::IpGenAddr site; auto operator<=>(const SiteRoutes&) const = default; };
+    struct Others { auto operator<=>(const Others&) const = default; };
+    using Slice = std::variant<Devices, Applications, Source, PathNexthops, SiteRoutes, Others>;
+    // The prefixes behind each site, in one VRF.
+    using Prefixes = std::map<Netz::IpGenAddr, std::set<IpPrefix>>;
+
+    void replace(const Slice& slice, const Objects& objects);
+    void planDevices();
+    void planApplications();
+    void planSource(const Netz::IpGenAddr& source);
+    void planPath(uint32_t pathIndex);
+    Prefixes prefixesIn(const Segment& segment) const;
+    void planSite(Objects& objects, const Segment& segment, const Netz::IpGenAddr& site,
+                  const std::set<IpPrefix>& prefixes);
+    void planOthers();
+    NexthopGroup group(const Segment& segment, const Netz::IpGenAddr& site, uint32_t appId);
+    NexthopGroup anyPath(const Segment& segment, const Netz::IpGenAddr& site);
+    void addMember(NexthopGroup& group, const Segment& segment, uint32_t pathIndex);
+    uint32_t nexthopId(const Segment& segment, const Nav::PathKey& path);
+    std::set<uint32_t> applicationsOf(const Segment& segment) const;
+
+    const Nav::NavInputs in_;
+    const ForwardingPtr config_;
+    const VrfRoutes& routes_;
+    Numbers numbers_;
+    Segments segments_;
+    std::map<uint32_t, PathHop> paths_;  // by path index
+    std::map<L3::VrfName, Prefixes> prefixes_;
+    std::map<uint32_t, std::pair<L3::VrfName, uint32_t>> applications_;
+    Objects wanted_;
+    std::map<Slice, std::vector<ObjectKey>> slices_;  // each key of wanted_ is in one
+    std::set<ObjectKey> changed_;
+};
+
+}  // namespace Agent::Linux

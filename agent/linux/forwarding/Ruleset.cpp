@@ -1,0 +1,257 @@
+#include "agent/linux/forwarding/Ruleset.h"
+
+#include <algorithm>
+#include <sstream>
+
+#include "nav/config/NavConstants.h"
+
+namespace Agent::Linux {
+
+namespace {
+
+using Netz::IpGenAddr;
+
+// Whether a mark is one of the agent's.
+constexpr const char* ownMark = "& 0xff000000 == 0x6e000000";
+constexpr const char* withPorts = "{ tcp, udp, udplite, sctp, dccp }";
+
+// "{ a, b }"; empty without members.
+std::string setOf(const std::vector<std::string>& members) {
+    std::string text;
+    for (const std::string& member : members) text += (text.empty() ? "{ " : ", ") + member;
+    return text.empty() ? text : text + " }";
+}
+
+template <class Range>
+std::vector<std::string> texts(const Range& range) {
+    std::vector<std::string> texts;
+    for (const auto& each : range) texts.push_back(each.stringValue());
+    return texts;
+}
+
+// Those of a family.
+template <class Range>
+std::vector<std::string> prefixes(const Range& range, bool v6) {
+    std::vector<std::string> texts;
+    for (const IpPrefix& prefix : range)
+        if (prefix.addr.isV6() == v6) texts.push_back(prefix.stringValue());
+    return texts;
+}
+
+std::string quoted(std::string_view name) {
+    return '"' + std::string(name) + '"';
+}
+
+// Everything that is the same for both families.
+std::string transport(const ApplicationMatchConfig& match) {
+    std::string text;
+    const std::string sources = setOf(texts(match.sourcePort())),
+                      destinations = setOf(texts(match.destinationPort()));
+    if (match.protocol().number)
+        text += " meta l4proto " + std::to_string(*match.protocol().number);
+    else if (!sources.empty() || !destinations.empty())
+        text += std::string(" meta l4proto ") + withPorts;
+    if (!sources.empty()) text += " th sport " + sources;
+    if (!destinations.empty()) text += " th dport " + destinations;
+    return text;
+}
+
+}  // namespace
+
+std::vector<std::string> expressionsOf(const ApplicationMatchConfig& match) {
+    const std::string rest = transport(match);
+    const auto given = [](const auto& range) { return range.begin() != range.end(); };
+    std::vector<std::string> dscps;
+    for (const Dscp& dscp : match.dscp()) dscps.push_back(std::to_string(dscp.value));
+    const bool bySource = given(match.sourcePrefix()),
+               byDestination = given(match.destinationPrefix());
+    if (!bySource && !byDestination && dscps.empty()) return {rest};
+    std::vector<std::string> expressions;
+    for (const bool v6 : {false, true}) {
+        const std::string ip = v6 ? " ip6" : " ip";
+        const auto sources = prefixes(match.sourcePrefix(), v6),
+                   destinations = prefixes(match.destinationPrefix(), v6);
+        if ((bySource && sources.empty()) || (byDestination && destinations.empty())) continue;
+        std::string text;
+        if (bySource) text += ip + " saddr " + setOf(sources);
+        if (byDestination) text += ip + " daddr " + setOf(destinations);
+        if (!dscps.empty()) text += ip + " dscp " + setOf(dscps);
+        expressions.push_back(text + rest);
+    }
+    return expressions;
+}
+
+std::vector<ApplicationMark> applicationsOf(const Nav::NavInputs& in,
+                                            const ForwardingConfig& config, const Segment& segment,
+                                            Plan& plan) {
+    const Nav::NavRuleStatus* status = in.navStatusDir->navRuleStatus(segment.vrf);
+    const auto* applied = in.navFeaturePolicyDir->appliedPolicy(Classification::vrfTarget);
+    const Vel::String* name = applied ? applied->policyForTarget(segment.vrf) : nullptr;
+    const auto* policy = name ? in.navFeaturePolicyDir->featurePolicy(*name) : nullptr;
+    if (!status) return {};
+    std::vector<Nav::NavRuleEntry> rules;
+    for (const Nav::NavRuleEntry& rule : status->navRuleEntry()) rules.push_back(rule);
+    std::ranges::sort(rules, {}, &Nav::NavRuleEntry::ruleKey);
+    std::vector<ApplicationMark> applications;
+    for (const Nav::NavRuleEntry& rule : rules) {
+        const uint32_t mark = plan.markOf(segment.vrf, rule.appProfileId);
+        const Vel::String* profile = policy ? policy->appProfilePriority(rule.ruleKey) : nullptr;
+        const ApplicationConfig* application = profile ? config.application(*profile) : nullptr;
+        if (rule.ruleKey == Nav::NavConstants::defaultRuleKey)
+            applications.push_back({nullptr, mark});
+        else if (application)
+            applications.push_back({application, mark});
+    }
+    return applications;
+}
+
+namespace {
+
+class Writer {
+  public:
+    Writer(const Nav::NavInputs& in, const ForwardingConfig& config, const InterfaceView& view,
+           Plan& plan)
+        : in_(in), config_(config), view_(view), plan_(plan) {}
+
+    std::string text() {
+        out_ << "add table " << nftTable << "\n"
+             << "flush table " << nftTable << "\n";
+        for (const auto& [name, addr] : {std::pair("packets4", "ipv4_addr"),
+                                         std::pair("packets6", "ipv6_addr")})
+            out_ << "add set " << nftTable << " " << name << " { type mark . " << addr << " . "
+                 << addr << "; size 65535; flags dynamic, timeout; timeout 1h; counter; }\n";
+        port_ = "udp dport " + std::to_string(in_.cliConfig->udpPortConfig());
+        zones();
+        classification();
+        segments();
+        protection();
+        counting();
+        return out_.str();
+    }
+
+  private:
+    void chain(const std::string& name, const std::string& hook) {
+        out_ << "add chain " << nftTable << " " << name << " { type " << hook
+             << "; policy accept; }\n";
+    }
+    void rule(const std::string& chain, const std::string& text) {
+        out_ << "add rule " << nftTable << " " << chain << " " << text << "\n";
+    }
+
+    // The interfaces that packets of a VRF come from, its tunnel included.
+    std::vector<std::string> interfacesOf(const Segment& segment) const {
+        std::vector<std::string> names;
+        for (const Interface& interface : view_.interfaces)
+            if (interface.vrf.index == segment.index) names.push_back(quoted(interface.name.str()));
+        return names;
+    }
+
+    // Flows of VRFs with the same addresses are told apart.
+    void zones() {
+        std::vector<std::string> zones;
+        for (const auto& [vrf, segment] : plan_.segments())
+            if (segment.index != 0)
+                for (const std::string& name : interfacesOf(segment))
+                    zones.push_back(name + " : " + std::to_string(segment.vrfId & 0xffff));
+        if (zones.empty()) return;
+        chain("zones", "filter hook prerouting priority raw");
+        rule("zones", "ct zone set iifname map " + setOf(zones));
+        chain("zones_out", "filter hook output priority raw");
+        rule("zones_out", "ct zone set oifname map " + setOf(zones));
+    }
+
+    void classify(const std::string& chain, const std::string& interfaces, const Segment& segment) {
+        const auto applications = applicationsOf(in_, config_, segment, plan_);
+        if (applications.empty() || interfaces.empty()) return;
+        std::ostringstream rules;
+        for (const auto& [application, mark] : applications) {
+            const std::string verdict =
+                " meta mark set " + std::to_string(mark) + " ct mark set meta mark accept; ";
+            if (!application) rules << verdict;
+            if (application)
+                for (const ApplicationMatchConfig& match : application->match())
+                    for (const std::string& expression : expressionsOf(match))
+                        rules << expression << verdict;
+        }
+        rule(chain, interfaces + " jump { " + rules.str() + " }");
+    }
+
+    void classification() {
+        // What arrives in a tunnel bears no mark of the outer packet.
+        chain("classify", "filter hook prerouting priority mangle");
+        rule("classify", std::string("meta mark ") + ownMark + " meta mark set 0");
+        rule("classify", port_ + " fib daddr type local accept");
+        rule("classify", std::string("ct mark ") + ownMark + " meta mark set ct mark accept");
+        // The router's own packets that the VRF's table leads into a tunnel.
+        chain("classify_out", "route hook output priority mangle");
+        std::vector<std::string> tunnels;
+        for (const auto& [vrf, segment] : plan_.segments())
+            tunnels.push_back(quoted(segment.tunnel.name.str()));
+        if (!tunnels.empty())
+            rule("classify_out", "oifname " + setOf(tunnels) + " ct mark " + ownMark +
+                                     " meta mark set ct mark accept");
+        for (const auto& [vrf, segment] : plan_.segments()) {
+            classify("classify", "iifname " + setOf(interfacesOf(segment)), segment);
+            classify("classify_out", "oifname " + quoted(segment.tunnel.name.str()), segment);
+        }
+    }
+
+    void segments() {
+        chain("segments", "filter hook forward priority mangle");
+        for (const auto& [vrf, segment] : plan_.segments())
+            rule("segments", "oifname " + quoted(segment.tunnel.name.str()) +
+                                 " tcp flags syn tcp option maxseg size set rt mtu");
+    }
+
+    void protection() {
+        chain("tunnels_in", "filter hook input priority filter");
+        chain("tunnels_out", "filter hook postrouting priority mangle");
+        std::vector<std::string> peers[2], secured[2], securedOut[2];
+        for (const Nav::PathConfig& vrf : in_.pathConfigDir->pathConfig())
+            for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
+                const auto& [source, destination, vrfId] = path.key();
+                const bool v6 = source.isV6();
+                if (destination.isV6() != v6) continue;
+                const std::string out = source.stringValue() + " . " + destination.stringValue();
+                const std::string in = destination.stringValue() + " . " + source.stringValue();
+                for (const Interface& interface : view_.interfaces)
+                    if (interface.primary4.addr == source || interface.primary6.addr == source)
+                        peers[v6].push_back(in + " . " + quoted(interface.name.str()));
+                if (path.ipsecProfile().empty()) continue;
+                secured[v6].push_back(in);
+                securedOut[v6].push_back(out);
+            }
+        for (const bool v6 : {false, true}) {
+            const std::string ip = v6 ? "ip6" : "ip", pair = ip + " saddr . " + ip + " daddr ";
+            if (!secured[v6].empty()) {
+                rule("tunnels_in", port_ + " " + pair + setOf(secured[v6]) + " meta secpath missing counter drop");
+                rule("tunnels_out", port_ + " " + pair + setOf(securedOut[v6]) + " rt ipsec missing counter drop");
+            }
+            if (!peers[v6].empty())
+                rule("tunnels_in", port_ + " " + pair + ". iifname " + setOf(peers[v6]) + " accept");
+        }
+        if (!plan_.segments().empty()) rule("tunnels_in", port_ + " counter drop");
+    }
+
+    void counting() {
+        for (const auto& [set, ip] : {std::pair("packets4", "ip"), std::pair("packets6", "ip6")})
+            rule("tunnels_out", port_ + " meta mark " + ownMark + " ct mark set meta mark update @" +
+                                    set + " { meta mark . " + ip + " saddr . " + ip + " daddr }");
+    }
+
+    const Nav::NavInputs& in_;
+    const ForwardingConfig& config_;
+    const InterfaceView& view_;
+    Plan& plan_;
+    std::string port_;  // matches the tunnels' packets
+    std::ostringstream out_;
+};
+
+}  // namespace
+
+std::string rulesetOf(const Nav::NavInputs& inputs, const ForwardingConfig& config,
+                      const InterfaceView& view, Plan& plan) {
+    return Writer(inputs, config, view, plan).text();
+}
+
+}  // namespace Agent::Linux
