@@ -435,8 +435,10 @@ void NavPathGroupDirSm::changeOwner(const PathKey& pathKey, Path& path, const Pa
     };
     if (!in_.nexthopStatus->vrf(now.vrfName) || !isProgrammed()) return;
     const Vel::Hold hold;
-    SiteGroupStatusEntry& site = in_.siteGroupStatus->siteGroupStatusEntryIs(now.siteGroupKey);
-    if (isProgrammed()) site.pathIndexEntryIs(index);
+    SiteGroupStatus& sites = *in_.siteGroupStatus;
+    while (isProgrammed() && !sites.siteGroupStatusEntry(now.siteGroupKey))
+        sites.siteGroupStatusEntryIs(now.siteGroupKey);  // a subscriber may remove it again
+    if (isProgrammed()) sites.siteGroupStatusEntry(now.siteGroupKey)->pathIndexEntryIs(index);
 }
 
 // The configuration entry comes last and complete: its watchers find everything else present.

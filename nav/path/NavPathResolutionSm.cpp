@@ -149,12 +149,15 @@ void NavPathResolutionSm::handlePathConfig(const PathKey& pathKey) {
     Vel::Hold hold;
     const IpGenAddr& addr = pathKey.dstAddr;
     if (!isConfigured(pathKey)) {
+        // A subscriber called here or below may have added the path again or ended this reactor,
+        // which leaves the rest to construction.
         releaseUnusedNexthop(addr);
-        if (isConfigured(pathKey)) return;  // added again by a subscriber, here and below
+        if (!initialized_ || isConfigured(pathKey)) return;
         DUOLOG(pathTrace, 7, "Deleting path ", pathKey, " from pathStatus");
         in_.pathStatus->pathStatusEntryDel(pathKey);
+        if (!initialized_ || isConfigured(pathKey)) return;
         const PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(pathKey);
-        if (!isConfigured(pathKey) && pathKeyInfo && pathKeyInfo->vrfName() == in_.vrfName)
+        if (pathKeyInfo && pathKeyInfo->vrfName() == in_.vrfName)
             in_.navDb->pathKeyInfoDel(pathKey);
     } else if (in_.nexthopVrfStatus->nexthop(addr)) {
         DUOLOG(pathTrace, 7, "Reviewing path ", pathKey, " for resolved addr ", addr);
@@ -276,9 +279,10 @@ bool NavPathResolutionSm::isConfigured(const PathKey& pathKey) const {
     return in_.pathConfig->pathConfigEntry(pathKey);
 }
 
-// Whether this is the path's destination and the path is configured in this VRF.
+// Whether this is the path's destination and the path is configured in this VRF. One that is just
+// being added counts once its entry has a reactor, which then is told of its removal too.
 bool NavPathResolutionSm::isTowards(const IpGenAddr& addr, const PathKey& pathKey) const {
-    return pathKey.dstAddr == addr && isConfigured(pathKey);
+    return pathKey.dstAddr == addr && pathConfigEntry_(pathKey) && isConfigured(pathKey);
 }
 
 // Whether a path configured in this VRF has this destination.
@@ -422,13 +426,19 @@ void NavPathResolutionSm::VelPathStatusEntry::handlePathStatusEntry() {
     const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(entry_->key());
     if (!pathKeyInfo) return;
     const U32 pathIndex = pathKeyInfo->pathIndex();
-    SiteGroupStatusEntry& site =
-        siteGroupStatus_.siteGroupStatusEntryIs(pathKeyInfo->siteGroupKey());
-    // A subscriber called above may have removed the path or moved it to another site.
-    if (!owner_.initialized_ || in_.pathStatus->pathStatusEntry(entry_->key()) != entry_.get() ||
-        in_.navDb->pathKeyInfo(entry_->key()) != pathKeyInfo ||
-        pathKeyInfo->siteGroupKey() != site.key())
-        return;
+    const SiteGroupKey key = pathKeyInfo->siteGroupKey();
+    // A subscriber called here may remove the path or move it to another site, or remove the entry
+    // with the last other path of the site.
+    const auto isCurrent = [&] {
+        return owner_.initialized_ &&
+               in_.pathStatus->pathStatusEntry(entry_->key()) == entry_.get() &&
+               in_.navDb->pathKeyInfo(entry_->key()) == pathKeyInfo &&
+               pathKeyInfo->siteGroupKey() == key;
+    };
+    while (isCurrent() && !siteGroupStatus_.siteGroupStatusEntry(key))
+        siteGroupStatus_.siteGroupStatusEntryIs(key);
+    if (!isCurrent()) return;
+    SiteGroupStatusEntry& site = *siteGroupStatus_.siteGroupStatusEntry(key);
     if (entry_->programmed()) {
         DUOLOG(pathTrace, 7, "Adding pathIndex: ", pathIndex, " to site ", site.key());
         site.pathIndexEntryIs(pathIndex);
@@ -442,7 +452,8 @@ void NavPathResolutionSm::VelPathStatusEntry::handlePathStatusEntryDelete() {
     DUOLOG_ENTRY(pathTrace, entry_->key());
     Vel::Hold hold;
     const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(entry_->key());
-    if (!pathKeyInfo) return;
+    // A subscriber may have had the path published again in another VRF with the same id.
+    if (!pathKeyInfo || pathKeyInfo->vrfName() != in_.vrfName) return;
     SiteGroupStatusEntry* site = siteGroupStatus_.siteGroupStatusEntry(pathKeyInfo->siteGroupKey());
     if (!site) return;
     site->pathIndexEntryDel(pathKeyInfo->pathIndex());
