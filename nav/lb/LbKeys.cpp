@@ -68,6 +68,14 @@ std::vector<LbProfileKey> LbKeys::of(const VrfAppKey& app) const {
     return keys;
 }
 
+std::vector<LbProfileKey> LbKeys::of(const Netz::IpGenAddr& address) const {
+    std::vector<LbProfileKey> keys;
+    if (const auto site = sites_.find(address); site != sites_.end())
+        for (const auto& [app, keySets] : site->second.apps)
+            keys.push_back({address, app.appId, app.vrfId});
+    return keys;
+}
+
 std::optional<LbProfileKey> LbKeys::longestVanished() const {
     if (vanished_.empty()) return std::nullopt;
     const Netz::IpGenAddr& address = vanished_.begin()->second;

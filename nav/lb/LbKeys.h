@@ -27,8 +27,9 @@ class LbKeys {
     // REQUIRES: siteGroupAdded(site) was called once more than siteGroupRemoved(site).
     void siteGroupRemoved(const Netz::IpGenAddr& site);
 
-    // The keys of one application.
+    // The keys of one application, and those of one site.
     std::vector<LbProfileKey> of(const VrfAppKey& app) const;
+    std::vector<LbProfileKey> of(const Netz::IpGenAddr& site) const;
     // A key of the site that vanished longest ago; nothing while no vanished site has a key.
     std::optional<LbProfileKey> longestVanished() const;
     void clear();

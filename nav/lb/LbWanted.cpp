@@ -18,4 +18,14 @@ const LoadBalanceProfile* LbWanted::constraints() const {
     return nullptr;
 }
 
+bool LbWanted::wantedBy(const Vel::String& lbName) const {
+    const auto* profile = cliConfig_.loadBalanceProfile(lbName);
+    if (!profile) return false;
+    for (const auto& [pgName, priority] : profile->pathGroupPriority())
+        if (siteGroupStatus_.siteGroupStatusEntry({pgName, site_}))
+            if (const LbRule* rule = governing(pgName); rule && rule->entry.lbProfileName == lbName)
+                return true;
+    return false;
+}
+
 }  // namespace Nav

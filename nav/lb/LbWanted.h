@@ -22,6 +22,8 @@ class LbWanted {
     const LbRule* governing(const Vel::String& pgName) const;
     // The profile that gives the constraints, null if the key is not wanted.
     const LoadBalanceProfile* constraints() const;
+    // Whether a rule naming the profile governs a group of which the site has an entry.
+    bool wantedBy(const Vel::String& lbName) const;
 
   private:
     const LbRules::Rules& rules_;

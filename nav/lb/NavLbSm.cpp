@@ -202,7 +202,7 @@ void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& l
             key, [id](LbProfileStatusEntry& made) { made.lbIndexIs(id); });
         DUOLOG(lbTrace, 7, "LbId: ", id);
         if (reactions_ != turn) return;
-    } else if (!keySet.lbKeyHas(key) && firstNaming(rules, lbName)) {
+    } else if (!keySet.lbKeyHas(key) && wanted(key).wantedBy(lbName)) {
         keys_.add(key, keySet);  // the key was created for another profile
     }
     // The only rule of an application gives its constraints without a search.
@@ -323,9 +323,17 @@ bool LbProfileSm::isListed(const NavRuleEntry& entry, const L3::VrfName& vrf) co
     return status && status->navRuleEntryHas(entry);
 }
 
-void LbProfileSm::ruleChanged(const NavRuleEntry& entry, const L3::VrfName& vrf) {
+// A rule that was removed and added again before its removal was announced here moves to the id
+// that the VRF has now.
+void LbProfileSm::ruleChanged(const NavRuleEntry& rule, const L3::VrfName& vrf) {
     if (!initialized_) return;
+    const NavRuleEntry entry = rule;
     ++reactions_;
+    const U32* vrfId = in_.navDb->vrfNameToId(vrf);
+    if (const U32 entered = enteredVrfId(entry, vrf); vrfId && entered != *vrfId) {
+        leaveRule(entry, vrf);
+        handleNavRuleEntry(entry, vrf, entered);
+    }
     if (isListed(entry, vrf)) rules_.enter(entry, vrf, vrfIdOf(vrf));
     handleNavRuleEntry(entry, vrf, enteredVrfId(entry, vrf));
 }
@@ -452,6 +460,12 @@ void LbProfileSm::sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex) 
         DUOLOG(lbTrace, 7, "Vrf: ", status.name());
         handleVrfLbIdStatus(siteGroup, pathIndex, status.name(), remove);
     }
+    if (!remove) return;
+    // The keys of a rule whose removal was not announced here yet, or that was added above.
+    for (const LbProfileKey& key : keys_.of(siteGroup.routerIp))
+        while (!isUsable(siteGroup, pathIndex) && isMember(key, siteGroup.name, pathIndex) &&
+               !updateLbIdPath(key, {}, siteGroup.name, pathIndex, true)) {
+        }
 }
 
 bool LbProfileSm::isMember(const LbProfileKey& key, const Vel::String& pgName,
@@ -522,7 +536,7 @@ void LbProfileSm::profileDeleted(const Vel::String& profileName) {
     for (const LbProfileKey& key : keySet->lbKey()) {
         if (!wanted(key).constraints()) {
             deleteLbIdStatus(key, lbName);
-        } else if (!in_.cliConfig->loadBalanceProfile(lbName)) {
+        } else if (!wanted(key).wantedBy(lbName)) {
             keys_.leave(key, *keySet);
             shared.insert(appOf(key));
         }

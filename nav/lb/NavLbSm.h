@@ -100,7 +100,7 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     U32 vrfIdOf(const L3::VrfName& vrf) const;
     U32 enteredVrfId(const NavRuleEntry& entry, const L3::VrfName& vrf) const;
     bool isListed(const NavRuleEntry& entry, const L3::VrfName& vrf) const;
-    void ruleChanged(const NavRuleEntry& entry, const L3::VrfName& vrf);
+    void ruleChanged(const NavRuleEntry& rule, const L3::VrfName& vrf);
     void rulesDeleted(const L3::VrfName& vrf);
     void leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf);
     void releaseUnwanted(const VrfAppKey& app, const Vel::String& lbName);

@@ -66,13 +66,12 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
             POLICY_TRACE(8, "navLoadBalancerSm not initialized");
             return;
         }
-        initialized_ = true;
         handleNavVrfPolicyConfig();
     }
     void handleNavVrfPolicyConfig() {
         DUOLOG_ENTRY(policyTrace);
         POLICY_TRACE(7, "vrfName: ", config_.vrfName(), " policyName: ", config_.policyName());
-        if (!initialized_) return;
+        if (!owner_.initialized_) return;
         forget();
         wanted_ = config_.policyName();
         owner_.wantedBy_[wanted_].insert(config_.vrfName());
@@ -81,7 +80,7 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
     void handleNavVrfPolicyConfigDel() {
         DUOLOG_ENTRY(policyTrace);
         POLICY_TRACE(7, "vrfName: ", config_.vrfName(), " policyName: ", config_.policyName());
-        if (!initialized_) return;
+        if (!owner_.initialized_) return;
         forget();
         owner_.handleNavVrfPolicyMapping(config_.vrfName(), config_.policyName());
     }
@@ -98,7 +97,6 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
     NavLoadBalancerSm& owner_;
     VrfConfig& config_;
     Vel::String wanted_;  // the policy under which this VRF stands in wantedBy_
-    bool initialized_ = false;
     Vel::Subscription policyName_;
 };
 
