@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <charconv>
+#include <csetjmp>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "platform/netz/Assert.h"
 
@@ -14,18 +17,30 @@ namespace {
 
 alignas(64) uint8_t memory[capacity + maxRecord];
 
+jmp_buf* rendering = nullptr;  // where a rendering that cannot go on returns to
+
 // While one exists no record is made, and an assertion that fails ends the rendering of a value
-// instead of the process.
+// instead of the process. Where no exception can leave, the calls of the rendering are abandoned
+// with all they hold: that leaks, but a post-mortem has no other chance to get to its end.
 class Reading {
   public:
-    Reading() : before_(Vel::assertHandlerIs(unreadable)) {}
-    ~Reading() { Vel::assertHandlerIs(before_); }
+    Reading()
+        : before_(Vel::assertHandlerIs(unreadable)), terminate_(std::set_terminate(abandon)) {}
+    ~Reading() {
+        std::set_terminate(terminate_);
+        Vel::assertHandlerIs(before_);
+    }
 
   private:
     [[noreturn]] static void unreadable(const char* text, const char*, int) { throw text; }
+    [[noreturn]] static void abandon() {
+        if (rendering) std::longjmp(*rendering, 1);
+        std::abort();
+    }
 
     Busy busy_;
     Vel::AssertHandler before_;
+    std::terminate_handler terminate_;
 };
 
 void appendTime(int64_t time, std::string& out) {
@@ -47,15 +62,25 @@ Header headerAt(uint64_t position) {
     return header;
 }
 
+// Appends the text of a record's arguments. Returns false if a part could not be rendered.
+bool render(uint64_t position, const Site& site, std::string& text) {
+    jmp_buf here;
+    rendering = &here;
+    bool whole = setjmp(here) == 0;
+    try {
+        if (whole) site.render(site, memory + position % capacity + sizeof(Header), text);
+    } catch (...) {
+        whole = false;
+    }
+    rendering = nullptr;
+    return whole;
+}
+
 std::string textAt(uint64_t position, const Site& site) {
     std::string text;
-    try {
-        site.render(site, memory + position % capacity + sizeof(Header), text);
-    } catch (...) {
-        escape(text, 0);
-        text += "(unreadable)";
-    }
-    return text;
+    if (render(position, site, text)) return text;
+    escape(text, 0);
+    return text + "(unreadable)";
 }
 
 Line lineAt(uint64_t position) {

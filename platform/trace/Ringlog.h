@@ -11,7 +11,7 @@
 // - All records of one event, that is of one outermost notification, carry the time of its first
 //   record; outside a notification each record takes its own time. A record keeps its time.
 // - Reading never fails because of what a record holds: a value that cannot be rendered is shown as
-//   "(unreadable)", also when rendering it breaks an assertion.
+//   "(unreadable)", also when rendering breaks an assertion, be it in a noexcept function.
 #pragma once
 
 #include <array>

@@ -2,12 +2,12 @@
 //
 // Everything the runtime hands out is an Object held by Ptr. The count is not atomic: all objects
 // belong to the event thread. While a Hold exists (a notification, a walk over a collection, an
-// operation of the host) an object whose last Ptr is dropped is not destroyed but kept until the
-// last Hold ends. So a handler may delete the entity that is notifying it, the collection being
-// walked, or itself: nothing that a caller further down the stack uses is destroyed.
+// operation of the host) an object whose last Ptr is dropped is kept until the last Hold ends. So a
+// handler may delete the entity that is notifying it, the collection being walked, or itself.
 //
-// The event thread is the first one that uses an object. Debug builds assert that no other thread
-// counts, changes, walks or subscribes; eventThreadIsThis() hands the objects over.
+// The event thread is the first one that uses an object; eventThreadIsThis() hands the objects over.
+// Debug builds assert that no other thread makes or copies a Ptr, changes an entity, begins or ends
+// a subscription, notifies, walks or takes a Hold. A getter and a look-up by key are not checked.
 #pragma once
 
 #include <cstdint>

@@ -112,6 +112,7 @@ Subscription::Subscription(Entity& entity, Ordinal attribute, void* object, Func
       object_(object),
       function_(function),
       attribute_(attribute) {
+    assertEventThread();
     (prev_ ? prev_->next_ : entity.first_) = this;
     entity.last_ = this;
     entity.interest_ |= Entity::interestIn(attribute);
@@ -119,6 +120,7 @@ Subscription::Subscription(Entity& entity, Ordinal attribute, void* object, Func
 
 void Subscription::reset() {
     if (!entity_) return;
+    assertEventThread();
     Round::removed(*this);
     (prev_ ? prev_->next_ : entity_->first_) = next_;
     (next_ ? next_->prev_ : entity_->last_) = prev_;

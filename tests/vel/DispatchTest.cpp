@@ -222,6 +222,9 @@ TEST(Stop, NamesWhatIsWrong) {
     EXPECT_DEATH(leaf->bIs(1), "nest deeper than 64 rounds: Test::Leaf.b Test::Leaf.b ");
 #ifndef NDEBUG
     EXPECT_DEATH(std::thread([&] { leaf->bIs(0); }).join(), "another thread");
+    EXPECT_DEATH(std::thread([&] { a.reset(); }).join(), "another thread");
+    EXPECT_DEATH(std::thread([&] { a = Subscription(*leaf, 0, nullptr, nullptr); }).join(),
+                 "another");
 #endif
 }
 
