@@ -1,4 +1,5 @@
-// The reactors held against the oracle on a random walk.
+// The reactors held against the oracle on a random walk. Now and then one step of the walk is made
+// from within another, in a copy of the world with services that answer inside.
 //
 // NAV_WALK_EVENTS, NAV_WALK_EPISODE and NAV_WALK_SEED say how many events, in worlds of how many
 // events each, from which seed. With NAV_WALK_SHRINK=0 a failing run is not shortened.
@@ -9,6 +10,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "tests/oracle/Nested.h"
 #include "tests/oracle/Oracle.h"
 #include "tests/oracle/Walk.h"
 
@@ -143,6 +145,27 @@ void reportShortest(const std::vector<Event>& events, const std::string& failure
     }
 }
 
+// Whether an address is on two interfaces before or after: which one the paths go by is open then.
+bool isAmbiguous(const World& world, const Event& outer, const Event& inner) {
+    std::multiset<IpGenAddr> addrs;
+    const Inputs in = inputsOf(world.in);
+    for (const auto* interfaces : {&in.interfaces, &in.interfaces6})
+        for (const auto& [id, intf] : *interfaces) addrs.insert(intf.addr);
+    for (const Event* event : {&outer, &inner})
+        if (event->op == Event::Op::set && event->path.ends_with("/activeAddrWithMask"))
+            addrs.insert(Netz::IpAddrWithMask::parse(*event->value.as<Vel::String>()).value().addr);
+    return std::ranges::any_of(
+        addrs, [&](const IpGenAddr& addr) { return !addr.isZero() && addrs.count(addr) > 1; });
+}
+
+void nest(Walk& walk, const World& world, size_t number) {
+    const Event outer = walk.next(world), inner = walk.next(world);
+    const auto isRestart = [](const Event& event) { return event.op == Event::Op::restart; };
+    if (isRestart(outer) || isRestart(inner) || isAmbiguous(world, outer, inner)) return;
+    const auto failure = Pair(world, true, outer, inner).run(1 + number % 31, number % 2);
+    if (failure && !failure->empty()) throw Difference(*failure);
+}
+
 size_t residentKilobytes() {
     std::ifstream statm("/proc/self/statm");
     size_t pages = 0, resident = 0;
@@ -167,6 +190,7 @@ class OracleTest : public testing::Test {
             Walk walk(seed);
             Episode episode;
             for (size_t i = 0; i < length; ++i) {
+                if (i % 100 == 99) nest(walk, episode.world(), seed + i / 100);
                 events.push_back(walk.next(episode.world()));
                 episode.happen(events.back());
             }

@@ -118,8 +118,6 @@ World::World(const World& from, bool published, bool started) {
         using T = std::remove_reference_t<decltype(*input)>;
         if constexpr (std::is_same_v<T, Vel::Scheduler>)
             input = Vel::make<T>(clock_);
-        else if constexpr (requires { T::fecAttr; })
-            input = (from.in.*field.member).ptr();
         else
             input = Vel::make<T>(Vel::Name(field.name));
     });
@@ -151,6 +149,7 @@ Event World::resolved(Event event) const {
 }
 
 void World::apply(const Event& unresolved) {
+    const Vel::Hold hold;  // an element made on the way may be removed by what that sets off
     const Event event = resolved(unresolved);
     std::string_view rest = event.path;
     Entity* at = rootOf(in, Step(rest).name);

@@ -30,7 +30,7 @@ class World {
   public:
     World();
     // The same inputs, and what was published if so wanted, with a root of its own, or one that is
-    // started later. The forwarding tables, which take long to make, are shared.
+    // started later.
     World(const World& from, bool published, bool started = true);
     ~World();
 
