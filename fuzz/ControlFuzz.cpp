@@ -22,7 +22,7 @@ class Branch {
   public:
     explicit Branch(const std::string& socket) : socket_(socket), server_(loop_, socket, control_) {
         static const std::string config = Agent::readFile(NAV_EXAMPLES "/branch/branch.json");
-        control_.load(Agent::readConfigText(config));
+        control_.load({Agent::readConfigText(config)});
         pass(3s);
     }
 

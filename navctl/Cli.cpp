@@ -60,7 +60,8 @@ class Program {
     void showText(const TextView& view);
     void counters();
     template <class Use>
-    auto readConfig(Use use) const;
+    static auto readFile(const std::string& file, Use use);
+    void checkFiles() const;
 
     void get();
     void set();
@@ -79,7 +80,7 @@ class Program {
 
     CLI::App app_{"Operates the path-selection agent of this router", "navctl"};
     Streams streams_;
-    std::string runDir_, path_, value_, file_, shell_, facility_, level_;
+    std::string runDir_, path_, value_, file_, forwarding_, shell_, facility_, level_;
     std::vector<std::string> words_;
     unsigned last_ = 100;
     bool json_ = false, raw_ = false, watch_ = false;
@@ -116,10 +117,15 @@ void Program::build() {
     for (auto* each :
          {command(app_, "load", "Make a file the configuration", &Program::load),
           command(app_, "check", "Say whether a file would be accepted", &Program::check),
-          command(app_, "save", "Write the configuration to a file", &Program::save),
-          command(app_, "batch", "Send requests, one JSON object a line", &Program::batch)}) {
-        each->add_option("FILE", file_, "- for standard input or output")->required();
+          command(app_, "save", "Write the configuration to a file", &Program::save)}) {
+        each->add_option("FILE", file_, "- for standard input or output");
+        each->add_option("--forwarding", forwarding_,
+                         "The same with the configuration of forwarding; - prints no keys")
+            ->type_name("FILE");
     }
+    command(app_, "batch", "Send requests, one JSON object a line", &Program::batch)
+        ->add_option("FILE", file_, "- for standard input")
+        ->required();
     command(app_, "trace", "Print the newest records of the trace", &Program::trace)
         ->add_option("--last", last_, "How many, 100 unless given")
         ->type_name("N");
@@ -241,41 +247,76 @@ void Program::watch() {
     throw Client::NoAgent("the agent stopped, or closed the connection");
 }
 
-// What `use` makes of the file's text; a file that cannot be read is a fault of the command line.
+// What `use` makes of a file's text; a file that cannot be read is a fault of the command line.
 template <class Use>
-auto Program::readConfig(Use use) const {
+auto Program::readFile(const std::string& file, Use use) {
     std::string text;
     try {
-        text = Agent::readFile(file_);
+        text = Agent::readFile(file);
     } catch (const Agent::JsonError& error) {
-        throw BadUsage(file_ + ": " + error.what());
+        throw BadUsage(file + ": " + error.what());
     }
     try {
         return use(text);
     } catch (const Agent::JsonError& error) {
-        throw Client::Refused(file_ + ": " + error.what());
+        throw Client::Refused(file + ": " + error.what());
     }
 }
 
-// Validated here first, where the lines of the file are known; then by the agent, which also knows
+void Program::checkFiles() const {
+    if (file_.empty() && forwarding_.empty()) throw BadUsage("FILE or --forwarding is required");
+    if (file_ == "-" && forwarding_ == "-") throw BadUsage("only one of the two files can be -");
+}
+
+// Validated here first, where the lines of the files are known; then by the agent, which also knows
 // the running configuration, so that its warnings are read before anything changes.
 void Program::load() {
-    readConfig(Agent::readConfigText);
-    const Json config = readConfig(Agent::parseJson);
+    Json request;
+    const auto add = [&request](const char* member, const std::string& file, auto validate) {
+        if (file.empty()) return;
+        request[member] = readFile(file, [&validate](const std::string& text) {
+            validate(text);
+            return Agent::parseJson(text);
+        });
+    };
+    checkFiles();
+    add("value", file_, Agent::readConfigText);
+    add("forwarding", forwarding_, Agent::readForwardingText);
     Client::ControlClient client(runDir());
-    const Json answer = client.request({{"op", "check"}, {"value", config}});
-    printWarnings(answer.value("warnings", Json::array()));
-    client.request({{"op", "load"}, {"value", config}});
+    request["op"] = "check";
+    printWarnings(client.request(request).value("warnings", Json::array()));
+    request["op"] = "load";
+    client.request(request);
 }
 
 void Program::check() {
-    const Agent::ConfigPtr config = readConfig(Agent::readConfigText);
-    printWarnings(Agent::configWarnings(*config));
+    checkFiles();
+    Agent::ConfigPtr config;
+    if (!file_.empty()) {
+        config = readFile(file_, Agent::readConfigText);
+        printWarnings(Agent::configWarnings(*config));
+    }
+    if (forwarding_.empty()) return;
+    const auto forwarding = readFile(forwarding_, Agent::readForwardingText);
+    if (config) printWarnings(Agent::forwardingWarnings(*config, *forwarding));
 }
 
+// Keys are written into a file of the owner's alone, and nowhere else.
 void Program::save() {
-    const std::string text = Client::ControlClient(runDir()).get("/cliConfig").dump(2) + "\n";
-    file_ == "-" ? void(streams_.out << text) : saveFile(file_, text);
+    checkFiles();
+    Client::ControlClient client(runDir());
+    const auto write = [this](const std::string& file, const Json& config, SaveMode mode) {
+        const std::string text = config.dump(2) + "\n";
+        file == "-" ? void(streams_.out << text) : saveFile(file, text, mode);
+    };
+    if (!forwarding_.empty()) {
+        const Json forwarding = forwarding_ == "-"
+                                    ? client.get("/forwardingConfig")
+                                    : client.request({{"op", "save"}}).at("value").at("forwarding");
+        if (forwarding.is_null()) throw Client::Refused(Agent::notForwarding);
+        write(forwarding_, forwarding, SaveMode::ownerOnly);
+    }
+    if (!file_.empty()) write(file_, client.get("/cliConfig"), SaveMode::asBefore);
 }
 
 void Program::trace() {

@@ -71,11 +71,15 @@ std::string followLinks(const std::string& name) {
 
 }  // namespace
 
-void saveFile(const std::string& name, const std::string& content) {
+void saveFile(const std::string& name, const std::string& content, SaveMode mode) {
     const std::string target = followLinks(name);
     struct stat present {};
     const bool exists = stat(target.c_str(), &present) == 0;
+    const bool ownerOnly = mode == SaveMode::ownerOnly;
     if (exists && !S_ISREG(present.st_mode)) {
+        if (ownerOnly)
+            throw std::system_error(std::make_error_code(std::errc::permission_denied),
+                                    name + ": keys are written into a regular file only");
         Output(name, open(target.c_str(), O_WRONLY | O_CLOEXEC)).write(content);
         return;
     }
@@ -83,7 +87,9 @@ void saveFile(const std::string& name, const std::string& content) {
     const int descriptor = mkostemp(temporary.data(), O_CLOEXEC);
     Output output(name, descriptor, temporary);
     output.write(content);
-    if (exists) {
+    if (ownerOnly) {
+        output.modeIs(0600);
+    } else if (exists) {
         output.likeFile(present);
     } else {
         const mode_t mask = umask(0);

@@ -212,6 +212,7 @@ class ProductTest(Products):
                 (["--platform", "cloud"], 2, "cloud"),
                 (["--log-level", "9"], 2, "--log-level"),
                 (["--world", "w", "--platform", "manual"], 2, "--world"),
+                (["--forwarding", "f"], 2, "only --platform linux forwards"),
                 (["--run-dir", file], 1, file + ": Not a directory"),
                 (["--run-dir", run_dir + "/no/where"], 1, "No such file or directory"),
                 (["--run-dir", f"{run_dir}/{'x' * 90}"], 1, "107 bytes"),
@@ -245,6 +246,35 @@ class ProductTest(Products):
         self.assertEqual(port(), "1\n")
         load('{"udpPortConfig": 3}', agent)
         await_("it is loaded", lambda: port() == "3\n")
+
+    def test_a_hang_up_loads_both_files_or_neither_and_shows_no_key(self):
+        alone = ["unshare", "--user", "--map-root-user", "--net"]
+        if subprocess.run([*alone, "true"], check=False).returncode != 0:
+            self.skipTest("user namespaces are refused")
+        run_dir = self.run_dir()
+        names = [f"{run_dir}/{name}.json" for name in ("config", "forwarding")]
+
+        def write(udp_port, probe):
+            for name, text in zip(names, (f'{{"udpPortConfig": {udp_port}}}', probe)):
+                with open(name, "w", encoding="utf-8") as file:
+                    file.write(text)
+
+        write(1, '{"probe": {"key": "s3cret"}}')
+        agent = self.agent(run_dir, "--platform", "linux", "--config", names[0], "--forwarding",
+                           names[1], under=alone)
+        for probe, reason in (('{"probe":\n{"key": "s3cret', "line 2, column"),
+                              ('{"probe":\n{"key": "s3cret", "window": 5}}',
+                               "line 2: /forwardingConfig/probe/window: expected milliseconds")):
+            write(2, probe)
+            agent.send_signal(signal.SIGHUP)
+            await_("it is refused", lambda: f"{names[1]}: {reason}" in self.errors(run_dir))
+        self.assertEqual(self.navctl(run_dir, "get", "/cliConfig/udpPortConfig").stdout, "1\n")
+        write(2, '{"probe": {"key": "s3cret", "window": 600}}')
+        agent.send_signal(signal.SIGHUP)
+        await_("both are loaded", lambda: self.navctl(
+            run_dir, "get", "/forwardingConfig/probe/window").stdout == "600\n")
+        self.assertEqual(self.navctl(run_dir, "get", "/cliConfig/udpPortConfig").stdout, "2\n")
+        self.assertNotIn("s3cret", self.errors(run_dir))
 
     def test_a_broken_invariant_leaves_its_trace(self):
         run_dir = self.run_dir()

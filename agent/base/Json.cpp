@@ -139,7 +139,8 @@ Json parseJson(std::string_view text) {
         const size_t place = message.find("line ");
         // The parser gives no line for a number that is too large.
         if (place == message.npos) refuse(message.substr(message.find(']') + 2));
-        throw JsonError(message.substr(place));
+        // What the parser read last is left out: it may be a part of a secret.
+        throw JsonError(message.substr(place, message.find("; last read") - place));
     }
 }
 

@@ -19,13 +19,16 @@ Nav::NavDb* databaseOf(const Vel::Ptr<Nav::NavRootSm>& root) {
 }
 
 std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
-                            const Vel::Ptr<Nav::NavRootSm>& root) {
+                            const Vel::Ptr<Nav::NavRootSm>& root, ForwardingConfig* forwarding) {
     std::vector<Root> roots;
+    const std::string written =
+        std::string("/") + configName +
+        (forwarding ? std::string(" and /") + forwardingName + " are" : " is") + " written";
     auto add = [&](auto& entity, const std::string& owner) {
         std::string protection;
         if (!platform.manual() && !owner.empty())
             protection = "this belongs to " + owner + "; on platform " + platform.name() +
-                         " only /" + configName + " is written from outside";
+                         " only " + written + " from outside";
         roots.push_back(Root::of(entity.velKey(), entity, protection));
     };
     const std::string library = "path selection", interfaces = "the interface service",
@@ -48,6 +51,9 @@ std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
     roots.push_back({"navDb", &Nav::NavDb::velType,
                      [&root]() -> Vel::Entity* { return databaseOf(root); },
                      "this is path selection's own and nobody else writes it"});
+    roots.push_back({forwardingName, &ForwardingConfig::velType,
+                     [forwarding]() -> Vel::Entity* { return forwarding; },
+                     forwarding ? "" : notForwarding});
     return roots;
 }
 
@@ -77,10 +83,11 @@ class MemoryFile {
 
 }  // namespace
 
-Host::Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform)
-    : inputs_(Nav::makeNavInputs(Vel::Ptr<Vel::Scheduler>(scheduler))),
+Host::Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform, ForwardingPtr forwarding)
+    : forwarding_(std::move(forwarding)),
+      inputs_(Nav::makeNavInputs(Vel::Ptr<Vel::Scheduler>(scheduler))),
       platform_(std::move(platform)),
-      tree_(makeRoots(inputs_, *platform_, root_)) {
+      tree_(makeRoots(inputs_, *platform_, root_, forwarding_.get())) {
     root_ = Nav::NavRootSmIs(inputs_);
     platform_->start(inputs_);
 }
@@ -110,7 +117,7 @@ Nav::NavDb* Host::database() const {
 
 Controlled Host::controlled() {
     return {tree_,
-            *inputs_.cliConfig,
+            {*inputs_.cliConfig, forwarding_.get()},
             *inputs_.ipStatusDir,
             platform_->name(),
             platform_->manual(),

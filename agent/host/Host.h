@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "agent/model/ForwardingConfig.h"
 #include "agent/model/Tree.h"
 #include "agent/router/Platform.h"
 #include "agent/shell/Control.h"
@@ -16,15 +17,18 @@ namespace Agent {
 
 class Host {
   public:
-    Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform);
+    // `forwarding`: what the platform forwards by; null if it does not.
+    Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform,
+         ForwardingPtr forwarding = nullptr);
     ~Host();
 
     // Writing them is the platform's; the configuration is written through the tree or a load.
     Nav::NavInputs& inputs() { return inputs_; }
     const Platform& platform() const { return *platform_; }
 
-    // Every input under its name, and /navDb while the container exists. On other platforms than
-    // manual only /cliConfig can be written through it.
+    // Every input under its name, /navDb while the container exists, and /forwardingConfig, null
+    // unless the agent forwards. On other platforms than manual only the configurations can be
+    // written through it.
     Tree& tree() { return tree_; }
 
     // The library's answer to a show command, empty if it does not know the word.
@@ -35,6 +39,7 @@ class Host {
     Controlled controlled();
 
   private:
+    const ForwardingPtr forwarding_;
     Nav::NavInputs inputs_;
     Vel::Ptr<Nav::NavRootSm> root_;
     const std::unique_ptr<Platform> platform_;

@@ -19,6 +19,17 @@ std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop) 
     return std::make_unique<Platform>(options.platform);
 }
 
+// What `read` makes of a file's text; null if there is no file.
+template <class Read>
+auto readIn(const std::string& file, Read read) -> decltype(read(file)) {
+    if (file.empty()) return nullptr;
+    try {
+        return read(readFile(file));
+    } catch (const JsonError& error) {
+        throw JsonError(file + ": " + error.what());
+    }
+}
+
 }  // namespace
 
 HostAgent::HostAgent(Options options, Log& log)
@@ -30,7 +41,8 @@ HostAgent::HostAgent(Options options, Log& log)
       terminated_(loop_.onSignal(SIGTERM, [this] { stop("SIGTERM"); })),
       interrupted_(loop_.onSignal(SIGINT, [this] { stop("SIGINT"); })),
       hungUp_(loop_.onSignal(SIGHUP, [this] { reload(); })),
-      host_(*scheduler_, makePlatform(options_, loop_)),
+      forwarding_(options_.forwarding.empty() ? nullptr : makeForwarding()),
+      host_(*scheduler_, makePlatform(options_, loop_), forwarding_),
       routerLog_(host_.inputs(), host_.platform(), [this] { return host_.database(); }),
       fib_(*host_.inputs().forwardingStatus, Shard::Namespace(runDir_.path()), "fib", *scheduler_),
       fib6_(*host_.inputs().forwarding6Status, Shard::Namespace(runDir_.path()), "fib6",
@@ -41,7 +53,7 @@ HostAgent::HostAgent(Options options, Log& log)
       control_(loop_, runDir_.path() + "/" + controlSocketName, requests_) {
     DUOLOG(agentTrace, 5, "nav-agent ", NAV_VERSION, " started, platform ", options_.platform,
            ", pid ", getpid(), ", run directory ", runDir_.path());
-    loadFile();
+    loadFiles();
 }
 
 HostAgent::~HostAgent() {
@@ -55,24 +67,24 @@ void HostAgent::stop(const char* signal) {
 
 void HostAgent::reload() {
     DUOLOG(agentTrace, 5, "reload on SIGHUP",
-           options_.config.empty() ? ": no configuration file was given" : "");
+           options_.config.empty() && !forwarding_ ? ": no configuration file was given" : "");
     try {
-        loadFile();
+        loadFiles();
     } catch (const std::exception& error) {
         DUOLOG(agentTrace, 3, "configuration refused: ", LongText{error.what()});
     }
 }
 
-void HostAgent::loadFile() {
-    const std::string& file = options_.config;
-    if (file.empty()) return;
-    try {
-        for (const std::string& warning : requests_.load(readConfigText(readFile(file))))
-            DUOLOG(agentTrace, 4, file, ": warning: ", LongText{warning});
-        DUOLOG(agentTrace, 5, "configuration loaded from ", file);
-    } catch (const JsonError& error) {
-        throw JsonError(file + ": " + error.what());
-    }
+void HostAgent::loadFiles() {
+    WantedConfig wanted;
+    wanted.paths = readIn(options_.config, readConfigText);
+    wanted.forwarding = readIn(options_.forwarding, readForwardingText);
+    if (!wanted.paths && !wanted.forwarding) return;
+    std::string files = options_.config;
+    if (wanted.forwarding) files += (files.empty() ? "" : " and ") + options_.forwarding;
+    for (const std::string& warning : requests_.load(std::move(wanted)))
+        DUOLOG(agentTrace, 4, files, ": warning: ", LongText{warning});
+    DUOLOG(agentTrace, 5, "configuration loaded from ", files);
 }
 
 }  // namespace Agent

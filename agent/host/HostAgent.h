@@ -18,6 +18,7 @@ namespace Agent {
 
 struct Options {
     std::string config;            // file to load at start and on SIGHUP; none if empty
+    std::string forwarding;        // the same, of the forwarding; if empty, the agent only decides
     std::string platform = "sim";  // who plays the router's other services
     std::string world;             // file that describes the simulated router; none if empty
     std::string runDir;            // not empty: main takes defaultRunDir() where none is given
@@ -36,9 +37,9 @@ class HostAgent {
     void run() { loop_.run(); }
 
   private:
-    // Makes the configuration file what a load request would; throws with the file's name, the line
-    // and the reason when it is refused, which leaves everything as it was.
-    void loadFile();
+    // Makes of the configuration files what a load request would; throws with the file's name, the
+    // line and the reason when one is refused, which leaves everything as it was.
+    void loadFiles();
     void reload();
     void stop(const char* signal);
 
@@ -49,6 +50,7 @@ class HostAgent {
     EventLoop loop_;
     const LogInLoop logInLoop_;
     EventLoop::Registration terminated_, interrupted_, hungUp_;
+    const ForwardingPtr forwarding_;  // null unless the agent forwards
     Host host_;
     const RouterLog routerLog_;
     Shard::SharedFib<Shard::Fib::ForwardingStatus> fib_;

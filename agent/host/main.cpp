@@ -14,6 +14,9 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", NAV_VERSION);
     app.add_option("--config", options.config, "Configuration to load at start and on SIGHUP")
         ->type_name("FILE");
+    app.add_option("--forwarding", options.forwarding,
+                   "Forward by the decisions: configuration to load with --config, for linux")
+        ->type_name("FILE");
     app.add_option("--platform", options.platform, "Who plays the router's other services")
         ->check(CLI::IsMember({"sim", "linux", "manual"}))
         ->capture_default_str();
@@ -33,6 +36,11 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
         if (!options.world.empty() && options.platform != "sim") {
             throw CLI::ValidationError("--world", "there is a world for --platform sim only");
+        }
+        if (!options.forwarding.empty() && options.platform != "linux") {
+            throw CLI::ValidationError(
+                "--forwarding", "--platform " + options.platform +
+                                    " has no kernel to forward by; only --platform linux forwards");
         }
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;

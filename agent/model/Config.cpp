@@ -6,28 +6,60 @@ using Nav::NavCliConfig;
 using Vel::Attribute;
 using Vel::Entity;
 
-ConfigPtr readConfig(const Json& json) {
-    auto config = Vel::make<NavCliConfig>(configName);
-    Tree({Root::of(configName, *config)}).set(std::string("/") + configName, json);
-    validateConfig(*config);
-    return config;
-}
+namespace {
 
-ConfigPtr readConfigText(const std::string& text) {
+// What `read` makes of a text.
+template <class Read>
+auto readText(const std::string& text, Read read) {
     if (text.size() > maxConfigBytes)
         throw JsonError("line 1: a configuration has at most " + std::to_string(maxConfigBytes) +
                         " bytes, this has " + std::to_string(text.size()));
     const Json json = parseJson(text);
     try {
-        return readConfig(json);
+        return read(json);
     } catch (const TreeError& error) {
         throw JsonError("line " + std::to_string(lineOf(text, pointerTo(error.place(), json))) +
                         ": " + error.what());
     }
 }
 
+template <class Config>
+void assign(Config& config, const char* name, const Json& json) {
+    Tree({Root::of(name, config)}).set(std::string("/") + name, json);
+}
+
+}  // namespace
+
+ConfigPtr readConfig(const Json& json) {
+    auto config = Vel::make<NavCliConfig>(configName);
+    assign(*config, configName, json);
+    validateConfig(*config);
+    return config;
+}
+
+ConfigPtr readConfigText(const std::string& text) {
+    return readText(text, readConfig);
+}
+
 ConfigPtr copyConfig(const NavCliConfig& config) {
     auto copy = Vel::make<NavCliConfig>(config.name());
+    addMissing(*copy, config);
+    return copy;
+}
+
+ForwardingPtr readForwarding(const Json& json) {
+    auto config = makeForwarding();
+    assign(*config, forwardingName, json);
+    validateForwarding(*config);
+    return config;
+}
+
+ForwardingPtr readForwardingText(const std::string& text) {
+    return readText(text, readForwarding);
+}
+
+ForwardingPtr copyForwarding(const ForwardingConfig& config) {
+    auto copy = makeForwarding();
     addMissing(*copy, config);
     return copy;
 }
@@ -37,6 +69,7 @@ void addMissing(Entity& to, const Entity& from) {
     for (size_t i = 0; i < type.count; ++i) {
         const Attribute& a = type.attributes[i];
         if (a.kind == Attribute::Kind::plain) a.set(to, a.get(from));
+        if (a.kind == Attribute::Kind::child) addMissing(*a.find(to, {}), *a.find(from, {}));
         if (!a.keyed()) continue;
         for (const std::string& key : a.keys(from)) {
             if (a.kind != Attribute::Kind::collection) {

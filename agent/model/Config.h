@@ -1,12 +1,14 @@
-// The configuration as a whole: read from JSON, copied, validated.
+// The configurations as a whole, of path selection and of forwarding: read from JSON, copied,
+// validated.
 //
-// Free functions on NavCliConfig entities that nobody has subscribed to: a configuration that is
-// read or copied lives outside the tree of the agent. For the agent and for programs without one.
+// Free functions on entities that nobody has subscribed to: a configuration that is read or copied
+// lives outside the tree of the agent. For the agent and for programs without one.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "agent/model/ForwardingConfig.h"
 #include "agent/model/Tree.h"
 #include "nav/config/NavCliConfig.h"
 #include "platform/services/Ip.h"
@@ -29,6 +31,11 @@ ConfigPtr readConfigText(const std::string& text);
 
 ConfigPtr copyConfig(const Nav::NavCliConfig& config);
 
+// The same for the configuration of forwarding.
+ForwardingPtr readForwarding(const Json& json);
+ForwardingPtr readForwardingText(const std::string& text);
+ForwardingPtr copyForwarding(const ForwardingConfig& config);
+
 // Gives `to` every value, entry and member of `from`; equal ones are not written. A new entry is
 // announced whole.
 void addMissing(Vel::Entity& to, const Vel::Entity& from);
@@ -45,5 +52,15 @@ void validateConfig(const Nav::NavCliConfig& config);
 // of the group can have a path to, since it has addresses of the other family only.
 std::vector<std::string> configWarnings(const Nav::NavCliConfig& config,
                                         const Ip::Status* interfaces = nullptr);
+
+// Refuses segments without VNI or address, a VNI, tunnel device or address twice, a prefix behind
+// two sites, a site in a VRF without segment, addresses of the wrong kind or family, values out of
+// range, matches that hold for no packet. Throws TreeError.
+void validateForwarding(const ForwardingConfig& forwarding);
+
+// Where the two configurations probably do not mean each other: applications, VRFs, sites and path
+// groups that one names and the other does not have.
+std::vector<std::string> forwardingWarnings(const Nav::NavCliConfig& config,
+                                            const ForwardingConfig& forwarding);
 
 }  // namespace Agent

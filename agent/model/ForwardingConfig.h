@@ -84,6 +84,10 @@ class ForwardingConfig : public Vel::Entity {
 // The entity's own name, the same in every agent, and that of its root.
 inline constexpr const char* forwardingName = "forwardingConfig";
 
+// Why an agent may refuse to take a configuration of forwarding.
+inline constexpr const char* notForwarding =
+    "this agent does not forward; that takes --platform linux and --forwarding FILE";
+
 using ForwardingPtr = Vel::Ptr<ForwardingConfig>;
 
 // One with all defaults.

@@ -4,6 +4,7 @@
 
 namespace Agent {
 
+using Nav::NavCliConfig;
 using Vel::Attribute;
 using Vel::Entity;
 
@@ -15,6 +16,7 @@ void removeSurplus(Entity& to, const Entity& from) {
     const Vel::TypeDescriptor& type = to.type();
     for (size_t i = type.count; i-- > 0;) {
         const Attribute& a = type.attributes[i];
+        if (a.kind == Attribute::Kind::child) removeSurplus(*a.find(to, {}), *a.find(from, {}));
         if (!a.keyed()) continue;
         for (const std::string& key : a.keys(to)) {
             if (a.kind == Attribute::Kind::collection) {
@@ -39,10 +41,25 @@ void settleVersion(const Nav::PolicyConfig& running, Nav::PolicyConfig& wanted) 
         wanted.configVersionInc(1);
 }
 
+ForwardingPtr wantedForwarding(const ForwardingConfig* running, ForwardingPtr wanted) {
+    if (wanted && !running) throw TreeError("/" + std::string(forwardingName), notForwarding);
+    return wanted || !running ? wanted : copyForwarding(*running);
+}
+
+std::vector<Root> rootsOf(NavCliConfig& config, ForwardingConfig* forwarding) {
+    std::vector<Root> roots = {Root::of(configName, config)};
+    if (forwarding) roots.push_back(Root::of(forwardingName, *forwarding));
+    return roots;
+}
+
 }  // namespace
 
-Transaction::Transaction(Nav::NavCliConfig& running, ConfigPtr wanted)
-    : running_(running), wanted_(std::move(wanted)), tree_({Root::of(configName, *wanted_)}) {}
+Transaction::Transaction(const RunningConfig& running, WantedConfig wanted)
+    : running_(running.paths),
+      wanted_(wanted.paths ? wanted.paths : copyConfig(running_)),
+      runningForwarding_(running.forwarding),
+      wantedForwarding_(wantedForwarding(runningForwarding_, wanted.forwarding)),
+      tree_(rootsOf(*wanted_, wantedForwarding_.get())) {}
 
 std::vector<std::string> Transaction::check(const Ip::Status* interfaces) const {
     validateConfig(*wanted_);
@@ -51,6 +68,10 @@ std::vector<std::string> Transaction::check(const Ip::Status* interfaces) const 
         groups > 0 && wanted_->pathGroupConfig().empty())
         warnings.push_back("this removes every path group (" + std::to_string(groups) +
                            "), and with them every path");
+    if (!wantedForwarding_) return warnings;
+    validateForwarding(*wantedForwarding_);
+    for (std::string& warning : forwardingWarnings(*wanted_, *wantedForwarding_))
+        warnings.push_back(std::move(warning));
     return warnings;
 }
 
@@ -64,6 +85,10 @@ void Transaction::apply() {
     stepAside();
     removeSurplus(running_, *wanted_);
     settleProfiles();
+    if (runningForwarding_) {
+        removeSurplus(*runningForwarding_, *wantedForwarding_);
+        addMissing(*runningForwarding_, *wantedForwarding_);
+    }
     addMissing(running_, *wanted_);
     running_.navConfiguredIs(on);
 }

@@ -1,5 +1,6 @@
-// A change of the running configuration: a copy is changed, checked whole, and applied. The one way
-// in for requests, files and signals; on the event thread, one at a time.
+// A change of the running configurations, of path selection and of forwarding: copies are changed,
+// checked whole, and applied together or not at all. The one way in for requests, files and
+// signals; on the event thread, one at a time.
 //
 // What always holds:
 // - Until apply() the running configuration is untouched, and a transaction may be dropped.
@@ -19,20 +20,34 @@
 
 namespace Agent {
 
+// The configurations that an agent runs with. Forwarding is null where the agent does not forward.
+struct RunningConfig {
+    RunningConfig(Nav::NavCliConfig& paths, ForwardingConfig* forwarding = nullptr)
+        : paths(paths), forwarding(forwarding) {}
+
+    Nav::NavCliConfig& paths;
+    ForwardingConfig* const forwarding;
+};
+
+// What they are to become, used by nobody else; null: as they are.
+struct WantedConfig {
+    ConfigPtr paths = nullptr;
+    ForwardingPtr forwarding = nullptr;
+};
+
 class Transaction {
   public:
-    // From the running configuration to `wanted`, which nobody else uses; by default a copy of the
-    // running one, to be changed through tree().
-    explicit Transaction(Nav::NavCliConfig& running) : Transaction(running, copyConfig(running)) {}
-    Transaction(Nav::NavCliConfig& running, ConfigPtr wanted);
+    // What is not wanted otherwise is a copy of what runs, to be changed through tree(). Throws
+    // TreeError if a configuration of forwarding is wanted and the agent does not forward.
+    explicit Transaction(const RunningConfig& running, WantedConfig wanted = {});
 
     Tree& tree() { return tree_; }
 
-    // Refuses a configuration that is not valid (TreeError); returns warnings, a sentence each.
+    // Refuses configurations that are not valid (TreeError); returns warnings, a sentence each.
     std::vector<std::string> check(const Ip::Status* interfaces) const;
 
-    // Makes the running configuration equal to the wanted one by the changes that this takes and no
-    // others, removals before additions. A new entry is announced whole. The feature is switched
+    // Makes the running configurations equal to the wanted ones by the changes that this takes and
+    // no others, removals before additions. A new entry is announced whole. The feature is switched
     // off first or on last.
     //
     // `configVersion` is how the reactors learn that a policy is complete, so it only grows: when a
@@ -51,6 +66,8 @@ class Transaction {
 
     Nav::NavCliConfig& running_;
     const ConfigPtr wanted_;
+    ForwardingConfig* const runningForwarding_;  // both null if the agent does not forward
+    const ForwardingPtr wantedForwarding_;
     Tree tree_;
 };
 

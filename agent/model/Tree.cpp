@@ -365,6 +365,10 @@ Json Tree::get(const Path& path) const {
     return value;
 }
 
+bool Tree::hasAttribute(const Path& path) const {
+    return !path.hops.empty() && !path.hops.back().key && holder(path);
+}
+
 Entity& Tree::writable(const Path& path) const {
     if (!path.root->writeProtection.empty()) throw TreeError(path, path.root->writeProtection);
     if (!path.fields.empty()) throw TreeError(path, "a value is set whole, not field by field");

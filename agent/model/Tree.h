@@ -81,6 +81,8 @@ class Tree {
     // Null if an entity or entry on the way, or the last one, does not exist.
     Json get(const Path& path) const;
     Json get(std::string_view path) const { return get(parse(path)); }
+    // Whether the path ends at an attribute of an entity that exists, whatever its value.
+    bool hasAttribute(const Path& path) const;
     // An array of the names of the roots.
     Json rootNames() const;
     // Gets or creates every entry on the way, then assigns the value.

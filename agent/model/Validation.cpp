@@ -1,5 +1,6 @@
 #include <map>
 
+#include "agent/model/Checks.h"
 #include "agent/model/Config.h"
 #include "agent/model/LbDemand.h"
 #include "nav/config/NavConstants.h"
@@ -8,71 +9,13 @@ namespace Agent {
 
 using Nav::NavCliConfig;
 using Nav::NavConstants;
-using Vel::Attribute;
-using Kind = Attribute::Kind;
 
 namespace {
 
 constexpr Vel::U32 maxLossRate = 100;  // percent
 
 Path wholeConfig() {
-    static const Root root{configName, &NavCliConfig::velType, {}, {}};
-    return {&root, {}, {}};
-}
-
-// C0, C1 and DEL, in UTF-8.
-bool hasControlCharacter(std::string_view text) {
-    for (size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
-        if (byte < ' ' || byte == 0x7f || (byte == 0xc2 && next >= 0x80 && next < 0xa0))
-            return true;
-    }
-    return false;
-}
-
-void checkText(const Path& place, std::string_view text) {
-    if (hasControlCharacter(text)) throw TreeError(place, "control characters are not allowed");
-}
-
-// Every key and value that is free text; keys of entries and of maps are names of things.
-void checkNames(const Vel::Entity& entity, const Path& place) {
-    const Vel::TypeDescriptor& type = entity.type();
-    for (size_t i = 0; i < type.count; ++i) {
-        const Attribute& a = type.attributes[i];
-        if (!a.keyed()) {
-            const Vel::Datum value = a.get(entity);
-            if (const auto* text = value.as<Vel::String>()) checkText(place.at(a.name), *text);
-            continue;
-        }
-        for (const std::string& key : a.keys(entity)) {
-            const Path entry = place.at(a.name, key);
-            if (a.keyIsText && key.empty() && a.kind != Kind::set)
-                throw TreeError(entry, "a name is required");
-            if (a.keyIsText) checkText(entry, key);
-            if (a.kind == Kind::collection) checkNames(*a.find(entity, key), entry);
-        }
-    }
-}
-
-// The kind of an address that no path can have as its destination; null if a path can.
-const char* unusable(const Netz::IpGenAddr& addr) {
-    const auto is = [&addr](size_t index, uint8_t mask, uint8_t value) {
-        return (addr.data()[index] & mask) == value;
-    };
-    if (addr.isZero()) return "an unspecified";
-    if (addr.isV4()) {
-        if (is(0, 0xff, 127)) return "a loopback";
-        if (is(0, 0xf0, 224)) return "a multicast";
-        if (addr == Netz::IpGenAddr::fromV4(0xffffffff)) return "a broadcast";
-        if (is(0, 0xff, 169) && is(1, 0xff, 254)) return "a link-local";
-        return nullptr;
-    }
-    static const auto loopback = Netz::IpGenAddr::parse("::1");
-    if (addr == loopback) return "a loopback";
-    if (is(0, 0xff, 0xff)) return "a multicast";
-    if (is(0, 0xff, 0xfe) && is(1, 0xc0, 0x80)) return "a link-local";
-    return nullptr;
+    return placeOf<NavCliConfig>(configName);
 }
 
 // The number of destinations of a group.
@@ -83,7 +26,7 @@ size_t checkDestinations(const Nav::PathGroupConfig& group, const Path& place) {
         for (const Netz::IpGenAddr& destination : site.remoteVia()) {
             const Path at =
                 place.at("remoteViaConfig", siteText).at("remoteVia", destination.stringValue());
-            if (const char* kind = unusable(destination))
+            if (const char* kind = unusableKind(destination))
                 throw TreeError(at, std::string("a destination cannot be ") + kind + " address");
             const auto [first, isNew] = siteOf.emplace(destination, site.remoteAddr());
             if (!isNew)
@@ -144,15 +87,6 @@ void validateConfig(const NavCliConfig& config) {
 }
 
 namespace {
-
-// A sentence if `name` is not empty and the collection does not have it.
-template <class Collection>
-void warnUnlessConfigured(std::vector<std::string>& warnings, const std::string& who,
-                          const std::string& kind, const std::string& name,
-                          const Collection& collection) {
-    if (!name.empty() && !collection(name))
-        warnings.push_back(who + " names " + kind + " \"" + name + "\", which is not configured");
-}
 
 // Nothing is known of an interface without an address; it may get one of either family.
 void warnOfFamilies(std::vector<std::string>& warnings, const Nav::PathGroupConfig& group,

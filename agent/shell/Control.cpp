@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "agent/model/DatumJson.h"
 #include "agent/shell/AgentTrace.h"
 #include "platform/trace/Ringlog.h"
 
@@ -21,6 +22,15 @@ std::string text(const Json& request, const char* name) {
     return value.get<std::string>();
 }
 
+// Either of the two may be left out.
+WantedConfig wantedBy(const Json& request) {
+    WantedConfig wanted;
+    if (request.contains("forwarding")) wanted.forwarding = readForwarding(request["forwarding"]);
+    if (request.contains("value") || !wanted.forwarding)
+        wanted.paths = readConfig(member(request, "value"));
+    return wanted;
+}
+
 Answer warned(std::vector<std::string> warnings) {
     Answer answer;
     answer.warnings = std::move(warnings);
@@ -35,14 +45,14 @@ Control::Control(Controlled agent)
     : agent_(std::move(agent)),
       watches_(agent_.tree),
       navConfigured_(Vel::Subscription::to<&Watches::rootChanged>(
-          agent_.config, Nav::NavCliConfig::navConfiguredAttr, &watches_)) {}
+          agent_.running.paths, Nav::NavCliConfig::navConfiguredAttr, &watches_)) {}
 
 Answer Control::handle(const std::string& op, const Json& request, Session& session) {
     static const std::map<std::string, Answer (Control::*)(const Json&, Session&)> operations = {
         {"get", &Control::get},          {"set", &Control::set},     {"del", &Control::del},
-        {"load", &Control::loadRequest}, {"check", &Control::check}, {"show", &Control::show},
-        {"watch", &Control::watch},      {"trace", &Control::trace}, {"log", &Control::log},
-        {"ping", &Control::ping}};
+        {"load", &Control::loadRequest}, {"check", &Control::check}, {"save", &Control::save},
+        {"show", &Control::show},        {"watch", &Control::watch}, {"trace", &Control::trace},
+        {"log", &Control::log},          {"ping", &Control::ping}};
     const auto operation = operations.find(op);
     if (operation == operations.end()) throw RequestError("op: \"" + op + "\" is unknown");
     if (agent_.manual || (op != "set" && op != "del" && op != "load"))
@@ -66,7 +76,8 @@ Answer Control::get(const Json& request, Session&) {
     const Path path = agent_.tree.parse(written);
     Json value = agent_.tree.get(path);
     // An attribute may have no value now; an entry that has none does not exist.
-    if (value.is_null() && path.hasKey()) throw RequestError(written + ": not found");
+    if (value.is_null() && path.hasKey() && !agent_.tree.hasAttribute(path))
+        throw RequestError(written + ": not found");
     return value;
 }
 
@@ -82,11 +93,14 @@ Answer Control::del(const Json& request, Session&) {
 }
 
 Answer Control::change(const std::string& path, const std::function<void(Tree&)>& make) {
-    if (agent_.manual || agent_.tree.parse(path).root->name != configName) {
+    const std::string& root = agent_.tree.parse(path).root->name;
+    const bool configures =
+        root == configName || (root == forwardingName && agent_.running.forwarding);
+    if (agent_.manual || !configures) {
         make(agent_.tree);
         return {};
     }
-    Transaction transaction(agent_.config);
+    Transaction transaction(agent_.running);
     make(transaction.tree());
     return warned(commit(transaction));
 }
@@ -97,18 +111,27 @@ std::vector<std::string> Control::commit(Transaction& transaction) {
     return warnings;
 }
 
-std::vector<std::string> Control::load(ConfigPtr wanted) {
-    Transaction transaction(agent_.config, std::move(wanted));
+std::vector<std::string> Control::load(WantedConfig wanted) {
+    Transaction transaction(agent_.running, std::move(wanted));
     return commit(transaction);
 }
 
 Answer Control::loadRequest(const Json& request, Session&) {
-    return warned(load(readConfig(member(request, "value"))));
+    return warned(load(wantedBy(request)));
 }
 
 Answer Control::check(const Json& request, Session&) {
-    const Transaction transaction(agent_.config, readConfig(member(request, "value")));
+    const Transaction transaction(agent_.running, wantedBy(request));
     return warned(transaction.check(&agent_.interfaces));
+}
+
+// The one answer with secrets: what the owner's files need to hold.
+Answer Control::save(const Json&, Session&) {
+    const auto whole = [](const Vel::Entity* config) {
+        return config ? toJson(Vel::toDatum(*config), Secrets::shown) : Json();
+    };
+    return Json{{"value", whole(&agent_.running.paths)},
+                {"forwarding", whole(agent_.running.forwarding)}};
 }
 
 Answer Control::show(const Json& request, Session&) {

@@ -1,8 +1,8 @@
 // The requests of the control socket, carried out on a running agent. On the event thread; outlives
 // the server that calls it.
 //
-// On platforms other than manual every change of /cliConfig is a transaction; on manual, set and
-// del write the tree and nothing else.
+// On platforms other than manual every change of /cliConfig and /forwardingConfig is a transaction;
+// on manual, set and del write the tree and nothing else.
 #pragma once
 
 #include <functional>
@@ -18,7 +18,7 @@ namespace Agent {
 // The agent that the requests act on.
 struct Controlled {
     Tree& tree;
-    Nav::NavCliConfig& config;     // the running one
+    RunningConfig running;
     const Ip::Status& interfaces;  // their addresses
     std::string platform;          // its name
     bool manual;                   // whether the platform leaves every input to the requests
@@ -36,9 +36,9 @@ class Control final : public RequestHandler {
     Answer handle(const std::string& op, const Json& request, Session& session) override;
     void sessionClosed(Session& session) override { watches_.remove(session); }
 
-    // Makes the configuration the running one and returns the warnings about it. Throws TreeError
-    // if it is not valid.
-    std::vector<std::string> load(ConfigPtr wanted);
+    // Makes the configurations the running ones and returns the warnings about them. Throws
+    // TreeError if they are not valid.
+    std::vector<std::string> load(WantedConfig wanted);
 
   private:
     Answer get(const Json& request, Session& session);
@@ -46,6 +46,7 @@ class Control final : public RequestHandler {
     Answer del(const Json& request, Session& session);
     Answer loadRequest(const Json& request, Session& session);
     Answer check(const Json& request, Session& session);
+    Answer save(const Json& request, Session& session);
     Answer show(const Json& request, Session& session);
     Answer watch(const Json& request, Session& session);
     Answer trace(const Json& request, Session& session);

@@ -67,7 +67,7 @@ class RequestHandler {
 class ControlServer {
   public:
     struct Limits {
-        size_t lineBytes = (1 << 20) + (1 << 12);  // a configuration file, and the request around it
+        size_t lineBytes = (2 << 20) + (1 << 12);  // two files of configuration, and what is around
         size_t answerBytes = 1 << 20;
         size_t eventBytes = 4 << 20;
         size_t clients = 128;

@@ -15,9 +15,10 @@ Json parse(const std::string& text) {
 }
 
 // Why a text is refused, or "".
-std::string refusal(const std::string& text) {
+template <class Read = decltype(&Agent::readConfigText)>
+std::string refusal(const std::string& text, Read read = Agent::readConfigText) {
     try {
-        Agent::readConfigText(text);
+        read(text);
         return "";
     } catch (const Agent::JsonError& error) {
         return error.what();
@@ -111,6 +112,108 @@ TEST(ConfigTest, ARefusalNamesTheLineThePlaceAndWhatIsRequired) {
               "");
 }
 
+TEST(ConfigTest, ARefusalOfForwardingNamesTheLineThePlaceAndWhatIsRequired) {
+    const std::string complete = R"({
+"vrf": {"a": {"vni": 1, "address": "10.0.0.1/24"}, "b": {"vni": 2, "address": "fd00::1/64"}},
+"site": {"10.0.0.2": {"vrf": {"a": {"prefix": ["10.2.0.0/16", "10.0.0.0/8", "2001:db8::/32", "0.0.0.0/0"]},
+                              "b": {"prefix": ["10.2.0.0/16"], "address": "fd00::2"}}},
+         "10.0.0.3": {"vrf": {"a": {"prefix": ["10.2.0.0/17"]}}}},
+"application": {"x": {"match": {"7": {"protocol": "udp", "sourcePort": ["5060-5061", 99]}}}},
+"probe": {"key": "s3cret", "interval": 0, "group": {"g": {"interval": 10000}}}})";
+    EXPECT_EQ(refusal(complete, Agent::readForwardingText), "");
+    for (
+        const auto& [change, reason] : std::initializer_list<std::pair<const char*, std::string>>{
+            {R"({"vrf":{"a":{"vni":null}}})", "vrf[a]/vni: required"},
+            {R"({"vrf":{"b":{"vni":1}}})", "vrf[b]/vni: 1 is already the segment of VRF \"a\""},
+            {R"({"vrf":{"with a space":{"vni":7,"address":"10.0.0.9/8"},"7":{"vni":8,"address":"10.0.0.9/8"}}})",
+             "vrf[7]: its tunnel device nav.7 would have the name of that of VRF \"with a space\""},
+            {R"({"vrf":{"a":{"address":null}}})", "vrf[a]/address: required: the router's address"},
+            {R"({"vrf":{"a":{"address":"10.0.0.255/24"}}})",
+             "vrf[a]/address: 10.0.0.255/24 is the network's broadcast"},
+            {R"({"vrf":{"a":{"mtu":1279}}})",
+             "vrf[a]/mtu: expected bytes, as IPv6 requires, from 1280 to 65535, or 0, got"},
+            {R"({"site":{"10.0.0.2":{"vrf":{"a":{"prefix":["10.1.2.3/16"]}}}}})",
+             "site[10.0.0.2]/vrf[a]/prefix[10.1.2.3/16]: \"10.1.2.3/16\" is an address in the "
+             "network 10.1.0.0/16; "
+             "write the network, or 10.1.2.3/32 for the address alone"},
+            {R"({"site":{"10.0.0.3":{"vrf":{"a":{"prefix":["10.0.0.0/8"]}}}}})",
+             "site[10.0.0.3]/vrf[a]/prefix[10.0.0.0/8]: 10.0.0.0/8 is already a prefix of site "
+             "10.0.0.2 in this VRF"},
+            {R"({"site":{"10.0.0.3":{"vrf":{"a":{"prefix":["10.0.0.0/24"]}}}}})",
+             "site[10.0.0.3]/vrf[a]/prefix[10.0.0.0/24]: 10.0.0.0/24 is already the overlay's "
+             "network"},
+            {R"({"site":{"10.0.0.3":{"vrf":{"a":{"prefix":["ff00::/8"]}}}}})",
+             "site[10.0.0.3]/vrf[a]/prefix[ff00::/8]: the prefix of a site cannot be a multicast "
+             "address"},
+            {R"({"site":{"10.0.0.3":{"vrf":{"a":{"address":"10.0.0.2"}}}}})",
+             "site[10.0.0.3]/vrf[a]/address: 10.0.0.2/32 is already the router address of site "
+             "10.0.0.2"},
+            {R"({"site":{"10.0.0.3":{"vrf":{"a":{"address":"10.0.0.1"}}}}})",
+             "site[10.0.0.3]/vrf[a]/address: 10.0.0.1/32 is already the router's own address"},
+            {R"({"site":{"10.0.0.3":{"vrf":{"b":{}}}}})",
+             "site[10.0.0.3]/vrf[b]/address: an IPv6 address is required"},
+            {R"({"site":{"10.0.0.3":{"vrf":{"c":{}}}}})",
+             "site[10.0.0.3]/vrf[c]: this VRF has no segment; /forwardingConfig/vrf[c] is "
+             "required"},
+            {R"({"application":{"x":{"match":{"7":{"protocol":"icmp"}}}}})",
+             "application[x]/match[7]/sourcePort: protocol icmp has no ports"},
+            {R"({"application":{"x":{"match":{"7":{"sourcePort":[0]}}}}})",
+             "application[x]/match[7]/sourcePort[0]: expected a port from 1 to 65535"},
+            {R"({"application":{"x":{"match":{"7":{"sourcePort":["9-8"]}}}}})",
+             "application[x]/match[7]/sourcePort[9-8]: the range \"9-8\" ends before it begins"},
+            {R"({"application":{"x":{"match":{"7":{"dscp":["af44"]}}}}})",
+             "application[x]/match[7]/dscp[af44]: expected a DSCP"},
+            {R"({"application":{"x":{"match":{"7":{"sourcePrefix":["10.0.0.0/8"],"destinationPrefix":["::/0"]}}}}})",
+             "application[x]/match[7]/sourcePrefix[10.0.0.0/8]: no destination prefix of this "
+             "match is an IPv4 one"},
+            {R"({"probe":{"group":{"g":{"interval":10001}}}})",
+             "probe/group[g]/window: expected milliseconds, no less than the interval, from 10001 "
+             "to 3600000, got 10000"},
+            {R"({"probe":{"key":987654}})",
+             "probe/key: expected text; in double quotes it is text"},
+            {R"-({"probe":{"key":"(hidden)"}})-",
+             "probe/key: this stands where a secret was not shown"},
+            {R"({"probe":{"key":"a\nb"}})", "probe/key: control characters are not allowed"}}) {
+        Json config = parse(complete);
+        config.merge_patch(parse(change));
+        const std::string refused = refusal(config.dump(), Agent::readForwardingText);
+        const std::string expected = "line 1: /forwardingConfig/" + reason;
+        EXPECT_EQ(refused.substr(0, expected.size()), expected) << change;
+    }
+    // An error that shows where a text ends to make sense does not show the key that it holds.
+    EXPECT_EQ(
+        refusal("{\"probe\":\n{\"key\": \"s3cret\n}}", Agent::readForwardingText).find("s3cret"),
+        std::string::npos);
+    EXPECT_EQ(
+        refusal("{\"vrf\":\n{\"a\": {\n\"vni\": 0}}}", Agent::readForwardingText).substr(0, 7),
+        "line 3:");
+}
+
+TEST(ConfigTest, TheExamplesOfForwardingFitAndMismatchesAreWarnedAbout) {
+    const auto config = Agent::readConfigText(Agent::readFile(NAV_EXAMPLES "/linux/config.json"));
+    const std::string text = Agent::readFile(NAV_EXAMPLES "/linux/forwarding.json");
+    using Warnings = std::vector<std::string>;
+    EXPECT_EQ(Agent::configWarnings(*config), Warnings{});
+    EXPECT_EQ(Agent::forwardingWarnings(*config, *Agent::readForwardingText(text)), Warnings{});
+    Json other = parse(text);
+    other.merge_patch(
+        parse(R"({"vrf":{"guest":null,"lab":{"vni":5,"address":"10.9.0.1/16"}},)"
+              R"("site":{"10.255.0.2":null,"10.255.0.3":null,"10.255.0.9":{}},)"
+              R"("application":{"voice":null,"games":{}},"probe":{"group":{"lte":{}}}})"));
+    config->udpPortConfigIs(862);
+    EXPECT_EQ(
+        Agent::forwardingWarnings(*config, *Agent::readForwarding(other)),
+        (Warnings{
+            R"(rule 10 of policy "office" names application "voice", which is not configured)",
+            R"(application "games" is named by no policy)",
+            R"(application "games" has no match, so no packet belongs to it)",
+            R"(VRF "guest" has a policy, but no segment, so nothing of it is forwarded)",
+            R"(VRF "lab" has a segment, but no policy, so nothing of it is forwarded)",
+            "site 10.255.0.9 is in no path group, so no path leads there",
+            R"(the configuration of probes names path group "lte", which is not configured)",
+            "udpPortConfig is 862, the port of probes"}));
+}
+
 TEST(ConfigTest, TheLimitsAreExact) {
     // 128 paths; different (site, application) of a policy for each VRF that is bound to it, here
     // 33 sites x (15 + 16) applications = 1023.
@@ -151,7 +254,7 @@ TEST(ConfigTest, TheLimitsAreExact) {
 struct Running : Agent::Watcher {
     std::vector<std::string> load(const Json& wanted) {
         events.clear();
-        Agent::Transaction transaction(*config, Agent::readConfig(wanted));
+        Agent::Transaction transaction(*config, {Agent::readConfig(wanted)});
         warnings = transaction.check(&*interfaces);
         transaction.apply();
         return events;

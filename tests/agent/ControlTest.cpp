@@ -8,26 +8,38 @@ namespace {
 
 using Agent::Json;
 
-TEST(ControlTest, OnlyAValidConfigurationIsWritten) {
-    Loom::MonotonicClock clock;
-    const auto scheduler = Vel::make<Vel::Scheduler>(clock);
-    Agent::Host host(*scheduler, std::make_unique<Agent::Platform>("linux"));
-    Agent::Control control(host.controlled());
-    struct Session : Agent::Session {
-        void sendEvent(const Line&) override {}
-        void startEvents() override {}
-    } session;
+struct ControlTest : testing::Test, Agent::Session {
+    void sendEvent(const Line& line) override { events += *line + "\n"; }
+    void startEvents() override {}
+
     // The value and the warnings of the answer, or the reason of the refusal.
-    const auto ask = [&](const Json& request) {
+    std::string ask(const Json& request) {
         try {
-            const Agent::Answer answer = control.handle(request.at("op"), request, session);
+            const Agent::Answer answer = control.handle(request.at("op"), request, *this);
             std::string text = answer.value.dump();
             for (const std::string& warning : answer.warnings) text += " " + warning;
             return text;
         } catch (const std::exception& error) {
-            return std::string(error.what());
+            return error.what();
         }
-    };
+    }
+    std::string ask(const char* request) { return ask(Agent::parseJson(request)); }
+
+  protected:
+    explicit ControlTest(const Agent::ForwardingPtr& forwarding = nullptr)
+        : forwarding(forwarding),
+          host(*scheduler, std::make_unique<Agent::Platform>("linux"), forwarding) {}
+
+    const Agent::ForwardingPtr forwarding;
+
+    Loom::MonotonicClock clock;
+    const Vel::Ptr<Vel::Scheduler> scheduler = Vel::make<Vel::Scheduler>(clock);
+    Agent::Host host;
+    Agent::Control control{host.controlled()};
+    std::string events;
+};
+
+TEST_F(ControlTest, OnlyAValidConfigurationIsWritten) {
     const std::string group = "/cliConfig/pathGroupConfig";
     const Json empty = host.tree().get("/cliConfig");
     for (
@@ -40,18 +52,53 @@ TEST(ControlTest, OnlyAValidConfigurationIsWritten) {
             {R"({"op":"set","path":"/cliConfig/pathGroupConfig[b]","value":{"localIntf":["wan1"]}})",
              group + "[b]/localIntf[wan1]: already in path group \"a\"; an interface belongs to "
                      "one path group"},
-            {R"({"op":"del","path":"/cliConfig/pathGroupConfig[b]"})", group + "[b]: not found"},
             {R"({"op":"set","path":"/cliConfig/vrfConfig[v]/policyName","value":"p"})",
              R"(null VRF "v" names policy "p", which is not configured)"},
             {R"({"op":"check","value":{}})",
              "null this removes every path group (1), and with them every path"},
-            {R"({"op":"load","value":{"udpPortConfig":1,"nothing":1}})",
-             "/cliConfig/nothing: unknown attribute"},
+            {R"({"op":"get","path":"/forwardingConfig"})", "null"},
+            {R"({"op":"set","path":"/forwardingConfig/vrf[v]","value":{}})",
+             std::string("/forwardingConfig/vrf[v]: ") + Agent::notForwarding},
+            {R"({"op":"load","forwarding":{}})",
+             std::string("/forwardingConfig: ") + Agent::notForwarding},
             {R"({"op":"set","path":"/cliConfig/udpPortConfig"})", "value: required"},
             {R"({"op":"fly"})", "op: \"fly\" is unknown"}})
-        EXPECT_EQ(ask(Agent::parseJson(request)), answer) << request;
+        EXPECT_EQ(ask(request), answer) << request;
     EXPECT_EQ(ask({{"op", "load"}, {"value", empty}}).substr(0, 4), "null");
     EXPECT_EQ(host.tree().get("/cliConfig"), empty);
+}
+
+struct ForwardingControlTest : ControlTest {
+    ForwardingControlTest() : ControlTest(Agent::makeForwarding()) {}
+};
+
+TEST_F(ForwardingControlTest, AKeyIsShownToTheFileOfItsOwnerOnly) {
+    std::string shown = ask(R"({"op":"watch","path":"/forwardingConfig"})");
+    shown += ask(R"({"op":"load","forwarding":{"probe":{"key":"s3cret","group":{"g":{}}}}})");
+    const std::string key = "/forwardingConfig/probe/group[g]/key";
+    EXPECT_EQ(ask({{"op", "get"}, {"path", key}}), "null");
+    shown += ask({{"op", "set"}, {"path", key}, {"value", "oth3r"}});
+    const Agent::ProbeConfig& probe = *forwarding->probe();
+    EXPECT_EQ(probeValues(probe, "none").key.text, "s3cret");
+    EXPECT_EQ(probeValues(probe, "g").key.text, "oth3r");
+    EXPECT_EQ(probeValues(probe, "g").window, 10000u);
+
+    const std::string whole = ask(R"({"op":"get","path":"/forwardingConfig"})");
+    shown +=
+        whole + ask({{"op", "get"}, {"path", key}}) + ask(R"({"op":"trace","last":1000})") + events;
+    EXPECT_EQ(shown.find("s3cret"), shown.npos);
+    EXPECT_EQ(shown.find("oth3r"), shown.npos);
+    EXPECT_NE(events.find(R"-(group[g]/key","value":"(hidden)")-"), events.npos) << events;
+    EXPECT_NE(ask({{"op", "load"}, {"forwarding", Agent::parseJson(whole)}}), "null");
+    const Json saved = Agent::parseJson(ask(R"({"op":"save"})")).at("forwarding");
+    EXPECT_EQ(ask(R"({"op":"load","forwarding":{}})"), "null");
+    EXPECT_EQ(ask({{"op", "load"}, {"forwarding", saved}}).substr(0, 4), "null");
+    EXPECT_EQ(Agent::parseJson(ask(R"({"op":"save"})")).at("forwarding"), saved);
+
+    EXPECT_EQ(ask({{"op", "set"}, {"path", key}, {"value", nullptr}}).substr(0, 4), "null");
+    EXPECT_EQ(probeValues(probe, "g").key.text, "s3cret");
+    EXPECT_NE(ask(R"({"op":"set","path":"/forwardingConfig/probe/window","value":5})"), "null");
+    EXPECT_EQ(probe.window(), 10000u);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // NAV_CONFIG_CHANGES is the number of requests for each seed, 60 unless given.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <random>
 
@@ -261,6 +262,74 @@ TEST_P(TransactionTest, APublishedStateDependsOnTheConfigurationAlone) {
                                  << without(got, expected);
     }
     EXPECT_GT(mostIds, 900u) << "far from the limit";
+}
+
+Json saved(const Vel::Entity& config) {
+    return Agent::toJson(Vel::toDatum(config), Agent::Secrets::shown);
+}
+
+// The same with objects and arrays in one order.
+nlohmann::json content(const Vel::Entity& config) {
+    auto json = nlohmann::json::parse(saved(config).dump());
+    const auto sort = [](auto& self, nlohmann::json& value) -> void {
+        if (value.is_structured())
+            for (auto& part : value) self(self, part);
+        if (value.is_array()) std::sort(value.begin(), value.end());
+    };
+    sort(sort, json);
+    return json;
+}
+
+TEST_P(TransactionTest, BothConfigurationsBecomeWhatIsWantedOrStayAsTheyAre) {
+    std::mt19937 random(GetParam());
+    const auto one = [&random](const char* prefix, size_t n) {
+        return numbered(prefix, random() % n);
+    };
+    const auto paths = Agent::readConfig(Json::object());
+    const auto running = Agent::makeForwarding();
+    std::vector<Json> former = {Json::object()};
+    for (int left = 500; left > 0; --left) {
+        const std::string v = "/vrf[" + one("v", 3) + "]", s = "/site[" + one("10.0.0.", 4) + "]",
+                          a = "/application[" + one("a", 3) + "]",
+                          m = a + "/match[" + one("", 3) + "]", g = "/probe/group[" + one("g", 2),
+                          p = one("10.", 6) + ".0.0/16";
+        const std::pair<std::string, Json> sets[] = {
+            {v, {{"vni", random() % 5}, {"address", one("10.9.0.", 5) + "/24"}}},
+            {v + "/mtu", random() % 3 * 700},
+            {s + v, {{"prefix", {p, one("2001:db8::", 3) + "/128"}}}},
+            {s + v + "/address", one("10.0.0.", 5)},
+            {s + v + "/prefix[" + p + "]", true},
+            {m, {{"protocol", one("", 20)}, {"sourcePort", {"5060-5061", 1 + random() % 3}}}},
+            {m + "/dscp[" + one("cs", 8) + "]", true},
+            {"/probe", {{"interval", 10 + random() % 9}, {"key", one("key", 3)}}},
+            {g + "]/window", random() % 2 ? Json() : Json(random() % 30)}};
+        const std::string dels[] = {v, s, s + v, s + v + "/prefix[" + p + "]", a, m, g + "]"};
+        const auto before = std::pair(content(*paths), content(*running));
+        const bool loads = random() % 10 == 0;
+        const Json start = loads ? former[random() % former.size()] : saved(*running);
+        const auto model = Agent::readForwarding(start);
+        Agent::Tree modelTree({Agent::Root::of(Agent::forwardingName, *model)});
+        const Vel::U32 port = random() % 9;
+        try {
+            Agent::Transaction transaction(
+                {*paths, running.get()}, {nullptr, loads ? Agent::readForwarding(start) : nullptr});
+            transaction.tree().set("/cliConfig/udpPortConfig", port);
+            const auto& [path, value] = sets[random() % std::size(sets)];
+            for (Agent::Tree* tree : {&transaction.tree(), &modelTree})
+                tree->set("/forwardingConfig" + path, value);
+            if (const std::string& del = dels[random() % std::size(dels)]; random() % 2)
+                for (Agent::Tree* tree : {&transaction.tree(), &modelTree})
+                    tree->del("/forwardingConfig" + del);
+            transaction.check(nullptr);
+            transaction.apply();
+            ASSERT_EQ(content(*running), content(*model));
+            ASSERT_EQ(paths->udpPortConfig(), port);
+            former.push_back(saved(*running));
+        } catch (const Agent::TreeError& error) {
+            ASSERT_EQ(std::pair(content(*paths), content(*running)), before) << error.what();
+        }
+    }
+    EXPECT_GT(former.size(), 150u) << "most changes were refused";
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, TransactionTest, testing::Values(1, 2, 3));

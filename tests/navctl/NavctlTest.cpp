@@ -100,6 +100,8 @@ class FakeAgent : Agent::RequestHandler {
             return Agent::parseJson(found->second);
         }
         if (op == "trace") return Json{"one", "two"};
+        if (op == "save")
+            return Json{{"forwarding", Agent::parseJson(R"({"probe":{"key":"s3cret"}})")}};
         Agent::Answer answer;
         if (op == "check" || op == "del") answer.warnings = {"policy x is not configured"};
         return answer;
@@ -194,8 +196,8 @@ TEST_F(NavctlTest, ValuesAndFilesReachTheAgentAsTheyWereMeant) {
                   R"({"op":"set","path":"/a","value":{"z":1,"a":[true]}})",
                   R"({"op":"set","path":"/a","value":"wan 1"})",
                   R"({"op":"set","path":"/a","value":-5})", R"({"op":"del","path":"/a[x,y]"})",
-                  R"({"op":"check","value":{"udpPortConfig":1,"navConfigured":true}})",
-                  R"({"op":"load","value":{"udpPortConfig":1,"navConfigured":true}})"}));
+                  R"({"value":{"udpPortConfig":1,"navConfigured":true},"op":"check"})",
+                  R"({"value":{"udpPortConfig":1,"navConfigured":true},"op":"load"})"}));
 
     // A file is replaced in place of a link's target, with its mode, or not at all.
     agent->tree["/cliConfig"] = R"({"udpPortConfig":1,"vrfConfig":{"v":{}}})";
@@ -207,7 +209,24 @@ TEST_F(NavctlTest, ValuesAndFilesReachTheAgentAsTheyWereMeant) {
     EXPECT_EQ(std::filesystem::status(saved).permissions(), std::filesystem::perms(0640));
     EXPECT_EQ(run({"load", dir + "/saved"}), 0);
     EXPECT_EQ(agent->requests.back(),
-              R"({"op":"load","value":{"udpPortConfig":1,"vrfConfig":{"v":{}}}})");
+              R"({"value":{"udpPortConfig":1,"vrfConfig":{"v":{}}},"op":"load"})");
+    // Keys get into a file that nobody else may read, and not to standard output.
+    const std::string forwarding = dir + "/saved";
+    EXPECT_EQ(run({"save", "--forwarding", forwarding}), 0);
+    EXPECT_EQ(std::filesystem::status(saved).permissions(), std::filesystem::perms(0600));
+    EXPECT_EQ(run({"load", write("good", "{}"), "--forwarding", forwarding}), 0);
+    EXPECT_EQ(agent->requests.back(),
+              R"({"value":{},"forwarding":{"probe":{"key":"s3cret"}},"op":"load"})");
+    agent->tree["/forwardingConfig"] = R"--({"probe":{"key":"(hidden)"}})--";
+    EXPECT_EQ(run({"save", "--forwarding", "-"}), 0);
+    EXPECT_EQ(Agent::parseJson(out), Agent::parseJson(agent->tree["/forwardingConfig"]));
+    EXPECT_EQ(run({"save", "--forwarding", "/dev/null"}), 2);
+    EXPECT_EQ(run({"save", "-", "--forwarding", "-"}), 2);
+    EXPECT_EQ(run({"load"}), 2);
+    EXPECT_EQ(run({"check", write("good", "{}"), "--forwarding",
+                   write("bound", R"({"application":{"x":{"match":{"1":{}}}}})")}),
+              0);
+    EXPECT_EQ(err, "warning: application \"x\" is named by no policy\n");
     EXPECT_EQ(run({"save", "/dev/full"}), 2);
     EXPECT_EQ(run({"save", dir + "/no/where"}), 2);
     EXPECT_EQ(err, "navctl: " + dir + "/no/where: No such file or directory\n");
