@@ -58,6 +58,7 @@ class Program {
     void printJson(const Json& value);
     void printTable(const Table& table);
     void showText(const TextView& view);
+    void forwarding();
     void counters();
     template <class Use>
     static auto readFile(const std::string& file, Use use);
@@ -156,8 +157,20 @@ void Program::buildShow() {
             printTable(view.table(client));
         });
     }
+    command(*show, "forwarding", "What the kernel forwards, and what it refused",
+            &Program::forwarding);
     command(*show, "counters", "Traffic per load-balance id and path", &Program::counters)
         ->add_flag("--watch", watch_, "Again for each update of the counters");
+}
+
+void Program::forwarding() {
+    const Json report = Client::ControlClient(runDir()).request({{"op", "forwarding"}}).at("value");
+    if (json_) return printJson(report);
+    const char* separator = "";
+    for (const auto& [heading, table] : forwardingTables(report)) {
+        streams_.out << std::exchange(separator, "\n") << heading << "\n";
+        printTable(table);
+    }
 }
 
 void Program::counters() {

@@ -252,6 +252,22 @@ const std::vector<TreeView>& treeViews() {
     return views;
 }
 
+std::vector<std::pair<std::string, Table>> forwardingTables(const Json& report) {
+    std::vector<std::pair<std::string, Table>> tables;
+    for (const auto& [heading, rows] : report.items()) {
+        if (rows.empty()) continue;
+        Table table;
+        for (const auto& [name, value] : rows.front().items()) table.columns.push_back(name);
+        for (const Json& row : rows) {
+            table.rows.emplace_back();
+            for (const std::string& name : table.columns)
+                table.rows.back().push_back(member(row, name));
+        }
+        tables.emplace_back(heading, std::move(table));
+    }
+    return tables;
+}
+
 Json parseShowText(const std::string& text) {
     try {
         return parseLiteral(text);

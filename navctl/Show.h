@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/ControlClient.h"
@@ -24,6 +25,9 @@ struct TreeView {
 
 const std::vector<TextView>& textViews();
 const std::vector<TreeView>& treeViews();
+
+// The tables of `show forwarding`, each under its heading, from the agent's report.
+std::vector<std::pair<std::string, Table>> forwardingTables(const Json& report);
 
 // The agent's text as JSON; Refused when it answered with a message, or with what is no literal.
 Json parseShowText(const std::string& text);

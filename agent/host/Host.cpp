@@ -121,7 +121,9 @@ Controlled Host::controlled() {
             *inputs_.ipStatusDir,
             platform_->name(),
             platform_->manual(),
-            [this](const std::string& word) { return show(word); }};
+            [this](const std::string& word) { return show(word); },
+            [this] { return platform_->forwarding(); },
+            [this] { platform_->configured(); }};
 }
 
 }  // namespace Agent

@@ -13,9 +13,13 @@ namespace Agent {
 namespace {
 
 // The platform that the options name. The loop outlives it.
-std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop) {
+std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop,
+                                       ForwardingPtr forwarding) {
     if (options.platform == "sim") return std::make_unique<Sim::SimPlatform>(options.world);
-    if (options.platform == "linux") return std::make_unique<Linux::LinuxPlatform>(loop);
+    if (options.platform == "linux")
+        return std::make_unique<Linux::LinuxPlatform>(
+            loop, Linux::LinuxOptions{std::move(forwarding), options.keepForwarding,
+                                      options.runDir});
     return std::make_unique<Platform>(options.platform);
 }
 
@@ -42,7 +46,7 @@ HostAgent::HostAgent(Options options, Log& log)
       interrupted_(loop_.onSignal(SIGINT, [this] { stop("SIGINT"); })),
       hungUp_(loop_.onSignal(SIGHUP, [this] { reload(); })),
       forwarding_(options_.forwarding.empty() ? nullptr : makeForwarding()),
-      host_(*scheduler_, makePlatform(options_, loop_), forwarding_),
+      host_(*scheduler_, makePlatform(options_, loop_, forwarding_), forwarding_),
       routerLog_(host_.inputs(), host_.platform(), [this] { return host_.database(); }),
       fib_(*host_.inputs().forwardingStatus, Shard::Namespace(runDir_.path()), "fib", *scheduler_),
       fib6_(*host_.inputs().forwarding6Status, Shard::Namespace(runDir_.path()), "fib6",

@@ -19,6 +19,7 @@ namespace Agent {
 struct Options {
     std::string config;            // file to load at start and on SIGHUP; none if empty
     std::string forwarding;        // the same, of the forwarding; if empty, the agent only decides
+    bool keepForwarding = false;   // at an orderly stop
     std::string platform = "sim";  // who plays the router's other services
     std::string world;             // file that describes the simulated router; none if empty
     std::string runDir;            // not empty: main takes defaultRunDir() where none is given

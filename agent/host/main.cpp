@@ -17,6 +17,8 @@ int main(int argc, char** argv) {
     app.add_option("--forwarding", options.forwarding,
                    "Forward by the decisions: configuration to load with --config, for linux")
         ->type_name("FILE");
+    app.add_flag("--keep-forwarding", options.keepForwarding,
+                 "An orderly stop leaves the kernel forwarding as it is, for linux");
     app.add_option("--platform", options.platform, "Who plays the router's other services")
         ->check(CLI::IsMember({"sim", "linux", "manual"}))
         ->capture_default_str();
@@ -42,6 +44,8 @@ int main(int argc, char** argv) {
                 "--forwarding", "--platform " + options.platform +
                                     " has no kernel to forward by; only --platform linux forwards");
         }
+        if (options.keepForwarding && options.forwarding.empty())
+            throw CLI::ValidationError("--keep-forwarding", "--forwarding is required");
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;
     }

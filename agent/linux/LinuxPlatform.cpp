@@ -7,6 +7,7 @@
 #include "agent/linux/PathRoutes.h"
 #include "agent/linux/forwarding/Counting.h"
 #include "agent/linux/forwarding/Forwarding.h"
+#include "agent/linux/forwarding/Report.h"
 #include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/router/NexthopResolver.h"
 #include "agent/router/RouterStatus.h"
@@ -27,6 +28,10 @@ class LinuxPlatform::Services {
 
     const KernelMonitor& monitor() const { return monitor_; }
     Forwarding* forwarding() { return forwarding_ ? &*forwarding_ : nullptr; }
+    std::optional<Json> report() {
+        if (!forwarding_) return {};
+        return reportOf(in_, *config_, *forwarding_);
+    }
 
   private:
     void handleInterfaces();
@@ -34,6 +39,7 @@ class LinuxPlatform::Services {
     NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested);
 
     const Nav::NavInputs in_;
+    const ForwardingPtr config_;  // null: the platform observes only
     KernelMonitor monitor_;
     std::set<L3::VrfName> unnumbered_;  // VRFs reported to have no id
     NexthopResolver resolver_;
@@ -48,6 +54,7 @@ class LinuxPlatform::Services {
 LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
                                   const LinuxOptions& options)
     : in_(inputs),
+      config_(options.forwarding),
       monitor_(*inputs.scheduler,
                {[this] { handleInterfaces(); },
                 [this] { handleForwarding(); },
@@ -62,8 +69,8 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
       retry_(*inputs.scheduler, Loom::call<&Services::handleForwarding>(*this)),
       readable_(loop.onReadable(monitor_.fd(), [this] { monitor_.handleReadable(); })) {
     monitor_.start();
-    if (options.forwarding) {
-        forwarding_.emplace(inputs, options.forwarding, monitor_, [this] { agent_->review(); });
+    if (config_) {
+        forwarding_.emplace(inputs, config_, monitor_, [this] { agent_->review(); });
         counting_.emplace(inputs, forwarding_->plan(), loop, options.runDir);
         tableChanged_ = loop.onReadable(forwarding_->tableFd(),
                                         [this] { forwarding_->handleTableReadable(); });
@@ -129,6 +136,10 @@ void LinuxPlatform::stop() {
 
 void LinuxPlatform::configured() {
     if (services_ && services_->forwarding()) services_->forwarding()->replan();
+}
+
+std::optional<Json> LinuxPlatform::forwarding() {
+    return services_ ? services_->report() : std::nullopt;
 }
 
 std::optional<bool> LinuxPlatform::linkUp(const Netz::IntfId& name) const {

@@ -29,6 +29,7 @@ class LinuxPlatform final : public Platform {
     void start(const Nav::NavInputs& inputs) override;
     void stop() override;
     void configured() override;
+    std::optional<Json> forwarding() override;
     std::optional<bool> linkUp(const Netz::IntfId& name) const override;
 
     // REQUIRES: started and not stopped.

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "agent/base/Json.h"
 #include "nav/root/NavInputs.h"
 
 namespace Agent {
@@ -28,6 +29,8 @@ class Platform {
     virtual void stop() {}
     // The configuration has been changed, completely.
     virtual void configured() {}
+    // What the platform forwards, for `navctl show forwarding`; nothing if it does not forward.
+    virtual std::optional<Json> forwarding() { return {}; }
     // Whether an interface is up; nothing if it does not exist or the platform does not know.
     virtual std::optional<bool> linkUp(const Netz::IntfId&) const { return {}; }
 

@@ -52,7 +52,8 @@ Answer Control::handle(const std::string& op, const Json& request, Session& sess
         {"get", &Control::get},          {"set", &Control::set},     {"del", &Control::del},
         {"load", &Control::loadRequest}, {"check", &Control::check}, {"save", &Control::save},
         {"show", &Control::show},        {"watch", &Control::watch}, {"trace", &Control::trace},
-        {"log", &Control::log},          {"ping", &Control::ping}};
+        {"log", &Control::log},          {"ping", &Control::ping},
+        {"forwarding", &Control::forwarding}};
     const auto operation = operations.find(op);
     if (operation == operations.end()) throw RequestError("op: \"" + op + "\" is unknown");
     if (agent_.manual || (op != "set" && op != "del" && op != "load"))
@@ -108,6 +109,7 @@ Answer Control::change(const std::string& path, const std::function<void(Tree&)>
 std::vector<std::string> Control::commit(Transaction& transaction) {
     std::vector<std::string> warnings = transaction.check(&agent_.interfaces);
     transaction.apply();
+    agent_.configured();
     return warnings;
 }
 
@@ -136,6 +138,12 @@ Answer Control::save(const Json&, Session&) {
 
 Answer Control::show(const Json& request, Session&) {
     return Json(agent_.show(text(request, "command")));
+}
+
+Answer Control::forwarding(const Json&, Session&) {
+    auto report = agent_.forwarding();
+    if (!report) throw RequestError(notForwarding);
+    return std::move(*report);
 }
 
 Answer Control::watch(const Json& request, Session& session) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,10 @@ struct Controlled {
     bool manual;                   // whether the platform leaves every input to the requests
     // The library's answer to a show command, empty if it does not know the word.
     std::function<std::string(const std::string& word)> show;
+    // What the platform forwards; nothing if it does not forward.
+    std::function<std::optional<Json>()> forwarding = [] { return std::optional<Json>(); };
+    // Called when a change of the configuration has been made, completely.
+    std::function<void()> configured = [] {};
 };
 
 class Control final : public RequestHandler {
@@ -48,6 +53,7 @@ class Control final : public RequestHandler {
     Answer check(const Json& request, Session& session);
     Answer save(const Json& request, Session& session);
     Answer show(const Json& request, Session& session);
+    Answer forwarding(const Json& request, Session& session);
     Answer watch(const Json& request, Session& session);
     Answer trace(const Json& request, Session& session);
     Answer log(const Json& request, Session& session);

@@ -30,6 +30,10 @@ constexpr uint32_t tunnelOverhead(bool v6) {
     return (v6 ? 40 : 20) + 8 + 8;  // IP, UDP, VXLAN
 }
 
+// ESP in transport mode: header, initialisation vector, padding to four bytes and its trailer, check
+// value (RFC 4303, RFC 4106), and UDP where a NAT is on the way (RFC 3948).
+constexpr uint32_t espOverhead = 8 + 8 + 3 + 2 + 16 + 8;
+
 IpPrefix host(const IpGenAddr& addr) {
     return IpPrefix::of(addr, static_cast<uint8_t>(addr.bits()));
 }
@@ -57,14 +61,15 @@ void Plan::replace(const Slice& slice, const Objects& objects) {
 // The packets of a segment fit every underlay link that a path may take.
 uint32_t derivedMtu(const InterfaceView& view, const Nav::NavInputs& in) {
     uint32_t mtu = 1500;
-    bool v6 = false;
+    bool v6 = false, secured = false;
     for (const Nav::PathGroupConfig& group : in.cliConfig->pathGroupConfig()) {
+        secured |= !group.ipsecProfile().empty();
         for (const Netz::IntfId& name : group.localIntf())
             if (const Interface* interface = view.named(name)) mtu = std::min(mtu, interface->mtu);
         for (const Nav::RemoteViaConfig& remote : group.remoteViaConfig())
             for (const IpGenAddr& via : remote.remoteVia()) v6 |= via.isV6();
     }
-    return mtu - tunnelOverhead(v6);
+    return mtu - tunnelOverhead(v6) - (secured ? espOverhead : 0);
 }
 
 Plan::Segments Plan::segmentsIn(const InterfaceView& view) const {
@@ -150,6 +155,10 @@ void Plan::planApplications() {
 void Plan::pathIs(uint32_t pathIndex, const PathHop& hop) {
     const auto present = paths_.find(pathIndex);
     if (present != paths_.end() && present->second == hop) return;
+    for (const auto& [other, path] : paths_)
+        if (other != pathIndex && path.path.srcAddr == hop.path.srcAddr &&
+            path.path.dstAddr == hop.path.dstAddr)
+            return;
     if (present != paths_.end() && present->second.path != hop.path) pathDel(pathIndex);
     paths_.insert_or_assign(pathIndex, hop);
     planPath(pathIndex);

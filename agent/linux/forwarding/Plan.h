@@ -76,6 +76,8 @@ class Plan {
 
     // Each recomputes what depends on it.
     void replanAll(const InterfaceView& view);
+    // A second path with the addresses of another one, in another VRF, is left out: the kernel
+    // tells their packets apart by addresses alone.
     void pathIs(uint32_t pathIndex, const PathHop& hop);
     void pathDel(uint32_t pathIndex);
     void replanSite(const Netz::IpGenAddr& site);
@@ -96,6 +98,14 @@ class Plan {
         return applications_;
     }
 
+    // The prefixes behind each site, in one VRF.
+    using Prefixes = std::map<Netz::IpGenAddr, std::set<IpPrefix>>;
+    // Of a VRF with a segment.
+    const Prefixes& prefixes(const L3::VrfName& vrf) const { return prefixes_.at(vrf); }
+    // The usable members of the best priority; none if the site is unreachable.
+    NexthopGroup group(const Segment& segment, const Netz::IpGenAddr& site, uint32_t appId);
+    uint32_t nexthopId(const Segment& segment, const Nav::PathKey& path);
+
   private:
     struct Devices { auto operator<=>(const Devices&) const = default; };
     struct Applications { auto operator<=>(const Applications&) const = default; };
@@ -104,8 +114,6 @@ class Plan {
     struct SiteRoutes { Netz::IpGenAddr site; auto operator<=>(const SiteRoutes&) const = default; };
     struct Others { auto operator<=>(const Others&) const = default; };
     using Slice = std::variant<Devices, Applications, Source, PathNexthops, SiteRoutes, Others>;
-    // The prefixes behind each site, in one VRF.
-    using Prefixes = std::map<Netz::IpGenAddr, std::set<IpPrefix>>;
 
     void replace(const Slice& slice, const Objects& objects);
     void planDevices();
@@ -116,10 +124,8 @@ class Plan {
     void planSite(Objects& objects, const Segment& segment, const Netz::IpGenAddr& site,
                   const std::set<IpPrefix>& prefixes);
     void planOthers();
-    NexthopGroup group(const Segment& segment, const Netz::IpGenAddr& site, uint32_t appId);
     NexthopGroup anyPath(const Segment& segment, const Netz::IpGenAddr& site);
     void addMember(NexthopGroup& group, const Segment& segment, uint32_t pathIndex);
-    uint32_t nexthopId(const Segment& segment, const Nav::PathKey& path);
     std::set<uint32_t> applicationsOf(const Segment& segment) const;
 
     const Nav::NavInputs in_;

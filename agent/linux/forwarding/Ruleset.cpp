@@ -1,6 +1,7 @@
 #include "agent/linux/forwarding/Ruleset.h"
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 
 #include "nav/config/NavConstants.h"
@@ -15,38 +16,60 @@ using Netz::IpGenAddr;
 constexpr const char* ownMark = "& 0xff000000 == 0x6e000000";
 constexpr const char* withPorts = "{ tcp, udp, udplite, sctp, dccp }";
 
+using Texts = std::set<std::string>;
+
 // "{ a, b }"; empty without members.
-std::string setOf(const std::vector<std::string>& members) {
+std::string setOf(const Texts& members) {
     std::string text;
     for (const std::string& member : members) text += (text.empty() ? "{ " : ", ") + member;
     return text.empty() ? text : text + " }";
 }
 
+// Ranges that do not overlap, as nftables requires of a set.
 template <class Range>
-std::vector<std::string> texts(const Range& range) {
-    std::vector<std::string> texts;
-    for (const auto& each : range) texts.push_back(each.stringValue());
+Texts ports(const Range& range) {
+    std::vector<PortRange> apart;
+    std::set<PortRange> ranges;
+    for (const PortRange& each : range) ranges.insert(each);
+    for (const PortRange& each : ranges)
+        if (!apart.empty() && each.first <= apart.back().last)
+            apart.back().last = std::max(apart.back().last, each.last);
+        else
+            apart.push_back(each);
+    Texts texts;
+    for (const PortRange& each : apart) texts.insert(each.stringValue());
     return texts;
 }
 
-// Those of a family.
+// Those of a family, without the ones that lie in another.
 template <class Range>
-std::vector<std::string> prefixes(const Range& range, bool v6) {
-    std::vector<std::string> texts;
+Texts prefixes(const Range& range, bool v6) {
+    const auto lies = [&](const IpPrefix& prefix) {
+        for (const IpPrefix& other : range)
+            if (other != prefix && other.addr.isV6() == v6 &&
+                other.prefixLength <= prefix.prefixLength &&
+                IpPrefix::of(prefix.addr, other.prefixLength) == other)
+                return true;
+        return false;
+    };
+    Texts texts;
     for (const IpPrefix& prefix : range)
-        if (prefix.addr.isV6() == v6) texts.push_back(prefix.stringValue());
+        if (prefix.addr.isV6() == v6 && !lies(prefix)) texts.insert(prefix.stringValue());
     return texts;
 }
 
+// An asterisk at the end of a name would stand for any text.
 std::string quoted(std::string_view name) {
-    return '"' + std::string(name) + '"';
+    const bool asterisk = name.ends_with('*');
+    if (asterisk) name.remove_suffix(1);
+    return '"' + std::string(name) + (asterisk ? "\\*\"" : "\"");
 }
 
 // Everything that is the same for both families.
 std::string transport(const ApplicationMatchConfig& match) {
     std::string text;
-    const std::string sources = setOf(texts(match.sourcePort())),
-                      destinations = setOf(texts(match.destinationPort()));
+    const std::string sources = setOf(ports(match.sourcePort())),
+                      destinations = setOf(ports(match.destinationPort()));
     if (match.protocol().number)
         text += " meta l4proto " + std::to_string(*match.protocol().number);
     else if (!sources.empty() || !destinations.empty())
@@ -61,8 +84,8 @@ std::string transport(const ApplicationMatchConfig& match) {
 std::vector<std::string> expressionsOf(const ApplicationMatchConfig& match) {
     const std::string rest = transport(match);
     const auto given = [](const auto& range) { return range.begin() != range.end(); };
-    std::vector<std::string> dscps;
-    for (const Dscp& dscp : match.dscp()) dscps.push_back(std::to_string(dscp.value));
+    Texts dscps;
+    for (const Dscp& dscp : match.dscp()) dscps.insert(std::to_string(dscp.value));
     const bool bySource = given(match.sourcePrefix()),
                byDestination = given(match.destinationPrefix());
     if (!bySource && !byDestination && dscps.empty()) return {rest};
@@ -139,20 +162,20 @@ class Writer {
     }
 
     // The interfaces that packets of a VRF come from, its tunnel included.
-    std::vector<std::string> interfacesOf(const Segment& segment) const {
-        std::vector<std::string> names;
+    Texts interfacesOf(const Segment& segment) const {
+        Texts names;
         for (const Interface& interface : view_.interfaces)
-            if (interface.vrf.index == segment.index) names.push_back(quoted(interface.name.str()));
+            if (interface.vrf.index == segment.index) names.insert(quoted(interface.name.str()));
         return names;
     }
 
     // Flows of VRFs with the same addresses are told apart.
     void zones() {
-        std::vector<std::string> zones;
+        Texts zones;
         for (const auto& [vrf, segment] : plan_.segments())
             if (segment.index != 0)
                 for (const std::string& name : interfacesOf(segment))
-                    zones.push_back(name + " : " + std::to_string(segment.vrfId & 0xffff));
+                    zones.insert(name + " : " + std::to_string(segment.vrfId & 0xffff));
         if (zones.empty()) return;
         chain("zones", "filter hook prerouting priority raw");
         rule("zones", "ct zone set iifname map " + setOf(zones));
@@ -184,9 +207,9 @@ class Writer {
         rule("classify", std::string("ct mark ") + ownMark + " meta mark set ct mark accept");
         // The router's own packets that the VRF's table leads into a tunnel.
         chain("classify_out", "route hook output priority mangle");
-        std::vector<std::string> tunnels;
+        Texts tunnels;
         for (const auto& [vrf, segment] : plan_.segments())
-            tunnels.push_back(quoted(segment.tunnel.name.str()));
+            tunnels.insert(quoted(segment.tunnel.name.str()));
         if (!tunnels.empty())
             rule("classify_out", "oifname " + setOf(tunnels) + " ct mark " + ownMark +
                                      " meta mark set ct mark accept");
@@ -206,7 +229,7 @@ class Writer {
     void protection() {
         chain("tunnels_in", "filter hook input priority filter");
         chain("tunnels_out", "filter hook postrouting priority mangle");
-        std::vector<std::string> peers[2], secured[2], securedOut[2];
+        Texts peers[2], secured[2], securedOut[2];
         for (const Nav::PathConfig& vrf : in_.pathConfigDir->pathConfig())
             for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
                 const auto& [source, destination, vrfId] = path.key();
@@ -216,10 +239,10 @@ class Writer {
                 const std::string in = destination.stringValue() + " . " + source.stringValue();
                 for (const Interface& interface : view_.interfaces)
                     if (interface.primary4.addr == source || interface.primary6.addr == source)
-                        peers[v6].push_back(in + " . " + quoted(interface.name.str()));
+                        peers[v6].insert(in + " . " + quoted(interface.name.str()));
                 if (path.ipsecProfile().empty()) continue;
-                secured[v6].push_back(in);
-                securedOut[v6].push_back(out);
+                secured[v6].insert(in);
+                securedOut[v6].insert(out);
             }
         for (const bool v6 : {false, true}) {
             const std::string ip = v6 ? "ip6" : "ip", pair = ip + " saddr . " + ip + " daddr ";

@@ -10,24 +10,46 @@ std::string hex(uint32_t number) {
     return text;
 }
 
-struct Describe {
+struct DescribeKey {
+    std::string operator()(const Tunnel::Key& key) const {
+        return "link " + key.name.stringValue();
+    }
+    std::string operator()(const Nexthop::Key& key) const { return "nexthop id " + hex(key.id); }
+    std::string operator()(const NexthopGroup::Key& key) const {
+        return "nexthop group id " + hex(key.id);
+    }
+    std::string operator()(const Route::Key& key) const {
+        return "route " + key.prefix.stringValue() + " table " + hex(key.table);
+    }
+    std::string operator()(const Rule& rule) const {
+        std::string text =
+            std::string(rule.v6 ? "-6 " : "") + "rule " + std::to_string(rule.priority);
+        if (!rule.source.isZero()) text += " from " + rule.source.stringValue();
+        if (rule.mark != 0) text += " fwmark " + hex(rule.mark);
+        if (rule.destinationPort != 0) text += " dport " + std::to_string(rule.destinationPort);
+        return text + " lookup " + hex(rule.table);
+    }
+};
+
+struct Describe : DescribeKey {
+    using DescribeKey::operator();
     std::string operator()(const Tunnel& tunnel) const {
-        return "link " + tunnel.name.stringValue() + " vni " + std::to_string(tunnel.vni) +
+        return (*this)(tunnel.key()) + " vni " + std::to_string(tunnel.vni) +
                " port " + std::to_string(tunnel.udpPort) + " mtu " + std::to_string(tunnel.mtu) +
                " address " + tunnel.address.stringValue();
     }
     std::string operator()(const Nexthop& nexthop) const {
-        return "nexthop id " + hex(nexthop.id) + " vni " + std::to_string(nexthop.vni) + " src " +
+        return (*this)(nexthop.key()) + " vni " + std::to_string(nexthop.vni) + " src " +
                nexthop.source.stringValue() + " dst " + nexthop.destination.stringValue();
     }
     std::string operator()(const NexthopGroup& group) const {
-        std::string text = "nexthop id " + hex(group.id) + " group";
+        std::string text = (*this)(group.key()) + " of";
         for (const auto& member : group.members)
             text += ' ' + hex(member.id) + ',' + std::to_string(member.weight);
         return text;
     }
     std::string operator()(const Route& route) const {
-        std::string text = "route " + route.prefix.stringValue() + " table " + hex(route.table);
+        std::string text = (*this)(route.key());
         switch (route.action) {
             case Route::Action::nexthop: return text + " nhid " + hex(route.nexthopId);
             case Route::Action::unreachable: return text + " unreachable";
@@ -37,20 +59,16 @@ struct Describe {
         if (!route.gateway.isZero()) text += " via " + route.gateway.stringValue();
         return text + " dev " + std::to_string(route.ifIndex);
     }
-    std::string operator()(const Rule& rule) const {
-        std::string text = std::string(rule.v6 ? "-6 " : "") + "rule " +
-                           std::to_string(rule.priority);
-        if (!rule.source.isZero()) text += " from " + rule.source.stringValue();
-        if (rule.mark != 0) text += " fwmark " + hex(rule.mark);
-        if (rule.destinationPort != 0) text += " dport " + std::to_string(rule.destinationPort);
-        return text + " lookup " + hex(rule.table);
-    }
 };
 
 }  // namespace
 
 std::string textOf(const Object& object) {
     return std::visit(Describe{}, object);
+}
+
+std::string textOf(const ObjectKey& key) {
+    return std::visit(DescribeKey{}, key);
 }
 
 }  // namespace Agent::Linux

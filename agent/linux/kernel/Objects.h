@@ -132,5 +132,7 @@ inline void insert(Objects& objects, Object object) {
 
 // As `ip` would show it, in a line.
 std::string textOf(const Object& object);
+// The same of what names it.
+std::string textOf(const ObjectKey& key);
 
 }  // namespace Agent::Linux

@@ -1,0 +1,116 @@
+#include "agent/linux/forwarding/Report.h"
+
+namespace Agent::Linux {
+
+namespace {
+
+std::string pathName(uint32_t pathIndex) {
+    return "Path" + std::to_string(pathIndex);
+}
+
+Json tunnels(Forwarding& forwarding) {
+    Json rows = Json::array();
+    for (const auto& [vrf, segment] : forwarding.plan().segments()) {
+        const Tunnel& tunnel = segment.tunnel;
+        rows.push_back({{"device", tunnel.name.str()},
+                        {"vrf", vrf.str()},
+                        {"vni", tunnel.vni},
+                        {"port", tunnel.udpPort},
+                        {"mtu", tunnel.mtu},
+                        {"address", tunnel.address.stringValue()},
+                        {"programmed", forwarding.kernel().present(tunnel.key())}});
+    }
+    return rows;
+}
+
+std::string vrfOf(const Nav::NavInputs& in, const Nav::PathKey& path) {
+    for (const auto& vrf : in.routingHwRouteStatus->vrfStatus())
+        if (Routing::Hardware::knownVrfId(vrf.vrfName(), vrf.vrfId()) == path.vrfId)
+            return vrf.vrfName().str();
+    return {};
+}
+
+Json paths(const Nav::NavInputs& in, Forwarding& forwarding) {
+    Json rows = Json::array();
+    for (const auto& [pathIndex, hop] : forwarding.plan().paths()) {
+        Json nexthops = Json::array();
+        for (const ObjectKey& key : forwarding.plan().nexthopsOf(hop.path))
+            nexthops.push_back(std::get<Nexthop::Key>(key).id);
+        rows.push_back({{"path", pathName(pathIndex)},
+                        {"source", hop.path.srcAddr.stringValue()},
+                        {"destination", hop.path.dstAddr.stringValue()},
+                        {"vrf", vrfOf(in, hop.path)},
+                        {"interface", hop.intfId.str()},
+                        {"gateway", hop.gateway.stringValue()},
+                        {"programmed", forwarding.programmed(pathIndex) != 0},
+                        {"nexthops", nexthops}});
+    }
+    return rows;
+}
+
+Json applications(const Nav::NavInputs& in, const ForwardingConfig& config,
+                  Forwarding& forwarding) {
+    Json rows = Json::array();
+    for (const auto& [vrf, segment] : forwarding.plan().segments()) {
+        std::map<uint32_t, Json> names;
+        for (const auto& [application, mark] :
+             applicationsOf(in, config, segment, forwarding.plan()))
+            names[mark] = application ? Json(application->name()) : Json("default");
+        for (const auto& [mark, place] : forwarding.plan().applications())
+            if (place.first == vrf)
+                rows.push_back({{"vrf", vrf.str()},
+                                {"application", names[mark]},
+                                {"id", place.second},
+                                {"mark", mark},
+                                {"described", names.contains(mark) && !names[mark].is_null()}});
+    }
+    return rows;
+}
+
+// From the objects that are wanted: what a site's routes in an application's table lead to.
+Json sites(Forwarding& forwarding) {
+    Json rows = Json::array();
+    Plan& plan = forwarding.plan();
+    for (const auto& [vrf, segment] : plan.segments())
+        for (const auto& [site, prefixes] : plan.prefixes(vrf))
+            for (const auto& [mark, place] : plan.applications()) {
+                if (place.first != vrf) continue;
+                const NexthopGroup group = plan.group(segment, site, place.second);
+                Json carriers = Json::array(), behind = Json::array();
+                for (const auto& [pathIndex, hop] : plan.paths())
+                    for (const auto& member : group.members)
+                        if (member.id == plan.nexthopId(segment, hop.path))
+                            carriers.push_back(pathName(pathIndex));
+                for (const IpPrefix& prefix : prefixes) behind.push_back(prefix.stringValue());
+                rows.push_back({{"site", site.stringValue()},
+                                {"vrf", vrf.str()},
+                                {"application", place.second},
+                                {"prefixes", behind},
+                                {"group", group.id},
+                                {"paths", carriers},
+                                {"unreachable", carriers.empty()}});
+            }
+    return rows;
+}
+
+Json refused(const Forwarding& forwarding) {
+    Json rows = Json::array();
+    for (const auto& [key, reason] : forwarding.kernel().refused())
+        rows.push_back({{"object", textOf(key)}, {"reason", reason}});
+    if (!forwarding.rulesetRefused().empty())
+        rows.push_back({{"object", std::string("table ") + nftTable},
+                        {"reason", forwarding.rulesetRefused()}});
+    return rows;
+}
+
+}  // namespace
+
+Json reportOf(const Nav::NavInputs& in, const ForwardingConfig& config, Forwarding& forwarding) {
+    return {{"tunnels", tunnels(forwarding)},
+            {"paths", paths(in, forwarding)},
+            {"applications", applications(in, config, forwarding)},
+            {"sites", sites(forwarding)},
+            {"refused", refused(forwarding)}};
+}
+
+}  // namespace Agent::Linux
