@@ -29,6 +29,7 @@ void runAtPageEnd(const Bytes& bytes) {
     mprotect(begin + room, page, PROT_NONE);
     uint8_t* const data = begin + room - bytes.size();
     std::copy(bytes.begin(), bytes.end(), data);
+    alarm(60);  // an input that hangs ends the run
     LLVMFuzzerTestOneInput(data, bytes.size());
     munmap(begin, room + page);
 }
@@ -38,7 +39,8 @@ Bytes variant(Bytes bytes, std::mt19937& random) {
     if (random() % 4 == 0) bytes.resize(random() % (bytes.size() + 1));
     for (size_t i = random() % 4; i > 0 && bytes.size() >= 8; --i) {
         const uint64_t word = random() % 2 ? random() : edges[random() % std::size(edges)];
-        std::memcpy(&bytes[random() % (bytes.size() - 7)], &word, 1 + random() % 8);
+        const size_t at = random() % (bytes.size() - 7);
+        std::memcpy(&bytes[at], &word, 1 + random() % 8);
     }
     return bytes;
 }

@@ -10,7 +10,7 @@ import re
 import signal
 import subprocess
 
-from products import Products, await_, branch, build, main, patience, programs, source
+from products import Products, await_, branch, main, patience, programs, source, tied
 
 
 def tables_of(run_dir):
@@ -173,8 +173,8 @@ class ProductTest(Products):
         deaf = self.run_dir()
         unread, end = os.pipe()
         self.addCleanup(os.close, unread)
-        agent = subprocess.Popen([programs["nav-agent"], "--run-dir", deaf, *branch, "--log-level", "8"],
-                                 stderr=end, cwd=source)
+        agent = subprocess.Popen([*tied, programs["nav-agent"], "--run-dir", deaf, *branch,
+                                  "--log-level", "8"], stderr=end, cwd=source)
         os.close(end)
         self.processes.callback(agent.kill)
         await_("paths are up", lambda: self.navctl(deaf, "show", "paths").stdout.count("Estab") == 7)
@@ -208,14 +208,18 @@ class ProductTest(Products):
         file = f"{run_dir}/file"
         with open(file, "w", encoding="utf-8") as text:
             text.write('{\n  "a": 1,\n  "b": }\n')
+        world = f"{run_dir}/world"
+        with open(world, "w", encoding="utf-8") as text:
+            text.write('{"vrfs": {"a": {"id": 7},\n"b": {"id": 7}}}')
         for arguments, status, reason in (
-                (["--platform", "cloud"], 2, "cloud"),
+                (["--run-dir", run_dir, "--world", world], 1,
+                 world + ': line 2: /vrfs/b: has the same id as VRF "a"'),
                 (["--log-level", "9"], 2, "--log-level"),
                 (["--world", "w", "--platform", "manual"], 2, "--world"),
                 (["--forwarding", "f"], 2, "only --platform linux forwards"),
                 (["--run-dir", file], 1, file + ": Not a directory"),
-                (["--run-dir", run_dir + "/no/where"], 1, "No such file or directory"),
                 (["--run-dir", f"{run_dir}/{'x' * 90}"], 1, "107 bytes"),
+                (["--run-dir", run_dir, "--config", run_dir + "/none"], 1, "No such file"),
                 (["--run-dir", f"{run_dir}/new", "--config", file], 1, file + ": line 3"),
                 (["--run-dir", run_dir, "--config", run_dir], 1, run_dir + ": Is a directory")):
             done = self.run_to_end("nav-agent", *arguments)

@@ -10,6 +10,8 @@ import time
 import unittest
 
 build, source = (os.path.abspath(argument) for argument in sys.argv[1:3])
+# In front of a command: ends it with the test, however that ends.
+tied = ["setpriv", "--pdeathsig", "KILL"]
 programs = {"nav-agent": f"{build}/agent/host/nav-agent", "navctl": f"{build}/navctl/navctl",
             "nav-forwarder": f"{build}/forwarder/nav-forwarder"}
 branch = [f"--config={source}/examples/branch/branch.json",
@@ -39,8 +41,9 @@ class Products(unittest.TestCase):
 
     def start(self, run_dir, program, *arguments, under=(), **options):
         with open(f"{run_dir}/errors", "w", encoding="utf-8") as errors:
-            process = subprocess.Popen([*under, programs[program], "--run-dir", run_dir, *arguments],
-                                       stderr=errors, text=True, cwd=source, **options)
+            process = subprocess.Popen(
+                [*tied, *under, programs[program], "--run-dir", run_dir, *arguments], stderr=errors,
+                text=True, cwd=source, **options)
         self.processes.callback(process.communicate)
         self.processes.callback(process.terminate)
         return process

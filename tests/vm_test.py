@@ -82,17 +82,6 @@ class VmTest(Products):
         await_("the path of the link that is down has gone", lambda: "wan2" not in self.states())
         self.await_states(wan1="Estab")
 
-    def test_two_vrfs_with_one_table(self):
-        ip("link add red type vrf table 10\nlink set red up")
-        agent = self.start_agent()
-        await_("red is there", lambda: self.vrf_ids() == {"default": 0, "red": 10})
-        ip("link add blue type vrf table 10\nlink set blue up")
-        await_("the second is there", lambda: self.vrf_ids() == {"default": 0, "red": 10, "blue": 0})
-        self.assertIn("blue has no id", self.navctl(self.directory, "trace").stdout)
-        ip("link del red")
-        await_("the second has the id", lambda: self.vrf_ids() == {"default": 0, "blue": 10})
-        self.assertEqual(self.stop(agent), 0)
-
     def test_a_port_enslaved_and_released(self):
         ip("link add red type vrf table 10\nlink set red up")
         self.port("wan1")

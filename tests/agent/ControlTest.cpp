@@ -61,11 +61,27 @@ TEST_F(ControlTest, OnlyAValidConfigurationIsWritten) {
              std::string("/forwardingConfig/vrf[v]: ") + Agent::notForwarding},
             {R"({"op":"load","forwarding":{}})",
              std::string("/forwardingConfig: ") + Agent::notForwarding},
-            {R"({"op":"set","path":"/cliConfig/udpPortConfig"})", "value: required"},
+            {R"({"op":"load","value":{"udpPortConfig":1,"nothing":1}})",
+             "/cliConfig/nothing: unknown attribute"},
             {R"({"op":"fly"})", "op: \"fly\" is unknown"}})
         EXPECT_EQ(ask(request), answer) << request;
     EXPECT_EQ(ask({{"op", "load"}, {"value", empty}}).substr(0, 4), "null");
     EXPECT_EQ(host.tree().get("/cliConfig"), empty);
+    EXPECT_EQ(ask({{"op", "show"}, {"command", "NAVPEERS"}}), R"("{ }")");
+    EXPECT_TRUE(host.inputs().navCliRequestDir->request().empty()) << "a request is left behind";
+}
+
+TEST(OwnershipTest, WhatTheServicesPublishBelongsToThem) {
+    Loom::MonotonicClock clock;
+    for (const char* platform : {"sim", "linux"}) {
+        const auto scheduler = Vel::make<Vel::Scheduler>(clock);
+        Agent::Host host(*scheduler, std::make_unique<Agent::Platform>(platform));
+        for (const Json& root : host.tree().rootNames()) {
+            const std::string path = "/" + root.get<std::string>();
+            if (path == "/cliConfig") continue;
+            EXPECT_THROW(host.tree().set(path, Json::object()), Agent::TreeError) << path;
+        }
+    }
 }
 
 struct ForwardingControlTest : ControlTest {

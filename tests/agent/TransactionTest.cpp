@@ -174,43 +174,30 @@ class Changes {
     Json addition() {
         const std::string g = "/pathGroupConfig[" + group() + "]",
                           q = "/policyConfig[" + policy() + "]",
-                          p = "/loadBalanceProfile[" + profile() + "]";
-        const auto set = [](const std::string& path, const Json& value) -> Json {
-            return {{"op", "set"}, {"path", "/cliConfig" + path}, {"value", value}};
-        };
-        switch (below(13)) {
-            case 0:
-                return set(g + "/remoteViaConfig", several(20, [this](Json& made) {
-                               made[site()] = {{"remoteVia", {destination(), destination()}}};
-                           }));
-            case 1:
-                return set(g + "/localIntf[" + intf() + "]", true);
-            case 2:
-                return set(g + "/ipsecProfile", oneIn(2) ? "" : one("psk", 2));
-            case 3:
-                return set(g + "/remoteViaConfig[" + site() + "]/remoteVia", {destination()});
-            case 4:
-                return set(q + "/appProfilePolicyRuleList",
-                           several(20, [this](Json& made) { made[ruleKey()] = rule(); }));
-            case 5:
-                return set(q + "/appProfilePolicyRuleList[" + ruleKey() + "]", rule());
-            case 6:
-                return set(q + "/defaultRuleCfgd", oneIn(2));
-            case 7:
-                return set(q + "/defaultLbGrpName", profile());
-            case 8:
-                return set(p, {{"latency", below(3)}, {"lossRate", below(101)}});
-            case 9:
-                return set(p + "/pathGroupPriority[" + group() + "]", below(3));
-            case 10:
-                return set("/navConfigured", !oneIn(10));
-            case 11:
-                return set("/vrfConfig", several(5, [this](Json& made) {
-                               made[vrfs[below(5)]]["policyName"] = policy();
-                           }));
-            default:
-                return set("/vrfConfig[" + vrfs[below(5)] + "]/policyName", policy());
-        }
+                          p = "/loadBalanceProfile[" + profile() + "]",
+                          rules = q + "/appProfilePolicyRuleList";
+        const auto sites = several(20, [this](Json& made) {
+            made[site()] = {{"remoteVia", {destination(), destination()}}};
+        });
+        const auto numbers = several(20, [this](Json& made) { made[ruleKey()] = rule(); });
+        const auto bindings =
+            several(5, [this](Json& made) { made[vrfs[below(5)]]["policyName"] = policy(); });
+        const std::pair<std::string, Json> all[] = {
+            {g + "/remoteViaConfig", sites},
+            {g + "/remoteViaConfig[" + site() + "]/remoteVia", Json::array({destination()})},
+            {g + "/localIntf[" + intf() + "]", true},
+            {g + "/ipsecProfile", oneIn(2) ? "" : one("psk", 2)},
+            {rules, numbers},
+            {rules + "[" + ruleKey() + "]", rule()},
+            {q + "/defaultRuleCfgd", oneIn(2)},
+            {q + "/defaultLbGrpName", profile()},
+            {p, {{"latency", below(3)}, {"lossRate", below(101)}}},
+            {p + "/pathGroupPriority[" + group() + "]", below(3)},
+            {"/navConfigured", !oneIn(10)},
+            {"/vrfConfig", bindings},
+            {"/vrfConfig[" + vrfs[below(5)] + "]/policyName", policy()}};
+        const auto& [path, value] = all[below(std::size(all))];
+        return {{"op", "set"}, {"path", "/cliConfig" + path}, {"value", value}};
     }
     Json removal() {
         const std::string g = "/pathGroupConfig[" + group(), q = "/policyConfig[" + policy(),

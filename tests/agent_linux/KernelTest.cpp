@@ -100,12 +100,13 @@ TEST_F(Kernel, RandomChangesLeaveWhatAFreshReadShows) {
             const std::string dev = pick("wa", "wc", "wd");
             const std::string add = pick("add ", "del ");
             const std::string host = std::to_string(random() % 4 + 1);
+            const std::string upDown = pick(" up", " down"),
+                              renamed = pick("wc name wz", "wz name wc"),
+                              pair = pick("link del x", "link add name x type veth peer name y");
             commands += pick("addr " + add + "10.1." + host + ".1/24 dev " + dev,
                              "addr " + add + "10.1.1." + host + "/24 dev " + dev,
                              "addr " + add + "2001:db8::" + host + "/64 dev " + dev,
-                             "link set " + dev + pick(" up", " down"),
-                             "link set " + pick("wc name wz", "wz name wc"),
-                             pick("link del x", "link add name x type veth peer name y"));
+                             "link set " + dev + upDown, "link set " + renamed, pair);
             commands += '\n';
         }
         ip(commands, ">/dev/null ");  // some of them are refused
@@ -116,19 +117,9 @@ TEST_F(Kernel, RandomChangesLeaveWhatAFreshReadShows) {
     }
     EXPECT_EQ(kernel.monitor.counters().overruns, 0U);
     EXPECT_GE(overrun.monitor.counters().overruns, 1U);
-}
-
-TEST_F(Kernel, OverrunDumpsOnceAndRecovers) {
-    Monitored kernel(1);  // the kernel makes that its smallest, good for a few messages
-    const auto refreshes = kernel.monitor.counters().refreshes;
-    std::string flood;
-    for (int i = 1; i < 200; ++i) flood += "addr add 10.2." + std::to_string(i) + ".1/24 dev wc\n";
-    ASSERT_TRUE(ip(flood + "addr del 192.0.2.1/24 dev wc\naddr del 203.0.113.1/24 dev wa\n"));
-    ASSERT_TRUE(kernel.await([&] { return kernel.primary("wc") == "10.2.1.1/24"; }));
-    EXPECT_EQ(kernel.primary("wa"), "0.0.0.0/0");
-    EXPECT_GE(kernel.monitor.counters().overruns, 1U);
-    EXPECT_EQ(kernel.monitor.counters().refreshes, refreshes + 1);
-    EXPECT_EQ(kernel.roundAfterRefresh, refreshes + 1) << "what changed meanwhile is not looked up";
+    EXPECT_TRUE(overrun.await([&] { return overrun.monitor.settled(); }));
+    EXPECT_EQ(overrun.roundAfterRefresh, overrun.monitor.counters().refreshes)
+        << "what changed during an overrun is not looked up";
 }
 
 TEST_F(Kernel, EveryKindOfChangeLeadsToLookups) {
@@ -210,8 +201,7 @@ TEST_F(Kernel, LookupsGoByInterfaceAndSource) {
            "route add default via 2001:db8:c::9 metric 200\n"
            "route add unreachable 10.4.0.0/16\nroute add unreachable 2001:db8:4::/48\n"));
     const char *const v4 = "10.1.0.1", *const v6 = "2001:db8:1::1";
-    expectRoutes(kernel, {{v4, "203.0.113.9 wa 1", "wa", "203.0.113.1"},
-                          {v4, "192.0.2.9 wc 1", "wc", "192.0.2.1"},
+    expectRoutes(kernel, {{v4, "192.0.2.9 wc 1", "wc", "192.0.2.1"},
                           {v6, "2001:db8:a::9 wa 1", "wa", "2001:db8:a::1"},
                           {v6, "2001:db8:c::9 wc 1", "wc", "2001:db8:c::1"},
                           {"10.4.0.1", "", "wc", "192.0.2.1"},
@@ -220,7 +210,6 @@ TEST_F(Kernel, LookupsGoByInterfaceAndSource) {
     ASSERT_TRUE(ip("route add default via 2001:db8:c::7 table 77\n"));
     ASSERT_TRUE(sh("ip -6 rule add from 2001:db8:c::1 table 77"));
     expectRoutes(kernel, {{v4, "192.0.2.7 wc 1", "wc", "192.0.2.1"},
-                          {v4, "192.0.2.9 wc 1", "wc"},
                           {v4, "203.0.113.9 wa 1", "wa", "203.0.113.1"},
                           {v6, "2001:db8:c::7 wc 1", "wc", "2001:db8:c::1"},
                           {v6, "2001:db8:a::9 wa 1", "wa", "2001:db8:a::1"},

@@ -4,10 +4,7 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "platform/loom/TaskScheduler.h"
 
@@ -117,7 +114,7 @@ TEST_F(Scheduler, HostIsWokenForWhatIsDueEarlier) {
         return woken > before;
     };
     clock.advance(1s);
-    EXPECT_TRUE(wakes([&] { a.timer.armIn(Loom::Duration::max()); }));
+    a.timer.armIn(Loom::Duration::max());
     EXPECT_EQ(scheduler->nextDeadline(), Instant::max());
     EXPECT_TRUE(wakes([&] { a.timer.armIn(10ms); }));
     EXPECT_FALSE(wakes([&] { b.timer.armIn(20ms); }));
@@ -151,9 +148,8 @@ TEST_F(Scheduler, TimersFireAsAPlainListSays) {
         const std::string name = std::to_string(index);
         auto& job = jobs[index];
         const unsigned choice = random() % 100;
-        if (choice < 80) {
+        if (choice < 80)
             std::erase_if(model, [&](const Expected& entry) { return entry.name == name; });
-        }
         if (choice < 5 || (choice < 80 && !job)) {
             job.reset();
             job = std::make_unique<Job>(*scheduler, log, name);

@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <ctime>
 #include <deque>
 #include <random>
 
@@ -86,12 +84,11 @@ TEST_F(Trace, LevelsAreKeptPerFacility) {
         return texts;
     };
     EXPECT_TRUE(Duolog::levelIs("*", 5));
-    EXPECT_EQ(trace(), (Texts{"red5 1"}));
     EXPECT_TRUE(Duolog::levelIs("blue", 6));
-    EXPECT_EQ(trace(), (Texts{"red5 2", "blue6 3"}));
+    EXPECT_EQ(trace(), (Texts{"red5 1", "blue6 2"}));
     EXPECT_TRUE(Duolog::levelIs("*", 4));
     EXPECT_EQ(trace(), (Texts{}));
-    EXPECT_EQ(evaluated, 3);
+    EXPECT_EQ(evaluated, 2);
     EXPECT_FALSE(Duolog::levelIs("green", 8));
     static Duolog::Facility late{"late"};  // as of a library loaded later
     EXPECT_EQ(late.level(), 4);
@@ -146,10 +143,11 @@ TEST_F(Trace, RingHoldsTheNewestRecords) {
     std::mt19937 random(seed);
     Duolog::captureIs(nullptr);
     std::deque<std::string> model;
-    size_t bytes = 0, codes = 0;
+    size_t bytes = 0, codes = 0, checks = 0;
     uint64_t dropped = Ringlog::state.dropped;
     for (int round = 0; round < 60000; ++round) {
-        const std::string text(random() % 100, static_cast<char>('a' + random() % 26));
+        const size_t length = random() % 100;
+        const std::string text(length, static_cast<char>('a' + random() % 26));
         const std::string number = std::to_string(round);
         switch (random() % 5) {
             case 0:
@@ -176,15 +174,16 @@ TEST_F(Trace, RingHoldsTheNewestRecords) {
                                                           : std::string("(unreadable)")));
         }
         bytes += model.back().size();
-        if (random() % 5000) continue;
+        // Until the ring has gone round, records of other tests are left in it.
+        if (random() % 1000 || bytes < Ringlog::capacity) continue;
         const size_t count = random() % 2 ? SIZE_MAX : random() % 1000;
         const auto lines = Ringlog::last(count);
         if (count < 1000) {
-            ASSERT_EQ(lines.size(), std::min(count, model.size()));
-        } else if (bytes > 4 * Ringlog::capacity) {
+            ASSERT_EQ(lines.size(), count);
+        } else {
             ASSERT_GT(lines.size(), Ringlog::capacity / 200);
         }
-        codes = 0;
+        codes = 0, ++checks;
         for (size_t i = 1; i <= std::min(lines.size(), model.size()); ++i) {
             ASSERT_EQ(messageOf(lines[lines.size() - i]), model[model.size() - i]);
             codes += model[model.size() - i].starts_with("blue:8");
@@ -192,85 +191,7 @@ TEST_F(Trace, RingHoldsTheNewestRecords) {
         ASSERT_EQ(Ringlog::state.dropped, dropped + codes);
         dropped = Ringlog::state.dropped;
     }
-}
-
-std::string timeOf(const std::string& line) {
-    return line.substr(0, line.find(' '));
-}
-
-// All records of an event have its time; outside of events each has its own.
-TEST_F(Trace, RecordsBearTheTimeOfTheirEvent) {
-    const auto wallTime = [] {
-        const time_t now = std::time(nullptr);
-        tm local;
-        localtime_r(&now, &local);
-        char text[40];
-        return std::string(text, std::strftime(text, sizeof text, "%FT%T", &local));
-    };
-    Texts shown;
-    Duolog::textSinkIs([&](const Ringlog::Line& record) { shown.push_back(record.line); });
-    static bool inEvent = false;
-    Ringlog::state.inEvent = [] { return inEvent; };
-    const std::string earlier = wallTime();
-    DUOLOG(red, 7, "before");
-    for (int event = 0; event < 2; ++event) {
-        inEvent = true;
-        Ringlog::newEvent();
-        DUOLOG_ENTRY(red);
-        const std::string first = timeOf(shown.back());
-        do DUOLOG(red, 7, "decided");
-        while (shown.size() < 5);  // long enough for the clock to move
-        EXPECT_EQ(timeOf(shown.back()), first);
-        inEvent = false;
-        Ringlog::newEvent();
-    }
-    const std::string event = timeOf(shown.back());
-    do DUOLOG(red, 3, "after");
-    while (timeOf(shown.back()) == event);
-    const auto byTime = [](const auto& a, const auto& b) { return timeOf(a) < timeOf(b); };
-    EXPECT_TRUE(std::is_sorted(shown.begin(), shown.end(), byTime));
-    EXPECT_LE(earlier, timeOf(shown.front()).substr(0, earlier.size()));
-    EXPECT_LE(timeOf(shown.back()).substr(0, earlier.size()), wallTime());
-    EXPECT_EQ(Ringlog::last(shown.size()), shown) << "the same whenever it is read";
-}
-
-std::string contentsOf(std::FILE* file) {
-    std::rewind(file);
-    std::string text(1 << 21, 0);
-    text.resize(std::fread(text.data(), 1, text.size(), file));
-    return text;
-}
-
-TEST_F(Trace, TextSinksFollowTheRing) {
-    Texts lines;
-    Duolog::textSinkIs([&](const Ringlog::Line& record) {
-        lines.emplace_back(record.text());
-        DUOLOG(blue, 1, "from the sink");
-        if (lines.size() == 1) throw 1;
-    });
-    const auto see = [&](int n) { DUOLOG(red, 7, "seen ", n); };
-    EXPECT_THROW(see(1), int);
-    see(2);
-    EXPECT_EQ(lines, (Texts{"seen 1", "seen 2"}));
-    EXPECT_EQ(texts, lines);
-    EXPECT_EQ(messageOf(Ringlog::last(1)[0]), "blue:1 operator(): from the sink");
-
-    std::FILE* const file = std::tmpfile();
-    Duolog::textSinkIs(fileno(file));
-    DUOLOG(red, 7, "to a file");
-    Duolog::textSinkIs(-1);
-    DUOLOG(red, 7, Sample::Code{200});
-    DUOLOG(red, 7, Sample::Code{100});
-    EXPECT_EQ(lines.size(), 2u);
-    EXPECT_NE(contentsOf(file).find("red:7 TestBody: to a file (TraceTest.cpp:"),
-              std::string::npos);
-
-    // The post-mortem: all of it, whatever it holds, and how much is missing.
-    Ringlog::dump(fileno(file));
-    const std::string all = contentsOf(file);
-    EXPECT_TRUE(all.find("seen 1 (") < all.find("TestBody: (unreadable) (TraceTest.cpp:")) << all;
-    EXPECT_TRUE(all.ends_with(" records were dropped\n"));
-    std::fclose(file);
+    EXPECT_GT(checks, 5u);
 }
 
 }  // namespace

@@ -48,17 +48,6 @@ class Attack : public testing::Test {
     const Vandal vandal_{space_.fileOf("map")};
 };
 
-TEST_F(Attack, WhatTakesTheNameBlocksNobody) {
-    for (uint64_t kind = 0; kind < Vandal::squats; ++kind) {
-        vandal_.squat(kind);
-        Kind::Reader reader(space_, "map");
-        EXPECT_EQ(reader.update(), MapState::refused) << kind;
-        const auto first = writer();
-        EXPECT_TRUE(reader.await(0ms));
-        EXPECT_EQ(reader.update(), MapState::mounting) << kind;
-    }
-}
-
 TEST_F(Attack, AReaderNamesWhatDoesNotFit) {
     const auto first = writer();
     PlainKind<7>::Reader other(space_, "map");
@@ -73,7 +62,13 @@ TEST_F(Attack, AWriterKeepsItsMapWhateverChildrenAndSignalsDo) {
     auto first = writer();
     EXPECT_EQ(inChild([&] { return first.reset(), 0; }), 0);
     EXPECT_TRUE(first->commit()) << "a child's exit took the map down";
-    EXPECT_THROW(writer(), Vel::Error) << "a second writer";
+    try {
+        writer();
+        ADD_FAILURE() << "a second writer";
+    } catch (const Vel::Error& error) {
+        const std::string process = "(process " + std::to_string(getpid()) + ")";
+        EXPECT_TRUE(std::string_view(error.what()).ends_with(process)) << error.what();
+    }
     EXPECT_EQ(inChild([&] {
                   kill(getpid(), SIGBUS);
                   vandal_.cut(100);
@@ -122,13 +117,12 @@ TEST_F(Attack, AnybodyWhoMayReadCan) {
                   return open(space_.fileOf("map").c_str(), O_RDWR) < 0 ? readsFirst(0ms) : 4;
               }),
               0);
-    EXPECT_EQ(inChild([&] {
-                  if (unshare(CLONE_NEWUSER) != 0) return 0;
-                  std::ofstream("/proc/self/uid_map") << "0 0 1" << std::flush;
-                  std::ofstream("/proc/sys/user/max_inotify_instances") << 0 << std::flush;
-                  return readsFirst(20000ms);
-              }),
-              0);
+    const int beyondLimit = inChild([&] {
+        if (unshare(CLONE_NEWUSER) != 0) return cannot;
+        std::ofstream("/proc/self/uid_map") << "0 0 1" << std::flush;
+        std::ofstream("/proc/sys/user/max_inotify_instances") << 0 << std::flush;
+        return readsFirst(20000ms);
+    });
     vandal_.keepName();
     first.reset();
     vandal_.restoreName();
@@ -137,6 +131,8 @@ TEST_F(Attack, AnybodyWhoMayReadCan) {
     lock.l_type = F_RDLCK;
     ASSERT_EQ(fcntl(fd.get(), F_OFD_SETLK, &lock), 0);
     EXPECT_NO_THROW(writer()) << "a reader's lock";
+    if (beyondLimit == cannot) GTEST_SKIP() << "no user namespace, whose limit could be lowered";
+    EXPECT_EQ(beyondLimit, 0);
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 //
 //     shard_kills [KILLS [WRITER [READER]]]
 //
-// WRITER and READER are shell commands that run this program, perhaps as built for another processor;
-// unless given, this program itself, whatever its path contains.
+// WRITER and READER are shell commands that run this program, perhaps as built for another
+// processor; unless given, this program itself, whatever its path contains.
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
@@ -117,8 +117,11 @@ void race() {
         follow<Kind>(reader, journal);
     };
     const std::jthread one(reading), two(reading);
+    struct Stop {
+        Journal& journal;
+        ~Stop() { journal.stop = 1; }
+    } const stop{journal};  // also when the writer fails
     work<Kind>(writer, journal, 50000);
-    journal.stop = 1;
 }
 
 pid_t start(const std::string& command, const char* role, const std::string& directory) {

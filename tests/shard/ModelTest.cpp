@@ -23,7 +23,7 @@ constexpr uint32_t sites = 25, vrfs = 4, capacity = 64;
 
 struct Plain : Map<Key, Checked<13>> {
     static constexpr uint64_t listBytes = 0;
-    static Value value(Random& random) { return Value::of(random(), random()); }
+    static Value value(Random& random) { return Value::any(random); }
 };
 
 // The heap is so small that lists run out of room, and room must be found between them.
@@ -31,7 +31,7 @@ struct Lists : ListMap<Key, Record, 512> {
     static constexpr uint64_t listBytes = 500 * sizeof(Record);
     static Value value(Random& random) {
         Value list(below(random, below(random, 3) ? 60 : 513));
-        for (auto& record : list) record = Record::of(random(), random());
+        for (auto& record : list) record = Record::any(random);
         return list;
     }
 };

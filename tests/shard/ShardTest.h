@@ -35,6 +35,10 @@ struct Checked {
         for (size_t i = 1; i < words; ++i) value.word[i] = (version + i) * 0x9e3779b97f4a7c15 ^ key;
         return value;
     }
+    static Checked any(Random& random) {
+        const uint64_t key = random();
+        return of(key, random());
+    }
     bool operator==(const Checked&) const = default;
 };
 using Record = Checked<6>;

@@ -18,13 +18,10 @@ TEST_F(RouterTest, PathsComeUpAndFollowTheirLink) {
     Duolog::levelIs("sim", 5);
     startRouter(history);
 
-    EXPECT_EQ(internet(), "Ipsec Pending");
-    EXPECT_EQ(mpls(), "Arp Pending");
     run(49ms);
     EXPECT_EQ(mpls(), "Arp Pending") << "neighbour and hardware take 50 ms";
     run(1ms);
-    EXPECT_EQ(mpls(), "Estab");
-    EXPECT_EQ(internet(), "Ipsec Pending");
+    EXPECT_EQ(internet() + ", " + mpls(), "Ipsec Pending, Estab");
     EXPECT_EQ(usable(), std::set{indexOf(mplsKey)});
     run(50ms);
     EXPECT_EQ(internet(), "Arp Pending") << "the handshake takes 100 ms";
@@ -38,8 +35,7 @@ TEST_F(RouterTest, PathsComeUpAndFollowTheirLink) {
     const U32 encapIdBefore = encapId();
 
     run(870ms);
-    EXPECT_EQ(internet(), "Route Pending") << "the link went down at 1000 ms";
-    EXPECT_EQ(mpls(), "Estab");
+    EXPECT_EQ(internet() + ", " + mpls(), "Route Pending, Estab") << "the link went down at 1 s";
     EXPECT_EQ(usable(), std::set{indexOf(mplsKey)});
     EXPECT_EQ(inHardware().size(), 1u);
     run(500ms);
@@ -55,34 +51,11 @@ TEST_F(RouterTest, PathsComeUpAndFollowTheirLink) {
         traffic + "Path" + std::to_string(indexOf(mplsKey)) + " (mpls, priority 2)";
     EXPECT_EQ(traces, (Texts{overMpls, overInternet, "link wan1 is down", overMpls,
                              "link wan1 is up", overInternet}));
-}
-
-TEST_F(RouterTest, OrderOfArrivalMakesNoDifference) {
-    for (const bool routerFirst : {true, false}) {
-        for (const bool lateVrf : {true, false}) {
-            start(false);
-            const World now = world(lateVrf ? R"({"vrfs": {"blue": {"id": 0}}})" : "{}");
-            if (routerFirst) startRouter({now, {}});
-            configure();
-            cli.navConfiguredIs(true);
-            if (!routerFirst) startRouter({now, {}});
-            run(200ms);
-            change("{}");
-            run(200ms);
-            EXPECT_EQ(internet() + ", " + mpls(), "Ipsec Estab, Estab");
-            EXPECT_EQ(usable(), (std::set{indexOf(internetKey), indexOf(mplsKey)}));
-            EXPECT_EQ(inHardware().size(), 2u);
-            root = nullptr;
-            EXPECT_TRUE(inHardware().empty()) << "left behind by the paths that are gone";
-            EXPECT_TRUE(in.ipsecPathStatusDir->ipsecPathStatus().empty());
-            run(0ms);
-            EXPECT_TRUE(in.forwardingStatus->fec().empty());
-            router.reset();
-            in.nexthopStatus->vrfDelAll();
-            in.ipStatusDir->ipIntfStatusDelAll();
-            in.routingHwRouteStatus->vrfStatusDelAll();
-        }
-    }
+    root = nullptr;
+    run(0ms);
+    EXPECT_TRUE(inHardware().empty() && in.ipsecPathStatusDir->ipsecPathStatus().empty() &&
+                in.forwardingStatus->fec().empty())
+        << "left behind by the paths that are gone";
 }
 
 // Taken together the changes are none, and nobody may be left behind by one of them.
@@ -157,7 +130,6 @@ TEST_F(RouterTest, PeersFailAndRekey) {
     EXPECT_EQ(usable(), std::set{indexOf(mplsKey)});
     EXPECT_EQ(encapId(), Nav::noEncapId);
     run(2s);
-    EXPECT_EQ(internet(), "Ipsec Pending");
     peer("");
     run(640ms);
     EXPECT_EQ(internet(), "Ipsec Estab") << "500 ms until it is tried again, 100 ms handshake";
@@ -167,12 +139,9 @@ TEST_F(RouterTest, PeersFailAndRekey) {
     // A silent peer is believed until the keys are too old; rekeying makes them new.
     peer(R"("lifetime": 300, "rekeyInterval": 200)");
     run(10s);
-    EXPECT_EQ(internet(), "Ipsec Estab");
     EXPECT_EQ(encapId(), second);
     peer(R"("lifetime": 300, "rekeyInterval": 200, "fault": "silent")");
-    run(99ms);
-    EXPECT_EQ(internet(), "Ipsec Estab");
-    run(201ms);
+    run(300ms);
     EXPECT_EQ(internet(), "Ipsec Pending");
     peer(R"("rekeyInterval": 1000, "rekeyGap": 50, "rekeyChangesEncapId": true)");
     run(900ms);
@@ -192,48 +161,6 @@ TEST_F(RouterTest, PeersFailAndRekey) {
     run(200ms);
     EXPECT_EQ(internet(), "Ipsec Estab");
     EXPECT_NE(encapId(), fourth);
-}
-
-// Without a root: the test asks for the addresses itself.
-TEST_F(RouterTest, RoutesGoByPrefixLinkAndVrf) {
-    auto& blue = in.nexthopConfig->vrfIs("blue");
-    for (const char* addr : {"198.51.100.2", "198.51.100.3", "192.0.2.77", "2001:db8::2"})
-        blue.nexthopIs(ip(addr));
-    in.nexthopConfig->vrfIs("default").nexthopIs(ip("198.51.100.2"));
-    in.nexthopConfig->vrfIs("unheard-of").nexthopIs(ip("198.51.100.2"));
-    startRouter();
-    EXPECT_EQ(in.nexthopStatus->vrf("unheard-of"), nullptr);
-    const auto hop = [&](const char* addr, const char* vrf = "blue") -> std::string {
-        const auto* result = in.nexthopStatus->vrf(vrf)->nexthop(ip(addr));
-        const auto* fec = result ? in.forwardingStatus->fec(result->fecId) : nullptr;
-        return fec ? fec->via(Shard::Fib::ViaIndex(0)).hop.stringValue() : "";
-    };
-    EXPECT_EQ(hop("198.51.100.2"), "192.0.2.254");
-    EXPECT_EQ(hop("198.51.100.2", "default"), "203.0.113.254");
-    EXPECT_EQ(hop("192.0.2.77"), "192.0.2.77")
-        << "a connected network goes before a shorter prefix";
-    EXPECT_EQ(in.forwarding6Status->fec().size(), 1u);
-
-    // One address moves to a longer prefix whose first via is down, then back when both are.
-    for (const bool up : {true, false}) {
-        change((R"({"interfaces": {"wan3": {"vrf": "blue", "up": false},
-                                   "wan4": {"vrf": "blue", "up": )" +
-                std::string(up ? "true" : "false") + R"(}},
-            "vrfs": {"blue": {"routes": {"198.51.100.3/32": [
-                {"gateway": "192.0.2.9", "interface": "wan3"},
-                {"gateway": "192.0.2.8", "interface": "wan4", "weight": 3}]}}}})")
-                   .c_str());
-        EXPECT_EQ(hop("198.51.100.3"), up ? "192.0.2.8" : "192.0.2.254");
-        EXPECT_EQ(hop("198.51.100.2"), "192.0.2.254");
-    }
-    change(R"({"vrfs": {"default": null, "blue": {"routes": null}}})");
-    EXPECT_EQ(hop("198.51.100.3"), "");
-    EXPECT_EQ(in.forwardingStatus->fec().size(), 1u) << "the connected one is left";
-    change(R"({"vrfs": null, "interfaces": null})");
-    EXPECT_EQ(in.nexthopStatus->vrf("blue"), nullptr);
-    EXPECT_EQ(in.routingHwRouteStatus->vrfStatus("blue"), nullptr);
-    EXPECT_TRUE(in.ipStatusDir->ipIntfStatus().empty());
-    EXPECT_TRUE(in.forwardingStatus->fec().empty() && in.forwarding6Status->fec().empty());
 }
 
 }  // namespace

@@ -1,0 +1,158 @@
+"""navctl against an agent whose services nobody plays: navctl_test.py BUILD_DIR SOURCE_DIR.
+
+What it prints, what reaches the agent, how it ends.
+"""
+import json
+import os
+import subprocess
+
+from products import Products, main, programs
+
+group = "/cliConfig/pathGroupConfig"
+
+
+class NavctlTest(Products):
+    def setUp(self):
+        super().setUp()
+        self.directory = self.run_dir()
+        self.process = self.agent(self.directory, "--platform", "manual")
+
+    def says(self, *arguments, status=0, out="", err="", **options):
+        done = self.navctl(self.directory, *arguments, **options)
+        self.assertEqual(done.returncode, status, (arguments, done.stderr))
+        self.assertIn(out, done.stdout, arguments)
+        self.assertIn(err, done.stderr, arguments)
+        return done.stdout
+
+    def file(self, name, text):
+        with open(f"{self.directory}/{name}", "w", encoding="utf-8") as file:
+            file.write(text)
+        return file.name
+
+    def test_exit_status_says_who_is_at_fault(self):
+        self.says("get", "/cliConfig/udpPortConfig", out="4793\n")
+        self.says("get", "/b", status=1, err="navctl: /b: not found\n")
+        self.says("--json", "get", "/b", status=1, err='{"ok":false,"error":"/b: not found"}\n')
+        for command in ("get", "watch", "--help"):
+            with open("/dev/full", "w", encoding="utf-8") as full:
+                done = subprocess.run([programs["navctl"], "--run-dir", self.directory, command,
+                                       "/cliConfig"], stdout=full, stderr=subprocess.PIPE, text=True,
+                                      timeout=60, check=False)
+            self.assertEqual(done.returncode, 1, command)
+            self.assertTrue(done.stderr.startswith("navctl: standard output: "), done.stderr)
+        for wrong in ((), ("get", "/a", "/b"), ("show", "sites", "--raw"), ("load", self.directory),
+                      ("trace", "--last", "many"), ("batch", "/none"), ("completion", "fish")):
+            self.assertEqual(self.says(*wrong, status=2), "", wrong)
+        self.says("show", "moon", status=2, err='unknown command "moon"; see navctl --help\n')
+        self.says("--fast", "--json", status=2, err='{"ok":false,"error":"unknown option \\"--fast\\""}')
+        os.chmod(self.directory, 0)
+        as_anybody = ["setpriv", "--bounding-set=-dac_override,-dac_read_search"]
+        done = subprocess.run([*(as_anybody if os.geteuid() == 0 else []), programs["navctl"],
+                               "--run-dir", self.directory, "ping"], capture_output=True, text=True,
+                              timeout=60, check=False)
+        os.chmod(self.directory, 0o700)
+        self.assertEqual(done.returncode, 4, done.stderr)
+        self.assertIn("permission denied: " + self.directory, done.stderr)
+        self.stop(self.process)
+        for request in (("get", "/a"), ("show", "paths"), ("batch", "-")):
+            self.says(*request, status=3, err="no agent at", input="")
+
+    def test_values_and_files_reach_the_agent_as_they_were_meant(self):
+        self.says("set", f"{group}[a]", '{"localIntf": ["w1"]}')
+        self.says("set", f"{group}[a]/ipsecProfile", "wan 1")
+        self.says("--json", "get", f"{group}[a]",
+                  out='"localIntf":["w1"],"remoteViaConfig":{},"ipsecProfile":"wan 1"')
+        self.says("set", "/cliConfig/udpPortConfig", "-5", status=1, err="0 to 65535, got -5")
+        warning = 'warning: VRF "v" names policy "p", which is not configured\n'
+        self.says("set", "/cliConfig/vrfConfig[v]", "{}")
+        good = self.file("good", '{"vrfConfig": {"v": {"policyName": "p"}}}')
+        bad = self.file("bad", '{\n"vrfConfig": {\n"v": {\n"policy": 1}}}')
+        reason = f"navctl: {bad}: line 4: /cliConfig/vrfConfig[v]/policy: unknown attribute\n"
+        self.says("load", bad, status=1, err=reason)
+        self.says("del", "/cliConfig/vrfConfig[v]")
+        self.says("load", good, err=warning)
+
+        # A file is replaced in place of a link's target, with its mode, or not at all.
+        os.chmod(self.file("target", "old"), 0o640)
+        os.symlink("target", f"{self.directory}/saved")
+        self.says("save", f"{self.directory}/saved")
+        self.assertTrue(os.path.islink(f"{self.directory}/saved"))
+        self.assertEqual(os.stat(f"{self.directory}/target").st_mode & 0o777, 0o640)
+        self.says("load", f"{self.directory}/saved", err=warning)
+        self.says("save", "/dev/full", status=2)
+        self.says("save", "/no/where", status=2, err="navctl: /no/where: No such file or directory\n")
+        self.stop(self.process)
+        self.says("check", good, err=warning)  # by itself
+        self.says("check", bad, status=1, err=reason)
+        self.says("check", "/none", status=2)
+
+    def test_keys_are_saved_for_their_owner_alone(self):
+        alone = ["unshare", "--user", "--map-root-user", "--net"]
+        if subprocess.run([*alone, "true"], check=False).returncode != 0:
+            self.skipTest("user namespaces are refused")
+        self.stop(self.process)
+        empty, key = self.file("empty", "{}"), self.file("key", '{"probe": {"key": "s3cret"}}')
+        self.agent(self.directory, "--platform", "linux", "--config", empty, "--forwarding", key,
+                   under=alone)
+        saved = self.file("saved", "old")
+        self.says("save", "--forwarding", saved)
+        self.assertEqual(os.stat(saved).st_mode & 0o777, 0o600)
+        with open(saved, encoding="utf-8") as file:
+            self.assertIn("s3cret", file.read())
+        self.says("load", empty, "--forwarding", saved)
+        self.assertNotIn("s3cret", self.says("save", "--forwarding", "-"))
+        for wrong in (("save", "--forwarding", "/dev/null"), ("save", "-", "--forwarding", "-"),
+                      ("load",)):
+            self.says(*wrong, status=2)
+        bound = self.file("bound", '{"application": {"x": {"match": {"1": {}}}}}')
+        self.says("check", empty, "--forwarding", bound,
+                  err='warning: application "x" is named by no policy\n')
+
+    def test_a_batch_goes_on_after_a_refusal_and_says_so_at_the_end(self):
+        port = '{"op":"get","path":"/cliConfig/udpPortConfig","id":2}'
+        self.says("batch", "-", input='{"op":"get","path":"/b","id":1}\n\n' + port, status=1,
+                  out='{"id":1,"ok":false,"error":"/b: not found"}\n{"id":2,"ok":true,"value":4793}\n')
+        self.says("batch", self.file("batch", port + "\n"))
+        self.says("batch", "-", input="x" * (2 << 20) + "\n", status=1)
+
+    def test_a_watch_says_when_it_fell_behind(self):
+        self.says("watch", "/b", status=1)
+        watch = self.start(self.directory, "navctl", "watch", "/cliConfig/pathGroupConfig[a]",
+                           stdout=subprocess.PIPE)
+        self.assertEqual(watch.stdout.readline(), "null\n")
+        sets = (json.dumps({"op": "set", "path": f"{group}[a]/ipsecProfile",
+                            "value": str(number) + "x" * 10000}) + "\n" for number in range(1000))
+        self.says("batch", "-", input="".join(sets))
+        events, _ = watch.communicate(timeout=60)
+        self.assertTrue(events.startswith('{"event":"set","path":"/cliConfig/pathGroupConfig[a]'))
+        self.assertTrue(events.endswith('\n{"event":"overrun"}\n'))
+        self.assertEqual(watch.returncode, 1)
+        self.assertIn("did not keep up", self.errors(self.directory))
+
+    def test_tables_of_what_services_publish(self):
+        for path, value in (
+                ("/ipsecPathStatusDir/ipsecPathStatus[::1,::2,v]", {"connectionState": 4}),
+                ("/nexthopConfig/vrf[v]/nexthop", ["::3"]),
+                ("/nexthopStatus/vrf[v]/nexthop[::3]", {"fecId": 1}),
+                ("/forwardingStatus/fec[1]", [{"hop": "10.0.0.4", "intfId": "w4"}]),
+                ("/forwarding6Status/fec[1]", [{"hop": "::6", "intfId": "w6"}])):
+            self.says("set", path, json.dumps(value))
+        self.assertIn("down", self.says("show", "ipsec").splitlines()[1])
+        self.assertEqual(self.says("show", "nexthops").split()[-5:], ["::3", "resolved", "1", "::6", "w6"])
+        self.assertEqual(self.says("show", "paths", "--raw"), "{ }")
+
+    def test_completion_knows_commands_paths_and_keys(self):
+        for name in ("internet", "inner", "mpls"):
+            self.says("set", f"{group}[{name}]/localIntf", f'["{len(name)}1", "{len(name)}2"]')
+        for words, expected in (
+                (["sh"], "show\n"), (["show", "paths", "--r"], "--raw\n--run-dir\n"),
+                (["get", "/cliConfig/p"], f"{group}\n/cliConfig/policyConfig\n"),
+                (["set", f"{group}[in"], f"{group}[inner]\n{group}[internet]\n"),
+                (["del", f"{group}[mpls]/localIntf["],
+                 f"{group}[mpls]/localIntf[41]\n{group}[mpls]/localIntf[42]\n"),
+                (["get", "/nowhere/"], ""), (["set", "/cliConfig", ""], "")):
+            self.assertEqual(self.says("__complete", "--", *words), expected, words)
+
+
+if __name__ == "__main__":
+    main()
