@@ -50,7 +50,11 @@ class ProductTest(Products):
         here, there = self.run_dir(), self.run_dir()
         agent, forwarder = self.agent(here, *branch), self.start(here, "nav-forwarder")
         row = await_("a path carries traffic", lambda: self.counters(here, "Path1"))[0]
-        self.assertGreater(row["packets"], 0)
+        self.assertGreater(row["bytes"], row["packets"])
+        row = await_("its rate is known", lambda: [
+            row for row in self.counters(here) if row["packets/s"] > 0])[0]
+        self.assertAlmostEqual(row["bits/s"] / row["packets/s"], 8 * row["bytes"] / row["packets"],
+                               delta=row["bytes"] / row["packets"])
         mine = tables_of(here)
         self.assertEqual(sorted(mine), ["shard.fib", "shard.fib6", "shard.lbProfileCounter"])
         self.agent(there, *branch)
@@ -78,7 +82,7 @@ class ProductTest(Products):
         self.assertEqual(self.navctl(here, "show", "counters").returncode, 3)
 
     def test_tables_show_what_the_tree_holds(self):
-        run_dir, long = self.run_dir(), "long" * 100  # makes answers of far more than 32 KiB
+        run_dir, long = self.run_dir(), "long" * 400  # makes answers of far more than 64 KiB
         with open(f"{source}/examples/branch/branch.json", encoding="utf-8") as file:
             config = json.loads(file.read().replace('"internet"', f'"{long}"'))
         config["pathGroupConfig"][long]["remoteViaConfig"]["10.255.9.9"] = {
