@@ -1,4 +1,4 @@
-// Marks what libNav.so offers to others; everything else stays hidden.
+// Marks what libNav.so exports; everything else is hidden.
 #pragma once
 
 #define NAV_EXPORT [[gnu::visibility("default")]]

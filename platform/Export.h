@@ -1,14 +1,14 @@
-// Marks what libVel.so offers to others; everything else stays hidden. The headers that matter all
-// include this one, so it also checks how the including file is compiled.
+// Marks what libVel.so exports; everything else is hidden. All headers that matter include this
+// one, so it also checks how the including file is compiled.
 #pragma once
 
 #define VEL_EXPORT [[gnu::visibility("default")]]
 
 static_assert(sizeof(void*) == 8, "the system is for 64-bit platforms only");
 
-// Inline code differs between builds with and without NDEBUG, so the libraries and what links to
-// them must agree on it. Every object file refers to the symbol of its kind of build; libVel.so
-// defines its own kind alone, and the linker refuses the other.
+// Inline code differs between builds with and without NDEBUG, so the libraries and the programs
+// linked to them must agree on it. Every object file refers to a symbol named after its kind of
+// build; libVel.so defines only that of its own kind, so the linker refuses a mixture.
 #ifdef NDEBUG
 #define VEL_BUILD_KIND builtWithNDEBUG
 #else

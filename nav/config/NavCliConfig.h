@@ -1,5 +1,5 @@
-// The configuration tree: what the operator wants. The front end writes it, every reactor only
-// reads it. No reactor depends on the order in which an unordered collection is walked.
+// The configuration tree. The front end writes it, the reactors only read it. No reactor depends on
+// the iteration order of an unordered collection.
 #pragma once
 
 #include "nav/config/NavConstants.h"
@@ -20,7 +20,7 @@ class NAV_EXPORT PathGroupConfig : public Vel::Entity {
     VEL_ATTRIBUTE(Vel::String, ipsecProfile, {})  // empty: the group's paths are not secured
 };
 
-// A rule's number is its precedence, lowest first.
+// A rule of a policy. Its key is its precedence, lowest first.
 class NAV_EXPORT AppProfilePolicyRuleConfig : public Vel::Entity {
     VEL_ENTITY(AppProfilePolicyRuleConfig, U32, ruleKey)
     VEL_ATTRIBUTE(U32, appProfileId, 0)
@@ -33,12 +33,12 @@ class NAV_EXPORT PolicyConfig : public Vel::Entity {
     VEL_ORDERED(U32, AppProfilePolicyRuleConfig, appProfilePolicyRuleList)
     VEL_ATTRIBUTE(bool, defaultRuleCfgd, false)
     VEL_ATTRIBUTE(Vel::String, defaultLbGrpName, {})
-    VEL_COUNTER(U32, configVersion, 0)  // raised when a change of the policy is finished
+    VEL_COUNTER(U32, configVersion, 0)  // raised when a change of the policy is complete
 };
 
 class NAV_EXPORT LoadBalanceProfile : public Vel::Entity {
     VEL_ENTITY(LoadBalanceProfile, Vel::String, profileName)
-    VEL_MAP(Vel::String, U32, pathGroupPriority)  // path group to priority, lower preferred
+    VEL_MAP(Vel::String, U32, pathGroupPriority)  // priority of each path group, lower is preferred
     VEL_ATTRIBUTE(U32, latency, NavConstants::defaultLatency)
     VEL_ATTRIBUTE(U32, jitter, NavConstants::defaultJitter)
     VEL_ATTRIBUTE(U32, lossRate, NavConstants::defaultLossRate)
@@ -51,7 +51,7 @@ class NAV_EXPORT VrfConfig : public Vel::Entity {
 
 class NAV_EXPORT NavCliConfig : public Vel::Entity {
     VEL_ENTITY(NavCliConfig, Vel::Name, name)
-    VEL_ATTRIBUTE(bool, navConfigured, false)  // the feature is switched on
+    VEL_ATTRIBUTE(bool, navConfigured, false)  // whether the feature is switched on
     VEL_ATTRIBUTE(U16, udpPortConfig, NavConstants::defaultUdpPort)
     VEL_COLLECTION(Vel::Name, PathGroupConfig, pathGroupConfig)
     VEL_COLLECTION(Vel::Name, PolicyConfig, policyConfig)

@@ -7,7 +7,7 @@ namespace Nav {
 
 struct NavConstants {
     static constexpr U16 defaultUdpPort = 4793;
-    // One less than all ones, so that the default rule orders after every rule of a user.
+    // One less than all ones, so that the default rule orders after every user rule.
     static constexpr U32 defaultRuleKey = 0xFFFFFFFE;
     static constexpr U32 defaultEncapId = noEncapId;
     static constexpr U32 defaultLatency = 0xFFFFFFFF;  // all ones: no constraint

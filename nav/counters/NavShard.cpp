@@ -127,7 +127,7 @@ std::optional<NavLbProfileCounterEntry> Vel::Codec<NavLbProfileCounterEntry>::pa
     throw Error("No String constructor for NavLbProfileCounterEntry - has collection");
 }
 
-// Of the path slots, those in use.
+// The used ones of the path slots.
 Vel::Datum Vel::Codec<NavLbProfileCounterEntry>::datum(const NavLbProfileCounterEntry& entry) {
     Datum::Members paths;
     for (const auto& path : entry.pathCounter)

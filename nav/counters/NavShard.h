@@ -1,7 +1,7 @@
 // Traffic counters per load-balance id, with a breakdown per member path, in a shared-memory table.
 //
-// The forwarding side writes them, anybody reads them without going through the agent; this
-// library only declares the table. NavCounters is the entity on either side: it becomes a writer or
+// The forwarding side writes them, and any process reads them without involving the agent; this
+// library only declares the table. NavCounters is the entity for both sides: it becomes a writer or
 // a reader when it is given a control, which mounts the table in the name space of an agent's run
 // directory. All counters start at 0. Bytes and packets only grow while an entry lives; throughput
 // is in bits per second.
@@ -27,7 +27,7 @@ struct NavLbProfileCounterKey {
 };
 VEL_VALUE(NavShard, NavLbProfileCounterKey, lbId)
 
-// The place of a member path: its path index, 0 to 128. Another value is refused with a range
+// The index of a member path's slot: its path index, 0 to 128. Any other value raises a range
 // error.
 struct NAV_EXPORT NavPathCounterIndex {
     static constexpr U32 min = 0;
@@ -64,7 +64,7 @@ struct NAV_EXPORT NavLbProfileCounterEntry {
     static constexpr U32 pathSlots = NavPathCounterIndex::max + 1;
 
     NavLbProfileCounterKey key;
-    Nav::LbProfileKey lbKeyInfo;  // what the id stands for
+    Nav::LbProfileKey lbKeyInfo;  // the key of the load-balance id
     U64 outBytes = 0;
     U64 outPkts = 0;
     double throughput = 0;
@@ -85,12 +85,13 @@ static_assert(sizeof(NavPathCounterEntry) == 40 &&
 using LbProfileCounterMap = Shard::Map<NavLbProfileCounterKey, NavLbProfileCounterEntry>;
 inline constexpr const char* lbProfileCounterName = "lbProfileCounter";
 
-// The mount of the table in this process: as its one writer, or as a reader.
+// The mount of the table in this process: as its only writer, or as a reader.
 class NAV_EXPORT LbProfileCounterControl : public Vel::Object {
   public:
-    // Creates the table or takes over what a writer left. Vel::Error while another writer lives.
+    // Creates the table or takes over the one that a dead writer left. Raises Vel::Error while
+    // another writer lives.
     static Vel::Ptr<LbProfileCounterControl> writer(const Shard::Namespace& space);
-    // A reader may come before the writer; it finds nothing until then.
+    // A reader may exist before the writer; until then lookups find nothing.
     static Vel::Ptr<LbProfileCounterControl> reader(const Shard::Namespace& space);
 
   private:
@@ -101,8 +102,8 @@ class NAV_EXPORT LbProfileCounterControl : public Vel::Object {
 
 class NAV_EXPORT NavCounters : public Vel::Entity {
     VEL_ENTITY(NavCounters, Vel::Name, name)
-    // Told to subscribers of this process: the key whose entry changed, that any may have, that the
-    // mount's state changed, that the writer has gone in order.
+    // Notifications for subscribers in this process: the entry of a key changed; any entry may have
+    // changed; the state of the mount changed; the writer has stopped in order.
     VEL_ORDINAL_(lbProfileCounter)
     static constexpr Vel::Attr<NavCounters, NavLbProfileCounterKey> lbProfileCounterAttr{
         velOrdinalOf_lbProfileCounter};
@@ -119,28 +120,28 @@ class NAV_EXPORT NavCounters : public Vel::Entity {
     void lbProfileCounterControlIs(Vel::Ptr<LbProfileCounterControl> control);
     LbProfileCounterControl* lbProfileCounterControl() const { return control_.get(); }
 
-    // The writer's side; Vel::Error without a writer's control, or when the table is full (1023
-    // ids). A written entry can be looked up at once; readers are told when it is committed.
+    // For the writer. Raises Vel::Error without a writer's control, or if the table is full (1023
+    // ids). A written entry can be looked up at once; readers are notified when it is committed.
     void lbProfileCounterIs(const NavLbProfileCounterEntry& entry);
     void lbProfileCounterDel(const NavLbProfileCounterKey& key);
     void lbProfileCounterDelAll();
-    // Commits that entry, or all that was written since the last commit. False when another process
-    // had cut, damaged or unlinked the table: it has been made anew and is empty; write every entry
-    // again and end with lbProfileCounterMounted.
+    // Commits that entry, or everything written since the last commit. False if another process has
+    // truncated, damaged or unlinked the table: a new, empty one has been created; write every
+    // entry again and end with lbProfileCounterMounted.
     bool lbProfileCounterCommit(const NavLbProfileCounterEntry& entry);
     bool lbProfileCounterCommit();
-    void lbProfileCounterMounted();  // the table holds all that it should
+    void lbProfileCounterMounted();  // tells readers that the table is complete
 
-    // Either side. False when there is none, or no table.
+    // For both sides. False if the entry or the table is not found.
     bool lbProfileCounter(const NavLbProfileCounterKey& key, NavLbProfileCounterEntry& entry) const;
 
-    // The reader's side. Readable when there is something to update; -1 without a reader's control.
+    // For the reader. Readable when there is something to update; -1 without a reader's control.
     int lbProfileCounterFd() const;
-    // Waits until it is readable. True unless the time ran out.
+    // Waits until the descriptor is readable. False if the time ran out.
     bool lbProfileCounterAwait(std::chrono::milliseconds timeout) const;
-    // Why the table that is there cannot be read; empty if it can.
+    // Why the existing table cannot be read; empty if it can.
     std::string lbProfileCounterRefusal() const;
-    // Takes in what happened since, and notifies subscribers of this process of it.
+    // Processes what happened since the last call, and notifies subscribers in this process.
     Shard::MapState lbProfileCounterUpdate();
     // Calls visit(entry) for each entry.
     template <class Visit>
@@ -168,7 +169,7 @@ NAV_EXPORT Vel::Ptr<NavCounters> navCountersFactory(const Vel::Name& name);
 
 }  // namespace NavShard
 
-// An entry holds a collection: it has a text and a form as data, and cannot be made from either.
+// An entry contains a collection: it has a text and a form as data, but cannot be made from either.
 template <>
 struct NAV_EXPORT Vel::Codec<NavShard::NavLbProfileCounterEntry> {
     static void text(std::string& out, const NavShard::NavLbProfileCounterEntry& entry);

@@ -1,8 +1,9 @@
 // The keys that have a load-balance id, by site, with the profiles on whose behalf they have it,
-// and which sites have vanished meanwhile. State without reactions.
+// and the sites that have vanished. State without reactions.
 //
 // A site vanishes when its last entry in the site group status is removed. Its keys keep their ids
-// for its return; when ids run out, the site that vanished longest ago gives up its keys first.
+// for its return; when ids run out, the keys of the site that vanished longest ago are released
+// first.
 #pragma once
 
 #include <map>
@@ -16,11 +17,11 @@ namespace Nav {
 
 class LbKeys {
   public:
-    // Adds the key, new or not, to the keys of one profile.
+    // Adds the key, whether it is new or not, to the key set of one profile.
     void add(const LbProfileKey& key, LbNameToLbKeySet& keySet);
-    // Removes the key from the keys of one profile.
+    // Removes the key from the key set of one profile.
     void leave(const LbProfileKey& key, LbNameToLbKeySet& keySet);
-    // Removes the key from all. Nothing happens if it was not added.
+    // Removes the key from all key sets. Does nothing if it was not added.
     void remove(const LbProfileKey& key);
 
     void siteGroupAdded(const Netz::IpGenAddr& site);
@@ -30,17 +31,17 @@ class LbKeys {
     // The keys of one application, and those of one site.
     std::vector<LbProfileKey> of(const VrfAppKey& app) const;
     std::vector<LbProfileKey> of(const Netz::IpGenAddr& site) const;
-    // A key of the site that vanished longest ago; nothing while no vanished site has a key.
+    // A key of the site that vanished longest ago; empty if no vanished site has a key.
     std::optional<LbProfileKey> longestVanished() const;
     void clear();
 
   private:
-    // The key sets that hold a key: these, each once, and no other of the path database.
+    // The key sets of the path database that hold a key, each once.
     using KeySets = std::vector<Vel::Ptr<LbNameToLbKeySet>>;
     struct Site {
         U32 siteGroups = 0;                 // its entries in the site group status
         std::map<VrfAppKey, KeySets> apps;  // its keys
-        U64 vanished = 0;                   // its number in vanished_; 0: it is not in there
+        U64 vanished = 0;                   // its number in vanished_; 0: not in vanished_
     };
     void vanishedDel(Site& site);
 

@@ -1,5 +1,5 @@
-// The rules of all bound VRFs by the application whose keys they make, in order of precedence.
-// Plain state: no reaction, nothing announced.
+// The rules of all bound VRFs by (VRF id, application), in order of precedence. State without
+// reactions or notifications.
 #pragma once
 
 #include <map>
@@ -22,7 +22,7 @@ class LbRules {
   public:
     using Rules = std::set<LbRule>;
 
-    // Enters a rule under the VRF's present id. A rule that is entered already keeps the id under
+    // Enters a rule under the VRF's present id. A rule that is already entered keeps the id under
     // which it was entered. Returns that id.
     U32 enter(const NavRuleEntry& entry, const L3::VrfName& vrf, U32 vrfId);
     void leave(const NavRuleEntry& entry, const L3::VrfName& vrf);
@@ -40,13 +40,13 @@ class LbRules {
         size_t operator()(const VrfAppKey& key) const { return Vel::Codec<VrfAppKey>::mix(key); }
     };
 
-    // Both hold the same rules: a rule stands in rulesOf_ under the id that vrfIds_ has for it.
-    // Neither holds an empty set or map.
+    // Both hold the same rules: a rule is in rulesOf_ under the id that vrfIds_ has for it. Neither
+    // holds an empty set or map.
     std::unordered_map<VrfAppKey, Rules, Hash> rulesOf_;
     std::unordered_map<L3::VrfName, std::map<NavRuleEntry, U32>> vrfIds_;
 };
 
-// The first rule by precedence that names the profile, null if none does.
+// The first rule by precedence that names the profile; null if none does.
 const LbRule* firstNaming(const LbRules::Rules& rules, const Vel::String& lbName);
 
 }  // namespace Nav

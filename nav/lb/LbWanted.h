@@ -1,8 +1,9 @@
-// What the rules want of one load-balance key, by the configuration and site groups as they are
-// now: which rule governs each path group of the site, and whose constraints the key takes.
+// Decides what the rules require of one load-balance key, by the configuration and site groups as
+// they are now: which rule governs each path group of the site, and which profile gives the
+// constraints.
 //
-// For each path group the first rule in order of precedence whose profile exists and lists the
-// group governs. The first rule that governs a group of which the site has an entry gives the
+// A path group is governed by the first rule in order of precedence whose profile exists and lists
+// the group. The first rule that governs a group of which the site has an entry gives the
 // constraints. A key without such a rule is not wanted.
 #pragma once
 
@@ -11,16 +12,16 @@
 
 namespace Nav {
 
-// A view that a decision is read from at once: valid until rules, profiles or site groups change.
+// A view for immediate use: valid until rules, profiles or site groups change.
 class LbWanted {
   public:
     LbWanted(const LbRules::Rules& rules, const NavCliConfig& cliConfig,
              const SiteGroupStatus& siteGroupStatus, const Netz::IpGenAddr& site)
         : rules_(rules), cliConfig_(cliConfig), siteGroupStatus_(siteGroupStatus), site_(site) {}
 
-    // The rule that governs the group, null if none does.
+    // The rule that governs the group; null if none does.
     const LbRule* governing(const Vel::String& pgName) const;
-    // The profile that gives the constraints, null if the key is not wanted.
+    // The profile that gives the constraints; null if the key is not wanted.
     const LoadBalanceProfile* constraints() const;
     // Whether a rule naming the profile governs a group of which the site has an entry.
     bool wantedBy(const Vel::String& lbName) const;

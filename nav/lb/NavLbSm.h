@@ -1,25 +1,26 @@
-// The load-balance profile reactor: a small id for every (site, application, VRF) that some rule
-// needs, with its member paths, their priorities, and a generation that grows with every change.
+// The load-balance profile reactor: allocates a small id for every (site, application, VRF) that
+// some rule needs, and publishes its member paths, their priorities, and a generation that is
+// raised with every change.
 //
 // For every rule of a bound VRF whose profile exists, and every site group whose path group that
 // profile lists, the key (site, the rule's application, the VRF's id) has an id, and the paths of
-// that site group are members with the group's priority in the profile. Where several rules share
-// an application id they share its keys; LbWanted.h says which of them decides what. A member is
-// removed when no rule governs its path group any more. The id is released when a rule or profile
-// is removed and no other rule governs a path group of the site. A VRF's rules are entered under
-// the id that the VRF has at that time, and removed under the same id.
+// that site group are members with the group's priority in the profile. Rules with the same
+// application id share its keys; LbWanted.h says which of them governs. A member is removed when no
+// rule governs its path group any more. The id is released when a rule or profile is removed and no
+// other rule governs a path group of the site. A VRF's rules are entered under the id that the VRF
+// has at that time, and removed under the same id.
 //
-// Ids are handed out in order of release, oldest first. A site whose last site group is removed
-// keeps its ids. When a rule needs an id and none is free, keys of vanished sites are released,
-// those of the site that vanished first before the others; if there are none, all keys that no rule
-// wants any more although their site has not vanished. If there are none either, the process stops.
+// Ids are allocated in the order of release, oldest first. A site whose last site group is removed
+// keeps its ids. When a rule needs an id and none is free, the keys of vanished sites are released,
+// in the order in which the sites vanished; if there are none, all keys that no rule wants any more
+// although their site has not vanished. If there are none either, the process stops.
 //
-// Changes from inside a notification: a subscriber may change any input while this reactor
-// publishes. The reaction to that change runs first and to its end. Every reaction is counted, and
-// a step that finds the count moved after it has announced something looks at the inputs again
-// before it goes on. Each reaction announces a generation once, however often it looks again.
+// Nested changes: a subscriber may change any input while this reactor publishes. The reaction to
+// that change runs first and to its end. Every reaction is counted, and a step that finds the count
+// changed after a notification reads the inputs again before it continues. Each reaction raises a
+// generation once, however often it reads the inputs.
 //
-// The container owns the one instance. doCleanup() removes everything published.
+// Owned by the container, which has one. doCleanup() removes everything published.
 #pragma once
 
 #include <set>
@@ -44,7 +45,7 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
         Vel::Input<NavCliConfig> cliConfig;           // read
         Vel::Input<NavDb> navDb;
         Vel::Input<LbProfileStatus> lbProfileStatus;
-        U16 maxLbIndex = 0;  // the highest id handed out
+        U16 maxLbIndex = 0;  // the highest id allocated
     };
 
     explicit LbProfileSm(const Inputs& inputs);
@@ -55,31 +56,31 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
 
     bool initialized() const { return initialized_; }
 
-    // The primitives on one key. Those that need a status entry or the profile's priorities stop
-    // the process when it is missing.
+    // The primitives on one key. A primitive whose status entry or profile is missing stops the
+    // process.
 
-    // Makes sure that the key has an id, if the profile exists, and copies the constraints.
-    // REQUIRES: an id is free or the key has one.
+    // Ensures that the key has an id, if the profile exists, and copies the constraints. REQUIRES:
+    // an id is free or the key has one.
     void createLbIdStatus(const LbProfileKey& key, const Vel::String& lbName);
-    // Releases the id and removes the entry. The key leaves the keys of every profile.
+    // Releases the id and removes the entry. The key leaves the key set of every profile.
     void deleteLbIdStatus(const LbProfileKey& key, const Vel::String& lbName);
     void addLbIdPath(const LbProfileKey& key, const Vel::String& lbName, const Vel::String& pgName,
                      U32 pathIndex);
     void deleteLbIdPath(const LbProfileKey& key, U32 pathIndex);
     void updateLbIdGenId(const LbProfileKey& key, const Vel::String& lbName);
-    // Adds or removes one path and advances the generation, whether that changed anything or not.
-    // A removal allocates no id. Returns false when another reaction ran before the generation was
-    // advanced: decide again.
+    // Adds or removes one path and raises the generation, whether that changed anything or not. A
+    // removal allocates no id. Returns false if another reaction ran before the generation was
+    // raised: decide again.
     bool updateLbIdPath(const LbProfileKey& key, const Vel::String& lbName,
                         const Vel::String& pgName, U32 pathIndex, bool remove);
 
-    // The id that has been free longest, 0 when none is free.
+    // Removes and returns the id that has been free longest; 0 if none is free.
     U16 freeLbIdDeq() { return freeLbId_.deq(); }
     // REQUIRES: id was taken with freeLbIdDeq() and not returned since.
     void freeLbIdEnq(U16 id) { freeLbId_.enq(id); }
     bool freeLbIds() const { return !freeLbId_.empty(); }
 
-    // Brings the keys of one rule of one VRF in line with the site groups and profiles.
+    // Makes the keys of one rule of one VRF agree with the site groups and profiles.
     void handleNavRuleEntry(const NavRuleEntry& entry, const L3::VrfName& vrf, U32 vrfId);
     // The same for every rule, in every VRF, that uses the profile.
     void handleLbNavRuleEntries(const Vel::String& lbName);
@@ -105,7 +106,7 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     void leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf);
     void releaseUnwanted(const VrfAppKey& app, const Vel::String& lbName);
 
-    // Steps. They return false when another reaction ran before they were done: decide again.
+    // Steps. They return false if another reaction ran before they were done: decide again.
     bool applyRule(const NavRuleEntry& entry, bool removed, const VrfAppKey& app,
                    const SiteGroupStatusEntry& siteGroup);
     bool addSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
@@ -122,11 +123,11 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     void profileDeleted(const Vel::String& lbName);
 
     Inputs in_;
-    bool initialized_ = false;  // false again once cleaned up
-    FreeIdQueue freeLbId_;      // every id that no status entry has
-    LbRules rules_;             // every rule in the rule statuses
-    LbKeys keys_;               // every key that has a status entry
-    U64 reactions_ = 0;         // how many reactions have begun
+    bool initialized_ = false;  // from handleInitialized() to doCleanup()
+    FreeIdQueue freeLbId_;      // the ids that no status entry has
+    LbRules rules_;             // the rules in the rule statuses
+    LbKeys keys_;               // the keys that have a status entry
+    U64 reactions_ = 0;         // number of reactions begun
 
     Vel::EntryReactorsOf<VelNavRuleStatus, decltype(NavStatusDir::navRuleStatusAttr)>
         navRuleStatus_;

@@ -2,20 +2,19 @@
 //
 // The paths of a group are the cross product of the primary addresses of its local interfaces and
 // the destination addresses of its remote sites, each in the VRF of the interface. An interface is
-// a WAN interface while some group lists it. A new path takes the index that has been free longest
-// and keeps it for its lifetime; an index is either free or used by exactly one path.
+// a WAN interface while a group lists it. A new path takes the index that has been free longest and
+// keeps it for its lifetime; an index is either free or used by exactly one path.
 //
 // - Several sites, groups or interfaces may want the same path. Each has a claim on it, and the
-//   path belongs to the claim that was made last. Withdrawing another claim changes nothing; when
-//   the owner's claim is withdrawn, the path passes to the claim made before it and keeps its
-//   index.
-// - A path is removed by the claims that were made on it, whatever configuration and interfaces
-//   say by then. A claim is made or kept only while both still justify it.
+//   newest claim owns the path. Withdrawing another claim changes nothing; when the owner's claim
+//   is withdrawn, the path passes to the claim made before it and keeps its index.
+// - A path is removed according to the claims made on it, independent of the configuration and the
+//   interfaces at that time. A claim is made or kept only while both justify it.
 // - A removed path leaves the database first, then the configuration, whose removal makes path
-//   resolution withdraw what it derived. Where no reactor resolves the path's VRF, construction
-//   does that itself. Its index is free only afterwards.
+//   resolution withdraw what it derived. If no reactor resolves the path's VRF, construction
+//   withdraws that itself. The index is free only afterwards.
 // - Every write to a published directory may call subscribers that change the inputs. After each
-//   one the reactor looks again whether it is still the newest publication of the path.
+//   write the reactor checks whether its publication of the path is still the newest.
 //
 // Owned by the container for as long as the feature is configured. It owns one reactor per path
 // group and one per interface with IP status. handleInitialized() empties the directories of paths
@@ -50,7 +49,7 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
         Vel::Input<NavStatusDir> navStatusDir;                            // written
         Vel::Input<Routing::NexthopConfig> nexthopConfig;  // an entry per VRF of a WAN interface
         Vel::Input<Routing::NexthopStatus> nexthopStatus;  // read: which VRFs are resolved
-        U32 maxPathIndex = 0;                              // the highest index handed out
+        U32 maxPathIndex = 0;                              // the highest index allocated
         Vel::Input<NavDb> navDb;                           // written
     };
 
@@ -64,8 +63,9 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     void handlePathGroup();
     void handlePathGroup(const Vel::Name& pgName);
     // Moves the paths of an interface to its current address and VRF: removes those from any other
-    // source, then creates those from this one. `addr` is zero when the interface has no address
-    // or left the group. With `only`, for that group; else for every group listing the interface.
+    // source, then creates those from the current one. `addr` is zero if the interface has no
+    // address or left the group. With `only`, for that group; otherwise for every group that lists
+    // the interface.
     void handleIntfPrimaryAddr(const Netz::IntfId& intf, const Netz::IpGenAddr& addr,
                                const Netz::IpGenAddr& prevAddr, NavPathGroupSm* only = nullptr);
     // The IP status of an interface was removed; `addr` was its last address.
@@ -77,7 +77,8 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     void createPathsForIntf(const Netz::IntfId& intf, const Netz::IpGenAddr& viaAddr,
                             const Vel::String& pgName);
     // Creates the path of one interface to one destination. Does nothing while the interface has no
-    // address or its VRF no id, or when the configuration does not list interface or destination.
+    // address or its VRF no id, or if the configuration does not list the interface or the
+    // destination.
     void createPath(const Netz::IntfId& intf, const Netz::IpGenAddr& viaAddr,
                     const Netz::IpGenAddr& dst, NavPathGroupSm& group);
     // Makes a claim of the site on a path over the interface, which then owns the path.
@@ -89,13 +90,13 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     // Withdraws the claims of a group on a path that are not justified any more.
     void removeStalePath(const PathKey& pathKey, NavPathGroupSm& group);
 
-    // The address of an interface; zero, with a trace, while it has none.
+    // The address of an interface; zero, with a trace, if it has none.
     Netz::IpGenAddr getSrcIntfIp(const Netz::IntfId& intf) const;
     // The VRF id of an interface; 0 without IP status or while the id is not known. Records the
     // VRF's name and id in the database.
     U32 getSrcIntfVrfId(const Netz::IntfId& intf);
 
-    // Adds a group to those listing an interface, and removes it. The last one added is the
+    // Adds a group to those that list an interface, or removes it. The newest group is the
     // interface's group; null for an interface that is not a WAN interface.
     void intfToPgNameIs(const Netz::IntfId& intf, const Vel::String& pgName);
     void intfToPgNameDel(const Netz::IntfId& intf, const Vel::String& pgName);
@@ -125,8 +126,9 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     };
     struct Path {
         U16 index = 0;
-        U32 publication = 0;            // number of the newest publication, unique over all paths
-        std::vector<PathClaim> claims;  // in the order they were made, never empty; the last owns
+        U32 publication = 0;  // number of the newest publication, unique over all paths
+        std::vector<PathClaim>
+            claims;  // in the order they were made, never empty; the last one owns
     };
     struct PathKeyHash {
         size_t operator()(const PathKey& key) const { return Vel::Codec<PathKey>::mix(key); }
@@ -160,14 +162,14 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     Inputs in_;
     bool initialized_ = false;  // from handleInitialized() on; no path is made before
     bool ended_ = false;        // from doCleanup() on; no path is made after
-    FreeIdQueue freePathId_;    // the indices that no path in paths_ uses
-    U32 publications_ = 0;      // begun, and deletions
+    FreeIdQueue freePathId_;    // exactly the indices that no path in paths_ uses
+    U32 publications_ = 0;      // number of publications and deletions begun
     std::unordered_map<PathKey, Path, PathKeyHash> paths_;
-    // The groups listing each interface, in the order they were added, never empty.
+    // The groups that list each interface, in the order they were added, never empty.
     std::unordered_map<Netz::IntfId, std::vector<Vel::String>> intfToPgName_;
     // How many groups configure each site, never 0.
     std::unordered_map<Netz::IpGenAddr, U32> remoteSiteUsers_;
-    // The interfaces whose source is in each VRF, never empty.
+    // The interfaces in each VRF, never empty.
     std::unordered_map<L3::VrfName, std::set<Netz::IntfId>> vrfToIntf_;
     Vel::ReactorMap<Vel::String, NavPathGroupSm> navPathGroupSm_;
     Vel::Subscription pathGroupConfig_;

@@ -1,4 +1,4 @@
-// Keeps the paths of one path group in step with its configuration: its local interfaces, its
+// Maintains the paths of one path group according to its configuration: its local interfaces, its
 // remote sites with their destination addresses, and its IPsec profile.
 //
 // One per configured path group, owned by the directory reactor, through which it adds and removes
@@ -32,8 +32,8 @@ class NAV_EXPORT NavPathGroupSm final : public Vel::Reactor {
 
     // An interface was added to the group or removed from it.
     void handleLocalIntf(const Netz::IntfId& intf);
-    // The profile changed. A new one applies to all paths of the group and creates the missing
-    // ones again; an empty one deletes them.
+    // The profile changed. A new one is applied to all paths of the group, and missing paths are
+    // created again; an empty one deletes them.
     void handleIpsecConfig();
     // Adds or removes the paths of every local interface to one destination of one site.
     void handleRemoteVia(const Netz::IpGenAddr& viaAddr, const Netz::IpGenAddr& remoteVia,
@@ -43,13 +43,13 @@ class NAV_EXPORT NavPathGroupSm final : public Vel::Reactor {
 
     // Creates the paths of one interface to every site.
     void createPaths(const Netz::IntfId& intf);
-    // Removes the paths that the configuration or the interfaces do not justify any more; all of
-    // them once the group has been removed.
+    // Removes the paths that the configuration or the interfaces do not justify any more; all paths
+    // once the group has been removed.
     void removeStalePaths();
     // The group was removed from the configuration: from now on nothing is justified.
     void removedIs() { removed_ = true; }
     bool removed() const { return removed_; }
-    // The group made its first claim on a path, and lost its last.
+    // The group made its first claim on a path, or lost its last one.
     void claimedAdd(const PathKey& pathKey) { claimed_.insert(pathKey); }
     void claimedDel(const PathKey& pathKey) { claimed_.take(pathKey); }
     const auto& claimed() const { return claimed_; }

@@ -1,7 +1,7 @@
 // Path resolution of all VRFs: keeps a per-VRF reactor for each VRF that has next-hop status, and
 // writes the state of IPsec connections and of hardware programming into the status of the paths,
-// also in VRFs without such a reactor. A path is in the VRF that its key info names, even while
-// several VRFs report its VRF id.
+// also in VRFs without such a reactor. The VRF of a path is the one that its key info names, even
+// if several VRFs report its VRF id.
 //
 // Owned by the container.
 #pragma once
@@ -37,8 +37,8 @@ class NAV_EXPORT NavPathResolutionDirSm final : public Vel::Reactor {
 
     // A VRF's next-hop status was added or removed.
     void handleNexthopVrfStatus(const L3::VrfName& vrfName);
-    // Called when resolution of a configured path begins: applies the IPsec status and the hardware
-    // entry that are present already.
+    // Called when the resolution of a configured path begins: applies the IPsec status and the
+    // hardware entry that already exist.
     void handlePathConfigured(const PathKey& pathKey, const Ipsec::ConnectionKey& connection);
     // Writes whether a path is programmed. Does nothing for a path without key info or status.
     void updatePathStatus(const PathKey& pathKey, bool programmed);

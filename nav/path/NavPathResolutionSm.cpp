@@ -45,7 +45,7 @@ class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
     const Inputs& in_;
     const Vel::Ptr<PathConfigEntry> entry_;
     const Ipsec::ConnectionKey connection_;
-    U32 profileRuns_ = 0;  // how often the profile was applied, to notice nested changes
+    U32 profileRuns_ = 0;  // number of times the profile was applied, to detect nested changes
     IntfId intfHere_;      // of the source address, if the database names another VRF's interface
     Vel::Subscription ipsecProfile_;
 };
@@ -76,7 +76,7 @@ class NavPathResolutionSm::VelPathStatusEntry final : public Vel::Object {
     Vel::Subscription programmed_;
 };
 
-// A path and what decides which vias it takes.
+// A path with the properties that decide which vias it takes.
 struct NavPathResolutionSm::Offer {
     PathStatusEntry& status;
     IntfId intf;
@@ -130,7 +130,7 @@ void NavPathResolutionSm::doCleanup() {
     nexthopBacklog_ = nullptr;
 }
 
-// Removes what was left behind while no reactor resolved the VRF.
+// Removes what remains from the time when no reactor resolved the VRF.
 void NavPathResolutionSm::sweepLeftovers() {
     for (PathStatusEntry& status : in_.pathStatus->pathStatusEntry())
         if (initialized_ && !isConfigured(status.key()) && !in_.navDb->pathKeyInfo(status.key()))
@@ -164,7 +164,7 @@ void NavPathResolutionSm::handlePathConfig(const PathKey& pathKey) {
         reviewPath(pathKey, addr);
     } else {
         requestNexthop(addr);
-        // A via recorded by an earlier reactor of the VRF is void without a result.
+        // A via recorded by an earlier reactor of the VRF is invalid without a result.
         const PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey);
         if (status && status->pathInfo().via != Via{}) updatePathVia(pathKey, Via{});
     }

@@ -1,16 +1,16 @@
-// Resolves the paths of one VRF into forwarding vias, which give each its type and state.
+// Resolves the paths of one VRF into forwarding vias, which determine the type and state of each.
 //
 // For every configured path the reactor requests the resolution of the path's destination, requests
 // an IPsec connection if the path has a profile, and writes the path's status from the vias of the
-// destination's FEC: the last one that leaves through the path's own interface counts. It keeps the
-// indices of programmed paths in their sites' status. When a path's configuration is removed, it
-// removes the path's status, key info and requests.
+// destination's FEC: the last via that leaves through the path's own interface is used. It
+// maintains the indices of programmed paths in the status of their sites. When a path's
+// configuration is removed, it removes the path's status, key info and requests.
 //
-// Owned by the directory reactor, which keeps one while the VRF has next-hop status. A reactor made
-// later removes what an earlier one left behind and reaches the state of one made at the start.
+// Owned by the directory reactor, which keeps one while the VRF has next-hop status. A reactor
+// created later removes what an earlier one left and reaches the state of one created at the start.
 // doCleanup() stops reacting, then withdraws the requests; path status stays as it is.
 //
-// Every write may call subscribers that change the inputs. After each one the reactor looks again
+// Every write may call subscribers that change the inputs. After each write the reactor checks
 // whether the path is still configured and the reactor still in charge of the VRF.
 #pragma once
 

@@ -1,4 +1,4 @@
-// The type and state of a path as functions of what is known of it, and the path that an IPsec
+// The type and state of a path as functions of its properties, and the path that an IPsec
 // connection belongs to.
 #pragma once
 
@@ -11,7 +11,7 @@ inline PathType pathTypeOf(const Vel::String& ipsecProfile) {
     return ipsecProfile.empty() ? PathType::unsecuredPath : PathType::securedPath;
 }
 
-// A path is resolved when it has a via and, if it is secured, an encapsulation id.
+// A path is resolved if it has a via and, if it is secured, an encapsulation id.
 inline PathState pathStateOf(PathType type, U32 encapId, const Shard::Fib::Via& via) {
     const bool encapsulated = type == PathType::unsecuredPath || encapId != noEncapId;
     return encapsulated && via != Shard::Fib::Via{} ? PathState::resolved : PathState::unresolved;

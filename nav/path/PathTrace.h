@@ -8,7 +8,7 @@ namespace Nav {
 
 inline Duolog::Facility pathTrace{"path"};
 
-// An interface traced by its short name, which is made when the trace is read.
+// An interface traced by its short name. The text is made when the trace is read.
 struct ShortName {
     Netz::IntfId intf;
     std::string stringValue() const { return intf.shortName(); }

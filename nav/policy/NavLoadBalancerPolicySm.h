@@ -1,11 +1,11 @@
 // The reactor of one policy. When the policy's `configVersion` changes it programs the
-// classification module with the policy's application profiles, each rule's key as its priority,
-// and has the load balancer reactor, its owner, reconcile every VRF bound to the policy.
+// classification module with the policy's application profiles, with each rule's key as priority,
+// and makes the load balancer reactor, its owner, reconcile every VRF bound to the policy.
 //
-// A version is programmed as the rules stand when it is raised. A subscriber may raise the version
-// again meanwhile, which programs the newer rules, or delete the policy, whereupon the owner
-// removes what was programmed and drops this reactor. Either way the older version stops where it
-// stands.
+// A version is programmed with the rules at the time when it is raised. If a subscriber raises the
+// version again meanwhile, the newer rules are programmed; if it deletes the policy, the owner
+// removes what was programmed and releases this reactor. In both cases programming the older
+// version stops where it is.
 #pragma once
 
 #include <vector>
@@ -54,7 +54,7 @@ class NAV_EXPORT NavLoadBalancerPolicySm final : public Vel::Reactor {
 
     Inputs in_;
     bool initialized_ = false;
-    U64 versions_ = 0;  // how many versions were begun to be programmed
+    U64 versions_ = 0;  // number of versions whose programming has begun
     Vel::Subscription configVersion_;
 };
 VEL_INPUTS(NavLoadBalancerPolicySm::Inputs, name, policyEntry, policyToVrf, navStatusDir, navLbSm,

@@ -1,18 +1,18 @@
-// The load balancer reactor: which VRF is bound to which policy, and what follows from it.
+// The load balancer reactor: binds VRFs to policies and publishes what follows from the bindings.
 //
 // A VRF is bound while its binding exists and names a policy, that policy exists, and the VRF's id
-// is known (0 is an id for the VRF "default" only). For each bound VRF the reactor keeps its rule
-// status (from which load-balance ids are allocated), the printable (VRF, application) names, the
-// policy's list of VRFs, and the policy that the classification module applies to the VRF.
+// is known (0 is a valid id only for the VRF "default"). For each bound VRF the reactor maintains
+// its rule status (from which load-balance ids are allocated), the printable (VRF, application)
+// names, the policy's list of VRFs, and the policy that the classification module applies to the
+// VRF.
 //
-// The container owns the one instance. It owns a policy reactor per configured policy, which calls
-// back `handleNavPolicyConfigVersion` for each VRF bound to the policy when a change of the policy
+// Owned by the container, which has one. It owns one policy reactor per configured policy, which
+// calls `handleNavPolicyConfigVersion` for each VRF bound to the policy when a change of the policy
 // is complete. doCleanup() removes everything published.
 //
-// Changes from inside a notification: a subscriber may change any input while this reactor
-// publishes. The reaction to that change runs first and to its end. A handler that has announced
-// something therefore looks again whether the VRF is still to be bound as it was deciding, and
-// stops if a newer reaction has decided otherwise.
+// Nested changes: a subscriber may change any input while this reactor publishes. The reaction to
+// that change runs first and to its end. A handler therefore checks after each notification whether
+// the VRF is still to be bound as it decided, and stops if a newer reaction has decided otherwise.
 #pragma once
 
 #include <map>
@@ -47,11 +47,11 @@ class NAV_EXPORT NavLoadBalancerSm final : public Vel::Reactor {
     void doCleanup() override;
 
     bool initialized() const { return initialized_; }
-    // The accepted id of a VRF, null while it has none.
+    // The accepted id of a VRF; null if it has none.
     const U32* vrfNameToId(const L3::VrfName& vrf) const;
-    // The VRFs bound to a configured policy, null for any other name.
+    // The VRFs bound to a configured policy; null for any other name.
     PolicyToVrf* policyToVrf(const Vel::String& policyName) const;
-    // The reactor of a configured policy, null for any other name.
+    // The reactor of a configured policy; null for any other name.
     NavLoadBalancerPolicySm* policySm(const Vel::Name& policyName) const {
         return policySm_(policyName);
     }

@@ -1,7 +1,7 @@
-// The handler of show-command requests: picks the answer by the command's word.
+// The handler of show-command requests: selects the answer by the command word.
 //
-// Owned by the root, which it refers back to until the root lets it go; called by the reactor over
-// the request directory, once per request.
+// Owned by the root, to which it keeps a reference until the root releases it; called by the
+// reactor over the request directory, once per request.
 #pragma once
 
 #include "nav/Export.h"
@@ -19,8 +19,9 @@ class NAV_EXPORT CliCallback final : public Agent::AgentCommandCallback {
     const Vel::Name& name() const { return name_; }
     const Vel::String& commandType() const { return commandType_; }
 
-    // Writes one answer to the descriptor. Only the first eight characters of the command count;
-    // an unknown command gets no answer, one before the root is initialised a refusal.
+    // Writes one answer to the descriptor. Only the first eight characters of the command are
+    // compared. An unknown command gets no answer; before the root is initialised the answer says
+    // so.
     void handleCommand(Vel::U32 socket, const Vel::String& command) override;
     void navRootSmDel() { navRootSm_ = nullptr; }
 

@@ -14,7 +14,7 @@ void NavContainer::handleInitialized() {
         DUOLOG(rootTrace, 7, "handleInitialized", ":", "already initialized");
         return;
     }
-    // Whatever a subscriber called below does, nothing is created after doCleanup().
+    // A subscriber called below may cause doCleanup(); nothing is created after that.
     in_.ipsecPathConfigDir->ipsecPathConfigDelAll();
     if (ended_) return;
     navDb_ = Vel::make<NavDb>("NavDb");

@@ -1,13 +1,13 @@
 // The path database and the reactors, which exist while the feature is configured.
 //
-// Owned by the root, which creates one when the feature becomes configured and deletes it when it
-// is not configured any more. A new container discards the IPsec requests of an earlier one and
-// derives everything anew; doCleanup() withdraws all that was derived.
+// Owned by the root, which creates a container when the feature is configured and deletes it when
+// it is not configured any more. A new container discards the IPsec requests of an earlier one and
+// derives everything anew; doCleanup() withdraws everything derived.
 //
-// Order of creation: the database before any reactor, path construction before resolution, so that
-// the first resolution finds the paths, and the policy side before the load-balance profiles.
-// Path construction is deleted before resolution too, so that resolution withdraws what it derived
-// of each path.
+// Order of creation: the database before any reactor; path construction before resolution, so that
+// the first resolution finds the paths; the policy side before the load-balance profiles. Path
+// construction is also deleted before resolution, so that resolution withdraws what it derived from
+// each path.
 #pragma once
 
 #include "nav/lb/NavLbSm.h"

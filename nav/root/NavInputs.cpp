@@ -2,7 +2,7 @@
 
 namespace Nav {
 
-// An input is named as its attribute here: paths from outside begin with that name.
+// Each input has the name of its attribute here; the paths of the control socket begin with it.
 NavInputs makeNavInputs(Vel::Ptr<Vel::Scheduler> scheduler) {
     return {
         .cliConfig = Vel::make<NavCliConfig>("cliConfig"),

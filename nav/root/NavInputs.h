@@ -40,7 +40,7 @@ VEL_INPUTS(NavInputs, cliConfig, pathConfigDir, navStatusDir, siteGroupStatus, h
            nexthopConfig, nexthopStatus, forwardingStatus, forwarding6Status, routingHwRouteStatus,
            navCliRequestDir, scheduler)
 
-// A set of empty inputs, each entity named like its attribute, for a host that has none of its own.
+// A set of empty inputs, each entity named like its attribute, for a host that creates none itself.
 NAV_EXPORT NavInputs makeNavInputs(Vel::Ptr<Vel::Scheduler> scheduler);
 
 }  // namespace Nav

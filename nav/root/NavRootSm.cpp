@@ -1,7 +1,7 @@
 #include "nav/root/NavRootSm.h"
 
-#include "nav/root/Answer.h"
 #include "nav/root/RootTrace.h"
+#include "nav/root/ShowText.h"
 
 namespace Nav {
 
@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::string_view nothing = "{ }";
 
-// The state word of a path. One without status is shown as one with a default status.
+// The state word of a path. A path without status is shown like one with a default status.
 std::string_view stateWord(const PathStatusEntry* status) {
     if (!status) return "Route Pending";
     const HwPathInfo& info = status->pathInfo();
@@ -60,7 +60,7 @@ void NavRootSm::handleNavConfigured() {
     requests.callbackIs(navCliCallback_);
     requests.handleCommandDir();
 
-    if (inTransition_) return;  // the outer call looks at the flag again
+    if (inTransition_) return;  // the outer call reads the flag again
     struct Transition {
         bool& flag;
         ~Transition() { flag = false; }
@@ -103,50 +103,50 @@ const NavDb* NavRootSm::shownNavDb() const {
 
 void NavRootSm::showNavPaths(U32 fd) const {
     const NavDb* navDb = shownNavDb();
-    if (!navDb) return sendAnswer(fd, nothing);
+    if (!navDb) return sendText(fd, nothing);
     const PathStatusDir* statusDir = in_.navStatusDir->navPathStatusDir();
     const PathStatus* vrf = nullptr;  // of the previous path; most paths share their VRF with it
-    Answer answer;
-    answer.add("{'navPathSelPaths': [");
+    ShowText text;
+    text.add("{'navPathSelPaths': [");
     for (const PathKeyInfo& path : navDb->pathKeyInfo()) {
         if (statusDir && (!vrf || vrf->vrfName() != path.vrfName()))
             vrf = statusDir->pathStatus(path.vrfName());
         const auto* status = vrf ? vrf->pathStatusEntry(path.pathKey()) : nullptr;
-        answer.add("{ 'pathGroup' : '", path.siteGroupKey().name,   //
-                   "', 'source' : '", path.pathKey().srcAddr,       //
-                   "', 'destination' : '", path.pathKey().dstAddr,  //
-                   "', 'peer' : '", path.siteGroupKey().routerIp,   //
-                   "', 'state' : '", stateWord(status),             //
-                   "',  'pathName': 'Path", path.pathIndex(), "', }, ");
+        text.add("{ 'pathGroup' : '", path.siteGroupKey().name,   //
+                 "', 'source' : '", path.pathKey().srcAddr,       //
+                 "', 'destination' : '", path.pathKey().dstAddr,  //
+                 "', 'peer' : '", path.siteGroupKey().routerIp,   //
+                 "', 'state' : '", stateWord(status),             //
+                 "',  'pathName': 'Path", path.pathIndex(), "', }, ");
     }
-    answer.add("]}");
-    answer.send(fd);
+    text.add("]}");
+    text.send(fd);
 }
 
 void NavRootSm::getNavPeers(U32 fd) const {
     const NavDb* navDb = shownNavDb();
-    if (!navDb) return sendAnswer(fd, nothing);
-    Answer answer;
-    answer.add("{'navPeers': {");
+    if (!navDb) return sendText(fd, nothing);
+    ShowText text;
+    text.add("{'navPeers': {");
     for (const PathKeyInfo& path : navDb->pathKeyInfo())
-        answer.add(path.pathIndex(), " : '", path.siteGroupKey().routerIp, "', ");
-    answer.add("}}");
-    answer.send(fd);
+        text.add(path.pathIndex(), " : '", path.siteGroupKey().routerIp, "', ");
+    text.add("}}");
+    text.send(fd);
 }
 
 void NavRootSm::getNavMappings(U32 fd) const {
     const NavDb* navDb = shownNavDb();
-    if (!navDb) return sendAnswer(fd, nothing);
-    Answer answer;
-    answer.add("{'groups': {");
+    if (!navDb) return sendText(fd, nothing);
+    ShowText text;
+    text.add("{'groups': {");
     for (const PathKeyInfo& path : navDb->pathKeyInfo())
-        answer.add(path.pathIndex(), " : '", path.siteGroupKey().name, "', ");
-    answer.add("}, 'vrfApps': {");
+        text.add(path.pathIndex(), " : '", path.siteGroupKey().name, "', ");
+    text.add("}, 'vrfApps': {");
     for (const VrfApp& app : navDb->vrfApp())
-        answer.add("(", app.key.vrfId, ", ", app.key.appId, "): ('", app.vrfName, "', '",
-                   app.appName, "'), ");
-    answer.add("}}");
-    answer.send(fd);
+        text.add("(", app.key.vrfId, ", ", app.key.appId, "): ('", app.vrfName, "', '", app.appName,
+                 "'), ");
+    text.add("}}");
+    text.send(fd);
 }
 
 }  // namespace Nav

@@ -1,18 +1,18 @@
-// The root of the path-selection system, which a host agent creates with its inputs:
+// The root of the path-selection system. A host agent creates it with its inputs:
 //
 //     Vel::Ptr<Nav::NavRootSm> root = Nav::NavRootSmIs({.cliConfig = …, …, .scheduler = …});
 //
 // While the feature is configured, the root keeps a container with the working reactors; otherwise
-// nothing derived exists. The status directories and the command interface live as long as the
-// root: a show command is answered in either case.
+// nothing is derived. The status directories and the command interface live as long as the root:
+// show commands are answered in either case.
 //
-// A host may change any input from within any notification. The container is created and deleted
-// one at a time: a flag that changes during that is acted upon when it is done, and until then
+// A host may change any input from within any notification. Creation and deletion of the container
+// are not nested: a flag that changes during one takes effect when it is done, and until then
 // navContainer() is null.
 //
 // Releasing the last pointer deletes everything. The root has no thread: it works in notifications,
-// in tasks of the scheduler and in command requests, all on the host's one event thread. The inputs
-// outlive the root.
+// in tasks of the scheduler and in command requests, all on the host's event thread. The inputs
+// must outlive the root.
 #pragma once
 
 #include "nav/root/CliCallback.h"
@@ -34,13 +34,14 @@ class NAV_EXPORT NavRootSm final : public Vel::Reactor {
     // The configuration was replaced, or its flag `navConfigured` changed.
     void handleNavConfigured();
 
-    // Replaces an input by another entity. Everything derived is withdrawn and derived anew. The
-    // same entity changes nothing; null is refused with an error that names the attribute.
+    // Replaces an input by another entity. Everything derived is withdrawn and derived anew.
+    // Passing the present entity changes nothing; null is refused with an error that names the
+    // attribute.
     template <class T>
     void inputIs(Vel::Input<T> NavInputs::*input, Vel::Ptr<T> entity);
 
     bool initialized() const { return initialized_; }
-    // Null while the feature is not configured and while the container is created or deleted.
+    // Null while the feature is not configured and while the container is being created or deleted.
     NavContainer* navContainer() const;
     CliCallback* navCliCallback() const { return navCliCallback_.get(); }
     Agent::AgentCommandRequestDirSm* navCliRequestDirSm() const {
@@ -69,7 +70,7 @@ class NAV_EXPORT NavRootSm final : public Vel::Reactor {
     Vel::Owned<Agent::AgentCommandRequestDirSm> navCliRequestDirSm_;
 };
 
-// Makes a root and initialises it. Refuses a null input.
+// Creates a root and initialises it. Refuses null inputs.
 NAV_EXPORT Vel::Ptr<NavRootSm> NavRootSmIs(const NavInputs& inputs);
 
 template <class T>

@@ -1,4 +1,5 @@
-// The free ids in the order they will be handed out: the id that has been free longest comes first.
+// The free ids in the order in which they will be allocated: the id that has been free longest
+// first.
 #pragma once
 
 #include <vector>
@@ -10,7 +11,7 @@ namespace Nav {
 
 class FreeIdQueue {
   public:
-    // The ids 1 to maxId, ascending; none when maxId is 0. Id 0 means "none" and is never free.
+    // Holds the ids 1 to maxId, ascending; none if maxId is 0. Id 0 means "none" and is never free.
     explicit FreeIdQueue(U16 maxId = 0) : ring_(maxId), size_(maxId) {
         for (U32 i = 0; i < maxId; ++i) ring_[i] = static_cast<U16>(i + 1);
     }
@@ -18,7 +19,7 @@ class FreeIdQueue {
     bool empty() const { return size_ == 0; }
     U32 size() const { return size_; }
 
-    // The head, 0 when the queue is empty.
+    // Removes and returns the head; 0 if the queue is empty.
     U16 deq() {
         if (size_ == 0) return 0;
         const U16 id = ring_[head_];
@@ -37,10 +38,9 @@ class FreeIdQueue {
   private:
     U32 next(U32 at) const { return at + 1 == ring_.size() ? 0 : at + 1; }
 
-    std::vector<U16>
-        ring_;      // as long as there are ids; the free ones are in [head_, head_ + size_)
-    U32 head_ = 0;  // of the next id to hand out
-    U32 tail_ = 0;  // of the next id returned; equals head_ when all or no ids are free
+    std::vector<U16> ring_;  // one slot per id; the free ids are in [head_, head_ + size_)
+    U32 head_ = 0;           // position of the next id to allocate
+    U32 tail_ = 0;  // position of the next id returned; equals head_ if all or no ids are free
     U32 size_ = 0;
 };
 

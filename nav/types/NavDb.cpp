@@ -9,7 +9,8 @@ VEL_DEFINE(Nav, PathGroupInfo)
 VEL_DEFINE(Nav, NavDb)
 
 namespace {
-// Whether `vrfName` names the id; then another VRF that reports the id names it, if there is one.
+// If `vrfName` names the id, another VRF that reports the id names it from now on, if one does.
+// Returns whether `vrfName` named it.
 bool passName(NavDb& navDb, const Routing::Hardware::RouteStatus& status,
               const L3::VrfName& vrfName, U32 vrfId) {
     const L3::VrfName* name = navDb.vrfIdToName(vrfId);

@@ -1,6 +1,6 @@
-// The path database: the cross-indexes by which the reactors of one container find paths by
-// address, group, VRF and load-balance profile. It is private to the container, which creates and
-// destroys it; outside, only the show commands and generic access read it.
+// The path database: the indexes by which the reactors of one container find paths by address,
+// group, VRF and load-balance profile. It is private to the container, which creates and destroys
+// it; outside the container, only the show commands and generic access read it.
 #pragma once
 
 #include "nav/types/PathTypes.h"
@@ -14,7 +14,7 @@ class NAV_EXPORT PathAddrToPathKeySet : public Vel::Entity {
     VEL_SET(PathKey, pathKey)
 };
 
-// The load-balance keys that have an id because of one profile.
+// The load-balance keys that have an id on behalf of one profile.
 class NAV_EXPORT LbNameToLbKeySet : public Vel::Entity {
     VEL_ENTITY(LbNameToLbKeySet, Vel::String, lbName)
     VEL_SET(LbProfileKey, lbKey)
@@ -48,12 +48,12 @@ class NAV_EXPORT NavDb : public Vel::Entity {
     VEL_COUNTER(U32, pathIndex, 0)
 };
 
-// Records the id of a VRF both ways. Called by each reactor that learns of the id. The VRF's
-// earlier id is named by another VRF that reports it, or loses its name.
+// Records the id of a VRF in both directions. Called by each reactor that learns the id. The VRF's
+// previous id is named by another VRF that reports it, or loses its name.
 NAV_EXPORT void recordVrfId(NavDb& navDb, const Routing::Hardware::RouteStatus& status,
                             const L3::VrfName& vrfName, U32 vrfId);
-// The VRF reports no id any more: its last one is named by another VRF that reports it. Without
-// another, the VRF stays recorded with that id.
+// The VRF reports no id any more: its last id is named by another VRF that reports it. Without such
+// a VRF it stays recorded with that id.
 NAV_EXPORT void releaseVrfId(NavDb& navDb, const Routing::Hardware::RouteStatus& status,
                              const L3::VrfName& vrfName);
 

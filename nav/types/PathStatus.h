@@ -1,5 +1,5 @@
 // The directories of paths: the paths that construction requests, their status from resolution, the
-// usable paths of each site, the load-balance ids, and the state of programming in hardware.
+// programmed paths of each site, the load-balance ids, and the state of programming in hardware.
 #pragma once
 
 #include "nav/types/PathTypes.h"
@@ -30,8 +30,8 @@ class NAV_EXPORT PathConfigDir : public Vel::Entity {
 class NAV_EXPORT PathStatusEntry : public Vel::Entity {
     VEL_ENTITY(PathStatusEntry, PathKey, key)
     VEL_ATTRIBUTE(HwPathInfo, pathInfo, {})
-    VEL_ATTRIBUTE(U32, encapId, noEncapId)   // of the established IPsec connection
-    VEL_ATTRIBUTE(bool, programmed, false)  // as the forwarding agent reports
+    VEL_ATTRIBUTE(U32, encapId, noEncapId)  // of the established IPsec connection
+    VEL_ATTRIBUTE(bool, programmed, false)  // as reported by the forwarding agent
 };
 
 class NAV_EXPORT PathStatus : public Vel::Entity {
@@ -44,7 +44,7 @@ class NAV_EXPORT PathStatusDir : public Vel::Entity {
     VEL_COLLECTION(L3::VrfName, PathStatus, pathStatus)
 };
 
-// Sites as configuration: part of the published model, not written by this library.
+// Site groups as configuration: part of the published model, not written by this library.
 class NAV_EXPORT SiteGroupConfigEntry : public Vel::Entity {
     VEL_ENTITY(SiteGroupConfigEntry, SiteGroupKey, key)
     VEL_SET(PathKey, pathEntries)
@@ -70,7 +70,7 @@ class NAV_EXPORT SiteGroupStatus : public Vel::Entity {
 // One allocated load-balance id with its members.
 class NAV_EXPORT LbProfileStatusEntry : public Vel::Entity {
     VEL_ENTITY(LbProfileStatusEntry, LbProfileKey, key)
-    VEL_ATTRIBUTE(U32, genId, 0)  // grows with every change of the members
+    VEL_ATTRIBUTE(U32, genId, 0)  // raised with every change of the members
     VEL_ATTRIBUTE(U16, lbIndex, 0)
     VEL_ATTRIBUTE(U32, latency, 0)
     VEL_ATTRIBUTE(U32, jitter, 0)
@@ -83,7 +83,7 @@ class NAV_EXPORT LbProfileStatus : public Vel::Entity {
     VEL_COLLECTION(LbProfileKey, LbProfileStatusEntry, lbProfileStatusEntry)
 };
 
-// How a path is programmed in hardware; written by the forwarding agent. A path is programmed when
+// How a path is programmed in hardware; written by the forwarding agent. A path is programmed if
 // neither index is 0.
 class NAV_EXPORT HwPathStatusEntry : public Vel::Entity {
     VEL_ENTITY(HwPathStatusEntry, HwPathKey, key)

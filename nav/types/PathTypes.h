@@ -1,7 +1,8 @@
-// The keys and values that every reactor shares: which path, which site, which load-balance id.
+// The keys and values that all reactors share: paths, sites, load-balance ids.
 //
-// A path is one local source address towards one remote destination address in one VRF. Texts of
-// trace lines come from `stringValue()`; the value text (`Vel::valueToStrep`) parses back.
+// A path goes from one local source address to one remote destination address in one VRF. The texts
+// in trace lines come from `stringValue()`; the value text (`Vel::valueToStrep`) can be parsed
+// back.
 #pragma once
 
 #include <compare>
@@ -30,13 +31,13 @@ enum class PathState : U32 {
 };
 VEL_ENUM(PathState, unresolved, resolved)
 
-// The enumerator of a value text; Vel::Error if there is none.
+// The enumerator of a value text; Vel::Error if the text names none.
 template <class E>
 E sequenceToValue(std::string_view text) {
     return Vel::valueFromStrep<E>(text);
 }
 
-// The enumerator of a number or of a name; empty if there is none.
+// The enumerator of a number or of a name; empty if it stands for none.
 NAV_EXPORT std::optional<PathType> PathTypeInstance(U32 value);
 NAV_EXPORT std::optional<PathType> PathTypeInstance(std::string_view name);
 NAV_EXPORT std::optional<PathState> PathStateInstance(U32 value);
@@ -67,7 +68,7 @@ struct HwPathKey {
 };
 VEL_VALUE(Nav, HwPathKey, srcAddr, dstAddr, vrfId, pathIndex)
 
-// How far one path has been brought up.
+// The forwarding state of one path.
 struct HwPathInfo {
     PathType pathType = PathType::invalidPath;
     PathState pathState = PathState::unresolved;
@@ -99,7 +100,8 @@ struct NAV_EXPORT LbProfileKey {
 };
 VEL_VALUE(Nav, LbProfileKey, vtepIp, appId, vrfId)
 
-// A member path of a load-balance id. Its ordering is by path index, not by priority (lower first).
+// A member path of a load-balance id. Ordered by path index, not by priority. A lower priority is
+// preferred.
 struct PathWithPriority {
     U32 pathIndex = 0;
     U32 priority = 0;

@@ -1,4 +1,4 @@
-// Where time comes from. Code that waits is given its clock, so that a test can set the time.
+// The source of time. Code that waits is given its clock, so that a test can set the time.
 #pragma once
 
 #include <chrono>
@@ -8,7 +8,7 @@
 namespace Loom {
 
 using Duration = std::chrono::nanoseconds;
-// A time on a clock that never goes back, relative to an arbitrary origin.
+// A point in time of a clock that never goes back, relative to an arbitrary origin.
 using Instant = std::chrono::time_point<std::chrono::steady_clock, Duration>;
 
 class VEL_EXPORT Clock {
@@ -23,7 +23,7 @@ class VEL_EXPORT MonotonicClock final : public Clock {
     Instant now() const override;
 };
 
-// Stands still until it is advanced; begins at Instant{}.
+// A clock that stands still until it is advanced; it begins at Instant{}.
 class VEL_EXPORT ManualClock final : public Clock {
   public:
     Instant now() const override;

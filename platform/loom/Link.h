@@ -1,4 +1,4 @@
-// A place in a circular list, for objects that are members of a list without being owned by it.
+// A node of a circular list whose objects are members of the list without being owned by it.
 #pragma once
 
 namespace Loom {

@@ -20,7 +20,7 @@ void TaskScheduler::runDue() {
     } const running(running_);
 
     for (int round = 0; round < maxRounds; ++round) {
-        // What an error left of an earlier round comes first.
+        // Tasks left over from a round that an error ended run first.
         if (!round_.linked() && posted_.linked()) {
             round_.linkBefore(posted_.next());
             posted_.unlink();
@@ -38,7 +38,7 @@ void TaskScheduler::runDue() {
 
 void TaskScheduler::runTask(Task& task) {
     task.unlink();
-    const Callback callback = task.callback_;  // the task may be gone before its function returns
+    const Callback callback = task.callback_;  // the task may die before its function returns
     callback();
 }
 
@@ -79,8 +79,8 @@ void TaskScheduler::withdraw(Timer& timer) {
     }
 }
 
-// The timer with the earliest true deadline: those whose deadline has moved on since they were
-// filed go where they belong when they come up.
+// The timer with the earliest deadline. A timer whose deadline moved after it was filed is filed
+// anew when it reaches the top of the heap.
 Timer* TaskScheduler::earliest() {
     while (!timers_.empty()) {
         Timer& timer = *timers_.front().timer;

@@ -1,13 +1,14 @@
-// Work put off to later on the event thread: tasks, run as soon as control is back in the event
-// loop, and timers, run at a time. The host's loop, or a test, drives the scheduler: it calls
-// runDue() and then waits for events until nextDeadline() at most. The wakeup tells it that
+// Deferred work on the event thread: tasks, which run as soon as control is back in the event loop,
+// and timers, which run at a given time. The host's loop, or a test, drives the scheduler: it calls
+// runDue() and then waits for events until nextDeadline() at most. The wakeup tells the loop that
 // something became due earlier, outside runDue().
 //
-// Tasks and timers are members of whoever uses them; the scheduler owns none of them and allocates
-// only for its heap of timers. Destroying one takes it out of the queue. The order is fixed: tasks
-// run as posted, timers by deadline, timers of one deadline as armed.
+// Tasks and timers are members of their users; the scheduler owns none of them and allocates only
+// for its heap of timers. Destroying one removes it from the queue. The order is fixed: tasks run
+// in the order of posting, timers by deadline, timers with the same deadline in the order of
+// arming.
 //
-// Everything is used on the one event thread, without locks. The scheduler outlives every call made
+// Everything is used on the event thread, without locks. The scheduler must outlive every call made
 // to it; tasks and timers that still wait when it is destroyed are dropped.
 #pragma once
 
@@ -39,8 +40,8 @@ Callback call(T& object) {
     return {[](void* self) { (static_cast<T*>(self)->*method)(); }, &object};
 }
 
-// Runs once each time it was posted. While it runs it is not queued: it may post itself again, post
-// or destroy others, and destroy itself.
+// Runs once each time it was posted. It leaves the queue before it runs: it may post itself again,
+// post or destroy others, and destroy itself.
 class Task : private Link {
   public:
     explicit Task(Callback callback) : callback_(callback) {}
@@ -54,9 +55,9 @@ class Task : private Link {
 };
 
 // Runs once each time it was armed, never before its deadline; a deadline beyond the clock's range
-// is the end of that range. Arming an armed timer moves it; a move to a later time costs two
-// stores, and the heap catches up when the old deadline has come. While it runs it may do what a
-// task may.
+// means the end of that range. Arming an armed timer moves its deadline; moving it later costs two
+// stores, and the heap is corrected when the old deadline is reached. While a timer runs it may do
+// what a task may.
 class Timer {
   public:
     Timer(TaskScheduler& scheduler, Callback callback)
@@ -93,7 +94,7 @@ class VEL_EXPORT TaskScheduler {
     const Clock& clock() const { return clock_; }
     Instant now() const { return clock_.now(); }
 
-    // Puts a task at the end of the queue; one that is queued stays where it is.
+    // Appends a task to the queue; a task already queued keeps its position.
     void post(Task& task) {
         if (task.linked()) return;
         task.linkBefore(posted_);
@@ -102,22 +103,22 @@ class VEL_EXPORT TaskScheduler {
     }
 
     // Runs what is due, in rounds: the tasks queued at the beginning of a round, then the timers
-    // due by then. Ends when nothing is due or after maxRounds, so that work which makes itself due
-    // again for ever holds up neither the rest nor the host's loop; what is left stays due. May be
-    // called from a task. An error raised by a task or timer leaves runDue() at once; what has not
-    // run yet stays due.
+    // due at that time. Ends when nothing is due or after maxRounds, so that work that keeps
+    // posting itself delays neither other work nor the host's loop; what is left stays due. May be
+    // called from a task. An exception of a task or timer leaves runDue() at once; what has not run
+    // yet stays due.
     void runDue();
 
-    // More than any chain of tasks that post one another takes, and short enough for a loop that
-    // has sockets to serve.
+    // Longer than any chain of tasks that post one another, and short enough for a loop that has
+    // sockets to serve.
     static constexpr int maxRounds = 64;
 
     // When runDue() has to be called next: now or in the past while something is due; empty while
     // nothing waits.
     std::optional<Instant> nextDeadline();
 
-    // Called when nextDeadline() has become earlier outside runDue(). It must not run anything
-    // itself.
+    // Called when nextDeadline() has become earlier outside runDue(). The function must not run
+    // tasks or timers itself.
     void wakeupIs(Callback wakeup) { wakeup_ = wakeup; }
 
   private:
@@ -149,9 +150,9 @@ class VEL_EXPORT TaskScheduler {
     const Clock& clock_;
     Callback wakeup_;
     Link posted_;  // tasks for the next round, in the order of posting
-    Link round_;   // tasks of the present round that have not run; kept when one of them throws
-    bool running_ = false;      // inside runDue(), where nobody needs to be woken
-    uint64_t sequence_ = 0;     // armings so far
+    Link round_;   // tasks of the current round that have not run; kept if one of them throws
+    bool running_ = false;      // inside runDue(), where no wakeup is needed
+    uint64_t sequence_ = 0;     // number of armings so far
     std::vector<Slot> timers_;  // binary heap by (deadline, sequence) as filed
 };
 

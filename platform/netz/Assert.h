@@ -1,9 +1,9 @@
-// Invariants, checked in every build. VEL_ASSERT(expression, "text") is for impossible states: when
-// the expression is false the assertion handler is called with exactly that text, and the process
-// ends. Wrong input is answered with an error instead (Error.h).
+// Invariants, checked in every build. VEL_ASSERT(expression, "text") is for impossible states: if
+// the expression is false, the assertion handler is called with exactly that text and the process
+// stops. Wrong input raises an error instead (Error.h).
 //
 // The handler is process-wide and meant to be set at start, or by a test while it runs. A handler
-// may throw to leave the failed operation; when it returns, the process aborts.
+// may throw to leave the failed operation; if it returns, the process aborts.
 #pragma once
 
 #include "platform/Export.h"
@@ -12,7 +12,7 @@ namespace Vel {
 
 using AssertHandler = void (*)(const char* text, const char* file, int line);
 
-// Installs a handler and returns the one before it; null restores the default, which prints
+// Installs a handler and returns the previous one; null restores the default, which prints
 // "file:line: assertion failed: text" to standard error.
 VEL_EXPORT AssertHandler assertHandlerIs(AssertHandler handler);
 

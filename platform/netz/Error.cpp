@@ -2,8 +2,8 @@
 
 namespace Vel {
 
-// Out of line, so that the type information lives in one library and a catch in another one
-// matches.
+// Out of line, so that the type information exists in one library only and exceptions can be caught
+// in another.
 Error::~Error() = default;
 RangeError::~RangeError() = default;
 

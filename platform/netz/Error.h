@@ -1,5 +1,5 @@
-// The errors that the platform throws for bad input. Each carries its whole message; texts that
-// callers rely on are fixed. Impossible states are assertions instead (Assert.h).
+// The errors that the platform throws for bad input. Each carries its whole message; message texts
+// that callers rely on are fixed. Impossible states are assertions instead (Assert.h).
 #pragma once
 
 #include <stdexcept>

@@ -1,5 +1,5 @@
-// The hash of addresses and names. It depends only on the value's bytes, so a table in shared
-// memory can be probed by another process. It is no defence against chosen keys.
+// The hash of addresses and names. It depends only on the value's bytes, so another process can
+// search a table in shared memory with it. It does not resist deliberately colliding keys.
 #pragma once
 
 #include <bit>
@@ -11,8 +11,7 @@ namespace Netz {
 
 static_assert(std::endian::native == std::endian::little, "words are hashed as loaded");
 
-// Folds one word into a running hash. Each bit of either input reaches the upper half of the
-// result.
+// Folds one word into a running hash. Each bit of both inputs affects the upper half of the result.
 constexpr uint64_t hashMix(uint64_t state, uint64_t word) {
     uint64_t x = (state ^ word) * 0x9e3779b97f4a7c15U;
     x = (x ^ (x >> 32)) * 0xd6e8feb86659fd93U;

@@ -8,7 +8,8 @@
 namespace Netz {
 namespace {
 
-// Plain ASCII, whatever the locale; bytes of UTF-8 names pass.
+// Tests for ASCII blanks and control characters, whatever the locale; bytes of UTF-8 names are
+// accepted.
 bool isBlankOrControl(char c) {
     const auto byte = static_cast<unsigned char>(c);
     return byte <= ' ' || byte == 0x7f;

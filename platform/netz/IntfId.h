@@ -1,6 +1,7 @@
-// The identifier of an interface: its name, held in place, so that the value is trivially copyable
-// and can live in shared memory. Linux names have at most 15 bytes (IFNAMSIZ); logical interfaces
-// of a router have longer ones. Empty means no interface. Bytes after the name are always zero.
+// The identifier of an interface: its name, stored in place, so that the value is trivially
+// copyable and can be stored in shared memory. Linux names have at most 15 bytes (IFNAMSIZ);
+// logical interfaces of a router have longer ones. Empty means no interface. The bytes after the
+// name are always zero.
 #pragma once
 
 #include <array>
@@ -26,16 +27,18 @@ class VEL_EXPORT IntfId {
     static constexpr size_t maxLength = 31;
 
     constexpr IntfId() = default;
-    // Throws Vel::RangeError where `parse` returns nothing.
+    // Throws Vel::RangeError for a name that `parse` refuses.
     explicit IntfId(std::string_view name);
-    // Nothing for a name that is too long or holds blanks or control characters.
+    // Empty for a name that is too long or contains blanks or control characters.
     static std::optional<IntfId> parse(std::string_view name);
 
     bool empty() const { return name_[0] == 0; }
-    std::string_view str() const noexcept { return {name_.data(), strnlen(name_.data(), maxLength)}; }
+    std::string_view str() const noexcept {
+        return {name_.data(), strnlen(name_.data(), maxLength)};
+    }
     std::string stringValue() const { return std::string(str()); }
-    // The usual abbreviation: a leading word of more than four letters before a digit shrinks to
-    // its first two ("Ethernet1/2" is "Et1/2"); any other name stays whole.
+    // The usual abbreviation: a leading word of more than four letters before a digit is cut to its
+    // first two ("Ethernet1/2" gives "Et1/2"); any other name is unchanged.
     std::string shortName() const;
 
     uint64_t mix() const {

@@ -1,5 +1,5 @@
-// An address together with the length of its network prefix, as an interface has it:
-// "203.0.113.1/24". Host bits are kept. The default is "0.0.0.0/0", no address.
+// An address together with the length of its network prefix, as assigned to an interface:
+// "203.0.113.1/24". Host bits are kept. The default is "0.0.0.0/0", which means no address.
 #pragma once
 
 #include <compare>

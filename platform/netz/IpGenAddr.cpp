@@ -8,7 +8,7 @@
 namespace Netz {
 namespace {
 
-// Each octet's digits with a dot after them, and how many characters that is with the dot.
+// Each octet's digits followed by a dot, and the number of characters including the dot.
 constexpr auto octetTexts = [] {
     std::array<std::array<char, 5>, 256> texts{};
     for (int octet = 0; octet < 256; ++octet) {
@@ -22,7 +22,7 @@ constexpr auto octetTexts = [] {
     return texts;
 }();
 
-// Copies more than it keeps, within the room that write() asks for.
+// May write beyond the returned end, within the room that write() requires.
 char* writeV4(const uint8_t* octets, char* out) {
     for (int i = 0; i < 4; ++i) {
         const auto& text = octetTexts[octets[i]];

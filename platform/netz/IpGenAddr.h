@@ -1,7 +1,7 @@
 // An IPv4 or IPv6 address as a value: trivially copyable, 20 bytes without padding, so that it can
-// be compared and hashed as bytes and be put into shared memory. All bytes zero is the default, the
-// unspecified IPv4 address. An IPv4 address never equals an IPv6 one, the IPv4-mapped one included;
-// in the order all IPv4 addresses come first.
+// be compared and hashed as bytes and stored in shared memory. All bytes zero is the default, the
+// unspecified IPv4 address. An IPv4 address never equals an IPv6 one, not even the corresponding
+// IPv4-mapped one; all IPv4 addresses order before all IPv6 addresses.
 #pragma once
 
 #include <array>
@@ -24,7 +24,7 @@ namespace Netz {
 
 class VEL_EXPORT IpGenAddr {
   public:
-    // Longest text form, without a terminating zero.
+    // Longest text form in bytes, without a terminating zero.
     static constexpr size_t maxText = 45;
 
     constexpr IpGenAddr() = default;
@@ -35,7 +35,7 @@ class VEL_EXPORT IpGenAddr {
         for (size_t i = 0; i < 4; ++i) addr.bytes_[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
         return addr;
     }
-    // From octets in network order.
+    // The address with these octets, in network order.
     static constexpr IpGenAddr fromV4(const std::array<uint8_t, 4>& octets) {
         IpGenAddr addr;
         for (size_t i = 0; i < 4; ++i) addr.bytes_[i] = octets[i];
@@ -48,7 +48,7 @@ class VEL_EXPORT IpGenAddr {
         return addr;
     }
     // Accepts what inet_pton(3) accepts: no zone, no prefix length, no blanks, no leading zeros in
-    // IPv4 octets. Returns nothing for any other text.
+    // IPv4 octets. Empty for any other text.
     static std::optional<IpGenAddr> parse(std::string_view text);
 
     constexpr bool isV4() const { return family_ == Family::v4; }
@@ -61,7 +61,7 @@ class VEL_EXPORT IpGenAddr {
     constexpr size_t size() const { return isV4() ? 4 : 16; }
     constexpr unsigned bits() const { return isV4() ? 32 : 128; }
 
-    // The text form, for IPv6 that of RFC 5952. `write` puts it at `out`, where there is room for
+    // The text form, for IPv6 that of RFC 5952. `write` stores it at `out`, which has room for
     // maxText bytes, without a terminating zero, and returns its end.
     std::string stringValue() const;
     char* write(char* out) const;
@@ -82,7 +82,7 @@ class VEL_EXPORT IpGenAddr {
   private:
     enum class Family : uint32_t { v4, v6 };
 
-    // Compared in this order.
+    // Members in the order of comparison.
     Family family_ = Family::v4;
     std::array<uint8_t, 16> bytes_{};  // in network order; the last 12 of an IPv4 address are zero
 };

@@ -1,6 +1,6 @@
-// Equality of small values that are equal exactly when their bytes are, compared in blocks that
-// fill a register, without a branch and without a call to memcmp. Comparison is the most frequent
-// operation on keys.
+// Equality of small values that are equal exactly if their bytes are. They are compared in blocks
+// of a register's size, without a branch and without a call to memcmp, because comparison is the
+// most frequent operation on keys.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@ requires equalAsBytes<T>
     if constexpr (sizeof(T) < sizeof(Block)) {
         return std::memcmp(&a, &b, sizeof(T)) == 0;
     } else {
-        constexpr size_t last = sizeof(T) - sizeof(Block);  // which may overlap the one before
+        constexpr size_t last = sizeof(T) - sizeof(Block);  // may overlap the previous block
         const auto differenceAt = [&](size_t at) {
             Block x, y;
             std::memcpy(&x, reinterpret_cast<const std::byte*>(&a) + at, sizeof x);

@@ -1,6 +1,6 @@
 // Show-command requests: an agent turns each connection of its command socket into an entry of a
-// request directory; the reactor over the directory turns each entry into one call of a callback,
-// which writes the answer straight to the request's descriptor.
+// request directory; the reactor over the directory makes one call of a callback for each entry;
+// the callback writes the answer straight to the request's descriptor.
 #pragma once
 
 #include "platform/vel/Reactor.h"
@@ -11,7 +11,7 @@ class VEL_EXPORT AgentCommandRequest : public Vel::Entity {
     VEL_ENTITY(AgentCommandRequest, Vel::Name, name)
     VEL_ATTRIBUTE(Vel::U32, socket, 0)
     VEL_ATTRIBUTE(Vel::String, command, {})
-    VEL_ATTRIBUTE(bool, answered, false)  // each request is answered once
+    VEL_ATTRIBUTE(bool, answered, false)  // set before the callback is called
 };
 
 }  // namespace Agent
@@ -29,11 +29,11 @@ namespace Agent {
 
 class VEL_EXPORT AgentCommandCallback : public Vel::Object {
   public:
-    // Answers one request, synchronously.
+    // Answers one request before it returns.
     virtual void handleCommand(Vel::U32 socket, const Vel::String& command) = 0;
 };
 
-// Calls the callback once for each request, those present when it is asked and those that come.
+// Calls the callback once for each request, for those present at the start and for later ones.
 class VEL_EXPORT AgentCommandRequestDirSm : public Vel::Reactor {
   public:
     static constexpr std::string_view name = "Agent::AgentCommandRequestDirSm";
@@ -44,7 +44,7 @@ class VEL_EXPORT AgentCommandRequestDirSm : public Vel::Reactor {
     explicit AgentCommandRequestDirSm(const Inputs& inputs);
     const Inputs& inputs() const { return in_; }
 
-    // Until there is a callback, requests wait in the directory.
+    // Sets the callback. Until then, requests wait in the directory.
     void callbackIs(Vel::Ptr<AgentCommandCallback> callback) { callback_ = std::move(callback); }
     void handleCommandDir();
     void handleRequest(const Vel::Name& request);

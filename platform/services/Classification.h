@@ -1,5 +1,5 @@
-// The classification module: which application profiles a policy tells apart, in which order, and
-// which policy a VRF applies.
+// The classification module: the application profiles that each policy distinguishes, their order
+// of precedence, and the policy that each VRF applies.
 #pragma once
 
 #include "platform/vel/Entity.h"
@@ -9,7 +9,7 @@ namespace Classification {
 class VEL_EXPORT FeaturePolicy : public Vel::Entity {
     VEL_ENTITY(FeaturePolicy, Vel::Name, name)
     VEL_MAP(Vel::U32, Vel::String, appProfilePriority)  // priority to application profile
-    VEL_COUNTER(Vel::U32, version, 0)  // raised when a set of priorities is complete
+    VEL_COUNTER(Vel::U32, version, 0)                   // raised when the priorities are complete
 };
 
 inline constexpr Vel::U32 vrfTarget = 0;  // the target type of VRFs

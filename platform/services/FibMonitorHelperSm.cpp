@@ -44,7 +44,7 @@ void FibMonitorHelperSm::handleFec(bool v6, U64 fecId) {
         announceLater(use->addr);
 }
 
-// Records the FEC that the address resolves to now.
+// Records the FEC that the address resolves to.
 void FibMonitorHelperSm::follow(const IpGenAddr& addr) {
     if (const auto [known, before] = fecOf_.take(addr); known)
         uses_.erase({addr.isV6(), before.second, addr});

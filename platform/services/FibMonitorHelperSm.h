@@ -1,11 +1,11 @@
-// Tells one user of next-hop resolution which addresses of a VRF to review.
+// Tells one client of next-hop resolution which addresses of a VRF to review.
 //
-// Whenever the result of an address changes, or the FEC that the result names, the address is added
-// to the user's backlog, and a task announces it, so that a burst of changes is one entry per
-// address. Changes that cancel out are one entry too: the user cannot know that they did. Results
-// present when the helper is made are not announced.
+// When the result of an address changes, or the FEC that the result names, the address is added to
+// the client's backlog, and a task announces it, so that a burst of changes gives one entry per
+// address. Changes that cancel out also give an entry: the client cannot know that they did.
+// Results present at construction are not announced.
 //
-// Owned by its user, who also owns the backlog and drains it.
+// Owned by its client, which also owns the backlog and drains it.
 #pragma once
 
 #include <set>
@@ -22,7 +22,7 @@ class VEL_EXPORT FibMonitorHelperSm final : public Vel::Reactor {
   public:
     static constexpr std::string_view name = "Routing::FibMonitorHelperSm";
     struct Inputs {
-        Vel::Name clientName;  // the user, for traces
+        Vel::Name clientName;  // the client, for traces
         Vel::Input<NexthopVrfStatus> nexthopVrfStatus;
         Vel::Input<NexthopBacklog> nexthopBacklog;
         Vel::Input<Shard::Fib::ForwardingStatus> forwardingStatus;
@@ -35,8 +35,8 @@ class VEL_EXPORT FibMonitorHelperSm final : public Vel::Reactor {
     void doCleanup() override;
 
   private:
-    // A resolved address uses a FEC; each address family has FEC ids of its own. Ordered by FEC, so
-    // that the addresses of one are found without a walk.
+    // A resolved address that uses a FEC; each address family has its own FEC ids. Ordered by FEC,
+    // so that the addresses of one FEC are found without a walk.
     struct Use {
         bool v6;
         Vel::U64 fecId;

@@ -1,4 +1,4 @@
-// Interface status: the primary address of each interface and the VRF it is in.
+// Interface status: the primary address and the VRF of each interface.
 #pragma once
 
 #include "platform/vel/Entity.h"

@@ -11,10 +11,10 @@ namespace Hardware {
 
 class VEL_EXPORT VrfStatus : public Vel::Entity {
     VEL_ENTITY(VrfStatus, L3::VrfName, vrfName)
-    VEL_ATTRIBUTE(Vel::U32, vrfId, 0)  // 0 is the id of the VRF "default" alone, else: not known
+    VEL_ATTRIBUTE(Vel::U32, vrfId, 0)  // 0: not known, except for the VRF "default"
 };
 
-// The id of a VRF as its status reports it; empty while it is not known.
+// The id that a VRF's status reports; empty while it is not known.
 inline std::optional<Vel::U32> knownVrfId(const L3::VrfName& vrfName, Vel::U32 vrfId) {
     if (vrfId == 0 && vrfName.str() != "default") return std::nullopt;
     return vrfId;
@@ -47,7 +47,7 @@ struct NexthopResult {
 };
 VEL_VALUE(Routing, NexthopResult, addr, fecId)
 
-// The results of one VRF: an entry means that the address is resolved.
+// The results of one VRF: an address has an entry while it is resolved.
 class VEL_EXPORT NexthopVrfStatus : public Vel::Entity {
     VEL_ENTITY(NexthopVrfStatus, L3::VrfName, vrfName)
     VEL_VALUES(Netz::IpGenAddr, NexthopResult, addr, nexthop)
@@ -58,8 +58,8 @@ class VEL_EXPORT NexthopStatus : public Vel::Entity {
     VEL_COLLECTION(L3::VrfName, NexthopVrfStatus, vrf)
 };
 
-// Addresses whose result changed and that still have to be reviewed. `version` changes after
-// addresses were added, once for all of a burst.
+// Addresses whose result changed and that still have to be reviewed. `version` is raised after
+// addresses were added, once for each burst.
 class VEL_EXPORT NexthopBacklog : public Vel::Entity {
     VEL_ENTITY(NexthopBacklog, Vel::Name, name)
     VEL_SET(Netz::IpGenAddr, backlog)

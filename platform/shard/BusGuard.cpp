@@ -10,7 +10,7 @@
 namespace Shard {
 namespace {
 
-// Ranges are reused but never freed: the signal handler may be walking the list at any time.
+// Ranges are reused but never freed: the signal handler may be reading the list at any time.
 std::atomic<BusGuard::Range*> ranges{nullptr};
 std::mutex rangesMutex;
 struct sigaction previous;
@@ -38,7 +38,8 @@ void handleBus(int signal, siginfo_t* info, void* context) {
     if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
         return previous.sa_handler(signal);
     }
-    if (fault) sigaction(SIGBUS, &previous, nullptr);  // the access faults again, without us
+    // The access faults again, and the previous handler receives it.
+    if (fault) sigaction(SIGBUS, &previous, nullptr);
 }
 
 // The first range installs the handler.

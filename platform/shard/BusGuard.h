@@ -1,9 +1,10 @@
-// Keeps the process alive when somebody cuts the file behind a mapping. Touching a page that is
-// gone raises SIGBUS, and a file with a name cannot be sealed against being cut as memfd_create(2)
-// files can. While a guard lives, such a touch puts zeroed private pages in place of the rest of
-// the range and sets `hit`, and the access goes on. A fault elsewhere goes to the handler that was
-// installed before, or ends the process. A SIGBUS that somebody sent with kill(2) goes to that
-// handler too; where there was none, it is ignored. Construct and destroy on any thread.
+// Keeps the process alive when another process truncates the file behind a mapping. Access to a
+// page that no longer exists raises SIGBUS, and a file with a name cannot be sealed against
+// truncation as memfd_create(2) files can. While a guard exists, such an access replaces the rest
+// of the range by zeroed private pages, sets `hit`, and continues. A fault elsewhere is passed to
+// the handler that was installed before, or ends the process. A SIGBUS sent with kill(2) is passed
+// to that handler too, or ignored if there was none. May be constructed and destroyed on any
+// thread.
 #pragma once
 
 #include <atomic>

@@ -1,12 +1,12 @@
-// Copies between private memory and a segment in which a writer and readers race. A copy may be
-// torn; its caller finds that out by a use counter and discards it. What the copies promise is
-// order: everything copyOut reads is read before whatever the caller loads next (each word is an
-// acquire load, or an acquire fence follows), and everything copyIn writes is written after
-// whatever the caller stored before (each word is a release store, or a release fence precedes).
+// Copies between private memory and a segment while a writer and readers race. A copy may be torn;
+// the caller detects that by a use counter and discards the copy. The copies guarantee order only:
+// everything copyOut reads is read before whatever the caller loads next (each word is an acquire
+// load, or an acquire fence follows), and everything copyIn writes is written after whatever the
+// caller stored before (each word is a release store, or a release fence precedes).
 //
-// Up to a few words these are atomic words. Beyond, they are memcpy between fences, as proposed for
-// C++ in P1478 (byte-wise atomic memcpy): formally a data race, in practice the same loads, and two
-// to four times as fast. Under the thread sanitizer all are atomic words.
+// Up to a few words the copies use atomic words. Longer ones are memcpy between fences, as proposed
+// for C++ in P1478 (byte-wise atomic memcpy): formally a data race, in practice the same loads, and
+// two to four times as fast. Under the thread sanitizer all copies use atomic words.
 #pragma once
 
 #include <atomic>

@@ -14,8 +14,8 @@ void Extents::reset(const std::vector<bool>& used) {
     }
 }
 
-// A run is consumed from its front: of an extent that lay there before, the first unit is reused
-// first, and that is the one whose use counter a late reader of the extent checks.
+// A run is allocated from its front: when an earlier extent of that run is reused, its first unit
+// is overwritten first, and that is the unit whose use counter a late reader of the extent checks.
 uint32_t Extents::carve(uint32_t length) {
     for (auto i = runs_.size(); i-- > 0;) {
         Run& run = runs_[i];

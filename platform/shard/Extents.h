@@ -1,10 +1,10 @@
-// The writer's private account of which units of a segment's heap are free. It is built from the
-// index at take-over, and again when free units have become too scattered, so a writer's death
-// loses nothing.
+// The writer's private record of the free units of a segment's heap. It is built from the index
+// when a writer takes over, and again when free units have become too scattered, so a writer's
+// death loses nothing.
 //
-// A new value that has the length of the one it replaces is written to units that were freed `rest`
-// replacements earlier. A reader in the middle of a copy then nearly always finishes, even of a key
-// that is rewritten all the time, and the exchange costs a few instructions.
+// A new value with the length of the one it replaces is written to units that were freed `rest`
+// replacements earlier. A reader in the middle of a copy therefore nearly always finishes, even for
+// a key that is rewritten continuously, and the exchange costs a few instructions.
 #pragma once
 
 #include <cstdint>
@@ -22,17 +22,17 @@ class VEL_EXPORT Extents {
 
     explicit Extents(uint32_t longest) : resting_(longest + 1) {}
 
-    // Makes free exactly the units not in `used`.
+    // Marks as free exactly the units that are not in `used`.
     void reset(const std::vector<bool>& used);
 
-    // The first unit of a free extent, or `none` when no free run is long enough; a reset may then
-    // help, since it joins neighbours.
+    // The first unit of a free extent, or `none` if no free run is long enough; a reset may then
+    // help, because it joins neighbouring runs.
     uint32_t take(uint32_t length) {
         auto& units = resting_[length].units;
         return units.size() > rest ? pop(units) : carve(length);
     }
     void giveBack(uint32_t unit, uint32_t length) { resting_[length].units.push_back(unit); }
-    // Both at once, for the same length.
+    // Gives one extent back and takes another of the same length.
     uint32_t exchange(uint32_t unit, uint32_t length) {
         auto& [units, turn] = resting_[length];
         if (units.size() < rest) [[unlikely]]
@@ -42,14 +42,14 @@ class VEL_EXPORT Extents {
     }
 
   private:
-    // Free units that were never given back since the last reset.
+    // Free units that have not been allocated since the last reset.
     struct Run {
         uint32_t unit, length;
     };
-    // First units of extents of one length that were given back.
+    // First units of the extents of one length that were given back.
     struct Resting {
         std::vector<uint32_t> units;
-        uint32_t turn{0};  // of the first `rest` of them, the one exchanged last
+        uint32_t turn{0};  // position, among the first `rest`, of the one exchanged last
     };
     static uint32_t pop(std::vector<uint32_t>& units) {
         const uint32_t unit = units.back();
@@ -59,7 +59,7 @@ class VEL_EXPORT Extents {
     uint32_t carve(uint32_t length);
     uint32_t exchangeFresh(uint32_t unit, uint32_t length);
 
-    // Every unit is in use, in one run, or in one resting extent.
+    // Invariant: every unit is in use, in exactly one run, or in exactly one resting extent.
     std::vector<Resting> resting_;  // by length
     std::vector<Run> runs_;         // in no order; none is empty
 };

@@ -1,6 +1,6 @@
-// The forwarding tables: FECs by FEC id, one table for each address family. They are entities like
-// others, so who writes them, who reads them and who is told is as Entity.h says. SharedFib.h puts
-// one into shared memory for other processes.
+// The forwarding tables: FECs by FEC id, one table for each address family. They are ordinary
+// entities, so the rules of Entity.h apply to their writers, readers and subscribers. SharedFib.h
+// publishes one in shared memory for other processes.
 #pragma once
 
 #include "platform/shard/Via.h"

@@ -12,11 +12,12 @@ Geometry Geometry::of(const Shape& shape, uint32_t capacity, uint64_t listBytes)
     Geometry g{};
     g.shape = shape;
     g.capacity = capacity;
-    g.homes = std::bit_ceil(std::max(capacity, 32U)) * 4;  // so that most keys are at home
+    // So large that most keys are in their home slot.
+    g.homes = std::bit_ceil(std::max(capacity, 32U)) * 4;
     g.ringRecords = g.homes / 2;
     g.unitBytes = shape.unitBytes();
-    // A replaced value rests before its place is used again (Extents), which takes spare blocks;
-    // lists also lose the rest of their last unit and a share to gaps between them.
+    // A replaced value rests before its units are reused (Extents), which takes spare blocks; lists
+    // also lose the rest of their last unit, and some space to gaps between them.
     const uint64_t spare = uint64_t{Extents::rest + 1} * g.unitsFor(shape.valueBytes);
     const uint64_t lists = capacity * uint64_t{2} + listBytes / 64 * 5 / 4;
     const uint64_t units = spare + (shape.list ? lists : capacity);

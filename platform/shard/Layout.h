@@ -1,8 +1,8 @@
 // The layout of a segment: header, index, use counters, change ring, heap, in this order, each at
-// an offset that follows from the geometry in the header. docs/shared-memory.md draws it and says
-// how a reader and a writer work on it. Whoever changes anything here raises `layoutVersion`.
+// an offset that follows from the geometry in the header. docs/shared-memory.md draws it and
+// describes how readers and the writer use it. Every change of this file raises `layoutVersion`.
 //
-// One 64-bit word of the index stands for one key. Everything that a write changes becomes visible
+// One 64-bit word of the index represents one key. Everything that a write changes becomes visible
 // by one store of that word, so a writer that dies leaves no half-written state.
 #pragma once
 
@@ -18,12 +18,12 @@ namespace Shard {
 
 constexpr uint64_t magic = 0x31454c4254444853;  // "SHDTBLE1"
 constexpr uint32_t layoutVersion = 2;
-constexpr uint32_t maxProbe = 64;        // slots in which a key may stand, from its home on
+constexpr uint32_t maxProbe = 64;        // slots that may hold a key, beginning with its home slot
 constexpr uint32_t maxUnits = 1U << 24;  // limited by the bits of Word::unit
 constexpr uint32_t maxKeyBytes = 256;    // including padding
 constexpr uint32_t maxValueBytes = 1U << 24;
 
-// What a map holds, known to both sides at compile time.
+// The content of a map, known to both sides at compile time.
 struct Shape {
     uint32_t keyBytes;    // padded with zeros to whole words
     uint32_t valueBytes;  // of a value; of the longest list where values are lists
@@ -31,8 +31,8 @@ struct Shape {
     uint32_t list;        // 1: a value takes as many bytes as it needs, up to valueBytes
 
     constexpr uint32_t keyWords() const { return keyBytes / 8; }
-    // A block is {lead, key, value}. The lead is the value's length in bytes in a list map, whose
-    // blocks begin at any unit; else it is the use counter of the block's only unit.
+    // A block is {lead, key, value}. In a list map, whose blocks begin at any unit, the lead is the
+    // value's length in bytes; otherwise it is the use counter of the block's only unit.
     constexpr uint64_t blockBytes(uint64_t bytes) const {
         return 8 + keyBytes + (bytes + 7) / 8 * 8;
     }
@@ -44,16 +44,17 @@ struct Shape {
 
 struct VEL_EXPORT Geometry {
     Shape shape;
-    uint32_t capacity;     // most keys
+    uint32_t capacity;     // the largest number of keys
     uint32_t homes;        // slots that a key can hash to, a power of two; maxProbe more follow
     uint32_t ringRecords;  // a power of two
     uint32_t unitBytes;    // the heap is allocated in units of this size
     uint32_t units;
 
-    // `listBytes`: what the values of a list map may take together. Raises Vel::Error when the map
-    // would exceed what the layout can number.
+    // `listBytes`: the total size of all values of a list map. Raises Vel::Error if the map would
+    // exceed the limits of the layout.
     static Geometry of(const Shape& shape, uint32_t capacity, uint64_t listBytes);
-    // Whether `of` could have made these numbers. REQUIRED before anything below is computed.
+    // Whether `of` could have produced these numbers. Must be checked before any function below is
+    // called.
     bool sound() const;
 
     uint64_t slots() const { return uint64_t{homes} + maxProbe; }
@@ -69,12 +70,13 @@ struct VEL_EXPORT Geometry {
     uint32_t unitsFor(uint64_t bytes) const {
         return static_cast<uint32_t>((shape.blockBytes(bytes) + unitBytes - 1) / unitBytes);
     }
-    // Units in which a block can begin: its lead and its key then lie within the heap.
+    // Units in which a block can begin, so that its lead and key lie within the heap.
     uint32_t beginnings() const { return units - unitsFor(0) + 1; }
     bool operator==(const Geometry&) const = default;
 };
 
-// What never changes while a segment has its name. A segment gets its name when this is complete.
+// The part that never changes while a segment has its name. A segment gets its name when this part
+// is complete.
 struct Identity {
     uint64_t magic;
     uint32_t layoutVersion;
@@ -86,20 +88,22 @@ struct Identity {
 
 enum class Phase : uint32_t { mounting = 1, mounted, quiesced };
 
-// Written by the writer only. Each store that readers act upon is a release, each load of theirs an
-// acquire; what the pair orders is said at the member.
+// Written by the writer only. Each store that readers depend on is a release, each load of theirs
+// an acquire; each member says what the pair orders.
 struct Header {
     Identity identity;
-    // Release: whoever sees `mounted` sees the words put before; whoever sees `quiesced`, the last.
+    // Release: a reader that sees `mounted` sees the words stored before; one that sees `quiesced`,
+    // the last.
     std::atomic<uint32_t> phase;
     uint32_t reserved;
-    uint64_t wakeup;  // written by pwrite(2) to cause an inotify event; its value means nothing
-    // Writers so far. Release: whoever sees a new one sees the `head` at which it began.
+    uint64_t wakeup;  // written by pwrite(2) to cause an inotify event; the value has no meaning
+    // Number of writers so far. Release: a reader that sees a new writer sees the `head` at its
+    // start.
     alignas(64) std::atomic<uint64_t> writers;
-    // Changes published so far. Release: whoever sees it sees these records of the ring, and every
-    // word and block that they are about.
+    // Number of changes published so far. Release: a reader that sees a number sees these records
+    // of the change ring, and every word and block that they refer to.
     std::atomic<uint64_t> head;
-    // Keys. Relaxed: for people; nothing is derived from it.
+    // Number of keys. Relaxed: for display only; nothing is derived from it.
     std::atomic<uint64_t> count;
 };
 
@@ -117,9 +121,9 @@ inline uint64_t Geometry::indexAt() const {
     return sizeof(Header);
 }
 
-// A word of the index: the unit where the key's block begins, the unit's use counter when the
-// block was written, and eight bits of the hash that spare most comparisons with other keys. Use
-// counters begin at 1, so that no word in use is 0, which is the empty slot.
+// A word of the index: the unit at which the key's block begins, the unit's use counter when the
+// block was written, and eight bits of the hash, which avoid most comparisons with other keys. Use
+// counters begin at 1, so that no word in use is 0, which marks an empty slot.
 struct Word {
     uint64_t bits;
 

@@ -1,17 +1,17 @@
-// Shared maps as their users see them.
+// The public interface of shared maps.
 //
 //     using Counters = Shard::Map<LbId, CounterEntry>;
 //     Counters::Writer writer(space, "counters", 1023);     // in one process
 //     writer.mountComplete();
 //     writer.valueIs(key, entry);
-//     if (!writer.commit()) ...;                            // put everything again
+//     if (!writer.commit()) ...;                            // write everything again
 //     Counters::Reader reader(space, "counters");           // in any other
 //     reader.update(); reader.find(key, entry) == Shard::Lookup::found
 //
-// Map holds values of one type. ListMap holds for each key a list of up to `longest` records, put
-// as a span and found as a vector; the memory that it takes follows the lists' lengths. Keys and
+// Map holds values of one type. ListMap holds for each key a list of up to `longest` records,
+// written as a span and read as a vector; its memory use follows the lengths of the lists. Keys and
 // values are copied as bytes: both are trivially copyable, a key has no padding, and neither may
-// hold a pointer. Raise `schema` when the meaning of the bytes changes, so that an older reader
+// contain a pointer. Raise `schema` when the meaning of the bytes changes, so that an older reader
 // refuses the map.
 #pragma once
 
@@ -26,7 +26,7 @@
 
 namespace Shard {
 
-// A key as a segment holds it: whole words, padded with zeros.
+// A key as stored in a segment: whole words, padded with zeros.
 template <class Key>
 struct KeyWords {
     static_assert(std::is_trivially_copyable_v<Key>);
@@ -35,7 +35,7 @@ struct KeyWords {
     static constexpr size_t size = (sizeof(Key) + 7) / 8;
 
     KeyWords() = default;
-    // In whole words: a processor that loads a word just stored in parts stalls.
+    // Copied in whole words: loading a word whose parts have just been stored stalls the processor.
     explicit KeyWords(const Key& key) {
         for (size_t i = 0; i < size; ++i) {
             uint64_t word = 0;
@@ -54,7 +54,7 @@ struct KeyWords {
     std::array<uint64_t, size> words{};
 };
 
-// How values of one size are copied in and out.
+// How values of one size are copied into and out of a segment.
 template <class V>
 struct PlainValues {
     static_assert(std::is_trivially_copyable_v<V> && sizeof(V) <= maxValueBytes);
@@ -77,8 +77,8 @@ struct ListValues {
     using Input = std::span<const Record>;
     static constexpr uint32_t longest = records * sizeof(Record), list = 1;
 
-    // A length that is no multiple of a record's comes from damage; the list is then wrong, as any
-    // value in a damaged segment may be.
+    // A length that is not a multiple of a record's size is caused by damage; the list is then
+    // wrong, as any value in a damaged segment may be.
     static auto placeIn(Value& value) {
         return [&value](uint64_t bytes) {
             value.resize((bytes + sizeof(Record) - 1) / sizeof(Record));
@@ -95,18 +95,18 @@ struct TypedMap {
 
     class Writer : public MapWriter {
       public:
-        // `capacity`: most keys. `listBytes`: what all lists may take together.
+        // `capacity`: the largest number of keys. `listBytes`: the total size of all lists.
         Writer(const Namespace& space, const std::string& map, uint32_t capacity,
                uint64_t listBytes = 0)
             : MapWriter(space, map, shape, capacity, listBytes) {}
 
-        // Inserts or replaces. Raises Vel::Error when the list is too long or the map is full; the
-        // key then keeps the value that it has.
+        // Inserts or replaces. Raises Vel::Error if the list is too long or the map is full; the
+        // key then keeps its present value.
         void valueIs(const Key& key, typename Values::Input value) {
             const auto bytes = Values::bytesOf(value);
             put<shape>(KeyWords<Key>(key).data(), bytes.data(), bytes.size_bytes());
         }
-        // False when the key was not in the map.
+        // False if the key was not found.
         bool valueDel(const Key& key) { return erase(KeyWords<Key>(key).data()); }
         bool find(const Key& key, Value& value) const {
             return MapWriter::find<shape>(KeyWords<Key>(key).data(), Values::placeIn(value)) ==
@@ -119,12 +119,12 @@ struct TypedMap {
         Reader(const Namespace& space, const std::string& map) : MapReader(space, map, shape) {}
         explicit Reader(const Writer& writer) : MapReader(writer) {}
 
-        // `value` is the value only when it is found.
+        // `value` is valid only if the result is `found`.
         Lookup find(const Key& key, Value& value) const {
             return MapReader::find<shape>(KeyWords<Key>(key).data(), Values::placeIn(value));
         }
-        // Calls `visit(key, value)` for each entry that is present throughout, and perhaps for
-        // others. False when an entry was left out because it could not be read.
+        // Calls `visit(key, value)` for each entry that is present throughout the call, and
+        // possibly for others. False if an entry was omitted because it could not be read.
         template <class Visit>
         bool forEach(Visit&& visit) const {
             KeyWords<Key> key;
@@ -133,8 +133,8 @@ struct TypedMap {
                 key.words.data(), Values::placeIn(value),
                 [&](const uint64_t* words) { visit(KeyWords<Key>::keyOf(words), value); });
         }
-        // Calls `visit(key)` for each put or removal since the last call; the visitor looks up the
-        // value as it is now. See News for `everything`.
+        // Calls `visit(key)` for each change since the last call; the visitor looks up the current
+        // value. See News for the result `everything`.
         template <class Visit>
         News changes(Visit&& visit) {
             return MapReader::changes<shape>(

@@ -7,8 +7,11 @@
 namespace Shard {
 
 MapReader::MapReader(const Namespace& space, const std::string& map, const Shape& shape)
-    : space_(space), map_(map), shape_(shape), watch_(std::make_unique<Watch>(space.directory())) {
-    (void)space.fileOf(map);  // refuses what is no name
+    : space_(space),
+      map_(map),
+      shape_(shape),
+      watch_(std::make_unique<FileWatch>(space.directory())) {
+    (void)space.fileOf(map);  // raises an error for an invalid name
 }
 
 MapReader::MapReader(const MapWriter& writer)
@@ -40,13 +43,13 @@ MapState MapReader::update() {
     }
     if (standing == Standing::cut) {
         drop();
-        corruption("somebody changed the segment's size");
+        corruption("another process changed the segment's size");
     }
     if (!segment_ || state_ == MapState::quiesced) remount();
     return state_;
 }
 
-// Without a next segment the one that was mounted last stays readable.
+// Without a new segment, the last mounted one stays readable.
 void MapReader::remount() {
     refusal_.clear();
     try {

@@ -1,13 +1,13 @@
-// A reader of a shared map, in any process; the typed face of it is in Map.h.
+// A reader of a shared map, in any process; Map.h gives it typed keys and values.
 //
-// A reader may be made before there is a writer, and follows one writer after another. It opens and
-// maps the segment for reading only, so read access to the run directory and to the map's file is
-// all it needs. One thread.
+// A reader may exist before there is a writer, and follows one writer after another. It opens and
+// maps the segment read-only, so read access to the run directory and to the map's file suffices. A
+// reader is used by one thread.
 //
-// The way to follow a map: update(), look at the state and the changes, wait until fd() is readable
-// (or await), and repeat. Whatever happens after an update makes fd() readable: a commit, the
-// mount's completion, an orderly stop, a writer's death, a new segment. Lookups need none of that
-// and show each put at once.
+// To follow a map: update(), process the state and the changes, wait until fd() is readable (or
+// call await), and repeat. Every event after an update makes fd() readable: a commit, the
+// completion of the mount, an orderly stop, a writer's death, a new segment. Lookups need none of
+// that and see each write at once.
 #pragma once
 
 #include <chrono>
@@ -16,38 +16,38 @@
 #include <string>
 
 #include "platform/Export.h"
+#include "platform/shard/FileWatch.h"
 #include "platform/shard/MapWriter.h"
-#include "platform/shard/Watch.h"
 
 namespace Shard {
 
 enum class MapState {
-    absent,    // nothing has that name; nothing is found
-    refused,   // what has the name cannot be read: refusal() says why; nothing is found
-    mounting,  // a writer has begun and has not put everything yet
+    absent,    // no file has that name; lookups find nothing
+    refused,   // the file cannot be read, see refusal(); lookups find nothing
+    mounting,  // a writer has begun and has not written everything yet
     mounted,   // complete
-    quiesced   // the writer has stopped in order; its last values can still be read
+    quiesced   // the writer stopped in order; its last values can still be read
 };
 
 enum class News {
     none,
     keys,       // the visitor was called for each key that changed
-    everything  // a first look, a new writer, or more changes than the ring holds: walk the map
+    everything  // first call, a new writer, or more changes than the ring holds: walk the map
 };
 
 class VEL_EXPORT MapReader {
   public:
-    // Follows a map by name. The map's state is absent until the first update. Raises Vel::Error
-    // when the name is invalid or the kernel gives no descriptor.
+    // Follows a map by name. The map's state is absent until the first update. Raises Vel::Error if
+    // the name is invalid or the kernel provides no descriptor.
     MapReader(const Namespace& space, const std::string& map, const Shape& shape);
-    // Reads the map of a writer in the same process, through the same mapping. It has no descriptor
-    // to wait on, and stays with the segment that the writer has now.
+    // Reads the map of a writer in the same process, through the same mapping. Such a reader has no
+    // descriptor to wait on, and stays with the segment that the writer has at this time.
     explicit MapReader(const MapWriter& writer);
     ~MapReader();
     MapReader(const MapReader&) = delete;
     MapReader& operator=(const MapReader&) = delete;
 
-    // Takes in what has happened to the segment, and mounts the next where there is one.
+    // Processes what has happened to the segment, and mounts a new segment if one has the name.
     MapState update();
     MapState state() const { return state_; }
     const std::string& refusal() const { return refusal_; }
@@ -57,13 +57,13 @@ class VEL_EXPORT MapReader {
         return segment_ ? view_.header().count.load(std::memory_order_relaxed) : 0;
     }
 
-    // Readable when update() has something to take in; -1 for a reader of a writer's own mapping.
+    // Readable when update() has something to process; -1 for a reader of a writer's own mapping.
     int fd() const { return watch_ ? watch_->fd() : -1; }
-    // Waits until fd() is readable. True unless the time ran out.
+    // Waits until fd() is readable. False if the time ran out.
     bool await(std::chrono::milliseconds timeout) const;
 
-    // Failed lookups and lost segments that damage has caused so far. The handler is called at
-    // each.
+    // The number of failed lookups and lost segments caused by damage so far. The handler is called
+    // at each of them.
     uint64_t corruptions() const { return corruptions_; }
     void corruptionHandlerIs(std::function<void(const std::string& what)> handler) {
         corruptionHandler_ = std::move(handler);
@@ -79,8 +79,8 @@ class VEL_EXPORT MapReader {
             corruption("an entry contradicts the index");
         return result;
     }
-    // Calls `visit(key)` after each entry that was copied to `key` and `place`. False when an entry
-    // was left out because it could not be read.
+    // Calls `visit(key)` after each entry that was copied to `key` and `place`. False if an entry
+    // was omitted because it could not be read.
     template <Shape shape, class Place, class Visit>
     bool walk(uint64_t* key, Place&& place, Visit&& visit) const;
     // Calls `visit(key)` for each change since the last call; see News.
@@ -96,13 +96,13 @@ class VEL_EXPORT MapReader {
     std::optional<Namespace> space_;
     std::string map_;
     Shape shape_;
-    std::unique_ptr<Watch> watch_;
+    std::unique_ptr<FileWatch> watch_;
     std::shared_ptr<Segment> segment_;
     View view_;  // of segment_
     MapState state_{MapState::absent};
     std::string refusal_;
-    uint64_t seenWriters_{0};  // the header's `writers` at the last look; 0 before the first
-    uint64_t seen_{0};         // changes taken in; at most the header's `head` of that writer
+    uint64_t seenWriters_{0};  // the header's `writers` at the last update; 0 before the first
+    uint64_t seen_{0};         // changes processed; at most the header's `head` of that writer
     mutable uint64_t corruptions_{0};
     std::function<void(const std::string&)> corruptionHandler_;
 };

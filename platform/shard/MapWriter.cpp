@@ -17,7 +17,7 @@ MapWriter::~MapWriter() {
     quiesce();
 }
 
-// Takes over what stands under the name, or begins with an empty segment.
+// Takes over the segment of that name, or begins with an empty one.
 void MapWriter::open() {
     segment_ = Segment::own(space_, map_, geometry_);
     view_ = segment_->view();
@@ -36,9 +36,9 @@ void MapWriter::open() {
     extents_.reset(used);
 }
 
-// Takes the slot's word over, if it is one that a writer finished and that no other contradicts.
+// Takes over the slot's word if a writer completed it and no other word contradicts it.
 bool MapWriter::keep(uint64_t slot, std::vector<bool>& used) {
-    // Relaxed: the writer that stored this is dead, and its lock was ours after that.
+    // Relaxed: the writer that stored this is dead, and this writer acquired its lock afterwards.
     const Word word{view_.slot(slot).load(std::memory_order_relaxed)};
     if (word.empty() || word.unit() >= geometry_.beginnings() || count_ >= geometry_.capacity ||
         word.use() != view_.use(word.unit()).load(std::memory_order_relaxed)) {
@@ -73,7 +73,7 @@ void MapWriter::mountComplete() {
 
 bool MapWriter::commit() {
     if (!intact()) {
-        quiesce();  // sends the readers of this segment to the next
+        quiesce();  // makes the readers of this segment look for the next one
         open();
         clear();
         return false;
@@ -84,7 +84,7 @@ bool MapWriter::commit() {
     return true;
 }
 
-// Relaxed, and no atomic loads of the index at all: nobody else is to have stored here.
+// Relaxed, and the index without atomic loads: no other process is supposed to store here.
 bool MapWriter::intact() const {
     const Header& header = view_.header();
     return segment_->owned() && segment_->standing() == Standing::named &&

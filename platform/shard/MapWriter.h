@@ -1,19 +1,20 @@
-// The one writer of a shared map; the typed face of it is in Map.h.
+// The only writer of a shared map; Map.h gives it typed keys and values.
 //
-// A put or a removal is visible to lookups at once, by one store. Readers are told of changes when
-// the writer commits: a commit costs two system calls and a comparison of the index, so commit once
-// for what belongs together. The writer never waits for a reader. One thread.
+// A write or removal is visible to lookups at once, by one store. Readers are notified of changes
+// when the writer commits. A commit costs two system calls and a comparison of the index, so commit
+// once for changes that belong together. The writer never waits for a reader. It is used by one
+// thread.
 //
-// An orderly stop tells the readers and frees the name. After a writer that died, the next one of
-// the same shape and capacity finds every value that was put; an index word that somebody damaged
-// meanwhile costs its own key alone.
+// An orderly stop notifies the readers and frees the name. After a writer has died, the next one
+// with the same shape and capacity finds every value that was written; an index word that was
+// damaged since affects its own key only.
 //
-// A living writer reads nothing of the segment but use counters: what it decides follows from a
-// private copy of the index. Another process of the same user can therefore damage the segment, but
-// not the writer, and a commit notices what differs from the copy.
+// A living writer reads nothing of the segment but use counters: its decisions follow from a
+// private copy of the index. Another process of the same user can therefore damage the segment but
+// not the writer, and a commit detects what differs from the copy.
 //
-// A child forked without exec may destroy its copy of a writer, which changes nothing; but as long
-// as it lives it shares the lock, and would keep the next writer out.
+// A child forked without exec may destroy its copy of a writer without effect; but while the child
+// lives it shares the lock and keeps the next writer out.
 #pragma once
 
 #include <algorithm>
@@ -38,22 +39,23 @@ class VEL_EXPORT MapWriter {
 
     uint64_t count() const { return count_; }
 
-    // Tells readers that the map now holds all that it should.
+    // Tells readers that the map is complete.
     void mountComplete();
-    // Tells readers of the changes since the last commit. False when somebody had cut, damaged,
-    // unlinked or replaced the segment: a new, empty one has its name now; put everything again and
-    // end with mountComplete(). Raises Vel::Error when no new one can be made; the next commit then
-    // tries again.
+    // Notifies readers of the changes since the last commit. False if another process has
+    // truncated, damaged, unlinked or replaced the segment: a new, empty one then has its name;
+    // write everything again and end with mountComplete(). Raises Vel::Error if no new segment can
+    // be made; the next commit then tries again.
     [[nodiscard]] bool commit();
     // Removes all keys.
     void clear();
-    // Orderly stop: readers are told, the name is free, the writer can only be destroyed.
+    // Orderly stop: readers are notified and the name is free. The writer may only be destroyed
+    // then.
     void quiesce();
 
     const std::shared_ptr<Segment>& segment() const { return segment_; }
 
   protected:
-    // Inserts or replaces; raises Vel::Error when the list is too long or the map is full.
+    // Inserts or replaces; raises Vel::Error if the list is too long or the map is full.
     template <Shape shape>
     void put(const uint64_t* key, const void* value, uint64_t bytes);
     bool erase(const uint64_t* key);
@@ -69,7 +71,7 @@ class VEL_EXPORT MapWriter {
     bool keep(uint64_t slot, std::vector<bool>& used);
     bool intact() const;
     uint32_t keyWords() const { return geometry_.shape.keyWords(); }
-    // The slot that holds the key, else the first empty one for it, else `nowhere`.
+    // The slot that holds the key, else the first empty slot for it, else `nowhere`.
     uint64_t slotOf(const uint64_t* key, uint32_t keyWords, uint64_t hash) const;
     void wordIs(uint64_t slot, Word word);
     uint32_t room(uint64_t slot, uint32_t units);
@@ -94,8 +96,8 @@ class VEL_EXPORT MapWriter {
     std::vector<uint64_t> keys_;    // keyWords() a slot; valid where the slot's word is not empty
     std::vector<uint32_t> units_;   // of the slot's block; valid likewise
     uint64_t count_{0};             // words that are not empty; at most geometry_.capacity
-    uint64_t change_{0};            // changes so far, committed or not
-    uint64_t committed_{0};         // of these; the header's `head`
+    uint64_t change_{0};            // number of changes so far, committed or not
+    uint64_t committed_{0};         // number of changes committed; the header's `head`
     Phase phase_{Phase::mounting};  // the header's
 };
 
@@ -135,14 +137,14 @@ void MapWriter::put(const uint64_t* key, const void* value, uint64_t bytes) {
     noteChange(view_.record<shape>(change_), key, shape.keyBytes);
 }
 
-// Release: whoever sees the word sees the block that it names.
+// Release: a reader that sees the word sees the block that it refers to.
 inline void MapWriter::wordIs(uint64_t slot, Word word) {
     words_[slot] = word.bits;
     view_.slot(slot).store(word.bits, std::memory_order_release);
 }
 
-// Where the new block goes. The slot's old block is given back already, but what is given back
-// rests: nothing of it is written until the index word has been replaced.
+// The place of the new block. The slot's old block has been given back already, but extents given
+// back rest: none of it is overwritten before the index word has been replaced.
 inline uint32_t MapWriter::room(uint64_t slot, uint32_t units) {
     const Word old{words_[slot]};
     if (!old.empty() && units == units_[slot]) [[likely]] {
@@ -153,10 +155,10 @@ inline uint32_t MapWriter::room(uint64_t slot, uint32_t units) {
     return roomElsewhere(slot, units);
 }
 
-// From here on no reader accepts what it may be copying from these units: any of them may have been
-// the first of an extent. Relaxed load: only the writer stores here. Release: whoever sees the
-// raised counter sees the word that was replaced before; and the copy that follows is ordered
-// behind this store by its own releases.
+// From here on no reader accepts a copy made from these units: any of them may have been the first
+// of an extent. Relaxed load: only the writer stores here. Release: a reader that sees the raised
+// counter sees the word that was replaced before; and the copy that follows is ordered after this
+// store by its own releases.
 template <Shape shape>
 uint32_t MapWriter::reuse(uint32_t unit, uint32_t units) {
     const auto raise = [this](uint32_t i) {

@@ -1,9 +1,11 @@
-// Where the shared maps of one agent live: in its run directory, one file for each map. Agents with
-// different run directories never meet, and a reader finds its agent by that directory alone.
+// The place of the shared maps of one agent: its run directory, with one file for each map. Agents
+// with different run directories are independent, and a reader finds its agent by that directory
+// alone.
 //
-// The directory also says whom to trust and who may read. A map's file counts only when it belongs
-// to the directory's owner or to root and nobody else may write it. A directory of mode 0750 gives
-// its group the maps: their files then have mode 0640 and that group, else mode 0600.
+// The directory also decides whom to trust and who may read. A map's file is accepted only if it
+// belongs to the directory's owner or to root and nobody else may write it. A directory of mode
+// 0750 lets its group read the maps: their files then have mode 0640 and that group, otherwise mode
+// 0600.
 #pragma once
 
 #include <sys/types.h>
@@ -18,8 +20,8 @@ namespace Shard {
 
 class VEL_EXPORT Namespace {
   public:
-    // Looks at the directory once; its path is made canonical. Raises Vel::Error when there is
-    // none.
+    // Examines the directory once and makes its path canonical. Raises Vel::Error if it does not
+    // exist.
     explicit Namespace(const std::string& runDirectory);
 
     const std::string& directory() const { return directory_; }
@@ -27,7 +29,7 @@ class VEL_EXPORT Namespace {
     // Vel::Error for any other.
     std::string fileOf(std::string_view map) const;
     uid_t owner() const { return owner_; }
-    // The group that may read the maps; none if only the owner may.
+    // The group that may read the maps; empty if only the owner may.
     std::optional<gid_t> readers() const { return readers_; }
 
   private:

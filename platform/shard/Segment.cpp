@@ -38,13 +38,13 @@ bool sameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// Whether the name leads to this file.
+// Whether the name refers to this file.
 bool named(const std::string& file, int fd) {
     struct stat status {};
     return lstat(file.c_str(), &status) == 0 && sameFile(status, statusOf(fd));
 }
 
-// Never waits: not for the writer of a FIFO, a device, or the holder of a lease.
+// Opens without waiting for the writer of a FIFO, a device, or the holder of a lease.
 Descriptor openFile(const std::string& file, int access) {
     return Descriptor(open(file.c_str(), access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
@@ -54,7 +54,8 @@ bool trusted(const struct stat& status, const Namespace& space) {
            (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// False when a reader has locked the file to keep writers out. Raises Vel::Error when a writer has.
+// False if a reader has locked the file, which keeps writers out. Raises Vel::Error if a writer
+// has.
 bool lock(const std::string& map, int fd) {
     struct flock wanted = lockOf(F_WRLCK);
     if (fcntl(fd, F_OFD_SETLK, &wanted) == 0) return true;
@@ -65,14 +66,15 @@ bool lock(const std::string& map, int fd) {
     fail(map, "already has a writer (process " + std::to_string(pid) + ")");
 }
 
-// Removes what stands under the name and is no segment to take over.
+// Removes whatever has the name and is not a segment to take over.
 void clearName(const std::string& map, const std::string& file) {
     if (unlink(file.c_str()) == 0 || errno == ENOENT) return;
     const int error = errno;
     if (rmdir(file.c_str()) != 0) fail(map, "cannot replace " + file, error);
 }
 
-// The header's identity; none, and why, when this code cannot work on the segment.
+// The header's identity; empty, with the reason in `refusal`, if this code cannot work on the
+// segment.
 std::optional<Identity> identityOf(int fd, std::string& refusal) {
     Identity identity;
     const auto bytes = static_cast<uint64_t>(statusOf(fd).st_size);
@@ -109,7 +111,7 @@ std::string differences(const Shape& theirs, const Shape& ours) {
     return "has " + text(theirs) + "; expected " + text(ours);
 }
 
-// Lets the readers' group in, and nobody else.
+// Gives the readers' group access, and nobody else.
 void giveToReaders(const std::string& map, int fd, const Namespace& space) {
     const auto group = space.readers();
     if (group && fchown(fd, static_cast<uid_t>(-1), *group) != 0)
@@ -156,7 +158,7 @@ std::shared_ptr<Segment> Segment::own(const Namespace& space, const std::string&
                 return adopt(map, file, std::move(fd), *found);
             }
             if (ours) {
-                const Phase quiesced = Phase::quiesced;  // sends its readers to the one to come
+                const Phase quiesced = Phase::quiesced;  // readers look for the next segment
                 [[maybe_unused]] const auto written =
                     pwrite(fd.get(), &quiesced, sizeof quiesced, offsetof(Header, phase));
             }
@@ -164,10 +166,10 @@ std::shared_ptr<Segment> Segment::own(const Namespace& space, const std::string&
         }
         if (auto made = make(space, map, file, geometry)) return made;
     }
-    fail(map, "others keep replacing " + file);
+    fail(map, "other processes keep replacing " + file);
 }
 
-// Null when somebody took the name first.
+// Null if another process took the name first.
 std::shared_ptr<Segment> Segment::make(const Namespace& space, const std::string& map,
                                        const std::string& file, const Geometry& geometry) {
     Descriptor fd(
@@ -190,7 +192,7 @@ std::shared_ptr<Segment> Segment::make(const Namespace& space, const std::string
     return nullptr;
 }
 
-// Makes the writer of a segment whose lock is held and whose size is right.
+// Creates the writer's mapping of a segment whose lock is held and whose size is right.
 std::shared_ptr<Segment> Segment::adopt(const std::string& map, const std::string& file,
                                         Descriptor fd, const Identity& found) {
     void* base = mapping(fd.get(), found.geometry.totalBytes(), true);
@@ -217,7 +219,7 @@ std::shared_ptr<Segment> Segment::mount(const Namespace& space, const std::strin
                                         Descriptor fd, const Shape& shape, std::string& refusal) {
     refusal.clear();
     if (!trusted(statusOf(fd.get()), space)) {
-        refusal = "is no file of the run directory's owner that only its owner can write";
+        refusal = "does not belong to the run directory's owner, or others may write it";
         return nullptr;
     }
     const auto identity = identityOf(fd.get(), refusal);

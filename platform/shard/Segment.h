@@ -1,13 +1,13 @@
-// A mapped segment of shared memory under a name, and the rules for owning and mounting it.
+// A mapped segment of shared memory with a name, and the rules for owning and mounting it.
 //
-// A segment is a file in the run directory, on tmpfs where /run is. One writer owns it: it holds an
-// open-file-description lock on it, which the kernel releases when the writer dies. A segment gets
+// A segment is a file in the run directory, normally on tmpfs. One writer owns it: it holds an
+// open-file- description lock on it, which the kernel releases when the writer dies. A segment gets
 // its name when it is complete, and never changes its size or its geometry; one that no longer fits
-// is unlinked, and a new one takes its name. A segment and its mapping live as long as somebody in
-// this process holds the pointer.
+// is unlinked, and a new one takes its name. A segment and its mapping live as long as this process
+// holds a pointer to it.
 //
-// Whatever else stands under the name (a FIFO, a link, a device, another user's file) is never
-// waited for: a reader refuses it, a writer puts its segment in the place of it.
+// Any other file with that name (a FIFO, a link, a device, another user's file) is never waited
+// for: a reader refuses it, a writer replaces it by its segment.
 #pragma once
 
 #include <sys/stat.h>
@@ -41,24 +41,24 @@ class VEL_EXPORT Descriptor {
 };
 
 enum class Standing {
-    named,     // the name leads to this segment
-    unlinked,  // the name is free, or leads elsewhere
-    cut        // somebody changed the file's size: content is lost
+    named,     // the name refers to this segment
+    unlinked,  // the name is free, or refers to another file
+    cut        // another process changed the file's size: content is lost
 };
 
 class VEL_EXPORT Segment {
   public:
-    // The writer's way in: takes over the segment of that name, or makes a new, empty one where
-    // there is none that fits. Raises Vel::Error when a living writer owns it, when the run
-    // directory is another user's, or when there is no memory for it.
+    // For a writer: takes over the segment of that name, or makes a new, empty one if none fits.
+    // Raises Vel::Error if a living writer owns it, the run directory belongs to another user, or
+    // memory for it is not available.
     static std::shared_ptr<Segment> own(const Namespace& space, const std::string& map,
                                         const Geometry& geometry);
 
-    // The reader's way in, in two steps, so that a reader can watch the file before it looks at it.
-    // `find` gives no descriptor when there is no file of that name, and raises Vel::Error when it
-    // cannot be opened for reading.
+    // For a reader, in two steps, so that it can watch the file before it examines it. `find`
+    // returns no descriptor if no file has that name, and raises Vel::Error if it cannot be opened
+    // for reading.
     static Descriptor find(const Namespace& space, const std::string& map);
-    // Null when the segment cannot be used; `refusal` then says why.
+    // Null if the segment cannot be used; `refusal` then gives the reason.
     static std::shared_ptr<Segment> mount(const Namespace& space, const std::string& map,
                                           Descriptor fd, const Shape& shape, std::string& refusal);
 
@@ -72,7 +72,7 @@ class VEL_EXPORT Segment {
     Standing standing() const;
     // Whether a writer holds the lock.
     bool writerAlive() const;
-    // Whether the header still says what it said when this was mounted.
+    // Whether the header is still what it was when this was mounted.
     bool identityIntact() const;
 
     // For the owner only.
@@ -90,7 +90,7 @@ class VEL_EXPORT Segment {
 
     const std::string file_;
     const Descriptor fd_;
-    struct stat status_;  // when it was mounted
+    struct stat status_;  // at the time of mounting
     const Identity identity_;
     void* const base_;  // of a mapping of status_.st_size bytes
     std::optional<BusGuard> guard_;

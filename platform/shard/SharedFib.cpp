@@ -33,7 +33,7 @@ void SharedFib<Status>::publish() {
     try {
         if (!writer_) {
             writer_ = std::make_unique<typename Map::Writer>(space_, map_, maxFecs, maxViaBytes);
-            writer_->clear();  // of what an agent that died has left
+            writer_->clear();  // removes what a dead agent has left
         }
         if (incomplete_)
             for (const auto& [id, fec] : status_.fec()) changed_.insert(id);
@@ -42,7 +42,7 @@ void SharedFib<Status>::publish() {
         incomplete_ = !writer_->commit();
         if (incomplete_) {
             DUOLOG(shardTrace, 4, "shared map '", map_,
-                   "' was cut, damaged or replaced by another process: made anew");
+                   "' was truncated, damaged or replaced by another process and is created again");
             scheduler_.post(publication_);
         } else if (wasIncomplete) {
             writer_->mountComplete();
@@ -55,7 +55,7 @@ void SharedFib<Status>::publish() {
     }
 }
 
-// Removals first: they make room. A FEC that does not fit is not left with the vias that it had.
+// Removals first: they make room. A FEC that does not fit does not keep its previous vias.
 template <class Status>
 void SharedFib<Status>::copyChanges() {
     const std::set<Vel::U64> leftOutBefore = std::exchange(leftOut_, {});
@@ -68,13 +68,13 @@ void SharedFib<Status>::copyChanges() {
         leftOut_.insert(id);
         if (!leftOutBefore.contains(id))
             DUOLOG(shardTrace, 4, "shared map '", map_, "' is full: FEC ", id, " with ",
-                   fec->size(), " vias is left out");
+                   fec->size(), " vias is omitted");
     }
     changed_.clear();
 }
 
-// A value is written before the one that it replaces is given back; where there is no room for
-// both, the old one goes first.
+// A new value is written before the old one is released; if there is no room for both, the old one
+// is released first.
 template <class Status>
 bool SharedFib<Status>::put(Vel::U64 id, const Fib::Fec& fec) {
     do {

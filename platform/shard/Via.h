@@ -8,8 +8,8 @@
 
 namespace Shard::Fib {
 
-// One way to forward: next hop, interface, MPLS label and weight. A default via is the unresolved
-// via: no interface, no hop, no label.
+// One way to forward: next hop, interface, MPLS label and weight. A default-constructed via is the
+// unresolved via: no interface, no hop, no label.
 struct VEL_EXPORT Via {
     static constexpr Vel::U32 noLabel = 0x100000;  // one above the largest 20-bit label (RFC 3032)
 

@@ -1,12 +1,12 @@
-// The hot paths on a mapped segment, shared by readers in any process and by the writer for its own
-// lookups. A View holds pointers only; the Segment that owns the mapping outlives it.
+// Lookups in a mapped segment, used by readers in any process and by the writer. A View holds
+// pointers only; the Segment that owns the mapping outlives it.
 //
-// Nothing read from a segment is believed: indices are checked against the geometry taken at mount,
-// each loop is bounded, and a copy counts only when the use counter of its unit still is the one
-// that the index word names, which proves that nobody has begun to overwrite what was copied.
+// Nothing read from a segment is trusted: indices are checked against the geometry taken at mount,
+// each loop is bounded, and a copy is accepted only if the use counter of its unit still is the one
+// in the index word, which proves that the writer has not begun to overwrite what was copied.
 //
-// An empty slot does not end a search, so a key never has to move within the index, and a word that
-// somebody damaged costs its own key alone.
+// An empty slot does not end a search, so a key never has to move within the index, and a damaged
+// word affects its own key only.
 #pragma once
 
 #include "platform/shard/Copy.h"
@@ -17,8 +17,8 @@ namespace Shard {
 enum class Lookup {
     found,
     absent,
-    busy,    // the writer overwrote the entry during every attempt: ask again
-    corrupt  // a damaged word or block stands where the key may be; the value cannot be read
+    busy,    // the writer overwrote the entry during every attempt: try again
+    corrupt  // a word or block that may belong to the key is damaged
 };
 
 class View {
@@ -65,8 +65,8 @@ class View {
     uint64_t hash(const uint64_t* key, uint32_t words) const { return hashOf(key, words, seed_); }
     uint64_t home(uint64_t hash) const { return hash & (geometry_.homes - 1); }
 
-    // Copies the value of `key` to where `place(bytes)` says. What stands there after any answer
-    // but `found` is undefined.
+    // Copies the value of `key` to the address that `place(bytes)` returns. The content there is
+    // undefined after any result but `found`.
     template <Shape shape, class Place>
     Lookup find(const uint64_t* key, Place&& place) const {
         const uint64_t hash = this->hash(key, shape.keyWords());
@@ -76,12 +76,12 @@ class View {
         return findAgain<shape>(key, hash, place);
     }
 
-    // Copies key and value of the slot. A walk over all slots meets every entry that is present
-    // throughout exactly once, since none changes its slot.
+    // Copies key and value of the slot. A walk over all slots visits every entry that is present
+    // throughout exactly once, since no entry changes its slot.
     template <Shape shape, class Place>
     Lookup read(uint64_t slot, uint64_t* key, Place&& place) const {
         for (int attempt = 0; attempt < maxAttempts; ++attempt) {
-            // Acquire: the block is read after the word that names it.
+            // Acquire: the block is read after the word that refers to it.
             const Word word{index_[slot].load(std::memory_order_acquire)};
             if (word.empty()) return Lookup::absent;
             const auto take = [&](const uint64_t* stored) {
@@ -99,10 +99,10 @@ class View {
         return *reinterpret_cast<std::atomic<uint32_t>*>(uses_ + bytes);
     }
     uint64_t* blockAt(uint64_t bytes) const { return reinterpret_cast<uint64_t*>(heap_ + bytes); }
-    // Relaxed: set by a signal handler on this very thread, in the middle of the copy.
+    // Relaxed: set by a signal handler on this thread, in the middle of the copy.
     bool cut() const { return cut_->load(std::memory_order_relaxed); }
-    // Used up only by a writer that rewrites one key all the time while the machine keeps
-    // suspending the reader.
+    // Exhausted only if the writer rewrites one key continuously while the machine keeps suspending
+    // the reader.
     static constexpr int maxAttempts = 64;
 
     template <Shape shape, class Place>
@@ -120,7 +120,7 @@ class View {
         const Slot* const first = index_ + home(hash);
         Lookup unlessFound = Lookup::absent;
         for (const Slot* slot = first; slot != first + maxProbe; ++slot) {
-            // Acquire: the block is read after the word that names it.
+            // Acquire: the block is read after the word that refers to it.
             const Word word{slot->load(std::memory_order_acquire)};
             if (word.tag() != tag || word.empty()) continue;
             const auto same = [key](const uint64_t* stored) {
@@ -137,8 +137,8 @@ class View {
         return cut() ? Lookup::corrupt : unlessFound;
     }
 
-    // The value of the block that `word`, found in `slot`, points to, if `wanted(its key)`.
-    // `absent` when not wanted; `busy` when the block was reused meanwhile.
+    // The value of the block that `word`, found in `slot`, refers to, if `wanted(its key)`.
+    // `absent` if not wanted; `busy` if the block was reused meanwhile.
     template <Shape shape, class Wanted, class Place>
     Lookup visit(const Slot& slot, Word word, const Wanted& wanted, Place& place) const {
         const uint32_t unit = word.unit();
@@ -159,32 +159,33 @@ class View {
         return verdict<shape>(slot, word, Lookup::found);
     }
 
-    // `result`, which was derived from the block that `word` names, if the block was valid all the
-    // time. The acquire loads, or the fence, of the copy keep this load behind the copy. Acquire
-    // itself is for replacedOrDamaged(), and pairs with the release in MapWriter::reuse.
+    // Returns `result`, which was derived from the block that `word` refers to, if the block was
+    // valid all the time. The acquire loads, or the fence, of the copy order this load after the
+    // copy. Acquire is for replacedOrDamaged(), and pairs with the release in MapWriter::reuse.
     template <Shape shape>
     Lookup verdict(const Slot& slot, Word word, Lookup result) const {
         if (use<shape>(word.unit()).load(std::memory_order_acquire) != word.use()) [[unlikely]]
             return replacedOrDamaged(slot, word);
         return cut() ? Lookup::corrupt : result;
     }
-    // The writer replaces the word that names a block before it overwrites the block, so a word
-    // that still names one whose counter differs is damaged. Acquire: the counter was loaded with
-    // acquire, so this load cannot see an older word than the one replaced before the counter rose.
+    // The writer replaces the word that refers to a block before it overwrites the block, so a word
+    // that still refers to one with another counter is damaged. Acquire: the counter was loaded
+    // with acquire, so this load cannot see an older word than the one replaced before the counter
+    // was raised.
     [[gnu::cold, gnu::noinline]] Lookup replacedOrDamaged(const Slot& slot, Word word) const {
         const bool replaced = slot.load(std::memory_order_acquire) != word.bits;
         return replaced && !cut() ? Lookup::busy : Lookup::corrupt;
     }
 
-    // All into one mapping of geometry_.totalBytes(); what is private (geometry, seed) was checked
-    // at mount and is never read from the segment again.
+    // Pointers into one mapping of geometry_.totalBytes(). Private copies (geometry, seed) were
+    // checked at mount and are never read from the segment again.
     Header* header_{nullptr};
     Slot* index_{nullptr};
     std::byte* uses_{nullptr};
     std::byte* ring_{nullptr};
     std::byte* heap_{nullptr};
     Geometry geometry_{};
-    uint32_t beginnings_{0};  // a word's unit is below this
+    uint32_t beginnings_{0};  // upper bound of a word's unit
     uint64_t seed_{0};
     const std::atomic<bool>* cut_{nullptr};  // of the mapping's BusGuard
 };

@@ -58,7 +58,7 @@ void textSinkIs(int fd) {
     if (fd < 0) return textSinkIs(nullptr);
     textSinkIs([fd](const Ringlog::Line& record) {
         const std::string text = record.line + '\n';
-        // A line that cannot be written is lost; the ring still has the record.
+        // A line that cannot be written is lost; its record is still in the ring.
         [[maybe_unused]] const ssize_t written = write(fd, text.data(), text.size());
     });
 }

@@ -4,22 +4,22 @@
 //     DUOLOG(pathTrace, 7, "Adding pathIndex: ", index, " to site ", siteGroupKey);
 //     DUOLOG_ENTRY(pathTrace);        // in a handler, first: the function's name, level 8
 //
-// The text is all of them one after the other, as an ostream would write them; small integers are
-// numbers. The level is tested first, and the values are evaluated only when the site is on.
-// Records go to the ring (Ringlog.h, which also says what time a record has) and, if set, to the
-// text sink and the capture. The function that traces is shown with each record.
+// The record's text is all of them one after the other, as an ostream would write them; integers of
+// one byte are written as numbers. The level is tested first; the values are evaluated only when
+// the call site is on. Records are written to the ring (Ringlog.h, which also defines a record's
+// time) and, where they are set, to the text sink and the capture. Each record is shown with the
+// function that traced it.
 //
 // How a value is recorded:
-//   - strings and arrays of characters, and whatever has str() giving a string: up to maxString
-//     bytes are copied;
-//   - trivially copyable values: their bytes. stringValue() or operator<< makes the text when the
-//     trace is read, so such a value must not point at anything that lives shorter;
-//   - anything else: its text, made at the call, up to maxRendered bytes. If that throws, the
-//   record
-//     is dropped and counted.
-// An ellipsis stands for what is cut off; a UTF-8 character is kept whole or cut off whole.
+//   - strings, character arrays, and types whose str() gives a string: up to maxString bytes are
+//     copied;
+//   - trivially copyable values: their bytes are copied. stringValue() or operator<< makes the text
+//     when the trace is read, so such a value must not point at anything with a shorter lifetime;
+//   - any other value: its text is made at the call, up to maxRendered bytes. If making it throws,
+//     the record is dropped and counted.
+// An ellipsis replaces what is cut off; a UTF-8 character is never cut in half.
 //
-// One thread, the event thread, traces. Template commas in arguments need parentheses.
+// Only the event thread may trace. An argument with a template comma needs parentheses.
 #pragma once
 
 #include <algorithm>
@@ -44,17 +44,17 @@ inline constexpr size_t maxString = 128;
 inline constexpr size_t maxRendered = 512;
 inline constexpr int entryLevel = 8;
 
-// Receives each record as it comes. An empty function switches text off. What a sink itself traces
-// reaches the ring only.
+// Sets the function that receives each record when it is made. An empty function switches the text
+// sink off. Records that the sink itself makes reach the ring only.
 VEL_EXPORT void textSinkIs(std::function<void(const Ringlog::Line&)> sink);
-// Writes the lines to a file descriptor; a negative one switches text off.
+// The same, writing each line to a file descriptor; a negative one switches the text sink off.
 VEL_EXPORT void textSinkIs(int fd);
 
-// Appends the bare text of each record (no time, facility, function or place) while set; null ends
-// it. For tests.
+// Appends the bare text of each record (no time, facility, function or place) to `texts` until it
+// is called with null. For tests.
 VEL_EXPORT void captureIs(std::vector<std::string>* texts);
 
-// Gives the newest record to sink and capture.
+// Passes the newest record to the text sink and the capture.
 VEL_EXPORT void deliver();
 
 namespace Detail {
@@ -74,8 +74,9 @@ concept Streamable = requires(std::ostream& out, const T& value) {
     out << value;
 };
 
-// Which arguments of a call site are phrases, read off their spelling: the type of a literal is
-// that of any array of constant characters, which may live shorter than the record.
+// Which arguments of a call site are phrases. They are recognised by their spelling, because the
+// type of a literal is that of any array of constant characters, which may have a shorter lifetime
+// than the record.
 struct Spelling {
     size_t count = 0;      // arguments
     uint32_t phrases = 0;  // a bit per argument, the first one lowest
@@ -110,13 +111,13 @@ consteval Spelling spellingOf(std::string_view args) {
     return result;
 }
 
-// A phrase stays where it is: the site keeps its address, a record nothing.
+// A phrase is not copied: the site keeps its address, and the record holds nothing for it.
 struct Phrase {
     const char* text;
 };
 
-// How arguments reach the recorder: phrases and characters as what they are, other values that fit
-// into registers by value, else by reference.
+// How arguments are passed to the recorder: phrases and character arrays as such, other values that
+// fit into registers by value, the rest by reference.
 template <bool isPhrase, class T>
 struct PassedAs {
     using Value = std::remove_cv_t<T>;
@@ -154,9 +155,9 @@ void renderValue(const T& value, std::string& out) {
     }
 }
 
-// The encodings in the ring: a text as its full length and as much of it as is kept, the bytes of a
-// value, nothing of a phrase. Each has its bound at compile time, and says whether writing it may
-// run code that traces or throws; a str() that is noexcept does neither.
+// The encodings in the ring: a text as its full length and the bytes kept of it, a value as its
+// bytes, a phrase as nothing. Each gives its largest size at compile time, and says whether
+// encoding a value may run code that traces or throws; a str() that is noexcept does neither.
 template <size_t bound>
 struct Text {
     static constexpr size_t maxSize = sizeof(uint16_t) + bound;
@@ -182,7 +183,7 @@ struct Text {
     }
 };
 
-// Any value without a better encoding: its text, made at the call.
+// The fallback for types without a better encoding: the value's text, made at the call.
 template <class T>
 struct Piece : Text<maxRendered> {
     static constexpr bool callsOut = true;
@@ -258,8 +259,8 @@ const char* phraseOf([[maybe_unused]] const T& arg) {
         return nullptr;
 }
 
-// Writes the arguments behind the header of the next record and returns their end; null if that
-// failed. What code of others traces while it writes them is dropped.
+// Writes the arguments behind the header of the next record and returns their end, or null if that
+// failed. Records that the arguments' own code makes meanwhile are dropped.
 template <class... Args>
 uint8_t* putAll(const Args&... args) {
     uint8_t* out = Ringlog::recordBegin() + sizeof(Ringlog::Header);
@@ -277,7 +278,8 @@ uint8_t* putAll(const Args&... args) {
     return out;
 }
 
-// The first record of a site or of an event, one that is dropped, one that somebody wants as text.
+// Makes the records that need more than copying: the first of a site or of an event, one to be
+// dropped, one to be delivered as text.
 template <class... Args>
 [[gnu::noinline, gnu::cold]] void recordWithAttention(Ringlog::Site& site, Args... args) {
     if (!Ringlog::prepare()) return;
@@ -291,8 +293,8 @@ template <class... Args>
     }
 }
 
-// Out of line and the same for all sites with these argument types, so that a call site costs its
-// handler no more than the level's test and a jump.
+// Out of line and shared by all sites with these argument types, so that a call site adds no more
+// to its handler than a test of the level and a jump.
 template <class... Args>
 [[gnu::noinline]] void record(Ringlog::Site& site, Args... args) {
     static_assert(sizeof...(Args) <= Ringlog::maxPieces);

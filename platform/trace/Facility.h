@@ -3,8 +3,9 @@
 //
 //     inline Duolog::Facility pathTrace{"path"};
 //
-// Facilities are never destroyed before the process ends: trace records refer to them. Levels may
-// be changed at any time, on the event thread. A call site of level L traces while L <= level().
+// A facility is never destroyed before the process ends, because trace records refer to it. Levels
+// may be changed at any time, on the event thread. A call site of level L traces while L <=
+// level().
 #pragma once
 
 #include <string_view>
@@ -19,7 +20,8 @@ class VEL_EXPORT Facility {
   public:
     static constexpr int defaultLevel = 5;
 
-    // `name` is a literal. The level is that of the newest levelIs("*", ...), else defaultLevel.
+    // `name` is a literal. The initial level is that of the newest levelIs("*", ...), else
+    // defaultLevel.
     explicit Facility(const char* name);
     Facility(const Facility&) = delete;
     Facility& operator=(const Facility&) = delete;
@@ -36,8 +38,8 @@ class VEL_EXPORT Facility {
     Facility* next_;  // in the list of all facilities, newest first
 };
 
-// Sets the level of the facilities of that name; "*" means all, and those that are added later.
-// Returns false if the name is not found.
+// Sets the level of the facilities with that name; "*" means all, including those added later.
+// Returns false if no facility has that name.
 VEL_EXPORT bool levelIs(std::string_view name, int level);
 
 // Name and level of each facility, sorted by name.

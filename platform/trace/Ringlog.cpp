@@ -17,11 +17,11 @@ namespace {
 
 alignas(64) uint8_t memory[capacity + maxRecord];
 
-jmp_buf* rendering = nullptr;  // where a rendering that cannot go on returns to
+jmp_buf* rendering = nullptr;  // where a rendering that cannot continue returns to
 
-// While one exists no record is made, and an assertion that fails ends the rendering of a value
-// instead of the process. Where no exception can leave, the calls of the rendering are abandoned
-// with all they hold: that leaks, but a post-mortem has no other chance to get to its end.
+// While one exists no record is made, and a failed assertion ends the rendering of a value instead
+// of the process. If no exception can leave, the calls of the rendering are abandoned with all they
+// hold: that leaks, but a post-mortem cannot reach its end in any other way.
 class Reading {
   public:
     Reading()
@@ -124,7 +124,7 @@ bool writeAll(int fd, std::string_view text) {
     return true;
 }
 
-// The length of the UTF-8 sequence that a lead byte announces; 0 for a byte that leads none.
+// The length of the UTF-8 sequence that starts with this lead byte; 0 if it is no lead byte.
 size_t sequenceLength(unsigned char lead) {
     if (lead < 0x80) return 1;
     if (lead >= 0xC2 && lead <= 0xDF) return 2;
@@ -136,7 +136,7 @@ bool continues(char c) {
     return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-// How many bytes at the front of the text are one printable character; 0 if they are none.
+// How many bytes at the front of the text form one printable character; 0 if they form none.
 size_t printable(std::string_view text) {
     const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
     const size_t length = sequenceLength(byte(0));

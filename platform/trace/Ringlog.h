@@ -1,17 +1,17 @@
 // The process-wide ring of trace records. It holds the newest megabyte of records; older ones are
-// overwritten. A call site writes binary: the address of its constant part, the time, and copies of
-// the arguments' bytes. Text is made only when somebody reads.
+// overwritten. A call site writes binary data: the address of its constant part, the time, and
+// copies of the arguments' bytes. Text is made only when a record is read or delivered.
 //
 // There is one ring, in libVel, for the one event thread: only that thread may write or read it,
 // and no function here is for signal handlers. Call sites use Duolog.h instead of this header.
 //
-// What always holds:
-// - A record made while another record's arguments are rendered, or while the ring is read, is
+// Invariants:
+// - A record made while the arguments of another are rendered, or while the ring is read, is
 //   dropped and counted. So a reader sees whole records only.
-// - All records of one event, that is of one outermost notification, carry the time of its first
-//   record; outside a notification each record takes its own time. A record keeps its time.
-// - Reading never fails because of what a record holds: a value that cannot be rendered is shown as
-//   "(unreadable)", also when rendering breaks an assertion, be it in a noexcept function.
+// - All records of one event, that is of one outermost notification, have the time of its first
+//   record; outside a notification each record has its own time. A record's time never changes.
+// - Reading never fails because of a record's content: a value that cannot be rendered is shown as
+//   "(unreadable)", even if rendering it breaks an assertion, also in a noexcept function.
 #pragma once
 
 #include <array>
@@ -32,8 +32,8 @@ inline constexpr size_t capacity = size_t{1} << 20;
 inline constexpr size_t maxRecord = 2048;  // bytes, header included
 inline constexpr size_t maxPieces = 16;    // phrases and values of one call site
 
-// The constant part of all records of one call site. `render` and `phrases` depend on the types of
-// the arguments and are filled in by the first record.
+// The constant part of all records of one call site. The first record fills in `render` and
+// `phrases`, which depend on the argument types.
 struct Site {
     const Duolog::Facility& facility;
     const char* function;
@@ -44,7 +44,7 @@ struct Site {
     std::array<const char*, maxPieces> phrases{};
 };
 
-// What a record begins with; its arguments follow. Records lie back to back at positions that only
+// The header of a record; its arguments follow. Records lie back to back at positions that only
 // grow; position p is at memory[p % capacity].
 struct Header {
     const Site* site;
@@ -54,21 +54,22 @@ struct Header {
 };
 static_assert(sizeof(Header) == 24 && maxRecord % 8 == 0);
 
-// Why the next record cannot simply be made of the arguments; bits of State::attention.
+// Reasons why the next record needs attention (see prepare()); bits of State::attention.
 enum Attention : uint8_t {
-    busy = 1,      // arguments are rendered or the ring is read: the record is dropped
-    untimed = 2,   // no time was taken for the present event; always, outside of events
-    delivers = 4,  // somebody wants text as records come
+    busy = 1,      // arguments are being rendered or the ring read: the record is dropped
+    untimed = 2,   // the current event has no time yet; always set outside events
+    delivers = 4,  // a text sink or a capture is set
 };
 
 struct State {
-    uint8_t* memory;        // capacity bytes, and maxRecord more so that no record is split
+    uint8_t* memory;        // capacity bytes, plus maxRecord so that no record is split
     uint64_t head = 0;      // position of the next record, a multiple of 8
-    int64_t time = 0;       // of the next record, unless it is untimed
+    int64_t time = 0;       // of the next record, unless `untimed` is set
     uint64_t dropped = 0;   // records dropped since the process began
     uint32_t lastSize = 0;  // of the newest record; 0 while there is none
     uint8_t attention = untimed;
-    // Whether an event is under way, at whose end newEvent() is called. Null: there are none.
+    // Says whether an event is in progress, at whose end newEvent() is called. Null: events are not
+    // used.
     bool (*inEvent)() = nullptr;
 };
 VEL_EXPORT extern State state;
@@ -85,21 +86,21 @@ class Busy {
     const uint8_t before_;
 };
 
-// Called as an outermost notification begins, and at the end of what inEvent() told of.
+// Called when an outermost notification begins, and when an event that inEvent() reported ends.
 inline void newEvent() {
     state.attention |= untimed;
 }
 
-// For a record that needs attention: drops it, or takes its time. False if it was dropped.
+// Prepares a record that needs attention: takes its time. Returns false if it is to be dropped.
 VEL_EXPORT bool prepare();
 
-// Where the next record goes: its header, then at most maxRecord - sizeof(Header) bytes of
+// The place of the next record: its header, followed by at most maxRecord - sizeof(Header) bytes of
 // arguments.
 inline uint8_t* recordBegin() {
     return state.memory + state.head % capacity;
 }
 
-// Makes a record of the bytes between `at`, which recordBegin() gave, and `end`.
+// Completes the record between `at`, which recordBegin() returned, and `end`.
 inline void commit(const Site& site, uint8_t* at, const uint8_t* end) {
     const auto size = (static_cast<uint32_t>(end - at) + 7) & ~uint32_t{7};
     ::new (static_cast<void*>(at)) Header{&site, state.time, size, state.lastSize};
@@ -123,11 +124,11 @@ struct Line {
 // The newest `count` records, oldest first.
 VEL_EXPORT std::vector<std::string> last(size_t count);
 
-// The newest record. REQUIRES: there is one.
+// The newest record. REQUIRES: the ring is not empty.
 VEL_EXPORT Line newest();
 
-// Writes all records to a file descriptor, a line each, then how many were dropped. Stops at the
-// first error of the descriptor.
+// Writes all records to a file descriptor, one a line, then the number of dropped records. Stops at
+// the first write error.
 VEL_EXPORT void dump(int fd);
 
 // Replaces control characters and bytes that are not UTF-8, from `begin` on, by \xHH.

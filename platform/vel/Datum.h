@@ -17,7 +17,7 @@ struct Datum {
     using List = std::vector<Datum>;
     using Members = std::vector<DatumMember>;  // in order, names unique
 
-    // monostate is null. A negative number is a double, and so is one with a fraction.
+    // monostate is null. Negative numbers and numbers with a fraction are doubles.
     std::variant<std::monostate, bool, U64, double, String, List, Members, Secret> value;
 
     bool isNull() const { return value.index() == 0; }

@@ -1,7 +1,7 @@
-// The constant descriptors of an entity type: the names of its attributes, and how code that knows
-// only these names reads, writes, walks and follows them. Writes go through the setters, so they
-// notify like any other. Text that does not fit throws Vel::Error with the reason; the caller adds
-// the place.
+// The constant descriptors of an entity type: the names of its attributes, and functions by which
+// code that knows only these names reads, writes, walks and subscribes to them. Writes go through
+// the setters, so they notify like any other. A text that does not fit raises Vel::Error with the
+// reason; the caller adds the place.
 #pragma once
 
 #include <array>
@@ -20,7 +20,7 @@ namespace Vel {
 class Entity;
 struct TypeDescriptor;
 
-// What kind of attribute it is decides which of the functions it has:
+// The kind of an attribute decides which of the functions it has:
 //
 //   key               get, keyOf
 //   plain             get, set, check
@@ -39,19 +39,19 @@ struct Attribute {
 
     Datum (*get)(const Entity&) = nullptr;
     void (*set)(Entity&, const Datum&) = nullptr;
-    void (*check)(const Datum&) = nullptr;         // throws what set would refuse
-    std::string (*keyOf)(const Datum&) = nullptr;  // the text of the key that the datum is
+    void (*check)(const Datum&) = nullptr;         // throws the error that set would
+    std::string (*keyOf)(const Datum&) = nullptr;  // the key text for a datum
 
-    std::vector<std::string> (*keys)(const Entity&) = nullptr;  // in walking order
-    std::string (*keyText)(const void* key) = nullptr;          // of a notification's key
-    std::string (*normalKey)(std::string_view) = nullptr;       // as keyText would write it
+    std::vector<std::string> (*keys)(const Entity&) = nullptr;  // in iteration order
+    std::string (*keyText)(const void* key) = nullptr;          // for the key of a notification
+    std::string (*normalKey)(std::string_view) = nullptr;       // in the form of keyText
     std::optional<Datum> (*getAt)(const Entity&, std::string_view key) = nullptr;
     void (*setAt)(Entity&, std::string_view key, const Datum&) = nullptr;
-    void (*checkAt)(std::string_view key, const Datum&) = nullptr;  // what setAt would refuse
+    void (*checkAt)(std::string_view key, const Datum&) = nullptr;  // throws the errors of setAt
     Entity* (*find)(const Entity&, std::string_view key) = nullptr;
-    // Get or create; a new one is given to `init` before it is announced.
+    // Get or create; `init` fills a new element before its insertion is announced.
     Entity& (*create)(Entity&, std::string_view key, const Init& init) = nullptr;
-    bool (*eraseAt)(Entity&, std::string_view key) = nullptr;  // false: there was none
+    bool (*eraseAt)(Entity&, std::string_view key) = nullptr;  // false: not found
 
     bool keyed() const { return kind != Kind::key && kind != Kind::plain && kind != Kind::child; }
 };
@@ -68,13 +68,13 @@ struct VEL_EXPORT TypeDescriptor {
     const char* name;
     const Attribute* attributes;  // by ordinal
     size_t count;
-    mutable U32 live = 0;  // objects alive, counted in debug builds
+    mutable U32 live = 0;  // living objects, counted in debug builds
     const TypeDescriptor* next;
 
-    static const TypeDescriptor* all;  // every type of the process, linked by next
+    static const TypeDescriptor* all;  // the types of the process, linked by next
 };
 
-// Live objects by type name, those above zero. Empty in builds without assertions.
+// Counts of living objects by type name, without zeros. Empty in builds without assertions.
 VEL_EXPORT std::map<std::string, U32> liveObjects();
 
 // The entity as data: its attributes in order of declaration.
@@ -129,7 +129,7 @@ constexpr Attribute plainAttribute(std::string_view name) {
         .check = [](const Datum& d) { (void)Codec<V>::fromDatum(d); }};
 }
 
-// What all keyed attributes share.
+// The functions that all keyed attributes have.
 template <class C, class Key, auto store, auto del>
 constexpr Attribute keyedAttribute(std::string_view name, Attribute::Kind kind) {
     using Store = std::remove_cvref_t<decltype(std::declval<C>().*store)>;
@@ -199,7 +199,7 @@ constexpr Attribute mapAttribute(std::string_view name) {
     return a;
 }
 
-// The key may be left out of the object; if it is given, it must be this one.
+// The key may be omitted from the object; if present, it must be this one.
 template <class Key, class Value, Key Value::*field>
 Value keyedValue(std::string_view text, const Datum& d) {
     Value value = Codec<Value>::fromDatum(d);
@@ -269,8 +269,8 @@ constexpr Attribute childAttribute(std::string_view name) {
 template <U16 n>
 using OrdinalTag = std::integral_constant<U16, n>;
 
-// A rank converts to every lower one, and best to the next: of functions that take ranks, overload
-// resolution takes the one with the highest.
+// A rank converts to every lower rank and prefers the next one, so overload resolution between
+// functions that take ranks selects the highest.
 template <U16 n>
 struct Rank : Rank<n - 1> {};
 template <>

@@ -1,4 +1,4 @@
-// Entities: typed attributes and keyed collections that notify whoever subscribed to them.
+// Entities: typed attributes and keyed collections that notify their subscribers.
 //
 // An entity is declared one attribute a line:
 //
@@ -7,8 +7,8 @@
 //         VEL_COLLECTION(PathKey, PathConfigEntry, pathConfigEntry)
 //     };
 //
-// and its source holds VEL_DEFINE(Nav, PathConfig), which collects the descriptors into the type's
-// constant table. The names that a line gives:
+// and its source contains VEL_DEFINE(Nav, PathConfig), which collects the descriptors into the
+// type's constant table. Members that each line declares:
 //
 // clang-format off
 //     VEL_ENTITY(Type, T, key)        key(); a constructor from it; never changes
@@ -24,36 +24,37 @@
 //     VEL_CHILD(T, c)                 c() or null, cIs(name) get or create, cDel()
 // clang-format on
 //
-// and with each, `aAttr` to subscribe with. What always holds:
+// and with each, `aAttr` to subscribe with.
 //
-// - Setting the value that is already there stores nothing and calls nobody. (A NaN is the same
-//   value as another NaN.)
-// - Otherwise the value is stored first, then the attribute's subscribers are called, in
-//   subscription order, before the setter returns. A handler that sets something runs that to its
-//   end first. A subscription that begins during a round is not called in it, one that ends during
-//   it is not called any more. More than 64 rounds inside one another stop the process.
-// - A collection tells key by key: after an insertion, after a changed value, after a removal. The
-//   receiver looks the key up in the state as it is now. A removed element is out of the collection
-//   but alive and whole while subscribers are called; what it contains is destroyed without
-//   notification. DelAll removes what was there at the call; what handlers add meanwhile stays.
-// - An initialiser fills a new element before it is inserted. If it inserts an element under the
-//   same key itself, that one stays and is returned, and the one that the initialiser was given is
-//   dropped.
-// - A subscriber that throws keeps no other from its call: every subscriber of the round, and every
-//   key of a DelAll, is told, and the first error reaches the caller of the setter. What was stored
-//   stays. An initialiser that throws inserts nothing. A subscriber that throws while a destructor
-//   runs stops the process with the names of both.
-// - Walks: see Unordered.h.
+// Rules:
 //
-// How long what an accessor returns may be used:
+// - Setting an attribute to the value it has stores nothing and notifies nobody. (A NaN equals
+//   another NaN.)
+// - Any other value is stored first; then the attribute's subscribers are called, in subscription
+//   order, before the setter returns. If a handler sets something, that notification runs to its
+//   end first. A subscription that begins during a round is not called in that round; one that ends
+//   during a round is not called any more. More than 64 nested rounds stop the process.
+// - A collection notifies key by key: after an insertion, after a changed value, after a removal.
+//   The receiver looks the key up in the state as it is now. A removed element is no longer in the
+//   collection but alive and complete while subscribers are called; its own content is destroyed
+//   without notification. DelAll removes the elements present at the call and keeps those that
+//   handlers add meanwhile.
+// - An initialiser fills a new element before it is inserted. If the initialiser itself inserts an
+//   element under the same key, that element stays and is returned, and the new one is dropped.
+// - An exception in a subscriber does not keep others from being called: every subscriber of the
+//   round, and every key of a DelAll, is notified, and the first error is thrown to the caller of
+//   the setter. The stored value stays. An initialiser that throws inserts nothing. If a subscriber
+//   throws while a destructor runs, the process stops and names both.
+// - Iteration: see Unordered.h.
+//
+// How long the result of an accessor may be used:
 //
 // - the reference that a() returns: while the entity lives; it shows later values too;
-// - the element that c(key), cIs(key) or c() returns: while it is in its collection, and as long as
-//   a Hold exists, so throughout any handler. A subscriber of the insertion may have removed it:
-//   take a Hold around cIs to use its result whatever happened;
-// - the value that m(key) returns, by pointer: until the next insertion into the map or the next
-//   removal from it. (A walk yields copies,
-//   which are the loop's own.)
+// - the element that c(key), cIs(key) or c() returns: while it is in its collection, and while a
+//   Hold exists, so throughout any handler. A subscriber of the insertion may have removed it: take
+//   a Hold around cIs to use its result in any case;
+// - the pointer that m(key) returns: until the next insertion into or removal from the map.
+//   (Iteration yields copies.)
 // - the child that c() or cIs(name) returns: as an element.
 #pragma once
 
@@ -71,8 +72,8 @@ class VEL_EXPORT Entity : public Object {
   public:
     virtual const TypeDescriptor& type() const = 0;
 
-    // Subscribes to every change of this entity; the function gets the attribute's ordinal and, for
-    // a collection, the key. For code that knows the entity only by name.
+    // Subscribes to every change of this entity; the function receives the attribute's ordinal and,
+    // for a collection, the key. For code that knows the entity only by name.
     Subscription subscribeAll(void* object, Subscription::Function function) {
         return Subscription(*this, anyAttribute, object, function);
     }
@@ -119,7 +120,7 @@ class VEL_EXPORT Entity : public Object {
         }
         changed(attribute, &key);
     }
-    // For elements and items alike. What is removed lives until subscribers were called.
+    // For elements and items alike. What is removed lives until the subscribers were called.
     template <class Store, class Key>
     void keyDel(Store& store, Ordinal attribute, const Key& key) {
         auto [found, item] = store.take(key);
@@ -158,13 +159,14 @@ class VEL_EXPORT Entity : public Object {
     }
     void notify(Ordinal attribute, const void* key);
 
-    // The bits of all attributes in the list, and perhaps of some that were. 0 while it is empty.
+    // A superset of the attributes in the list, one bit each (modulo 64). 0 while the list is
+    // empty.
     U64 interest_ = 0;
     Subscription* first_ = nullptr;  // in the order of subscription
     Subscription* last_ = nullptr;
 };
 
-// What the collections store, how it is keyed, and what a walk yields.
+// What the collections store, its key, and what iteration yields.
 template <class K, class E>
 struct ElementTraits {
     using Key = K;
@@ -199,7 +201,7 @@ struct ValueTraits : ItemTraits<K, V> {
     static const K& keyOf(const V& item) { return item.*field; }
 };
 
-// Names a keyed attribute together with its storage, to follow all its keys.
+// Names a keyed attribute together with its storage, for subscribers to all its keys.
 template <class E, class K, class S>
 struct KeyedAttr : Attr<E, K> {
     const S E::*store;
@@ -207,8 +209,8 @@ struct KeyedAttr : Attr<E, K> {
 
 }  // namespace Vel
 
-// Ordinals are dense, and follow from the lines of the class alone: each line takes the highest
-// ordinal that velNext offers and offers the next.
+// Ordinals are dense and follow from the lines of the class alone: each line takes the highest
+// ordinal that velNext offers and offers the next one.
 #define VEL_ENTITY(Self_, Type, name_)                     \
   private:                                                 \
     using Self = Self_;                                    \
@@ -270,8 +272,8 @@ struct KeyedAttr : Attr<E, K> {
         return sum;                                              \
     }
 
-// The members that work on a collection are templates that nobody gives an argument, so that a
-// source compiles those it uses and no others: with many entities that is most of its time.
+// The members of a collection are templates with a defaulted argument, so that a source compiles
+// only those it uses: with many entities they dominate compile time.
 #define VEL_ON_USE_ template <class velOnUse = void>
 
 #define VEL_ELEMENTS_(Store, Key, Element, name_)                                                  \
@@ -286,7 +288,7 @@ struct KeyedAttr : Attr<E, K> {
     const name_##Store& name_() const {                                                            \
         return name_##_;                                                                           \
     }                                                                                              \
-    /* Null if there is none. Valid while in the collection or a Hold exists. */                   \
+    /* Null if not found. Valid while in the collection or a Hold exists. */                       \
     VEL_ON_USE_ Element* name_(const Key& key) const {                                             \
         auto* found = name_##_.find(key);                                                          \
         return found ? found->get() : nullptr;                                                     \
@@ -355,7 +357,7 @@ struct KeyedAttr : Attr<E, K> {
 
 #define VEL_MAP(Key, Value, name_)                                                            \
     VEL_ITEMS_(Key, name_, ::Vel::MapTraits<Key, Value>)                                      \
-    /* Null if there is none. Valid until the next insertion or removal. */                   \
+    /* Null if not found. Valid until the next insertion or removal. */                       \
     VEL_ON_USE_ const Value* name_(const Key& key) const {                                    \
         const auto* item = name_##_.find(key);                                                \
         return item ? &item->second : nullptr;                                                \
@@ -404,7 +406,7 @@ struct KeyedAttr : Attr<E, K> {
     }                                                                          \
     VEL_DESCRIBED_(name_, ::Vel::childAttribute<velSelf, Type, &velSelf::name_>(#name_))
 
-// In the entity's source, once, in its namespace.
+// Used once, in the entity's source, inside its namespace.
 #define VEL_DEFINE(Space, Type)                                                   \
     const ::Vel::TypeDescriptor& Type::type() const {                             \
         return velType;                                                           \

@@ -1,4 +1,4 @@
-// Runs steps of which each may throw: every step runs, and the first error is thrown at the end.
+// Runs steps that may throw: every step runs, and the first error is thrown at the end.
 #pragma once
 
 #include <exception>

@@ -14,7 +14,7 @@
 namespace Vel {
 namespace {
 
-// Never destroyed: objects with static storage may still drop theirs at exit.
+// Never destroyed: objects with static storage may still release their Ptrs at exit.
 std::vector<Object*>& graveyard() {
     static auto* objects = new std::vector<Object*>;
     return *objects;
@@ -22,7 +22,7 @@ std::vector<Object*>& graveyard() {
 
 const Object* beingDestroyed = nullptr;
 
-// Its address in a thread stands for the thread, also in a forked child.
+// The address of a thread-local variable identifies the thread, also in a forked child.
 thread_local char thread;
 std::atomic<const char*> eventThread = nullptr;  // set by the first use
 
@@ -33,7 +33,7 @@ void assertEventThread() {
     const char* owner = eventThread.load(std::memory_order_relaxed);
     if (owner == &thread) return;
     const bool first = !owner && eventThread.compare_exchange_strong(owner, &thread);
-    VEL_ASSERT(first, "an object is used by another thread than the event thread");
+    VEL_ASSERT(first, "an object is used on a thread other than the event thread");
 }
 #endif
 void eventThreadIsThis() {
@@ -65,7 +65,7 @@ void Object::destroy(Object* object) {
     beingDestroyed = outer;
 }
 
-// An event of the trace ends with the outermost Hold, if not earlier with the next notification.
+// An event of the trace ends with the outermost Hold, or earlier with the next notification.
 bool Hold::inEvent() {
     if (depth == 0) return false;
     pending = true;
@@ -85,7 +85,7 @@ void Hold::unwound() {
         if (object->refs_ == 0)
             Object::destroy(object);
         else
-            object->buried_ = false;  // a Ptr was made meanwhile
+            object->buried_ = false;  // a Ptr to it was made since
     }
 }
 

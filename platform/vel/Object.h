@@ -1,13 +1,14 @@
-// Counted objects, and the rule that keeps alive what the call stack still uses.
+// Reference-counted objects, and the rule that keeps alive what the call stack still uses.
 //
-// Everything the runtime hands out is an Object held by Ptr. The count is not atomic: all objects
-// belong to the event thread. While a Hold exists (a notification, a walk over a collection, an
-// operation of the host) an object whose last Ptr is dropped is kept until the last Hold ends. So a
-// handler may delete the entity that is notifying it, the collection being walked, or itself.
+// Every object of the runtime is an Object held by Ptr. The count is not atomic: all objects belong
+// to the event thread. While a Hold exists (a notification, an iteration, an operation of the host)
+// an object whose last Ptr is released is not destroyed but kept until the last Hold ends. So a
+// handler may delete the entity that is notifying it, the collection being iterated, or itself.
 //
-// The event thread is the first one that uses an object; eventThreadIsThis() hands the objects over.
-// Debug builds assert that no other thread makes or copies a Ptr, changes an entity, begins or ends
-// a subscription, notifies, walks or takes a Hold. A getter and a look-up by key are not checked.
+// The event thread is the first thread that uses an object; eventThreadIsThis() moves the objects
+// to another thread. Debug builds assert that no other thread makes or copies a Ptr, changes an
+// entity, begins or ends a subscription, notifies, iterates or takes a Hold. Getters and lookups by
+// key are not checked.
 #pragma once
 
 #include <cstdint>
@@ -25,8 +26,8 @@ inline void assertEventThread() {}
 #else
 VEL_EXPORT void assertEventThread();
 #endif
-// For a host that starts on one thread and runs on another. The thread that used the objects so far
-// no longer may.
+// For a host that starts on one thread and runs on another. The previous event thread may not use
+// objects any more.
 VEL_EXPORT void eventThreadIsThis();
 
 template <class T>
@@ -40,11 +41,11 @@ class VEL_EXPORT Object {
     Object(const Object&) = delete;
     Object& operator=(const Object&) = delete;
 
-    // No Ptr is left: the object only waits for the stack to unwind, and is no longer called.
+    // Whether no Ptr is left: the object waits for the stack to unwind and is no longer called.
     bool gone() const { return buried_ && refs_ == 0; }
 
   protected:
-    // A constructor that throws while a Ptr to the object exists would leave it dangling.
+    // A constructor that throws while a Ptr to the object exists would leave that Ptr dangling.
     virtual ~Object() { VEL_ASSERT(refs_ == 0, "an object is destroyed while a Ptr to it exists"); }
 
   private:
@@ -61,7 +62,7 @@ class VEL_EXPORT Object {
     void release() {
         if (--refs_ == 0) dispose(this);
     }
-    static void dispose(Object* object);  // destroys now, or when the last Hold ends
+    static void dispose(Object* object);  // destroys it now, or when the last Hold ends
     static void destroy(Object* object);
     void made() {
         VEL_ASSERT(refs_ == 0, "a Ptr to an object under construction");
@@ -73,8 +74,8 @@ class VEL_EXPORT Object {
     bool buried_ = false;  // waits for the last Hold, or is being destroyed
 };
 
-// Intrusive counted pointer. Moving is free, copying an increment. REQUIRES: the constructor of the
-// object has returned.
+// Intrusive counted pointer. A move costs nothing, a copy an increment. REQUIRES: the constructor
+// of the object has returned.
 template <class T>
 class Ptr {
   public:
@@ -118,7 +119,7 @@ Ptr<T> make(Args&&... args) {
     return Ptr<T>(object);
 }
 
-// While one exists, objects that no Ptr holds wait. Take one around an operation made of several
+// While one exists, objects without a Ptr are kept. Take one around an operation made of several
 // mutations whose results are used afterwards.
 class VEL_EXPORT Hold {
   public:
@@ -134,18 +135,19 @@ class VEL_EXPORT Hold {
 
   private:
     friend class Object;
-    static void unwound();  // destroys what waits, and ends the event of the trace
+    static void unwound();  // destroys the waiting objects and ends the event of the trace
     static bool inEvent();
     static const bool traced;
-    static U32 depth;     // Holds that exist
-    static bool pending;  // whether an object waits, or the trace for the end of its event
+    static U32 depth;     // number of existing Holds
+    static bool pending;  // an object, or the end of a trace event, waits for the last Hold
 };
 
-// The object whose destructor runs, or null. What a destructor sets off cannot throw to a caller.
+// The object whose destructor runs, or null. An error caused by a destructor has no caller to
+// reach.
 VEL_EXPORT const Object* objectBeingDestroyed();
 
 // Stops the process because a handler threw where nothing can be thrown: "Nav::NavRootSm::doCleanup
-// threw: not found". Called while the exception is handled.
+// threw: not found". Called while the exception is being handled.
 [[noreturn, gnu::cold]] VEL_EXPORT void handlerThrew(const std::type_info& type,
                                                      const char* handler);
 

@@ -1,4 +1,4 @@
-// The storage of ordered collections: ascending by key, with the walk rules of Unordered.
+// The storage of ordered collections: ascending by key, with the iteration rules of Unordered.
 #pragma once
 
 #include <iterator>
@@ -11,9 +11,9 @@
 
 namespace Vel {
 
-// Traits as for Unordered. A walk remembers its key and searches from there after a removal, so any
-// change during it is harmless; items inserted after it began are recognised by their serial number
-// and skipped.
+// Traits as for Unordered. An iteration remembers its key and searches from it after a removal, so
+// any change during it is harmless; items inserted after its start are recognised by their serial
+// number and skipped.
 template <class Traits>
 class Ordered {
   public:
@@ -28,7 +28,7 @@ class Ordered {
     U32 size() const { return static_cast<U32>(items_.size()); }
     bool empty() const { return items_.empty(); }
     bool has(const Key& key) const { return items_.contains(key); }
-    // The key of what a walk yields.
+    // The key of what iteration yields.
     static decltype(auto) keyOf(const auto& yielded) { return Traits::keyOf(yielded); }
     static const Key& keyIn(const Item& item) { return Traits::key(item); }
     const Item* find(const Key& key) const {
@@ -53,7 +53,7 @@ class Ordered {
   private:
     std::map<Key, std::pair<U64, Item>> items_;  // with serial numbers, in the order of insertion
     U64 next_ = 0;                               // serial number of the next item
-    U64 removals_ = 0;  // since the beginning; iterators survive insertions
+    U64 removals_ = 0;  // removals so far; map iterators survive insertions
 };
 
 template <class Traits>

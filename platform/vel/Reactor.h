@@ -1,20 +1,19 @@
-// Reactors: objects that subscribe to entities and write others.
+// Reactors: objects that subscribe to entities and write to others.
 //
 // A reactor gets its inputs at construction, as one aggregate `Inputs` whose fields VEL_INPUTS
-// lists, and keeps them for life; to give it others its owner replaces the reactor. It subscribes
-// in its constructor, by Subscription members to single attributes and by EntryReactors to the
-// elements of a collection, and is unsubscribed by the destruction of those members. Its owner
-// keeps it in Owned<R> or ReactorMap<Key, R>, which run `handleInitialized()` once after
-// construction and `doCleanup()` before they drop it.
+// lists, and keeps them for its lifetime; to change them its owner replaces the reactor. It
+// subscribes in its constructor: by Subscription members to single attributes, by EntryReactors to
+// the elements of a collection. The destruction of these members unsubscribes it. Its owner keeps
+// it in Owned<R> or ReactorMap<Key, R>, which call `handleInitialized()` once after construction
+// and `doCleanup()` before they release it.
 //
 // Errors:
 //
-// - A reactor whose `handleInitialized()` throws is cleaned up and dropped, and the error reaches
-//   the caller: no reactor is half initialised.
-//   An element whose entry reactor failed has none until it is removed and inserted
-//   again.
-// - An entry reactor that throws, in any handler, keeps no other from being initialised, told or
-//   cleaned up; the first error reaches the caller.
+// - If `handleInitialized()` throws, the reactor is cleaned up and released and the error is thrown
+//   to the caller: no reactor stays half initialised. An element whose entry reactor failed has
+//   none until the element is removed and inserted again.
+// - An exception in one entry reactor, in any handler, does not keep others from being initialised,
+//   notified or cleaned up; the first error is thrown to the caller.
 // - A reactor whose `handleDelete()` throws is cleaned up all the same.
 // - `doCleanup()` must not throw, because nothing can be half withdrawn: the process stops with the
 //   reactor's name and the error.
@@ -32,9 +31,9 @@ namespace Vel {
 class VEL_EXPORT Reactor : public Object {
   public:
     virtual void handleInitialized() {}
-    // Called before the owner drops its reference: withdraw everything published, and delete the
-    // reactors owned. (Others are destroyed with this one, which may be when the stack has
-    // unwound.)
+    // Called before the owner releases the reactor: withdraw everything published and delete the
+    // owned reactors. (Reactors not deleted here are destroyed with this one, possibly only when
+    // the stack has unwound.)
     virtual void doCleanup() {}
 };
 
@@ -51,7 +50,7 @@ void cleanUp(R& reactor) {
 
 [[noreturn]] VEL_EXPORT void nullInput(std::string_view reactor, std::string_view attribute);
 
-// A reactor's reference to an entity that somebody else owns. Never null once a reactor has it.
+// A reactor's reference to an entity with another owner. Never null once a reactor has it.
 template <class T>
 class Input {
   public:
@@ -81,7 +80,7 @@ std::string inputText(const T& value) {
     return out.str();
 }
 
-// Refuses inputs of which one is null, in the name of reactor R.
+// Refuses inputs that contain a null, with an error that names reactor R and the input.
 template <class R>
 void requireInputs(const typename R::Inputs& inputs) {
     eachField<typename R::Inputs>([&](const auto& f) {
@@ -89,7 +88,7 @@ void requireInputs(const typename R::Inputs& inputs) {
             if (!(inputs.*f.member)) nullInput(R::name, f.name);
     });
 }
-// Refuses inputs that differ from those the present reactor was made with.
+// Refuses inputs that differ from those of the existing reactor.
 template <class Inputs>
 void requireSameInputs(const Inputs& wanted, const Inputs& current) {
     eachField<Inputs>([&](const auto& f) {
@@ -98,8 +97,7 @@ void requireSameInputs(const Inputs& wanted, const Inputs& current) {
     });
 }
 
-// At most one reactor, which lives and dies with its owner. R offers `Inputs`, `inputs()` and its
-// `name`.
+// At most one reactor, which lives no longer than its owner. R has `Inputs`, `inputs()` and `name`.
 template <class R>
 class Owned {
   public:
@@ -108,8 +106,8 @@ class Owned {
     Owned& operator=(const Owned&) = delete;
     ~Owned() { del(); }
 
-    // Keeps the present reactor if its inputs are these, refuses other inputs, else makes and
-    // initialises one. Valid until it is deleted, and as long as a Hold exists.
+    // Keeps the existing reactor if it has these inputs, refuses other inputs, or else creates and
+    // initialises a reactor. The result is valid until it is deleted, and while a Hold exists.
     R& is(const typename R::Inputs& inputs) {
         requireInputs<R>(inputs);
         if (reactor_) {
@@ -147,7 +145,7 @@ struct ReactorTraits {
     struct Item {
         K key{};
         Ptr<R> reactor;
-        const void* element = nullptr;  // what an entry reactor was made for
+        const void* element = nullptr;  // the element of an entry reactor
     };
     struct Yield {
         K key{};
@@ -159,7 +157,7 @@ struct ReactorTraits {
     static const Yield& reference(const Yield& now) { return now; }
 };
 
-// Reactors by key; the rules of Owned for each. A walk yields {key, reactor}.
+// Reactors by key; the rules of Owned apply to each. Iteration yields {key, reactor}.
 template <class Key, class R>
 class ReactorMap {
   public:
@@ -202,13 +200,13 @@ class ReactorMap {
     Unordered<ReactorTraits<Key, R>> table_;
 };
 
-// One reactor R for each element of a collection of E: made for each element that exists at
-// construction and for each that is inserted, dropped when its element is removed.
+// One reactor R for each element of a collection of E: created for each element present at
+// construction and for each one inserted later, released when its element is removed.
 //
-// R is an Object made from (owner, element) with `handleInitialized()`. Where it has them,
-// `handleDelete()` runs when its element is removed, and `doCleanup()` before it is dropped for any
-// reason. The owner calls `initialize()` when it is ready: that initialises the present reactors,
-// and from then on each new one.
+// R is an Object constructed from (owner, element) with `handleInitialized()`. Optional members:
+// `handleDelete()`, called when its element is removed, and `doCleanup()`, called before it is
+// released for any reason. The owner calls `initialize()` when it is ready: that initialises the
+// existing reactors, and from then on each new one.
 template <class R, class E, class Key, class Store>
 class EntryReactors final {
   public:
@@ -231,7 +229,7 @@ class EntryReactors final {
         for (const auto& item : table_) errors.in([&] { initialize(item.key, *item.reactor); });
         errors.raise();
     }
-    // Drops all, without their delete handlers, and follows the collection no more.
+    // Releases all reactors without calling handleDelete(), and unsubscribes from the collection.
     void clear() {
         subscription_.reset();
         for (const auto& item : table_) drop(item.key);
@@ -259,8 +257,8 @@ class EntryReactors final {
         return found ? found->get() : nullptr;
     }
 
-    // The element may have been removed and inserted again before this notification was read, and
-    // what is called here may set off the next; so each step looks at the present element.
+    // The element may have been removed and inserted again before this notification is handled, and
+    // each step below may cause the next such change; so each step looks up the current element.
     void handleKey(const Key& key) {
         FirstError errors;
         if (const auto* mine = table_.find(key)) {
@@ -306,9 +304,9 @@ class EntryReactors final {
     void* owner_;
     Ptr<R> (*make_)(void*, Element&);
     const Store& store_;
-    const Ptr<E> entity_;  // whose store it is
-    // A reactor per element that the last notification showed. Its element may be gone from the
-    // collection, but only until the notification of that has been read.
+    const Ptr<E> entity_;  // the owner of the collection
+    // One reactor for each element that the latest notifications showed. Its element may have left
+    // the collection, but only until the notification of the removal has been handled.
     Unordered<ReactorTraits<Key, R>> table_;
     Subscription subscription_;
     bool initialized_ = false;

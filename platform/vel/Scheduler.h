@@ -1,5 +1,5 @@
 // The task scheduler as a counted object, so that reactors can hold it like their other inputs. The
-// host makes it, drives it, and keeps it until the last reactor is destroyed.
+// host creates it, drives it, and keeps it until the last reactor is destroyed.
 #pragma once
 
 #include "platform/loom/TaskScheduler.h"

@@ -8,8 +8,8 @@
 
 namespace Vel {
 
-// One notification under way, on the stack. It knows where its walk over the subscribers stands, so
-// that a subscription that ends is passed over and a new one is not called in this round.
+// One notification in progress, on the stack. It holds its position in the list of subscribers, so
+// that a subscription that ends is skipped and a new one is not called in this round.
 class Round {
   public:
     static constexpr U32 maxDepth = 64;
@@ -29,7 +29,8 @@ class Round {
     Round(const Round&) = delete;
     Round& operator=(const Round&) = delete;
 
-    // A subscriber that throws keeps no other from its call; the first error reaches the caller.
+    // An exception in a subscriber does not keep others from being called; the first error is
+    // thrown at the end.
     void run(const void* key) {
         try {
             callFrom(entity_.first_, key);
@@ -58,7 +59,7 @@ class Round {
             next_ = next = now == end_ ? nullptr : now->next_;
             if (now->attribute_ != attribute_ && now->attribute_ != anyAttribute) continue;
             now->function_(now->object_, key, attribute_);
-            if (disturbed_) [[unlikely]]  // else the next one is known without waiting for memory
+            if (disturbed_) [[unlikely]]  // else the next one is known without loading it
                 next = next_;
         }
     }
@@ -71,7 +72,7 @@ class Round {
             try {
                 callFrom(next_, key);
             } catch (...) {
-                continue;  // the first error is the one that counts
+                continue;  // only the first error is kept
             }
         }
     }
@@ -124,7 +125,7 @@ void Subscription::reset() {
     Round::removed(*this);
     (prev_ ? prev_->next_ : entity_->first_) = next_;
     (next_ ? next_->prev_ : entity_->last_) = prev_;
-    if (!entity_->first_) entity_->interest_ = 0;  // else stale bits only cost a look at the list
+    if (!entity_->first_) entity_->interest_ = 0;  // stale bits only cost a walk of the list
     entity_ = nullptr;
 }
 

@@ -1,14 +1,14 @@
 // The subscriber side of notification.
 //
 // A Subscription is the record {object, function, attribute} itself, linked into the list of the
-// entity it is for: subscribing and unsubscribing allocate nothing and cost a few stores. It is
-// made from a member function,
+// entity: subscribing and unsubscribing allocate nothing and cost a few stores. It is made from a
+// member function,
 //
 //     Subscription::to<&Reactor::handleName>(entity, Entity::nameAttr, this)
 //
-// and is a member of the reactor. A reactor that its owner dropped is not called any more, even
-// while it waits for the stack to unwind. Move assignment ends the subscription assigned to. An
-// entity that is destroyed first leaves the subscription empty.
+// and is a member of the reactor. A reactor that its owner released is not called any more, even
+// while it waits for the stack to unwind. Move assignment ends the subscription assigned to. If the
+// entity is destroyed first, the subscription becomes empty.
 #pragma once
 
 #include <type_traits>
@@ -73,7 +73,7 @@ class [[nodiscard]] VEL_EXPORT Subscription {
 
     void adopt(Subscription& other);
 
-    Entity* entity_ = nullptr;      // null: empty, and the members below mean nothing
+    Entity* entity_ = nullptr;      // null: empty; the members below are then invalid
     Subscription* prev_ = nullptr;  // in the entity's list, in the order of subscription
     Subscription* next_ = nullptr;
     void* object_ = nullptr;

@@ -1,13 +1,14 @@
 // The storage of unordered collections: an append-only slot array in insertion order with an
 // open-addressing index beside it.
 //
-// Walks are in insertion order and safe while handlers insert and delete: a cursor is registered
-// with its collection, stands before the next slot, and is moved when slots are compacted. It
-// visits each item present at its start and still present when reached, once, and yields a copy (of
-// a pointer or a small value), so what the loop holds never dangles. A removed item leaves a
+// Iteration is in insertion order and safe while handlers insert and delete: a cursor is registered
+// with its collection, points at the next slot, and is adjusted when slots are compacted. It visits
+// each item that was present at its start and is still present when reached, once, and yields a
+// copy (of a pointer or a small value), so a loop variable never dangles. A removed item leaves a
 // tombstone until the next compaction.
 //
-// The storage is a member of an Object, so it outlives every walk over it (the cursor is a Hold).
+// The storage is a member of an Object, so it outlives every iteration over it (the cursor is a
+// Hold).
 #pragma once
 
 #include <iterator>
@@ -44,7 +45,7 @@ class Unordered {
     bool empty() const { return live_ == 0; }
     bool has(const Key& key) const { return find(key) != nullptr; }
 
-    // The key of what a walk yields.
+    // The key of what iteration yields.
     static decltype(auto) keyOf(const auto& yielded) { return Traits::keyOf(yielded); }
     static const Key& keyIn(const Item& item) { return Traits::key(item); }
 
@@ -69,7 +70,7 @@ class Unordered {
         return slots_.back().item;
     }
 
-    // Takes the item out: whether there was one, and the item or a default one.
+    // Removes the item. Returns whether it was found, and the item, or else a default one.
     std::pair<bool, Item> take(const Key& key) {
         const U32 at = slotOf(key, index_ ? tagOf(key) : 0);
         if (at == none) return {false, Item{}};
@@ -87,8 +88,8 @@ class Unordered {
 
   private:
     static constexpr U32 none = 0xFFFFFFFF;
-    static constexpr U32 smallSize = 8;  // up to this many slots a scan is faster than the index
-    static constexpr U32 keptDead = 16;  // tombstones that are no reason to compact
+    static constexpr U32 smallSize = 8;  // up to this many slots a scan is faster than an index
+    static constexpr U32 keptDead = 16;  // up to this many tombstones are not compacted
 
     struct Slot {
         Item item;  // default when not live
@@ -103,7 +104,7 @@ class Unordered {
             return a == b;
     }
     static U32 tagOf(const Key& key) {
-        return static_cast<U32>(Codec<Key>::mix(key) >> 32);  // the half that every bit reaches
+        return static_cast<U32>(Codec<Key>::mix(key) >> 32);  // depends on every bit of the key
     }
 
     U32 slotOf(const Key& key, U32 tag) const {
@@ -128,7 +129,7 @@ class Unordered {
     void unplace(U32 slot) {
         U32 hole = slots_[slot].tag & mask_;
         while (index_[hole].slot != slot) hole = (hole + 1) & mask_;
-        // Move back what the hole would cut off from its home.
+        // Move back the entries that the hole would separate from their home slot.
         for (U32 i = (hole + 1) & mask_; index_[i].slot != none; i = (i + 1) & mask_) {
             if (((i - (index_[i].tag & mask_)) & mask_) < ((i - hole) & mask_)) continue;
             index_[hole] = index_[i];
@@ -158,7 +159,7 @@ class Unordered {
             c->at_ -= deadBefore(c->at_);
             c->end_ -= deadBefore(c->end_);
         }
-        if (live_ == 0) return slots_.clear();  // removals left nothing in the index
+        if (live_ == 0) return slots_.clear();  // removals have emptied the index
         std::erase_if(slots_, [](const Slot& slot) { return !slot.live; });
         if (index_) reindex();
     }
@@ -170,12 +171,12 @@ class Unordered {
     }
 
     std::vector<Slot> slots_;  // in the order of insertion; a key is live in one slot at most
-    // Of all live slots, probed linearly from tag & mask_, at most half full. Null until there were
-    // more than smallSize slots.
+    // Index of all live slots, probed linearly from tag & mask_, at most half full. Null until
+    // there are more than smallSize slots.
     std::unique_ptr<IndexEntry[]> index_;
     U32 mask_ = 0;  // entries of the index less one; entries are a power of two
     U32 live_ = 0;  // slots that are live
-    mutable Cursor* cursors_ = nullptr;  // of the walks under way, innermost first
+    mutable Cursor* cursors_ = nullptr;  // of the iterations in progress, innermost first
 };
 
 template <class Traits>

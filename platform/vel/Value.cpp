@@ -22,7 +22,7 @@ std::string describe(const Datum& d) {
     return std::visit(Visitor{}, d.value);
 }
 
-// Numbers, all through the widest form.
+// Numbers; all are converted through the widest type of their kind.
 template <class T>
 struct NumberCodec {
     static std::string range() {
@@ -41,7 +41,7 @@ struct NumberCodec {
     }
 };
 
-// The types whose text is one word of their own and is quoted in a value text.
+// The types whose text is a single word and is quoted inside a value text.
 template <class T>
 std::optional<T> readText(std::string_view text) {
     if constexpr (std::is_same_v<T, String>)

@@ -3,9 +3,9 @@
 //     VEL_VALUE(Nav, PathKey, srcAddr, dstAddr, vrfId)
 //
 // after the struct, inside its namespace, gives the type its text form (`valueToStrep`, with a
-// parser that gives the value back), its stream operator, its hash and its form as data and as key.
-// VEL_ENUM does the same for an enumeration. Collections and the access by name are built on
-// Codec<T>; other types take part by specialising it.
+// parser for it), its stream operator, its hash, and its forms as data and as key. VEL_ENUM does
+// the same for an enumeration. Collections and access by name are built on Codec<T>; other types
+// take part by specialising it.
 #pragma once
 
 #include <algorithm>
@@ -31,15 +31,15 @@
 
 namespace Vel {
 
-// Small values travel by value, the others by reference.
+// Small values are passed by value, others by reference.
 template <class T>
 using Param = std::conditional_t<std::is_trivially_copyable_v<T> && sizeof(T) <= 16, T, const T&>;
 
-// Reads a value text from its front. Every take… leaves the rest for the next one.
+// Reads a value text from its front. Every take… leaves the rest for the next call.
 class VEL_EXPORT TextReader {
   public:
     explicit TextReader(std::string_view text) : rest_(text) {}
-    bool take(std::string_view literal);  // exactly this; false leaves the text as it was
+    bool take(std::string_view literal);  // false, and nothing taken, if it is not at the front
     std::optional<String> takeQuoted();   // 'text' with \\ \' \n \t \r \xHH
     std::string_view takeWord();          // letters, digits, '.', '-', '+', '_'
     bool atEnd() const { return rest_.empty(); }
@@ -53,13 +53,13 @@ VEL_EXPORT void appendEscapedKey(std::string& out,
                                  std::string_view text);  // \ before , ] and backslash
 VEL_EXPORT String takeKeyPart(std::string_view& rest);    // up to an unescaped ',', unescaped
 
-// What a codec offers:
+// Members of a codec:
 //   text(out, v), parse(reader) -> optional   the value text and back
-//   datum(v), fromDatum(d)                    as data; Error with the reason when it does not fit
+//   datum(v), fromDatum(d)                    as data; Error with the reason if it does not fit
 //   key(v), fromKey(text)                     as the text of a key; the same errors
 //   mix(v)                                    a 64-bit hash for indexing, cheap
-//   hash(v)                                   the 32-bit hash word that a field contributes
-//   isText                                    its key is free text
+//   hash(v)                                   the 32-bit hash word of a field
+//   isText                                    whether its key is free text
 template <class T>
 struct Codec;
 
@@ -84,8 +84,8 @@ U64 scalarMix(const T& v) {
         return scalarHash(v) * 0x9e3779b97f4a7c15U;
 }
 
-// The same over the bytes of a value without padding, two words a multiplication: folding the
-// 128-bit product lets every bit reach every other, and the pairs do not wait for one another.
+// The same over the bytes of a value without padding, two words at a time: folding the 128-bit
+// product spreads every bit over the whole result, and the pairs do not depend on one another.
 template <class T>
 U64 bytesMix(const T& v) {
     __extension__ using U128 = unsigned __int128;
@@ -270,8 +270,8 @@ struct Codec<T> {
         });
         return {std::move(members)};
     }
-    // An object of the fields. A field left out keeps its default; one that does not exist, or a
-    // value that does not fit, is refused.
+    // An object of the fields. An omitted field keeps its default; an unknown field, or a value
+    // that does not fit, is refused.
     static T fromDatum(const Datum& d) {
         T v{};
         std::array<const char*, count> names;
@@ -374,7 +374,7 @@ struct Codec<T> {
     }
 };
 
-// The value text of v, and the value that a text stands for; Error when it is none.
+// The value text of v, and its inverse; Error if the text is not a value text.
 template <class T>
 std::string valueToStrep(const T& v) {
     std::string out;
@@ -411,7 +411,7 @@ U32 hashOf(const T& v) {
 
 #define VEL_NAME_(Type, name) #name
 
-// After `enum class Type : Vel::U32 { ... }`, its names in order of their values from 0.
+// Used after `enum class Type : Vel::U32 { ... }`; the names in order of their values from 0.
 #define VEL_ENUM(Type, ...)                                                                    \
     constexpr auto velEnumNames(const Type*) {                                                 \
         return std::to_array<const char*>({VEL_FOR_EACH_COMMA(VEL_NAME_, Type, __VA_ARGS__)}); \

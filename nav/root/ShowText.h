@@ -1,4 +1,5 @@
-// The answer to one show command: pieces of text, collected and written to a descriptor at once.
+// The text that answers one show command: collected piece by piece and written to a descriptor at
+// once.
 #pragma once
 
 #include <charconv>
@@ -11,14 +12,14 @@
 
 namespace Nav {
 
-// Writes as much of the text as the descriptor takes without waiting. The rest and any error are
+// Writes as much of the text as the descriptor takes without waiting; the rest, and errors, are
 // ignored. The descriptor need not be a socket and may be closed on either side; no signal is
 // raised.
-void sendAnswer(Vel::U32 fd, std::string_view text);
+void sendText(Vel::U32 fd, std::string_view text);
 
-class Answer {
+class ShowText {
   public:
-    // Texts, numbers and addresses, one after the other.
+    // Appends texts, numbers and addresses.
     template <class... Pieces>
     void add(const Pieces&... pieces) {
         const size_t room = (maxSize(pieces) + ...);
@@ -27,7 +28,7 @@ class Answer {
         ((end = put(pieces, end)), ...);
         size_ = static_cast<size_t>(end - text_.get());
     }
-    void send(Vel::U32 fd) const { sendAnswer(fd, {text_.get(), size_}); }
+    void send(Vel::U32 fd) const { sendText(fd, {text_.get(), size_}); }
 
   private:
     static size_t maxSize(std::string_view text) { return text.size(); }

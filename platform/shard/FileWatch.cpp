@@ -1,4 +1,4 @@
-#include "platform/shard/Watch.h"
+#include "platform/shard/FileWatch.h"
 
 #include <sys/inotify.h>
 #include <sys/timerfd.h>
@@ -18,7 +18,7 @@ Descriptor ticks() {
     Descriptor timer(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     const itimerspec period{{0, tickNanoseconds}, {0, tickNanoseconds}};
     if (!timer || timerfd_settime(timer.get(), 0, &period, nullptr) != 0) {
-        throw Vel::Error("no descriptor to watch shared maps: " +
+        throw Vel::Error("cannot watch shared maps: no descriptor: " +
                          std::generic_category().message(errno));
     }
     return timer;
@@ -26,19 +26,20 @@ Descriptor ticks() {
 
 }  // namespace
 
-Watch::Watch(const std::string& directory) : events_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+FileWatch::FileWatch(const std::string& directory)
+    : events_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
     timer_ =
         !events_ || inotify_add_watch(events_.get(), directory.c_str(), IN_CREATE | IN_ONLYDIR) < 0;
     if (timer_) events_ = ticks();
 }
 
-void Watch::drain() {
+void FileWatch::drain() {
     alignas(inotify_event) char events[4096];
     while (read(events_.get(), events, sizeof events) == sizeof events) {
     }
 }
 
-void Watch::fileIs(const Descriptor& file) {
+void FileWatch::fileIs(const Descriptor& file) {
     if (timer_) return;
     const std::string path = "/proc/self/fd/" + std::to_string(file.get());
     const int added =

@@ -1,4 +1,4 @@
-#include "nav/root/Answer.h"
+#include "nav/root/ShowText.h"
 
 #include <limits.h>
 #include <poll.h>
@@ -13,7 +13,7 @@ namespace Nav {
 
 namespace {
 
-// write(2) has no way to ask for an error instead of SIGPIPE, so that is held back around it.
+// Blocks SIGPIPE around write(2), which cannot be asked for an error instead.
 class PipeSignalBlock {
   public:
     PipeSignalBlock() {
@@ -36,7 +36,8 @@ class PipeSignalBlock {
     bool wasPending_;
 };
 
-// Pipes, files and terminals. One that is ready takes PIPE_BUF bytes without waiting (pipe(7)).
+// For pipes, files and terminals. A descriptor that polls ready takes PIPE_BUF bytes without
+// waiting (pipe(7)).
 void writeAnswer(int fd, std::string_view text) {
     const PipeSignalBlock block;
     while (!text.empty()) {
@@ -51,7 +52,7 @@ void writeAnswer(int fd, std::string_view text) {
 
 }  // namespace
 
-void sendAnswer(Vel::U32 fd, std::string_view text) {
+void sendText(Vel::U32 fd, std::string_view text) {
     while (!text.empty()) {
         const ssize_t n =
             ::send(static_cast<int>(fd), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
