@@ -15,25 +15,25 @@ std::string numbered(const char* word, U32 number) {
 
 }  // namespace
 
-Netz::IntfId Router::intf(U32 interface) {
+Netz::IntfId FullRouter::intf(U32 interface) {
     return Netz::IntfId(numbered("Ethernet", interface + 1));
 }
-Netz::IpGenAddr Router::source(U32 interface) {
+Netz::IpGenAddr FullRouter::source(U32 interface) {
     return Netz::IpGenAddr::fromV4(0xcb007101 + (interface << 8));
 }
-Netz::IpGenAddr Router::destination(U32 path) {
+Netz::IpGenAddr FullRouter::destination(U32 path) {
     return Netz::IpGenAddr::fromV4(0xc6336401 + path);
 }
-Nav::PathKey Router::pathKey(U32 path) const {
+Nav::PathKey FullRouter::pathKey(U32 path) const {
     return {source(interfaceOf(path)), destination(path), 0};
 }
-Shard::Fib::Via Router::via(U32 path, U32 hop) const {
+Shard::Fib::Via FullRouter::via(U32 path, U32 hop) const {
     const U32 interface = interfaceOf(path);
     return {Netz::IpGenAddr::fromV4(0xcb007100 + (interface << 8) + 250 + hop % hops),
             intf(interface)};
 }
 
-Router::Router(const Size& size, bool configured)
+FullRouter::FullRouter(const Size& size, bool configured)
     : size(size), in(Nav::makeNavInputs(Vel::make<Vel::Scheduler>(clock))) {
     Nav::NavCliConfig& cli = *in.cliConfig;
     auto& profile = cli.loadBalanceProfileIs("gold");
@@ -72,18 +72,18 @@ Router::Router(const Size& size, bool configured)
     program();
 }
 
-void Router::configuredIs(bool on) {
+void FullRouter::configuredIs(bool on) {
     in.cliConfig->navConfiguredIs(on);
     in.scheduler->runDue();
 }
 
-Nav::HwPathKey Router::hwPathKey(U32 path) const {
+Nav::HwPathKey FullRouter::hwPathKey(U32 path) const {
     const Nav::PathKey key = pathKey(path);
     const auto* entry = in.pathConfigDir->pathConfig("default")->pathConfigEntry(key);
     return {key.srcAddr, key.dstAddr, key.vrfId, entry->pathIndex()};
 }
 
-void Router::program() {
+void FullRouter::program() {
     for (const Nav::PathConfig& vrf : in.pathConfigDir->pathConfig())
         for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
             const Nav::PathKey& key = path.key();
@@ -95,28 +95,28 @@ void Router::program() {
     in.scheduler->runDue();
 }
 
-void Router::programAnew() {
+void FullRouter::programAnew() {
     in.hwPathStatus->hwPathStatusListDelAll();
     program();
 }
 
-void Router::interfaceFails(U32 interface) {
+void FullRouter::interfaceFails(U32 interface) {
     in.ipStatusDir->ipIntfStatus(intf(interface))->activeAddrWithMaskIs({});
     in.scheduler->runDue();
 }
 
-void Router::interfaceReturns(U32 interface) {
+void FullRouter::interfaceReturns(U32 interface) {
     in.ipStatusDir->ipIntfStatus(intf(interface))->activeAddrWithMaskIs({source(interface), 24});
     in.scheduler->runDue();
     programAnew();
 }
 
-void Router::fecChanges(U32 path, U32 hop) {
+void FullRouter::fecChanges(U32 path, U32 hop) {
     in.forwardingStatus->fecIs(path + 1, fecs_[hop % hops][path]);
     in.scheduler->runDue();
 }
 
-void Router::destinationIs(U32 path, bool listed) {
+void FullRouter::destinationIs(U32 path, bool listed) {
     const U32 number = path % (size.sites + size.spares) % size.sites;
     auto& via = in.cliConfig->pathGroupConfig(numbered("group", interfaceOf(path)))
                     ->remoteViaConfigIs(site(number));
@@ -127,7 +127,7 @@ void Router::destinationIs(U32 path, bool listed) {
     in.scheduler->runDue();
 }
 
-void requireFull(const Router& router) {
+void requireFull(const FullRouter& router) {
     U32 members = 0;
     for (const auto& key : router.in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry())
         members += key.pathEntry().size();

@@ -24,11 +24,11 @@ struct Size {
     U32 keys() const { return sites * apps * vrfs; }
 };
 
-class Router {
+class FullRouter {
   public:
     static constexpr U32 interfaces = 4;
 
-    explicit Router(const Size& size = {}, bool configured = true);
+    explicit FullRouter(const Size& size = {}, bool configured = true);
 
     void configuredIs(bool on);
     // Takes the interface's address away, or gives it back and has all paths programmed again.
@@ -64,6 +64,6 @@ class Router {
 };
 
 // Raises an error unless every path is there, and is a member of its site's keys.
-void requireFull(const Router& router);
+void requireFull(const FullRouter& router);
 
 }  // namespace Bench

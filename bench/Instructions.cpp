@@ -124,7 +124,7 @@ void traces(const Meter& meter) {
 void tables(const Meter& meter, U32 entries) {
     std::vector<Nav::PathKey> keys;
     for (U32 i = 0; i < 2 * entries; ++i)
-        keys.push_back({Router::source(i % 4), Netz::IpGenAddr::fromV4(0xc6336401 + i / 4), 0});
+        keys.push_back({FullRouter::source(i % 4), Netz::IpGenAddr::fromV4(0xc6336401 + i / 4), 0});
     std::ranges::shuffle(keys, std::mt19937(1));
     const auto table = Vel::make<Nav::PathConfig>("default");
     for (U32 i = 0; i < entries; ++i) table->pathConfigEntryIs(keys[i]);
@@ -178,7 +178,7 @@ void tables(const Meter& meter, U32 entries) {
 }
 
 // What comes from the services around; each operation leaves the router as it found it.
-void services(const Meter& meter, Router& router) {
+void services(const Meter& meter, FullRouter& router) {
     const Nav::NavInputs& in = router.in;
     const U32 paths = router.size.paths();
     auto pathOf = [paths](U32 i) { return i * 7 % paths; };
@@ -231,7 +231,7 @@ void services(const Meter& meter, Router& router) {
 }
 
 // The same for what an operator configures.
-void configuration(const Meter& meter, Router& router) {
+void configuration(const Meter& meter, FullRouter& router) {
     Nav::NavCliConfig& cli = *router.in.cliConfig;
     meter.part("destination", 8, [&](U32 i, auto&& counted) {
         const U32 path = i * 7 % router.size.paths();
@@ -269,7 +269,7 @@ void configuration(const Meter& meter, Router& router) {
     });
 }
 
-void events(const Meter& meter, Router& router) {
+void events(const Meter& meter, FullRouter& router) {
     requireFull(router);
     services(meter, router);
     configuration(meter, router);
@@ -281,7 +281,7 @@ void full() {
     entities(meter);
     traces(meter);
     tables(meter, 1023);
-    Router router;
+    FullRouter router;
     events(meter, router);
     Duolog::levelIs("*", 8);
     U32 hop = 0;
@@ -293,7 +293,7 @@ void scaling() {
     for (const U32 n : {2, 4, 8, 16}) notify(Meter("subscribers", n), "notify", n);
     auto vary = [](const char* what, std::initializer_list<U32> numbers, auto&& sizeFor) {
         for (const U32 n : numbers) {
-            Router router(sizeFor(n));
+            FullRouter router(sizeFor(n));
             events(Meter(what, n), router);
         }
     };

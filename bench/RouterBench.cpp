@@ -30,7 +30,7 @@ using Nav::HwPathInfo;
 using Shard::Fib::Via;
 
 void event(benchmark::State& state, int level) {
-    Router router;
+    FullRouter router;
     requireFull(router);
     const auto& paths = *router.in.navStatusDir->navPathStatusDir()->pathStatus("default");
     Duolog::levelIs("*", level);
@@ -61,10 +61,10 @@ struct Flat {
     std::vector<Fec> fecs;
     std::vector<Path> paths;
 
-    explicit Flat(const Router& router) {
+    explicit Flat(const FullRouter& router) {
         for (U32 path = 0; path < router.size.paths(); ++path) {
             fecs.push_back({path, router.via(path)});
-            paths.push_back({Router::intf(router.interfaceOf(path)),
+            paths.push_back({FullRouter::intf(router.interfaceOf(path)),
                              path + 1,
                              Nav::PathType::unsecuredPath,
                              {}});
@@ -78,14 +78,14 @@ struct Flat {
     }
 };
 
-std::vector<Via> viasOf(const Router& router) {
+std::vector<Via> viasOf(const FullRouter& router) {
     std::vector<Via> vias;
     for (U32 path = 0; path < router.size.paths(); ++path) vias.push_back(router.via(path, 2));
     return vias;
 }
 
 void eventLimit(benchmark::State& state) {
-    const Router router;
+    const FullRouter router;
     Flat flat(router);
     const auto vias = viasOf(router);
     U32 path = 0;
@@ -102,7 +102,7 @@ void eventStack(benchmark::State& state) {
     namespace signals = boost::signals2;
     using Signal =
         signals::signal_type<void(U32), signals::keywords::mutex_type<signals::dummy_mutex>>::type;
-    const Router router;
+    const FullRouter router;
     Flat flat(router);
     const auto vias = viasOf(router);
     RunDirectory directory;
@@ -140,7 +140,7 @@ BENCHMARK(eventStack)->Name("event/Signals2, spdlog, LMDB");
 #endif
 
 void interfaceFails(benchmark::State& state) {
-    Router router;
+    FullRouter router;
     requireFull(router);
     for (auto _ : state) {
         timed(state, [&] { router.interfaceFails(1); });
@@ -152,7 +152,7 @@ void interfaceFails(benchmark::State& state) {
 }
 
 void switchOn(benchmark::State& state) {
-    Router router;
+    FullRouter router;
     for (auto _ : state) {
         router.configuredIs(false);
         timed(state, [&] { router.configuredIs(true); });
@@ -162,7 +162,7 @@ void switchOn(benchmark::State& state) {
 
 // Everything that must be published, computed in plain containers from copies of the inputs.
 void recompute(benchmark::State& state) {
-    Router router;
+    FullRouter router;
     Oracle::Oracle oracle;
     auto check = [&] {
         auto inputs = Oracle::inputsOf(router.in);
@@ -195,7 +195,7 @@ struct Client {
 
 template <class Answer>
 void show(benchmark::State& state, Answer&& answer) {
-    const Router router;
+    const FullRouter router;
     Client client;
     const U32 fd = U32(client.ends[0]);
     router.root->showNavPaths(fd);
@@ -208,19 +208,19 @@ void show(benchmark::State& state, Answer&& answer) {
 }
 
 void showOurs(benchmark::State& state) {
-    show(state, [](const Router& router, int fd, const std::string&) {
+    show(state, [](const FullRouter& router, int fd, const std::string&) {
         router.root->showNavPaths(U32(fd));
     });
 }
 void showLimit(benchmark::State& state) {
-    show(state, [](const Router&, int fd, const std::string& text) {
+    show(state, [](const FullRouter&, int fd, const std::string& text) {
         if (::write(fd, text.data(), text.size()) < 0) std::abort();
     });
 }
 
 // What both ways of printing print, with as much of the work done beforehand as possible.
 template <class Print>
-void printAnswer(const Router& router, Print&& print) {
+void printAnswer(const FullRouter& router, Print&& print) {
     print("%s", "{'navPathSelPaths': [");
     for (const Nav::PathKeyInfo& path : router.root->navContainer()->navDb()->pathKeyInfo()) {
         print("{ 'pathGroup' : '%s", path.siteGroupKey().name.c_str());
@@ -234,7 +234,7 @@ void printAnswer(const Router& router, Print&& print) {
     print("%s", "]}");
 }
 void showSnprintf(benchmark::State& state) {
-    show(state, [](const Router& router, int fd, const std::string& expected) {
+    show(state, [](const FullRouter& router, int fd, const std::string& expected) {
         std::string text(expected.size() + 1, '\0');
         size_t at = 0;
         printAnswer(router, [&](const char* format, const char* field) {
@@ -244,7 +244,7 @@ void showSnprintf(benchmark::State& state) {
     });
 }
 void showDprintf(benchmark::State& state) {
-    show(state, [](const Router& router, int fd, const std::string&) {
+    show(state, [](const FullRouter& router, int fd, const std::string&) {
         printAnswer(router,
                     [&](const char* format, const char* field) { ::dprintf(fd, format, field); });
     });

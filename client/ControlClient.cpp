@@ -50,7 +50,7 @@ void Connection::sendLine(const std::string& line) {
         const ssize_t count =
             send(descriptor_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
         if (count > 0) sent += static_cast<size_t>(count);
-        // Before it closes a connection, the agent writes its reason, which is still to be read.
+        // Before it closes a connection, the agent writes the reason, which can still be read.
         if (count < 0 && (errno == EPIPE || errno == ECONNRESET)) return;
         if (count < 0 && errno != EINTR) throw NoAgent(std::strerror(errno));
     }
@@ -101,9 +101,9 @@ Json ControlClient::request(const Json& request) {
         if (answer.at("ok").get<bool>()) return answer;
         throw Refused(answer.at("error").get<std::string>());
     } catch (const Json::exception&) {
-        throw NoAgent("not an answer of an agent: " + line->substr(0, 200));
+        throw NoAgent("not the answer of an agent: " + line->substr(0, 200));
     } catch (const Agent::JsonError&) {
-        throw NoAgent("not an answer of an agent: " + line->substr(0, 200));
+        throw NoAgent("not the answer of an agent: " + line->substr(0, 200));
     }
 }
 

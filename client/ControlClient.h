@@ -1,4 +1,4 @@
-// The client side of the agent's two sockets. Blocking: navctl does one thing at a time.
+// The client side of the agent's two sockets. Blocking: navctl performs one operation at a time.
 #pragma once
 
 #include <optional>
@@ -17,7 +17,7 @@ class NoAgent : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The user may not connect to what is in the run directory.
+// The user may not connect to the sockets of the run directory.
 class NoPermission : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
@@ -38,15 +38,15 @@ class Connection {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // Reading and writing fail with NoAgent after waiting for this long; 0, as at first: never.
+    // The time after which a read or write fails with NoAgent; 0, the default: never.
     void patienceIs(int seconds);
     void sendLine(const std::string& line);
-    // The next line without its newline; nothing at the end of the stream. Throws NoAgent.
+    // The next line without its newline; empty at the end of the stream. Throws NoAgent.
     std::optional<std::string> readLine();
     // Whether the next line has been received whole.
     bool hasLine() const { return buffer_.find('\n') != buffer_.npos; }
     int descriptor() const { return descriptor_; }
-    // Everything up to the end of the stream. Throws NoAgent.
+    // The rest of the stream. Throws NoAgent.
     std::string readAll();
 
   private:
@@ -54,7 +54,7 @@ class Connection {
 
     int descriptor_;
     std::string buffer_;
-    size_t searched_ = 0;  // no newline before this place of the buffer
+    size_t searched_ = 0;  // the buffer has no newline before this position
 };
 
 // Requests over control.sock, one at a time.
@@ -62,7 +62,7 @@ class ControlClient {
   public:
     explicit ControlClient(const std::string& runDir);
 
-    // The whole answer to a request. Throws Refused if it is not ok, NoAgent if none comes.
+    // The whole answer to a request. Throws Refused if it is not ok, NoAgent if there is no answer.
     Json request(const Json& request);
     // The value at a path of the tree.
     Json get(const std::string& path);
@@ -72,7 +72,7 @@ class ControlClient {
     Connection connection_;
 };
 
-// What the agent answers to a word on command.sock, untouched.
+// The agent's answer to a word on command.sock, unchanged.
 std::string showText(const std::string& runDir, const std::string& word);
 
 }  // namespace Client

@@ -11,7 +11,7 @@ using Vel::U64;
 
 namespace {
 
-// The members of the lowest priority number.
+// The members with the lowest priority number.
 std::vector<U32> carriersOf(const Agent::Json& members) {
     std::vector<U32> carriers;
     U32 best = 0;
@@ -32,7 +32,7 @@ void Traffic::statusIs(const Agent::Json& status) {
     carriers_.clear();
     for (const auto& [keyText, id] : status.items()) {
         const U32 lbId = id.at("lbIndex");
-        if (lbId == 0) continue;  // seen between its creation and its id
+        if (lbId == 0) continue;  // the entry has been created but has no id yet
         const auto key = Vel::Codec<Nav::LbProfileKey>::fromKey(keyText);
         const auto before = entries_.find(lbId);
         if (before != entries_.end() && before->second.lbKeyInfo == key)
@@ -54,7 +54,7 @@ void Traffic::advance(double seconds) {
         entry.flows = 0;
         if (carriers.empty()) continue;
 
-        // Whole packets on each path; the rest waits for the next time.
+        // Whole packets on each path; the remainder is carried over.
         const double each =
             (rate_.packetsPerSecond * seconds + remainder_[lbId]) / double(carriers.size());
         const U64 packets = static_cast<U64>(std::floor(each));

@@ -1,5 +1,6 @@
 // The traffic of a simulated forwarding side: for each load-balance id, packets at a constant rate
-// over the member paths of the best priority, in equal shares. Pure arithmetic; time is given.
+// over the member paths of the best priority, in equal shares. Computation only; the caller gives
+// the time.
 #pragma once
 
 #include <map>
@@ -19,10 +20,10 @@ class Traffic {
   public:
     explicit Traffic(const Rate& rate) : rate_(rate) {}
 
-    // Takes over which ids there are and which paths carry them, from the agent's load-balance
-    // status as JSON. What an id has counted stays while the id stands for the same key.
+    // Takes the ids and their paths from the agent's load-balance status as JSON. The counters of
+    // an id are kept while the id belongs to the same key.
     void statusIs(const Agent::Json& status);
-    // Lets the given number of seconds of traffic pass.
+    // Adds the traffic of the given number of seconds.
     void advance(double seconds);
 
     // The entries, by id.
@@ -34,7 +35,7 @@ class Traffic {
     Rate rate_;
     std::map<Vel::U32, NavShard::NavLbProfileCounterEntry> entries_;
     std::map<Vel::U32, std::vector<Vel::U32>> carriers_;  // path indices, by id
-    std::map<Vel::U32, double> remainder_;                // packets not whole yet, by id
+    std::map<Vel::U32, double> remainder_;  // fraction of a packet carried over, by id
 };
 
 }  // namespace Forwarder

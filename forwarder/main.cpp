@@ -1,6 +1,6 @@
-// nav-forwarder: the forwarding side of the simulated router in a process of its own. It follows
-// the agent's load-balance status over control.sock and writes traffic counters into the table of
-// the agent's run directory. It outlives the agent; SIGTERM and SIGINT end it in order.
+// nav-forwarder: the forwarding side of the simulated router as a separate process. It follows the
+// agent's load-balance status over control.sock and writes traffic counters into the table of the
+// agent's run directory. It outlives the agent and stops in order on SIGTERM and SIGINT.
 #include <poll.h>
 #include <signal.h>
 
@@ -20,12 +20,12 @@ constexpr const char* statusPath = "/navStatusDir/navLbProfileStatus/lbProfileSt
 
 volatile sig_atomic_t stopped = 0;
 
-// What the agent says of load balancing, as long as there is an agent.
+// The agent's load-balance status, while an agent runs.
 class StatusFollower {
   public:
     explicit StatusFollower(std::string runDir) : runDir_(std::move(runDir)) {}
 
-    // Waits at most that long, and gives the status if it is new.
+    // Waits for at most that long, and returns the status if it is new.
     std::optional<Agent::Json> await(std::chrono::milliseconds patience, const sigset_t& mask) try {
         if (!watch_) {
             watch_.emplace(runDir_);
@@ -41,7 +41,8 @@ class StatusFollower {
         } while (watch_ && watch_->connection().hasLine());
         return read();
     } catch (const std::exception&) {
-        // No agent, or one that is just going: what it said last stays, and it is asked again.
+        // No agent, or one that is stopping: the last status stays valid, and the request is
+        // repeated.
         watch_.reset();
         const timespec limit{patience.count() / 1000, patience.count() % 1000 * 1'000'000};
         ppoll(nullptr, 0, &limit, &mask);
@@ -67,7 +68,7 @@ void publish(NavShard::NavCounters& counters, const Forwarder::Traffic& traffic,
         return true;
     });
     if (counters.lbProfileCounterCommit()) return;
-    // Another process broke the table, and a new one has its name.
+    // Another process damaged the table, and a new one has its name.
     for (const auto& [lbId, entry] : traffic.entries()) counters.lbProfileCounterIs(entry);
     if (counters.lbProfileCounterCommit()) counters.lbProfileCounterMounted();
 }
@@ -77,7 +78,7 @@ void run(const std::string& runDir, const Forwarder::Rate& rate, std::chrono::mi
     auto counters = NavShard::navCountersFactory("navCounters");
     counters->lbProfileCounterControlIs(
         NavShard::LbProfileCounterControl::writer(Shard::Namespace(runDir)));
-    counters->lbProfileCounterDelAll();  // of a forwarder before, whose ids may be others' now
+    counters->lbProfileCounterDelAll();  // of an earlier forwarder, with other keys perhaps
     counters->lbProfileCounterMounted();
 
     StatusFollower follower(runDir);
@@ -117,7 +118,7 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? 0 : 2;
     }
 
-    // The signals are taken in the waits alone, so that an update is never cut short.
+    // Signals are only delivered during the waits, so that an update is never interrupted.
     sigset_t blocked, unblocked;
     sigemptyset(&blocked);
     for (const int number : {SIGTERM, SIGINT}) {

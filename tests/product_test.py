@@ -196,7 +196,7 @@ class ProductTest(Products):
         self.assertTrue(watch.stdout.readline())
         refused = self.run_to_end("nav-agent", "--run-dir", run_dir)
         self.assertEqual(refused.returncode, 1)
-        self.assertIn(f"another agent runs there (pid {crashed.pid})", refused.stderr)
+        self.assertIn(f"another agent is running there (pid {crashed.pid})", refused.stderr)
         self.assertEqual(self.navctl(run_dir, "ping").returncode, 0, "left alone by the refused one")
         self.stop(crashed, signal.SIGKILL)
         self.assertEqual(watch.wait(patience), 3)

@@ -40,7 +40,7 @@ class CountingIterator {
     size_t* line_;
 };
 
-// Walks a text and remembers the line of the longest prefix of `place` that it met.
+// Parses a text and remembers the line of the longest prefix of `place` that it finds.
 class PlaceFinder : public nlohmann::json_sax<Json> {
   public:
     PlaceFinder(const Json::json_pointer& place, const size_t& line) : line_(line) {
@@ -103,7 +103,7 @@ class PlaceFinder : public nlohmann::json_sax<Json> {
     }
 
     const size_t& line_;
-    std::vector<std::string> steps_;  // last step first, as a pointer gives them away
+    std::vector<std::string> steps_;  // in reverse order
     std::vector<Container> open_;
     size_t deepest_ = 0;
     size_t found_ = 1;
@@ -116,7 +116,7 @@ Json parseJson(std::string_view text) {
     auto refuse = [&line] [[noreturn]] (const std::string& reason) {
         throw JsonError("line " + std::to_string(line) + ": " + reason);
     };
-    // The parser would take it for the end of the text.
+    // The parser would take a NUL byte for the end of the text.
     if (const size_t nul = text.find('\0'); nul != text.npos) {
         line += static_cast<size_t>(std::count(text.begin(), text.begin() + nul, '\n'));
         refuse("a NUL byte");
@@ -160,7 +160,7 @@ std::string readFile(const std::string& name) {
     std::ifstream file;
     if (name != "-") file.open(name, std::ios::binary);
     std::ostringstream text;
-    // A directory opens, and fails at the first read.
+    // Opening a directory succeeds; the first read fails.
     if (name != "-" && !file) throw JsonError(std::strerror(errno));
     std::istream& in = name == "-" ? std::cin : file;
     errno = 0;

@@ -1,5 +1,5 @@
-// JSON as the agent, its clients and the configuration files use it. Everything read here may come
-// from anybody: texts are bounded in depth, must be UTF-8, and an error says where it is.
+// JSON for the agent, its clients and the configuration files. Its input is not trusted: texts are
+// bounded in depth, must be UTF-8, and every error names the place.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -9,19 +9,19 @@
 
 namespace Agent {
 
-// Objects keep the order in which their members were written: that order means something, since
-// an object that is assigned assigns its members in it.
+// Objects keep the order in which their members were written. The order matters: the members of an
+// object are assigned in that order.
 using Json = nlohmann::ordered_json;
 
-// A text that is no JSON, or a file that cannot be read. what() is "line 3, column 7: reason" or
-// the system's reason; the caller puts the file's name before it.
+// A text that is not JSON, or a file that cannot be read. what() is "line 3, column 7: reason" or
+// the system's reason; the caller prepends the file's name.
 class JsonError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// A JSON text that holds what may not stand there. what() is "/path/to/member: reason", the place
-// being a JSON pointer (RFC 6901) into the text; of the whole text just the reason.
+// A JSON text with invalid content. what() is "/path/to/member: reason", where the place is a JSON
+// pointer (RFC 6901) into the text; for the whole text it is only the reason.
 class PlacedError : public std::runtime_error {
   public:
     PlacedError(Json::json_pointer place, const std::string& reason)
@@ -36,23 +36,23 @@ class PlacedError : public std::runtime_error {
     std::string reason_;
 };
 
-// Containers may stand this deep in each other. What the agent keeps nests less than ten levels.
+// The largest depth of nested containers. The agent's data nests less than ten levels.
 inline constexpr int maxJsonDepth = 64;
-// An object has this many members at most, since finding one in a Json takes a walk over them.
+// The largest number of members of an object: finding a member of a Json walks over them.
 inline constexpr int maxJsonMembers = 4096;
 
-// The value of a text; JsonError if it is none, passes these bounds, or is not UTF-8.
+// The value of a text; throws JsonError if it is not JSON, exceeds these limits, or is not UTF-8.
 Json parseJson(std::string_view text);
 
-// One line without its newline. Never throws for what a string holds: bytes that are no UTF-8 come
-// out as the replacement character.
+// The text on one line, without a newline. Never throws because of a string's content: bytes that
+// are not UTF-8 are written as the replacement character.
 std::string dumpLine(const Json& value);
 
-// The line, counted from 1, on which the member or element `place` of a valid JSON text begins; the
-// line of the nearest enclosing one that is there if it is not.
+// The line, counted from 1, on which the member or element `place` of a valid JSON text begins; if
+// it is not present, the line of its nearest enclosing one that is.
 size_t lineOf(std::string_view text, const Json::json_pointer& place);
 
-// The whole of a file, "-" being standard input. JsonError with the system's reason.
+// The content of a file; "-" is standard input. Throws JsonError with the system's reason.
 std::string readFile(const std::string& name);
 
 }  // namespace Agent

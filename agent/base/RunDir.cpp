@@ -27,7 +27,7 @@ std::string defaultRunDir() {
     if (geteuid() == 0) return "/run/nav";
     const char* base = std::getenv("XDG_RUNTIME_DIR");
     if (base == nullptr || *base == '\0') {
-        throw RunDirError("XDG_RUNTIME_DIR is not set: name a run directory");
+        throw RunDirError("XDG_RUNTIME_DIR is not set: a run directory is required (--run-dir)");
     }
     return std::string(base) + "/nav";
 }
@@ -62,10 +62,10 @@ RunDir::RunDir(std::string path) : path_(std::move(path)) {
         close(lock_);
         errno = reason;
         if (reason != EWOULDBLOCK) fail(name);
-        throw RunDirError(path_ + ": another agent runs there" +
+        throw RunDirError(path_ + ": another agent is running there" +
                           (known ? " (pid " + std::to_string(std::atoi(pid.data())) + ")" : ""));
     }
-    // For the message above only: a lock file that could not be written locks all the same.
+    // The pid is only for the message above: a lock file that could not be written still locks.
     if (ftruncate(lock_, 0) == 0) dprintf(lock_, "%d\n", getpid());
 }
 
@@ -78,7 +78,7 @@ RunDir::RunDir(std::string path, const std::string& group) : RunDir(std::move(pa
         fail(path_ + ": cannot give it to group " + group);
 }
 
-// The lock file stays: removing it would let two newcomers lock two different files.
+// The lock file stays: if it were removed, two new agents could lock two different files.
 RunDir::~RunDir() {
     close(lock_);
 }

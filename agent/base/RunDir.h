@@ -1,6 +1,6 @@
-// The run directory: where an agent's sockets live, and what makes sure that there is one agent to
-// a directory. RunDir belongs to the agent and holds the directory for as long as it lives; the
-// free functions serve clients too.
+// The run directory, which contains an agent's sockets and ensures that there is one agent per
+// directory. RunDir belongs to the agent and holds the directory for its lifetime; the free
+// functions serve clients too.
 #pragma once
 
 #include <sys/un.h>
@@ -10,7 +10,7 @@
 
 namespace Agent {
 
-// A run directory that cannot be used; what() names it and says why.
+// A run directory that cannot be used; what() names it and the reason.
 class RunDirError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
@@ -19,21 +19,22 @@ class RunDirError : public std::runtime_error {
 inline constexpr const char* commandSocketName = "command.sock";
 inline constexpr const char* controlSocketName = "control.sock";
 
-// /run/nav for root, else $XDG_RUNTIME_DIR/nav; RunDirError when that is not set.
+// /run/nav for root, else $XDG_RUNTIME_DIR/nav; throws RunDirError if that is not set.
 std::string defaultRunDir();
 
-// The address of a Unix socket; RunDirError if the path does not fit one (107 bytes).
+// The address of a Unix socket; throws RunDirError if the path is too long (107 bytes).
 sockaddr_un socketAddress(const std::string& path);
 
 class RunDir {
   public:
-    // Creates the directory (mode 0700) if it is missing, and takes its lock. RunDirError if it
-    // cannot be made, is no directory, or belongs to a running agent. The lock goes with the
-    // process, so that what a crashed agent left behind never stands in the way.
+    // Creates the directory (mode 0700) if it is missing, and takes its lock. Throws RunDirError if
+    // it cannot be created, is not a directory, or belongs to a running agent. The lock ends with
+    // the process, so a crashed agent never prevents the next start.
     explicit RunDir(std::string path);
-    // The same, and unless `group` is empty gives the directory to it with mode 0750, so that its
-    // members may read the shared maps (platform/shard/Namespace.h). Sockets and lock stay the
-    // owner's alone. RunDirError if there is no such group or the process may not give it.
+    // The same; unless `group` is empty, the directory gets that group and mode 0750, so that its
+    // members may read the shared maps (platform/shard/Namespace.h). Sockets and lock stay
+    // accessible to the owner only. Throws RunDirError if the group is not found or the process may
+    // not assign it.
     RunDir(std::string path, const std::string& group);
     ~RunDir();
     RunDir(const RunDir&) = delete;

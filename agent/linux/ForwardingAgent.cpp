@@ -24,7 +24,7 @@ void ForwardingAgent::review() {
     paths_.forEach([](VelPathStatusEntry& path) { path.reviewLater(); });
 }
 
-// Null without a route.
+// Null if the path has no route.
 const Fec* ForwardingAgent::fecOf(const L3::VrfName& vrfName, const Netz::IpGenAddr& addr) const {
     const Routing::NexthopVrfStatus* vrf = in_.nexthopStatus->vrf(vrfName);
     const Routing::NexthopResult* result = vrf ? vrf->nexthop(addr) : nullptr;
@@ -33,7 +33,7 @@ const Fec* ForwardingAgent::fecOf(const L3::VrfName& vrfName, const Netz::IpGenA
                        : in_.forwardingStatus->fec(result->fecId);
 }
 
-// Returns whether packets can be sent to the next hop at once; if not, has it resolved.
+// Returns whether packets can be sent to the next hop at once; if not, requests its resolution.
 bool ForwardingAgent::followNexthop(const Neighbour& nexthop) {
     if (!confirmation_.armed()) confirmation_.armIn(confirmInterval);
     if (monitor_.neighbourResolved(nexthop)) return true;
@@ -68,7 +68,7 @@ ForwardingAgent::VelPathStatusEntry::VelPathStatusEntry(PathVrf<ForwardingAgent>
       encapId_(Vel::Subscription::to<&VelPathStatusEntry::reviewLater>(
           path, Nav::PathStatusEntry::encapIdAttr, this)) {}
 
-// Nothing unless the path is resolved and its via is still one of its route's.
+// Empty unless the path is resolved and its via is still part of its route.
 std::optional<Neighbour> ForwardingAgent::VelPathStatusEntry::findNexthop() const {
     const Nav::HwPathInfo& info = path_->pathInfo();
     if (info.pathState != Nav::PathState::resolved || familiesDiffer(path_->key())) return {};

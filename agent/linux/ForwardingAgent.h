@@ -1,5 +1,5 @@
-// The forwarding agent of a host whose kernel forwards: reports of each path whether packets could
-// be sent over it now. Owned by the platform; on the event thread.
+// The forwarding agent of a host whose kernel forwards: reports for each path whether packets can
+// be sent over it now. Owned by the platform; used on the event thread.
 //
 // Invariant once its tasks have run: a path has a hardware entry exactly while it is resolved and
 // its via is one of the route to its destination; a path whose route has moved to another interface
@@ -9,9 +9,9 @@
 // index is that of the path's next hop in the kernel instead, and 0 until the kernel has it.
 //
 // The kernel resolves a neighbour when it has a packet for it, and gives up after some seconds. So
-// the agent has it resolve each next hop in use that is unresolved, and repeats that for all next
-// hops in use every `confirmInterval`: the kernel then tries a failed one again, and finds out
-// about one that has fallen silent.
+// the agent requests the resolution of each next hop in use that is unresolved, and repeats that
+// for all next hops in use every `confirmInterval`: the kernel then retries a failed neighbour, and
+// detects one that has stopped answering.
 #pragma once
 
 #include <chrono>
@@ -28,11 +28,11 @@ class ForwardingAgent {
   public:
     static constexpr Loom::Duration confirmInterval = std::chrono::seconds(1);
 
-    // The others outlive this. `forwarding`: null if the platform observes only.
+    // The other objects must outlive this. `forwarding`: null if the platform observes only.
     ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor, Forwarding* forwarding);
 
-    // Call when routes, neighbours or interfaces may have changed. Paths are reviewed in tasks,
-    // after those that are queued now.
+    // Must be called when routes, neighbours or interfaces may have changed. Paths are reviewed in
+    // tasks, after those that are queued now.
     void review();
 
   private:

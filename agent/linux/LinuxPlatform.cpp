@@ -16,12 +16,12 @@ namespace Agent::Linux {
 
 namespace {
 
-// After a lookup that failed; no event may come that would have it repeated.
+// The delay after a failed lookup; no event may come that would repeat it.
 constexpr Loom::Duration retryDelay = std::chrono::seconds(1);
 
 }  // namespace
 
-// The router's other services, played from the kernel's state.
+// The router's other services, derived from the kernel's state.
 class LinuxPlatform::Services {
   public:
     Services(EventLoop& loop, const Nav::NavInputs& inputs, const LinuxOptions& options);
@@ -81,7 +81,7 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
 void LinuxPlatform::Services::handleInterfaces() {
     RouterStatus status;
     std::set<L3::VrfName> unnumbered;
-    // The VRF "default" comes first; a device of that name adds none.
+    // The VRF "default" is the first; a device with that name is ignored.
     for (const Vrf& vrf : monitor_.interfaces().vrfs) {
         status.vrfIds.emplace(vrf.name, vrf.id);
         if (vrf.id != 0 || vrf.index == 0) continue;
@@ -98,7 +98,7 @@ void LinuxPlatform::Services::handleInterfaces() {
     if (forwarding_) forwarding_->interfacesChanged();
 }
 
-// Paths are reviewed after the tasks in which path selection takes up the new results.
+// Paths are reviewed after the tasks in which path selection processes the new results.
 void LinuxPlatform::Services::handleForwarding() {
     resolver_.resolve();
     if (agent_) agent_->review();

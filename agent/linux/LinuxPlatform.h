@@ -1,6 +1,6 @@
 // The platform of a router whose forwarding side is the host's own kernel: its interfaces, VRFs,
-// routes and neighbours become the inputs of path selection. What is taken from where, and what it
-// needs to run: docs/linux.md.
+// routes and neighbours become the inputs of path selection. docs/linux.md describes the mapping
+// and what the agent requires.
 #pragma once
 
 #include <memory>
@@ -21,11 +21,11 @@ struct LinuxOptions {
 
 class LinuxPlatform final : public Platform {
   public:
-    // The loop outlives this.
+    // The loop must outlive this.
     explicit LinuxPlatform(EventLoop& loop, LinuxOptions options = {});
     ~LinuxPlatform() override;
 
-    // Raises Vel::Error where the kernel gives no sockets or cannot be read.
+    // Raises Vel::Error if the kernel refuses a socket or cannot be read.
     void start(const Nav::NavInputs& inputs) override;
     void stop() override;
     void configured() override;

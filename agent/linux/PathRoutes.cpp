@@ -11,7 +11,7 @@ using Netz::IpGenAddr;
 
 namespace {
 
-// The interfaces of each address in each VRF; an address may be on several.
+// The interfaces of each address in each VRF; several interfaces may have the same address.
 std::multimap<std::pair<L3::VrfName, IpGenAddr>, uint32_t> sources(const InterfaceView& view) {
     std::multimap<std::pair<L3::VrfName, IpGenAddr>, uint32_t> sources;
     for (const Interface& interface : view.interfaces)
@@ -57,7 +57,7 @@ NexthopResolver::ViasByVrf pathVias(const InterfaceView& view, std::span<const P
         routeVias.erase(repeated.begin(), repeated.end());
         NexthopResolver::Vias vias;
         for (const RouteVia& via : routeVias) {
-            // An interface that was deleted meanwhile or is still unknown brings an event itself.
+            // An interface that has been deleted or is still unknown causes an event itself.
             const Interface* interface = view.at(via.ifIndex);
             if (interface && vias.size() < Shard::Fib::Fec::maxVias)
                 vias.push_back({.hop = via.hop, .intfId = interface->name, .weight = via.weight});

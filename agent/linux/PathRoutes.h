@@ -1,9 +1,9 @@
 // The routes of paths: each configured path is looked up with its own source address and output
-// interface, so that rules by source, default routes of several metrics and the tables of VRFs are
-// followed as the kernel would for its packets. The vias of an address are the union of its paths'.
+// interface, so that rules by source, default routes of several metrics and the tables of VRFs
+// apply as they do to its packets. The vias of an address are the union of its paths' vias.
 //
-// Plain functions, between interfaces and path configuration on one side and the next-hop resolver
-// on the other.
+// Pure functions between interfaces and path configuration on one side and the next-hop resolver on
+// the other.
 #pragma once
 
 #include <span>
@@ -27,9 +27,10 @@ struct PathQuery {
 std::vector<PathQuery> pathQueries(const InterfaceView& view, const Nav::PathConfigDir& paths,
                                    const Routing::NexthopConfig& requested);
 
-// The vias of each address by the results of its queries, one per query in their order. Sorted by
-// hop and interface, each pair once; every VRF of the view has an element. A path takes the last
-// via by its own interface, which in this order is the same one as long as it exists.
+// The vias of each address according to the results of its queries, one per query in their order.
+// Sorted by hop and interface, without duplicates; every VRF of the view has an element. A path
+// takes the last via through its own interface, which in this order stays the same as long as it
+// exists.
 NexthopResolver::ViasByVrf pathVias(const InterfaceView& view, std::span<const PathQuery> queries,
                                     std::span<const RouteResult> results);
 

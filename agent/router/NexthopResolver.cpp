@@ -13,7 +13,7 @@ using Vias = NexthopResolver::Vias;
 
 namespace {
 
-// A requested address with the vias that it is to have.
+// A requested address with the vias that it is to get.
 struct Target {
     Routing::NexthopVrfStatus& vrf;
     const IpGenAddr& addr;
@@ -31,7 +31,7 @@ struct ViasLess {
     }
 };
 
-// The FEC id of each list of vias that is wanted; 0: no FEC has these vias.
+// The FEC id of each required list of vias; 0: no FEC has these vias.
 using FecIds = std::map<Vias, U64, ViasLess>;
 
 template <class Fib>
@@ -43,7 +43,7 @@ FecIds presentFecs(const Fib& fib, const std::vector<Target>& targets) {
     return ids;
 }
 
-// Per FEC in use, the vias that all its addresses are to have; null where these differ.
+// For each FEC in use, the vias that all its addresses are to get; null if these differ.
 std::map<U64, const Vias*> commonVias(const std::vector<Target>& targets) {
     std::map<U64, const Vias*> common;
     for (const Target& target : targets) {

@@ -1,16 +1,16 @@
 // The routing service of a platform: answers the requests of the next-hop configuration with
-// next-hop status and the two forwarding tables. The platform looks the vias up; this publishes
-// what changed. Owned by the platform; on the event thread.
+// next-hop status and the two forwarding tables. The platform looks up the vias; this class
+// publishes what changed. Owned by the platform; used on the event thread.
 //
 // Invariants after each resolution: a VRF has a status exactly while the lookup returns it; a
 // requested address has a result exactly while the lookup returns vias for it, and the result names
 // the FEC of these vias. All addresses of one family with the same vias share a FEC, which is
-// deleted with the last of them. Ids are not used again.
+// deleted with the last of them. Ids are not reused.
 //
 // When vias change, few notifications are sent: if every address using a FEC moves to the same new
-// vias, as when the gateway before them changes, the FEC keeps its id and takes them, and no result
-// changes. Any other address with new vias gets another FEC, so that no address ever names a FEC
-// with vias that are neither its old nor its new ones.
+// vias, for example because their gateway changes, the FEC keeps its id and takes them, and no
+// result changes. Any other address with new vias gets another FEC, so that no address ever names a
+// FEC whose vias are neither its old nor its new ones.
 #pragma once
 
 #include <functional>
@@ -29,7 +29,8 @@ class NexthopResolver {
     using ViasByVrf = std::map<L3::VrfName, std::map<Netz::IpGenAddr, Vias>>;
     using Lookup = std::function<ViasByVrf(const Routing::NexthopConfig& requested)>;
 
-    // The lookup may depend on the configured paths too: it is repeated when one comes or goes.
+    // The lookup may also depend on the configured paths: it is repeated when one is added or
+    // removed.
     NexthopResolver(const Nav::NavInputs& inputs, Lookup lookup);
 
     // Looks everything up and publishes it, now or in a task.
@@ -37,7 +38,7 @@ class NexthopResolver {
     void review() { in_.scheduler->post(resolution_); }
 
   private:
-    // Follows a collection of one VRF.
+    // Subscribes to one collection of one VRF.
     template <class Vrf, const auto* attribute>
     struct VelVrf final : Vel::Object {
         VelVrf(NexthopResolver& owner, Vrf& vrf)

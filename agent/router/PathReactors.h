@@ -1,8 +1,8 @@
-// What the forwarding agents of the platforms share: one reactor for each path with a status, in
-// every VRF, as paths, VRFs and the directory itself come and go.
+// The common part of the platforms' forwarding agents: one reactor for each path with a status, in
+// every VRF, as paths, VRFs and the directory itself are added and removed.
 //
-// R is a Vel::Object made from (PathVrf<Owner>&, Nav::PathStatusEntry&); the rules of
-// Vel::EntryReactors hold for it.
+// R is a Vel::Object constructed from (PathVrf<Owner>&, Nav::PathStatusEntry&); the rules of
+// Vel::EntryReactors apply to it.
 #pragma once
 
 #include <optional>
@@ -12,8 +12,8 @@
 
 namespace Agent {
 
-// A tunnel's two addresses are of one family, so a path between an IPv4 and an IPv6 address is
-// never programmed. Its reactor says so once.
+// The two addresses of a tunnel are of one family, so a path between an IPv4 and an IPv6 address is
+// never programmed. Its reactor reports that once.
 inline bool familiesDiffer(const Nav::PathKey& path) {
     return path.srcAddr.isV4() != path.dstAddr.isV4();
 }

@@ -1,5 +1,5 @@
-// Why a path carries no traffic, in words for an operator, read off the published state that shows
-// it: for the log, and for whoever asks.
+// The reason why a path carries no traffic, in words for an operator, derived from the published
+// state. Used by the log and by requests.
 #pragma once
 
 #include <optional>
@@ -21,8 +21,8 @@ struct PathIdentity {
     std::string text() const;
 };
 
-// The first thing that is missing, from the configuration to the next hop; empty if nothing is.
-// `linkUp`: whether the local interface is up, nothing if that is not known.
+// The first unmet condition, from the configuration to the next hop; empty if all are met.
+// `linkUp`: whether the local interface is up, empty if that is not known.
 std::string reasonDown(const Nav::NavInputs& inputs, const PathIdentity& path,
                        std::optional<bool> linkUp);
 

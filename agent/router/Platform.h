@@ -1,8 +1,8 @@
-// Plays the router's other services: fills the inputs that are theirs and serves the requests that
-// the library writes. Owned by the Host, which starts it after the root reactor was made and stops
-// it before that is destroyed.
+// Takes the part of the router's other services: writes the inputs that they own and serves the
+// requests that the library writes. Owned by the Host, which starts it after the root reactor was
+// created and stops it before that is destroyed.
 //
-// This class itself plays nothing and is the platform `manual`: every input can be written through
+// This class itself does nothing and is the platform `manual`: every input can be written through
 // the control socket.
 #pragma once
 
@@ -24,14 +24,14 @@ class Platform {
     const std::string& name() const { return name_; }
     bool manual() const { return name_ == "manual"; }
 
-    // Throws where it cannot start.
+    // Throws if it cannot start.
     virtual void start(const Nav::NavInputs&) {}
     virtual void stop() {}
-    // The configuration has been changed, completely.
+    // Called after a change of the configuration is complete.
     virtual void configured() {}
-    // What the platform forwards, for `navctl show forwarding`; nothing if it does not forward.
+    // What the platform forwards, for `navctl show forwarding`; empty if it does not forward.
     virtual std::optional<Json> forwarding() { return {}; }
-    // Whether an interface is up; nothing if it does not exist or the platform does not know.
+    // Whether an interface is up; empty if it does not exist or the platform does not know.
     virtual std::optional<bool> linkUp(const Netz::IntfId&) const { return {}; }
 
   private:

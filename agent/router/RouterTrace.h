@@ -1,4 +1,4 @@
-// The trace facility of what the platforms share.
+// The trace facility of the code that the platforms share.
 #pragma once
 
 #include "platform/trace/Duolog.h"

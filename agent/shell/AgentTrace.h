@@ -1,5 +1,5 @@
-// The trace facility of the agent itself. Its levels up to 5 are what an operator reads in the log;
-// docs/log.md lists the lines.
+// The trace facility of the agent itself. Operators read its levels up to 5 in the log; docs/log.md
+// lists the lines.
 #pragma once
 
 #include "platform/trace/Duolog.h"
@@ -8,7 +8,7 @@ namespace Agent {
 
 inline Duolog::Facility agentTrace{"agent"};
 
-// Traces a text longer than Duolog keeps of a plain string.
+// Traces a text that is longer than Duolog keeps of a plain string.
 struct LongText {
     std::string text;
     friend std::ostream& operator<<(std::ostream& out, const LongText& self) {

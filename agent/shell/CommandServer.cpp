@@ -8,7 +8,7 @@
 
 namespace Agent {
 
-// One connection. Each of its callbacks ends with the call that may destroy it.
+// One connection. The last call of each of its callbacks may destroy it.
 class CommandServer::Client {
   public:
     Client(CommandServer& server, int descriptor);
@@ -19,8 +19,8 @@ class CommandServer::Client {
 
     CommandServer& server_;
     std::unique_ptr<bufferevent, void (*)(bufferevent*)> stream_;
-    EventLoop::Registration deadline_;  // of the word
-    bool answered_ = false;             // only what is left of the answer matters now
+    EventLoop::Registration deadline_;  // for the arrival of the word
+    bool answered_ = false;             // the rest of the answer is being sent
 };
 
 CommandServer::Client::Client(CommandServer& server, int descriptor)

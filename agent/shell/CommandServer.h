@@ -1,9 +1,9 @@
-// command.sock, the road of the show commands: a client writes one word and a newline, and reads
+// command.sock, the socket of the show commands: a client writes one word and a newline, and reads
 // the answer until end of file.
 //
-// A client can cost no more than its own connection: the word is bounded in length and in time, an
-// answer waits in memory for as long as the client takes some of it now and then, and when there
-// are too many clients, the oldest is closed. Owned by HostAgent; runs on the event thread.
+// A misbehaving client costs only its own connection: the word is bounded in length and in time, an
+// answer stays in memory only while the client keeps reading, and if there are too many clients the
+// oldest is closed. Owned by HostAgent; runs on the event thread.
 #pragma once
 
 #include <chrono>
@@ -18,13 +18,13 @@ namespace Agent {
 
 class CommandServer {
   public:
-    // The whole text to send for a word, which is passed without its newline; empty for none.
+    // The complete answer to a word, which is passed without its newline; empty for no answer.
     using Show = std::function<std::string(const std::string& word)>;
 
     struct Limits {
         size_t wordBytes = 256;
         size_t clients = 32;
-        // A client is closed that has not sent its word, or has taken nothing, for this long.
+        // A client is closed if it has not sent its word, or has read nothing, for this long.
         std::chrono::milliseconds silence{5000};
     };
 

@@ -39,8 +39,8 @@ Answer warned(std::vector<std::string> warnings) {
 
 }  // namespace
 
-// The root reactor subscribed before, so the container, and with it /navDb, has come or gone when
-// the watches are called.
+// The root reactor subscribed before the watches, so the container, and with it /navDb, has been
+// created or deleted when the watches are notified.
 Control::Control(Controlled agent)
     : agent_(std::move(agent)),
       watches_(agent_.tree),
@@ -55,7 +55,7 @@ Answer Control::handle(const std::string& op, const Json& request, Session& sess
         {"log", &Control::log},          {"ping", &Control::ping},
         {"forwarding", &Control::forwarding}};
     const auto operation = operations.find(op);
-    if (operation == operations.end()) throw RequestError("op: \"" + op + "\" is unknown");
+    if (operation == operations.end()) throw RequestError("op: \"" + op + "\" not found");
     if (agent_.manual || (op != "set" && op != "del" && op != "load"))
         return (this->*operation->second)(request, session);
     const auto found = request.find("path");
@@ -76,7 +76,7 @@ Answer Control::get(const Json& request, Session&) {
     if (written == "/") return agent_.tree.rootNames();
     const Path path = agent_.tree.parse(written);
     Json value = agent_.tree.get(path);
-    // An attribute may have no value now; an entry that has none does not exist.
+    // An attribute may have no value; an entry without a value does not exist.
     if (value.is_null() && path.hasKey() && !agent_.tree.hasAttribute(path))
         throw RequestError(written + ": not found");
     return value;

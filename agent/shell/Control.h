@@ -1,8 +1,8 @@
-// The requests of the control socket, carried out on a running agent. On the event thread; outlives
-// the server that calls it.
+// The requests of the control socket, executed on a running agent. Used on the event thread;
+// outlives the server that calls it.
 //
 // On platforms other than manual every change of /cliConfig and /forwardingConfig is a transaction;
-// on manual, set and del write the tree and nothing else.
+// on manual, set and del write only the tree.
 #pragma once
 
 #include <functional>
@@ -21,9 +21,9 @@ struct Controlled {
     Tree& tree;
     RunningConfig running;
     const Ip::Status& interfaces;  // their addresses
-    std::string platform;          // its name
+    std::string platform;          // the platform's name
     bool manual;                   // whether the platform leaves every input to the requests
-    // The library's answer to a show command, empty if it does not know the word.
+    // The library's answer to a show command; empty for an unknown word.
     std::function<std::string(const std::string& word)> show;
     // What the platform forwards; nothing if it does not forward.
     std::function<std::optional<Json>()> forwarding = [] { return std::optional<Json>(); };
@@ -33,7 +33,7 @@ struct Controlled {
 
 class Control final : public RequestHandler {
   public:
-    // A session may watch this many paths.
+    // The largest number of paths that one session may watch.
     static constexpr size_t maxWatches = 64;
 
     explicit Control(Controlled agent);
@@ -41,8 +41,8 @@ class Control final : public RequestHandler {
     Answer handle(const std::string& op, const Json& request, Session& session) override;
     void sessionClosed(Session& session) override { watches_.remove(session); }
 
-    // Makes the configurations the running ones and returns the warnings about them. Throws
-    // TreeError if they are not valid.
+    // Makes these the running configurations and returns the warnings about them. Throws TreeError
+    // if they are not valid.
     std::vector<std::string> load(WantedConfig wanted);
 
   private:

@@ -13,7 +13,7 @@ namespace Agent {
 
 namespace {
 
-// Requests of one client between two looks at the others.
+// Requests of one client that are handled before the other clients get their turn.
 constexpr int batch = 32;
 
 std::string refusal(const std::string& reason) {
@@ -22,7 +22,8 @@ std::string refusal(const std::string& reason) {
 
 }  // namespace
 
-// One connection. Its callbacks end in advance(), the one place where it may be destroyed.
+// One connection. Each of its callbacks ends in advance(), the only place where it may be
+// destroyed.
 class ControlServer::Client final : public Session {
   public:
     Client(ControlServer& server, int descriptor);
@@ -46,8 +47,8 @@ class ControlServer::Client final : public Session {
     std::unique_ptr<bufferevent, void (*)(bufferevent*)> stream_;
     EventLoop::Registration again_;
     bool watches_ = false;
-    bool atEnd_ = false;    // the client sends no more; what it has sent is still answered
-    bool closing_ = false;  // no requests and events any more; what is written is still sent
+    bool atEnd_ = false;    // the client sends no more; its requests are still answered
+    bool closing_ = false;  // no more requests or events; the output is still sent
 };
 
 ControlServer::Client::Client(ControlServer& server, int descriptor)
@@ -118,7 +119,7 @@ void ControlServer::Client::answerSome() {
         const std::string answer = server_.answer(*line, *this);
         if (!closing_) send(answer);
     }
-    // The other clients take their turns; a congested client is called again when it has read.
+    // The other clients get their turn; a congested client is called again when it has read.
     if (!closing_ && !congested()) {
         again_ = server_.loop_.onTimer(std::chrono::nanoseconds{0}, [this] { advance(); });
     }
@@ -153,7 +154,7 @@ void ControlServer::accepted(int descriptor) {
         clients_.push_back(std::make_unique<Client>(*this, descriptor));
         return;
     }
-    // Fits the empty send buffer of a new connection.
+    // The line fits the empty send buffer of a new connection.
     const std::string line = refusal("too many clients") + "\n";
     ::send(descriptor, line.data(), line.size(), MSG_NOSIGNAL);
     ::close(descriptor);
@@ -182,13 +183,13 @@ std::string ControlServer::answer(const std::string& line, Client& client) {
     Json reply = Json::object();
     try {
         const Json request = parseJson(line);
-        if (!request.is_object()) throw RequestError("a request is an object");
+        if (!request.is_object()) throw RequestError("a request must be an object");
         if (const auto id = request.find("id"); id != request.end()) reply["id"] = *id;
         const auto op = request.find("op");
-        if (op == request.end() || !op->is_string()) throw RequestError("op: a word is needed");
+        if (op == request.end() || !op->is_string()) throw RequestError("op: a string is required");
         loop_.settle();
         Answer answer = handler_.handle(*op, request, client);
-        // A watch's first value is written before the events of what is due now.
+        // The first value of a watch is written before the events that pending tasks cause.
         if (*op != "watch") loop_.settle();
         reply["ok"] = true;
         reply["value"] = std::move(answer.value);

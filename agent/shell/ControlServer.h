@@ -1,16 +1,16 @@
-// control.sock: requests and answers as JSON, one object a line in both directions. This frames
-// them, keeps every client within its bounds, and hands the requests to the agent's handler one at
-// a time. Owned by HostAgent; runs on the event thread.
+// control.sock: requests and answers as JSON, one object a line in both directions. This class
+// frames them, keeps every client within its limits, and passes the requests to the agent's handler
+// one at a time. Owned by HostAgent; runs on the event thread.
 //
 // Invariants:
-// - Requests of one client are answered in their order; answers and events share its stream in the
-//   order in which they happened.
-// - When an answer is written, everything that the request set off has run.
-// - No client delays another for long: requests are taken in small batches, nothing blocks.
-// - The memory that a client occupies is bounded: an unfinished line by Limits::lineBytes, unread
-//   answers by pausing the client above Limits::answerBytes, unread events by Limits::eventBytes,
-//   beyond which it is sent {"event":"overrun"} and closed.
-// - A new client finds a place: no more than Limits::watchers keep one without using it, and when
+// - The requests of one client are answered in their order; answers and events share its stream in
+//   the order in which they happened.
+// - When an answer is written, everything that the request caused has run.
+// - No client delays another for long: requests are handled in small batches, and nothing blocks.
+// - The memory of a client is bounded: an unfinished line by Limits::lineBytes; unread answers by
+//   pausing the client above Limits::answerBytes; unread events by Limits::eventBytes, beyond which
+//   it is sent {"event":"overrun"} and closed.
+// - A new client is always admitted: at most Limits::watchers keep their place while idle, and if
 //   all places are taken, the client that has been idle longest is closed.
 #pragma once
 
@@ -28,26 +28,26 @@
 
 namespace Agent {
 
-// Refuses a request: the message becomes the answer's "error".
+// Refuses a request: the message becomes the "error" of the answer.
 class RequestError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// What a request that was carried out is answered.
+// The answer to a request that was executed.
 struct Answer {
     Answer(Json value = nullptr) : value(std::move(value)) {}
 
     Json value;
-    std::vector<std::string> warnings;  // left out if empty
+    std::vector<std::string> warnings;  // omitted if empty
 };
 
-// The client of a request. Events can be sent to it until sessionClosed(); they are dropped once it
-// has fallen behind.
+// The client of a request. Events can be sent to it until sessionClosed(); they are dropped after
+// an overrun.
 class Session : public Watcher {
   public:
     // Called before the first event: keeps the client's place while it is idle. Throws RequestError
-    // if Limits::watchers do so already.
+    // if Limits::watchers clients do so already.
     virtual void startEvents() = 0;
 
   protected:
@@ -57,22 +57,22 @@ class Session : public Watcher {
 class RequestHandler {
   public:
     virtual ~RequestHandler() = default;
-    // Carries out one request. Any exception refuses it; a refused request must have changed
-    // nothing. `request` is an object; `op` is its member of that name.
+    // Executes one request. An exception refuses it; a refused request must have changed nothing.
+    // `request` is an object; `op` is its member of that name.
     virtual Answer handle(const std::string& op, const Json& request, Session& session) = 0;
-    // The session is destroyed next.
+    // Called before the session is destroyed.
     virtual void sessionClosed(Session& session) = 0;
 };
 
 class ControlServer {
   public:
     struct Limits {
-        size_t lineBytes = (2 << 20) + (1 << 12);  // two files of configuration, and what is around
+        size_t lineBytes = (2 << 20) + (1 << 12);  // two configuration files and their request
         size_t answerBytes = 1 << 20;
         size_t eventBytes = 4 << 20;
         size_t clients = 128;
         size_t watchers = 96;
-        std::chrono::milliseconds stuck{30000};  // closes a client that takes nothing for so long
+        std::chrono::milliseconds stuck{30000};  // closes a client that reads nothing for so long
     };
 
     ControlServer(EventLoop& loop, std::string path, RequestHandler& handler)
@@ -92,7 +92,7 @@ class ControlServer {
     EventLoop& loop_;
     RequestHandler& handler_;
     Limits limits_;
-    std::list<std::unique_ptr<Client>> clients_;  // the one idle for longest first
+    std::list<std::unique_ptr<Client>> clients_;  // ordered by idle time, longest first
     size_t watchers_ = 0;
     Listener listener_;
 };

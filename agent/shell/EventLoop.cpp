@@ -9,14 +9,14 @@ namespace Agent {
 
 using std::chrono::nanoseconds;
 
-// Shared with the callback while it runs, so that it may destroy its registration.
+// Shared with the callback while it runs, so that the callback may destroy its registration.
 struct EventLoop::Registration::State : std::enable_shared_from_this<State> {
     explicit State(Callback callback) : call(std::move(callback)) {}
     ~State() { stop(); }
     void stop() {
         if (handle != nullptr) event_free(std::exchange(handle, nullptr));
     }
-    // An exception must not pass through C code: one that was not caught ends the process here.
+    // An exception must not pass through C code: an uncaught one ends the process here.
     static void fired(evutil_socket_t, short, void* context) noexcept {
         static_cast<State*>(context)->shared_from_this()->call();
     }

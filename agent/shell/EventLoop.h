@@ -1,8 +1,8 @@
-// The agent's one thread: waits for descriptors, signals and timers, and drives the task scheduler.
-// Everything that the agent does happens in a callback of this loop or in a task that the scheduler
-// runs between two of them, so nothing anywhere is locked. Owned by HostAgent; not thread safe.
+// The agent's only thread: waits for descriptors, signals and timers, and drives the task
+// scheduler. Everything the agent does happens in a callback of this loop or in a task that the
+// scheduler runs between two callbacks, so nothing is locked. Owned by HostAgent; not thread-safe.
 //
-// Invariant: when the loop goes to sleep, no task is due, and it wakes for the next one.
+// Invariant: when the loop sleeps, no task is due, and it wakes for the next one.
 #pragma once
 
 #include <event2/event.h>
@@ -19,8 +19,8 @@ class EventLoop {
   public:
     using Callback = std::function<void()>;
 
-    // A callback for a descriptor, a signal or a timer, which is called no more once this is
-    // destroyed or assigned to. A callback may destroy its own registration.
+    // A callback for a descriptor, a signal or a timer. It is not called any more once this object
+    // is destroyed or assigned to. A callback may destroy its own registration.
     class [[nodiscard]] Registration {
       public:
         Registration() = default;
@@ -36,32 +36,32 @@ class EventLoop {
         std::shared_ptr<State> state_;
     };
 
-    // Ignores SIGPIPE in the whole process, so that writing to a closed connection is an error of
-    // that write.
+    // Ignores SIGPIPE in the whole process, so that writing to a closed connection fails with an
+    // error.
     explicit EventLoop(Loom::TaskScheduler& scheduler);
     ~EventLoop();
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
 
-    // Returns after stop(), at once if that was called before.
+    // Returns after stop(); immediately if that was called before.
     void run();
     void stop();
-    // One round: runs the tasks that are due, waits for events no longer than `patience`, runs
-    // their callbacks and the tasks that these made due.
+    // One round: runs the tasks that are due, waits for events for at most `patience`, runs their
+    // callbacks and the tasks that these made due.
     void runOnce(std::chrono::nanoseconds patience);
 
     Registration onSignal(int number, Callback callback);
-    // Called again and again while the descriptor is readable or at its end, or writable or broken.
-    // The descriptor must outlive the registration.
+    // Called repeatedly while the descriptor is readable or at its end, or writable or broken. The
+    // descriptor must outlive the registration.
     Registration onReadable(int descriptor, Callback callback);
     Registration onWritable(int descriptor, Callback callback);
     // Called once, `delay` from now.
     Registration onTimer(std::chrono::nanoseconds delay, Callback callback);
 
-    // Runs every task that is due, and those that these make due.
+    // Runs every task that is due, including those that these make due.
     void settle() { scheduler_.runDue(); }
 
-    // For what libevent does itself: listeners and buffered connections.
+    // For the parts of libevent used directly: listeners and buffered connections.
     event_base* base() { return base_.get(); }
 
   private:

@@ -17,7 +17,7 @@ int listeningSocket(const std::string& path) {
     const sockaddr_un address = socketAddress(path);
     unlink(path.c_str());
     const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    // The mode is there before the first client can be: nobody connects before listen().
+    // The mode is set before the first client can connect: nobody connects before listen().
     if (descriptor >= 0 &&
         bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
         chmod(path.c_str(), 0600) == 0) {
@@ -55,8 +55,8 @@ Listener::~Listener() {
     unlink(path_.c_str());
 }
 
-// Out of descriptors: the waiting client keeps the socket readable, so look away for a moment
-// instead of spinning.
+// No descriptors left: the waiting client keeps the socket readable, so stop polling it for a
+// moment instead of spinning.
 void Listener::pause() {
     evconnlistener_disable(listener_.get());
     resume_ = loop_.onTimer(std::chrono::milliseconds(100),

@@ -1,5 +1,5 @@
-// A listening Unix socket, for the owner of the run directory: made with mode 0600, a stale one of
-// a crashed agent removed first, removed again when this goes.
+// A listening Unix socket for the owner of the run directory: created with mode 0600 after removing
+// a stale one of a crashed agent; removed on destruction.
 #pragma once
 
 #include <event2/listener.h>
@@ -14,10 +14,10 @@ namespace Agent {
 
 class Listener {
   public:
-    // The callback owns the descriptor that it gets: connected, non-blocking, closed on exec.
+    // The callback owns the descriptor passed to it: connected, non-blocking, closed on exec.
     using Accepted = std::function<void(int descriptor)>;
 
-    // RunDirError if the socket cannot be made.
+    // Throws RunDirError if the socket cannot be created.
     Listener(EventLoop& loop, std::string path, Accepted accepted);
     ~Listener();
     Listener(const Listener&) = delete;

@@ -18,8 +18,8 @@ namespace Agent {
 
 namespace {
 
-constexpr int warning = 4;       // syslog's
-constexpr int debug = 7;         // syslog's last
+constexpr int warning = 4;       // syslog's "warning"
+constexpr int debug = 7;         // syslog's "debug", the last
 constexpr int forEngineers = 7;  // from this level on
 
 // As systemd.exec(5) describes JOURNAL_STREAM.
@@ -42,8 +42,8 @@ Log::Log(int descriptor) : descriptor_(descriptor) {
     fstat(descriptor, &status);
     isSocket_ = S_ISSOCK(status.st_mode);
     toJournal_ = isJournal(status);
-    // O_NONBLOCK belongs to the open file, which other processes use too: so one of our own, where
-    // waiting is possible at all.
+    // O_NONBLOCK belongs to the open file description, which other processes share, so the file is
+    // opened again if writing to it can block at all.
     if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
         const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
         const int own = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -85,19 +85,20 @@ void Log::flush() {
     bool written = false;
     while (!pending_.empty() && writeSome()) written = true;
     if (written && pending_.empty() && dropped_ > 0)
-        return write(warning, std::to_string(std::exchange(dropped_, 0)) +
-                                  " lines of the log were dropped: nobody read them");
+        return write(warning,
+                     std::to_string(std::exchange(dropped_, 0)) +
+                         " lines of the log were dropped because the reader did not keep up");
     if (pending_.empty())
         writable_ = {};
     else if (loop_ && !writable_)
         writable_ = loop_->onWritable(descriptor_, [this] { flush(); });
 }
 
-// False when nothing more is taken now.
+// Returns false if nothing more can be written now.
 bool Log::writeSome() {
     size_t size = pending_.size();
     if (!owned_ && !isSocket_) {
-        // Files never make wait; of what is ready to be written to, none does for PIPE_BUF bytes.
+        // Files never block; anything else that polls writable takes PIPE_BUF bytes.
         pollfd ready{descriptor_, POLLOUT, 0};
         if (poll(&ready, 1, 0) != 1) return false;
         size = std::min<size_t>(size, PIPE_BUF);
@@ -111,7 +112,7 @@ bool Log::writeSome() {
     }
     if (count < 0 && errno == EINTR) return true;
     if (count < 0 && errno == EAGAIN) return false;
-    // No reader any more, no space left: as if the lines had found no room here.
+    // The reader is gone or no space is left: the lines are dropped.
     dropped_ += static_cast<size_t>(std::ranges::count(pending_, '\n'));
     pending_.clear();
     return false;

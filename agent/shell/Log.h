@@ -1,13 +1,15 @@
-// The log: the trace records that pass the level of their facility, as lines on standard error. The
-// only writer there while it exists; made by main, one to a process, on the event thread.
+// The log: the trace records that pass the level of their facility, as lines on standard error.
+// While it exists it is the only writer there. Created by main, one per process, on the event
+// thread.
 //
 // A line never waits for its reader. What the reader does not take at once is kept, up to
-// maxPending bytes, and written as the reader takes it; lines beyond that are dropped and counted,
-// and the log says how many as soon as it is read again.
+// maxPending bytes, and written as the reader reads; lines beyond that are dropped and counted, and
+// the log reports the number as soon as it is read again.
 //
-// Lines up to level 6 are meant for operators: time, facility, level, text. Deeper ones also name
-// the function, file and line that traced. Levels are the priorities of syslog (RFC 5424), so where
-// standard error is the journal's, each line begins with its priority (sd-daemon(3)).
+// Lines up to level 6 are meant for operators: time, facility, level, text. Lines of higher levels
+// also name the function, file and line of the trace. Levels are the priorities of syslog (RFC
+// 5424), so if standard error belongs to the journal, each line begins with its priority
+// (sd-daemon(3)).
 #pragma once
 
 #include <string>
@@ -22,17 +24,17 @@ class Log {
   public:
     static constexpr size_t maxPending = 256 * 1024;
 
-    // Takes trace records from now on; the descriptor must outlive this.
+    // Receives trace records from now on; the descriptor must outlive this.
     explicit Log(int descriptor);
     ~Log();
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
 
-    // The loop that waits for the reader; null before it is destroyed. Without one, what is kept is
-    // written with the next line.
+    // Sets the loop that waits for the reader; null before the loop is destroyed. Without a loop,
+    // pending lines are written with the next line.
     void loopIs(EventLoop* loop);
 
-    // A line that is not traced, such as a reason to stop.
+    // Writes a line that is not traced, such as the reason to stop.
     void write(int level, std::string_view text);
 
   private:
@@ -41,16 +43,16 @@ class Log {
     bool writeSome();
 
     int descriptor_;
-    bool owned_ = false;      // opened anew, not to block
-    bool isSocket_ = false;   // of the journal, mostly
-    bool toJournal_ = false;  // which reads priorities
-    std::string pending_;     // whole lines, but for the part of the first that has been written
-    size_t dropped_ = 0;      // lines, not reported yet
+    bool owned_ = false;      // opened again for non-blocking writes
+    bool isSocket_ = false;   // usually the journal's
+    bool toJournal_ = false;  // lines begin with a priority
+    std::string pending_;     // whole lines, less the written part of the first
+    size_t dropped_ = 0;      // number of dropped lines not reported yet
     EventLoop* loop_ = nullptr;
-    EventLoop::Registration writable_;  // set while the reader is awaited
+    EventLoop::Registration writable_;  // set while waiting for the reader
 };
 
-// The loop of a log, for as long as this exists.
+// Sets the loop of a log while this exists.
 class LogInLoop {
   public:
     LogInLoop(Log& log, EventLoop& loop) : log_(log) { log.loopIs(&loop); }

@@ -49,7 +49,7 @@ std::optional<ForwardingAgent::Programme> ForwardingAgent::VelPathStatusEntry::w
                      path_->encapId()};
 }
 
-// A path in hardware stays there while a change of it is being programmed.
+// A path stays in hardware while a change of it is being programmed.
 void ForwardingAgent::VelPathStatusEntry::review() {
     const auto programme = wanted();
     if (!programme || (done_ && done_->key != programme->key)) withdraw();
@@ -66,7 +66,7 @@ void ForwardingAgent::VelPathStatusEntry::programme() {
     done_ = std::exchange(next_, std::nullopt);
     const U32 arpIndex = agent_.arpIndexOf(done_->interface, done_->hop);
     DUOLOG(simTrace, 6, "Path", done_->key.pathIndex, " to ", done_->key.dstAddr,
-           " is in hardware by ", done_->hop, " through ", done_->interface);
+           " is programmed by ", done_->hop, " through ", done_->interface);
     const auto write = [&](Nav::HwPathStatusEntry& entry) {
         if (entry.hwPathIndex() == 0) entry.hwPathIndexIs(++agent_.lastPathIndex_);
         entry.hwArpIndexIs(arpIndex);

@@ -1,10 +1,10 @@
 // The simulated forwarding agent: programs each resolved path into hardware and reports it in
-// HwPathStatus. Owned by the Router; on the event thread.
+// HwPathStatus. Owned by the SimRouter; used on the event thread.
 //
-// A path is programmed once the neighbour of its via has answered and the hardware has taken it,
+// A path is programmed when the neighbour of its via has answered and the hardware has accepted it,
 // which takes the world's `programmingDelay`. Invariant, once all tasks have run: a path has an
 // entry only while it is resolved, the route to its destination uses its via, and the via's
-// neighbour answers. An entry bears the path's current index, and both its indices are set.
+// neighbour answers. An entry has the path's current index, and both its indices are set.
 #pragma once
 
 #include <map>
@@ -24,7 +24,7 @@ class ForwardingAgent {
     void review();
 
   private:
-    // What the hardware is told of one path.
+    // The description of one path that is sent to the hardware.
     struct Programme {
         Nav::HwPathKey key;
         Netz::IntfId interface;
@@ -66,8 +66,8 @@ class ForwardingAgent {
     const World& world_;
     const Vel::Ptr<Vel::Scheduler> scheduler_;
     const Vel::Ptr<Nav::HwPathStatus> hardware_;
-    std::map<std::pair<Netz::IntfId, Netz::IpGenAddr>, U32> arpIndices_;  // 1, 2, ... by arrival
-    U32 lastPathIndex_ = 0;  // the hardware path index handed out last
+    std::map<std::pair<Netz::IntfId, Netz::IpGenAddr>, U32> arpIndices_;  // 1, 2, ... by first use
+    U32 lastPathIndex_ = 0;  // the last hardware path index allocated
     U32 version_ = 0;        // of the last hardware update
     PathReactors<VelPathStatusEntry, ForwardingAgent> paths_;
 };

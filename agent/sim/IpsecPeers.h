@@ -1,10 +1,11 @@
 // The simulated IPsec service: one connection for each request in PathConfigDir, with the peer at
-// its destination address. Connections come up after a handshake, are rekeyed, and fail as the
-// world's description of the peer says. Owned by the Router; on the event thread.
+// its destination address. Connections are established after a handshake, are rekeyed, and fail
+// according to the world's description of the peer. Owned by the SimRouter; used on the event
+// thread.
 //
 // Invariant: each request has a status as long as it exists. The status has an encapsulation id
-// while the connection is established or rekeying; a rekeying keeps the id unless the peer changes
-// it, and a connection that went down gets a new one.
+// while the connection is established or rekeying; rekeying keeps the id unless the peer changes
+// it, and a connection that is established again gets a new one.
 #pragma once
 
 #include "agent/sim/World.h"

@@ -1,6 +1,6 @@
-// The simulated forwarding side as a reader of load-balance status: chooses the paths that packets
-// to a site take, per application and VRF, and traces each change of that choice at level 5. Owned
-// by the Router; on the event thread.
+// The simulated forwarding side as a reader of load-balance status: chooses the paths of packets to
+// a site, per application and VRF, and traces each change of that choice at level 5. Owned by the
+// SimRouter; used on the event thread.
 #pragma once
 
 #include <map>
@@ -13,8 +13,8 @@
 
 namespace Agent::Sim {
 
-// The members with the lowest priority value, which is the best, in order of path index. Empty if
-// the entry has no members.
+// The members with the lowest priority value, which is the best, in the order of path index. Empty
+// if the entry has no members.
 std::vector<Nav::PathWithPriority> chosenPaths(const Nav::LbProfileStatusEntry& entry);
 
 class PathChoice {
@@ -42,7 +42,7 @@ class PathChoice {
     const Vel::Ptr<Routing::Hardware::RouteStatus> vrfs_;
     const Vel::Ptr<Nav::NavStatusDir> statusDir_;
     const Vel::Ptr<Vel::Scheduler> scheduler_;
-    std::set<Nav::LbProfileKey> changed_;  // to be looked at by choice_
+    std::set<Nav::LbProfileKey> changed_;  // to be recomputed by choice_
     std::map<Nav::LbProfileKey, std::vector<Nav::PathWithPriority>> chosen_;
     Loom::Task choice_;
     std::optional<Vel::EntryReactorsOf<VelLbProfileStatusEntry,

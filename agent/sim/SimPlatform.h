@@ -2,14 +2,14 @@
 #pragma once
 
 #include "agent/router/Platform.h"
-#include "agent/sim/Router.h"
+#include "agent/sim/SimRouter.h"
 
 namespace Agent::Sim {
 
 class SimPlatform final : public Platform {
   public:
-    // An empty name gives a world with the VRF "default" and nothing else. Throws JsonError for a
-    // file that cannot be read or is refused.
+    // An empty name gives a world that contains only the VRF "default". Throws JsonError for a file
+    // that cannot be read or is refused.
     explicit SimPlatform(const std::string& worldFile)
         : Platform("sim"), history_(worldFile.empty() ? History{} : readHistoryFile(worldFile)) {}
 
@@ -22,7 +22,7 @@ class SimPlatform final : public Platform {
 
   private:
     const History history_;
-    std::optional<Router> router_;
+    std::optional<SimRouter> router_;
 };
 
 }  // namespace Agent::Sim

@@ -10,7 +10,7 @@ namespace {
 
 constexpr double longestDelay = 24 * 3600 * 1000.0;  // milliseconds
 
-// A value of the file, its place, and how many times faster than real time the world runs.
+// A value of the file, its place, and the speed of the world relative to real time.
 struct Place {
     const Json& json;
     Json::json_pointer at;
@@ -114,7 +114,7 @@ void read(const Place& place, World::Peer& peer) {
                 Member{"lifetime", peer.lifetime}, Member{"fault", peer.fault});
     if (peer.lifetime != Duration{} && peer.lifetime <= peer.rekeyInterval)
         place.member("lifetime").refuse("must be longer than rekeyInterval");
-    // Shorter times would keep the event thread busy with nothing else.
+    // Shorter times would occupy the event thread completely.
     constexpr Duration shortest = std::chrono::milliseconds(1);
     if (peer.retry < shortest) place.member("retry").refuse("must be at least 1 ms of real time");
     if (peer.rekeyInterval != Duration{} && peer.rekeyInterval < shortest)

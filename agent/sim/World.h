@@ -1,5 +1,5 @@
 // The simulated router and network as data: interfaces, VRFs, routes, neighbours and IPsec peers,
-// and how fast they answer. State only; the services of Router react to it.
+// and the times they take to answer. State only; the services of SimRouter react to it.
 //
 // It is read from a world file (docs/world-file.md), which also describes how the network changes
 // over time. A file with any error is refused whole.
@@ -19,8 +19,7 @@ namespace Agent::Sim {
 using Loom::Duration;
 using Vel::U32;
 
-// What is wrong with an IPsec peer: one that refuses answers with an error, one that is silent does
-// not answer.
+// The fault of an IPsec peer: `refuses` answers with an error, `silent` does not answer.
 enum class Fault : U32 { none, refuses, silent };
 VEL_ENUM(Fault, none, refuses, silent)
 
@@ -30,7 +29,7 @@ struct World {
         Netz::IpAddrWithMask v4;  // zero: no address
         Netz::IpAddrWithMask v6;  // zero: no address
         bool up = true;
-        std::map<Netz::IpGenAddr, Duration> neighbours;  // how long each takes to answer
+        std::map<Netz::IpGenAddr, Duration> neighbours;  // the time that each takes to answer
     };
 
     struct Via {
@@ -46,7 +45,7 @@ struct World {
         Duration handshake = std::chrono::milliseconds(100);
         Duration retry = std::chrono::milliseconds(1000);  // after a handshake that failed
         Duration rekeyInterval{};                          // 0: never
-        Duration rekeyGap{};  // how long a rekeying interrupts the connection
+        Duration rekeyGap{};  // the interruption of the connection by rekeying
         bool rekeyChangesEncapId = false;
         Duration lifetime{};  // of a connection that is not rekeyed; 0: unlimited
         Fault fault = Fault::none;
@@ -58,23 +57,24 @@ struct World {
         std::map<Netz::IpGenAddr, Peer> peers;
     };
 
-    Duration programmingDelay = std::chrono::milliseconds(10);  // until hardware has taken a path
+    Duration programmingDelay = std::chrono::milliseconds(10);  // of a path in the hardware
     std::map<Netz::IntfId, Interface> interfaces;
     std::map<L3::VrfName, Vrf> vrfs{{L3::VrfName("default"), Vrf{}}};
 
     bool up(const Netz::IntfId& interface) const;
     // Longest-prefix match over the networks of the VRF's interfaces and its routes. Only vias
-    // whose interface is up count, and a prefix without one is passed over. An on-link via has the
-    // address itself as its gateway. Empty if no route matches.
+    // whose interface is up are considered, and a prefix without such a via is skipped. The gateway
+    // of an on-link via is the address itself. Empty if no route matches.
     Vias lookup(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
-    // Null if the VRF has no peer at this address.
+    // Null if the VRF has no peer with this address.
     const Peer* peer(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
-    // How long resolving a next hop takes; nullopt if it does not answer or the interface is down.
+    // The time that resolving a next hop takes; nullopt if it does not answer or the interface is
+    // down.
     std::optional<Duration> neighbourDelay(const Netz::IntfId& interface,
                                            const Netz::IpGenAddr& hop) const;
 };
 
-// A world and its changes.
+// A world and its changes over time.
 struct History {
     struct Step {
         Duration at;  // since the start; never less than that of the step before

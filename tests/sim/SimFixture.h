@@ -4,7 +4,7 @@
 // "internet" over wan1 are secured and preferred, those of "mpls" over wan2 are not.
 #pragma once
 
-#include "agent/sim/Router.h"
+#include "agent/sim/SimRouter.h"
 #include "tests/nav/NavFixture.h"
 
 namespace Agent::Sim::Test {
@@ -110,7 +110,7 @@ class SimFixture : public Nav::Test::NavFixture {
     const Nav::PathKey internetKey = key("203.0.113.1", "198.51.100.2");
     const Nav::PathKey mplsKey = key("192.0.2.1", "198.51.100.2", 7);
     const Ipsec::ConnectionKey connection{ip("203.0.113.1"), ip("198.51.100.2"), "default"};
-    std::optional<Router> router;
+    std::optional<SimRouter> router;
 };
 
 }  // namespace Agent::Sim::Test

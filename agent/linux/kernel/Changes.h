@@ -1,10 +1,10 @@
 // Changes of the kernel's forwarding state: collected as values, sent in one batch, each
 // acknowledged separately.
 //
-// The kernel works through a batch in order and goes on after a refusal; so what must exist comes
-// before what uses it. Every change may be repeated: what exists already is replaced or kept, what
-// has gone already stays gone, and neither counts as a refusal. All of it needs CAP_NET_ADMIN. Formats: <linux/rtnetlink.h>, <linux/nexthop.h>, <linux/fib_rules.h>,
-// <linux/if_link.h>.
+// The kernel processes a batch in order and continues after a refusal; so an object must be created
+// before others that use it. Every change may be repeated: an existing object is replaced or kept,
+// a missing one stays missing, and neither counts as a refusal. All changes require CAP_NET_ADMIN.
+// Formats: <linux/rtnetlink.h>, <linux/nexthop.h>, <linux/fib_rules.h>, <linux/if_link.h>.
 #pragma once
 
 #include <cstdint>
@@ -41,16 +41,16 @@ class Changes {
 
     struct Refusal {
         size_t position;
-        int error;           // an errno value; ENOBUFS: no acknowledgement came
-        std::string reason;  // the kernel's words, else those of the error
+        int error;           // an errno value; ENOBUFS: no acknowledgement was received
+        std::string reason;  // the kernel's text, or else that of the error
     };
-    // Sends all changes and forgets them. Those without a refusal are in effect.
+    // Sends all changes and discards them. Changes without a refusal have taken effect.
     std::vector<Refusal> commit(RequestSocket& requests);
 
   private:
     struct Request {
-        size_t end;    // of its message in writer_; it begins where the one before ends
-        int harmless;  // the error that says that nothing was to be done; 0: none
+        size_t end;    // of its message in writer_; it begins at the end of the previous one
+        int harmless;  // the error that means there was nothing to do; 0: none
     };
     size_t added(int harmless = 0);
     template <class Header>

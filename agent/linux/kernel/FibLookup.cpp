@@ -44,8 +44,8 @@ static_assert(offsetof(GroupMember, id) == offsetof(nexthop_grp, id));
 static_assert(offsetof(GroupMember, weight) == offsetof(nexthop_grp, weight));
 static_assert(offsetof(GroupMember, weightHigh) == offsetof(nexthop_grp, weight) + 1);
 
-// The gateway an attribute of a route or a leg names; `family` is that of the route.
-std::optional<Netz::IpGenAddr> gatewayOf(const Attribute& attribute, unsigned family) {
+// The gateway in an attribute of a route or a leg; `family` is that of the route.
+std::optional<Netz::IpGenAddr> gatewayOf(const NetlinkAttribute& attribute, unsigned family) {
     if (attribute.type == RTA_GATEWAY) return readAddr(family, attribute.data);
     if (attribute.type != RTA_VIA) return {};
     const auto viaFamily = readAs<uint16_t>(attribute.data);  // struct rtvia
@@ -63,7 +63,7 @@ Kind kindOf(const Message& refusal) {
         case EHOSTUNREACH:  // an unreachable route; also no route by the interface
         case EACCES:        // a prohibiting route
             return Kind::unreachable;
-        // A blackhole route; with a text, a malformed request.
+        // A blackhole route; if the error has a text, a malformed request.
         case EINVAL:
             return refusalText(refusal).empty() ? Kind::unreachable : Kind::failed;
         default:
@@ -78,7 +78,7 @@ void finish(RouteResult& result) {
     std::ranges::sort(result.vias);
 }
 
-// The vias that a next-hop object gives for a destination.
+// The vias of a destination through a next-hop object.
 template <class Objects>
 RouteResult expand(const Objects& objects, uint32_t id, const Netz::IpGenAddr& destination) {
     const auto object = objects.find(id);
@@ -95,7 +95,8 @@ RouteResult expand(const Objects& objects, uint32_t id, const Netz::IpGenAddr& d
     for (const NexthopObject::Member& member : object->second.group) {
         const auto hop = objects.find(member.id);
         if (hop == objects.end()) continue;
-        if (hop->second.blackhole) return {Kind::unreachable, {}};  // always of a group of one
+        if (hop->second.blackhole)
+            return {Kind::unreachable, {}};  // a blackhole is the only member of its group
         add(hop->second, member.weight);
     }
     finish(result);
@@ -110,14 +111,14 @@ std::vector<RouteVia> viasOf(const Message& message, const Netz::IpGenAddr& dest
     if (!header) return vias;
     uint32_t ifIndex = 0;
     std::optional<Netz::IpGenAddr> gateway;
-    for (const Attribute& attribute : attributesAfter<rtmsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<rtmsg>(message)) {
         if (auto hop = gatewayOf(attribute, header->rtm_family)) gateway = hop;
         if (attribute.type == RTA_OIF) ifIndex = attribute.u32().value_or(0);
         if (attribute.type != RTA_MULTIPATH) continue;
         for (const Leg& leg : Legs(attribute.data)) {
             if ((leg.head.rtnh_flags & deadFlags) != 0) continue;
             std::optional<Netz::IpGenAddr> hop;
-            for (const Attribute& inner : Attributes(leg.attributes))
+            for (const NetlinkAttribute& inner : Attributes(leg.attributes))
                 if (auto found = gatewayOf(inner, header->rtm_family)) hop = found;
             vias.push_back(viaTo(destination, hop, static_cast<uint32_t>(leg.head.rtnh_ifindex),
                                  leg.head.rtnh_hops + 1U));
@@ -155,7 +156,7 @@ NexthopObject parseNexthop(const Message& message) {
     }
     object.dead = (header->nh_flags & deadFlags) != 0;
     object.via.onLink = true;
-    for (const Attribute& attribute : attributesAfter<nhmsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<nhmsg>(message)) {
         if (attribute.type == NHA_BLACKHOLE) object.blackhole = true;
         if (attribute.type == NHA_OIF) object.via.ifIndex = attribute.u32().value_or(0);
         if (attribute.type == NHA_GATEWAY)
@@ -172,8 +173,9 @@ NexthopObject parseNexthop(const Message& message) {
     return object;
 }
 
-// With a source address, the kernel takes the output interface of an IPv6 request as a preference
-// only, so the route by another interface may hide the one asked for; without it, as a condition.
+// With a source address, the kernel treats the output interface of an IPv6 request as a preference
+// only, so the route through another interface may hide the requested one; without it, as a
+// condition.
 std::vector<RouteResult> FibLookup::lookup(std::span<const RouteQuery> queries) {
     std::vector<RouteResult> results = ask(queries);
     std::vector<size_t> hidden;

@@ -1,8 +1,8 @@
-// Asks the kernel by which next hops it forwards to an address. No copy of its routes is kept: it
-// removes IPv4 routes without notification when a link goes down or a next-hop object is deleted,
-// and a lookup costs a few microseconds. So after any event, look everything up again.
+// Asks the kernel for the next hops towards an address. No copy of its routes is kept: it removes
+// IPv4 routes without notification when a link goes down or a next-hop object is deleted, and a
+// lookup costs a few microseconds. So everything is looked up again after any event.
 //
-// The kernel is asked for the FIB entry that matches (RTM_F_FIB_MATCH), so that every leg of a
+// The kernel is asked for the matching FIB entry (RTM_F_FIB_MATCH), so that every leg of a
 // multipath route is returned, not the one leg that a flow would take.
 #pragma once
 
@@ -17,13 +17,13 @@
 
 namespace Agent::Linux {
 
-// The route of packets to `destination` that leave by one interface from one source address.
-// Without the interface, of several default routes only the one of the lowest metric is seen;
-// without the source address, rules that select by it are not followed.
+// The route of packets to `destination` that leave through one interface with one source address.
+// Without the interface, only the default route with the lowest metric is found; without the source
+// address, rules that select by it do not apply.
 struct RouteQuery {
     Netz::IpGenAddr destination;
     Netz::IpGenAddr source{};  // an address of the host; unspecified: any
-    uint32_t ifIndex = 0;      // its VRF is the one looked up in; 0: any, in the VRF "default"
+    uint32_t ifIndex = 0;      // the lookup is made in its VRF; 0: any, in the VRF "default"
 
     bool operator==(const RouteQuery&) const = default;
 };
@@ -42,21 +42,21 @@ struct RouteResult {
     enum class Kind : uint8_t {
         forwarded,
         // No route, or one that forwards nothing: unreachable, prohibited, blackhole, an address of
-        // the host itself, or every leg leaves by a dead link.
+        // the host itself, or every leg leaves through a dead link.
         unreachable,
         failed,  // the request was refused or its reply lost
     };
 
     Kind kind = Kind::failed;
     // Of a forwarded destination, in ascending order, so that equal routes compare equal; otherwise
-    // empty. Legs that leave by a link without carrier, or by another interface than the query's,
-    // are left out.
+    // empty. Legs that leave through a link without carrier, or through another interface than the
+    // query's, are omitted.
     std::vector<RouteVia> vias;
 
     bool operator==(const RouteResult&) const = default;
 };
 
-// What one RTM_NEWROUTE or NLMSG_ERROR message replies to a query.
+// The reply of one RTM_NEWROUTE or NLMSG_ERROR message to a query.
 struct RouteReply {
     RouteResult result;
     uint32_t nexthopId = 0;  // of the next-hop object that holds the vias, if the reply does not
@@ -65,7 +65,7 @@ RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination
 // The vias of an RTM_NEWROUTE or RTM_DELROUTE message that names them itself, dead ones left out.
 std::vector<RouteVia> viasOf(const Message& message, const Netz::IpGenAddr& destination);
 
-// What one RTM_NEWNEXTHOP message says of a next-hop object: a group, or a hop of its own.
+// The content of one RTM_NEWNEXTHOP message: a next-hop object that is a group or a single hop.
 struct NexthopObject {
     struct Member {
         uint32_t id;

@@ -19,9 +19,10 @@ namespace Agent::Linux {
 
 namespace {
 
-// Reads, of a batch of datagrams each, before the event thread turns to other work.
+// The number of reads, of a batch of datagrams each, before the event thread continues with other
+// work.
 constexpr unsigned readsPerCall = 256 / NetlinkSocket::batch;
-// Dumps in a row, when links or neighbours change while they are dumped.
+// The number of dumps in a row, when links or neighbours change while they are dumped.
 constexpr int refreshAttempts = 4;
 
 constexpr unsigned groups[] = {
@@ -111,8 +112,8 @@ void KernelMonitor::handleOverrun() {
     DUOLOG(linuxTrace, 4, "Kernel events were lost; links and neighbours are read again");
 }
 
-// The kernel may announce a change before it takes effect. So a round that follows an event at once
-// is followed by another one.
+// The kernel may announce a change before it takes effect. So a round that immediately follows an
+// event is followed by another one.
 void KernelMonitor::forwardingChanged() {
     const auto now = scheduler_.now();
     if (!firstChange_) firstChange_ = now;

@@ -1,13 +1,14 @@
-// Follows the kernel: keeps interfaces and neighbours in step with its events, and reports when
+// Follows the kernel: updates interfaces and neighbours according to its events, and reports when
 // routes have to be looked up again.
 //
-// The owner watches fd() and calls handleReadable() while it is readable; timers run on the
-// scheduler it gives. All on the event thread. A listener may use the monitor from its callbacks,
-// but not destroy it.
+// The owner polls fd() and calls handleReadable() while it is readable; timers run on the scheduler
+// it passes. Used on the event thread. A listener may use the monitor from its callbacks, but not
+// destroy it.
 //
-// Invariants: interfaces() is the value last announced. Events are applied in the kernel's order,
-// so that changes which cancel out leave what a fresh dump would show. After an overrun the state
-// is out of date until links and neighbours have been dumped again; until then the old state is
+// Invariants: interfaces() is the value announced last. Events are applied in the kernel's order,
+// so that changes which cancel out result in the state that a fresh dump would show. After an
+// overrun the state is out of date until links and neighbours have been dumped again; until then
+// the old state is shown and no neighbour is solicited.
 // shown and no neighbour is solicited.
 #pragma once
 
@@ -28,14 +29,14 @@ namespace Agent::Linux {
 
 class KernelMonitor {
   public:
-    // The first event of a burst is acted upon at once. What follows is coalesced: the next round
-    // of lookups comes `settleTime` after the last event, `maxHold` after the first one at the
-    // latest. A burst has ended when no round took place for `maxHold`.
+    // The first event of a burst is handled at once. Later ones are coalesced: the next round of
+    // lookups runs `settleTime` after the last event, but at most `maxHold` after the first. A
+    // burst has ended when no round took place for `maxHold`.
     static constexpr Loom::Duration settleTime = std::chrono::milliseconds(1);
     static constexpr Loom::Duration maxHold = std::chrono::milliseconds(10);
-    // After an overrun links and neighbours are dumped when the kernel has been quiet for
-    // `quietTime`, since a dump in the middle of a flood leads to the next overrun; `maxQuietWait`
-    // after the overrun at the latest.
+    // After an overrun links and neighbours are dumped when the kernel has sent nothing for
+    // `quietTime`, since a dump during a flood leads to the next overrun; at most `maxQuietWait`
+    // after the overrun.
     static constexpr Loom::Duration quietTime = std::chrono::milliseconds(20);
     static constexpr Loom::Duration maxQuietWait = std::chrono::milliseconds(200);
 
@@ -55,12 +56,12 @@ class KernelMonitor {
     struct Counters {
         uint64_t events = 0;
         uint64_t overruns = 0;
-        uint64_t refreshes = 0;  // complete dumps, the one at the start included
+        uint64_t refreshes = 0;  // complete dumps, including the one at the start
         uint64_t failedRefreshes = 0;
         uint64_t refusedSolicitations = 0;
     };
 
-    // Raises Vel::Error where the kernel gives no sockets. Events are queued from here on.
+    // Raises Vel::Error if the kernel refuses a socket. Events are queued from here on.
     KernelMonitor(Loom::TaskScheduler& scheduler, Listener listener,
                   int receiveBuffer = defaultReceiveBuffer);
 
@@ -73,8 +74,8 @@ class KernelMonitor {
     void ownPortIs(uint32_t port) { ownPort_ = port; }
 
     int fd() const { return events_.fd(); }
-    // Applies queued events, a bounded number of them. Returns whether none is left and none has
-    // been lost, so that the state is the kernel's.
+    // Applies queued events, up to a limit. Returns whether none is left and none has been lost, so
+    // that the state is the kernel's.
     bool handleReadable();
 
     const InterfaceView& interfaces() const { return view_; }
@@ -86,8 +87,8 @@ class KernelMonitor {
     bool neighbourResolved(const Neighbour& neighbour) const {
         return neighbours_.resolved(neighbour) || links_.needsNoNeighbour(neighbour.ifIndex);
     }
-    // Has the kernel resolve or confirm neighbours. Leaves out entries that an operator has set
-    // (permanent, noarp), since being asked strips them of that state. A refusal is counted, and
+    // Requests the kernel to resolve or confirm neighbours. Skips entries that an operator has set
+    // (permanent, noarp), because a request would remove that state. A refusal is counted, and
     // traced the first time.
     void solicit(std::span<const Neighbour> neighbours);
     // Whether no round of lookups and no dump is pending.
@@ -118,8 +119,8 @@ class KernelMonitor {
     // The first change since the last round; set while a round is due because of it.
     std::optional<Loom::Instant> firstChange_;
     Loom::Instant lastRound_{};  // of lookups
-    bool roundAgain_ = false;    // the round that is due is followed by another one
-    // Set from an overrun to the end of the next dump; events are discarded meanwhile.
+    bool roundAgain_ = false;    // whether the next round is followed by another one
+    // Set from an overrun to the end of the next dump; events are discarded in between.
     std::optional<Loom::Instant> overrunAt_;
     Loom::Timer forwardingTimer_;
     Loom::Timer refreshTimer_;

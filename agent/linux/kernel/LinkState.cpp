@@ -23,10 +23,10 @@ constexpr uint32_t unusableFlags =
 std::optional<uint32_t> vrfTableOf(Bytes linkInfo) {
     bool isVrf = false;
     std::optional<uint32_t> table;
-    for (const Attribute& info : Attributes(linkInfo)) {
+    for (const NetlinkAttribute& info : Attributes(linkInfo)) {
         if (info.type == IFLA_INFO_KIND) isVrf = info.text() == "vrf";
         if (info.type != IFLA_INFO_DATA) continue;
-        for (const Attribute& data : Attributes(info.data))
+        for (const NetlinkAttribute& data : Attributes(info.data))
             if (data.type == IFLA_VRF_TABLE) table = data.u32();
     }
     return isVrf ? table : std::nullopt;
@@ -51,19 +51,19 @@ void LinkState::apply(const Message& message) {
 
 void LinkState::applyLink(const Message& message) {
     const auto header = message.header<ifinfomsg>();
-    // Messages of another family are about a port of a bridge, not about the link: RTM_DELLINK then
-    // says that the port left the bridge.
+    // Messages of another family concern a port of a bridge, not the link: RTM_DELLINK then means
+    // that the port left the bridge.
     if (!header || header->ifi_family != AF_UNSPEC || header->ifi_index <= 0) return;
     const auto index = static_cast<uint32_t>(header->ifi_index);
     if (message.type == RTM_DELLINK) {
         links_.erase(index);
         return;
     }
-    // Every message describes the whole link: an attribute that is missing has been removed.
+    // Every message describes the whole link: a missing attribute has been removed.
     Netz::IntfId name;
     uint32_t mtu = 0, master = 0;
     std::optional<uint32_t> vrfTable;
-    for (const Attribute& attribute : attributesAfter<ifinfomsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<ifinfomsg>(message)) {
         if (attribute.type == IFLA_IFNAME)
             name = Netz::IntfId::parse(attribute.text()).value_or(Netz::IntfId());
         if (attribute.type == IFLA_MTU) mtu = attribute.u32().value_or(0);
@@ -85,7 +85,7 @@ void LinkState::applyAddress(const Message& message) {
     const unsigned family = header->ifa_family;
     uint32_t flags = header->ifa_flags;
     std::optional<Netz::IpGenAddr> local, peer;
-    for (const Attribute& attribute : attributesAfter<ifaddrmsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<ifaddrmsg>(message)) {
         if (attribute.type == IFA_LOCAL) local = readAddr(family, attribute.data);
         if (attribute.type == IFA_ADDRESS) peer = readAddr(family, attribute.data);
         if (attribute.type == IFA_FLAGS) flags = attribute.u32().value_or(flags);

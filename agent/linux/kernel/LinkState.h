@@ -1,8 +1,8 @@
-// The host's interfaces: links, their addresses, and which VRF they are in. Filled by a dump of
-// links and addresses, then kept in step by applying every event in the order in which it came.
-// Links are keyed by index, since a name may move to another link.
+// The host's interfaces: links, their addresses, and their VRFs. Filled by a dump of links and
+// addresses, then updated by applying every event in the order of arrival. Links are keyed by
+// index, since a name may move to another link.
 //
-// The outside sees a value, `InterfaceView`, that compares equal unless something visible changed.
+// Users see a value, `InterfaceView`, that compares equal unless something visible changed.
 #pragma once
 
 #include <compare>
@@ -20,7 +20,7 @@ namespace Agent::Linux {
 
 struct Vrf {
     L3::VrfName name;
-    // The number of its routing table; 0 of the VRF "default", and of a VRF whose table another
+    // The number of its routing table; 0 for the VRF "default", and for a VRF whose table another
     // device with a lower index has: that one keeps the number until it is deleted.
     uint32_t id = 0;
     uint32_t index = 0;  // of its device; 0 of the VRF "default"
@@ -34,12 +34,12 @@ struct Interface {
     // Administratively up and operational (RFC 2863): IFF_UP, IFF_RUNNING and IFF_LOWER_UP.
     bool up = false;
     uint32_t mtu = 0;  // bytes
-    // The VRF device that is its master, or that it is itself; otherwise "default", with id 0. A
-    // bridge or bond in between hides the VRF from its ports, which have no addresses of their own.
+    // The VRF device that is its master, or the interface itself; otherwise "default", with id 0. A
+    // bridge or bond in between hides the VRF from its ports, which have no addresses themselves.
     Vrf vrf;
-    // The longest-standing address of the family that has global scope and is neither secondary,
-    // temporary, tentative, a duplicate, deprecated, nor of 127/8; zero ("0.0.0.0/0") without one.
-    // An interface that is not up shows none, so that its paths come and go with the link.
+    // The oldest address of the family that has global scope and is neither secondary, temporary,
+    // tentative, a duplicate, deprecated, nor in 127/8; zero ("0.0.0.0/0") if there is none. An
+    // interface that is not up shows none, so that its paths come and go with the link.
     Netz::IpAddrWithMask primary4;
     Netz::IpAddrWithMask primary6;
 
@@ -59,8 +59,8 @@ struct InterfaceView {
 
 class LinkState {
   public:
-    // Applies a link or address message, of a dump or an event; ignores any other, and any that
-    // lacks what it needs.
+    // Applies a link or address message of a dump or an event; ignores any other, and any without
+    // the required attributes.
     void apply(const Message& message);
     InterfaceView view() const;
     // Whether packets leave this link without a neighbour's link-layer address (IFF_NOARP).

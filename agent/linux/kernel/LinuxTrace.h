@@ -1,4 +1,4 @@
-// The trace facility of everything that talks to the Linux kernel.
+// The trace facility of the code that communicates with the Linux kernel.
 #pragma once
 
 #include "platform/trace/Duolog.h"

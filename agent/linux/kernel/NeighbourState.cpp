@@ -23,7 +23,7 @@ bool NeighbourState::apply(const Message& message) {
     if (!header || header->ndm_ifindex <= 0 || (header->ndm_flags & NTF_PROXY) != 0) return false;
     // A bridge's learned stations are of another family and yield no address.
     std::optional<Netz::IpGenAddr> addr;
-    for (const Attribute& attribute : attributesAfter<ndmsg>(message))
+    for (const NetlinkAttribute& attribute : attributesAfter<ndmsg>(message))
         if (attribute.type == NDA_DST) addr = readAddr(header->ndm_family, attribute.data);
     if (!addr) return false;
 

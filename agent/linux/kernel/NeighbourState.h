@@ -1,4 +1,4 @@
-// The state of every IPv4 and IPv6 neighbour entry, filled by a dump and kept in step by events.
+// The state of every IPv4 and IPv6 neighbour entry, filled by a dump and updated by events.
 #pragma once
 
 #include <compare>
@@ -22,7 +22,7 @@ struct Neighbour {
 
 class NeighbourState {
   public:
-    // Applies a neighbour message, of a dump or an event; ignores any other, and proxy entries.
+    // Applies a neighbour message of a dump or an event; ignores any other, and proxy entries.
     // Returns whether the neighbour became resolved or unresolved.
     bool apply(const Message& message);
 
@@ -41,13 +41,13 @@ class NeighbourState {
     uint16_t state(const Neighbour& neighbour) const;
 
     // The kernel's NUD_... state of each entry it has announced; INCOMPLETE and DELAY are never
-    // announced, so an entry without a state here may be either.
+    // announced, so an entry without a state here may have either.
     std::unordered_map<Neighbour, uint16_t, Hash> states_;
 };
 
-// Has the kernel resolve each neighbour as if there were a packet to send to it (NTF_USE): a failed
-// one is tried again, a resolved one is confirmed if that is due. Needs CAP_NET_ADMIN. Returns how
-// many requests were refused, with the last reason in `reason`.
+// Requests the kernel to resolve each neighbour as if it had a packet to send to it (NTF_USE): a
+// failed neighbour is tried again, a resolved one is confirmed if that is due. Requires
+// CAP_NET_ADMIN. Returns the number of refused requests, with the last reason in `reason`.
 // REQUIRES: the neighbours are dynamic.
 size_t solicit(RequestSocket& requests, std::span<const Neighbour> neighbours, std::string& reason);
 

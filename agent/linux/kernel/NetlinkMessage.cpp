@@ -15,16 +15,16 @@ std::optional<Netz::IpGenAddr> readAddr(unsigned family, Bytes bytes) {
     return {};
 }
 
-std::string_view Attribute::text() const {
+std::string_view NetlinkAttribute::text() const {
     std::string_view whole(reinterpret_cast<const char*>(data.data()), data.size());
     return whole.substr(0, whole.find('\0'));
 }
 
-std::optional<Attribute> takeAttribute(Bytes& rest) {
+std::optional<NetlinkAttribute> takeAttribute(Bytes& rest) {
     auto head = readAs<nlattr>(rest);
     if (!head || head->nla_len < sizeof(nlattr) || head->nla_len > rest.size()) return {};
-    Attribute attribute{static_cast<uint16_t>(head->nla_type & NLA_TYPE_MASK),
-                        rest.subspan(sizeof(nlattr), head->nla_len - sizeof(nlattr))};
+    NetlinkAttribute attribute{static_cast<uint16_t>(head->nla_type & NLA_TYPE_MASK),
+                               rest.subspan(sizeof(nlattr), head->nla_len - sizeof(nlattr))};
     rest = dropFront(rest, aligned(head->nla_len));
     return attribute;
 }

@@ -1,10 +1,9 @@
 // Netlink messages as bytes: readers for received messages, a writer for requests.
 //
-// The readers work on memory that somebody else filled. They copy out of it, check every length
-// against the bytes present, and end at the first record that does not fit; a value that is missing
-// or too short reads as nothing. So a parser built from them is safe on any bytes: the kernel's, a
-// recording's, a fuzzer's. Views stay valid as long as the bytes they were made from. Format: RFC
-// 3549, <linux/netlink.h>.
+// The readers work on untrusted memory. They copy out of it, check every length against the bytes
+// present, and end at the first record that does not fit; a value that is missing or too short
+// reads as empty. So a parser built from them is safe on any input. Views stay valid as long as the
+// bytes they were made from. Format: RFC 3549, <linux/netlink.h>.
 #pragma once
 
 #include <linux/netlink.h>
@@ -26,7 +25,7 @@ namespace Agent::Linux {
 
 using Bytes = std::span<const std::byte>;
 
-// The value at the start of the bytes, or nothing if there are too few.
+// The value at the start of the bytes; empty if there are too few.
 template <class T>
 std::optional<T> readAs(Bytes bytes) {
     static_assert(std::is_trivially_copyable_v<T>);
@@ -36,7 +35,7 @@ std::optional<T> readAs(Bytes bytes) {
     return value;
 }
 
-// The address of a family (AF_INET, AF_INET6) whose octets the bytes start with.
+// The address of a family (AF_INET, AF_INET6) whose octets are at the start of the bytes.
 std::optional<Netz::IpGenAddr> readAddr(unsigned family, Bytes bytes);
 
 // The length to which netlink pads messages, their headers and attributes.
@@ -47,7 +46,7 @@ inline Bytes dropFront(Bytes bytes, size_t size) {
     return size < bytes.size() ? bytes.subspan(size) : Bytes();
 }
 
-struct Attribute {
+struct NetlinkAttribute {
     uint16_t type = 0;  // without the nesting and byte order flags
     Bytes data;
 
@@ -62,7 +61,7 @@ struct Message {
     uint32_t port = 0;  // of the socket whose request this replies to or follows from; 0: none
     Bytes payload;
 
-    // The fixed header a message of this type begins with.
+    // The fixed header at the start of a message of this type.
     template <class T>
     std::optional<T> header() const {
         return readAs<T>(payload);
@@ -70,7 +69,7 @@ struct Message {
 };
 
 // A forward range over records that each begin with their own length. `Step` takes the next record
-// off the bytes, or yields nothing when none fits.
+// off the bytes, or returns an empty value if none fits.
 template <class Record, std::optional<Record> Step(Bytes& rest)>
 class Records {
   public:
@@ -97,10 +96,10 @@ class Records {
     Bytes bytes_;
 };
 
-std::optional<Attribute> takeAttribute(Bytes& rest);
+std::optional<NetlinkAttribute> takeAttribute(Bytes& rest);
 std::optional<Message> takeMessage(Bytes& rest);
 
-using Attributes = Records<Attribute, takeAttribute>;
+using Attributes = Records<NetlinkAttribute, takeAttribute>;
 using Messages = Records<Message, takeMessage>;
 
 // The attributes that follow the fixed header T of a message.
@@ -128,7 +127,7 @@ class MessageWriter {
         attribute(type, std::as_bytes(std::span(text)));
     }
     void attribute(uint16_t type, Bytes data);
-    // An attribute with those that `fill` writes inside it.
+    // An attribute that contains those that `fill` writes.
     void nested(uint16_t type, const auto& fill) {
         const size_t start = bytes_.size();
         attribute(type | NLA_F_NESTED, Bytes());
@@ -136,7 +135,7 @@ class MessageWriter {
         const auto length = static_cast<uint16_t>(bytes_.size() - start);
         std::memcpy(bytes_.data() + start, &length, sizeof length);
     }
-    // A copy of a message that was written before, under another sequence number.
+    // Copies a message that was written before, with another sequence number.
     void message(Bytes written, uint32_t sequence);
 
     Bytes bytes() const { return bytes_; }

@@ -28,8 +28,8 @@ constexpr size_t window = 64;
 
 }  // namespace
 
-// What one recvmmsg() fills. Pages that no datagram reaches stay untouched, so the unused length of
-// each buffer costs address space only.
+// The buffers that one recvmmsg() fills. Pages that no datagram reaches stay untouched, so the
+// unused length of each buffer costs address space only.
 struct NetlinkSocket::Slots {
     std::unique_ptr<std::byte[]> bytes =
         std::make_unique_for_overwrite<std::byte[]>(batch * datagramSize);
@@ -56,14 +56,14 @@ NetlinkSocket::NetlinkSocket(int receiveBuffer, int family)
     bool ready = true;
     for (int option : {NETLINK_GET_STRICT_CHK, NETLINK_EXT_ACK, NETLINK_CAP_ACK})
         ready = ready && setsockopt(fd_, SOL_NETLINK, option, &on, sizeof on) == 0;
-    // The kernel delivers events only to sockets that have a port of their own.
+    // The kernel delivers events only to sockets with a port number.
     sockaddr_nl self{};
     self.nl_family = AF_NETLINK;
     if (!ready || bind(fd_, reinterpret_cast<const sockaddr*>(&self), sizeof self) != 0) {
         close(fd_);
         refuse("setup");
     }
-    // The first needs CAP_NET_ADMIN; the second is cut to net.core.rmem_max.
+    // The first option requires CAP_NET_ADMIN; the second is limited to net.core.rmem_max.
     if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0)
         setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
 }
@@ -99,7 +99,7 @@ NetlinkSocket::Read NetlinkSocket::fill(unsigned& count) {
     return Read::data;
 }
 
-// Empty for one that was cut off or does not come from the kernel.
+// Empty for a datagram that was truncated or does not come from the kernel.
 Bytes NetlinkSocket::datagram(unsigned i) const {
     if (slots_->truncated(i) || slots_->senders[i].nl_pid != 0) return {};
     return {slots_->bytes.get() + i * datagramSize, slots_->headers[i].msg_len};
@@ -164,7 +164,8 @@ int RequestSocket::dump(const WriteDump& write, const TakeEntry& take) {
             }
         });
         if (read == NetlinkSocket::Read::empty) return ENOBUFS;
-        // Read on: the kernel starts no other dump on this socket before the end of this one.
+        // Continue reading: the kernel starts no other dump on this socket before the end of this
+        // one.
         interrupted |= read == NetlinkSocket::Read::overrun;
     }
     return *done == 0 && interrupted ? EAGAIN : *done;
@@ -176,7 +177,7 @@ int errorOf(const Message& message) {
 
 std::string_view refusalText(const Message& message) {
     if (message.type == NLMSG_ERROR && (message.flags & NLM_F_ACK_TLVS) != 0)
-        for (const Attribute& attribute : attributesAfter<nlmsgerr>(message))
+        for (const NetlinkAttribute& attribute : attributesAfter<nlmsgerr>(message))
             if (attribute.type == NLMSGERR_ATTR_MSG) return attribute.text();
     return {};
 }

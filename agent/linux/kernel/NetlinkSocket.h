@@ -1,6 +1,6 @@
-// The two ways in which the agent talks to rtnetlink: a socket that receives events, and one that
-// sends requests. They are separate so that a reply never waits behind a flood of events, and lost
-// events never take a reply with them.
+// The agent's two sockets to rtnetlink: one receives events, the other sends requests. They are
+// separate so that a reply never waits behind a flood of events, and lost events never include a
+// reply.
 //
 // Single-threaded; nothing here blocks. The kernel replies to a request while it is being sent, so
 // a reply that has not arrived when the send returns has been lost.
@@ -16,12 +16,12 @@
 
 namespace Agent::Linux {
 
-// A socket of a netlink family (NETLINK_ROUTE, NETLINK_NETFILTER), closed on exec, with strict checking of requests and extended
-// acknowledgements. Raises Vel::Error where the kernel refuses one.
+// A socket of a netlink family (NETLINK_ROUTE, NETLINK_NETFILTER), closed on exec, with strict
+// checking of requests and extended acknowledgements. Raises Vel::Error if the kernel refuses it.
 class NetlinkSocket {
   public:
-    // `receiveBuffer`: bytes that the kernel may queue for this socket, cut to net.core.rmem_max
-    // without CAP_NET_ADMIN.
+    // `receiveBuffer`: bytes that the kernel may queue for this socket, limited to
+    // net.core.rmem_max without CAP_NET_ADMIN.
     explicit NetlinkSocket(int receiveBuffer, int family = NETLINK_ROUTE);
     ~NetlinkSocket();
     NetlinkSocket(const NetlinkSocket&) = delete;
@@ -38,8 +38,8 @@ class NetlinkSocket {
         empty,    // nothing is queued
         overrun,  // something was lost: ENOBUFS, or a datagram that is too long
     };
-    // Calls take(Bytes) for the datagrams that one system call yields, at most `batch` of them. The
-    // bytes are valid during the call.
+    // Calls take(Bytes) for the datagrams that one system call returns, at most `batch`. The bytes
+    // are valid during the call.
     static constexpr unsigned batch = 64;
     template <class F>
     Read receive(F take) {
@@ -64,17 +64,17 @@ class RequestSocket {
     explicit RequestSocket(int family = NETLINK_ROUTE);
     uint32_t port() const { return socket_.port(); }
 
-    // Writes the request of a position, under the sequence number given.
+    // Writes the request at a position, with the given sequence number.
     using WriteRequest = std::function<void(MessageWriter&, uint32_t sequence, size_t position)>;
     using TakeReply = std::function<void(size_t position, const Message&)>;
-    // Sends `count` requests, as many in one system call as replies are sure to fit the receive
-    // buffer. Each must be one that the kernel replies to with a single message, and harmless to
+    // Sends `count` requests, as many per system call as replies certainly fit into the receive
+    // buffer. Each must be a request that the kernel answers with a single message, and harmless to
     // repeat: a request whose reply is lost is sent again. Returns how many stayed without a reply.
     size_t exchange(size_t count, const WriteRequest& write, const TakeReply& take);
 
     using WriteDump = std::function<void(MessageWriter&, uint32_t sequence)>;
     using TakeEntry = std::function<void(const Message&)>;
-    // Dumps all objects of a kind. Returns 0 or the error; EAGAIN if they changed meanwhile, so
+    // Dumps all objects of a kind. Returns 0 or the error; EAGAIN if objects changed meanwhile, so
     // that some may be missing.
     int dump(const WriteDump& write, const TakeEntry& take);
 
@@ -84,10 +84,10 @@ class RequestSocket {
     uint32_t nextSequence_ = 1;
 };
 
-// The error of an NLMSG_ERROR or NLMSG_DONE message as a positive errno value, 0 for an
+// The error of an NLMSG_ERROR or NLMSG_DONE message as a positive errno value; 0 for an
 // acknowledgement.
 int errorOf(const Message& message);
-// The text with which the kernel explains a refusal (NLMSGERR_ATTR_MSG); empty if it gives none.
+// The text with which the kernel explains a refusal (NLMSGERR_ATTR_MSG); empty if there is none.
 std::string_view refusalText(const Message& message);
 
 }  // namespace Agent::Linux

@@ -1,10 +1,10 @@
 // The simulated router: implements the router's other services in process, on a simulated network.
 // It writes the interface, VRF, next-hop, IPsec and hardware status that path selection reads, and
-// answers its requests.
+// serves its requests.
 //
 // Time is that of the scheduler's clock, so a test that steps the clock steps the network.
-// Everything runs in handlers, tasks and timers; nothing is polled. All published state lives in
-// the inputs, so a Router may be created and destroyed before or after the root reactor.
+// Everything runs in handlers, tasks and timers; nothing is polled. All published state is in the
+// inputs, so a SimRouter may be created and destroyed before or after the root reactor.
 #pragma once
 
 #include "agent/router/NexthopResolver.h"
@@ -15,10 +15,10 @@
 
 namespace Agent::Sim {
 
-class Router {
+class SimRouter {
   public:
     // The history starts at the time of construction.
-    Router(const Nav::NavInputs& inputs, History history);
+    SimRouter(const Nav::NavInputs& inputs, History history);
 
     const World& world() const { return world_; }
     // Replaces the world, until the next step of the history replaces it again.

@@ -1,4 +1,4 @@
-#include "agent/sim/Router.h"
+#include "agent/sim/SimRouter.h"
 
 #include "agent/router/RouterStatus.h"
 #include "agent/sim/SimTrace.h"
@@ -19,7 +19,7 @@ void traceLinks(const World& before, const World& now) {
 
 }  // namespace
 
-Router::Router(const Nav::NavInputs& inputs, History history)
+SimRouter::SimRouter(const Nav::NavInputs& inputs, History history)
     : inputs_(inputs),
       history_(std::move(history)),
       start_(inputs.scheduler->now()),
@@ -28,22 +28,22 @@ Router::Router(const Nav::NavInputs& inputs, History history)
       peers_(inputs, world_),
       forwarding_(inputs, world_),
       choice_(inputs),
-      step_(*inputs.scheduler, Loom::call<&Router::handleStep>(*this)) {
+      step_(*inputs.scheduler, Loom::call<&SimRouter::handleStep>(*this)) {
     publish();
     awaitStep();
 }
 
-void Router::worldIs(const World& world) {
+void SimRouter::worldIs(const World& world) {
     traceLinks(world_, world);
     world_ = world;
     publish();
-    // The reviews queued here run after the reactors have taken in the new results.
+    // The reviews queued here run after the reactors have processed the new results.
     resolver_.resolve();
     peers_.review();
     forwarding_.review();
 }
 
-void Router::publish() {
+void SimRouter::publish() {
     RouterStatus status;
     for (const auto& [name, vrf] : world_.vrfs) status.vrfIds.emplace(name, vrf.id);
     for (const auto& [name, interface] : world_.interfaces)
@@ -51,7 +51,7 @@ void Router::publish() {
     status.publish(inputs_);
 }
 
-NexthopResolver::ViasByVrf Router::lookup(const Routing::NexthopConfig& requested) const {
+NexthopResolver::ViasByVrf SimRouter::lookup(const Routing::NexthopConfig& requested) const {
     NexthopResolver::ViasByVrf found;
     for (const auto& [name, vrf] : world_.vrfs) {
         auto& resolved = found[name];
@@ -67,12 +67,12 @@ NexthopResolver::ViasByVrf Router::lookup(const Routing::NexthopConfig& requeste
     return found;
 }
 
-void Router::handleStep() {
+void SimRouter::handleStep() {
     worldIs(history_.steps[next_++].world);
     awaitStep();
 }
 
-void Router::awaitStep() {
+void SimRouter::awaitStep() {
     if (next_ < history_.steps.size()) step_.armAt(start_ + history_.steps[next_].at);
 }
 
