@@ -5,6 +5,6 @@
 
 namespace Bench {
 
-U64 allocations();  // so far
+U64 allocations();  // the number so far
 
 }  // namespace Bench

@@ -1,6 +1,6 @@
-// What all benchmarks share. Each is named "row/side": `ours`, `limit` (what the machine allows) or
-// a peer. bench/report.py knows the rows, what is aimed at in each, and runs the sides of a row
-// next to one another.
+// The common part of all benchmarks. Each is named "row/side", where the side is `ours`, `limit`
+// (the least cost on this machine) or a peer. bench/report.py defines the rows and their aims, and
+// runs the sides of a row together.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -15,7 +15,7 @@ namespace Bench {
 using Vel::U32;
 using Vel::U64;
 
-// Keeps the compiler from knowing what `pointer` points to, and what is there.
+// Hides from the compiler what `pointer` points to, and the content there.
 template <class T>
 T* opaque(T* pointer) {
     benchmark::DoNotOptimize(pointer);
@@ -23,12 +23,13 @@ T* opaque(T* pointer) {
     return pointer;
 }
 
-// One iteration did the work of so many.
+// One iteration performed this many operations.
 inline void units(benchmark::State& state, size_t count) {
     state.counters["units"] = static_cast<double>(count);
 }
 
-// Times f() alone where what goes around it must not count. Worth its 50 ns from a microsecond up.
+// Times f() alone, if the code around it must not count. Costs 50 ns, so suitable from a
+// microsecond up.
 template <class F>
 void timed(benchmark::State& state, F&& f) {
     const auto begin = std::chrono::steady_clock::now();
@@ -37,7 +38,7 @@ void timed(benchmark::State& state, F&& f) {
     state.SetIterationTime(took.count());
 }
 
-// For a side that cannot take part here. The report says why and goes on.
+// For a side that cannot run here. The report gives the reason and continues.
 inline void leftOut(benchmark::State& state, const std::string& reason) {
     state.SkipWithError(("left out: " + reason).c_str());
 }

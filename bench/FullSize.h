@@ -1,6 +1,6 @@
 // A router at full size: 128 paths over four WAN interfaces to 31 sites, all programmed, and 1023
 // load-balance keys (each site for 11 applications in 3 VRFs), whose members are the site's paths.
-// Or with fewer sites, applications or VRFs.
+// The number of sites, applications and VRFs can be reduced.
 #pragma once
 
 #include <array>
@@ -31,15 +31,15 @@ class FullRouter {
     explicit FullRouter(const Size& size = {}, bool configured = true);
 
     void configuredIs(bool on);
-    // Takes the interface's address away, or gives it back and has all paths programmed again.
+    // Removes the interface's address, or restores it and programs all its paths again.
     void interfaceFails(U32 interface);
     void interfaceReturns(U32 interface);
-    // Moves the one via of a path's FEC to another next hop, and runs what is due.
+    // Changes the next hop of the only via of a path's FEC, and runs what is due.
     void fecChanges(U32 path, U32 hop);
-    // Takes the path's destination out of its group, or lists it there.
+    // Removes the path's destination from its group, or adds it.
     void destinationIs(U32 path, bool listed);
-    // Reports every path as programmed, under the index that it has now; the second forgets what
-    // was reported before.
+    // Reports every path as programmed, with its present index; the second function removes the
+    // earlier reports.
     void program();
     void programAnew();
 
@@ -55,7 +55,7 @@ class FullRouter {
     U32 interfaceOf(U32 path) const { return path / (size.sites + size.spares); }
     Nav::PathKey pathKey(U32 path) const;
     Shard::Fib::Via via(U32 path, U32 hop = 1) const;
-    // How a forwarding agent knows the path now.
+    // The path's key for a forwarding agent at this time.
     Nav::HwPathKey hwPathKey(U32 path) const;
 
   private:
@@ -63,7 +63,7 @@ class FullRouter {
     std::array<std::vector<Shard::Fib::Fec>, hops> fecs_;  // of each path by next hop
 };
 
-// Raises an error unless every path is there, and is a member of its site's keys.
+// Raises an error unless every path exists, and is a member of its site's keys.
 void requireFull(const FullRouter& router);
 
 }  // namespace Bench

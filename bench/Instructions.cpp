@@ -1,5 +1,5 @@
-// Runs operations for callgrind to count what they cost in instructions, which unlike time are the
-// same on every run. bench/instructions.py starts it, with collection off:
+// Runs operations so that callgrind counts their instructions, which unlike times are the same on
+// every run. bench/instructions.py starts it, with collection off:
 //
 //     nav-instructions full       each operation once, on a router at full size
 //     nav-instructions scaling    the operations that could grow, on routers of several sizes
@@ -33,7 +33,7 @@ class Meter {
   public:
     Meter(std::string varied, U32 number) : varied_(std::move(varied)), number_(number) {}
 
-    // Counts run(i) for i below `times`, after a round that is not counted.
+    // Counts run(i) for i below `times`, after one round that is not counted.
     template <class Run>
     void all(const char* operation, U32 times, Run&& run) const {
         for (U32 i = 0; i < times; ++i) run(i);
@@ -43,7 +43,7 @@ class Meter {
         });
         dump(operation, times);
     }
-    // The same for what run(i) hands to counted().
+    // The same for the part of run(i) that it passes to counted().
     template <class Run>
     void part(const char* operation, U32 times, Run&& run) const {
         for (U32 i = 0; i < times; ++i) run(i, [](auto&& f) { f(); });
@@ -120,7 +120,7 @@ void traces(const Meter& meter) {
     meter.all("trace entry", often, [&](U32) { DUOLOG_ENTRY(facility); });
 }
 
-// What is done with one of `entries` elements, records of a shared table, or timers.
+// Operations on one of `entries` elements, records of a shared table, or timers.
 void tables(const Meter& meter, U32 entries) {
     std::vector<Nav::PathKey> keys;
     for (U32 i = 0; i < 2 * entries; ++i)
@@ -177,7 +177,7 @@ void tables(const Meter& meter, U32 entries) {
     });
 }
 
-// What comes from the services around; each operation leaves the router as it found it.
+// Changes from other services; each operation leaves the router as it was.
 void services(const Meter& meter, FullRouter& router) {
     const Nav::NavInputs& in = router.in;
     const U32 paths = router.size.paths();
@@ -212,7 +212,8 @@ void services(const Meter& meter, FullRouter& router) {
     });
     meter.part("interface returns", 2, [&](U32 i, auto&& counted) {
         router.interfaceFails(i);
-        in.hwPathStatus->hwPathStatusListDelAll();  // or paths that get their old index are up
+        in.hwPathStatus
+            ->hwPathStatusListDelAll();  // otherwise paths with their old index would be up
         counted([&] {
             in.ipStatusDir->ipIntfStatus(router.intf(i))
                 ->activeAddrWithMaskIs({router.source(i), 24});
@@ -230,7 +231,7 @@ void services(const Meter& meter, FullRouter& router) {
     ::close(nowhere);
 }
 
-// The same for what an operator configures.
+// The same for changes of the configuration.
 void configuration(const Meter& meter, FullRouter& router) {
     Nav::NavCliConfig& cli = *router.in.cliConfig;
     meter.part("destination", 8, [&](U32 i, auto&& counted) {

@@ -1,6 +1,6 @@
-// From the kernel's event of a route change to what 128 tracked next hops go by, in a network
-// namespace of its own. The clock starts when the event can be read on a socket beside, and the
-// next change waits until everything of the one before is over.
+// The time from the kernel's event of a route change to the update of 128 tracked next hops, in a
+// separate network namespace. The time starts when the event can be read on a second socket, and
+// the next change waits until all work for the previous one is done.
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <poll.h>
@@ -25,7 +25,7 @@ using Agent::Linux::NetlinkSocket;
 using Netz::IpGenAddr;
 
 constexpr U32 tracked = 128;
-constexpr U32 network = 0xc6336400;  // 198.51.100.0/24, where the next hops are
+constexpr U32 network = 0xc6336400;  // 198.51.100.0/24, the network of the next hops
 
 std::vector<IpGenAddr> nexthops() {
     std::vector<IpGenAddr> addresses;
@@ -36,15 +36,15 @@ IpGenAddr gateway(U32 round) {
     return IpGenAddr::fromV4(0xcb0071fd + round % 2);  // 203.0.113.253 and .254
 }
 
-// A link "wan1" with two gateways behind it, and the route to all next hops by one of them.
+// A link "wan1" with two gateways, and a route to all next hops through one of them.
 class Kernel {
   public:
-    // Moves this process into the namespace; what `refusal` says keeps it from that.
+    // Moves this process into the namespace; `refusal` gives the reason if that is not possible.
     Kernel() : refusal_(prepare()) {}
     const std::string& refusal() const { return refusal_; }
     Agent::Linux::RequestSocket& requests() { return *requests_; }
 
-    // Sends all next hops by the other gateway, and returns when it is told.
+    // Routes all next hops through the other gateway, and returns when the event has arrived.
     IpGenAddr changeRoute() {
         hears(0);
         const IpGenAddr to = gateway(++round_);
@@ -90,7 +90,7 @@ class Kernel {
         requests_.emplace();
         return "";
     }
-    // Takes in what comes within so many milliseconds, and at once what there is then.
+    // Processes the events of so many milliseconds, and then those that have arrived.
     void hears(int patience) {
         pollfd ready{events_->fd(), POLLIN, 0};
         poll(&ready, 1, patience);
@@ -109,7 +109,7 @@ Kernel& kernel() {
     return kernel;
 }
 
-// Lookups, and nothing done about them.
+// Lookups only.
 class Lookups {
   public:
     Lookups() {
@@ -127,8 +127,8 @@ class Lookups {
     Agent::Linux::FibLookup lookup_{kernel().requests()};
 };
 
-// The host with a path to each next hop, until nothing is left to do about the change: results and
-// FECs are published, and the paths' states follow.
+// The host with a path to each next hop, until the change has been processed: results and FECs are
+// published, and the paths' states have followed.
 class Ours {
   public:
     Ours() {
@@ -149,7 +149,7 @@ class Ours {
 
   private:
     Nav::NavCliConfig& config() { return *host_.inputs().cliConfig; }
-    // Equal next hops share a FEC, so there is one to look at.
+    // Equal next hops share a FEC, so one has to be checked.
     bool published(const IpGenAddr& to) {
         const auto* vrf = host_.inputs().nexthopStatus->vrf("default");
         if (!vrf || vrf->nexthop().size() != tracked) return false;
@@ -172,7 +172,7 @@ void routeChange(benchmark::State& state, const std::string& refusal = "") {
     for (const std::string& reason : {kernel().refusal(), refusal})
         if (!reason.empty()) return leftOut(state, reason);
     Side side;
-    // What the side was told when it began is over once it follows a change.
+    // The initial notifications of a side are over once it follows a change.
     bool followed = side.follow(kernel().changeRoute());
     for (auto _ : state) {
         const IpGenAddr to = kernel().changeRoute();

@@ -1,5 +1,5 @@
-// What LTTng-UST records in bench/TraceBench.cpp: a decision, and one that no session enables. The
-// macros read this file several times, so it has no ordinary guard.
+// The events that LTTng-UST records for bench/TraceBench.cpp: a decision, and one that no session
+// enables. The macros read this file several times, so it has no ordinary guard.
 #undef LTTNG_UST_TRACEPOINT_PROVIDER
 #define LTTNG_UST_TRACEPOINT_PROVIDER bench
 #undef LTTNG_UST_TRACEPOINT_INCLUDE

@@ -1,4 +1,4 @@
-// Setting an attribute that nobody, one or eight subscribe to; subscribing; counted pointers.
+// Setting an attribute with no, one or eight subscribers; subscribing; counted pointers.
 #include <functional>
 #include <memory>
 #include <string>
@@ -29,13 +29,13 @@ VEL_DEFINE(Bench, Probe)
 
 namespace {
 
-// A subscriber as reactors are: one that may be let go while it is called.
+// A subscriber like a reactor, which may be released while it is called.
 struct Sink : Vel::Object {
     void handle() { ++calls; }
     U64 calls = 0;
 };
 
-// Each side: a value with subscribers. A connection lets go when it is destroyed.
+// Each side: a value with subscribers. Destroying a connection ends it.
 struct Ours {
     using Connection = Vel::Subscription;
     Vel::Ptr<Probe> probe = Vel::make<Probe>("probe");
@@ -45,7 +45,7 @@ struct Ours {
     void valueIs(U32 v) { probe->valueIs(v); }
 };
 
-// The others have a compare and store like ours in front of how they call.
+// The peers get the same comparison and store as ours before they notify.
 template <class Signal>
 struct Value : Signal {
     U32 value = 0;
@@ -60,7 +60,7 @@ struct NoSignal {
     void emit() {}
 };
 
-// The last one connected is the first to leave.
+// The connection made last ends first.
 template <class Subscriber>
 struct Vector {
     struct Connection {

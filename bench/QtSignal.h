@@ -1,4 +1,4 @@
-// A Qt object with one signal, in a header of its own for Qt's code generator.
+// A Qt object with one signal, in a separate header for Qt's code generator.
 #pragma once
 
 #include <QObject>

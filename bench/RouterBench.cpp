@@ -1,4 +1,4 @@
-// The whole library: one event from end to end, a failing interface, the container switched on, a
+// The whole library: one event from end to end, a failing interface, switching on the container, a
 // show command.
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -46,7 +46,7 @@ void event(benchmark::State& state, int level) {
         state.SkipWithError("the path was not published");
 }
 
-// The same as one function over arrays in which every place is known beforehand.
+// The same as one function over arrays in which every position is known in advance.
 struct Flat {
     struct Fec {
         U32 path;
@@ -96,8 +96,8 @@ void eventLimit(benchmark::State& state) {
 }
 
 #ifdef BENCH_STACK
-// The same by what one would otherwise take: the FEC in a shared database, a signal for it, a line
-// of trace for each of what our handlers decide, the status, a signal for that.
+// The same with the usual components: the FEC in a shared database, a signal for it, a line of
+// trace for each decision of our handlers, the status, and a signal for that.
 void eventStack(benchmark::State& state) {
     namespace signals = boost::signals2;
     using Signal =
@@ -172,7 +172,7 @@ void recompute(benchmark::State& state) {
     for (auto _ : state) check();
 }
 
-// What a client of the show command gets, over a socket as always.
+// The answer that a client of the show command receives over a socket.
 struct Client {
     int ends[2];
     std::vector<char> buffer = std::vector<char>(1 << 18);
@@ -218,7 +218,7 @@ void showLimit(benchmark::State& state) {
     });
 }
 
-// What both ways of printing print, with as much of the work done beforehand as possible.
+// The text that both ways of printing print, with as much work done in advance as possible.
 template <class Print>
 void printAnswer(const FullRouter& router, Print&& print) {
     print("%s", "{'navPathSelPaths': [");

@@ -1,4 +1,4 @@
-// A run directory of its own in memory, gone with the object.
+// A temporary run directory in memory, removed with the object.
 #pragma once
 
 #include <cstdlib>

@@ -1,4 +1,5 @@
-// Shared-memory tables: reads with the writer idle and flat out, writes, following changes.
+// Shared-memory tables: reads with the writer idle and writing continuously, writes, following
+// changes.
 #include <array>
 #include <atomic>
 #include <cstring>
@@ -40,7 +41,7 @@ struct Content {
     std::array<std::byte, bytes> data{};
 };
 
-// Left to itself the compiler copies large values of a size that it knows with a slow instruction.
+// By default the compiler copies large values of a known size with a slow instruction.
 [[gnu::noipa]] void copyLarge(void* to, const void* from, size_t bytes) {
     std::memcpy(to, from, bytes);
 }
@@ -52,7 +53,7 @@ void copyValue(void* to, const void* from) {
         std::memcpy(to, from, sizeof(Value));
 }
 
-// Keys without a pattern, of as many entries as fit into a quarter of a megabyte.
+// Keys without a pattern, for as many entries as fit into a quarter of a megabyte.
 template <class Value>
 std::array<U32, 4096> keysInUse() {
     std::mt19937 random(1);
@@ -61,11 +62,11 @@ std::array<U32, 4096> keysInUse() {
     return keys;
 }
 
-// Each side: a table of 1023 entries with read(key, value) and write(key, value). Those that hash
-// here do so as ours do.
+// Each side: a table of 1023 entries with read(key, value) and write(key, value). Tables that hash
+// here use our hash.
 template <class Value>
 struct Ours {
-    static constexpr bool isShared = true;  // may be read and written at once
+    static constexpr bool isShared = true;  // may be read and written concurrently
     using Map = Shard::Map<U32, Value>;
     RunDirectory directory;
     typename Map::Writer writer{directory.space(), "bench", entries};
@@ -81,8 +82,8 @@ struct Ours {
     void write(U32 key, const Value& value) { writer.valueIs(key, value); }
 };
 
-// Probe and copy, with nothing to tell whether a copy is whole. Read and written at once it shows
-// what is left to gain: the copies' way from one core's cache to the other's.
+// Probe and copy, without a check whether a copy is complete. With concurrent reads and writes it
+// shows the cost that remains: the transfer from one core's cache to the other's.
 template <class Value>
 struct Local {
     static constexpr bool isShared = true;
@@ -157,7 +158,7 @@ struct Interprocess {
 #endif
 
 #ifdef BENCH_LMDB
-// Durability is nobody's wish here, so nothing is synced.
+// Durability is not required here, so nothing is synced.
 template <class Value>
 struct Lmdb {
     static constexpr bool isShared = true;
@@ -267,7 +268,7 @@ void write(benchmark::State& state) {
     for (auto _ : state) opaque(&side)->write(keys[++at % keys.size()], value);
 }
 
-// Many readers look at the same changes, since one look is too short for a clock.
+// Many readers read the same changes, since one reading is too short for a clock.
 void changes(benchmark::State& state, U32 tableEntries) {
     using Map = Shard::Map<U32, Content<104>>;
     constexpr size_t changed = 16, readers = 64;

@@ -1,4 +1,4 @@
-// A collection keyed by path: looking up, inserting, replacing, walking.
+// A collection keyed by path: lookup, insertion, replacement, iteration.
 #include <algorithm>
 #include <cstring>
 #include <numeric>
@@ -38,7 +38,7 @@ namespace {
 
 using Nav::PathKey;
 
-// The keys of four interfaces' paths, in no order, the same in each run.
+// The keys of four interfaces' paths, unordered, the same in each run.
 std::vector<PathKey> keysOf(size_t count) {
     std::vector<PathKey> keys;
     for (U32 i = 0; i < count; ++i)
@@ -48,7 +48,7 @@ std::vector<PathKey> keysOf(size_t count) {
     return keys;
 }
 
-// Each side: elements, which are allocated, by key.
+// Each side: allocated elements by key.
 struct Ours {
     Vel::Ptr<Elements> elements = Vel::make<Elements>("elements");
     const Element* find(const PathKey& key) const { return elements->member(key); }
@@ -60,7 +60,7 @@ struct Ours {
     }
 };
 
-// The limit of a lookup and of a walk: the place is known.
+// The limit of a lookup and of an iteration: the position is known.
 struct Known {
     struct Slot {
         PathKey key;
@@ -115,7 +115,7 @@ void lookup(benchmark::State& state, size_t count) {
     const auto keys = keysOf(count);
     Side side;
     fill(side, keys);
-    // In an order in which the branch predictor sees no pattern.
+    // In an order without a pattern for the branch predictor.
     std::vector<U32> order(4096);
     std::mt19937 random(2);
     for (U32& slot : order) slot = random() % static_cast<U32>(count);
@@ -141,7 +141,7 @@ void insert(benchmark::State& state) {
     units(state, keys.size());
 }
 
-// Removes the oldest and inserts one that was removed long ago.
+// Removes the oldest element and inserts one that was removed long ago.
 template <class Side>
 void churn(benchmark::State& state) {
     const auto keys = keysOf(2046);

@@ -45,7 +45,7 @@ void taskLimit(benchmark::State& state) {
     require(state, work);
 }
 
-// To ever later times, as a timer is that watches for silence; among seven others.
+// Each time to a later deadline, like a timer that detects silence; among seven other timers.
 template <class Arm>
 void rearm(benchmark::State& state, Arm&& arm) {
     U64 round = 0;
@@ -110,7 +110,7 @@ BENCHMARK(timerLibevent)->Name("timer/libevent");
 #endif
 
 #ifdef BENCH_LIBUV
-// libuv has no task that runs once; a handle that is started and stops itself is nearest.
+// libuv has no task that runs once; the closest is a handle that is started and stops itself.
 void taskLibuv(benchmark::State& state) {
     uv_loop_t loop;
     uv_loop_init(&loop);

@@ -1,4 +1,4 @@
-// Trace sites that are off, a record that takes the time of an event, a decision within one.
+// Trace sites that are off, a record that takes the time of an event, a decision within an event.
 #include <cstdio>
 #include <memory>
 
@@ -53,7 +53,7 @@ void stamp(benchmark::State& state, int level) {
     trace(state, level, [](U32) { benchmark::DoNotOptimize(Ringlog::prepare()); });
 }
 
-// What a decision writes at the least: a constant, a time, an argument.
+// The least that a decision must write: a constant, a time, an argument.
 void stores(benchmark::State& state, int level) {
     struct Record {
         const char* site;
@@ -91,7 +91,7 @@ void spdlogRing(benchmark::State& state, int level) {
 }
 #endif
 #ifdef BENCH_LTTNG
-// Not recorded it would be a branch that is not taken.
+// Without a recording session it would be a branch that is not taken.
 void lttngRecorded(benchmark::State& state, int level) {
     if (!lttng_ust_tracepoint_enabled(bench, decision))
         return leftOut(state, "no session records, which package lttng-tools is for");

@@ -36,7 +36,8 @@ std::string octets(const Netz::IpGenAddr& addr) {
     return {reinterpret_cast<const char*>(addr.data()), addr.size()};
 }
 
-// To the user that zebra runs as. Within a user namespace that one may not be known.
+// Gives the directory to the user as which zebra runs. Within a user namespace that user may not be
+// known.
 bool give(const RunDirectory& directory) {
     const passwd* const user = getpwnam("frr");
     return user && chown(directory.path().c_str(), user->pw_uid, user->pw_gid) == 0;
@@ -66,10 +67,11 @@ Zebra::Zebra(std::span<const Netz::IpGenAddr> nexthops) : tracked_(nexthops.size
     const timeval patience{5, 0};
     setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     if (!connect()) return;
-    // For protocol "srte" of instance and session 0, told of nothing but what it asks for.
+    // For protocol "srte" of instance and session 0, which receives only what it requests.
     send(hello, bigEndian(29, 1) + std::string(8, 0));
     std::string body;
-    for (const Netz::IpGenAddr& nexthop : nexthops)  // not connected, by the default route as well
+    for (const Netz::IpGenAddr& nexthop :
+         nexthops)  // not necessarily connected; the default route is accepted
         body += bigEndian(0x0001, 2) + bigEndian(1, 2) + bigEndian(AF_INET, 2) + bigEndian(32, 1) +
                 octets(nexthop);
     send(nexthopRegister, body);
@@ -81,7 +83,7 @@ Zebra::~Zebra() {
     waitpid(process_, nullptr, 0);
 }
 
-// It listens once it has read the kernel's tables.
+// zebra listens once it has read the kernel's tables.
 bool Zebra::connect() {
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     const std::string api = directory_.path() + "/api";
@@ -113,8 +115,8 @@ bool Zebra::receive(std::string& message) {
     return true;
 }
 
-// An update's body is flags (4), SAFI (2) and the next hop as family (2), bits (1) and octets, and
-// then what it goes by.
+// The body of an update is flags (4), SAFI (2) and the next hop as family (2), bits (1) and octets,
+// followed by its resolution.
 bool Zebra::follow(const Netz::IpGenAddr& gateway) {
     constexpr size_t lastOctetAt = headerBytes + 4 + 2 + 2 + 1 + 3;
     const std::string by = octets(gateway);

@@ -1,5 +1,5 @@
 // FRR's zebra, started in this process's network namespace, and a client of its next-hop tracking
-// that speaks just enough of its API for that. Message formats: FRR developer's guide, "Zebra
+// that implements the required part of its API. Message formats: FRR developer's guide, "Zebra
 // Protocol", as of FRR 8.4.
 #pragma once
 
@@ -14,16 +14,17 @@ namespace Bench {
 
 class Zebra {
   public:
-    // Why there can be none; empty if there can.
+    // Why zebra cannot run here; empty if it can.
     static std::string refusal();
 
-    // REQUIRES: no refusal. Tracks IPv4 addresses, at most 256 that differ in their last octet.
+    // REQUIRES: no refusal. Tracks IPv4 addresses, at most 256, which differ in their last octet.
     explicit Zebra(std::span<const Netz::IpGenAddr> nexthops);
     ~Zebra();
     Zebra(const Zebra&) = delete;
     Zebra& operator=(const Zebra&) = delete;
 
-    // Waits until each next hop was told to go by this gateway; false if that takes seconds.
+    // Waits until each next hop has been reported as reached through this gateway; false after some
+    // seconds.
     bool follow(const Netz::IpGenAddr& gateway);
 
   private:

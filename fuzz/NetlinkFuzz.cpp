@@ -1,5 +1,5 @@
-// Netlink messages: any bytes are read within their bounds, and no prefix is longer than addresses
-// are.
+// Netlink messages: any bytes are read within their bounds, and no prefix is longer than its
+// address.
 #include <linux/rtnetlink.h>
 
 #include "agent/linux/kernel/FibLookup.h"

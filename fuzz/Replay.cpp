@@ -1,5 +1,5 @@
-// Runs a fuzz target over files and the files of directories, without a fuzzer: each as it is, cut
-// short and with bytes changed. The bytes end where a page without access begins.
+// Runs a fuzz target over files and the files of directories, without a fuzzer: each unchanged,
+// truncated, and with bytes changed. Each input ends at a page without access.
 #include <sys/mman.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// Shared maps: a segment made of any bytes is read without harm, and the next writer either takes
-// it over whole or replaces it; both ways the map then works.
+// Shared maps: a segment of arbitrary bytes is read without harm, and the next writer either takes
+// it over completely or replaces it; in both cases the map then works.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -17,7 +17,7 @@ using namespace Shard;
 constexpr uint32_t capacity = 4;
 using Value = std::array<uint64_t, 3>;
 
-// What a damaged map may hold, at most one entry a slot and one change a record.
+// The most that a damaged map may contain: one entry per slot and one change per record.
 constexpr uint32_t most = 4096;
 
 template <class Map, class Value>

@@ -1,4 +1,5 @@
-// Value texts and keys: what is taken as a value has a text and a key that give the value back.
+// Value texts and keys: a text that is accepted as a value has a text and a key that give the value
+// back.
 #include "nav/types/PathTypes.h"
 #include "platform/services/Ipsec.h"
 

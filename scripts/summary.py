@@ -1,6 +1,6 @@
-"""Sums up the results that ctest wrote as JUnit files: summary.py FILE ...
+"""Summarises the JUnit files that ctest wrote: summary.py FILE ...
 
-Prints a line for each skipped test with the reason that it gave, and one with the totals.
+Prints a line for each skipped test with its reason, and one with the totals.
 """
 import os
 import re

@@ -7,13 +7,15 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 namespace Agent {
 
 namespace {
 
-// Counts lines as the parser takes characters, so that a SAX event knows its line.
+// Counts lines as the parser takes characters: `line` is that of the last one taken, so a SAX event
+// knows its line, and so does the refusal of a number, behind which the parser has read one more.
 class CountingIterator {
   public:
     using difference_type = std::ptrdiff_t;
@@ -25,7 +27,7 @@ class CountingIterator {
     CountingIterator(const char* at, size_t& line) : at_(at), line_(&line) {}
     reference operator*() const { return *at_; }
     CountingIterator& operator++() {
-        if (*at_++ == '\n') ++*line_;
+        if (std::exchange(atNewline_, *at_++ == '\n')) ++*line_;
         return *this;
     }
     CountingIterator operator++(int) {
@@ -38,6 +40,7 @@ class CountingIterator {
   private:
     const char* at_;
     size_t* line_;
+    bool atNewline_ = false;  // whether the last character taken ended a line
 };
 
 // Parses a text and remembers the line of the longest prefix of `place` that it finds.

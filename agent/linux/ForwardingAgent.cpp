@@ -95,9 +95,8 @@ void ForwardingAgent::VelPathStatusEntry::review() {
 // Returns the hardware's index of the path, 0 until it has one.
 U32 ForwardingAgent::VelPathStatusEntry::program(const Nav::HwPathInfo& info) {
     if (!agent_.forwarding_) return info.pathIndex;
-    agent_.forwarding_->pathIs(
-        info.pathIndex, {path_->key(), nexthop_->addr, nexthop_->ifIndex, info.via.intfId,
-                         info.via.weight});
+    agent_.forwarding_->pathIs(info.pathIndex, {path_->key(), nexthop_->addr, nexthop_->ifIndex,
+                                                info.via.intfId, info.via.weight});
     return agent_.forwarding_->programmed(info.pathIndex);
 }
 

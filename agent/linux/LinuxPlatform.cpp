@@ -56,8 +56,7 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
     : in_(inputs),
       config_(options.forwarding),
       monitor_(*inputs.scheduler,
-               {[this] { handleInterfaces(); },
-                [this] { handleForwarding(); },
+               {[this] { handleInterfaces(); }, [this] { handleForwarding(); },
                 [this] {
                     if (forwarding_) forwarding_->ownChanged();
                 },
@@ -72,8 +71,8 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
     if (config_) {
         forwarding_.emplace(inputs, config_, monitor_, [this] { agent_->review(); });
         counting_.emplace(inputs, forwarding_->plan(), loop, options.runDir);
-        tableChanged_ = loop.onReadable(forwarding_->tableFd(),
-                                        [this] { forwarding_->handleTableReadable(); });
+        tableChanged_ =
+            loop.onReadable(forwarding_->tableFd(), [this] { forwarding_->handleTableReadable(); });
     }
     agent_.emplace(inputs, monitor_, forwarding());
 }

@@ -52,9 +52,11 @@ NexthopResolver::ViasByVrf pathVias(const InterfaceView& view, std::span<const P
     for (const Vrf& vrf : view.vrfs) found.try_emplace(vrf.name);
     for (auto& [request, routeVias] : routes) {
         std::ranges::sort(routeVias);
-        const auto repeated = std::ranges::unique(
-            routeVias, {}, [](const RouteVia& via) { return std::pair(via.hop, via.ifIndex); });
-        routeVias.erase(repeated.begin(), repeated.end());
+        const auto isRepeated = [](const RouteVia& a, const RouteVia& b) {
+            return a.hop == b.hop && a.ifIndex == b.ifIndex;
+        };
+        routeVias.erase(std::unique(routeVias.begin(), routeVias.end(), isRepeated),
+                        routeVias.end());
         NexthopResolver::Vias vias;
         for (const RouteVia& via : routeVias) {
             // An interface that has been deleted or is still unknown causes an event itself.

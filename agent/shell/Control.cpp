@@ -49,11 +49,12 @@ Control::Control(Controlled agent)
 
 Answer Control::handle(const std::string& op, const Json& request, Session& session) {
     static const std::map<std::string, Answer (Control::*)(const Json&, Session&)> operations = {
-        {"get", &Control::get},          {"set", &Control::set},     {"del", &Control::del},
-        {"load", &Control::loadRequest}, {"check", &Control::check}, {"save", &Control::save},
-        {"show", &Control::show},        {"watch", &Control::watch}, {"trace", &Control::trace},
-        {"log", &Control::log},          {"ping", &Control::ping},
-        {"forwarding", &Control::forwarding}};
+        {"get", &Control::get},     {"set", &Control::set},
+        {"del", &Control::del},     {"load", &Control::loadRequest},
+        {"check", &Control::check}, {"save", &Control::save},
+        {"show", &Control::show},   {"watch", &Control::watch},
+        {"trace", &Control::trace}, {"log", &Control::log},
+        {"ping", &Control::ping},   {"forwarding", &Control::forwarding}};
     const auto operation = operations.find(op);
     if (operation == operations.end()) throw RequestError("op: \"" + op + "\" not found");
     if (agent_.manual || (op != "set" && op != "del" && op != "load"))

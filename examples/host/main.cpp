@@ -1,5 +1,5 @@
-// The smallest host of the library: it owns the seventeen inputs, plays the router's services by
-// hand, and asks for the paths.
+// The smallest host of the library: it owns the seventeen inputs, takes the part of the router's
+// services itself, and prints the paths.
 #include <unistd.h>
 
 #include "nav/root/NavRootSm.h"
@@ -20,7 +20,7 @@ int main() {
     site.remoteViaIs(address("198.51.100.2"));
     site.remoteViaIs(address("198.51.100.6"));
 
-    // The interface gets its address: the paths come into being.
+    // The interface gets its address: the paths are created.
     inputs.ipStatusDir->ipIntfStatusIs(Netz::IntfId("wan1"))
         .activeAddrWithMaskIs(*Netz::IpAddrWithMask::parse("203.0.113.1/24"));
     inputs.scheduler->runDue();

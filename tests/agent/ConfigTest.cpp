@@ -52,7 +52,7 @@ TEST(ConfigTest, ARefusalNamesTheLineThePlaceAndWhatIsRequired) {
         {"[]", "line 1: /cliConfig: expected an object, got an array"},
         {"{\n\"a\": 1,\n\"b\": 1", "line 3, column"},
         {"{\n\"a\": \"\0\"}"s, "line 2: a NUL byte"},
-        {"{\n\"udpPortConfig\": 1e999}", "line 2: number overflow"},
+        {"{\n\"udpPortConfig\": 1e999\n}", "line 2: number overflow"},
         {"{\n\"udpPortConfig\": \"1\"}",
          "line 2: /cliConfig/udpPortConfig: expected a whole number from 0 to 65535, got \"1\""},
         {"{\"vrfConfig\": {\n\"" + name + "\": {}}}",

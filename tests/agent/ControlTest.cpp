@@ -61,7 +61,7 @@ TEST_F(ControlTest, OnlyAValidConfigurationIsWritten) {
              std::string("/forwardingConfig/vrf[v]: ") + Agent::notForwarding},
             {R"({"op":"load","forwarding":{}})",
              std::string("/forwardingConfig: ") + Agent::notForwarding},
-             {R"({"op":"load","value":{"udpPortConfig":1,"nothing":1}})",
+            {R"({"op":"load","value":{"udpPortConfig":1,"nothing":1}})",
              "/cliConfig/nothing: unknown attribute"},
             {R"({"op":"fly"})", "op: \"fly\" not found"}})
         EXPECT_EQ(ask(request), answer) << request;
