@@ -56,7 +56,7 @@ class Program {
     void printLine(const std::string& line);
     void printWarnings(const Json& warnings);
     void printJson(const Json& value);
-    void printTable(const Table& table);
+    void printTable(const TextTable& table);
     void showText(const TextView& view);
     void forwarding();
     void counters();
@@ -175,7 +175,7 @@ void Program::forwarding() {
 
 void Program::counters() {
     std::signal(SIGINT, [](int) { _exit(done); });
-    showCounters(runDir(), watch_, [this](const Table& table) {
+    showCounters(runDir(), watch_, [this](const TextTable& table) {
         printTable(table);
         flush();
     });
@@ -206,7 +206,7 @@ void Program::printJson(const Json& value) {
     streams_.out << value.dump(indent, ' ', false, Json::error_handler_t::replace) << "\n";
 }
 
-void Program::printTable(const Table& table) {
+void Program::printTable(const TextTable& table) {
     if (json_) return printJson(tableJson(table));
     Navctl::printTable(streams_.out, table, streams_.colours);
 }
@@ -343,7 +343,7 @@ void Program::log() {
     Json request = {{"op", "log"}};
     if (!level_.empty()) request.update({{"facility", facility_}, {"level", std::stoi(level_)}});
     const Json levels = Client::ControlClient(runDir()).request(request).at("value");
-    Table table{{"facility", "level"}, {}};
+    TextTable table{{"facility", "level"}, {}};
     for (const auto& [name, level] : levels.items())
         if (facility_.empty() || facility_ == "*" || facility_ == name)
             table.rows.push_back({name, level});

@@ -1,4 +1,4 @@
-// navctl's command line: commands, their options, and how each ends.
+// The command line of navctl: commands, their options, and their exit statuses.
 #pragma once
 
 #include <istream>
@@ -8,8 +8,8 @@
 
 namespace Navctl {
 
-// refused: also when standard output could not be written. noAgent: also when the agent, or the
-// writer of the counters, ended before the command did.
+// refused: also if standard output cannot be written. noAgent: also if the agent, or the writer of
+// the counters, ends before the command does.
 enum ExitStatus { done = 0, refused = 1, badUsage = 2, noAgent = 3, noPermission = 4 };
 
 struct Streams {
@@ -19,8 +19,8 @@ struct Streams {
     bool colours = false;
 };
 
-// Runs one command line, without the program's name. The reason of a failure goes to `err`: as a
-// sentence, or under --json as {"ok":false,"error":…}.
+// Runs one command line, without the program's name. The reason of a failure is written to `err`,
+// as a sentence, or with --json as {"ok":false,"error":…}.
 ExitStatus run(std::vector<std::string> arguments, Streams streams);
 
 }  // namespace Navctl

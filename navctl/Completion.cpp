@@ -10,8 +10,8 @@ namespace Navctl {
 
 using Agent::Json;
 
-// Readline breaks words at ':' and '=', which addresses hold, and replaces only what stands after
-// the last break: hence the cut at the front of each answer.
+// Readline splits words at ':' and '=', which addresses contain, and replaces only the text after
+// the last split: hence the prefix is removed from each answer.
 const char* const bashScript = R"(_navctl() {
     local IFS=$'\n' line=${COMP_LINE:0:COMP_POINT} word head
     word=${line##* }
@@ -27,7 +27,7 @@ complete -o nospace -o default -F _navctl navctl
 
 namespace {
 
-// Where the last step of an unfinished path begins: its '/' or '[' outside of any finished key.
+// The position of the last step of an unfinished path: its '/' or '[' outside any finished key.
 size_t lastStep(std::string_view path) {
     size_t step = 0;
     bool inKey = false;
@@ -61,7 +61,8 @@ std::vector<std::string> paths(const std::string& word, const std::string& runDi
         }
     }
     if (!value.is_object() || value.empty()) return result;
-    // Entities and collections are both objects: only a collection's members are reached by key.
+    // Entities and collections are both objects, but only a collection's members are reached by
+    // key.
     bool isCollection = true;
     try {
         client.get(parent + "[" + value.begin().key() + "]");

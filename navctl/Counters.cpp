@@ -26,7 +26,7 @@ Reading readAll(const NavShard::NavCounters& counters) {
     return reading;
 }
 
-// A counter that went back belongs to another life of its id.
+// If a counter has decreased, its id has been assigned to another key.
 double rate(Vel::U64 before, Vel::U64 now, double seconds) {
     return now < before ? 0.0 : static_cast<double>(now - before) / seconds;
 }
@@ -35,8 +35,8 @@ Json rounded(double value) {
     return static_cast<Vel::U64>(value + 0.5);
 }
 
-// A row for the id, then one for each path that has carried anything.
-void addRows(Table& table, const NavLbProfileCounterEntry& before,
+// A row for the id, then one for each path that has carried traffic.
+void addRows(TextTable& table, const NavLbProfileCounterEntry& before,
              const NavLbProfileCounterEntry& now, double seconds) {
     const auto& key = now.lbKeyInfo;
     auto row = [&](const Json& path, const auto& was, const auto& is) {
@@ -51,8 +51,8 @@ void addRows(Table& table, const NavLbProfileCounterEntry& before,
             row("Path" + std::to_string(i), before.pathCounter[i], now.pathCounter[i]);
 }
 
-Table compare(const Reading& before, const Reading& now) {
-    Table table{
+TextTable compare(const Reading& before, const Reading& now) {
+    TextTable table{
         {"id", "site", "app", "vrf", "path", "packets", "bytes", "packets/s", "bits/s", "flows"},
         {}};
     const double seconds = std::chrono::duration<double>(now.time - before.time).count();
@@ -64,7 +64,7 @@ Table compare(const Reading& before, const Reading& now) {
     return table;
 }
 
-// Waits until the table has news and a second has passed. False when its writer stopped.
+// Waits until the table has changed and a second has passed. False if its writer stopped.
 bool awaitNews(NavShard::NavCounters& counters, Clock::time_point since) {
     for (;;) {
         if (!counters.lbProfileCounterAwait(10s)) return false;
@@ -77,7 +77,7 @@ bool awaitNews(NavShard::NavCounters& counters, Clock::time_point since) {
 }  // namespace
 
 void showCounters(const std::string& runDir, bool watch,
-                  const std::function<void(const Table&)>& show) {
+                  const std::function<void(const TextTable&)>& show) {
     auto counters = NavShard::navCountersFactory("navCounters");
     try {
         counters->lbProfileCounterControlIs(
@@ -87,7 +87,7 @@ void showCounters(const std::string& runDir, bool watch,
     }
     const auto state = counters->lbProfileCounterUpdate();
     if (state == Shard::MapState::absent || state == Shard::MapState::quiesced)
-        throw Client::NoAgent("nobody writes counters in " + runDir);
+        throw Client::NoAgent("no counters in " + runDir);
     if (state == Shard::MapState::refused)
         throw Client::Refused("the counters of " + runDir +
                               " cannot be read: " + counters->lbProfileCounterRefusal());

@@ -10,7 +10,7 @@ using Agent::Json;
 
 namespace {
 
-constexpr int maxDepth = 16;  // the answers nest three levels
+constexpr int maxDepth = 16;  // answers nest three levels
 
 class Parser {
   public:
@@ -18,7 +18,7 @@ class Parser {
 
     Json whole() {
         Json result = value(0);
-        if (peek() != '\0') fail("something follows the end");
+        if (peek() != '\0') fail("unexpected text after the end");
         return result;
     }
 
@@ -27,7 +27,7 @@ class Parser {
         throw LiteralError("byte " + std::to_string(at_) + ": " + reason);
     }
 
-    // The next character that is no space; NUL at the end of the text.
+    // The next character that is not a space; NUL at the end of the text.
     char peek() {
         while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\n')) ++at_;
         if (at_ < text_.size() && text_[at_] == '\0') fail("a NUL byte");
@@ -83,7 +83,7 @@ class Parser {
 
     Json string() {
         const size_t end = text_.find('\'', at_);
-        if (end == text_.npos) fail("a string does not end");
+        if (end == text_.npos) fail("unterminated string");
         const std::string_view content = text_.substr(at_, end - at_);
         at_ = end + 1;
         return content;

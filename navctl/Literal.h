@@ -1,4 +1,4 @@
-// The text in which the agent answers show commands: literal dictionaries, lists and tuples of
+// The text form of the agent's answers to show commands: literal dictionaries, lists and tuples of
 // single-quoted strings and unsigned numbers, each element followed by an optional ", ".
 #pragma once
 
@@ -11,15 +11,15 @@ namespace Navctl {
 
 using Agent::Json;
 
-// A text that is no literal; what() says where and why.
+// A text that is not a literal; what() gives the position and the reason.
 class LiteralError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// The text as JSON: a tuple becomes an array, a key that is no string becomes its text (the members
-// of a tuple joined by commas). Strict: nothing may follow the literal, strings have no escapes, a
-// key is a string, a number or a tuple of these.
+// The text as JSON: a tuple becomes an array, a key that is not a string becomes its text (the
+// members of a tuple joined by commas). Strict: no text may follow the literal, strings have no
+// escapes, and a key is a string, a number or a tuple of these.
 Agent::Json parseLiteral(std::string_view text);
 
 }  // namespace Navctl

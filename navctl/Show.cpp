@@ -12,12 +12,12 @@ namespace Navctl {
 
 namespace {
 
-// Values that stand for "none".
+// Values that mean "none".
 constexpr uint32_t noConstraint = 0xFFFFFFFF;
 constexpr uint32_t noEncapId = 0xFFFFFFFE;
 constexpr uint32_t established = 3;
 
-// A member of an object; null if it is not there, or if there is no object.
+// A member of an object; null if it is not found, or if the value is not an object.
 const Json& member(const Json& object, const std::string& name) {
     static const Json none;
     if (!object.is_object()) return none;
@@ -37,7 +37,7 @@ Json keysOf(const Json& collection) {
     return keys;
 }
 
-// A set of numbers comes as key texts.
+// A set of numbers is given as key texts.
 Json numbersOf(const Json& set) {
     std::vector<uint32_t> numbers;
     for (const Json& key : keysOf(set)) {
@@ -50,8 +50,8 @@ Json numbersOf(const Json& set) {
     return numbers;
 }
 
-Table pathTable(const Json& answer) {
-    Table table{{"path group", "source", "destination", "peer", "state", "path"}, {}};
+TextTable pathTable(const Json& answer) {
+    TextTable table{{"path group", "source", "destination", "peer", "state", "path"}, {}};
     for (const Json& path : member(answer, "navPathSelPaths")) {
         table.rows.push_back({member(path, "pathGroup"), member(path, "source"),
                               member(path, "destination"), member(path, "peer"),
@@ -60,17 +60,18 @@ Table pathTable(const Json& answer) {
     return table;
 }
 
-Table peerTable(const Json& answer) {
-    Table table{{"path index", "peer"}, {}};
+TextTable peerTable(const Json& answer) {
+    TextTable table{{"path index", "peer"}, {}};
     for (const auto& [index, peer] : member(answer, "navPeers").items()) {
         table.rows.push_back({index, peer});
     }
     return table;
 }
 
-// Two kinds of mapping under one head: path index to path group, VRF and application ids to names.
-Table mappingTable(const Json& answer) {
-    Table table{{"mapping", "id", "name"}, {}};
+// Two kinds of mapping in one table: path index to path group, and VRF and application ids to
+// names.
+TextTable mappingTable(const Json& answer) {
+    TextTable table{{"mapping", "id", "name"}, {}};
     for (const auto& [index, group] : member(answer, "groups").items()) {
         table.rows.push_back({"path group", index, group});
     }
@@ -80,8 +81,8 @@ Table mappingTable(const Json& answer) {
     return table;
 }
 
-Table groupTable(Client::ControlClient& client) {
-    Table table{{"path group", "interfaces", "ipsec profile", "sites", "paths"}, {}};
+TextTable groupTable(Client::ControlClient& client) {
+    TextTable table{{"path group", "interfaces", "ipsec profile", "sites", "paths"}, {}};
     const Json config = client.get("/cliConfig");
     const Json database = client.get("/navDb");
     for (const auto& [name, group] : member(config, "pathGroupConfig").items()) {
@@ -93,9 +94,9 @@ Table groupTable(Client::ControlClient& client) {
     return table;
 }
 
-// Configured sites, and those that still have usable paths after their configuration went.
-Table siteTable(Client::ControlClient& client) {
-    Table table{{"path group", "site", "destinations", "usable paths"}, {}};
+// Configured sites, and removed sites that still have usable paths.
+TextTable siteTable(Client::ControlClient& client) {
+    TextTable table{{"path group", "site", "destinations", "usable paths"}, {}};
     const Json config = client.get("/cliConfig");
     const Json status = client.get("/siteGroupStatus");
     std::map<std::pair<std::string, std::string>, Json> usable;
@@ -117,8 +118,9 @@ Table siteTable(Client::ControlClient& client) {
     return table;
 }
 
-Table policyTable(Client::ControlClient& client) {
-    Table table{{"policy", "vrfs", "rule", "application", "application id", "load balance"}, {}};
+TextTable policyTable(Client::ControlClient& client) {
+    TextTable table{{"policy", "vrfs", "rule", "application", "application id", "load balance"},
+                    {}};
     const Json config = client.get("/cliConfig");
     std::map<std::string, Json> vrfsOf;
     for (const auto& [vrf, binding] : member(config, "vrfConfig").items()) {
@@ -142,11 +144,11 @@ Table policyTable(Client::ControlClient& client) {
     return table;
 }
 
-// One row for each member of each load-balance id, the preferred first.
-Table loadBalanceTable(Client::ControlClient& client) {
-    Table table{{"site", "vrf", "application", "id", "generation", "latency", "jitter", "loss rate",
-                 "priority", "path index", "path group"},
-                {}};
+// One row for each member of each load-balance id, in order of preference.
+TextTable loadBalanceTable(Client::ControlClient& client) {
+    TextTable table{{"site", "vrf", "application", "id", "generation", "latency", "jitter",
+                     "loss rate", "priority", "path index", "path group"},
+                    {}};
     const Json database = client.get("/navDb");
     const Json status = client.get("/navStatusDir/navLbProfileStatus");
     for (const auto& [text, entry] : member(status, "lbProfileStatusEntry").items()) {
@@ -178,9 +180,9 @@ Table loadBalanceTable(Client::ControlClient& client) {
     return table;
 }
 
-// Connections asked for, and those that the service still reports after nobody asks for them.
-Table ipsecTable(Client::ControlClient& client) {
-    Table table{
+// Requested connections, and those that the service still reports without a request.
+TextTable ipsecTable(Client::ControlClient& client) {
+    TextTable table{
         {"vrf", "source", "destination", "profile", "interface", "connection", "state", "encap id"},
         {}};
     const Json requests = client.get("/ipsecPathConfigDir/ipsecPathConfig");
@@ -205,8 +207,8 @@ Table ipsecTable(Client::ControlClient& client) {
     return table;
 }
 
-Table nexthopTable(Client::ControlClient& client) {
-    Table table{{"vrf", "next hop", "state", "fec", "vias"}, {}};
+TextTable nexthopTable(Client::ControlClient& client) {
+    TextTable table{{"vrf", "next hop", "state", "fec", "vias"}, {}};
     const Json config = client.get("/nexthopConfig/vrf");
     const Json status = client.get("/nexthopStatus/vrf");
     const Json fec = client.get("/forwardingStatus/fec");
@@ -248,7 +250,7 @@ const std::vector<TreeView>& treeViews() {
         {"policies", "Policies, their rules and the VRFs bound to them", policyTable},
         {"load-balance", "Load-balance ids and their member paths", loadBalanceTable},
         {"ipsec", "IPsec connections", ipsecTable},
-        {"nexthops", "Next hops asked for and what they resolve to", nexthopTable}};
+        {"nexthops", "Requested next hops and their resolution", nexthopTable}};
     return views;
 }
 
@@ -273,9 +275,9 @@ Json parseShowText(const std::string& text) {
         return parseLiteral(text);
     } catch (const LiteralError& error) {
         if (text.empty()) throw Client::Refused("the agent gave no answer");
-        // A message instead of an answer begins with a percent sign, as routers write them.
+        // A message in place of an answer begins with a percent sign.
         if (text.starts_with("% ")) throw Client::Refused(text.substr(2, text.find('\n') - 2));
-        throw Client::Refused(std::string("the agent's answer is no table (--raw prints it): ") +
+        throw Client::Refused(std::string("the agent's answer is not a table (--raw prints it): ") +
                               error.what());
     }
 }

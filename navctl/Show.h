@@ -1,5 +1,4 @@
-// The views of the show commands: what an operator asks for, put together from what the agent
-// tells.
+// The views of the show commands, built from the agent's state.
 #pragma once
 
 #include <string>
@@ -7,29 +6,30 @@
 #include <vector>
 
 #include "client/ControlClient.h"
-#include "navctl/Table.h"
+#include "navctl/TextTable.h"
 
 namespace Navctl {
 
-// A view on an answer of command.sock.
+// A view of an answer from command.sock.
 struct TextView {
     std::string name, word, description;
-    Table (*table)(const Json& answer);
+    TextTable (*table)(const Json& answer);
 };
 
-// A view put together from the tree.
+// A view built from the tree.
 struct TreeView {
     std::string name, description;
-    Table (*table)(Client::ControlClient& client);
+    TextTable (*table)(Client::ControlClient& client);
 };
 
 const std::vector<TextView>& textViews();
 const std::vector<TreeView>& treeViews();
 
 // The tables of `show forwarding`, each under its heading, from the agent's report.
-std::vector<std::pair<std::string, Table>> forwardingTables(const Json& report);
+std::vector<std::pair<std::string, TextTable>> forwardingTables(const Json& report);
 
-// The agent's text as JSON; Refused when it answered with a message, or with what is no literal.
+// The agent's text as JSON; throws Refused if the agent answered with a message, or with an invalid
+// text.
 Json parseShowText(const std::string& text);
 
 }  // namespace Navctl

@@ -7,7 +7,7 @@
 #include "navctl/Cli.h"
 
 int main(int argc, char** argv) {
-    // As https://no-color.org asks, and never into a pipe or a file.
+    // Colours follow https://no-color.org, and are never written to a pipe or a file.
     const char* terminal = std::getenv("TERM");
     const char* without = std::getenv("NO_COLOR");
     const bool colours = isatty(STDOUT_FILENO) == 1 && (without == nullptr || *without == '\0') &&

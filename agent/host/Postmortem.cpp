@@ -15,14 +15,14 @@ namespace {
 std::string file;
 Log* log = nullptr;
 
-// Whatever standard error makes of it: nothing waits for its reader.
+// Written without waiting for the reader of standard error.
 void say(const std::string& text) {
     log->write(2, "nav-agent: " + text);
 }
 
 void writeDown(const char* text, const char* source, int line) {
     say(std::string(source) + ":" + std::to_string(line) + ": assertion failed: " + text);
-    // One that fails while the records become text ends here as well.
+    // An assertion that fails while the records become text ends the process here as well.
     Vel::assertHandlerIs(nullptr);
     const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {

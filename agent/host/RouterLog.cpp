@@ -49,7 +49,7 @@ void RouterLog::report() {
     for (const PathPlace& place : std::exchange(changedPaths_, {})) reportPath(place);
 }
 
-// Empty without an address.
+// Empty for an interface without an address.
 std::string RouterLog::describe(const Netz::IntfId& name) const {
     std::string text;
     for (const Ip::IpIntfStatus* status :

@@ -1,6 +1,6 @@
-// Logs what becomes of the router: interfaces whose addresses change, and each path that comes up
-// or goes down, with the reason. It reads published state only, once that has settled, so a change
-// that was undone at once is not logged. Owned by HostAgent; on the event thread.
+// Logs changes of the router: interfaces whose addresses change, and each path that comes up or
+// goes down, with the reason. It reads published state only, after it has settled, so a change that
+// is undone at once is not logged. Owned by HostAgent; used on the event thread.
 #pragma once
 
 #include <functional>

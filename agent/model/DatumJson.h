@@ -1,4 +1,4 @@
-// What the entity runtime calls a datum, as JSON and back. Order is kept both ways. Secrets are
+// Converts the entity runtime's Datum to JSON and back. The order is kept both ways.
 // hidden unless the caller writes a file for their owner.
 #pragma once
 

@@ -16,7 +16,7 @@ namespace {
 using Configs = std::initializer_list<const NavCliConfig*>;
 using Sites = std::set<Netz::IpGenAddr>;
 
-// A set of interest grows to one more than the limit and no further.
+// A set that grows to one more than the limit and no further.
 template <class Set>
 bool full(const Set& set) {
     return set.size() > NavConstants::maxLbIndex;
@@ -31,7 +31,7 @@ class Demand {
                     addSites(sites_[profile.profileName()], group);
     }
 
-    // Of a VRF bound to these policies.
+    // The demand of a VRF bound to these policies.
     size_t of(const std::set<std::string>& policies) {
         const auto [known, isNew] = demand_.try_emplace(policies, 0);
         if (isNew) {

@@ -19,7 +19,7 @@ Watcher::Line lineOf(const std::string& path, Json value) {
         dumpLine({{"event", event}, {"path", path}, {"value", std::move(value)}}));
 }
 
-// Whether a path, in normal form, names what another one names or something inside of it.
+// Whether a path, in normal form, is another one or lies below it.
 bool contains(const std::string& outer, const std::string& path) {
     return path.starts_with(outer) &&
            (path.size() == outer.size() || path[outer.size()] == '/' || path[outer.size()] == '[');
@@ -27,13 +27,14 @@ bool contains(const std::string& outer, const std::string& path) {
 
 }  // namespace
 
-// What is watched in one root.
+// The watches of one root.
 struct Watches::Feed {
-    // One path, in normal form, and those who watch it, each once.
+    // One path, in normal form, and its watchers, each once.
     struct Watch {
         Path path;
         std::vector<Watcher*> watchers;
-        Watcher::Line last;  // sent for this path, or what would have told its first value
+        Watcher::Line
+            last;  // last sent for this path; at first the line that its first value would make
     };
 
     Feed(const Tree& tree, const Root& root) : tree(tree), root(root) { follow(); }
@@ -47,11 +48,11 @@ struct Watches::Feed {
     const Tree& tree;
     const Root& root;
     std::map<std::string, Watch> watches;
-    std::map<Watcher*, Watcher::Line> sent;  // the last line that each was sent
+    std::map<Watcher*, Watcher::Line> sent;  // the last line sent to each watcher
     std::unique_ptr<Node> top;               // null while the root has no entity
 };
 
-// One entity that is followed, and those in it.
+// One followed entity, with the entities in it.
 struct Watches::Node {
     Node(Feed& feed, Entity& entity, std::string path)
         : feed(feed), entity(entity), path(std::move(path)) {
@@ -70,8 +71,7 @@ struct Watches::Node {
         return path + step(a, a.keyed() ? &key : nullptr);
     }
 
-    // Follows the entity that is there now instead of the one that was. Whether there is or was
-    // any.
+    // Follows the present entity instead of the previous one. Returns whether there is or was one.
     bool follow(Vel::Ordinal ordinal, const std::string& key) {
         const Attribute& a = entity.type().attributes[ordinal];
         Entity* now = a.find(entity, key);
@@ -86,7 +86,7 @@ struct Watches::Node {
     void changed(Vel::Ordinal ordinal, const void* keyOfChange) {
         const Attribute& a = entity.type().attributes[ordinal];
         const std::string key = a.keyed() ? a.keyText(keyOfChange) : std::string();
-        // An element that came and went before this call has been told of already.
+        // An element that was added and removed before this call has been reported already.
         if ((a.kind == Kind::collection || a.kind == Kind::child) && !follow(ordinal, key)) return;
         feed.tell(pathTo(a, key), [&] { return valueOf(a, key); });
     }
@@ -99,7 +99,7 @@ struct Watches::Node {
     }
 
     Feed& feed;
-    Entity& entity;  // not to be used after its owner has notified of its removal
+    Entity& entity;  // not used after the owner has announced its removal
     const std::string path;
     std::map<std::pair<Vel::Ordinal, std::string>, std::unique_ptr<Node>> inside;
     Vel::Subscription changes;
@@ -111,8 +111,8 @@ void Watches::Feed::follow() {
         top = std::make_unique<Node>(*this, *entity, "/" + root.name);
 }
 
-// Sends a change to those who watch it or what it lies in; who watches something inside of what
-// changed is sent the value there.
+// Sends a change to the watchers of its path and of the paths above it; watchers of a path below it
+// are sent the value there.
 template <class Value>
 void Watches::Feed::tell(const std::string& path, Value value) {
     Watcher::Line line;

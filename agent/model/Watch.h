@@ -1,12 +1,13 @@
-// Watches of paths of the tree: whoever watches a path is sent every change at or below it as it
-// happens, in the order in which it happens, with the value that is there at that moment.
+// Watches of paths of the tree: a watcher of a path is sent every change at or below it when it
+// happens, in the order in which the changes happen, with the value at that time.
 //
-// A change becomes one line of JSON, however many watch it, and a watcher is sent it once, however
-// many of its paths it lies under. The same line is never sent twice in a row for one path, which
-// it would be when a subscriber that was called earlier set the value once more.
+// A change becomes one line of JSON, independent of the number of watchers, and is sent to a
+// watcher once, even if several of its paths contain it. The same line is never sent twice in a row
+// for one path, which would happen if a subscriber called earlier set the value again.
 //
-// Each root that is watched is followed whole: every entity in it, as they come and go, so a path
-// need not exist yet. Owned by Control; lives no longer than the tree; on the event thread.
+// A watched root is followed completely: every entity in it, as entities are added and removed, so
+// a path need not exist yet. Owned by Control; lives no longer than the tree; used on the event
+// thread.
 #pragma once
 
 #include <map>
@@ -23,7 +24,7 @@ class Watcher {
     // {"event":"set"|"del","path":…,"value":…} without a newline; the value of a "del" is null.
     using Line = std::shared_ptr<const std::string>;
 
-    // Called from within notifications: must not change the tree or the watches.
+    // Called within notifications: must not change the tree or the watches.
     virtual void sendEvent(const Line& line) = 0;
 
   protected:
@@ -35,14 +36,14 @@ class Watches {
     explicit Watches(const Tree& tree);
     ~Watches();
 
-    // Watches the path from now on and returns its value, null if nothing is there.
+    // Watches the path from now on and returns its value, null if it does not exist.
     Json add(const Path& path, Watcher& watcher);
     // Ends all watches of the watcher.
     void remove(Watcher& watcher);
-    // How many paths the watcher watches.
+    // The number of paths that the watcher watches.
     size_t countOf(const Watcher& watcher) const;
 
-    // The entity of a root may have come, gone or been replaced, of which no entity notifies.
+    // The entity of a root may have been created, deleted or replaced, which no entity announces.
     void rootChanged();
 
   private:

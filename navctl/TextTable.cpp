@@ -1,4 +1,4 @@
-#include "navctl/Table.h"
+#include "navctl/TextTable.h"
 
 #include <algorithm>
 #include <cctype>
@@ -24,7 +24,7 @@ std::string cellText(const Json& value) {
     return text.empty() ? "-" : text;
 }
 
-// In characters, taking the bytes for UTF-8 (RFC 3629: continuation bytes are 10xxxxxx).
+// The number of characters, taking the bytes as UTF-8 (RFC 3629: continuation bytes are 10xxxxxx).
 size_t width(const std::string& text) {
     return static_cast<size_t>(
         std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
@@ -47,7 +47,7 @@ std::string memberName(const std::string& column) {
     return name;
 }
 
-// The colours of states: green works, red does not, yellow is on its way.
+// The colours of states: green for up, red for down, yellow for pending.
 const char* colourOf(const std::string& text) {
     if (text == "Estab" || text == "Ipsec Estab" || text == "established") return "\x1b[32m";
     if (text.ends_with("Pending") || text == "pending") return "\x1b[33m";
@@ -56,7 +56,7 @@ const char* colourOf(const std::string& text) {
 
 }  // namespace
 
-void printTable(std::ostream& out, const Table& table, bool colours) {
+void printTable(std::ostream& out, const TextTable& table, bool colours) {
     std::vector<std::vector<std::string>> lines(1);
     for (const std::string& column : table.columns) lines[0].push_back(heading(column));
     for (const auto& row : table.rows) {
@@ -72,14 +72,14 @@ void printTable(std::ostream& out, const Table& table, bool colours) {
             const char* colour = &line == &lines[0] ? "\x1b[1m" : colourOf(line[i]);
             const bool coloured = colours && colour != nullptr;
             out << (coloured ? colour : "") << line[i] << (coloured ? "\x1b[0m" : "");
-            // The last column has no blanks after it.
+            // The last column is not padded.
             if (i + 1 < line.size()) out << std::string(widths[i] - width(line[i]) + 2, ' ');
         }
         out << "\n";
     }
 }
 
-Json tableJson(const Table& table) {
+Json tableJson(const TextTable& table) {
     Json result = Json::array();
     for (const auto& row : table.rows) {
         Json object = Json::object();

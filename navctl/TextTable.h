@@ -1,0 +1,27 @@
+// The output of the show commands: rows of values under named columns, as an aligned table or as
+// JSON.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "agent/base/Json.h"
+
+namespace Navctl {
+
+using Agent::Json;
+
+struct TextTable {
+    std::vector<std::string> columns;  // "path group": PATH GROUP in a table, pathGroup in JSON
+    std::vector<std::vector<Agent::Json>> rows;
+};
+
+// Columns are as wide as their widest cell. Control characters in names are not written to the
+// terminal; a missing value is printed as "-".
+void printTable(std::ostream& out, const TextTable& table, bool colours);
+
+// An array with an object for each row.
+Agent::Json tableJson(const TextTable& table);
+
+}  // namespace Navctl
