@@ -40,7 +40,7 @@ void timed(benchmark::State& state, F&& f) {
 
 // For a side that cannot run here. The report gives the reason and continues.
 inline void leftOut(benchmark::State& state, const std::string& reason) {
-    state.SkipWithError(("left out: " + reason).c_str());
+    state.SkipWithError(("omitted: " + reason).c_str());
 }
 
 }  // namespace Bench

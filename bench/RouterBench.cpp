@@ -116,14 +116,14 @@ void eventStack(benchmark::State& state) {
     mdb_txn_commit(txn);
     spdlog::logger log("bench", std::make_shared<spdlog::sinks::ringbuffer_sink_st>(1024));
     Signal fecChanged, statusChanged;
-    U64 told = 0;
+    U64 notified = 0;
     fecChanged.connect([&](U32 fec) {
         log.info("Adding fec {} to the backlog", fec);
         flat.fecChanges(fec, vias[fec]);
         log.info("Resolved path {} pathState: {}", fec, 1);
         statusChanged(fec);
     });
-    statusChanged.connect([&](U32) { ++told; });
+    statusChanged.connect([&](U32) { ++notified; });
     U32 path = 0;
     for (auto _ : state) {
         path = (path + 1) % router.size.paths();
@@ -134,7 +134,7 @@ void eventStack(benchmark::State& state) {
         fecChanged(path);
     }
     mdb_env_close(env);
-    if (told != U64(state.iterations())) state.SkipWithError("not each event was told");
+    if (notified != U64(state.iterations())) state.SkipWithError("an event was not notified");
 }
 BENCHMARK(eventStack)->Name("event/Signals2, spdlog, LMDB");
 #endif

@@ -281,18 +281,18 @@ void changes(benchmark::State& state, U32 tableEntries) {
         followers.push_back(std::make_unique<Map::Reader>(writer));
         followers.back()->changes([](U32) {});
     }
-    U64 told = 0;
+    U64 notified = 0;
     U32 key = 0;
     for (auto _ : state) {
         for (size_t i = 0; i < changed; ++i) writer.valueIs((key += 61) % tableEntries, {});
         (void)writer.commit();
         timed(state, [&] {
             for (const auto& reader : followers)
-                reader->changes([&](U32 k) { told += k < tableEntries; });
+                reader->changes([&](U32 k) { notified += k < tableEntries; });
         });
     }
-    if (told != U64(state.iterations()) * changed * readers)
-        state.SkipWithError("not each change was told");
+    if (notified != U64(state.iterations()) * changed * readers)
+        state.SkipWithError("a change was not notified");
     units(state, changed * readers);
 }
 

@@ -120,12 +120,12 @@ bool Zebra::receive(std::string& message) {
 bool Zebra::follow(const Netz::IpGenAddr& gateway) {
     constexpr size_t lastOctetAt = headerBytes + 4 + 2 + 2 + 1 + 3;
     const std::string by = octets(gateway);
-    std::bitset<256> told;
-    for (std::string message; told.count() < tracked_;) {
+    std::bitset<256> seen;
+    for (std::string message; seen.count() < tracked_;) {
         if (!receive(message)) return false;
         if (message.size() > lastOctetAt && numberAt(message, 8, 2) == nexthopUpdate &&
             message.find(by, lastOctetAt + 1) != std::string::npos)
-            told.set(numberAt(message, lastOctetAt, 1));
+            seen.set(numberAt(message, lastOctetAt, 1));
     }
     return true;
 }

@@ -1,10 +1,10 @@
-"""Counts the instructions of operations with callgrind and holds them to their budgets.
+"""Counts the instructions of operations with callgrind and compares them with their budgets.
 
     bench/instructions.py BUILD_DIR [--scaling] [--update]
 
-bench/budgets.json has the instructions of each operation and the slack that all of them get, since
-a table is hashed differently on each run and libraries differ a little between machines. Budgets
-hold for one compiler; with another the check is skipped.
+bench/budgets.json contains the instructions of each operation and a common slack, because hash seeds
+differ between runs and libraries differ slightly between machines. Budgets apply to one compiler;
+with another one the check is skipped.
 """
 import argparse
 import json

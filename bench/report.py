@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Runs the benchmarks side by side and writes what came out.
+"""Runs the benchmarks together and writes the results.
 
 report.py BUILD_FOLDER [--rounds N] [--page FILE] [--only ROW]
 
-A round runs each program once, so that the sides of a row stand next to one another in time. What
-is compared is the median over the rounds of the ratios within a round. The table goes to standard
-output, to BUILD_FOLDER/bench.json, and between the markers of a page where one is given.
+A round runs each program once, so that the sides of a row run close together in time. The result is
+the median over the rounds of the ratios within a round. The table is written to standard output, to
+BUILD_FOLDER/bench.json, and between the markers of a page if one is given.
 """
 import argparse
 import json
@@ -171,8 +171,8 @@ def run(folder, rounds, only):
                 key, side = result["name"].split("/")[:2]
                 if not result.get("error_occurred"):
                     rows.setdefault(key, Row(key)).add(side, result)
-                elif result["error_message"].startswith("left out: "):
-                    left_out[f"{key}/{side}"] = result["error_message"].removeprefix("left out: ")
+                elif result["error_message"].startswith("omitted: "):
+                    left_out[f"{key}/{side}"] = result["error_message"].removeprefix("omitted: ")
                 else:
                     sys.exit(f"{result['name']}: {result['error_message']}")
     return rows, left_out
@@ -257,7 +257,7 @@ def main():
     if missing and not arguments.only:
         lines += ["", "Not there: " + ", ".join(f"{s} ({p})" for s, p in missing.items()) + "."]
     if left_out:
-        lines += ["", *(f"Left out, {side}: {reason}." for side, reason in left_out.items())]
+        lines += ["", *(f"Omitted, {side}: {reason}." for side, reason in left_out.items())]
     print("\n".join(lines))
     with open(os.path.join(arguments.folder, "bench.json"), "w", encoding="utf-8") as out:
         json.dump({"machine": about, "packages": packages, "missing": missing, "left_out": left_out,

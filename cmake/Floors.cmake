@@ -1,10 +1,10 @@
 # One folder, one target. `nav_floor(NAME SOURCES ... USES ...)` declares the object library of the
-# current folder; the two shared libraries and the programs are put together from these.
+# current folder; the two shared libraries and the programs are linked from these.
 
 add_library(nav_options INTERFACE)
 target_compile_options(nav_options INTERFACE -Wall -Wextra -Wpedantic)
 target_include_directories(nav_options INTERFACE ${PROJECT_SOURCE_DIR})
-# Checks of the standard library in development; hardening of what runs for good, which
+# Checks of the standard library in development; hardening of release builds, which
 # tests/hardening_test.py reads off the binaries.
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)

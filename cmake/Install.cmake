@@ -1,7 +1,7 @@
-# What another program needs to host the library: the two shared libraries, their headers as they
+# The files that another program needs to host the library: the two shared libraries, their headers as they
 # are included here, and a package for find_package(Nav) with the targets Nav::Nav and Nav::Vel.
-# `cmake --install DIR --component examples` installs the examples, with what plays the rest of the
-# router for them.
+# `cmake --install DIR --component examples` installs the examples, with the simulated
+# forwarding side.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS Vel Nav EXPORT NavTargets)

@@ -1,7 +1,7 @@
 """The steps of scripts/demo: demo.py NAV_AGENT NAVCTL NAV_FORWARDER EXAMPLE_DIR.
 
-Runs an agent on the simulated network and tells what it reports as it happens. Each stage has to
-be reached before its deadline, or the demo fails and says what it waited for.
+Runs an agent on the simulated network and prints its reports as they arrive. Each stage must be
+reached before its deadline, or the demo fails and names the unmet condition.
 """
 import collections
 import json
@@ -24,14 +24,14 @@ INTRODUCTION = """\
 A branch router has two WAN links: wan1 to the internet, wan2 to an MPLS network. It reaches three
 remote sites over both, by IPsec over the internet. The agent brings up a path for each pair of
 addresses, and steers each application over the paths that its policy prefers: voice over MPLS, the
-rest over the internet; guests, in VRF blue, may use the internet only. A forwarder, in a process of
-its own, sends packets accordingly and counts them in shared memory, where navctl reads them.
+rest over the internet; guests, in VRF blue, may use the internet only. A forwarder, a separate
+process, sends packets accordingly and counts them in shared memory, where navctl reads them.
 
-How a path comes up:
-  Route Pending   there is no route to the far end
-  Ipsec Pending   there is a route; the IPsec connection is being made
-  Arp Pending     the gateway has to answer, and the hardware to be programmed
-  Estab, Ipsec Estab   traffic can go, secured if it says so"""
+The states of a path:
+  Route Pending   no route to the far end
+  Ipsec Pending   route found; the IPsec connection is being established
+  Arp Pending     waiting for the gateway's answer and for hardware programming
+  Estab, Ipsec Estab   the path carries traffic, without or with IPsec"""
 
 
 class Feed:
@@ -53,8 +53,8 @@ class Feed:
 
 
 def reach(what, conditions):
-    """Handles the lines of each feed until its condition holds. What comes after that belongs to
-    the next stage, however slow this process is."""
+    """Handles the lines of each feed until its condition holds. Later lines belong to the next
+    stage, however slow this process is."""
     end = time.monotonic() + patience
     while conditions:
         for feed in list(conditions):
@@ -118,7 +118,7 @@ def handle_log(line):
 
 
 def state_of(status):
-    """As the show command words it."""
+    """The state word of the show command."""
     info = status["pathInfo"]
     secured = info["pathType"] == "securedPath"
     if status["programmed"]:
@@ -160,7 +160,7 @@ def states():
 
 
 def steered(*expected):
-    """Whether each (who, where), two patterns, holds for all three sites."""
+    """Whether each pair of patterns (who, where) matches the traffic of all three sites."""
     return all(sum(bool(re.search(who, w)) and bool(re.search(where, to))
                    for w, to in traffic.items()) == 3 for who, where in expected)
 
