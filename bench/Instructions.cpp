@@ -87,7 +87,8 @@ void notify(const Meter& meter, const char* operation, U32 subscribers) {
             Subscription::to<&Sink::handle>(*probe, Probe::vrfIdAttr, sink.get()));
     U32 value = 0;
     meter.all(operation, often, [&](U32) { opaque(probe.get())->vrfIdIs(++value); });
-    if (sink->calls != U64(2 * often) * subscribers) throw std::runtime_error("a subscriber was not called");
+    if (sink->calls != U64(2 * often) * subscribers)
+        throw std::runtime_error("a subscriber was not called");
 }
 
 void entities(const Meter& meter) {

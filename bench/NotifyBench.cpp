@@ -159,7 +159,8 @@ void notify(benchmark::State& state, size_t subscribers) {
     U32 value = 0;
     for (auto _ : state) opaque(&side)->valueIs(++value);
     for (const auto& sink : sinks)
-        if (sink->calls != U64(state.iterations())) state.SkipWithError("a subscriber was not called");
+        if (sink->calls != U64(state.iterations()))
+            state.SkipWithError("a subscriber was not called");
     while (!connections.empty()) connections.pop_back();
 }
 

@@ -21,13 +21,13 @@ namespace Navctl {
 
 namespace {
 
-// A command line that is wrong, or names a file that cannot be used.
+// A command line that is invalid, or names a file that cannot be used.
 class BadUsage : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// Names the first word that is no command, option or argument; CLI11 says no more than that a
+// Names the first word that is not a command, option or argument; CLI11 reports only that a
 // subcommand is required.
 std::string reasonOf(const CLI::ParseError& error, const CLI::App& app) {
     const std::vector<std::string> unknown = app.remaining(true);
@@ -113,7 +113,7 @@ void Program::build() {
         each->add_option("PATH", path_, "Such as /cliConfig/pathGroupConfig[internet]")->required();
     }
     app_.get_subcommand("set")
-        ->add_option("VALUE", value_, "JSON; what is no JSON is a string")
+        ->add_option("VALUE", value_, "JSON; any other text is a string")
         ->required();
     for (auto* each :
          {command(app_, "load", "Make a file the configuration", &Program::load),
@@ -133,7 +133,7 @@ void Program::build() {
     CLI::App* log = command(app_, "log", "Print or set the log levels, from 0 to 8", &Program::log);
     log->add_option("FACILITY", facility_, "* for all");
     log->add_option("LEVEL", level_)->check(CLI::Range(0, 8));
-    command(app_, "ping", "Say which agent runs", &Program::ping);
+    command(app_, "ping", "Print which agent is running", &Program::ping);
     command(app_, "completion", "Print the script for shell completion", &Program::completion)
         ->add_option("SHELL", shell_, "bash")
         ->required()
@@ -148,7 +148,7 @@ void Program::buildShow() {
     show->require_subcommand(1);
     for (const TextView& view : textViews()) {
         CLI::App* kind = show->add_subcommand(view.name, view.description);
-        kind->add_flag("--raw", raw_, "Print the agent's text untouched");
+        kind->add_flag("--raw", raw_, "Print the agent's text unchanged");
         kind->callback([this, &view] { showText(view); });
     }
     for (const TreeView& view : treeViews()) {
@@ -230,7 +230,7 @@ void Program::set() {
     try {
         value = Agent::parseJson(value_);
     } catch (const Agent::JsonError&) {
-        // A bare word: the string it is.
+        // A bare word is a string.
     }
     change({{"op", "set"}, {"path", path_}, {"value", value}});
 }
@@ -245,7 +245,7 @@ void Program::change(const Json& request) {
 }
 
 void Program::watch() {
-    // An operator ends a watch by interrupting it; every line has been written by then.
+    // An operator ends a watch by interrupting it; every complete line has been written then.
     std::signal(SIGINT, [](int) { _exit(done); });
     Client::ControlClient client(runDir());
     const Json answer = client.request({{"op", "watch"}, {"path", path_}});
@@ -254,7 +254,7 @@ void Program::watch() {
     while (const auto line = client.connection().readLine()) {
         printLine(*line);
         if (Agent::parseJson(*line).value("event", "") == "overrun") {
-            throw Client::Refused("the agent ended the watch, which did not keep up");
+            throw Client::Refused("the agent ended the watch because this program did not keep up");
         }
     }
     throw Client::NoAgent("the agent stopped, or closed the connection");

@@ -254,11 +254,11 @@ const std::vector<TreeView>& treeViews() {
     return views;
 }
 
-std::vector<std::pair<std::string, Table>> forwardingTables(const Json& report) {
-    std::vector<std::pair<std::string, Table>> tables;
+std::vector<std::pair<std::string, TextTable>> forwardingTables(const Json& report) {
+    std::vector<std::pair<std::string, TextTable>> tables;
     for (const auto& [heading, rows] : report.items()) {
         if (rows.empty()) continue;
-        Table table;
+        TextTable table;
         for (const auto& [name, value] : rows.front().items()) table.columns.push_back(name);
         for (const Json& row : rows) {
             table.rows.emplace_back();

@@ -57,7 +57,7 @@ std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
     return roots;
 }
 
-// A file in memory: takes any answer without blocking and without anybody reading it meanwhile.
+// A file in memory: accepts an answer of any size without blocking and without a reader.
 class MemoryFile {
   public:
     MemoryFile() : descriptor_(memfd_create("answer", MFD_CLOEXEC)) {
@@ -97,8 +97,8 @@ Host::~Host() {
     root_ = nullptr;
 }
 
-// The library writes as much of its answer as a descriptor takes without waiting, so it is given
-// one that takes everything.
+// The library writes as much of its answer as a descriptor accepts without waiting, so it gets one
+// that accepts everything.
 std::string Host::show(const std::string& word) {
     const MemoryFile file;
     Vel::Dir& requests = *inputs_.navCliRequestDir;

@@ -1,6 +1,6 @@
-// Hosts the library: makes the seventeen inputs, the root reactor over them and the platform that
-// plays the services around, and shows it all as a tree. Owned by the process (HostAgent) or a
-// test; on the event thread.
+// Hosts the library: creates the seventeen inputs, the root reactor over them and the platform that
+// takes the part of the other services, and presents everything as a tree. Owned by the process
+// (HostAgent) or a test; used on the event thread.
 #pragma once
 
 #include <memory>
@@ -22,7 +22,7 @@ class Host {
          ForwardingPtr forwarding = nullptr);
     ~Host();
 
-    // Writing them is the platform's; the configuration is written through the tree or a load.
+    // Written by the platform; the configuration is written through the tree or a load.
     Nav::NavInputs& inputs() { return inputs_; }
     const Platform& platform() const { return *platform_; }
 
@@ -31,11 +31,11 @@ class Host {
     // written through it.
     Tree& tree() { return tree_; }
 
-    // The library's answer to a show command, empty if it does not know the word.
+    // The library's answer to a show command; empty for an unknown word.
     std::string show(const std::string& word);
     // /navDb; null while the container does not exist.
     Nav::NavDb* database() const;
-    // This agent as the control socket's requests see it.
+    // This agent as the object of the control socket's requests.
     Controlled controlled();
 
   private:

@@ -1,5 +1,5 @@
 // The host agent: the process that owns the run directory, the event thread, the task scheduler and
-// the two sockets, from start to orderly stop. One to a process; built by main, which then runs it.
+// the two sockets, from start to orderly stop. One per process; created and run by main.
 #pragma once
 
 #include <string>
@@ -22,19 +22,19 @@ struct Options {
     bool keepForwarding = false;   // at an orderly stop
     std::string platform = "sim";  // who plays the router's other services
     std::string world;             // file that describes the simulated router; none if empty
-    std::string runDir;            // not empty: main takes defaultRunDir() where none is given
-    std::string group;             // whose members may read the shared maps; none if empty
-    int logLevel = 5;              // of the trace, which main switches on
+    std::string runDir;            // not empty: main uses defaultRunDir() by default
+    std::string group;             // its members may read the shared maps; none if empty
+    int logLevel = 5;              // of the trace; set by main
 };
 
 class HostAgent {
   public:
-    // Takes the run directory, makes the host, opens the sockets and loads the configuration.
-    // Throws what main has to say when that cannot be.
+    // Takes the run directory, creates the host, opens the sockets and loads the configuration.
+    // Throws an error, which main prints, if that is not possible.
     HostAgent(Options options, Log& log);
     ~HostAgent();
 
-    // Until SIGTERM or SIGINT.
+    // Runs until SIGTERM or SIGINT.
     void run() { loop_.run(); }
 
   private:

@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     app.add_option("--world", options.world, "The simulated router and network, for sim")
         ->type_name("FILE");
     app.add_option("--run-dir", options.runDir,
-                   "Where the sockets live: /run/nav for root, else $XDG_RUNTIME_DIR/nav")
+                   "The directory of the sockets: /run/nav for root, else $XDG_RUNTIME_DIR/nav")
         ->type_name("DIR");
     app.add_option("--group", options.group,
                    "Group that may read the shared maps; the run directory gets it and mode 0750")
@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
         if (!options.world.empty() && options.platform != "sim") {
-            throw CLI::ValidationError("--world", "there is a world for --platform sim only");
+            throw CLI::ValidationError("--world", "requires --platform sim");
         }
         if (!options.forwarding.empty() && options.platform != "linux") {
             throw CLI::ValidationError(

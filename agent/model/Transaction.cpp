@@ -10,8 +10,8 @@ using Vel::Entity;
 
 namespace {
 
-// Takes out of `to` every entry and member that `from` does not have. Later attributes of a
-// configuration refer to earlier ones, so they go first.
+// Removes from `to` every entry and member that `from` does not have. Later attributes of a
+// configuration refer to earlier ones, so they are removed first.
 void removeSurplus(Entity& to, const Entity& from) {
     const Vel::TypeDescriptor& type = to.type();
     for (size_t i = type.count; i-- > 0;) {
@@ -30,7 +30,7 @@ void removeSurplus(Entity& to, const Entity& from) {
     }
 }
 
-// Raises the wanted version where reactors would otherwise not see a finished change.
+// Raises the wanted version if reactors would otherwise not detect a complete change.
 void settleVersion(const Nav::PolicyConfig& running, Nav::PolicyConfig& wanted) {
     const Vel::U32 given = wanted.configVersion(), current = running.configVersion();
     wanted.configVersionIs(current);
@@ -99,13 +99,13 @@ void Transaction::settleVersions() {
             settleVersion(*running, policy);
 }
 
-// Removes what cannot stay while the configuration changes; addMissing() puts it back.
+// Removes what cannot stay while the configuration changes; addMissing() restores it.
 void Transaction::stepAside() {
     const auto replaced = replacedPolicies();
     for (const L3::VrfName& vrf : bindingsInTheWay(replaced)) running_.vrfConfigDel(vrf);
     for (const std::string& policy : replaced) running_.policyConfigDel(policy);
-    // A group that loses its IPsec profile loses its paths with it. It gets them back when its
-    // destinations return.
+    // A group that loses its IPsec profile loses its paths with it. It regains them when its
+    // destinations are added again.
     for (Nav::PathGroupConfig& group : running_.pathGroupConfig()) {
         const auto* wanted = wanted_->pathGroupConfig(group.name());
         if (!wanted || group.ipsecProfile().empty() || !wanted->ipsecProfile().empty()) continue;
@@ -113,8 +113,8 @@ void Transaction::stepAside() {
     }
 }
 
-// Policies that go, or that lose their last rule: the classification module would keep an empty
-// policy, which it does not get of a policy that never had a rule.
+// Policies that are removed, or that lose their last rule: the classification module would keep an
+// empty policy, which it does not have for a policy that never had a rule.
 std::set<std::string> Transaction::replacedPolicies() const {
     std::set<std::string> replaced;
     for (const Nav::PolicyConfig& policy : running_.policyConfig()) {
@@ -126,13 +126,13 @@ std::set<std::string> Transaction::replacedPolicies() const {
     return replaced;
 }
 
-// A binding to a policy that goes is announced again, since otherwise the policy would stay applied
-// to the VRF.
+// A binding to a policy that is removed is announced again, since otherwise the policy would stay
+// applied to the VRF.
 //
-// Where load-balance ids that one VRF gives up could be wanted by another before they are free,
-// bindings release them before all else. On the way from one configuration to the other a VRF needs
-// at most what it needs in both together; those that need no more than at the end may stay, and the
-// others come back when everything else is as it will be.
+// If another VRF could need load-balance ids before they are free, bindings release them first. In
+// an intermediate state a VRF needs at most as many ids as both configurations combined; bindings
+// that need no more than at the end may stay, and the others are restored when everything else has
+// its final state.
 std::set<L3::VrfName> Transaction::bindingsInTheWay(const std::set<std::string>& replaced) const {
     const auto onTheWay = lbDemand({&running_, wanted_.get()}), after = lbDemand({wanted_.get()});
     const bool enough = fits(onTheWay);
@@ -147,7 +147,7 @@ std::set<L3::VrfName> Transaction::bindingsInTheWay(const std::set<std::string>&
     return bindings;
 }
 
-// With the profile first, destinations that a group gains are never paths without IPsec.
+// The profile is set first, so that new destinations of a group are never paths without IPsec.
 void Transaction::settleProfiles() {
     for (Nav::PathGroupConfig& group : running_.pathGroupConfig())
         group.ipsecProfileIs(wanted_->pathGroupConfig(group.name())->ipsecProfile());

@@ -13,14 +13,14 @@ using Kind = Vel::Attribute::Kind;
 
 namespace {
 
-// A value as an error shows it.
+// A value as shown in an error.
 std::string shown(const Json& value) {
     if (value.is_object()) return "an object";
     if (value.is_array()) return "an array";
     return dumpLine(value).substr(0, 120);
 }
 
-// A member of a set is written as its key text; a number may stand for itself.
+// A member of a set is written as its key text; a number may be written as such.
 std::optional<std::string> memberKey(const Json& element) {
     if (element.is_string()) return element.get<std::string>();
     if (element.is_number_unsigned()) return element.dump();
@@ -32,8 +32,8 @@ std::string keyTextOf(const Entity& entity) {
     return key.keyOf(key.get(entity));
 }
 
-// The first of two passes over a value: refuses whatever the second could not apply. Where entities
-// are still to be created it has the types alone to go by, and `entity` is null.
+// The first of two passes over a value: refuses whatever the second could not apply. For entities
+// that do not exist yet it checks by type alone, and `entity` is null.
 class Check {
   public:
     explicit Check(Path at) : at_(std::move(at)) {}
@@ -208,7 +208,7 @@ Entity* holder(const Path& path) {
     return entity;
 }
 
-// The hop that a word makes from an entity of the given type.
+// The hop from an entity of the given type that a word names.
 Path::Hop hop(const TypeDescriptor& type, const Word& word) {
     const Attribute* a = type.find(word.name);
     if (!a) throw std::runtime_error("unknown attribute \"" + word.name + '"');
@@ -252,7 +252,7 @@ Path read(const std::vector<Root>& roots, const std::vector<Word>& words) {
     return path;
 }
 
-// Control characters, which names in a refused path may hold, do not reach a terminal.
+// Escapes control characters, which names in a refused path may contain, for terminals.
 std::string printable(const std::string& text) {
     constexpr char digits[] = "0123456789abcdef";
     std::string out;
@@ -380,7 +380,7 @@ void Tree::set(std::string_view text, const Json& value) {
     const Path path = parse(text);
     Entity& entity = writable(path);
 
-    // The same assignment, said from the root.
+    // The same assignment, expressed from the root.
     Json whole = value;
     for (auto hop = path.hops.rbegin(); hop != path.hops.rend(); ++hop) {
         const auto& [a, key] = *hop;

@@ -60,10 +60,10 @@ struct Path {
 class TreeError : public std::runtime_error {
   public:
     TreeError(Path place, const std::string& reason);
-    // Of a path that could not be read: `path` is its text.
+    // For a path that could not be parsed: `path` is its text.
     TreeError(std::string_view path, const std::string& reason);
 
-    // The place within its root, for lines of a file; its root may be gone.
+    // The place within its root, for the line of a file; the root may no longer exist.
     const Path& place() const { return place_; }
 
   private:
@@ -78,14 +78,14 @@ class Tree {
 
     // Each throws TreeError.
     Path parse(std::string_view path) const;
-    // Null if an entity or entry on the way, or the last one, does not exist.
+    // Null if one of the entities or entries of the path does not exist.
     Json get(const Path& path) const;
     Json get(std::string_view path) const { return get(parse(path)); }
     // Whether the path ends at an attribute of an entity that exists, whatever its value.
     bool hasAttribute(const Path& path) const;
     // An array of the names of the roots.
     Json rootNames() const;
-    // Gets or creates every entry on the way, then assigns the value.
+    // Gets or creates every entry of the path, then assigns the value.
     void set(std::string_view path, const Json& value);
     // Refused if the entry or member does not exist.
     void del(std::string_view path);
@@ -100,7 +100,7 @@ class Tree {
 // the JSON has.
 Json::json_pointer pointerTo(const Path& place, const Json& root);
 
-// The step to an attribute, or to what it holds under a key: "/remoteVia[198.51.100.2]".
+// The step to an attribute, or to the element under a key: "/remoteVia[198.51.100.2]".
 std::string step(const Vel::Attribute& attribute, const std::string* key);
 
 }  // namespace Agent

@@ -31,7 +31,7 @@ TEST(LiteralTest, RefusesEverythingElse) {
 
 TEST(TableTest, AlignsByCharactersAndKeepsControlCharactersFromTheTerminal) {
     const Navctl::TextTable table{{"path group", "state", "sites"},
-                              {{"zürich", "Estab", 1}, {"a\x1b[2J\n", nullptr, Json::array()}}};
+                                  {{"zürich", "Estab", 1}, {"a\x1b[2J\n", nullptr, Json::array()}}};
     std::ostringstream plain, coloured;
     Navctl::printTable(plain, table, false);
     EXPECT_EQ(plain.str(),

@@ -29,7 +29,7 @@ std::optional<std::pair<VrfRoutes::Key, VrfRoutes::Value>> VrfRoutes::parse(
     key.table = header->rtm_table;
     Netz::IpGenAddr destination =
         header->rtm_family == AF_INET6 ? Netz::IpGenAddr::fromV6({}) : Netz::IpGenAddr();
-    for (const Attribute& attribute : attributesAfter<rtmsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<rtmsg>(message)) {
         if (attribute.type == RTA_TABLE) key.table = attribute.u32().value_or(0);
         if (attribute.type == RTA_PRIORITY) key.metric = attribute.u32().value_or(0);
         if (attribute.type == RTA_DST)

@@ -138,7 +138,7 @@ RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination
                      0};
     // The kernel names the object and its legs both, unless net.ipv4.nexthop_compat_mode is off.
     bool named = false;
-    for (const Attribute& attribute : attributesAfter<rtmsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<rtmsg>(message)) {
         if (attribute.type == RTA_NH_ID) reply.nexthopId = attribute.u32().value_or(0);
         named |= attribute.type == RTA_OIF || attribute.type == RTA_MULTIPATH;
     }

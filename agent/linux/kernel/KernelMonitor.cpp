@@ -31,7 +31,7 @@ constexpr unsigned groups[] = {
 };
 
 bool isOwnRule(const Message& message) {
-    for (const Attribute& attribute : attributesAfter<fib_rule_hdr>(message))
+    for (const NetlinkAttribute& attribute : attributesAfter<fib_rule_hdr>(message))
         if (attribute.type == FRA_PROTOCOL)
             return readAs<uint8_t>(attribute.data).value_or(0) == ownProtocol;
     return false;

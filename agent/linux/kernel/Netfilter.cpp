@@ -33,9 +33,9 @@ uint64_t be64(Bytes data) {
 
 PacketCount countOf(Bytes expression) {
     PacketCount count;
-    for (const Attribute& attribute : Attributes(expression)) {
+    for (const NetlinkAttribute& attribute : Attributes(expression)) {
         if (attribute.type != NFTA_EXPR_DATA) continue;
-        for (const Attribute& data : Attributes(attribute.data)) {
+        for (const NetlinkAttribute& data : Attributes(attribute.data)) {
             if (data.type == NFTA_COUNTER_BYTES) count.bytes = be64(data.data);
             if (data.type == NFTA_COUNTER_PACKETS) count.packets = be64(data.data);
         }
@@ -56,9 +56,9 @@ std::optional<TunnelFlow> flowOf(Bytes key, unsigned family) {
 void takeElement(Bytes element, unsigned family, PacketCounts& counts) {
     std::optional<TunnelFlow> flow;
     PacketCount count;
-    for (const Attribute& attribute : Attributes(element)) {
+    for (const NetlinkAttribute& attribute : Attributes(element)) {
         if (attribute.type == NFTA_SET_ELEM_KEY)
-            for (const Attribute& data : Attributes(attribute.data))
+            for (const NetlinkAttribute& data : Attributes(attribute.data))
                 if (data.type == NFTA_DATA_VALUE) flow = flowOf(data.data, family);
         if (attribute.type == NFTA_SET_ELEM_EXPR) count = countOf(attribute.data);
     }
@@ -72,11 +72,11 @@ std::optional<TunnelFlow> flowOf(const Message& message, uint16_t udpPort) {
     uint16_t port = 0;
     const auto family = message.header<nfgenmsg>().value_or(nfgenmsg{}).nfgen_family;
     const bool v6 = family == AF_INET6;
-    for (const Attribute& attribute : attributesAfter<nfgenmsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<nfgenmsg>(message)) {
         if (attribute.type == CTA_MARK) flow.mark = be32(attribute.data);
         if (attribute.type != CTA_TUPLE_ORIG) continue;
-        for (const Attribute& part : Attributes(attribute.data))
-            for (const Attribute& field : Attributes(part.data)) {
+        for (const NetlinkAttribute& part : Attributes(attribute.data))
+            for (const NetlinkAttribute& field : Attributes(part.data)) {
                 if (part.type == CTA_TUPLE_IP && field.type == (v6 ? CTA_IP_V6_SRC : CTA_IP_V4_SRC))
                     flow.source = readAddr(family, field.data).value_or(flow.source);
                 if (part.type == CTA_TUPLE_IP && field.type == (v6 ? CTA_IP_V6_DST : CTA_IP_V4_DST))
@@ -104,9 +104,9 @@ bool readCounters(RequestSocket& netfilter, const char* table, const char* set, 
                              std::string_view(name, std::strlen(name) + 1));
     };
     const auto take = [&](const Message& message) {
-        for (const Attribute& list : attributesAfter<nfgenmsg>(message))
+        for (const NetlinkAttribute& list : attributesAfter<nfgenmsg>(message))
             if (list.type == NFTA_SET_ELEM_LIST_ELEMENTS)
-                for (const Attribute& element : Attributes(list.data))
+                for (const NetlinkAttribute& element : Attributes(list.data))
                     takeElement(element.data, v6 ? AF_INET6 : AF_INET, counts);
     };
     return netfilter.dump(write, take) == 0;
@@ -157,7 +157,7 @@ bool TableWatch::changed() {
     while (read != NetlinkSocket::Read::empty) {
         read = socket_.receive([&](Bytes data) {
             for (const Message& message : Messages(data))
-                for (const Attribute& attribute : attributesAfter<nfgenmsg>(message))
+                for (const NetlinkAttribute& attribute : attributesAfter<nfgenmsg>(message))
                     // The first attribute of a table, chain, rule or set names the table.
                     changed |= attribute.type == NFTA_TABLE_NAME && attribute.text() == table_;
         });

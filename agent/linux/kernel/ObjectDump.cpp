@@ -27,17 +27,17 @@ void takeLink(Tunnels& tunnels, const Message& message) {
     if (message.type != RTM_NEWLINK || !header) return;
     Tunnel tunnel;
     bool own = false, vxlan = false;
-    for (const Attribute& attribute : attributesAfter<ifinfomsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<ifinfomsg>(message)) {
         if (attribute.type == IFLA_IFNAME)
             tunnel.name = Netz::IntfId::parse(attribute.text()).value_or(Netz::IntfId());
         if (attribute.type == IFLA_GROUP) own = attribute.u32() == ownLinkGroup;
         if (attribute.type == IFLA_MTU) tunnel.mtu = attribute.u32().value_or(0);
         if (attribute.type == IFLA_MASTER) tunnel.master = attribute.u32().value_or(0);
         if (attribute.type != IFLA_LINKINFO) continue;
-        for (const Attribute& info : Attributes(attribute.data)) {
+        for (const NetlinkAttribute& info : Attributes(attribute.data)) {
             if (info.type == IFLA_INFO_KIND) vxlan = info.text() == "vxlan";
             if (info.type != IFLA_INFO_DATA) continue;
-            for (const Attribute& data : Attributes(info.data))
+            for (const NetlinkAttribute& data : Attributes(info.data))
                 if (data.type == IFLA_VXLAN_PORT)
                     tunnel.udpPort = ntohs(readAs<uint16_t>(data.data).value_or(0));
         }
@@ -51,7 +51,7 @@ void takeAddress(Tunnels& tunnels, const Message& message) {
     if (message.type != RTM_NEWADDR || !header) return;
     const auto tunnel = tunnels.find(header->ifa_index);
     if (tunnel == tunnels.end() || header->ifa_scope != RT_SCOPE_UNIVERSE) return;
-    for (const Attribute& attribute : attributesAfter<ifaddrmsg>(message))
+    for (const NetlinkAttribute& attribute : attributesAfter<ifaddrmsg>(message))
         if (attribute.type == (header->ifa_family == AF_INET ? IFA_LOCAL : IFA_ADDRESS))
             if (const auto addr = readAddr(header->ifa_family, attribute.data))
                 tunnel->second.address = {*addr, header->ifa_prefixlen};
@@ -62,15 +62,15 @@ void takeVni(Tunnels& tunnels, const Message& message) {
     if (message.type != RTM_NEWTUNNEL || !header) return;
     const auto tunnel = tunnels.find(header->ifindex);
     if (tunnel == tunnels.end()) return;
-    for (const Attribute& entry : attributesAfter<tunnel_msg>(message))
-        for (const Attribute& attribute : Attributes(entry.data))
+    for (const NetlinkAttribute& entry : attributesAfter<tunnel_msg>(message))
+        for (const NetlinkAttribute& attribute : Attributes(entry.data))
             if (attribute.type == VXLAN_VNIFILTER_ENTRY_START)
                 tunnel->second.vni = attribute.u32().value_or(0);
 }
 
 void takeEncap(Nexthop& nexthop, Bytes encap, unsigned family) {
     const bool v4 = family == AF_INET;
-    for (const Attribute& attribute : Attributes(encap)) {
+    for (const NetlinkAttribute& attribute : Attributes(encap)) {
         if (attribute.type == (v4 ? +LWTUNNEL_IP_ID : +LWTUNNEL_IP6_ID))
             nexthop.vni =
                 static_cast<uint32_t>(be64toh(readAs<uint64_t>(attribute.data).value_or(0)));
@@ -96,7 +96,7 @@ void takeNexthop(Objects& objects, const Message& message) {
     NexthopGroup group;
     uint16_t encapType = 0;
     Bytes encap;
-    for (const Attribute& attribute : attributesAfter<nhmsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<nhmsg>(message)) {
         if (attribute.type == NHA_ID) nexthop.id = group.id = attribute.u32().value_or(0);
         if (attribute.type == NHA_OIF) nexthop.ifIndex = attribute.u32().value_or(0);
         if (attribute.type == NHA_ENCAP_TYPE)
@@ -118,16 +118,22 @@ void takeRoute(Objects& objects, const Message& message) {
     route.prefix.prefixLength = header->rtm_dst_len;
     route.table = header->rtm_table;
     switch (header->rtm_type) {
-        case RTN_UNREACHABLE: route.action = Route::Action::unreachable; break;
-        case RTN_THROW: route.action = Route::Action::next; break;
-        default: route.action = Route::Action::via;
+        case RTN_UNREACHABLE:
+            route.action = Route::Action::unreachable;
+            break;
+        case RTN_THROW:
+            route.action = Route::Action::next;
+            break;
+        default:
+            route.action = Route::Action::via;
     }
     uint32_t ifIndex = 0;
-    for (const Attribute& attribute : attributesAfter<rtmsg>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<rtmsg>(message)) {
         if (attribute.type == RTA_TABLE) route.table = attribute.u32().value_or(0);
         if (attribute.type == RTA_PRIORITY) route.metric = attribute.u32().value_or(0);
         if (attribute.type == RTA_DST)
-            route.prefix.addr = readAddr(header->rtm_family, attribute.data).value_or(route.prefix.addr);
+            route.prefix.addr =
+                readAddr(header->rtm_family, attribute.data).value_or(route.prefix.addr);
         if (attribute.type == RTA_GATEWAY)
             route.gateway = readAddr(header->rtm_family, attribute.data).value_or(route.gateway);
         if (attribute.type == RTA_NH_ID) route.nexthopId = attribute.u32().value_or(0);
@@ -145,7 +151,7 @@ void takeRule(Objects& objects, const Message& message) {
     rule.v6 = header->family == AF_INET6;
     rule.table = header->table;
     bool own = false;
-    for (const Attribute& attribute : attributesAfter<fib_rule_hdr>(message)) {
+    for (const NetlinkAttribute& attribute : attributesAfter<fib_rule_hdr>(message)) {
         if (attribute.type == FRA_PROTOCOL)
             own = readAs<uint8_t>(attribute.data).value_or(0) == ownProtocol;
         if (attribute.type == FRA_PRIORITY) rule.priority = attribute.u32().value_or(0);
@@ -165,9 +171,11 @@ void takeRule(Objects& objects, const Message& message) {
 // A dump of `type` for which the kernel is asked with `header`.
 template <class Header>
 int dump(RequestSocket& requests, uint16_t type, const Header& header, auto take) {
-    return requests.dump([&](MessageWriter& writer,
-                             uint32_t sequence) { writer.begin(type, NLM_F_DUMP, sequence, header); },
-                         take);
+    return requests.dump(
+        [&](MessageWriter& writer, uint32_t sequence) {
+            writer.begin(type, NLM_F_DUMP, sequence, header);
+        },
+        take);
 }
 
 int read(RequestSocket& requests, Objects& objects) {
@@ -175,12 +183,14 @@ int read(RequestSocket& requests, Objects& objects) {
     int error = 0;
     const auto add = [&](int next) { error = error != 0 ? error : next; };
     add(dump(requests, RTM_GETLINK, ifinfomsg{}, [&](const Message& m) { takeLink(tunnels, m); }));
-    add(dump(requests, RTM_GETADDR, ifaddrmsg{}, [&](const Message& m) { takeAddress(tunnels, m); }));
+    add(dump(requests, RTM_GETADDR, ifaddrmsg{},
+             [&](const Message& m) { takeAddress(tunnels, m); }));
     tunnel_msg vnis{};
     vnis.family = PF_BRIDGE;
     if (!tunnels.empty())
         add(dump(requests, RTM_GETTUNNEL, vnis, [&](const Message& m) { takeVni(tunnels, m); }));
-    add(dump(requests, RTM_GETNEXTHOP, nhmsg{}, [&](const Message& m) { takeNexthop(objects, m); }));
+    add(dump(requests, RTM_GETNEXTHOP, nhmsg{},
+             [&](const Message& m) { takeNexthop(objects, m); }));
     for (const unsigned char family : {AF_INET, AF_INET6}) {
         rtmsg routes{};
         routes.rtm_family = family;
