@@ -33,7 +33,7 @@ void assertEventThread() {
     const char* owner = eventThread.load(std::memory_order_relaxed);
     if (owner == &thread) return;
     const bool first = !owner && eventThread.compare_exchange_strong(owner, &thread);
-    VEL_ASSERT(first, "an object is used on a thread other than the event thread");
+    VEL_ASSERT(first, "an object is used by another thread than the event thread");
 }
 #endif
 void eventThreadIsThis() {
