@@ -50,7 +50,7 @@ std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
     add(*in.routingHwRouteStatus, routing);
     roots.push_back({"navDb", &Nav::NavDb::velType,
                      [&root]() -> Vel::Entity* { return databaseOf(root); },
-                     "this is path selection's own and nobody else writes it"});
+                     "this belongs to path selection, which alone writes it"});
     roots.push_back({forwardingName, &ForwardingConfig::velType,
                      [forwarding]() -> Vel::Entity* { return forwarding; },
                      forwarding ? "" : notForwarding});

@@ -20,7 +20,7 @@ struct Options {
     std::string config;            // file to load at start and on SIGHUP; none if empty
     std::string forwarding;        // the same, of the forwarding; if empty, the agent only decides
     bool keepForwarding = false;   // at an orderly stop
-    std::string platform = "sim";  // who plays the router's other services
+    std::string platform = "sim";  // provides the router's other services
     std::string world;             // file that describes the simulated router; none if empty
     std::string runDir;            // not empty: main uses defaultRunDir() by default
     std::string group;             // its members may read the shared maps; none if empty

@@ -19,7 +19,7 @@ int main(int argc, char** argv) {
         ->type_name("FILE");
     app.add_flag("--keep-forwarding", options.keepForwarding,
                  "An orderly stop leaves the kernel forwarding as it is, for linux");
-    app.add_option("--platform", options.platform, "Who plays the router's other services")
+    app.add_option("--platform", options.platform, "The source of the router's other services")
         ->check(CLI::IsMember({"sim", "linux", "manual"}))
         ->capture_default_str();
     app.add_option("--world", options.world, "The simulated router and network, for sim")
