@@ -20,7 +20,7 @@ TEST(LiteralTest, RefusesEverythingElse) {
     for (const auto& [text, reason] : std::initializer_list<std::pair<std::string, std::string>>{
              {"", "the agent gave no answer"},
              {"% NavRootSm is not initialized\n", "NavRootSm is not initialized"},
-             {"{'it's'}", "the agent's answer is no table (--raw prints it): "}})
+             {"{'it's'}", "the agent's answer is not a table (--raw prints it): "}})
         try {
             Navctl::parseShowText(text);
             ADD_FAILURE() << text;
