@@ -41,10 +41,13 @@ constexpr uint16_t nexthopFlags(bool created) {
 
 uint8_t routeType(Route::Action action) {
     switch (action) {
-        case Route::Action::unreachable: return RTN_UNREACHABLE;
-        case Route::Action::next: return RTN_THROW;
+        case Route::Action::unreachable:
+            return RTN_UNREACHABLE;
+        case Route::Action::next:
+            return RTN_THROW;
         case Route::Action::nexthop:
-        case Route::Action::via: break;
+        case Route::Action::via:
+            break;
     }
     return RTN_UNICAST;
 }
@@ -144,7 +147,8 @@ size_t Changes::nexthopIs(const Nexthop& nexthop, bool create) {
     writer_.attribute(NHA_ID, nexthop.id);
     writer_.attribute(NHA_OIF, nexthop.ifIndex);
     const bool v4 = nexthop.destination.isV4();
-    writer_.attribute(NHA_ENCAP_TYPE, uint16_t{v4 ? LWTUNNEL_ENCAP_IP : LWTUNNEL_ENCAP_IP6});
+    writer_.attribute(NHA_ENCAP_TYPE,
+                      static_cast<uint16_t>(v4 ? LWTUNNEL_ENCAP_IP : LWTUNNEL_ENCAP_IP6));
     writer_.nested(NHA_ENCAP, [&] {
         writer_.attribute(v4 ? +LWTUNNEL_IP_ID : +LWTUNNEL_IP6_ID, uint64_t{htobe64(nexthop.vni)});
         writer_.attribute(v4 ? +LWTUNNEL_IP_SRC : +LWTUNNEL_IP6_SRC, nexthop.source);
@@ -186,8 +190,10 @@ void Changes::route(uint16_t type, uint16_t flags, const Route& route) {
     header.rtm_type = type == RTM_DELROUTE ? uint8_t{RTN_UNSPEC} : routeType(route.action);
     if (type == RTM_DELROUTE) header.rtm_scope = RT_SCOPE_NOWHERE;  // any
     // The gateway is on the link whatever the main table knows of it.
-    if (!route.gateway.isZero()) header.rtm_flags = RTNH_F_ONLINK;
-    else if (route.action == Route::Action::via) header.rtm_scope = RT_SCOPE_LINK;
+    if (!route.gateway.isZero())
+        header.rtm_flags = RTNH_F_ONLINK;
+    else if (route.action == Route::Action::via)
+        header.rtm_scope = RT_SCOPE_LINK;
     begin(type, flags, header);
     writer_.attribute(RTA_DST, route.prefix.addr);
     writer_.attribute(RTA_TABLE, route.table);
