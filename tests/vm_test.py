@@ -6,9 +6,11 @@ each wired to a provider of its own, whose gateway is 203.0.113.254.
 """
 import json
 import subprocess
+import tempfile
 
 from products import Products, await_, main
 
+tempfile.tempdir = "/run"  # the root is an overlay, in which no file can be without a name
 remote = "198.51.100.2"
 site = "10.255.0.2"
 
@@ -81,6 +83,79 @@ class VmTest(Products):
         ip("link set wan2 down\nroute add 198.51.100.0/24 via 203.0.113.254 vrf red")
         await_("the path of the link that is down has gone", lambda: "wan2" not in self.states())
         self.await_states(wan1="Estab")
+
+    def make_site(self, number):
+        """Router rN at its provider's port, in two VRFs with a host each. Hosts have the same address
+        in both."""
+        router, other = f"r{number}", 3 - number
+        self.make_netns(router)
+        for vrf, table in (("red", 10), ("blue", 20)):
+            host = f"{vrf}{number}"
+            self.make_netns(host)
+            ip(f"link add {vrf} type vrf table {table}\nlink set {vrf} up\n"
+               f"link add lan-{vrf} type veth peer name eth0 netns {host}\n"
+               f"link set lan-{vrf} master {vrf} up\naddr add 10.{number}.0.1/24 dev lan-{vrf}", router)
+            ip(f"link set lo up\nlink set eth0 up\naddr add 10.{number}.0.2/24 dev eth0\n"
+               f"route add default via 10.{number}.0.1", host)
+            server = ("import socket; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); "
+                      "s.bind(('', 7))\nwhile True: s.sendto(b'%s', s.recvfrom(99)[1])" % host)
+            process = subprocess.Popen(["ip", "netns", "exec", host, "python3", "-c", server])
+            self.processes.callback(process.wait)
+            self.processes.callback(process.kill)
+        ip(f"link add wan type veth peer name to{number} netns router\nlink set lo up\n"
+           f"link set wan up\naddr add 203.0.113.{number}/24 dev wan", router)
+        ip(f"link set to{number} master provider up")
+        subprocess.run(["ip", "netns", "exec", router, "sysctl", "-q", "net.ipv4.ip_forward=1"],
+                       check=True)
+        address = f"10.255.0.{other}"
+        group = {"localIntf": ["wan"],
+                 "remoteViaConfig": {address: {"remoteVia": [f"203.0.113.{other}"]}}}
+        config = {"navConfigured": True, "pathGroupConfig": {"internet": group},
+                  "loadBalanceProfile": {"any": {"pathGroupPriority": {"internet": 1}}},
+                  "policyConfig": {"all": {"defaultRuleCfgd": True, "defaultLbGrpName": "any"}},
+                  "vrfConfig": {vrf: {"policyName": "all"} for vrf in ("red", "blue")}}
+        forwarding = {"vrf": {vrf: {"vni": vni, "address": f"10.255.{vni}.{number}/24"}
+                              for vrf, vni in (("red", 1), ("blue", 2))},
+                      "site": {address: {"vrf": {vrf: {"prefix": [f"10.{other}.0.0/24"],
+                                                       "address": f"10.255.{vni}.{other}"}
+                                                 for vrf, vni in (("red", 1), ("blue", 2))}}}}
+        directory = self.run_dir()
+        for name, content in (("config", config), ("forwarding", forwarding)):
+            with open(f"{directory}/{name}.json", "w", encoding="utf-8") as file:
+                json.dump(content, file)
+        self.agent(directory, "--platform", "linux", f"--config={directory}/config.json",
+                   f"--forwarding={directory}/forwarding.json",
+                   under=["ip", "netns", "exec", router])
+        return directory
+
+    def test_segments_keep_vrfs_with_the_same_addresses_apart(self):
+        ip("link add provider type bridge\nlink set provider up")
+        directories = [self.make_site(1), self.make_site(2)]
+
+        def answer(host, address):
+            client = ("import socket; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); "
+                      "s.settimeout(1); s.sendto(b'?', ('%s', 7)); print(s.recv(99).decode())")
+            return subprocess.run(["ip", "netns", "exec", host, "python3", "-c", client % address],
+                                  text=True, capture_output=True).stdout.strip()
+
+        for host, to, far in (("red1", 2, "red2"), ("blue1", 2, "blue2"), ("red2", 1, "red1"),
+                              ("blue2", 1, "blue1")):
+            await_(f"{far} answers {host}", lambda: answer(host, f"10.{to}.0.2") == far)
+        # A segment that goes takes its VRF's traffic with it, and no other's.
+        self.navctl(directories[0], "del", "/forwardingConfig/site[10.255.0.2]/vrf[red]")
+        await_("red is cut", lambda: answer("red1", "10.2.0.2") == "")
+        self.assertEqual(answer("blue1", "10.2.0.2"), "blue2")
+
+    def test_two_vrfs_with_one_table(self):
+        ip("link add red type vrf table 10\nlink set red up")
+        agent = self.start_agent()
+        await_("red is there", lambda: self.vrf_ids() == {"default": 0, "red": 10})
+        ip("link add blue type vrf table 10\nlink set blue up")
+        await_("the second is there", lambda: self.vrf_ids() == {"default": 0, "red": 10, "blue": 0})
+        self.assertIn("blue has no id", self.navctl(self.directory, "trace").stdout)
+        ip("link del red")
+        await_("the second has the id", lambda: self.vrf_ids() == {"default": 0, "blue": 10})
+        self.assertEqual(self.stop(agent), 0)
 
     def test_a_port_enslaved_and_released(self):
         ip("link add red type vrf table 10\nlink set red up")

@@ -34,6 +34,7 @@ class LinuxPlatform::Services {
     }
 
   private:
+    void startCounting(EventLoop& loop, const std::string& runDir);
     void handleInterfaces();
     void handleForwarding();
     NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested);
@@ -70,11 +71,18 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
     monitor_.start();
     if (config_) {
         forwarding_.emplace(inputs, config_, monitor_, [this] { agent_->review(); });
-        counting_.emplace(inputs, forwarding_->plan(), loop, options.runDir);
+        startCounting(loop, options.runDir);
         tableChanged_ =
             loop.onReadable(forwarding_->tableFd(), [this] { forwarding_->handleTableReadable(); });
     }
     agent_.emplace(inputs, monitor_, forwarding());
+}
+
+// Forwarding goes on without counters.
+void LinuxPlatform::Services::startCounting(EventLoop& loop, const std::string& runDir) try {
+    counting_.emplace(in_, forwarding_->plan(), loop, runDir);
+} catch (const Vel::Error& error) {
+    DUOLOG(linuxTrace, 3, "Traffic is not counted: ", error.what());
 }
 
 void LinuxPlatform::Services::handleInterfaces() {
