@@ -55,8 +55,10 @@ std::string RouterLog::describe(const Netz::IntfId& name) const {
     for (const Ip::IpIntfStatus* status :
          {in_.ipStatusDir->ipIntfStatus(name), in_.ip6StatusDir->ipIntfStatus(name)}) {
         if (!status || status->activeAddrWithMask() == Netz::IpAddrWithMask{}) continue;
-        text += (text.empty() ? "" : ", ") + status->activeAddrWithMask().stringValue() +
-                " in VRF " + status->vrfName().str();
+        const std::string each =
+            status->activeAddrWithMask().stringValue() + " in VRF " + status->vrfName().str();
+        // A link with an IPv6 address alone has it in both directories.
+        if (each != text) text += (text.empty() ? "" : ", ") + each;
     }
     return text;
 }

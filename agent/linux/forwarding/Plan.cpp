@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "nav/config/NavConstants.h"
+
 namespace Agent::Linux {
 
 namespace {
@@ -126,9 +128,13 @@ void Plan::planDevices() {
 
 std::set<uint32_t> Plan::applicationsOf(const Segment& segment) const {
     std::set<uint32_t> applications;
+    bool all = false;
     if (const Nav::NavRuleStatus* rules = in_.navStatusDir->navRuleStatus(segment.vrf))
-        for (const Nav::NavRuleEntry& rule : rules->navRuleEntry())
+        for (const Nav::NavRuleEntry& rule : rules->navRuleEntry()) {
             applications.insert(rule.appProfileId);
+            all |= rule.ruleKey == Nav::NavConstants::defaultRuleKey;
+        }
+    if (!all) applications.insert(noApplication);
     return applications;
 }
 
@@ -301,6 +307,7 @@ void Plan::addMember(NexthopGroup& group, const Segment& segment, uint32_t pathI
 }
 
 NexthopGroup Plan::group(const Segment& segment, const IpGenAddr& site, uint32_t appId) {
+    if (appId == noApplication) return anyPath(segment, site);
     NexthopGroup group{numbers_.of(thing(Thing::group, mix(segment.vrf), site.mix(), appId)), {}};
     const Nav::LbProfileStatus* ids = in_.navStatusDir->navLbProfileStatus();
     const auto* id = ids ? ids->lbProfileStatusEntry({site, appId, segment.vrfId}) : nullptr;

@@ -9,8 +9,10 @@
 //   of the load-balance id that have the best priority. Without a member the route is
 //   "unreachable": packets that the policy keeps off a path never take another one. Where the VRF
 //   has a more specific route of somebody else's, the table leaves the decision to that;
-// - in the VRF's own table the same prefixes, over all paths to the site, for packets that no
-//   application's table takes: the router's own, and those without a rule;
+// - a table of the same kind for packets that no rule takes, unless the policy has a default rule:
+//   over all paths to the site;
+// - in the VRF's own table the same prefixes, which lead the router's own packets to the tunnel
+//   device, where they are classified;
 // - for each source address of a path a table, which a rule for the tunnel's packets leads to, that
 //   pins each path to its own interface whatever the main table prefers.
 //
@@ -65,6 +67,9 @@ inline constexpr uint32_t ownMetric = 110;
 // byte as administrative distance; 255 never is the best.
 inline constexpr uint32_t lastMetric = 0xff000000 | ownMetric;
 
+// Stands for the packets that no rule of the policy takes.
+inline constexpr uint32_t noApplication = 0xFFFFFFFF;
+
 class Plan {
   public:
     // `routes` outlives this.
@@ -102,7 +107,8 @@ class Plan {
     using Prefixes = std::map<Netz::IpGenAddr, std::set<IpPrefix>>;
     // Of a VRF with a segment.
     const Prefixes& prefixes(const L3::VrfName& vrf) const { return prefixes_.at(vrf); }
-    // The usable members of the best priority; none if the site is unreachable.
+    // The usable members of the best priority, of `noApplication` all usable paths; none if the site
+    // is unreachable.
     NexthopGroup group(const Segment& segment, const Netz::IpGenAddr& site, uint32_t appId);
     uint32_t nexthopId(const Segment& segment, const Nav::PathKey& path);
 

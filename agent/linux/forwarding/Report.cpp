@@ -48,30 +48,44 @@ Json paths(const Nav::NavInputs& in, Forwarding& forwarding) {
     return rows;
 }
 
-Json applications(const Nav::NavInputs& in, const ForwardingConfig& config,
-                  Forwarding& forwarding) {
+using Names = std::map<uint32_t, std::string>;
+
+// Of the applications of a VRF, by mark; those that the configuration does not describe have none.
+Names namesIn(const Nav::NavInputs& in, const ForwardingConfig& config, const Segment& segment,
+              Plan& plan) {
+    Names names;
+    for (const auto& [application, mark] : applicationsOf(in, config, segment, plan))
+        names[mark] = application ? application->name() : "default";
+    return names;
+}
+
+// "default" has the packets that no other application takes; without a default rule of the policy
+// it has no id, and takes any path.
+Json identity(const Names& names, uint32_t mark, uint32_t appId) {
+    const auto name = names.find(mark);
+    return {{"application", name != names.end() ? Json(name->second) : Json()},
+            {"id", appId == noApplication ? Json() : Json(appId)}};
+}
+
+Json applications(const Nav::NavInputs& in, const ForwardingConfig& config, Plan& plan) {
     Json rows = Json::array();
-    for (const auto& [vrf, segment] : forwarding.plan().segments()) {
-        std::map<uint32_t, Json> names;
-        for (const auto& [application, mark] :
-             applicationsOf(in, config, segment, forwarding.plan()))
-            names[mark] = application ? Json(application->name()) : Json("default");
-        for (const auto& [mark, place] : forwarding.plan().applications())
-            if (place.first == vrf)
-                rows.push_back({{"vrf", vrf.str()},
-                                {"application", names[mark]},
-                                {"id", place.second},
-                                {"mark", mark},
-                                {"described", names.contains(mark) && !names[mark].is_null()}});
+    for (const auto& [vrf, segment] : plan.segments()) {
+        const Names names = namesIn(in, config, segment, plan);
+        for (const auto& [mark, place] : plan.applications()) {
+            if (place.first != vrf) continue;
+            Json row = {{"vrf", vrf.str()}};
+            row.update(identity(names, mark, place.second));
+            row["mark"] = mark;
+            rows.push_back(row);
+        }
     }
     return rows;
 }
 
-// From the objects that are wanted: what a site's routes in an application's table lead to.
-Json sites(Forwarding& forwarding) {
+Json sites(const Nav::NavInputs& in, const ForwardingConfig& config, Plan& plan) {
     Json rows = Json::array();
-    Plan& plan = forwarding.plan();
-    for (const auto& [vrf, segment] : plan.segments())
+    for (const auto& [vrf, segment] : plan.segments()) {
+        const Names names = namesIn(in, config, segment, plan);
         for (const auto& [site, prefixes] : plan.prefixes(vrf))
             for (const auto& [mark, place] : plan.applications()) {
                 if (place.first != vrf) continue;
@@ -82,14 +96,12 @@ Json sites(Forwarding& forwarding) {
                         if (member.id == plan.nexthopId(segment, hop.path))
                             carriers.push_back(pathName(pathIndex));
                 for (const IpPrefix& prefix : prefixes) behind.push_back(prefix.stringValue());
-                rows.push_back({{"site", site.stringValue()},
-                                {"vrf", vrf.str()},
-                                {"application", place.second},
-                                {"prefixes", behind},
-                                {"group", group.id},
-                                {"paths", carriers},
-                                {"unreachable", carriers.empty()}});
+                Json row = {{"site", site.stringValue()}, {"vrf", vrf.str()}};
+                row.update(identity(names, mark, place.second));
+                row.update({{"prefixes", behind}, {"group", group.id}, {"paths", carriers}});
+                rows.push_back(row);
             }
+    }
     return rows;
 }
 
@@ -108,8 +120,8 @@ Json refused(const Forwarding& forwarding) {
 Json reportOf(const Nav::NavInputs& in, const ForwardingConfig& config, Forwarding& forwarding) {
     return {{"tunnels", tunnels(forwarding)},
             {"paths", paths(in, forwarding)},
-            {"applications", applications(in, config, forwarding)},
-            {"sites", sites(forwarding)},
+            {"applications", applications(in, config, forwarding.plan())},
+            {"sites", sites(in, config, forwarding.plan())},
             {"refused", refused(forwarding)}};
 }
 

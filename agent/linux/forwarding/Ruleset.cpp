@@ -111,9 +111,9 @@ std::vector<ApplicationMark> applicationsOf(const Nav::NavInputs& in,
     const auto* applied = in.navFeaturePolicyDir->appliedPolicy(Classification::vrfTarget);
     const Vel::String* name = applied ? applied->policyForTarget(segment.vrf) : nullptr;
     const auto* policy = name ? in.navFeaturePolicyDir->featurePolicy(*name) : nullptr;
-    if (!status) return {};
     std::vector<Nav::NavRuleEntry> rules;
-    for (const Nav::NavRuleEntry& rule : status->navRuleEntry()) rules.push_back(rule);
+    if (status)
+        for (const Nav::NavRuleEntry& rule : status->navRuleEntry()) rules.push_back(rule);
     std::ranges::sort(rules, {}, &Nav::NavRuleEntry::ruleKey);
     std::vector<ApplicationMark> applications;
     for (const Nav::NavRuleEntry& rule : rules) {
@@ -125,6 +125,8 @@ std::vector<ApplicationMark> applicationsOf(const Nav::NavInputs& in,
         else if (application)
             applications.push_back({application, mark});
     }
+    if (applications.empty() || applications.back().application)
+        applications.push_back({nullptr, plan.markOf(segment.vrf, noApplication)});
     return applications;
 }
 
@@ -185,7 +187,7 @@ class Writer {
 
     void classify(const std::string& chain, const std::string& interfaces, const Segment& segment) {
         const auto applications = applicationsOf(in_, config_, segment, plan_);
-        if (applications.empty() || interfaces.empty()) return;
+        if (interfaces.empty()) return;
         std::ostringstream rules;
         for (const auto& [application, mark] : applications) {
             const std::string verdict =

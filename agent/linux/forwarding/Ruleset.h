@@ -27,7 +27,7 @@ struct ApplicationMark {
     uint32_t mark;
 };
 
-// The applications of a VRF in the order in which its policy tries them.
+// The applications of a VRF in the order in which its policy tries them; the last one takes all.
 std::vector<ApplicationMark> applicationsOf(const Nav::NavInputs& inputs,
                                             const ForwardingConfig& config, const Segment& segment,
                                             Plan& plan);
