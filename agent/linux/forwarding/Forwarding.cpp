@@ -35,7 +35,8 @@ Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config,
       commit_(Loom::call<&Forwarding::commit>(*this)),
       ruleset_(Loom::call<&Forwarding::applyRuleset>(*this)),
       adoption_(*inputs.scheduler, Loom::call<&Forwarding::endAdoption>(*this)),
-      retry_(*inputs.scheduler, Loom::call<&Forwarding::retry>(*this)),
+      retry_(*inputs.scheduler, Loom::call<&Forwarding::repair>(*this)),
+      repair_(*inputs.scheduler, Loom::call<&Forwarding::repair>(*this)),
       lbStatus_(Vel::Subscription::to<&Forwarding::handleLbStatus>(
           *in_.navStatusDir, Nav::NavStatusDir::navLbProfileStatusAttr, this)),
       port_(Vel::Subscription::to<&Forwarding::replan>(
@@ -131,7 +132,7 @@ void Forwarding::repair() {
 
 void Forwarding::ownChanged() {
     tampered_ = true;
-    repair();
+    repair_.armIn(settleTime);
 }
 
 void Forwarding::commitLater() {
@@ -203,10 +204,6 @@ void Forwarding::endAdoption() {
     if (!std::exchange(adopting_, false)) return;
     adoption_.disarm();
     DUOLOG(linuxTrace, 5, "Replacing what an agent before left in the kernel");
-    repair();
-}
-
-void Forwarding::retry() {
     repair();
 }
 

@@ -25,6 +25,8 @@ class Forwarding {
   public:
     // How long adopted objects stay at most, if not all paths come up.
     static constexpr Loom::Duration adoptionTime = std::chrono::seconds(5);
+    // From a change by somebody else to its repair: more of it may follow, as when a device goes.
+    static constexpr Loom::Duration settleTime = std::chrono::milliseconds(2);
     // Until what the kernel refused is tried again.
     static constexpr Loom::Duration retryTime = std::chrono::seconds(5);
 
@@ -100,7 +102,6 @@ class Forwarding {
     void applyRuleset();
     bool allPathsProgrammed() const;
     void endAdoption();
-    void retry();
 
     const Nav::NavInputs in_;
     KernelMonitor& monitor_;
@@ -119,7 +120,7 @@ class Forwarding {
     bool tampered_ = false;  // with the agent's objects, by somebody else
     std::set<Netz::IpGenAddr> sites_;              // to be replanned in the next commit
     Loom::Task commit_, ruleset_;
-    Loom::Timer adoption_, retry_;
+    Loom::Timer adoption_, retry_, repair_;
     Vel::Subscription lbStatus_, port_;
     std::optional<LbEntries> lbEntries_;
     Vel::EntryReactorsOf<VelSiteGroupStatusEntry,
