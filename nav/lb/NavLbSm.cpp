@@ -463,7 +463,7 @@ void LbProfileSm::sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex) 
     if (!remove) return;
     // The keys of a rule whose removal was not announced here yet, or that was added above.
     for (const LbProfileKey& key : keys_.of(siteGroup.routerIp))
-        while (!isUsable(siteGroup, pathIndex) && isMember(key, siteGroup.name, pathIndex) &&
+        while (isMember(key, siteGroup.name, pathIndex) && !isUsable(siteGroup, pathIndex) &&
                !updateLbIdPath(key, {}, siteGroup.name, pathIndex, true)) {
         }
 }
