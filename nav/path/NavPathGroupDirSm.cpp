@@ -256,6 +256,19 @@ void NavPathGroupDirSm::removeStalePaths(const Netz::IntfId& intf, NavPathGroupS
     for (const auto& group : groupsOf(intf)) remove(*group);
 }
 
+// Removes the paths of all groups that the configuration does not ask for any more, including those
+// that a change removes whose notification has not arrived yet.
+void NavPathGroupDirSm::removeStalePaths() {
+    const Vel::Hold hold;
+    remove([&] {
+        for (const auto& group : navPathGroupSm_.all()) {
+            const Vel::Ptr<NavPathGroupSm> reactor(*group.reactor);
+            handlePathGroup(reactor->pgName());
+            reactor->removeStalePaths();
+        }
+    });
+}
+
 std::vector<Vel::Ptr<NavPathGroupSm>> NavPathGroupDirSm::groupsOf(const Netz::IntfId& intf) const {
     std::vector<Vel::Ptr<NavPathGroupSm>> groups;
     const auto listed = intfToPgName_.find(intf);
@@ -305,6 +318,25 @@ void NavPathGroupDirSm::remoteSiteDel(const SiteGroupKey& site) {
 
 // ---- claims ----
 
+// Runs a function that removes paths. The outermost call then creates the paths that waited.
+template <class Removal>
+void NavPathGroupDirSm::remove(Removal removal) {
+    const Vel::Hold hold;
+    {
+        struct Count {
+            U32& removals;
+            ~Count() { --removals; }
+        } const count{++removals_};
+        removal();
+    }
+    while (removals_ == 0 && !waiting_.empty()) {
+        const auto [claim, dst] = waiting_.front();
+        waiting_.erase(waiting_.begin());
+        if (NavPathGroupSm* group = navPathGroupSm_(claim.siteGroupKey.name))
+            createPath(claim.intf, claim.siteGroupKey.routerIp, dst, *group);
+    }
+}
+
 auto NavPathGroupDirSm::isOf(const NavPathGroupSm& group) {
     return [&](const PathClaim& claim) { return claim.siteGroupKey.name == group.pgName(); };
 }
@@ -328,6 +360,7 @@ void NavPathGroupDirSm::createPath(const Netz::IntfId& intf, const Netz::IpGenAd
     if (const PathKeyInfo* left = in_.navDb->pathKeyInfo(pathKey);
         left && !paths_.contains(pathKey))
         forgetPath(pathKey, L3::VrfName(left->vrfName()));
+    if (!freePathIds() && !paths_.contains(pathKey)) removeStalePaths();
     if (!isJustified(pathKey, claim, group)) return;
     DUOLOG(pathTrace, 7, "Adding path ", pathKey, " for site ", claim.siteGroupKey);
     addPathToConfig(pathKey, claim.siteGroupKey, claim.vrfName, intf);
@@ -353,8 +386,13 @@ void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const SiteGroupK
     const PathClaim claim{intf, siteGroupKey, vrfName};
     const auto found = paths_.find(pathKey);
     if (found == paths_.end()) {
-        group->claimedAdd(pathKey);
+        if (!freePathIds() && removals_ > 0) {
+            DUOLOG(pathTrace, 7, "Path ", pathKey, " waits for an index");
+            waiting_.emplace_back(claim, pathKey.dstAddr);
+            return;
+        }
         VEL_ASSERT(freePathIds(), "freePathIds()");
+        group->claimedAdd(pathKey);
         const U16 index = freePathIdDeq();
         DUOLOG(pathTrace, 7, "Creating pathIndex: ", index, " for path ", pathKey);
         Path& path = paths_[pathKey];
@@ -381,6 +419,15 @@ void NavPathGroupDirSm::removePathFromConfig(const PathKey& pathKey, const Vel::
 void NavPathGroupDirSm::removeStalePath(const PathKey& pathKey, NavPathGroupSm& group) {
     withdrawClaims(pathKey, group,
                    [&](const PathClaim& claim) { return !isJustified(pathKey, claim, group); });
+}
+
+void NavPathGroupDirSm::handleProfileCleared(NavPathGroupSm& group) {
+    std::erase_if(waiting_, [&](const auto& waiting) { return isOf(group)(waiting.first); });
+    remove([&] {
+        for (const PathKey& pathKey : group.claimed())
+            if (group.config().ipsecProfile().empty())
+                removePathFromConfig(pathKey, group.pgName());
+    });
 }
 
 template <class Predicate>
@@ -514,6 +561,10 @@ void NavPathGroupDirSm::forgetPath(const PathKey& pathKey, const L3::VrfName& vr
 }
 
 void NavPathGroupDirSm::deletePath(const PathKey& pathKey) {
+    remove([&] { removePath(pathKey); });
+}
+
+void NavPathGroupDirSm::removePath(const PathKey& pathKey) {
     const auto path = paths_.extract(pathKey);
     if (path.empty()) return;
     ++publications_;

@@ -3,7 +3,8 @@
 // The paths of a group are the cross product of the primary addresses of its local interfaces and
 // the destination addresses of its remote sites, each in the VRF of the interface. An interface is
 // a WAN interface while a group lists it. A new path takes the index that has been free longest and
-// keeps it for its lifetime; an index is either free or used by exactly one path.
+// keeps it for its lifetime; an index is either free or used by exactly one path. When no index is
+// free even after all paths due for removal have been removed, adding a path stops the process.
 //
 // - Several sites, groups or interfaces may want the same path. Each has a claim on it, and the
 //   newest claim owns the path. Withdrawing another claim changes nothing; when the owner's claim
@@ -12,7 +13,8 @@
 //   interfaces at that time. A claim is made or kept only while both justify it.
 // - A removed path leaves the database first, then the configuration, whose removal makes path
 //   resolution withdraw what it derived. If no reactor resolves the path's VRF, construction
-//   withdraws that itself. The index is free only afterwards.
+//   withdraws that itself. The index is free only afterwards; a path that is added during the
+//   removal and needs the index waits until then.
 // - Every write to a published directory may call subscribers that change the inputs. After each
 //   write the reactor checks whether its publication of the path is still the newest.
 //
@@ -105,6 +107,9 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     void remoteSiteIs(const SiteGroupKey& site);
     void remoteSiteDel(const SiteGroupKey& site);
 
+    // Withdraws the claims of a group whose profile was cleared, as long as it has none.
+    void handleProfileCleared(NavPathGroupSm& group);
+
     bool freePathIds() const { return !freePathId_.empty(); }
     void freePathIdEnq(U16 index) { freePathId_.enq(index); }
     U16 freePathIdDeq() { return freePathId_.deq(); }
@@ -143,6 +148,9 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     std::optional<U32> vrfIdOf(const L3::VrfName& vrfName) const;
     void handleVrf(const L3::VrfName& vrfName);
     void removeStalePaths(const Netz::IntfId& intf, NavPathGroupSm* only);
+    void removeStalePaths();
+    template <class Removal>
+    void remove(Removal removal);
     std::vector<Vel::Ptr<NavPathGroupSm>> groupsOf(const Netz::IntfId& intf) const;
 
     bool isJustified(const PathKey& pathKey, const PathClaim& claim,
@@ -156,6 +164,7 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     void unpublishPath(const PathKey& pathKey, const L3::VrfName& vrfName);
     void forgetPath(const PathKey& pathKey, const L3::VrfName& vrfName);
     void deletePath(const PathKey& pathKey);
+    void removePath(const PathKey& pathKey);
     void leaveSite(const SiteGroupKey& site, U32 index);
     void releaseSource(const Netz::IpGenAddr& src, const Netz::IntfId& intf);
 
@@ -164,6 +173,10 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     bool ended_ = false;        // from doCleanup() on; no path is made after
     FreeIdQueue freePathId_;    // exactly the indices that no path in paths_ uses
     U32 publications_ = 0;      // number of publications and deletions begun
+    U32 removals_ = 0;          // calls of remove() that are running
+    // Claims made during a removal while no index was free, each with the path's destination, in
+    // the order they were made. Empty while no removal is running.
+    std::vector<std::pair<PathClaim, Netz::IpGenAddr>> waiting_;
     std::unordered_map<PathKey, Path, PathKeyHash> paths_;
     // The groups that list each interface, in the order they were added, never empty.
     std::unordered_map<Netz::IntfId, std::vector<Vel::String>> intfToPgName_;

@@ -106,9 +106,7 @@ void NavPathGroupSm::handleIpsecConfig() {
             }
         }
     }
-    if (!profile.empty()) return;
-    for (const PathKey& pathKey : claimed_)
-        if (config().ipsecProfile().empty()) in_.pgDirSm->removePathFromConfig(pathKey, pgName());
+    if (profile.empty()) in_.pgDirSm->handleProfileCleared(*this);
 }
 
 void NavPathGroupSm::handleRemoteVia(const Netz::IpGenAddr& viaAddr,

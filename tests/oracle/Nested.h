@@ -15,6 +15,8 @@ namespace Oracle {
 class Outcome {
   public:
     explicit Outcome(const World& world);
+    Outcome() = default;  // of changes that run out of indices
+    bool ranOut() const { return lines_.empty(); }
     const std::set<std::string>& lines() const { return lines_; }
 
   private:

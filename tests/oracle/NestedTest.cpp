@@ -138,16 +138,18 @@ class Nested : public testing::Test {
     }
     ~Nested() override { Vel::assertHandlerIs(nullptr); }
 
-    // Every pair at every position, from the world that these events lead to.
-    void matrix(bool services, const std::vector<Event>& first) {
+    // Every pair of these at every position, from the world that these events lead to.
+    void matrix(bool services, const std::vector<Event>& first,
+                const std::vector<Event>& outers = changes(),
+                const std::vector<Event>& inners = changes()) {
         World base;
         std::optional<Services> answering;
         if (services) answering.emplace(base.in);
         for (const auto& events : {setUp(), first})
             for (const Event& event : events) base.apply(event), base.settle();
         answering.reset();
-        for (const Event& outer : changes())
-            for (const Event& inner : changes()) pair(base, services, outer, inner);
+        for (const Event& outer : outers)
+            for (const Event& inner : inners) pair(base, services, outer, inner);
         std::cout << runs_ << " runs, " << failures_ << " failed" << std::endl;
         EXPECT_EQ(failures_, 0u);
     }
@@ -182,6 +184,27 @@ TEST_F(Nested, WithoutResolver) {
 }
 TEST_F(Nested, FromSwitchedOff) {
     matrix(true, {set("/cliConfig/navConfigured", {false})});
+}
+// With every index in use, paths are added within the removal of others and the other way round.
+TEST_F(Nested, WithAllIndicesInUse) {
+    const std::string full = "/cliConfig/pathGroupConfig[full]";
+    const std::string et5 = "/ipStatusDir/ipIntfStatus[et5]/activeAddrWithMask";
+    std::vector<Event> fill{text(full + "/ipsecProfile", "psk"), text(et5, "203.0.113.5/24"),
+                            set(full + "/localIntf[et5]")};
+    for (size_t n = 5; n < Nav::NavConstants::maxPathIndex; ++n)  // setUp() makes five paths
+        fill.push_back(
+            set(full + (n % 2 ? siteA : siteB) + "/remoteVia[198.18.0." + std::to_string(n) + "]"));
+    const std::vector<Event> removals{del(full),
+                                      del(full + siteA),
+                                      del(full + siteB + "/remoteVia[198.18.0.10]"),
+                                      del(full + "/localIntf[et5]"),
+                                      text(full + "/ipsecProfile", ""),
+                                      text(et5, "0.0.0.0/0"),
+                                      del("/ipStatusDir/ipIntfStatus[et5]")};
+    const std::vector<Event> additions{set(g1 + "/localIntf[et3]"),  // a path, then two
+                                       set(g2 + siteB + "/remoteVia[192.0.2.9]")};
+    matrix(true, fill, removals, additions);
+    matrix(true, fill, additions, removals);
 }
 
 }  // namespace
