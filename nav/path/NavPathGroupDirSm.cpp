@@ -261,9 +261,11 @@ void NavPathGroupDirSm::removeStalePaths(const Netz::IntfId& intf, NavPathGroupS
 void NavPathGroupDirSm::removeStalePaths() {
     const Vel::Hold hold;
     remove([&] {
+        for (const auto& intf : ipIntfStatus_.all()) intf.reactor->handleIntfPrimaryAddr();
         for (const auto& group : navPathGroupSm_.all()) {
             const Vel::Ptr<NavPathGroupSm> reactor(*group.reactor);
             handlePathGroup(reactor->pgName());
+            reactor->handleIpsecConfig();
             reactor->removeStalePaths();
         }
     });
@@ -371,7 +373,7 @@ bool NavPathGroupDirSm::isJustified(const PathKey& pathKey, const PathClaim& cla
                                     const NavPathGroupSm& group) const {
     if (group.removed() || ended_) return false;
     const VelIpIntfStatus* status = ipIntfStatus_(claim.intf);
-    if (!status) return false;
+    if (!status || !in_.ipStatus->ipIntfStatus(claim.intf)) return false;
     const IntfSource& source = status->source();
     const RemoteViaConfig* site = group.config().remoteViaConfig(claim.siteGroupKey.routerIp);
     return source.addr == pathKey.srcAddr && source.vrfId == pathKey.vrfId &&

@@ -51,6 +51,7 @@ class NavPathGroupSm::VelRemoteViaConfig : public Vel::Object {
 
 NavPathGroupSm::NavPathGroupSm(const Inputs& inputs)
     : in_(inputs),
+      profile_(in_.pathGroupConfig->ipsecProfile()),
       localIntf_(Vel::Subscription::to<&NavPathGroupSm::handleLocalIntf>(
           *in_.pathGroupConfig, PathGroupConfig::localIntfAttr, this)),
       ipsecProfile_(Vel::Subscription::to<&NavPathGroupSm::handleIpsecConfig>(
@@ -91,8 +92,10 @@ void NavPathGroupSm::handleLocalIntf(const Netz::IntfId& intf) {
 }
 
 void NavPathGroupSm::handleIpsecConfig() {
-    DUOLOG_ENTRY(pathTrace);
     const Vel::String profile = config().ipsecProfile();
+    if (profile == profile_) return;
+    DUOLOG_ENTRY(pathTrace);
+    profile_ = profile;
     for (const RemoteViaConfig& site : config().remoteViaConfig()) {
         for (const Netz::IpGenAddr& addr : site.remoteVia()) {
             if (config().ipsecProfile() != profile) return;  // a newer one has been applied

@@ -62,6 +62,7 @@ class NAV_EXPORT NavPathGroupSm final : public Vel::Reactor {
     Inputs in_;
     bool initialized_ = false;
     bool removed_ = false;
+    Vel::String profile_;  // that the paths have
     // The paths on which the group has a claim, in the order it claimed them.
     Vel::Unordered<Vel::SetTraits<PathKey>> claimed_;
     Vel::Subscription localIntf_;

@@ -13,15 +13,6 @@ namespace Oracle {
 
 namespace {
 
-struct AssertionFailed : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-size_t setting(const char* name, size_t value) {
-    const char* text = std::getenv(name);
-    return text ? std::strtoull(text, nullptr, 10) : value;
-}
-
 const std::string g1 = "/cliConfig/pathGroupConfig[g1]", g2 = "/cliConfig/pathGroupConfig[g2]";
 const std::string siteA = "/remoteViaConfig[10.255.0.1]", siteB = "/remoteViaConfig[10.255.0.2]";
 const std::string dst1 = "/remoteVia[192.0.2.1]", dst2 = "/remoteVia[192.0.2.2]";
@@ -30,19 +21,6 @@ const std::string et3 = "/ipStatusDir/ipIntfStatus[et3]";
 const std::string policy = "/cliConfig/policyConfig[p1]", rules = "/appProfilePolicyRuleList";
 const std::string gold = "/cliConfig/loadBalanceProfile[gold]";
 const std::string vrfIds = "/routingHwRouteStatus/vrfStatus", bindings = "/cliConfig/vrfConfig";
-
-Event set(std::string path, Vel::Datum value = {true}) {
-    return {Event::Op::set, std::move(path), std::move(value)};
-}
-Event text(std::string path, const char* value) {
-    return set(std::move(path), {Vel::String(value)});
-}
-Event number(std::string path, U64 value) {
-    return set(std::move(path), {value});
-}
-Event del(std::string path) {
-    return {Event::Op::del, std::move(path)};
-}
 
 // Three interfaces in two VRFs, two groups that share a site, a destination and an interface.
 std::vector<Event> setUp() {
@@ -131,13 +109,6 @@ std::vector<Event> changes() {
 
 class Nested : public testing::Test {
   protected:
-    Nested() {
-        Vel::assertHandlerIs([](const char* text, const char*, int) -> void {
-            throw AssertionFailed(std::string("assertion failed: ") + text);
-        });
-    }
-    ~Nested() override { Vel::assertHandlerIs(nullptr); }
-
     // Every pair of these at every position, from the world that these events lead to.
     void matrix(bool services, const std::vector<Event>& first,
                 const std::vector<Event>& outers = changes(),
@@ -149,18 +120,22 @@ class Nested : public testing::Test {
             for (const Event& event : events) base.apply(event), base.settle();
         answering.reset();
         for (const Event& outer : outers)
-            for (const Event& inner : inners) pair(base, services, outer, inner);
+            for (const Event& inner : inners)
+                pair(base, services, outer, inner, outers.size() < 10);
         std::cout << runs_ << " runs, " << failures_ << " failed" << std::endl;
         EXPECT_EQ(failures_, 0u);
     }
 
   private:
-    // Of the positions, one in `share`, another one for each pair.
-    void pair(const World& base, bool services, const Event& outer, const Event& inner) {
-        static const size_t share = setting("NAV_NESTED_SHARE", 60);
+    // One in `share` of the positions, others for each pair; the first too where pairs are few.
+    void pair(const World& base, bool services, const Event& outer, const Event& inner, bool few) {
+        static const size_t given = setting("NAV_NESTED_SHARE", 60);
+        const size_t share = few ? std::min<size_t>(given, 199) : given;
         Pair pair(base, services, outer, inner);
         for (const bool before : {true, false}) {
-            for (size_t position = 1 + ++pairs_ * 7 % share;; position += share) {
+            const size_t first = 1 + ++pairs_ * 7 % share;
+            for (size_t position = few ? 1 : first;;
+                 position += position < first ? first - 1 : share) {
                 const std::optional<std::string> failure = pair.run(position, before);
                 if (!failure) break;
                 ++runs_;
@@ -170,6 +145,7 @@ class Nested : public testing::Test {
         }
     }
 
+    const ThrowingAssertions assertions_;
     size_t pairs_ = 0, runs_ = 0, failures_ = 0;
 };
 

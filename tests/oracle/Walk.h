@@ -30,12 +30,8 @@ class Walk {
         return {choice.begin()[below(choice.size())]};
     }
 
-    Event set(std::string path, Vel::Datum value) {
-        return {Event::Op::set, std::move(path), std::move(value)};
-    }
     // Mostly set, sometimes deleted.
     Event keep(std::string path, Vel::Datum value = {true});
-    Event del(std::string path) { return {Event::Op::del, std::move(path)}; }
 
     LivePath path(const World& world);
     Vel::Datum fec();

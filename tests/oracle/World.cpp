@@ -53,37 +53,20 @@ struct Step {
 };
 
 std::string json(const Datum& value) {
-    struct Visitor {
-        std::string operator()(std::monostate) const { return "null"; }
-        std::string operator()(bool v) const { return v ? "true" : "false"; }
-        std::string operator()(Vel::U64 v) const { return std::to_string(v); }
-        std::string operator()(double v) const { return std::to_string(v); }
-        std::string operator()(const Vel::String& v) const { return '"' + v + '"'; }
-        std::string operator()(const Vel::Secret&) const { return Vel::Secret::hidden; }
-        std::string operator()(const Datum::List& list) const {
-            std::string out;
-            for (const Datum& v : list) out += (out.empty() ? "" : ",") + json(v);
-            return "[" + out + "]";
-        }
-        std::string operator()(const Datum::Members& members) const {
-            std::string out;
-            for (const auto& [name, v] : members)
-                out += (out.empty() ? "\"" : ",\"") + name + "\":" + json(v);
-            return "{" + out + "}";
-        }
-    };
-    return std::visit(Visitor{}, value.value);
-}
-
-std::string difference(const Datum& a, const Datum& b, const std::string& place) {
-    if (a == b) return {};
-    const auto *left = a.as<Datum::Members>(), *right = b.as<Datum::Members>();
-    if (left && right && left->size() == right->size())
-        for (size_t i = 0; i < left->size(); ++i)
-            if ((*left)[i].name == (*right)[i].name && (*left)[i].value != (*right)[i].value)
-                return difference((*left)[i].value, (*right)[i].value,
-                                  place + "/" + (*left)[i].name);
-    return place + ": " + json(a) + " against " + json(b);
+    std::string out;
+    if (const auto* text = value.as<Vel::String>()) return '"' + *text + '"';
+    if (const auto* number = value.as<Vel::U64>()) return std::to_string(*number);
+    if (const auto* list = value.as<Datum::List>()) {
+        for (const Datum& v : *list) out += (out.empty() ? "" : ",") + json(v);
+        return "[" + out + "]";
+    }
+    if (const auto* members = value.as<Datum::Members>()) {
+        for (const auto& [name, v] : *members)
+            out += (out.empty() ? "\"" : ",\"") + name + "\":" + json(v);
+        return "{" + out + "}";
+    }
+    const bool* flag = value.as<bool>();
+    return !flag ? "null" : *flag ? "true" : "false";
 }
 
 }  // namespace
@@ -97,6 +80,20 @@ std::string toLine(const Event& event) {
     if (event.op == Event::Op::restart) line += R"(,"id":"while restarting over what is left")";
     if (event.op != Event::Op::del) line += ",\"value\":" + json(event.value);
     return line + (event.run ? "}" : R"(,"id":"tasks held back"})");
+}
+
+ThrowingAssertions::ThrowingAssertions() {
+    Vel::assertHandlerIs([](const char* text, const char*, int) -> void {
+        throw std::runtime_error(std::string("assertion failed: ") + text);
+    });
+}
+ThrowingAssertions::~ThrowingAssertions() {
+    Vel::assertHandlerIs(nullptr);
+}
+
+size_t setting(const char* name, size_t otherwise) {
+    const char* text = std::getenv(name);
+    return text ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
 void eachRoot(const Nav::NavInputs& in,
@@ -171,15 +168,23 @@ void World::apply(const Event& unresolved) {
 }
 
 std::string World::differenceTo(const World& other) const {
-    std::string found;
-    eachRoot(in, [&](std::string_view name, const Entity& entity) {
-        if (found.empty() && publishedRoots.contains(name))
-            found = difference(toDatum(entity), toDatum(*rootOf(other.in, name)),
-                               "/" + std::string(name));
-    });
-    if (found.empty() && navDb() && other.navDb())
-        found = difference(toDatum(*navDb()), toDatum(*other.navDb()), "/navDb");
-    return found;
+    const auto published = [](const World& world) {
+        std::map<std::string, std::string> all;
+        const auto add = [&](const std::string& place, const Datum& entity) {
+            for (const auto& [member, value] : *entity.as<Datum::Members>())
+                all[place + member] = json(value);
+        };
+        eachRoot(world.in, [&](std::string_view name, const Entity& entity) {
+            if (publishedRoots.contains(name)) add("/" + std::string(name) + "/", toDatum(entity));
+        });
+        if (const Nav::NavDb* db = world.navDb()) add("/navDb/", toDatum(*db));
+        return all;
+    };
+    const auto mine = published(*this), others = published(other);
+    for (const auto& [place, value] : mine)
+        if (const auto at = others.find(place); at != others.end() && at->second != value)
+            return place + ": " + value + " against " + at->second;
+    return {};
 }
 
 }  // namespace Oracle

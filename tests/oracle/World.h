@@ -18,6 +18,28 @@ struct Event {
     bool run = true;         // the scheduler's tasks, before anything else happens
 };
 
+inline Event set(std::string path, Vel::Datum value = {true}) {
+    return {Event::Op::set, std::move(path), std::move(value)};
+}
+inline Event text(std::string path, const std::string& value) {
+    return set(std::move(path), {Vel::String(value)});
+}
+inline Event number(std::string path, Vel::U64 value) {
+    return set(std::move(path), {value});
+}
+inline Event del(std::string path) {
+    return {Event::Op::del, std::move(path)};
+}
+
+// While it exists, an assertion that fails throws.
+struct ThrowingAssertions {
+    ThrowingAssertions();
+    ~ThrowingAssertions();
+};
+
+// A number from the environment.
+size_t setting(const char* name, size_t otherwise);
+
 // The event as a request of the control socket. Restarts and held back tasks, which the socket does
 // not know, stand in the request's id.
 std::string toLine(const Event& event);
