@@ -3,12 +3,13 @@
 #include <arpa/inet.h>
 #include <endian.h>
 #include <linux/fib_rules.h>
+#include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
+#include <linux/if_tunnel.h>
 #include <linux/lwtunnel.h>
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -153,6 +154,8 @@ size_t Changes::nexthopIs(const Nexthop& nexthop, bool create) {
         writer_.attribute(v4 ? +LWTUNNEL_IP_ID : +LWTUNNEL_IP6_ID, uint64_t{htobe64(nexthop.vni)});
         writer_.attribute(v4 ? +LWTUNNEL_IP_SRC : +LWTUNNEL_IP6_SRC, nexthop.source);
         writer_.attribute(v4 ? +LWTUNNEL_IP_DST : +LWTUNNEL_IP6_DST, nexthop.destination);
+        // Receivers of UDP over IPv6 drop packets without a checksum (RFC 8200, 8.1).
+        if (!v4) writer_.attribute(LWTUNNEL_IP6_FLAGS, uint16_t{TUNNEL_CSUM});
     });
     return added();
 }
