@@ -47,11 +47,17 @@ Plan::Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& 
 
 void Plan::replace(const Slice& slice, const Objects& objects) {
     std::vector<ObjectKey>& keys = slices_[slice];
-    for (const ObjectKey& key : keys)
-        if (!objects.contains(key)) wanted_.erase(key), changed_.insert(key);
+    for (const ObjectKey& key : keys) {
+        const auto owner = owners_.find(key);
+        if (objects.contains(key) || owner == owners_.end() || owner->second != slice) continue;
+        owners_.erase(owner);
+        wanted_.erase(key);
+        changed_.insert(key);
+    }
     keys.clear();
     for (const auto& [key, object] : objects) {
         keys.push_back(key);
+        owners_.insert_or_assign(key, slice);
         const auto [at, isNew] = wanted_.try_emplace(key, object);
         if (!isNew && at->second == object) continue;
         at->second = object;

@@ -143,7 +143,10 @@ class Plan {
     std::map<L3::VrfName, Prefixes> prefixes_;
     std::map<uint32_t, std::pair<L3::VrfName, uint32_t>> applications_;
     Objects wanted_;
-    std::map<Slice, std::vector<ObjectKey>> slices_;  // each key of wanted_ is in one
+    std::map<Slice, std::vector<ObjectKey>> slices_;
+    // The slice that planned each key of wanted_ last: a prefix that moves to another site is in
+    // both slices until the second of them is replaced.
+    std::map<ObjectKey, Slice> owners_;
     std::set<ObjectKey> changed_;
 };
 

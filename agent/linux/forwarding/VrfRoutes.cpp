@@ -87,11 +87,15 @@ bool VrfRoutes::read(RequestSocket& requests, const std::set<uint32_t>& tables,
     return false;
 }
 
+bool VrfRoutes::best(const Key& key) const {
+    return routes_.lower_bound({key.table, key.prefix, 0})->first == key;
+}
+
 std::set<IpPrefix> VrfRoutes::learned(uint32_t table, const Netz::IpGenAddr& gateway) const {
     std::set<IpPrefix> prefixes;
     for (auto at = learned_.lower_bound({table, gateway, {}});
          at != learned_.end() && std::get<0>(*at) == table && std::get<1>(*at) == gateway; ++at)
-        prefixes.insert(std::get<2>(*at).prefix);
+        if (best(std::get<2>(*at))) prefixes.insert(std::get<2>(*at).prefix);
     return prefixes;
 }
 
@@ -99,7 +103,7 @@ std::set<IpPrefix> VrfRoutes::others(uint32_t table) const {
     std::set<IpPrefix> prefixes;
     for (auto at = routes_.lower_bound({table, {}, 0});
          at != routes_.end() && at->first.table == table; ++at)
-        if (!at->second) prefixes.insert(at->first.prefix);
+        if (!at->second && best(at->first)) prefixes.insert(at->first.prefix);
     return prefixes;
 }
 

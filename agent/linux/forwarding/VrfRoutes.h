@@ -22,6 +22,8 @@ class VrfRoutes {
     // Applies a route event. Returns whether anything changed.
     bool apply(const Message& message);
 
+    // Of several routes for a prefix, that of the lowest metric counts.
+    //
     // The prefixes that routes lead to by way of `gateway`, on a tunnel device.
     std::set<IpPrefix> learned(uint32_t table, const Netz::IpGenAddr& gateway) const;
     // All other prefixes that the table has a route for.
@@ -37,6 +39,7 @@ class VrfRoutes {
     // The gateway of a route into a tunnel; nothing of any other route.
     using Value = std::optional<Netz::IpGenAddr>;
 
+    bool best(const Key& key) const;
     std::optional<std::pair<Key, Value>> parse(const Message& message) const;
 
     std::set<uint32_t> tables_, tunnels_;
