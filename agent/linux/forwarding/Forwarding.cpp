@@ -99,8 +99,18 @@ void Forwarding::replan() {
     commitLater();
 }
 
+// Whether the segment's tunnel device is not as planned.
+bool Forwarding::damaged(const Segment& segment) const {
+    const Interface* device = monitor_.interfaces().named(segment.tunnel.name);
+    const Tunnel& planned = segment.tunnel;
+    return device && (!device->up || device->mtu != planned.mtu ||
+                      (device->primary4 != planned.address && device->primary6 != planned.address));
+}
+
 // With a tunnel device that is another one now, or has gone, the kernel has removed what used it.
 void Forwarding::interfacesChanged() {
+    for (const auto& [vrf, segment] : plan_.segments())
+        if (damaged(segment)) ownChanged();
     if (plan_.segmentsIn(monitor_.interfaces()) != plan_.segments()) {
         replan();
         repair();

@@ -100,6 +100,7 @@ class Forwarding {
     void commit();
     void readRoutes();
     void applyRuleset();
+    bool damaged(const Segment& segment) const;
     bool allPathsProgrammed() const;
     void endAdoption();
 

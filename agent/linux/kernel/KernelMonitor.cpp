@@ -28,6 +28,7 @@ constexpr int refreshAttempts = 4;
 constexpr unsigned groups[] = {
     RTNLGRP_LINK,       RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_NEIGH,
     RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE,   RTNLGRP_IPV6_RULE,   RTNLGRP_NEXTHOP,
+    RTNLGRP_TUNNEL,
 };
 
 bool isOwnRule(const Message& message) {
@@ -94,6 +95,8 @@ void KernelMonitor::handleEvent(const Message& message) {
         case RTM_DELNEXTHOP:
             return handleRouting(
                 message, message.header<nhmsg>().value_or(nhmsg{}).nh_protocol == ownProtocol);
+        // A VNI of a tunnel device; the kernel does not say who removed it.
+        case RTM_DELTUNNEL: return listener_.onOwnChanged();
         case RTM_NEWRULE:
         case RTM_DELRULE:
             return handleRouting(message, isOwnRule(message));
