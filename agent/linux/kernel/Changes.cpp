@@ -118,7 +118,8 @@ size_t Changes::vniDel(uint32_t ifIndex, uint32_t vni) {
     return added(ENOENT);
 }
 
-// Without a route for the subnet: nothing on a tunnel is reached without encapsulation.
+// With a route for the subnet, scope link: by it the kernel accepts the routers of other sites as
+// gateways of a routing daemon's routes. More specific routes lead to them.
 void Changes::address(uint16_t type, uint16_t flags, uint32_t ifIndex,
                       const Netz::IpAddrWithMask& addr) {
     ifaddrmsg header{};
@@ -129,7 +130,7 @@ void Changes::address(uint16_t type, uint16_t flags, uint32_t ifIndex,
     writer_.attribute(IFA_LOCAL, addr.addr);
     writer_.attribute(IFA_ADDRESS, addr.addr);
     if (type == RTM_NEWADDR)
-        writer_.attribute(IFA_FLAGS, uint32_t{IFA_F_NOPREFIXROUTE | IFA_F_NODAD});
+        writer_.attribute(IFA_FLAGS, uint32_t{IFA_F_NODAD});
 }
 
 size_t Changes::addressIs(uint32_t ifIndex, const Netz::IpAddrWithMask& addr) {
