@@ -169,10 +169,10 @@ void World::apply(const Event& unresolved) {
 
 std::string World::differenceTo(const World& other) const {
     const auto published = [](const World& world) {
-        std::map<std::string, std::string> all;
+        std::map<std::string, Datum> all;
         const auto add = [&](const std::string& place, const Datum& entity) {
             for (const auto& [member, value] : *entity.as<Datum::Members>())
-                all[place + member] = json(value);
+                all[place + member] = value;
         };
         eachRoot(world.in, [&](std::string_view name, const Entity& entity) {
             if (publishedRoots.contains(name)) add("/" + std::string(name) + "/", toDatum(entity));
@@ -183,7 +183,7 @@ std::string World::differenceTo(const World& other) const {
     const auto mine = published(*this), others = published(other);
     for (const auto& [place, value] : mine)
         if (const auto at = others.find(place); at != others.end() && at->second != value)
-            return place + ": " + value + " against " + at->second;
+            return place + ": " + json(value) + " against " + json(at->second);
     return {};
 }
 
