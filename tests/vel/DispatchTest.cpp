@@ -203,6 +203,10 @@ TEST(Stop, NamesWhatIsWrong) {
         ~Setter() override { leaf.aIs(leaf.a() + 1); }
         Leaf& leaf;
     };
+    struct Early : Object {
+        Early() { const Ptr<Early> self(this); }
+    };
+    EXPECT_DEATH(make<Early>(), "a Ptr to an object under construction");
     auto leaf = make<Leaf>(1U);
     Handlers handlers{*leaf};
     auto a = Subscription::to<&Handlers::refuse>(*leaf, Leaf::aAttr, &handlers);
