@@ -85,8 +85,11 @@ class ObjectsInKernel : public InNamespace {
             }
             insert(objects, route);
             Rule rule{.priority = 110 + below(2), .v6 = v6, .table = 0x6e000001};
-            if (below(2)) rule.mark = 0x6e000002 + below(2);
-            else rule.source = prefix.addr, rule.ipProtocol = IPPROTO_UDP, rule.destinationPort = 4793;
+            if (below(2))
+                rule.mark = 0x6e000002 + below(2);
+            else
+                rule.source = prefix.addr, rule.ipProtocol = IPPROTO_UDP,
+                rule.destinationPort = 4793;
             insert(objects, rule);
         }
         return objects;
@@ -95,7 +98,8 @@ class ObjectsInKernel : public InNamespace {
     static std::string foreign() {
         FILE* pipe = popen(
             "(ip -d link show vx; ip nexthop; ip rule; ip -6 rule; ip route show table all;"
-            " ip -6 route show table all) | grep -vE 'proto 110|^.nexthop|fe80|table local'", "r");
+            " ip -6 route show table all) | grep -vE 'proto 110|^.nexthop|fe80|table local'",
+            "r");
         std::string text(1 << 16, 0);
         text.resize(std::fread(text.data(), 1, text.size(), pipe));
         pclose(pipe);

@@ -1,7 +1,7 @@
-// Writes what the kernel has counted into the table of counters, of each load-balance id and path:
-// once a second packets and bytes, every few seconds the flows.
+// Publishes the kernel's packet counts in the table of counters, by load-balance id and path:
+// packets and bytes once a second, flows every five seconds.
 //
-// Counters grow as long as an id stands for the same key. Owned by the platform.
+// Counters only grow while an id has the same key. Owned by the platform; on the event thread.
 #pragma once
 
 #include <map>
@@ -18,10 +18,11 @@ class Counting {
     static constexpr Loom::Duration interval = std::chrono::seconds(1);
     static constexpr unsigned flowInterval = 5;  // of intervals
 
-    // The loop and the plan outlive this. The table lies in the run directory.
+    // The loop and the plan must outlive this. Creates the table in the run directory; raises
+    // Vel::Error if that fails.
     Counting(const Nav::NavInputs& inputs, Plan& plan, EventLoop& loop, const std::string& runDir);
 
-    // Reads and publishes now, as every interval.
+    // Reads and publishes once. Called by the timer every `interval`.
     void publish();
 
   private:

@@ -22,11 +22,11 @@ Forwarding::VelSiteGroupStatusEntry::VelSiteGroupStatusEntry(Forwarding& forward
 
 Forwarding::VelNavRuleStatus::VelNavRuleStatus(Forwarding& forwarding, Nav::NavRuleStatus& status)
     : forwarding(forwarding),
-      rules(Vel::Subscription::to<&Forwarding::replan>(
-          status, Nav::NavRuleStatus::navRuleEntryAttr, &forwarding)) {}
+      rules(Vel::Subscription::to<&Forwarding::replan>(status, Nav::NavRuleStatus::navRuleEntryAttr,
+                                                       &forwarding)) {}
 
-Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config,
-                       KernelMonitor& monitor, std::function<void()> onProgrammed)
+Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, KernelMonitor& monitor,
+                       std::function<void()> onProgrammed)
     : in_(inputs),
       monitor_(monitor),
       onProgrammed_(std::move(onProgrammed)),
@@ -39,8 +39,8 @@ Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config,
       repair_(*inputs.scheduler, Loom::call<&Forwarding::repair>(*this)),
       lbStatus_(Vel::Subscription::to<&Forwarding::handleLbStatus>(
           *in_.navStatusDir, Nav::NavStatusDir::navLbProfileStatusAttr, this)),
-      port_(Vel::Subscription::to<&Forwarding::replan>(
-          *in_.cliConfig, Nav::NavCliConfig::udpPortConfigAttr, this)),
+      port_(Vel::Subscription::to<&Forwarding::replan>(*in_.cliConfig,
+                                                       Nav::NavCliConfig::udpPortConfigAttr, this)),
       siteGroups_(*this, *in_.siteGroupStatus, Nav::SiteGroupStatus::siteGroupStatusEntryAttr),
       rules_(*this, *in_.navStatusDir, Nav::NavStatusDir::navRuleStatusAttr) {
     if (!kernel_.read()) throw Vel::Error("netlink: the kernel's next hops cannot be read");

@@ -1,10 +1,10 @@
-// Makes the kernel forward by the decisions of path selection: keeps the kernel's objects equal to
-// the plan.
+// Keeps the kernel's forwarding objects equal to the plan, so that the kernel forwards by the
+// decisions of path selection.
 //
-// Changes are made in a task, after those in which path selection settles: one batch for whatever
-// happened before. What others remove or change is put back. At the start the objects of an agent
-// before are adopted; until path selection has had time to find the paths again, nothing of them is
-// replaced or removed, so that traffic goes on.
+// Changes are made in a task that runs after path selection has settled: one batch for all events
+// before it. Objects that somebody else removes or changes are restored. At start, the objects that
+// a previous agent left are adopted: none of them is replaced or removed until path selection has
+// found the paths again, so that traffic continues.
 //
 // Owned by the platform; on the event thread.
 #pragma once
@@ -23,43 +23,45 @@ namespace Agent::Linux {
 
 class Forwarding {
   public:
-    // How long adopted objects stay at most, if not all paths come up.
+    // Adoption ends after this time at the latest, even if some path has not come up.
     static constexpr Loom::Duration adoptionTime = std::chrono::seconds(5);
-    // From a change by somebody else to its repair: more of it may follow, as when a device goes.
+    // Delay between a change by somebody else and its repair, because one command causes many
+    // events: deleting a device also removes its next hops and routes.
     static constexpr Loom::Duration settleTime = std::chrono::milliseconds(2);
-    // Until what the kernel refused is tried again.
+    // Delay before refused changes are tried again.
     static constexpr Loom::Duration retryTime = std::chrono::seconds(5);
 
-    // The monitor outlives this. `onProgrammed`: what programmed() returns may
-    // have changed. Raises Vel::Error where the kernel cannot be read.
+    // The monitor must outlive this. `onProgrammed` is called when the result of programmed() may
+    // have changed. Raises Vel::Error if the kernel's objects cannot be read.
     Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, KernelMonitor& monitor,
                std::function<void()> onProgrammed);
 
-    // A path that can be used has come, moved or gone.
+    // The forwarding agent calls these when a path becomes usable, changes its next hop, or stops
+    // being usable.
     void pathIs(uint32_t pathIndex, const PathHop& hop);
     void pathDel(uint32_t pathIndex);
-    // The number of the path's next hop when the kernel has it in every segment; else 0.
+    // The number of the path's next hop; 0 until the kernel has acknowledged it in every segment.
     uint32_t programmed(uint32_t pathIndex);
 
     // The configuration has changed.
     void replan();
     void interfacesChanged();
-    // A route of somebody else's has changed.
+    // A route that the agent did not install has changed.
     void routeChanged(const Message& message);
-    // The kernel may have lost objects: compares all of them.
+    // Compares all objects with the kernel's and restores the difference.
     void repair();
-    // The same, since somebody else has changed one.
+    // The same after `settleTime`. The monitor calls it when somebody else has changed an object.
     void ownChanged();
     // Removes everything from the kernel.
     void clear();
 
-    // Readable when somebody changes nftables.
+    // Readable after any change of nftables; call handleTableReadable() then.
     int tableFd() const { return table_.fd(); }
     void handleTableReadable();
 
     Plan& plan() { return plan_; }
     const ObjectWriter& kernel() const { return kernel_; }
-    // Why nftables refuses the rules; empty if they are in force.
+    // The reason for which nftables refused the rules; empty while they are in effect.
     const std::string& rulesetRefused() const { return rulesetRefused_; }
 
   private:
@@ -91,8 +93,9 @@ class Forwarding {
         Forwarding& forwarding;
         Vel::Subscription rules;
     };
-    using LbEntries = Vel::EntryReactorsOf<VelLbProfileStatusEntry,
-                                           decltype(Nav::LbProfileStatus::lbProfileStatusEntryAttr)>;
+    using LbEntries =
+        Vel::EntryReactorsOf<VelLbProfileStatusEntry,
+                             decltype(Nav::LbProfileStatus::lbProfileStatusEntryAttr)>;
 
     void siteChanged(const Netz::IpGenAddr& site);
     void handleLbStatus();
@@ -116,10 +119,10 @@ class Forwarding {
     TableWatch table_{nftTableName};
     std::string rulesetText_, rulesetRefused_;
     bool adopting_ = false;
-    // What the next commit begins with.
+    // Work for the next commit.
     bool compareAll_ = false, replanAll_ = false, readRoutes_ = false, replanSites_ = false;
-    bool tampered_ = false;  // with the agent's objects, by somebody else
-    std::set<Netz::IpGenAddr> sites_;              // to be replanned in the next commit
+    bool tampered_ = false;            // with the agent's objects, by somebody else
+    std::set<Netz::IpGenAddr> sites_;  // to be replanned in the next commit
     Loom::Task commit_, ruleset_;
     Loom::Timer adoption_, retry_, repair_;
     Vel::Subscription lbStatus_, port_;

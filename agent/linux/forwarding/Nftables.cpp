@@ -16,20 +16,10 @@ Nftables::~Nftables() {
     nft_ctx_free(context_);
 }
 
-std::string Nftables::run(const std::string& text) {
-    nft_ctx_output_set_flags(context_, 0);
-    if (nft_run_cmd_from_buffer(context_, text.c_str()) == 0) return {};
+std::string Nftables::run(const std::string& commands) {
+    if (nft_run_cmd_from_buffer(context_, commands.c_str()) == 0) return {};
     const std::string reason = nft_ctx_get_error_buffer(context_);
     return reason.empty() ? "no reason given" : reason;
-}
-
-std::string Nftables::list(const std::string& text) {
-    nft_ctx_output_set_flags(context_, NFT_CTX_OUTPUT_JSON | NFT_CTX_OUTPUT_NUMERIC_ALL);
-    if (nft_run_cmd_from_buffer(context_, text.c_str()) != 0) {
-        nft_ctx_get_error_buffer(context_);
-        return {};
-    }
-    return nft_ctx_get_output_buffer(context_);
 }
 
 }  // namespace Agent::Linux

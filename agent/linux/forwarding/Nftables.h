@@ -1,4 +1,4 @@
-// libnftables: runs texts of nft(8) as transactions.
+// Runs commands of nft(8) as transactions, by libnftables.
 #pragma once
 
 #include <string>
@@ -14,11 +14,9 @@ class Nftables {
     Nftables(const Nftables&) = delete;
     Nftables& operator=(const Nftables&) = delete;
 
-    // All of the text takes effect, or nothing. Returns the reason of a refusal, empty if it was
-    // done. Blocks for the duration of the transaction, some milliseconds.
-    std::string run(const std::string& text);
-    // What a text that lists prints, as JSON; empty if it is refused.
-    std::string list(const std::string& text);
+    // Either all commands take effect or none. Returns the reason of a refusal, empty on success.
+    // Blocks for the duration of the transaction, some milliseconds.
+    std::string run(const std::string& commands);
 
   private:
     nft_ctx* const context_;

@@ -1,8 +1,8 @@
-// The numbers under which the kernel knows next hops, groups, tables and marks of the agent's: from
-// 0x6e000000 to 0x6effffff, so that they are told from others' at a glance.
+// Numbers of the agent's next hops, groups, tables and marks in the kernel: from 0x6e000000 to
+// 0x6effffff, so that an operator recognises them.
 //
-// A number is made from what it stands for, not from an order of events. So an agent that restarts
-// gives the same numbers again, and finds in the kernel what it made before.
+// A number is computed from the identity of its object, not from the order of events. So a
+// restarted agent computes the same numbers and finds the objects that it made before.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +18,9 @@ class Numbers {
     static constexpr uint32_t first = 0x6e000000;
     static constexpr uint32_t count = 1 << 24;
 
-    // The number of a thing, told from every other by a hash over all that makes it up. Two things
-    // with one home, which a thousand of them have once in thirty agents, get neighbouring numbers
-    // in the order in which they come.
+    // The number of an object. `thing` is a hash of everything that identifies it; its upper 24
+    // bits are the preferred number. If another object has that already (a collision among a
+    // thousand objects happens in one agent of thirty), the next free number is taken.
     uint32_t of(uint64_t thing) {
         const auto [at, isNew] = numbers_.try_emplace(thing, 0);
         if (!isNew) return at->second;

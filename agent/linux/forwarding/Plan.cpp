@@ -32,8 +32,8 @@ constexpr uint32_t tunnelOverhead(bool v6) {
     return (v6 ? 40 : 20) + 8 + 8;  // IP, UDP, VXLAN
 }
 
-// ESP in transport mode: header, initialisation vector, padding to four bytes and its trailer, check
-// value (RFC 4303, RFC 4106), and UDP where a NAT is on the way (RFC 3948).
+// ESP in transport mode: header, initialisation vector, padding to four bytes and its trailer,
+// check value (RFC 4303, RFC 4106), and UDP where a NAT is on the way (RFC 3948).
 constexpr uint32_t espOverhead = 8 + 8 + 3 + 2 + 16 + 8;
 
 IpPrefix host(const IpGenAddr& addr) {
@@ -108,7 +108,8 @@ void Plan::replanAll(const InterfaceView& view) {
     planDevices();
     planApplications();
     std::set<IpGenAddr> sources;
-    for (const auto& [pathIndex, hop] : paths_) planPath(pathIndex), sources.insert(hop.path.srcAddr);
+    for (const auto& [pathIndex, hop] : paths_)
+        planPath(pathIndex), sources.insert(hop.path.srcAddr);
     for (const IpGenAddr& source : sources) planSource(source);
     replanSites();
 }
@@ -156,10 +157,9 @@ void Plan::planApplications() {
             const uint32_t mark = markOf(vrf, appId);
             applications_.emplace(mark, std::pair(vrf, appId));
             for (const bool v6 : {false, true})
-                insert(objects, Rule{.priority = applicationPriority,
-                                     .v6 = v6,
-                                     .table = mark,
-                                     .mark = mark});
+                insert(
+                    objects,
+                    Rule{.priority = applicationPriority, .v6 = v6, .table = mark, .mark = mark});
         }
     replace(Applications{}, objects);
 }
@@ -190,7 +190,8 @@ uint32_t Plan::nexthopId(const Segment& segment, const Nav::PathKey& path) {
 
 std::vector<ObjectKey> Plan::nexthopsOf(const Nav::PathKey& path) {
     std::vector<ObjectKey> keys;
-    for (const auto& [vrf, segment] : segments_) keys.push_back(Nexthop::Key{nexthopId(segment, path)});
+    for (const auto& [vrf, segment] : segments_)
+        keys.push_back(Nexthop::Key{nexthopId(segment, path)});
     return keys;
 }
 
@@ -212,12 +213,13 @@ void Plan::planSource(const IpGenAddr& source) {
     const uint32_t table = numbers_.of(thing(Thing::source, source.mix()));
     for (const auto& [pathIndex, hop] : paths_) {
         if (hop.path.srcAddr != source) continue;
-        insert(objects, Route{.table = table,
-                              .prefix = host(hop.path.dstAddr),
-                              .metric = ownMetric,
-                              .action = Route::Action::via,
-                              .gateway = hop.gateway == hop.path.dstAddr ? IpGenAddr() : hop.gateway,
-                              .ifIndex = hop.ifIndex});
+        insert(objects,
+               Route{.table = table,
+                     .prefix = host(hop.path.dstAddr),
+                     .metric = ownMetric,
+                     .action = Route::Action::via,
+                     .gateway = hop.gateway == hop.path.dstAddr ? IpGenAddr() : hop.gateway,
+                     .ifIndex = hop.ifIndex});
     }
     if (!objects.empty()) {
         insert(objects, Route{.table = table,
@@ -308,8 +310,8 @@ void Plan::planOthers() {
 void Plan::addMember(NexthopGroup& group, const Segment& segment, uint32_t pathIndex) {
     const auto path = paths_.find(pathIndex);
     if (path == paths_.end()) return;
-    group.members.push_back({nexthopId(segment, path->second.path),
-                             std::clamp<uint32_t>(path->second.weight, 1, 256)});
+    group.members.push_back(
+        {nexthopId(segment, path->second.path), std::clamp<uint32_t>(path->second.weight, 1, 256)});
 }
 
 NexthopGroup Plan::group(const Segment& segment, const IpGenAddr& site, uint32_t appId) {

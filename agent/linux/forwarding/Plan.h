@@ -1,23 +1,25 @@
 // What the kernel must hold so that packets take the paths that path selection decided, computed
-// from published state and the forwarding configuration. Nothing is decided here and nothing done.
+// from published state and the forwarding configuration. It decides nothing and changes nothing.
 //
 // In each VRF with a segment:
 //
 // - a tunnel device, and a next hop for each path that is up;
-// - for each application that the VRF's policy names a table, which a rule by the packets' mark
-//   leads to. It has a route for each prefix behind each site, to a group of next hops: the members
-//   of the load-balance id that have the best priority. Without a member the route is
-//   "unreachable": packets that the policy keeps off a path never take another one. Where the VRF
-//   has a more specific route of somebody else's, the table leaves the decision to that;
-// - a table of the same kind for packets that no rule takes, unless the policy has a default rule:
-//   over all paths to the site;
-// - in the VRF's own table the same prefixes, which lead the router's own packets to the tunnel
+// - a table for each application that the VRF's policy names, selected by the mark of its packets.
+// It
+//   has a route for each prefix behind each site. The route leads to a group of next hops: the
+//   members of the load-balance id with the best priority. Without a member it is "unreachable", so
+//   that packets never take a path that the policy does not allow. Where the VRF has a more
+//   specific route from somebody else, a "throw" route leaves the decision to that route;
+// - such a table for packets that match no rule, if the policy has no default rule: its routes lead
+//   to all paths of a site;
+// - routes for the same prefixes in the VRF's table. They lead the router's own packets to the
+// tunnel
 //   device, where they are classified;
-// - for each source address of a path a table, which a rule for the tunnel's packets leads to, that
-//   pins each path to its own interface whatever the main table prefers.
+// - a table for each source address of a path, selected by source address and UDP port. It pins the
+//   tunnel packets of a path to its interface, whatever the main table prefers.
 //
-// The objects are planned in slices, each of which is replaced whole when what it depends on
-// changes, so that an event costs what it concerns.
+// Objects are planned in slices. A slice is replaced as a whole when its inputs change, so that an
+// event costs no more than the objects it concerns.
 #pragma once
 
 #include <functional>
@@ -47,7 +49,7 @@ struct Segment {
     bool operator==(const Segment&) const = default;
 };
 
-// A path that can carry packets as far as the underlay goes.
+// A path whose next hop is known.
 struct PathHop {
     Nav::PathKey path;
     Netz::IpGenAddr gateway;
@@ -61,28 +63,28 @@ struct PathHop {
 // The priorities of the agent's rules. Both come before those of VRF devices (1000).
 inline constexpr uint32_t pinPriority = 110;
 inline constexpr uint32_t applicationPriority = 111;
-// Of routes in tables that are the agent's alone.
+// Metric of routes in the agent's own tables.
 inline constexpr uint32_t ownMetric = 110;
-// Of routes in the VRF's table: everybody else's are preferred. A routing daemon reads the highest
-// byte as administrative distance; 255 never is the best.
+// Metric of routes in the VRF's table: routes from anybody else are preferred. A routing daemon
+// reads the highest byte as administrative distance, and never selects a route of distance 255.
 inline constexpr uint32_t lastMetric = 0xff000000 | ownMetric;
 
-// Stands for the packets that no rule of the policy takes.
+// In place of an application id: packets that match no rule of the policy.
 inline constexpr uint32_t noApplication = 0xFFFFFFFF;
 
 class Plan {
   public:
-    // `routes` outlives this.
+    // `routes` must outlive this.
     Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& routes);
 
     using Segments = std::map<L3::VrfName, Segment>;
-    // The segments of the configuration that the interfaces allow.
+    // The configured segments whose VRF exists.
     Segments segmentsIn(const InterfaceView& view) const;
 
-    // Each recomputes what depends on it.
+    // Each recomputes the objects that depend on its subject.
     void replanAll(const InterfaceView& view);
-    // A second path with the addresses of another one, in another VRF, is left out: the kernel
-    // tells their packets apart by addresses alone.
+    // A second path with the same addresses in another VRF is ignored, because the kernel tells
+    // tunnel packets apart by their addresses only.
     void pathIs(uint32_t pathIndex, const PathHop& hop);
     void pathDel(uint32_t pathIndex);
     void replanSite(const Netz::IpGenAddr& site);
@@ -107,18 +109,33 @@ class Plan {
     using Prefixes = std::map<Netz::IpGenAddr, std::set<IpPrefix>>;
     // Of a VRF with a segment.
     const Prefixes& prefixes(const L3::VrfName& vrf) const { return prefixes_.at(vrf); }
-    // The usable members of the best priority, of `noApplication` all usable paths; none if the site
-    // is unreachable.
+    // The usable members of the best priority, of `noApplication` all usable paths; none if the
+    // site is unreachable.
     NexthopGroup group(const Segment& segment, const Netz::IpGenAddr& site, uint32_t appId);
     uint32_t nexthopId(const Segment& segment, const Nav::PathKey& path);
 
   private:
-    struct Devices { auto operator<=>(const Devices&) const = default; };
-    struct Applications { auto operator<=>(const Applications&) const = default; };
-    struct Source { Netz::IpGenAddr addr; auto operator<=>(const Source&) const = default; };
-    struct PathNexthops { uint32_t pathIndex; auto operator<=>(const PathNexthops&) const = default; };
-    struct SiteRoutes { Netz::IpGenAddr site; auto operator<=>(const SiteRoutes&) const = default; };
-    struct Others { auto operator<=>(const Others&) const = default; };
+    struct Devices {
+        auto operator<=>(const Devices&) const = default;
+    };
+    struct Applications {
+        auto operator<=>(const Applications&) const = default;
+    };
+    struct Source {
+        Netz::IpGenAddr addr;
+        auto operator<=>(const Source&) const = default;
+    };
+    struct PathNexthops {
+        uint32_t pathIndex;
+        auto operator<=>(const PathNexthops&) const = default;
+    };
+    struct SiteRoutes {
+        Netz::IpGenAddr site;
+        auto operator<=>(const SiteRoutes&) const = default;
+    };
+    struct Others {
+        auto operator<=>(const Others&) const = default;
+    };
     using Slice = std::variant<Devices, Applications, Source, PathNexthops, SiteRoutes, Others>;
 
     void replace(const Slice& slice, const Objects& objects);

@@ -141,8 +141,8 @@ class Writer {
     std::string text() {
         out_ << "add table " << nftTable << "\n"
              << "flush table " << nftTable << "\n";
-        for (const auto& [name, addr] : {std::pair("packets4", "ipv4_addr"),
-                                         std::pair("packets6", "ipv6_addr")})
+        for (const auto& [name, addr] :
+             {std::pair("packets4", "ipv4_addr"), std::pair("packets6", "ipv6_addr")})
             out_ << "add set " << nftTable << " " << name << " { type mark . " << addr << " . "
                  << addr << "; size 65535; flags dynamic, timeout; timeout 1h; counter; }\n";
         port_ = "udp dport " + std::to_string(in_.cliConfig->udpPortConfig());
@@ -249,19 +249,23 @@ class Writer {
         for (const bool v6 : {false, true}) {
             const std::string ip = v6 ? "ip6" : "ip", pair = ip + " saddr . " + ip + " daddr ";
             if (!secured[v6].empty()) {
-                rule("tunnels_in", port_ + " " + pair + setOf(secured[v6]) + " meta secpath missing counter drop");
-                rule("tunnels_out", port_ + " " + pair + setOf(securedOut[v6]) + " rt ipsec missing counter drop");
+                rule("tunnels_in", port_ + " " + pair + setOf(secured[v6]) +
+                                       " meta secpath missing counter drop");
+                rule("tunnels_out",
+                     port_ + " " + pair + setOf(securedOut[v6]) + " rt ipsec missing counter drop");
             }
             if (!peers[v6].empty())
-                rule("tunnels_in", port_ + " " + pair + ". iifname " + setOf(peers[v6]) + " accept");
+                rule("tunnels_in",
+                     port_ + " " + pair + ". iifname " + setOf(peers[v6]) + " accept");
         }
         if (!plan_.segments().empty()) rule("tunnels_in", port_ + " counter drop");
     }
 
     void counting() {
         for (const auto& [set, ip] : {std::pair("packets4", "ip"), std::pair("packets6", "ip6")})
-            rule("tunnels_out", port_ + " meta mark " + ownMark + " ct mark set meta mark update @" +
-                                    set + " { meta mark . " + ip + " saddr . " + ip + " daddr }");
+            rule("tunnels_out", port_ + " meta mark " + ownMark +
+                                    " ct mark set meta mark update @" + set + " { meta mark . " +
+                                    ip + " saddr . " + ip + " daddr }");
     }
 
     const Nav::NavInputs& in_;

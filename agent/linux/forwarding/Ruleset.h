@@ -1,14 +1,15 @@
-// The nftables rules of the agent's own table, as the text of one transaction: it makes the table
-// if it is missing, and replaces every rule in it, so that no packet ever sees half of them.
+// The nftables rules of the agent, as the commands of one transaction. It creates the table if it
+// is missing and replaces all rules in it, so that each packet sees either the old or the new
+// rules.
 //
 // The table `inet nav`:
 //
-// - gives each flow the mark of its application, when its first packet comes from either side, and
-//   keeps it in the conntrack mark;
-// - lets tunnel packets in only from the destination of a configured path to its source, on the
-//   path's interface, and lets a secured path neither take nor send them unprotected;
-// - fits TCP's segments to the tunnel;
-// - counts what each path carries of each application, in sets that a new ruleset keeps.
+// - assigns each flow the mark of its application by its first packet, from either side, and stores
+//   it in the conntrack mark;
+// - accepts tunnel packets only from the destination of a configured path to its source, on the
+//   path's interface, and drops unprotected tunnel packets of a secured path in both directions;
+// - clamps the TCP maximum segment size to the tunnel's MTU;
+// - counts packets and bytes by application and path, in sets that survive a new ruleset.
 #pragma once
 
 #include <string>
@@ -23,17 +24,17 @@ inline constexpr const char* nftTable = "inet nav";
 
 // The packets of an application in one VRF.
 struct ApplicationMark {
-    const ApplicationConfig* application;  // null: all that no other application has
+    const ApplicationConfig* application;  // null: the packets that no other application matches
     uint32_t mark;
 };
 
-// The applications of a VRF in the order in which its policy tries them; the last one takes all.
+// The applications of a VRF in the order of its policy's rules; the last one matches every packet.
 std::vector<ApplicationMark> applicationsOf(const Nav::NavInputs& inputs,
                                             const ForwardingConfig& config, const Segment& segment,
                                             Plan& plan);
 
-// What a rule matches for the packets of an application, in the words of nft: at least one
-// expression, each for a rule. "ip dscp { 46 }".
+// The expressions of nft that match the packets of an application, one for each rule: for example
+// "ip dscp { 46 }". Empty if the match allows neither address family.
 std::vector<std::string> expressionsOf(const ApplicationMatchConfig& match);
 
 std::string rulesetOf(const Nav::NavInputs& inputs, const ForwardingConfig& config,

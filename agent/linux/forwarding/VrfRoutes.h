@@ -1,8 +1,8 @@
-// The routes of others in the tables of VRFs with a segment: which prefixes a routing daemon has
-// learned over the tunnels, and which lie elsewhere.
+// The routes in the tables of VRFs with a segment that the agent did not install: prefixes that a
+// routing daemon has learned over the tunnels, and prefixes with other routes.
 //
-// Filled by a dump, kept in step by the kernel's events. The kernel removes IPv4 routes without an
-// event when a link goes down, so the owner has them read again then.
+// Filled by a dump and updated by the kernel's events. The kernel removes IPv4 routes without an
+// event when a link goes down; the owner must call read() again then.
 #pragma once
 
 #include <map>

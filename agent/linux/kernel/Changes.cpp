@@ -129,8 +129,7 @@ void Changes::address(uint16_t type, uint16_t flags, uint32_t ifIndex,
     begin(type, flags, header);
     writer_.attribute(IFA_LOCAL, addr.addr);
     writer_.attribute(IFA_ADDRESS, addr.addr);
-    if (type == RTM_NEWADDR)
-        writer_.attribute(IFA_FLAGS, uint32_t{IFA_F_NODAD});
+    if (type == RTM_NEWADDR) writer_.attribute(IFA_FLAGS, uint32_t{IFA_F_NODAD});
 }
 
 size_t Changes::addressIs(uint32_t ifIndex, const Netz::IpAddrWithMask& addr) {

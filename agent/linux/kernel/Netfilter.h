@@ -1,5 +1,5 @@
-// What nftables and conntrack have counted of the agent's packets, and whether somebody else
-// touches its table. Formats: <linux/netfilter/nf_tables.h>,
+// Counts of the tunnel packets from nftables and conntrack, and notification when somebody else
+// changes the agent's table. Formats: <linux/netfilter/nf_tables.h>,
 // <linux/netfilter/nfnetlink_conntrack.h>.
 #pragma once
 
@@ -42,7 +42,8 @@ class FlowCount {
     explicit FlowCount(std::function<void(Counts)> done);
 
     int fd() const { return socket_.fd(); }
-    // Begins a count of the connections to the port whose mark has these bits, unless one is under way.
+    // Begins a count of the connections to the port whose mark has these bits, unless one is under
+    // way.
     void start(uint16_t udpPort, uint32_t mark, uint32_t mask);
     // Call while fd() is readable.
     void handleReadable();
@@ -56,13 +57,13 @@ class FlowCount {
     Counts counts_;
 };
 
-// Tells of changes of a table that others make.
+// Notices changes of a table of nftables.
 class TableWatch {
   public:
     explicit TableWatch(std::string table);
 
     int fd() const { return socket_.fd(); }
-    // Takes what has been announced. Returns whether the table was concerned, or events were lost.
+    // Reads all queued events. Returns whether one concerns the table, or events were lost.
     bool changed();
 
   private:

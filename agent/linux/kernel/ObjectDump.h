@@ -1,4 +1,4 @@
-// Reads the agent's own objects from the kernel: what bears `ownProtocol` or is in `ownLinkGroup`.
+// Reads the agent's objects from the kernel: those with `ownProtocol` or in `ownLinkGroup`.
 #pragma once
 
 #include "agent/linux/kernel/NetlinkSocket.h"
@@ -6,7 +6,7 @@
 
 namespace Agent::Linux {
 
-// Empty if they cannot be read, or changed all the time.
+// Nothing if the kernel refuses, or if objects changed during each of four attempts.
 std::optional<Objects> readObjects(RequestSocket& requests);
 
 }  // namespace Agent::Linux

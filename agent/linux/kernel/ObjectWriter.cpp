@@ -20,10 +20,9 @@ const T* find(const Objects& objects, const ObjectKey& key) {
 // Packets of a tunnel come by any path, and the router forwards them.
 void allowForwarding(const Netz::IntfId& name) {
     const std::string link(name.str());
-    for (const auto& [place, value] :
-         {std::pair("ipv4/conf/" + link + "/rp_filter", "0"),
-          std::pair("ipv4/conf/" + link + "/forwarding", "1"),
-          std::pair("ipv6/conf/" + link + "/forwarding", "1")})
+    for (const auto& [place, value] : {std::pair("ipv4/conf/" + link + "/rp_filter", "0"),
+                                       std::pair("ipv4/conf/" + link + "/forwarding", "1"),
+                                       std::pair("ipv6/conf/" + link + "/forwarding", "1")})
         if (!(std::ofstream("/proc/sys/net/" + place) << value << std::flush))
             DUOLOG(linuxTrace, 3, "net/", place, " cannot be set to ", value);
 }
@@ -127,8 +126,10 @@ size_t ObjectWriter::commit() {
     for (const auto& [key, object] : batch) {
         if (refused.contains(key)) continue;
         refused_.erase(key);
-        if (object) present_.insert_or_assign(key, *object);
-        else present_.erase(key);
+        if (object)
+            present_.insert_or_assign(key, *object);
+        else
+            present_.erase(key);
     }
     for (auto& [key, reason] : refused) refused_.insert_or_assign(key, std::move(reason));
     return batch.size();

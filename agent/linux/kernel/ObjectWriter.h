@@ -1,7 +1,8 @@
-// Brings the kernel's objects to a wanted value: makes before it breaks, in one batch.
+// Makes the kernel's objects equal to wanted ones, in one batch: creates and replaces first,
+// removes last.
 //
-// Keeps what the kernel has acknowledged as `present()`. On the event thread; a batch is sent
-// within the call.
+// present() are the objects that the kernel has acknowledged. On the event thread; each batch is
+// sent and acknowledged within the call.
 #pragma once
 
 #include <functional>
@@ -23,16 +24,16 @@ class ObjectWriter {
 
     // Reads the agent's objects from the kernel. False if that fails: then present() is as before.
     bool read();
-    // Makes the objects with the keys given as in `wanted`, where an absent one is to be removed.
-    // Returns how many changes were tried.
+    // Makes the objects of the given keys equal to those in `wanted`; removes those that `wanted`
+    // lacks. Returns the number of changes sent.
     size_t apply(const Objects& wanted, const std::set<ObjectKey>& keys, Scope scope = Scope::all);
 
-    // Of the socket that makes the changes.
+    // Port of the socket that sends the changes, by which the monitor recognises their events.
     uint32_t port() const { return requests_.port(); }
 
     const Objects& present() const { return present_; }
     bool present(const ObjectKey& key) const { return present_.contains(key); }
-    // What is wanted and refused. An object leaves it when it is made or not wanted any more.
+    // The wanted objects that the kernel refused, until they are created or no longer wanted.
     const Refused& refused() const { return refused_; }
 
   private:

@@ -34,9 +34,9 @@ struct DescribeKey {
 struct Describe : DescribeKey {
     using DescribeKey::operator();
     std::string operator()(const Tunnel& tunnel) const {
-        return (*this)(tunnel.key()) + " vni " + std::to_string(tunnel.vni) +
-               " port " + std::to_string(tunnel.udpPort) + " mtu " + std::to_string(tunnel.mtu) +
-               " address " + tunnel.address.stringValue();
+        return (*this)(tunnel.key()) + " vni " + std::to_string(tunnel.vni) + " port " +
+               std::to_string(tunnel.udpPort) + " mtu " + std::to_string(tunnel.mtu) + " address " +
+               tunnel.address.stringValue();
     }
     std::string operator()(const Nexthop& nexthop) const {
         return (*this)(nexthop.key()) + " vni " + std::to_string(nexthop.vni) + " src " +
@@ -51,10 +51,14 @@ struct Describe : DescribeKey {
     std::string operator()(const Route& route) const {
         std::string text = (*this)(route.key());
         switch (route.action) {
-            case Route::Action::nexthop: return text + " nhid " + hex(route.nexthopId);
-            case Route::Action::unreachable: return text + " unreachable";
-            case Route::Action::next: return text + " throw";
-            case Route::Action::via: break;
+            case Route::Action::nexthop:
+                return text + " nhid " + hex(route.nexthopId);
+            case Route::Action::unreachable:
+                return text + " unreachable";
+            case Route::Action::next:
+                return text + " throw";
+            case Route::Action::via:
+                break;
         }
         if (!route.gateway.isZero()) text += " via " + route.gateway.stringValue();
         return text + " dev " + std::to_string(route.ifIndex);

@@ -1,10 +1,9 @@
-// What the agent makes the kernel hold so that packets take the paths decided: values, each of a
-// kind, and one map of all of them. The kernel's side of it is read by ObjectDump and changed by
-// ObjectWriter.
+// The kernel objects by which the agent forwards, as values, and a map that holds all of them.
+// ObjectDump reads them from the kernel, ObjectWriter changes the kernel.
 //
-// The order of the kinds is the order in which objects are made, since each uses those before it;
-// they are removed in the reverse order. Everything bears `ownProtocol` where the kernel has room
-// for it, a device is in `ownLinkGroup`, so that a restarted agent finds its objects.
+// Objects are created in the order of their kinds, because each kind uses those before it, and
+// removed in the reverse order. Next hops, routes and rules have the protocol `ownProtocol`,
+// devices the group `ownLinkGroup`, so that a restarted agent finds its objects.
 #pragma once
 
 #include <compare>
@@ -42,7 +41,7 @@ struct Tunnel {
     bool operator==(const Tunnel&) const = default;
 };
 
-// Packets leave encapsulated, by a tunnel device. Serves routes of both address families.
+// Encapsulates packets and sends them by a tunnel device. For routes of both address families.
 struct Nexthop {
     struct Key {
         uint32_t id = 0;
@@ -58,8 +57,8 @@ struct Nexthop {
     bool operator==(const Nexthop&) const = default;
 };
 
-// Flows are spread over the members by weight. The group is resilient: flows stay with a member
-// that stays, and only those of a removed member move.
+// Spreads flows over its members by weight. The group is resilient: when a member is removed, only
+// its flows move.
 struct NexthopGroup {
     struct Member {
         uint32_t id = 0;
@@ -102,8 +101,7 @@ struct Route {
     bool operator==(const Route&) const = default;
 };
 
-// Packets that meet every condition given are looked up in a table. A rule has no more than its
-// key.
+// Packets that meet all given conditions are looked up in a table. A rule is its own key.
 struct Rule {
     using Key = Rule;
     uint32_t priority = 0;
@@ -130,9 +128,9 @@ inline void insert(Objects& objects, Object object) {
     objects.insert_or_assign(keyOf(object), std::move(object));
 }
 
-// As `ip` would show it, in a line.
+// One line, similar to the output of ip(8).
 std::string textOf(const Object& object);
-// The same of what names it.
+// The same for a key.
 std::string textOf(const ObjectKey& key);
 
 }  // namespace Agent::Linux
