@@ -150,11 +150,11 @@ class ForwardingTest(unittest.TestCase):
         everything = self.traffic.streams
         self.await_over(by[voice], "mpls")
         self.await_over(by[web] + by[guests], "internet")
+        self.assertEqual(set.union(*self.providers_of(by[rest]).values()), set(providers))
         for provider, moving, without in (("mpls", voice, []), ("internet", web, by[guests])):
             other = next(each for each in providers if each != provider)
             carrying, firsts = self.providers_of(everything), self.firsts()
             self.assertEqual(set(map(len, carrying.values())), {1}, "a flow has one path")
-            self.assertEqual(set.union(*(carrying[stream] for stream in by[rest])), set(providers))
             # One link first: site 1 knows at once, the others cannot know without the second.
             self.lab.links(provider, "down", [1])
             moved = [each for each in everything if carrying[each] == {provider} and
