@@ -101,6 +101,8 @@ NavPathGroupDirSm::NavPathGroupDirSm(const Inputs& inputs)
           Vel::Subscription::to<static_cast<void (NavPathGroupDirSm::*)(const Vel::Name&)>(
               &NavPathGroupDirSm::handlePathGroup)>(*in_.cliConfig,
                                                     NavCliConfig::pathGroupConfigAttr, this)),
+      navConfigured_(Vel::Subscription::to<&NavPathGroupDirSm::createWaiting>(
+          *in_.cliConfig, NavCliConfig::navConfiguredAttr, this)),
       vrfStatus_(*this, *in_.routingHwRouteStatus, Routing::Hardware::RouteStatus::vrfStatusAttr),
       ipIntfStatus_(*this, *in_.ipStatus, Ip::Status::ipIntfStatusAttr) {}
 
@@ -123,6 +125,7 @@ void NavPathGroupDirSm::handleInitialized() {
 void NavPathGroupDirSm::doCleanup() {
     DUOLOG_ENTRY(pathTrace);
     ended_ = true;
+    waiting_.clear();
     vrfStatus_.clear();
     ipIntfStatus_.clear();
     for (const auto& group : navPathGroupSm_.all())
@@ -331,7 +334,12 @@ void NavPathGroupDirSm::remove(Removal removal) {
         } const count{++removals_};
         removal();
     }
-    while (removals_ == 0 && !waiting_.empty()) {
+    createWaiting();
+}
+
+void NavPathGroupDirSm::createWaiting() {
+    const Vel::Hold hold;
+    while (!mayWait() && !waiting_.empty()) {
         const auto [claim, dst] = waiting_.front();
         waiting_.erase(waiting_.begin());
         if (NavPathGroupSm* group = navPathGroupSm_(claim.siteGroupKey.name))
@@ -388,7 +396,7 @@ void NavPathGroupDirSm::addPathToConfig(const PathKey& pathKey, const SiteGroupK
     const PathClaim claim{intf, siteGroupKey, vrfName};
     const auto found = paths_.find(pathKey);
     if (found == paths_.end()) {
-        if (!freePathIds() && removals_ > 0) {
+        if (!freePathIds() && mayWait()) {
             DUOLOG(pathTrace, 7, "Path ", pathKey, " waits for an index");
             waiting_.emplace_back(claim, pathKey.dstAddr);
             return;

@@ -110,6 +110,10 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     // Withdraws the claims of a group whose profile was cleared, as long as it has none.
     void handleProfileCleared(NavPathGroupSm& group);
 
+    // Whether indices are about to become free: a removal is running, or the feature has been
+    // switched off and the container is about to be told.
+    bool mayWait() const { return removals_ > 0 || !in_.cliConfig->navConfigured(); }
+    void createWaiting();
     bool freePathIds() const { return !freePathId_.empty(); }
     void freePathIdEnq(U16 index) { freePathId_.enq(index); }
     U16 freePathIdDeq() { return freePathId_.deq(); }
@@ -174,8 +178,8 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     FreeIdQueue freePathId_;    // exactly the indices that no path in paths_ uses
     U32 publications_ = 0;      // number of publications and deletions begun
     U32 removals_ = 0;          // calls of remove() that are running
-    // Claims made during a removal while no index was free, each with the path's destination, in
-    // the order they were made. Empty while no removal is running.
+    // Claims made while no index was free and mayWait(), each with the path's destination, in the
+    // order they were made. Empty while paths may not wait.
     std::vector<std::pair<PathClaim, Netz::IpGenAddr>> waiting_;
     std::unordered_map<PathKey, Path, PathKeyHash> paths_;
     // The groups that list each interface, in the order they were added, never empty.
@@ -185,7 +189,7 @@ class NAV_EXPORT NavPathGroupDirSm final : public Vel::Reactor {
     // The interfaces in each VRF, never empty.
     std::unordered_map<L3::VrfName, std::set<Netz::IntfId>> vrfToIntf_;
     Vel::ReactorMap<Vel::String, NavPathGroupSm> navPathGroupSm_;
-    Vel::Subscription pathGroupConfig_;
+    Vel::Subscription pathGroupConfig_, navConfigured_;
     Vel::EntryReactorsOf<VelVrfStatus, decltype(Routing::Hardware::RouteStatus::vrfStatusAttr)>
         vrfStatus_;
     Vel::EntryReactorsOf<VelIpIntfStatus, decltype(Ip::Status::ipIntfStatusAttr)> ipIntfStatus_;

@@ -176,7 +176,8 @@ TEST_F(Nested, WithAllIndicesInUse) {
                                       del(full + "/localIntf[et5]"),
                                       text(full + "/ipsecProfile", ""),
                                       text(et5, "0.0.0.0/0"),
-                                      del("/ipStatusDir/ipIntfStatus[et5]")};
+                                      del("/ipStatusDir/ipIntfStatus[et5]"),
+                                      set("/cliConfig/navConfigured", {false})};
     const std::vector<Event> additions{set(g1 + "/localIntf[et3]"),  // a path, then two
                                        set(g2 + siteB + "/remoteVia[192.0.2.9]")};
     matrix(true, fill, removals, additions);
