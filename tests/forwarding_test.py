@@ -408,7 +408,7 @@ class ForwardingTest(unittest.TestCase):
                            "sh", "-c", '"$0" "$@"; exit $?', f"/usr/lib/frr/{daemon}", *options, cwd=place, stderr=subprocess.DEVNULL)
             await_(f"{daemon} is there", lambda name=f"{place}/{daemon}.pid": os.path.exists(name))
 
-    @unittest.skipUnless(os.path.exists("/usr/lib/frr/bgpd"), "FRR's bgpd not found (package frr)")
+    @unittest.skipUnless(os.path.exists("/usr/lib/frr/bgpd"), "bgpd not found (package frr)")
     def test_routes_of_bgp_are_followed(self):
         streams = {}
         for site, other in ((1, 2), (2, 3), (3, 1)):
