@@ -43,7 +43,7 @@ def call(function, *arguments):
         raise OSError(error, f"{function}: {os.strerror(error)}")
 
 
-def await_(what, condition, patience=30):
+def await_(what, condition, patience=60):
     """The first true value of the condition."""
     end = time.monotonic() + patience
     while not (value := condition()):

@@ -19,9 +19,8 @@ import tempfile
 import time
 import unittest
 
-from products import main, programs, source
+from products import main, programs  # which adds scripts/ to the path
 
-sys.path.insert(0, f"{source}/scripts")
 from netlab import (Lab, Unavailable, await_, gateway, host, outside, port,  # noqa: E402
                     providers, router, sites, tunnel)
 from traffic import Bulk, Traffic, open_socket  # noqa: E402

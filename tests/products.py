@@ -6,10 +6,11 @@ import signal
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
 build, source = (os.path.abspath(argument) for argument in sys.argv[1:3])
+sys.path.insert(0, f"{source}/scripts")
+from netlab import await_  # noqa: E402, F401
 # In front of a command: ends it with the test, however that ends.
 tied = ["setpriv", "--pdeathsig", "KILL"]
 programs = {"nav-agent": f"{build}/agent/host/nav-agent", "navctl": f"{build}/navctl/navctl",
@@ -17,16 +18,6 @@ programs = {"nav-agent": f"{build}/agent/host/nav-agent", "navctl": f"{build}/na
 branch = [f"--config={source}/examples/branch/branch.json",
           f"--world={source}/examples/branch/world.json"]
 patience = 60  # seconds
-
-
-def await_(what, condition):
-    """The first true value of the condition."""
-    end = time.monotonic() + patience
-    while not (value := condition()):
-        if time.monotonic() > end:
-            raise AssertionError(f"waited {patience} s in vain until {what}")
-        time.sleep(0.01)  # between two looks
-    return value
 
 
 class Products(unittest.TestCase):
