@@ -139,6 +139,7 @@ void FlowCount::handleReadable() {
                     ++counts_[*flow];
             }
         });
+        if (read == NetlinkSocket::Read::overrun) running_ = false;  // its end may be lost, too
         if (read != NetlinkSocket::Read::data) break;
     }
     if (!done || !running_) return;
