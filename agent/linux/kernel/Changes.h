@@ -37,7 +37,6 @@ class Changes {
     size_t routeDel(const Route::Key& key);
     size_t ruleIs(const Rule& rule);
     size_t ruleDel(const Rule& rule);
-    bool empty() const { return requests_.empty(); }
 
     struct Refusal {
         size_t position;

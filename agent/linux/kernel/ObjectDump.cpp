@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "agent/linux/kernel/FibLookup.h"
+
 namespace Agent::Linux {
 
 namespace {
@@ -81,30 +83,25 @@ void takeEncap(Nexthop& nexthop, Bytes encap, unsigned family) {
     }
 }
 
-std::vector<NexthopGroup::Member> membersOf(Bytes data) {
-    std::vector<NexthopGroup::Member> members;
-    for (; auto member = readAs<nexthop_grp>(data); data = dropFront(data, sizeof(nexthop_grp)))
-        members.push_back({member->id, member->weight + 1U});
-    std::ranges::sort(members);
-    return members;
-}
-
 void takeNexthop(Objects& objects, const Message& message) {
     const auto header = message.header<nhmsg>();
     if (message.type != RTM_NEWNEXTHOP || !header || header->nh_protocol != ownProtocol) return;
-    Nexthop nexthop;
-    NexthopGroup group;
+    const NexthopObject object = parseNexthop(message);
+    Nexthop nexthop{.ifIndex = object.via.ifIndex};
     uint16_t encapType = 0;
     Bytes encap;
     for (const NetlinkAttribute& attribute : attributesAfter<nhmsg>(message)) {
-        if (attribute.type == NHA_ID) nexthop.id = group.id = attribute.u32().value_or(0);
-        if (attribute.type == NHA_OIF) nexthop.ifIndex = attribute.u32().value_or(0);
+        if (attribute.type == NHA_ID) nexthop.id = attribute.u32().value_or(0);
         if (attribute.type == NHA_ENCAP_TYPE)
             encapType = readAs<uint16_t>(attribute.data).value_or(0);
         if (attribute.type == NHA_ENCAP) encap = attribute.data;
-        if (attribute.type == NHA_GROUP) group.members = membersOf(attribute.data);
     }
-    if (!group.members.empty()) return insert(objects, group);
+    if (!object.group.empty()) {
+        NexthopGroup group{nexthop.id, {}};
+        for (const auto& member : object.group) group.members.push_back({member.id, member.weight});
+        std::ranges::sort(group.members);
+        return insert(objects, group);
+    }
     takeEncap(nexthop, encap, encapType == LWTUNNEL_ENCAP_IP6 ? AF_INET6 : AF_INET);
     insert(objects, nexthop);
 }
