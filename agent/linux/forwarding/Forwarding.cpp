@@ -67,8 +67,7 @@ void Forwarding::handleLbStatus() {
 }
 
 void Forwarding::pathIs(uint32_t pathIndex, const PathHop& hop) {
-    plan_.pathIs(pathIndex, hop);
-    commitLater();
+    if (plan_.pathIs(pathIndex, hop)) commitLater();
 }
 
 // A path that carries traffic has gone, so the decisions of now are better than those of before.
@@ -95,7 +94,7 @@ void Forwarding::siteChanged(const Netz::IpGenAddr& site) {
 }
 
 void Forwarding::replan() {
-    replanAll_ = true;
+    replanAll_ = rulesetDue_ = true;
     commitLater();
 }
 
@@ -115,6 +114,7 @@ void Forwarding::interfacesChanged() {
         replan();
         repair();
     }
+    rulesetDue_ = true;
     readRoutes_ = true;  // the kernel removes those of a link that goes down without an event
     commitLater();
 }
@@ -131,12 +131,20 @@ void Forwarding::readRoutes() {
         tables.insert(segment.table);
         tunnels.insert(segment.tunnelIndex);
     }
-    if (!routes_.read(requests_, tables, tunnels)) retry_.armIn(retryTime);
+    switch (routes_.read(requests_, tables, tunnels)) {
+        case VrfRoutes::Read::failed:
+            return retry_.armIn(retryTime);
+        case VrfRoutes::Read::same:
+            return;
+        case VrfRoutes::Read::changed:
+            break;
+    }
     replanSites_ = true;
+    commitLater();
 }
 
 void Forwarding::repair() {
-    compareAll_ = readRoutes_ = true;
+    compareAll_ = readRoutes_ = rulesetDue_ = true;
     commitLater();
 }
 
@@ -149,8 +157,10 @@ void Forwarding::commitLater() {
     in_.scheduler->post(commit_);
 }
 
+// Paths that have failed come first: others' routes are read, and rules replaced, after the batch.
+// A new segment needs the routes before.
 void Forwarding::commit() {
-    if (std::exchange(readRoutes_, false)) readRoutes();
+    if (replanAll_ && std::exchange(readRoutes_, false)) readRoutes();
     if (replanAll_)
         plan_.replanAll(monitor_.interfaces());
     else if (replanSites_)
@@ -164,8 +174,12 @@ void Forwarding::commit() {
         for (const auto& [key, object] : plan_.wanted()) keys.insert(key);
         for (const auto& [key, object] : kernel_.present()) keys.insert(key);
     }
-    in_.scheduler->post(ruleset_);  // after the routes, which are what a failing link waits for
-    if (keys.empty()) return;
+    if (!keys.empty()) apply(keys);
+    if (std::exchange(readRoutes_, false)) readRoutes();
+    if (std::exchange(rulesetDue_, false)) in_.scheduler->post(ruleset_);
+}
+
+void Forwarding::apply(const std::set<ObjectKey>& keys) {
     const auto scope = adopting_ ? ObjectWriter::Scope::additions : ObjectWriter::Scope::all;
     const size_t changes = kernel_.apply(plan_.wanted(), keys, scope);
     DUOLOG(linuxTrace, 6, "Forwarding: ", changes, " changes, ", kernel_.refused().size(),

@@ -101,6 +101,7 @@ class Forwarding {
     void handleLbStatus();
     void commitLater();
     void commit();
+    void apply(const std::set<ObjectKey>& keys);
     void readRoutes();
     void applyRuleset();
     bool damaged(const Segment& segment) const;
@@ -121,6 +122,7 @@ class Forwarding {
     bool adopting_ = false;
     // Work for the next commit.
     bool compareAll_ = false, replanAll_ = false, readRoutes_ = false, replanSites_ = false;
+    bool rulesetDue_ = false;          // what the rules depend on may have changed
     bool tampered_ = false;            // with the agent's objects, by somebody else
     std::set<Netz::IpGenAddr> sites_;  // to be replanned in the next commit
     Loom::Task commit_, ruleset_;

@@ -164,17 +164,18 @@ void Plan::planApplications() {
     replace(Applications{}, objects);
 }
 
-void Plan::pathIs(uint32_t pathIndex, const PathHop& hop) {
+bool Plan::pathIs(uint32_t pathIndex, const PathHop& hop) {
     const auto present = paths_.find(pathIndex);
-    if (present != paths_.end() && present->second == hop) return;
+    if (present != paths_.end() && present->second == hop) return false;
     for (const auto& [other, path] : paths_)
         if (other != pathIndex && path.path.srcAddr == hop.path.srcAddr &&
             path.path.dstAddr == hop.path.dstAddr)
-            return;
+            return false;
     if (present != paths_.end() && present->second.path != hop.path) pathDel(pathIndex);
     paths_.insert_or_assign(pathIndex, hop);
     planPath(pathIndex);
     planSource(hop.path.srcAddr);
+    return true;
 }
 
 void Plan::pathDel(uint32_t pathIndex) {

@@ -85,7 +85,8 @@ class Plan {
     void replanAll(const InterfaceView& view);
     // A second path with the same addresses in another VRF is ignored, because the kernel tells
     // tunnel packets apart by their addresses only.
-    void pathIs(uint32_t pathIndex, const PathHop& hop);
+    // Returns whether anything changed.
+    bool pathIs(uint32_t pathIndex, const PathHop& hop);
     void pathDel(uint32_t pathIndex);
     void replanSite(const Netz::IpGenAddr& site);
     void replanSites();  // all of them, and what they leave to others' routes

@@ -61,8 +61,8 @@ bool VrfRoutes::apply(const Message& message) {
     return true;
 }
 
-bool VrfRoutes::read(RequestSocket& requests, const std::set<uint32_t>& tables,
-                     const std::set<uint32_t>& tunnels) {
+VrfRoutes::Read VrfRoutes::read(RequestSocket& requests, const std::set<uint32_t>& tables,
+                                const std::set<uint32_t>& tunnels) {
     for (int attempt = 0; attempt < attempts; ++attempt) {
         VrfRoutes fresh;
         fresh.tables_ = tables;
@@ -81,10 +81,14 @@ bool VrfRoutes::read(RequestSocket& requests, const std::set<uint32_t>& tables,
                     [&](const Message& message) { fresh.apply(message); });
                 if (error == ENOENT) error = 0;  // a table that never had a route
             }
-        if (error == 0) return *this = std::move(fresh), true;
-        if (error != EAGAIN) return false;
+        if (error == 0) {
+            const bool same = fresh.routes_ == routes_;
+            *this = std::move(fresh);
+            return same ? Read::same : Read::changed;
+        }
+        if (error != EAGAIN) break;
     }
-    return false;
+    return Read::failed;
 }
 
 bool VrfRoutes::best(const Key& key) const {

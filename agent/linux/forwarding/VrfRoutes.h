@@ -15,9 +15,10 @@ namespace Agent::Linux {
 
 class VrfRoutes {
   public:
-    // Reads the routes of these tables; `tunnels` are the indices of the tunnel devices. False if
-    // that fails; then they are as before.
-    bool read(RequestSocket& requests, const std::set<uint32_t>& tables,
+    // Reads the routes of these tables; `tunnels` are the indices of the tunnel devices. After a
+    // failure they are as before.
+    enum class Read { failed, same, changed };
+    Read read(RequestSocket& requests, const std::set<uint32_t>& tables,
               const std::set<uint32_t>& tunnels);
     // Applies a route event. Returns whether anything changed.
     bool apply(const Message& message);
