@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 
 #include "nav/config/NavConstants.h"
 
@@ -40,6 +41,24 @@ IpPrefix host(const IpGenAddr& addr) {
     return IpPrefix::of(addr, static_cast<uint8_t>(addr.bits()));
 }
 
+// The packets of a segment fit every underlay link that a path may take. Without any such link,
+// that of Ethernet; never less than IPv6 requires (RFC 8200), so that a link of less fragments.
+uint32_t derivedMtu(const InterfaceView& view, const Nav::NavCliConfig& config) {
+    constexpr uint32_t ethernet = 1500, least = 1280;
+    std::optional<uint32_t> smallest;
+    bool v6 = false, secured = false;
+    for (const Nav::PathGroupConfig& group : config.pathGroupConfig()) {
+        secured |= !group.ipsecProfile().empty();
+        for (const Netz::IntfId& name : group.localIntf())
+            if (const Interface* interface = view.named(name))
+                smallest = std::min(smallest.value_or(interface->mtu), interface->mtu);
+        for (const Nav::RemoteViaConfig& remote : group.remoteViaConfig())
+            for (const IpGenAddr& via : remote.remoteVia()) v6 |= via.isV6();
+    }
+    const uint32_t overhead = tunnelOverhead(v6) + (secured ? espOverhead : 0);
+    return std::max(smallest.value_or(ethernet), least + overhead) - overhead;
+}
+
 }  // namespace
 
 Plan::Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& routes)
@@ -66,22 +85,9 @@ void Plan::replace(const Slice& slice, const Objects& objects) {
     if (keys.empty()) slices_.erase(slice);
 }
 
-// The packets of a segment fit every underlay link that a path may take.
-uint32_t derivedMtu(const InterfaceView& view, const Nav::NavInputs& in) {
-    uint32_t mtu = 1500;
-    bool v6 = false, secured = false;
-    for (const Nav::PathGroupConfig& group : in.cliConfig->pathGroupConfig()) {
-        secured |= !group.ipsecProfile().empty();
-        for (const Netz::IntfId& name : group.localIntf())
-            if (const Interface* interface = view.named(name)) mtu = std::min(mtu, interface->mtu);
-        for (const Nav::RemoteViaConfig& remote : group.remoteViaConfig())
-            for (const IpGenAddr& via : remote.remoteVia()) v6 |= via.isV6();
-    }
-    return mtu - tunnelOverhead(v6) - (secured ? espOverhead : 0);
-}
-
 Plan::Segments Plan::segmentsIn(const InterfaceView& view) const {
     Segments segments;
+    const uint32_t mtu = derivedMtu(view, *in_.cliConfig);
     for (const ForwardingVrfConfig& config : config_->vrf()) {
         const auto vrf = std::ranges::find(view.vrfs, config.vrfName(), &Vrf::name);
         if (vrf == view.vrfs.end() || (vrf->id == 0 && vrf->index != 0)) continue;
@@ -94,7 +100,7 @@ Plan::Segments Plan::segmentsIn(const InterfaceView& view) const {
         segment.tunnel = {.name = Netz::IntfId(tunnelDevice(config)),
                           .udpPort = in_.cliConfig->udpPortConfig(),
                           .vni = config.vni(),
-                          .mtu = config.mtu() != 0 ? config.mtu() : derivedMtu(view, in_),
+                          .mtu = config.mtu() != 0 ? config.mtu() : mtu,
                           .master = vrf->index,
                           .address = config.address()};
         if (const Interface* device = view.named(segment.tunnel.name))
