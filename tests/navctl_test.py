@@ -106,7 +106,7 @@ class NavctlTest(Products):
             self.says(*wrong, status=2)
         bound = self.file("bound", '{"application": {"x": {"match": {"1": {}}}}}')
         self.says("check", empty, "--forwarding", bound,
-                  err='warning: application "x" is named by no policy\n')
+                  err='warning: application "x" is not named by any policy\n')
 
     def test_a_batch_goes_on_after_a_refusal_and_says_so_at_the_end(self):
         port = '{"op":"get","path":"/cliConfig/udpPortConfig","id":2}'

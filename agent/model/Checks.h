@@ -1,4 +1,4 @@
-// What the checks of the two configurations share.
+// Checks that both configurations use.
 #pragma once
 
 #include <string>
@@ -8,21 +8,21 @@
 
 namespace Agent {
 
-// The place of a configuration of type E whose root has this name.
+// The path of a configuration of type E in a tree whose root has this name.
 template <class E>
 Path placeOf(const char* name) {
     static const Root root{name, &E::velType, {}, {}};
     return {&root, {}, {}};
 }
 
-// Refuses control characters in every key and value that is free text, and empty keys of entries
-// and of maps, which are names of things.
+// Refuses control characters in keys and values that are free text, and empty keys of collections
+// and maps, which are names. Throws TreeError.
 void checkNames(const Vel::Entity& entity, const Path& place);
 
-// The kind of an address that no router can be reached by, "a loopback"; null if one can.
+// The kind of an address that cannot be a router's, such as "a loopback"; null if it can be one.
 const char* unusableKind(const Netz::IpGenAddr& addr);
 
-// A sentence if `name` is not empty and the collection does not have it.
+// Adds a warning if `name` is not empty and not in the collection.
 template <class Collection>
 void warnUnlessConfigured(std::vector<std::string>& warnings, const std::string& who,
                           const std::string& kind, const std::string& name,

@@ -8,7 +8,7 @@ using Vel::Entity;
 
 namespace {
 
-// What `read` makes of a text.
+// Reads a file's text with `read`; an error names the line.
 template <class Read>
 auto readText(const std::string& text, Read read) {
     if (text.size() > maxConfigBytes)

@@ -1,5 +1,5 @@
-// Converts the entity runtime's Datum to JSON and back. The order is kept both ways.
-// hidden unless the caller writes a file for their owner.
+// Converts the entity runtime's Datum to JSON and back, in the same order. Secrets are hidden,
+// unless the caller writes a file for their owner.
 #pragma once
 
 #include "agent/base/Json.h"

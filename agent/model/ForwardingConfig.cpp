@@ -24,7 +24,7 @@ ForwardingPtr makeForwarding() {
 std::string tunnelDevice(const ForwardingVrfConfig& vrf) {
     const std::string prefix = "nav.";
     const std::string& name = vrf.vrfName().str();
-    // The kernel takes '%' for the place of a number, and refuses '/', ':' and space.
+    // The kernel refuses '/', ':' and space, and replaces '%' by a number.
     const auto fits = [](char c) {
         return c > ' ' && c < 0x7f && c != '/' && c != ':' && c != '%';
     };

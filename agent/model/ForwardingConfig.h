@@ -1,9 +1,9 @@
-// The forwarding configuration: what the overlay carries, in which segments, and how paths are
-// probed. The operator writes it, the forwarding side of the Linux platform only reads it. What
-// each attribute means, with units, ranges and defaults: docs/configuration-forwarding.md.
+// The forwarding configuration: the segments, sites and applications of the overlay, and how paths
+// are probed. The operator writes it; the Linux platform only reads it.
+// docs/configuration-forwarding.md gives the meaning, unit, range and default of each attribute.
 //
-// A change is applied attribute by attribute, so that a subscriber may see a state in between that
-// is not valid, such as one VNI in two VRFs. Act on a change in a task, when it is complete.
+// A change is applied attribute by attribute, so a subscriber may see an invalid intermediate
+// state, such as one VNI in two VRFs. React to a change in a task, when it is complete.
 #pragma once
 
 #include "agent/model/ForwardingTypes.h"
@@ -19,20 +19,20 @@ class ForwardingVrfConfig : public Vel::Entity {
     VEL_ATTRIBUTE(Vel::U32, mtu, 0)                   // bytes; 0: derived
 };
 
-// What of one VRF lies behind a site.
+// The prefixes of one VRF behind a site.
 class SiteVrfConfig : public Vel::Entity {
     VEL_ENTITY(SiteVrfConfig, L3::VrfName, vrfName)
     VEL_SET(IpPrefix, prefix)
     VEL_ATTRIBUTE(Netz::IpGenAddr, address, {})  // use innerAddress()
 };
 
-// A remote site, by the address that path groups know it by.
+// A remote site, identified by its router address in path groups.
 class SiteConfig : public Vel::Entity {
     VEL_ENTITY(SiteConfig, Netz::IpGenAddr, routerAddr)
     VEL_COLLECTION(L3::VrfName, SiteVrfConfig, vrf)
 };
 
-// Packets that have each attribute given. An empty set leaves its attribute open.
+// Packets that fit every attribute specified. An empty set matches any value.
 class ApplicationMatchConfig : public Vel::Entity {
     VEL_ENTITY(ApplicationMatchConfig, Vel::U32, number)
     VEL_ATTRIBUTE(IpProtocol, protocol, {})
@@ -43,13 +43,13 @@ class ApplicationMatchConfig : public Vel::Entity {
     VEL_SET(Dscp, dscp)
 };
 
-// The packets of an application profile: those for which one match holds.
+// The packets of an application profile: those that fit at least one match.
 class ApplicationConfig : public Vel::Entity {
     VEL_ENTITY(ApplicationConfig, Vel::Name, name)
     VEL_ORDERED(Vel::U32, ApplicationMatchConfig, match)
 };
 
-// How the paths of one path group are probed: an absent value is that of ProbeConfig.
+// How the paths of one path group are probed; an absent value is inherited from ProbeConfig.
 class ProbeGroupConfig : public Vel::Entity {
     VEL_ENTITY(ProbeGroupConfig, Vel::Name, name)
     VEL_ATTRIBUTE(std::optional<Vel::U32>, interval, {})
@@ -84,20 +84,20 @@ class ForwardingConfig : public Vel::Entity {
 // The entity's own name, the same in every agent, and that of its root.
 inline constexpr const char* forwardingName = "forwardingConfig";
 
-// Why an agent may refuse to take a configuration of forwarding.
+// The error if a forwarding configuration is given to an agent that does not forward.
 inline constexpr const char* notForwarding =
-    "this agent does not forward; that takes --platform linux and --forwarding FILE";
+    "this agent does not forward; --platform linux and --forwarding FILE are required";
 
 using ForwardingPtr = Vel::Ptr<ForwardingConfig>;
 
-// One with all defaults.
+// A configuration with all defaults.
 ForwardingPtr makeForwarding();
 
-// The tunnel device of a VRF: "nav." and the VRF's name, or its VNI where the name is too long for
-// an interface or has characters that an interface's name cannot have. At most 15 bytes.
+// The name of a VRF's tunnel device: "nav." and the VRF's name, or the VNI if that would be too
+// long or contain characters that an interface name cannot have. At most 15 bytes.
 std::string tunnelDevice(const ForwardingVrfConfig& vrf);
 
-// How a site's router is called inside a VRF: the configured address, or that of the site.
+// The address of a site's router inside a VRF: the configured address, else that of the site.
 Netz::IpGenAddr innerAddress(const SiteConfig& site, const SiteVrfConfig& vrf);
 
 struct ProbeValues {

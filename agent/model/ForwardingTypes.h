@@ -1,6 +1,6 @@
-// What packets and destinations look like, as the forwarding configuration writes it: prefixes,
-// port ranges, IP protocols, DSCPs. Each type is read from a text by fromText(), which throws
-// Vel::Error with the reason, and gives the text back in its normal form.
+// Types of the forwarding configuration that describe packets: prefixes, port ranges, IP protocols,
+// DSCPs. fromText() parses each from its text and throws Vel::Error with the reason; stringValue()
+// gives the normal form.
 #pragma once
 
 #include <optional>
@@ -12,7 +12,7 @@ namespace Agent {
 // A network: "10.1.0.0/16" or "2001:db8::/32". The bits behind the prefix length are zero.
 struct IpPrefix : Netz::IpAddrWithMask {
     static IpPrefix fromText(std::string_view text);
-    // The network that an address lies in.
+    // The network that contains an address.
     static IpPrefix of(const Netz::IpGenAddr& addr, uint8_t prefixLength);
 
     bool operator==(const IpPrefix&) const = default;
@@ -34,11 +34,11 @@ struct PortRange {
 struct IpProtocol {
     std::optional<uint8_t> number;  // absent: any
 
-    // A usual protocol by its name in IANA's register of protocol numbers, in lower case; each by
-    // its number.
+    // Accepts the number of every protocol, and the names of common ones as in IANA's registry of
+    // protocol numbers, in lower case.
     static IpProtocol fromText(std::string_view text);
     std::string stringValue() const;
-    // Whether its packets can have ports: also if it is any.
+    // Whether its packets can have ports; true for any.
     bool hasPorts() const;
 
     bool operator==(const IpProtocol&) const = default;
@@ -56,7 +56,7 @@ struct Dscp {
     auto operator<=>(const Dscp&) const = default;
 };
 
-// As attributes and as keys of sets. A number stands for its text.
+// Used for attributes and for keys of sets. A number is accepted in place of its text.
 template <class T>
 struct TextCodec {
     static constexpr bool isText = false;
@@ -85,7 +85,7 @@ struct Vel::Codec<Agent::Dscp> : Agent::TextCodec<Agent::Dscp> {
     static Datum datum(const Agent::Dscp& v) { return {U64{v.value}}; }
 };
 
-// An attribute that may be left open: null is its value then.
+// An attribute that may be absent; null stands for that.
 template <class T>
 struct Vel::Codec<std::optional<T>> {
     static Datum datum(const std::optional<T>& v) { return v ? Codec<T>::datum(*v) : Datum{}; }

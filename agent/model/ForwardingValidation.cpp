@@ -12,7 +12,7 @@ using Netz::IpGenAddr;
 namespace {
 
 constexpr Vel::U32 maxVni = 0xffffff;   // RFC 7348: 24 bits
-constexpr Vel::U32 minMtu = 576;        // RFC 791: what every IPv4 host takes
+constexpr Vel::U32 minMtu = 576;        // RFC 791: every IPv4 host accepts it
 constexpr Vel::U32 minMtuOfIp6 = 1280;  // RFC 8200
 constexpr Vel::U32 maxMtu = 65535;      // the length field of IPv4
 constexpr Vel::U32 hour = 3600000;      // ms
@@ -58,8 +58,8 @@ void checkOverlayAddress(const IpAddrWithMask& own, const Path& place) {
     host &= mask;
     if (host == 0 || host == mask)
         throw TreeError(place, own.stringValue() + " is the " +
-                                   (host == 0 ? "network itself" : "network's broadcast address") +
-                                   "; an address inside of it is required");
+                                   (host == 0 ? "network address" : "network's broadcast address") +
+                                   "; a host address is required");
 }
 
 // Whether IPv6 packets are carried in a VRF.
@@ -87,16 +87,16 @@ void checkSegments(const ForwardingConfig& forwarding) {
                                                  first->second + '"');
         if (const auto [first, isNew] = vrfOfDevice.emplace(tunnelDevice(vrf), name); !isNew)
             throw TreeError(place, "its tunnel device " + tunnelDevice(vrf) +
-                                       " would have the name of that of VRF \"" + first->second +
+                                       " is already that of VRF \"" + first->second +
                                        "\"; another VRF name or VNI is required");
         checkOverlayAddress(vrf.address(), place.at("address"));
         const bool ip6 = carriesIp6(forwarding, vrf);
         checkRange(place, "mtu", vrf.mtu(), ip6 ? minMtuOfIp6 : minMtu, maxMtu,
-                   ip6 ? "bytes, as IPv6 requires," : "bytes", true);
+                   ip6 ? "bytes (the VRF carries IPv6)" : "bytes", true);
     }
 }
 
-// What is where in each VRF, as checks of later sites need it.
+// Checks that each network belongs to one site, or to this router, in each VRF.
 class SiteChecks {
   public:
     explicit SiteChecks(const ForwardingConfig& forwarding) : forwarding_(forwarding) {
@@ -109,7 +109,7 @@ class SiteChecks {
         }
     }
 
-    // Every inner address counts before any prefix.
+    // Claims all router addresses before any prefix.
     void run() {
         for (const SiteConfig& site : forwarding_.site()) {
             const Path place = wholeForwarding().at("site", site.routerAddr().stringValue());
@@ -139,9 +139,8 @@ class SiteChecks {
         const Path at = place.at("address");
         checkReachable(inner, at, "the address of a site's router");
         if (inner.isV4() != own.isV4())
-            throw TreeError(at, "an " + std::string(familyOf(own)) + " address is required, as " +
-                                    own.stringValue() + " is the router's own in this VRF; " +
-                                    inner.stringValue() + " is an " + familyOf(inner) + " address");
+            throw TreeError(at, "expected an " + std::string(familyOf(own)) + " address, like " +
+                                    own.stringValue() + " of this VRF, got " + inner.stringValue());
         claim(hostOf(inner), site, vrf, at, "the router address");
     }
 
@@ -188,9 +187,9 @@ void checkMatch(const ApplicationMatchConfig& match, const Path& place) {
                                    const std::string& other) {
         for (const IpPrefix& prefix : prefixes)
             if (!hasFamilyOf(prefix, others))
-                throw TreeError(place.at(attribute, prefix.stringValue()),
-                                "no " + other + " prefix of this match is an " +
-                                    familyOf(prefix.addr) + " one");
+                throw TreeError(
+                    place.at(attribute, prefix.stringValue()),
+                    "this match has no " + other + " prefix of family " + familyOf(prefix.addr));
     };
     checkPorts("sourcePort", !match.sourcePort().empty());
     checkPorts("destinationPort", !match.destinationPort().empty());
@@ -202,7 +201,7 @@ void checkProbe(const ProbeValues& values, const Path& place) {
     checkRange(place, "interval", values.interval, 10, 60000, "milliseconds", true);
     checkRange(place, "multiplier", values.multiplier, 1, 100, "a count");
     checkRange(place, "window", values.window, std::max<Vel::U32>(values.interval, 1), hour,
-               "milliseconds, no less than the interval,");
+               "milliseconds (at least the interval)");
     checkRange(place, "upDelay", values.upDelay, 0, hour, "milliseconds");
     checkRange(place, "downDelay", values.downDelay, 0, hour, "milliseconds");
 }
@@ -241,9 +240,10 @@ void warnOfApplications(std::vector<std::string>& warnings, const Nav::NavCliCon
         }
     for (const ApplicationConfig& application : forwarding.application()) {
         const std::string who = "application \"" + application.name() + '"';
-        if (!named.contains(application.name())) warnings.push_back(who + " is named by no policy");
+        if (!named.contains(application.name()))
+            warnings.push_back(who + " is not named by any policy");
         if (application.match().empty())
-            warnings.push_back(who + " has no match, so no packet belongs to it");
+            warnings.push_back(who + " has no match, so it has no packets");
     }
 }
 
@@ -262,21 +262,20 @@ std::vector<std::string> forwardingWarnings(const Nav::NavCliConfig& config,
     for (const Nav::VrfConfig& vrf : config.vrfConfig())
         if (!vrf.policyName().empty() && !forwarding.vrf(vrf.vrfName()))
             warnings.push_back("VRF \"" + vrf.vrfName().str() +
-                               "\" has a policy, but no segment, so nothing of it is forwarded");
+                               "\" has a policy, but no segment, so its packets are not forwarded");
     for (const ForwardingVrfConfig& vrf : forwarding.vrf()) {
         const Nav::VrfConfig* bound = config.vrfConfig(vrf.vrfName());
         if (!bound || bound->policyName().empty())
             warnings.push_back("VRF \"" + vrf.vrfName().str() +
-                               "\" has a segment, but no policy, so nothing of it is forwarded");
+                               "\" has a segment, but no policy, so its packets take any path");
     }
     for (const SiteConfig& site : forwarding.site())
         if (!isSite(config, site.routerAddr()))
             warnings.push_back("site " + site.routerAddr().stringValue() +
-                               " is in no path group, so no path leads there");
+                               " is not in any path group, so it has no paths");
     const auto group = [&](const std::string& name) { return config.pathGroupConfig(name); };
     for (const ProbeGroupConfig& each : forwarding.probe()->group())
-        warnUnlessConfigured(warnings, "the configuration of probes", "path group", each.name(),
-                             group);
+        warnUnlessConfigured(warnings, "the probe configuration", "path group", each.name(), group);
     if (config.udpPortConfig() == probePort && forwarding.probe()->interval() > 0)
         warnings.push_back("udpPortConfig is 862, the port of probes");
     return warnings;

@@ -22,7 +22,10 @@ void removeSurplus(Entity& to, const Entity& from) {
             if (a.kind == Attribute::Kind::collection) {
                 const Entity* wanted = a.find(from, key);
                 Entity* present = a.find(to, key);
-                wanted&& present ? removeSurplus(*present, *wanted) : void(a.eraseAt(to, key));
+                if (wanted && present)
+                    removeSurplus(*present, *wanted);
+                else
+                    a.eraseAt(to, key);
             } else if (!a.getAt(from, key)) {
                 a.eraseAt(to, key);
             }
@@ -99,7 +102,7 @@ void Transaction::settleVersions() {
             settleVersion(*running, policy);
 }
 
-// Removes what cannot stay while the configuration changes; addMissing() restores it.
+// Removes entries that cannot stay while the configuration changes; addMissing() restores them.
 void Transaction::stepAside() {
     const auto replaced = replacedPolicies();
     for (const L3::VrfName& vrf : bindingsInTheWay(replaced)) running_.vrfConfigDel(vrf);

@@ -1,14 +1,14 @@
-// A change of the running configurations, of path selection and of forwarding: copies are changed,
-// checked whole, and applied together or not at all. The one way in for requests, files and
-// signals; on the event thread, one at a time.
+// A change of the running configurations, of path selection and of forwarding: copies are changed
+// and validated, then applied together or not at all. Requests, files and signals all change the
+// configuration this way; on the event thread, one transaction at a time.
 //
-// What always holds:
-// - Until apply() the running configuration is untouched, and a transaction may be dropped.
-// - The published state depends on the configuration alone, not on the steps that led to it (ids,
-//   indices and generations apart): where a reactor would keep something that a fresh start would
-//   not have, apply() takes the entry away and puts it back.
-// - If running and wanted configuration each fit the limits of paths and load-balance ids, so does
-//   every state in between.
+// Invariants:
+// - Until apply() the running configuration is unchanged, and a transaction may be discarded.
+// - The published state depends only on the configuration, not on the steps that led to it (except
+//   for ids, indices and generations): where a reactor would keep state that a fresh start would
+//   not have, apply() removes and restores the entry.
+// - If the running and the wanted configuration each respect the limits of paths and load-balance
+//   ids, so does every intermediate state.
 #pragma once
 
 #include <optional>
@@ -29,7 +29,7 @@ struct RunningConfig {
     ForwardingConfig* const forwarding;
 };
 
-// What they are to become, used by nobody else; null: as they are.
+// The configurations to apply, not shared with any other user; null: unchanged.
 struct WantedConfig {
     ConfigPtr paths = nullptr;
     ForwardingPtr forwarding = nullptr;
@@ -37,22 +37,22 @@ struct WantedConfig {
 
 class Transaction {
   public:
-    // What is not wanted otherwise is a copy of what runs, to be changed through tree(). Throws
-    // TreeError if a configuration of forwarding is wanted and the agent does not forward.
+    // A configuration that is not given starts as a copy of the running one; tree() changes it.
+    // Throws TreeError if a forwarding configuration is given and the agent does not forward.
     explicit Transaction(const RunningConfig& running, WantedConfig wanted = {});
 
     Tree& tree() { return tree_; }
 
-    // Refuses configurations that are not valid (TreeError); returns warnings, a sentence each.
+    // Throws TreeError if a configuration is invalid; returns warnings, a sentence each.
     std::vector<std::string> check(const Ip::Status* interfaces) const;
 
-    // Makes the running configurations equal to the wanted ones by the changes that this takes and
-    // no others, removals before additions. A new entry is announced whole. The feature is switched
-    // off first or on last.
+    // Makes the running configurations equal to the wanted ones with the least changes, removals
+    // before additions. A new entry is complete before it is announced. The feature is switched off
+    // first, or on last.
     //
-    // `configVersion` is how the reactors learn that a policy is complete, so it only grows: when a
-    // policy's rules or default change and the wanted version is not above the running one, it
-    // becomes the running one plus one; when nothing else changes, a lower version is ignored.
+    // `configVersion` tells the reactors that a policy is complete, so it only increases: if a
+    // policy's rules or default change and the wanted version is not higher, the version becomes
+    // the running one plus one; if nothing else changes, a lower version is ignored.
     //
     // REQUIRES: check() has passed, and the transaction has not been applied.
     void apply();

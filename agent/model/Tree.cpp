@@ -32,8 +32,8 @@ std::string keyTextOf(const Entity& entity) {
     return key.keyOf(key.get(entity));
 }
 
-// The first of two passes over a value: refuses whatever the second could not apply. For entities
-// that do not exist yet it checks by type alone, and `entity` is null.
+// The first of two passes over a value: refuses every value that the second could not apply. For
+// entities that do not exist yet it checks by type alone, and `entity` is null.
 class Check {
   public:
     explicit Check(Path at) : at_(std::move(at)) {}
@@ -111,7 +111,7 @@ class Check {
         }
     }
 
-    // `check` throws what is wrong with a datum. If only the quotes are missing, the error says so;
+    // `check` throws if a datum is invalid. If only the quotes are missing, the error says so;
     // it does not repeat the value, which may be a secret.
     template <class F>
     void scalar(const Json& value, F&& check) const {

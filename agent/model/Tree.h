@@ -3,13 +3,13 @@
 //     /cliConfig/pathGroupConfig[internet]/remoteViaConfig[10.255.0.2]/remoteVia[198.51.100.2]
 //
 // A path names a root, then attributes; a key stands in brackets after its collection and ends at
-// the first `]` without a `\` before it. Everything that names and types a value comes from the
-// entities' own descriptors, so nothing here knows an entity type.
+// the first `]` without a `\` before it. Names and types come from the entities' descriptors, so
+// the tree does not depend on any entity type.
 //
-// The host owns the tree and the entities; all on the event thread. What always holds:
+// The host owns the tree and the entities; used on the event thread. Invariants:
 // - A request is checked whole (names, types, ranges, keys, existence) before anything is applied:
 //   one that is refused has changed nothing.
-// - Writes go through the setters in the order of the value, so they notify like any other.
+// - Writes call the setters in the order of the value, so subscribers are notified as always.
 #pragma once
 
 #include <functional>
@@ -50,7 +50,7 @@ struct Path {
     std::vector<std::string> fields;  // inside a value
 
     std::string text() const;  // as a request writes it
-    bool hasKey() const;       // names an entry or member, or something inside of one
+    bool hasKey() const;       // names an entry or member, or a place inside one
 
     // REQUIRES: the path ends at an entity, whose type has this attribute.
     Path at(std::string_view attribute, std::optional<std::string> key = {}) const;

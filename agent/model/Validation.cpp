@@ -55,8 +55,8 @@ void checkPathGroups(const NavCliConfig& config) {
     }
     if (paths > NavConstants::maxPathIndex)
         throw TreeError(wholeConfig().at("pathGroupConfig"),
-                        "this needs " + std::to_string(paths) + " paths; at most " +
-                            std::to_string(NavConstants::maxPathIndex) + " are possible");
+                        std::to_string(paths) + " paths are configured; the maximum is " +
+                            std::to_string(NavConstants::maxPathIndex));
 }
 
 void checkPolicies(const NavCliConfig& config) {
@@ -82,13 +82,13 @@ void validateConfig(const NavCliConfig& config) {
     checkPolicies(config);
     if (!fits(lbDemand({&config})))
         throw TreeError(wholeConfig().at("vrfConfig"),
-                        "this can need more load-balance ids than the " +
-                            std::to_string(NavConstants::maxLbIndex) + " that exist");
+                        "more load-balance ids may be required than the maximum of " +
+                            std::to_string(NavConstants::maxLbIndex));
 }
 
 namespace {
 
-// Nothing is known of an interface without an address; it may get one of either family.
+// An interface without an address may get one of either family, so its group causes no warning.
 void warnOfFamilies(std::vector<std::string>& warnings, const Nav::PathGroupConfig& group,
                     const Ip::Status& interfaces) {
     bool v4 = false, v6 = false;

@@ -5,8 +5,8 @@
 // watcher once, even if several of its paths contain it. The same line is never sent twice in a row
 // for one path, which would happen if a subscriber called earlier set the value again.
 //
-// A watched root is followed completely: every entity in it, as entities are added and removed, so
-// a path need not exist yet. Owned by Control; lives no longer than the tree; used on the event
+// All entities of a watched root are followed as they are added and removed, so a path need not
+// exist yet. Owned by Control; lives no longer than the tree; used on the event
 // thread.
 #pragma once
 

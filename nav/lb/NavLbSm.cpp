@@ -22,7 +22,7 @@ class LbProfileSm::VelNavRuleStatus : public Vel::Object {
           navRuleEntry_(Vel::Subscription::to<&VelNavRuleStatus::handleNavVrfRuleEntry>(
               status, NavRuleStatus::navRuleEntryAttr, this)) {}
 
-    // At start the rules are only entered; the initialisation of the profiles then makes the keys.
+    // At start the rules are only recorded; initialising the profiles then creates their keys.
     void handleInitialized() {
         DUOLOG_ENTRY(lbTrace);
         for (const NavRuleEntry& entry : status_.navRuleEntry()) {
@@ -58,8 +58,8 @@ class LbProfileSm::VelSiteGroupStatusEntry : public Vel::Object {
           pathIndexEntry_(Vel::Subscription::to<&VelSiteGroupStatusEntry::handleSiteGroupPathEntry>(
               entry, SiteGroupStatusEntry::pathIndexEntryAttr, this)) {}
 
-    // At start the paths reach the keys with the rules. Later an entry is new and has none, unless
-    // a subscriber added some before this reactor was made.
+    // At start the keys take these paths when their rules are applied. A later entry is new and has
+    // no paths, unless a subscriber added some before this reactor was created.
     void handleInitialized() {
         DUOLOG_ENTRY(lbTrace);
         initialized_ = true;
@@ -93,8 +93,8 @@ class LbProfileSm::VelSiteGroupStatusEntry : public Vel::Object {
 
     LbProfileSm& owner_;
     SiteGroupStatusEntry& entry_;
-    // The paths that were applied as present. One whose removal is still being announced when the
-    // entry is deleted is in here only.
+    // The paths that were added to keys. When the entry is deleted while the removal of one of its
+    // paths is being announced, only this set still contains the path.
     std::set<U32> applied_;
     bool initialized_ = false;
     Vel::Subscription pathIndexEntry_;
@@ -175,9 +175,9 @@ void LbProfileSm::doCleanup() {
     in_.lbProfileStatus->lbProfileStatusEntryDelAll();
 }
 
-// ---- the primitives on one key ----
+// ---- operations on one key ----
 
-// None once cleaned up: the entries may be those of a successor by then.
+// Null after cleanup: the entries may belong to a successor of this reactor.
 LbProfileStatusEntry* LbProfileSm::statusOf(const LbProfileKey& key) const {
     return initialized_ ? in_.lbProfileStatus->lbProfileStatusEntry(key) : nullptr;
 }
@@ -205,7 +205,7 @@ void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& l
     } else if (!keySet.lbKeyHas(key) && wanted(key).wantedBy(lbName)) {
         keys_.add(key, keySet);  // the key was created for another profile
     }
-    // The only rule of an application gives its constraints without a search.
+    // If the application has only this rule, the search for the governing rule is not needed.
     if (rules.size() != 1 || rules.begin()->entry.lbProfileName != lbName)
         if (const auto* first = wanted(key).constraints()) profile = first;
     status->latencyIs(profile->latency());
@@ -273,7 +273,7 @@ bool LbProfileSm::updateLbIdPath(const LbProfileKey& key, const Vel::String& lbN
     return true;
 }
 
-// ---- ids for the reactions ----
+// ---- allocation of ids ----
 
 bool LbProfileSm::ensureLbId(const LbProfileKey& key, const Vel::String& lbName) {
     const U64 turn = reactions_;
@@ -297,7 +297,7 @@ void LbProfileSm::releaseUnneeded() {
     }
 }
 
-// Again while a subscriber of one constraint changes another.
+// Repeats while a subscriber of one constraint changes another.
 void LbProfileSm::refreshConstraints(const LbProfileKey& key, const Vel::String& lbName) {
     for (U64 turn = reactions_ - 1; turn != reactions_ && statusOf(key);) {
         turn = reactions_;
@@ -312,7 +312,7 @@ U32 LbProfileSm::vrfIdOf(const L3::VrfName& vrf) const {
     return id ? *id : 0;
 }
 
-// The id under which the rule was entered; that of the VRF if it was not.
+// The VRF id under which the rule was recorded; if it was not, the VRF's current id.
 U32 LbProfileSm::enteredVrfId(const NavRuleEntry& entry, const L3::VrfName& vrf) const {
     const auto entered = rules_.vrfIdOf(entry, vrf);
     return entered ? *entered : vrfIdOf(vrf);
@@ -323,8 +323,8 @@ bool LbProfileSm::isListed(const NavRuleEntry& entry, const L3::VrfName& vrf) co
     return status && status->navRuleEntryHas(entry);
 }
 
-// A rule that was removed and added again before its removal was announced here moves to the id
-// that the VRF has now.
+// A rule that was removed and added again before this reactor was notified moves to the VRF's
+// current id.
 void LbProfileSm::ruleChanged(const NavRuleEntry& rule, const L3::VrfName& vrf) {
     if (!initialized_) return;
     const NavRuleEntry entry = rule;
@@ -338,8 +338,8 @@ void LbProfileSm::ruleChanged(const NavRuleEntry& rule, const L3::VrfName& vrf) 
     handleNavRuleEntry(entry, vrf, enteredVrfId(entry, vrf));
 }
 
-// All rules leave before anything is announced, for a subscriber may bind the VRF again, and under
-// another id. That includes a rule whose own removal is still being announced.
+// All rules, including one whose own removal is still being announced, are removed from the index
+// before anything is announced: a subscriber may bind the VRF again, under another id.
 void LbProfileSm::rulesDeleted(const L3::VrfName& vrf) {
     if (!initialized_) return;
     ++reactions_;
@@ -348,8 +348,8 @@ void LbProfileSm::rulesDeleted(const L3::VrfName& vrf) {
     for (const auto& [entry, vrfId] : rules) handleNavRuleEntry(entry, vrf, vrfId);
 }
 
-// A profile that no rule of the application names any more loses its keys to the rules left. (If
-// none is left, the keys are about to be released.)
+// If no remaining rule of the application names the profile, its keys belong to the remaining rules
+// from now on. (If no rule remains, the keys are about to be released.)
 void LbProfileSm::leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf) {
     const VrfAppKey app{enteredVrfId(entry, vrf), entry.appProfileId};
     rules_.leave(entry, vrf);
@@ -420,7 +420,7 @@ bool LbProfileSm::removeSiteGroup(const LbProfileKey& key, const Vel::String& lb
     return true;
 }
 
-// Releases what none of the other rules wants, keys of vanished sites included.
+// Releases the keys that no other rule wants, including keys of vanished sites.
 void LbProfileSm::releaseUnwanted(const VrfAppKey& app, const Vel::String& lbName) {
     for (const LbProfileKey& key : keys_.of(app))
         if (!wanted(key).constraints()) deleteLbIdStatus(key, lbName);
@@ -455,13 +455,13 @@ void LbProfileSm::sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex) 
     const U64 turn = ++reactions_;
     const bool remove = !isUsable(siteGroup, pathIndex);
     for (const NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
-        // After a newer change of the path, its own reaction has reached every key.
+        // The reaction to a newer change of the path has already updated every key.
         if (reactions_ != turn && isUsable(siteGroup, pathIndex) == remove) return;
         DUOLOG(lbTrace, 7, "Vrf: ", status.name());
         handleVrfLbIdStatus(siteGroup, pathIndex, status.name(), remove);
     }
     if (!remove) return;
-    // The keys of a rule whose removal was not announced here yet, or that was added above.
+    // Keys of rules added above, or removed without this reactor having been notified yet.
     for (const LbProfileKey& key : keys_.of(siteGroup.routerIp))
         while (isMember(key, siteGroup.name, pathIndex) && !isUsable(siteGroup, pathIndex) &&
                !updateLbIdPath(key, {}, siteGroup.name, pathIndex, true)) {
@@ -475,9 +475,9 @@ bool LbProfileSm::isMember(const LbProfileKey& key, const Vel::String& pgName,
     return member && member->groupName == pgName;
 }
 
-// The rule that governs the group acts, so that one change counts once however many rules share
-// the key. A group that no rule governs has members only while a reaction that has announced
-// something is still removing them.
+// Only the rule that governs the group acts, so that a change counts once even if several rules
+// share the key. A group without a governing rule has members only while an outer reaction is
+// still removing them.
 void LbProfileSm::handleVrfLbIdStatus(const SiteGroupKey& siteGroup, U32 pathIndex,
                                       const L3::VrfName& vrf, bool remove) {
     DUOLOG_ENTRY(lbTrace);
@@ -504,7 +504,7 @@ void LbProfileSm::siteGroupDeleted(const SiteGroupKey& siteGroup, const std::set
     if (!initialized_) return;
     ++reactions_;
     for (U32 pathIndex : paths) sitePathChanged(siteGroup, pathIndex);
-    // Where rules share a key, another one may come first now and give it its constraints.
+    // If rules share a key, another rule may now be the first and give the key its constraints.
     for (const NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
         for (const NavRuleEntry& entry : status.navRuleEntry()) {
             const VrfAppKey app{enteredVrfId(entry, status.name()), entry.appProfileId};
@@ -541,7 +541,7 @@ void LbProfileSm::profileDeleted(const Vel::String& profileName) {
             shared.insert(appOf(key));
         }
     }
-    // Where another rule wants the key, it takes over what the profile governed.
+    // Another rule that wants the key now governs the groups that the profile governed.
     for (const VrfAppKey& app : shared) {
         const LbRules::Rules& rules = rules_.of(app);
         if (rules.empty()) continue;

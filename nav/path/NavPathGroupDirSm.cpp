@@ -65,7 +65,7 @@ class NavPathGroupDirSm::VelIpIntfStatus : public Vel::Object {
     Ip::IpIntfStatus& status_;
     Vel::Subscription addr_;
     Vel::Subscription vrfName_;
-    IntfSource source_;  // that the interface's paths are created from
+    IntfSource source_;  // from which the interface's paths are created
 };
 
 // Follows the id of one VRF.
@@ -259,8 +259,8 @@ void NavPathGroupDirSm::removeStalePaths(const Netz::IntfId& intf, NavPathGroupS
     for (const auto& group : groupsOf(intf)) remove(*group);
 }
 
-// Removes the paths of all groups that the configuration does not ask for any more, including those
-// that a change removes whose notification has not arrived yet.
+// Removes the paths that the configuration no longer contains, including those removed by a change
+// that this reactor has not been notified of yet.
 void NavPathGroupDirSm::removeStalePaths() {
     const Vel::Hold hold;
     remove([&] {
@@ -366,7 +366,7 @@ void NavPathGroupDirSm::createPath(const Netz::IntfId& intf, const Netz::IpGenAd
     const IntfSource& source = status->source();
     const PathKey pathKey{source.addr, dst, *source.vrfId};
     const PathClaim claim{intf, {group.pgName(), viaAddr}, source.vrfName};
-    // Within the removal of the path, the removal is completed first.
+    // If the path is being removed, complete the removal first.
     if (const PathKeyInfo* left = in_.navDb->pathKeyInfo(pathKey);
         left && !paths_.contains(pathKey))
         forgetPath(pathKey, L3::VrfName(left->vrfName()));
@@ -376,7 +376,7 @@ void NavPathGroupDirSm::createPath(const Netz::IntfId& intf, const Netz::IpGenAd
     addPathToConfig(pathKey, claim.siteGroupKey, claim.vrfName, intf);
 }
 
-// Whether the configuration and the interface, as they are now, ask for the claim.
+// Whether the current configuration and interface status still require the claim.
 bool NavPathGroupDirSm::isJustified(const PathKey& pathKey, const PathClaim& claim,
                                     const NavPathGroupSm& group) const {
     if (group.removed() || ended_) return false;
@@ -463,15 +463,16 @@ void NavPathGroupDirSm::withdrawClaims(const PathKey& pathKey, NavPathGroupSm& g
 
 // ---- publication ----
 
-// Whether no newer publication or deletion of the path was begun since.
+// Whether this is still the newest publication of the path, and the path was not deleted since.
 bool NavPathGroupDirSm::isNewest(const PathKey& pathKey, U32 publication) const {
     if (publication == publications_) return true;
     const auto found = paths_.find(pathKey);
     return found != paths_.end() && found->second.publication == publication;
 }
 
-// Hands a path over under its index. On another interface, which may be in another VRF, it is
-// resolved anew; for another site its place in the sites' status moves too.
+// Publishes a path for its new owner under the same index. If the interface (and so perhaps the
+// VRF) changes, the path is resolved again; if only the site changes, the path moves to that site's
+// status.
 void NavPathGroupDirSm::changeOwner(const PathKey& pathKey, Path& path, const PathClaim& before) {
     const PathClaim now = path.claims.back();
     const U16 index = path.index;
@@ -484,7 +485,7 @@ void NavPathGroupDirSm::changeOwner(const PathKey& pathKey, Path& path, const Pa
     else if (before.siteGroupKey != now.siteGroupKey)
         leaveSite(before.siteGroupKey, index);
     if (!isNewest(pathKey, publication) || !publishPath(pathKey, path, now)) return;
-    // Path resolution lists a path that becomes programmed, but not one that is already.
+    // Path resolution lists a path when it becomes programmed, so list one that already is.
     const auto isProgrammed = [&] {
         const PathStatus* pathStatus = in_.pathStatusDir->pathStatus(now.vrfName);
         const auto* status = pathStatus ? pathStatus->pathStatusEntry(pathKey) : nullptr;
@@ -498,7 +499,7 @@ void NavPathGroupDirSm::changeOwner(const PathKey& pathKey, Path& path, const Pa
     if (isProgrammed()) sites.siteGroupStatusEntry(now.siteGroupKey)->pathIndexEntryIs(index);
 }
 
-// The configuration entry comes last and complete: its watchers find everything else present.
+// Adds the configuration entry last and complete, so that its subscribers find everything else.
 // Returns whether this is still the newest publication at the end.
 bool NavPathGroupDirSm::publishPath(const PathKey& pathKey, const Path& path,
                                     const PathClaim& owner) {
@@ -539,8 +540,8 @@ bool NavPathGroupDirSm::publishPath(const PathKey& pathKey, const Path& path,
     return isNewest(pathKey, publication);
 }
 
-// Removes a path that was published in a VRF. Where no reactor resolves the VRF, no other one
-// removes what is left of the path.
+// Removes a path that was published in a VRF, including status and key info, which nobody else
+// removes if no reactor resolves the VRF.
 void NavPathGroupDirSm::unpublishPath(const PathKey& pathKey, const L3::VrfName& vrfName) {
     DUOLOG(pathTrace, 7, "Deleting pathConfig for path: ", pathKey);
     if (PathConfig* pathConfig = in_.pathConfigDir->pathConfig(vrfName))
@@ -548,8 +549,8 @@ void NavPathGroupDirSm::unpublishPath(const PathKey& pathKey, const L3::VrfName&
     forgetPath(pathKey, vrfName);
 }
 
-// Removes status and key info of a path that is not configured any more. Ends when a subscriber had
-// the path published again.
+// Removes status and key info of a path that is no longer configured. Stops if a subscriber caused
+// the path to be published again.
 void NavPathGroupDirSm::forgetPath(const PathKey& pathKey, const L3::VrfName& vrfName) {
     const Vel::Hold hold;
     const auto isLeft = [&] {
@@ -599,7 +600,7 @@ void NavPathGroupDirSm::removePath(const PathKey& pathKey) {
     releaseSource(pathKey.srcAddr, owner.intf);
 }
 
-// Takes a path out of a site's status, which is removed with the last one.
+// Removes a path from a site's status, and the status with its last path.
 void NavPathGroupDirSm::leaveSite(const SiteGroupKey& site, U32 index) {
     const Vel::Hold hold;
     const SiteGroupKey key = site;
@@ -610,8 +611,8 @@ void NavPathGroupDirSm::leaveSite(const SiteGroupKey& site, U32 index) {
         in_.siteGroupStatus->siteGroupStatusEntryDel(key);
 }
 
-// An address names its interface while a path comes from it. Where the same address is used on
-// another interface too, it names that one when the first has no path from it any more.
+// An address maps to its interface while a path starts there. If a path also starts from the same
+// address on another interface, the address maps to that one when the first has no such path left.
 void NavPathGroupDirSm::releaseSource(const Netz::IpGenAddr& src, const Netz::IntfId& intf) {
     NavDb& navDb = *in_.navDb;
     const Netz::IntfId* mapped = navDb.srcToIntfMapping(src);

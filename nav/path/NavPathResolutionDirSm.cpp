@@ -105,7 +105,7 @@ void NavPathResolutionDirSm::doCleanup() {
     hwPathStatusEntry_.clear();
     ipsecPathStatus_.clear();
     navPathResolutionSm_.delAll();
-    // The requests of VRFs that no reactor resolved any more.
+    // Requests of VRFs without a reactor.
     in_.ipsecPathConfigDir->ipsecPathConfigDelAll();
 }
 
@@ -142,7 +142,7 @@ void NavPathResolutionDirSm::handlePathConfigured(const PathKey& pathKey,
     if (in_.hwPathStatus->hwPathStatusList(key)) handleHwPathStatus(key);
 }
 
-// Only the entry with the path's current index counts.
+// Only the entry with the path's current index is used.
 void NavPathResolutionDirSm::handleHwPathStatus(const HwPathKey& key) {
     const PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(key.pathKey());
     if (!pathKeyInfo) return;
@@ -185,7 +185,7 @@ void NavPathResolutionDirSm::handleIpsecConnectionState(const Ipsec::ConnectionK
     const PathConfigEntry* config = pathConfig->pathConfigEntry(pathKey);
     const PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(pathKey);
     if (!config) {
-        // A path with key info is just being added or removed, which takes care of its status.
+        // A path with key info is being added or removed, which updates its status too.
         if (pathKeyInfo && pathKeyInfo->vrfName() == connection.vrfName) return;
         DUOLOG(pathTrace, 7, "Config not present for ", pathKey, " Clear the status");
         pathStatus->pathStatusEntryDel(pathKey);

@@ -122,7 +122,7 @@ void NavPathResolutionSm::doCleanup() {
     pathStatusEntry_.clear();
     fibMonitorHelperSm_.del();
     for (const IpGenAddr& addr : in_.nexthopVrfConfig->nexthop()) {
-        // A subscriber may have added the VRF's status again: the requests are its reactor's then.
+        // If a subscriber added the VRF's status again, the requests belong to the new reactor.
         if (in_.dirSm->navPathResolutionSm(in_.vrfName)) break;
         in_.nexthopVrfConfig->nexthopDel(addr);
     }
@@ -130,7 +130,7 @@ void NavPathResolutionSm::doCleanup() {
     nexthopBacklog_ = nullptr;
 }
 
-// Removes what remains from the time when no reactor resolved the VRF.
+// Removes entries left from a time when no reactor resolved the VRF.
 void NavPathResolutionSm::sweepLeftovers() {
     for (PathStatusEntry& status : in_.pathStatus->pathStatusEntry())
         if (initialized_ && !isConfigured(status.key()) && !in_.navDb->pathKeyInfo(status.key()))
@@ -149,8 +149,8 @@ void NavPathResolutionSm::handlePathConfig(const PathKey& pathKey) {
     Vel::Hold hold;
     const IpGenAddr& addr = pathKey.dstAddr;
     if (!isConfigured(pathKey)) {
-        // A subscriber called here or below may have added the path again or ended this reactor,
-        // which leaves the rest to construction.
+        // A subscriber called here or below may have added the path again or ended this reactor;
+        // path construction then does the rest.
         releaseUnusedNexthop(addr);
         if (!initialized_ || isConfigured(pathKey)) return;
         DUOLOG(pathTrace, 7, "Deleting path ", pathKey, " from pathStatus");
@@ -195,7 +195,7 @@ void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
     if (paths) {
         for (const PathKey& pathKey : paths->pathKey()) {
             if (!isTowards(addr, pathKey)) continue;
-            // The result may exist on another client's request, and vanish with that.
+            // The result may exist because of another client's request, and vanish with it.
             if (!std::exchange(used, true) && !in_.nexthopVrfConfig->nexthopHas(addr))
                 requestNexthop(addr);
             reviewPath(pathKey, addr);
@@ -279,8 +279,8 @@ bool NavPathResolutionSm::isConfigured(const PathKey& pathKey) const {
     return in_.pathConfig->pathConfigEntry(pathKey);
 }
 
-// Whether this is the path's destination and the path is configured in this VRF. One that is just
-// being added counts once its entry has a reactor, which then is told of its removal too.
+// Whether this is the path's destination and the path is configured in this VRF. A path that is
+// being added counts once its entry has a reactor, which will be notified of its removal.
 bool NavPathResolutionSm::isTowards(const IpGenAddr& addr, const PathKey& pathKey) const {
     return pathKey.dstAddr == addr && pathConfigEntry_(pathKey) && isConfigured(pathKey);
 }
@@ -348,14 +348,15 @@ void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfile() {
     });
 }
 
-// Whether no subscriber changed the profile, removed the path or ended the reactor since.
+// Whether this is still the newest run: no subscriber has changed the profile, removed the path or
+// ended the reactor since.
 bool NavPathResolutionSm::VelPathConfigEntry::isNewest(U32 profileRun) const {
     return profileRun == profileRuns_ && owner_.initialized_ &&
            in_.pathConfig->pathConfigEntry(pathKey()) == entry_.get();
 }
 
-// Writes the path's status without an IPsec connection, by the via recorded. Returns whether the
-// run is still the newest. A status that a subscriber wrote meanwhile is kept.
+// Writes the status of a path without an IPsec connection, with the recorded via. Returns whether
+// the run is still the newest. A status that a subscriber has written since is kept.
 bool NavPathResolutionSm::VelPathConfigEntry::writeUnconnected(U32 profileRun, U32 pathIndex) {
     PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey());
     if (!status) return true;
@@ -373,8 +374,8 @@ bool NavPathResolutionSm::VelPathConfigEntry::writeUnconnected(U32 profileRun, U
 
 void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfileDel() {
     DUOLOG_ENTRY(pathTrace, pathKey());
-    // A connection names its VRF, a path the VRF's id: once that has changed, the connection may be
-    // that of the path with the new id.
+    // A connection's key contains the VRF name, a path's the VRF id. After the id has changed, the
+    // connection may belong to the path with the new id.
     const PathKey current = pathKeyOf(*in_.navDb, connection_);
     if (current == pathKey() || !owner_.isConfigured(current)) {
         DUOLOG(pathTrace, 7, "Deleting connection ", connection_, " from ipsecPathConfig");
@@ -384,7 +385,7 @@ void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfileDel() {
 }
 
 // The interface that has the path's source address; empty if none has. The database names one
-// interface for an address; where the address is in several VRFs, the one in this VRF counts.
+// interface for an address; if several VRFs have the address, the interface in this VRF is used.
 IntfId NavPathResolutionSm::VelPathConfigEntry::localIntf() {
     const IpGenAddr& addr = pathKey().srcAddr;
     const IntfId* mapped = in_.navDb->srcToIntfMapping(addr);
@@ -412,7 +413,7 @@ void NavPathResolutionSm::VelPathStatusEntry::handleInitialized() {
         DUOLOG(pathTrace, 7, "navPathResolutionSm not initialized");
         return;
     }
-    // The flag may have changed while no reactor kept the site's list.
+    // The flag may have changed while no reactor maintained the site's list.
     const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(entry_->key());
     if (!pathKeyInfo) return;
     const auto* site = siteGroupStatus_.siteGroupStatusEntry(pathKeyInfo->siteGroupKey());
@@ -452,7 +453,7 @@ void NavPathResolutionSm::VelPathStatusEntry::handlePathStatusEntryDelete() {
     DUOLOG_ENTRY(pathTrace, entry_->key());
     Vel::Hold hold;
     const PathKeyInfo* pathKeyInfo = owner_.keyInfoOf(entry_->key());
-    // A subscriber may have had the path published again in another VRF with the same id.
+    // A subscriber may have caused the path to be published again in another VRF with the same id.
     if (!pathKeyInfo || pathKeyInfo->vrfName() != in_.vrfName) return;
     SiteGroupStatusEntry* site = siteGroupStatus_.siteGroupStatusEntry(pathKeyInfo->siteGroupKey());
     if (!site) return;

@@ -96,7 +96,7 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
 
     NavLoadBalancerSm& owner_;
     VrfConfig& config_;
-    Vel::String wanted_;  // the policy under which this VRF stands in wantedBy_
+    Vel::String wanted_;  // the policy whose entry in wantedBy_ contains this VRF
     Vel::Subscription policyName_;
 };
 
@@ -121,7 +121,7 @@ void NavLoadBalancerSm::handleInitialized() {
     dropLeftovers();
 }
 
-// Removes what an earlier process published and this configuration does not call for.
+// Removes entries that an earlier process published and this configuration does not require.
 void NavLoadBalancerSm::dropLeftovers() {
     for (NavRuleStatus& rules : in_.navStatusDir->navRuleStatus())
         if (!vrfToPolicy_.contains(rules.name())) in_.navStatusDir->navRuleStatusDel(rules.name());
@@ -132,7 +132,7 @@ void NavLoadBalancerSm::dropLeftovers() {
             if (!vrfToPolicy_.contains(vrf)) applied->policyForTargetDel(vrf);
 }
 
-// Without VRF ids and policy reactors nothing is bound or programmed by what the removals set off.
+// VRF ids and policy reactors are removed first, so that the removals cannot bind or program again.
 void NavLoadBalancerSm::doCleanup() {
     DUOLOG_ENTRY(policyTrace);
     initialized_ = false;
@@ -172,7 +172,7 @@ void NavLoadBalancerSm::mapToConfigured(const L3::VrfName& vrf) {
 
 // ---- bindings ----
 
-// By the inputs as they are now.
+// Both use the inputs as they are now.
 bool NavLoadBalancerSm::isBoundTo(const L3::VrfName& vrf, const Vel::String& policyName) const {
     const VrfConfig* config = in_.cliConfig->vrfConfig(vrf);
     return config && config->policyName() == policyName && !policyName.empty() &&
@@ -192,7 +192,7 @@ void NavLoadBalancerSm::handleNavVrfPolicyMapping(const L3::VrfName& vrf,
         unbind(vrf, policyName);
 }
 
-// A bind always starts from an empty rule status, so that the load-balance side releases what it
+// A bind always starts from an empty rule status, so that the load-balance reactor releases the ids
 // allocated under another policy or VRF id.
 void NavLoadBalancerSm::bind(const L3::VrfName& vrf, const Vel::String& policyName) {
     POLICY_TRACE(8, "Add vrf: ", vrf, " to policy: ", policyName);
@@ -227,7 +227,7 @@ void NavLoadBalancerSm::unbind(const L3::VrfName& vrf, const Vel::String& policy
     removeRuleStatus(vrf);
 }
 
-// Takes the VRF out of the list of the policy it is bound to, whichever that is.
+// Removes the VRF from the list of the policy that it is bound to.
 void NavLoadBalancerSm::leavePolicy(const L3::VrfName& vrf) {
     const auto found = vrfToPolicy_.find(vrf);
     if (found == vrfToPolicy_.end()) return;
@@ -235,7 +235,7 @@ void NavLoadBalancerSm::leavePolicy(const L3::VrfName& vrf) {
         members->vrfDel(vrf);
 }
 
-// Another bound VRF that reports the same id and has the application is named from then on.
+// If another bound VRF reports the same id and has the application, the entry names that VRF next.
 void NavLoadBalancerSm::removeVrfApp(const L3::VrfName& vrf, const VrfAppKey& key) {
     const VrfApp* app = in_.navDb->vrfApp(key);
     if (!app || app->vrfName != vrf.str()) return;
@@ -251,9 +251,9 @@ void NavLoadBalancerSm::removeVrfApps(const L3::VrfName& vrf) {
     for (const auto& [key, name] : std::exchange(found->second.apps, {})) removeVrfApp(vrf, key);
 }
 
-// Removing the rule status is what makes the load-balance side release the VRF's ids.
+// The load-balance reactor releases the VRF's ids when the rule status is removed.
 void NavLoadBalancerSm::removeRuleStatus(const L3::VrfName& vrf) {
-    const L3::VrfName name = vrf;  // outlives the status it may be part of
+    const L3::VrfName name = vrf;  // a copy: `vrf` may be part of the status deleted here
     removeVrfApps(name);
     vrfToPolicy_.erase(name);
     in_.navStatusDir->navRuleStatusDel(name);
@@ -269,8 +269,8 @@ void NavLoadBalancerSm::handleNavPolicyConfigVersion(const L3::VrfName& vrf,
     POLICY_TRACE(8, "No policyEntry for policyName: ", policyName);
 }
 
-// A subscriber may have the VRF reconciled with newer rules or unbound: the reaction to that has
-// then done the rest.
+// Stops if a subscriber caused a newer reconciliation or unbound the VRF; that reaction has done
+// the rest.
 void NavLoadBalancerSm::handleNavPolicyConfigVersion(const L3::VrfName& vrf,
                                                      const Vel::String& policyName,
                                                      const PolicyRules& rules) {
@@ -280,7 +280,7 @@ void NavLoadBalancerSm::handleNavPolicyConfigVersion(const L3::VrfName& vrf,
     const U32* known = vrfNameToId(vrf);
     const U32 vrfId = known ? *known : 0;
     const U64 mine = vrfToPolicy_[vrf].reconciliation = ++reconciliations_;
-    // The binding while this is its last reconciliation.
+    // The binding; null if this is not its newest reconciliation.
     const auto binding = [&]() -> Binding* {
         const auto found = vrfToPolicy_.find(vrf);
         return found != vrfToPolicy_.end() && found->second.reconciliation == mine ? &found->second
@@ -341,7 +341,7 @@ void NavLoadBalancerSm::handleNavPolicyConfig(const Vel::Name& policyName) {
     if (!initialized_) return;
     const auto* reactor = policySm_(policyName);
     const auto* before = in_.cliConfig->policyConfig(policyName);
-    // A policy may have been deleted and created again before this notification was read.
+    // The policy may have been deleted and created again before this notification arrived.
     if (!before || (reactor && reactor->inputs().policyEntry.ptr().get() != before))
         deletePolicy(policyName);
 
@@ -359,9 +359,9 @@ void NavLoadBalancerSm::handleNavPolicyConfig(const Vel::Name& policyName) {
         handleNavVrfPolicyMapping(vrf, policyName);
 }
 
-// The applied policy of its VRFs stays in the classification directory; a binding that is changed
-// or removed takes it away. The policy's reactor goes before anything is announced, for a
-// subscriber may create the policy again.
+// The policy stays applied to its VRFs in the classification directory until their binding changes.
+// The policy's reactor is removed before anything is announced: a subscriber may create the policy
+// again.
 void NavLoadBalancerSm::deletePolicy(const Vel::Name& policyName) {
     POLICY_TRACE(8, "Delete navFeaturePolicyDir entry for policy: ", policyName);
     const Vel::Ptr<PolicyToVrf> members{policyToVrf(policyName)};

@@ -47,7 +47,7 @@ void NavContainer::doCleanup() {
     navPathGroupDirSm_.del();
     navPathResolutionDirSm_.del();
     navLoadBalancerSm_.del();
-    // The VRFs for which construction and resolution requested next hops.
+    // Next-hop requests of construction and resolution.
     in_.nexthopConfig->vrfDelAll();
     navDb_ = nullptr;
 }

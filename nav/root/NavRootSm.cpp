@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::string_view nothing = "{ }";
 
-// The state word of a path. A path without status is shown like one with a default status.
+// The state word of a path. A path without status is shown as if it had the default status.
 std::string_view stateWord(const PathStatusEntry* status) {
     if (!status) return "Route Pending";
     const HwPathInfo& info = status->pathInfo();
@@ -60,7 +60,7 @@ void NavRootSm::handleNavConfigured() {
     requests.callbackIs(navCliCallback_);
     requests.handleCommandDir();
 
-    if (inTransition_) return;  // the outer call reads the flag again
+    if (inTransition_) return;  // the outer call checks the flag again
     struct Transition {
         bool& flag;
         ~Transition() { flag = false; }

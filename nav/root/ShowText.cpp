@@ -13,7 +13,7 @@ namespace Nav {
 
 namespace {
 
-// Blocks SIGPIPE around write(2), which cannot be asked for an error instead.
+// Blocks SIGPIPE around write(2), which has no flag to prevent the signal.
 class PipeSignalBlock {
   public:
     PipeSignalBlock() {

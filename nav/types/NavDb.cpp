@@ -9,8 +9,8 @@ VEL_DEFINE(Nav, PathGroupInfo)
 VEL_DEFINE(Nav, NavDb)
 
 namespace {
-// If `vrfName` names the id, another VRF that reports the id names it from now on, if one does.
-// Returns whether `vrfName` named it.
+// If the id maps to `vrfName`, maps it to another VRF that reports the id, or to none. Returns
+// whether it mapped to `vrfName`.
 bool passName(NavDb& navDb, const Routing::Hardware::RouteStatus& status,
               const L3::VrfName& vrfName, U32 vrfId) {
     const L3::VrfName* name = navDb.vrfIdToName(vrfId);

@@ -315,7 +315,7 @@ Secret Codec<Secret>::fromDatum(const Datum& d) {
     const String* text = d.as<String>();
     if (!text) throw Error("expected text");
     if (*text == Secret::hidden)
-        throw Error("this stands where a secret was not shown; write the secret itself");
+        throw Error("this text replaces a secret in output; write the secret itself");
     return {*text};
 }
 

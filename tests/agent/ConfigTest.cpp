@@ -109,12 +109,12 @@ TEST(ConfigTest, ARefusalOfForwardingNamesTheLineThePlaceAndWhatIsRequired) {
             {R"({"vrf":{"a":{"vni":null}}})", "vrf[a]/vni: required"},
             {R"({"vrf":{"b":{"vni":1}}})", "vrf[b]/vni: 1 is already the segment of VRF \"a\""},
             {R"({"vrf":{"with a space":{"vni":7,"address":"10.0.0.9/8"},"7":{"vni":8,"address":"10.0.0.9/8"}}})",
-             "vrf[7]: its tunnel device nav.7 would have the name of that of VRF \"with a space\""},
+             "vrf[7]: its tunnel device nav.7 is already that of VRF \"with a space\""},
             {R"({"vrf":{"a":{"address":null}}})", "vrf[a]/address: required: the router's address"},
             {R"({"vrf":{"a":{"address":"10.0.0.255/24"}}})",
              "vrf[a]/address: 10.0.0.255/24 is the network's broadcast"},
             {R"({"vrf":{"a":{"mtu":1279}}})",
-             "vrf[a]/mtu: expected bytes, as IPv6 requires, from 1280 to 65535, or 0, got"},
+             "vrf[a]/mtu: expected bytes (the VRF carries IPv6) from 1280 to 65535, or 0, got"},
             {R"({"site":{"10.0.0.2":{"vrf":{"a":{"prefix":["10.1.2.3/16"]}}}}})",
              "site[10.0.0.2]/vrf[a]/prefix[10.1.2.3/16]: \"10.1.2.3/16\" is an address in the "
              "network 10.1.0.0/16; "
@@ -134,7 +134,8 @@ TEST(ConfigTest, ARefusalOfForwardingNamesTheLineThePlaceAndWhatIsRequired) {
             {R"({"site":{"10.0.0.3":{"vrf":{"a":{"address":"10.0.0.1"}}}}})",
              "site[10.0.0.3]/vrf[a]/address: 10.0.0.1/32 is already the router's own address"},
             {R"({"site":{"10.0.0.3":{"vrf":{"b":{}}}}})",
-             "site[10.0.0.3]/vrf[b]/address: an IPv6 address is required"},
+             "site[10.0.0.3]/vrf[b]/address: expected an IPv6 address, like fd00::1/64 of this "
+             "VRF, got"},
             {R"({"site":{"10.0.0.3":{"vrf":{"c":{}}}}})",
              "site[10.0.0.3]/vrf[c]: this VRF has no segment; /forwardingConfig/vrf[c] is "
              "required"},
@@ -147,15 +148,15 @@ TEST(ConfigTest, ARefusalOfForwardingNamesTheLineThePlaceAndWhatIsRequired) {
             {R"({"application":{"x":{"match":{"7":{"dscp":["af44"]}}}}})",
              "application[x]/match[7]/dscp[af44]: expected a DSCP"},
             {R"({"application":{"x":{"match":{"7":{"sourcePrefix":["10.0.0.0/8"],"destinationPrefix":["::/0"]}}}}})",
-             "application[x]/match[7]/sourcePrefix[10.0.0.0/8]: no destination prefix of this "
-             "match is an IPv4 one"},
+             "application[x]/match[7]/sourcePrefix[10.0.0.0/8]: this match has no destination "
+             "prefix of family IPv4"},
             {R"({"probe":{"group":{"g":{"interval":10001}}}})",
-             "probe/group[g]/window: expected milliseconds, no less than the interval, from 10001 "
+             "probe/group[g]/window: expected milliseconds (at least the interval) from 10001 "
              "to 3600000, got 10000"},
             {R"({"probe":{"key":987654}})",
              "probe/key: expected text; in double quotes it is text"},
             {R"-({"probe":{"key":"(hidden)"}})-",
-             "probe/key: this stands where a secret was not shown"},
+             "probe/key: this text replaces a secret in output"},
             {R"({"probe":{"key":"a\nb"}})", "probe/key: control characters are not allowed"}}) {
         Json config = parse(complete);
         config.merge_patch(parse(change));
@@ -188,12 +189,12 @@ TEST(ConfigTest, TheExamplesOfForwardingFitAndMismatchesAreWarnedAbout) {
         Agent::forwardingWarnings(*config, *Agent::readForwarding(other)),
         (Warnings{
             R"(rule 10 of policy "office" names application "voice", which is not configured)",
-            R"(application "games" is named by no policy)",
-            R"(application "games" has no match, so no packet belongs to it)",
-            R"(VRF "guest" has a policy, but no segment, so nothing of it is forwarded)",
-            R"(VRF "lab" has a segment, but no policy, so nothing of it is forwarded)",
-            "site 10.255.0.9 is in no path group, so no path leads there",
-            R"(the configuration of probes names path group "lte", which is not configured)",
+            R"(application "games" is not named by any policy)",
+            R"(application "games" has no match, so it has no packets)",
+            R"(VRF "guest" has a policy, but no segment, so its packets are not forwarded)",
+            R"(VRF "lab" has a segment, but no policy, so its packets take any path)",
+            "site 10.255.0.9 is not in any path group, so it has no paths",
+            R"(the probe configuration names path group "lte", which is not configured)",
             "udpPortConfig is 862, the port of probes"}));
 }
 
@@ -218,10 +219,10 @@ TEST(ConfigTest, TheLimitsAreExact) {
               R"("98":{"appProfileId":1,"lbGrpName":"both"},"99":{"appProfileId":99}}}}})",
               ""},
              {R"({"pathGroupConfig":{"b":{"localIntf":["x0","x1"]}}})",
-              "line 1: /cliConfig/pathGroupConfig: this needs 161 paths; at most 128 are possible"},
+              "line 1: /cliConfig/pathGroupConfig: 161 paths are configured; the maximum is 128"},
              {R"({"vrfConfig":{"v3":{"policyName":"p"}}})",
-              "line 1: /cliConfig/vrfConfig: this can "
-              "need more load-balance ids than the 1023 that exist"},
+              "line 1: /cliConfig/vrfConfig: more "
+              "load-balance ids may be required than the maximum of 1023"},
              {R"({"policyConfig":{"p":{"defaultLbGrpName":"both","defaultRuleCfgd":true}}})",
               "line 1: /cliConfig/vrfConfig: "}}) {
         Json config = full;
