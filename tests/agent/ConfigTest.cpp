@@ -134,7 +134,7 @@ TEST(ConfigTest, ARefusalOfForwardingNamesTheLineThePlaceAndWhatIsRequired) {
             {R"({"site":{"10.0.0.3":{"vrf":{"a":{"address":"10.0.0.1"}}}}})",
              "site[10.0.0.3]/vrf[a]/address: 10.0.0.1/32 is already the router's own address"},
             {R"({"site":{"10.0.0.3":{"vrf":{"b":{}}}}})",
-             "site[10.0.0.3]/vrf[b]/address: expected an IPv6 address, like fd00::1/64 of this "
+             "site[10.0.0.3]/vrf[b]/address: expected an IPv6 address, like fd00::1 of this "
              "VRF, got"},
             {R"({"site":{"10.0.0.3":{"vrf":{"c":{}}}}})",
              "site[10.0.0.3]/vrf[c]: this VRF has no segment; /forwardingConfig/vrf[c] is "
