@@ -27,7 +27,7 @@ floors = [
     ["agent/shell"],
     ["agent/router"],
     ["agent/linux/kernel"],
-    ["agent/linux/forwarding"],
+    ["agent/linux/forwarding", "agent/linux/quality"],
     ["agent/sim", "agent/linux"],
     ["agent/host"],
 ]
