@@ -27,6 +27,7 @@ class LinuxPlatform::Services {
     Services(EventLoop& loop, const Nav::NavInputs& inputs, const LinuxOptions& options);
 
     const KernelMonitor& monitor() const { return monitor_; }
+    QualityStatus& quality() { return *quality_; }
     Forwarding* forwarding() { return forwarding_ ? &*forwarding_ : nullptr; }
     std::optional<Json> report() {
         if (!forwarding_) return {};
@@ -41,6 +42,7 @@ class LinuxPlatform::Services {
 
     const Nav::NavInputs in_;
     const ForwardingPtr config_;  // null: the platform observes only
+    const Vel::Ptr<QualityStatus> quality_ = Vel::make<QualityStatus>("pathQuality");
     KernelMonitor monitor_;
     std::set<L3::VrfName> unnumbered_;  // VRFs reported to have no id
     NexthopResolver resolver_;
@@ -70,7 +72,7 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
       readable_(loop.onReadable(monitor_.fd(), [this] { monitor_.handleReadable(); })) {
     monitor_.start();
     if (config_) {
-        forwarding_.emplace(inputs, config_, monitor_, [this] { agent_->review(); });
+        forwarding_.emplace(inputs, config_, monitor_, *quality_, [this] { agent_->review(); });
         startCounting(loop, options.runDir);
         tableChanged_ =
             loop.onReadable(forwarding_->tableFd(), [this] { forwarding_->handleTableReadable(); });
@@ -147,6 +149,10 @@ void LinuxPlatform::configured() {
 
 std::optional<Json> LinuxPlatform::forwarding() {
     return services_ ? services_->report() : std::nullopt;
+}
+
+QualityStatus* LinuxPlatform::quality() {
+    return services_ ? &services_->quality() : nullptr;
 }
 
 std::optional<bool> LinuxPlatform::linkUp(const Netz::IntfId& name) const {

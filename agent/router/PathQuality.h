@@ -28,7 +28,7 @@ struct PathQuality {
     double rttP95 = unknown;       // 95th percentile
     double lossForward = unknown;  // percent, towards the path's destination
     double lossBackward = unknown;
-    double jitter = unknown;  // mean deviation of the round trip, ms
+    double jitter = unknown;  // mean difference of successive round trips, ms
 };
 VEL_VALUE(Agent, PathQuality, state, samples, rttMin, rttMean, rttP95, lossForward, lossBackward,
           jitter)

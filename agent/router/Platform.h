@@ -10,6 +10,7 @@
 #include <string>
 
 #include "agent/base/Json.h"
+#include "agent/router/PathQuality.h"
 #include "nav/root/NavInputs.h"
 
 namespace Agent {
@@ -31,6 +32,8 @@ class Platform {
     virtual void configured() {}
     // What the platform forwards, for `navctl show forwarding`; empty if it does not forward.
     virtual std::optional<Json> forwarding() { return {}; }
+    // What is measured of the paths; null if this platform measures nothing, or has not started.
+    virtual QualityStatus* quality() { return nullptr; }
     // Whether an interface is up; empty if it does not exist or the platform does not know.
     virtual std::optional<bool> linkUp(const Netz::IntfId&) const { return {}; }
 

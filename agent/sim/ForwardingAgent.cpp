@@ -6,11 +6,24 @@
 
 namespace Agent::Sim {
 
-ForwardingAgent::ForwardingAgent(const Nav::NavInputs& inputs, const World& world)
-    : world_(world),
+ForwardingAgent::ForwardingAgent(const Nav::NavInputs& inputs, QualityStatus& quality,
+                                 const World& world)
+    : quality_(quality),
+      world_(world),
       scheduler_(inputs.scheduler.ptr()),
       hardware_(inputs.hwPathStatus.ptr()),
-      paths_(*this, *inputs.navStatusDir) {}
+      paths_(*this, *inputs.navStatusDir),
+      measured_(Vel::Subscription::to<&ForwardingAgent::handleQuality>(
+          quality, QualityStatus::pathQualityAttr, this)) {}
+
+bool ForwardingAgent::dead(U32 pathIndex) const {
+    const PathQuality* quality = quality_->pathQuality(pathIndex);
+    return quality && quality->state == PathLiveness::dead;
+}
+
+void ForwardingAgent::handleQuality(const U32& pathIndex) {
+    if (dead(pathIndex) ? dead_.insert(pathIndex).second : dead_.erase(pathIndex) != 0) review();
+}
 
 void ForwardingAgent::review() {
     paths_.forEach([](VelPathStatusEntry& path) { path.reviewLater(); });
@@ -40,6 +53,7 @@ std::optional<ForwardingAgent::Programme> ForwardingAgent::VelPathStatusEntry::w
         return via.interface == info.via.intfId && via.gateway == info.via.hop;
     };
     if (info.pathState != Nav::PathState::resolved || familiesDiffer(key) ||
+        agent_.dead(info.pathIndex) ||
         std::ranges::none_of(agent_.world_.lookup(vrf_->vrfName(), key.dstAddr), isTaken) ||
         !agent_.world_.neighbourDelay(info.via.intfId, info.via.hop))
         return std::nullopt;

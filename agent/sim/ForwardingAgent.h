@@ -3,13 +3,16 @@
 //
 // A path is programmed when the neighbour of its via has answered and the hardware has accepted it,
 // which takes the world's `programmingDelay`. Invariant, once all tasks have run: a path has an
-// entry only while it is resolved, the route to its destination uses its via, and the via's
-// neighbour answers. An entry has the path's current index, and both its indices are set.
+// entry only while it is resolved, the route to its destination uses its via, the via's neighbour
+// answers, and its probes have not found it dead. An entry has the path's current index, and both
+// its indices are set.
 #pragma once
 
 #include <map>
 #include <optional>
+#include <set>
 
+#include "agent/router/PathQuality.h"
 #include "agent/router/PathReactors.h"
 #include "agent/sim/World.h"
 
@@ -18,7 +21,7 @@ namespace Agent::Sim {
 class ForwardingAgent {
   public:
     // REQUIRES: the world outlives this.
-    ForwardingAgent(const Nav::NavInputs& inputs, const World& world);
+    ForwardingAgent(const Nav::NavInputs& inputs, QualityStatus& quality, const World& world);
 
     // Called after the world has changed.
     void review();
@@ -63,6 +66,11 @@ class ForwardingAgent {
     // The ARP index of a next hop, the same for all paths that use it. Never 0.
     U32 arpIndexOf(const Netz::IntfId& interface, const Netz::IpGenAddr& hop);
 
+    bool dead(U32 pathIndex) const;
+    void handleQuality(const U32& pathIndex);
+
+    const Vel::Ptr<QualityStatus> quality_;
+    std::set<U32> dead_;  // of the paths, as last notified
     const World& world_;
     const Vel::Ptr<Vel::Scheduler> scheduler_;
     const Vel::Ptr<Nav::HwPathStatus> hardware_;
@@ -70,6 +78,7 @@ class ForwardingAgent {
     U32 lastPathIndex_ = 0;  // the last hardware path index allocated
     U32 version_ = 0;        // of the last hardware update
     PathReactors<VelPathStatusEntry, ForwardingAgent> paths_;
+    Vel::Subscription measured_;
 };
 
 }  // namespace Agent::Sim

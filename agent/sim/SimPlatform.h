@@ -15,6 +15,7 @@ class SimPlatform final : public Platform {
 
     void start(const Nav::NavInputs& inputs) override { router_.emplace(inputs, history_); }
     void stop() override { router_.reset(); }
+    QualityStatus* quality() override { return router_ ? &router_->quality() : nullptr; }
     std::optional<bool> linkUp(const Netz::IntfId& name) const override {
         if (!router_ || !router_->world().interfaces.contains(name)) return {};
         return router_->world().up(name);

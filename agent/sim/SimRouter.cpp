@@ -25,9 +25,11 @@ SimRouter::SimRouter(const Nav::NavInputs& inputs, History history)
       start_(inputs.scheduler->now()),
       world_(history_.first),
       resolver_(inputs, [this](const auto& requested) { return lookup(requested); }),
+      quality_(Vel::make<QualityStatus>("pathQuality")),
       peers_(inputs, world_),
-      forwarding_(inputs, world_),
-      choice_(inputs),
+      probes_(inputs, *quality_, world_),
+      forwarding_(inputs, *quality_, world_),
+      choice_(inputs, *quality_, world_),
       step_(*inputs.scheduler, Loom::call<&SimRouter::handleStep>(*this)) {
     publish();
     awaitStep();
@@ -40,6 +42,7 @@ void SimRouter::worldIs(const World& world) {
     // The reviews queued here run after the reactors have processed the new results.
     resolver_.resolve();
     peers_.review();
+    probes_.review();
     forwarding_.review();
 }
 

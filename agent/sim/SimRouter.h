@@ -11,6 +11,7 @@
 #include "agent/sim/ForwardingAgent.h"
 #include "agent/sim/IpsecPeers.h"
 #include "agent/sim/PathChoice.h"
+#include "agent/sim/PathProbes.h"
 #include "agent/sim/World.h"
 
 namespace Agent::Sim {
@@ -21,6 +22,7 @@ class SimRouter {
     SimRouter(const Nav::NavInputs& inputs, History history);
 
     const World& world() const { return world_; }
+    QualityStatus& quality() { return *quality_; }
     // Replaces the world, until the next step of the history replaces it again.
     void worldIs(const World& world);
 
@@ -35,7 +37,9 @@ class SimRouter {
     const Loom::Instant start_;
     World world_;
     NexthopResolver resolver_;
+    const Vel::Ptr<QualityStatus> quality_;
     IpsecPeers peers_;
+    PathProbes probes_;
     ForwardingAgent forwarding_;
     PathChoice choice_;
     size_t next_ = 0;  // the next step of the history

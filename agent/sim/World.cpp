@@ -95,10 +95,33 @@ void readMembers(const Place& place, Member<T>... members) {
     });
 }
 
+void read(const Place& place, World::Quality& quality) {
+    readMembers(place, Member{"delay", quality.delay}, Member{"jitter", quality.jitter},
+                Member{"lossForward", quality.lossForward},
+                Member{"lossBackward", quality.lossBackward});
+    const auto require = [&](const char* name, double value, double least, double most) {
+        if (!(value >= least && value <= most))
+            place.member(name).expected("a number from 0 to " + std::to_string(int(most)));
+    };
+    require("delay", quality.delay, 0, longestDelay);
+    require("lossForward", quality.lossForward, 0, 100);
+    require("lossBackward", quality.lossBackward, 0, 100);
+    if (!(quality.jitter >= 0 && quality.jitter <= 2 * quality.delay))
+        place.member("jitter").refuse("must be from 0 to twice the delay");
+}
+void read(const Place& place, World::Probe& probe) {
+    readMembers(place, Member{"interval", probe.interval}, Member{"multiplier", probe.multiplier},
+                Member{"window", probe.window}, Member{"upDelay", probe.upDelay},
+                Member{"downDelay", probe.downDelay});
+    if (probe.interval < std::chrono::milliseconds(1))
+        place.member("interval").refuse("must be at least 1 ms of real time");
+    if (probe.multiplier == 0) place.member("multiplier").refuse("must be at least 1");
+    if (probe.window < probe.interval) place.refuse("window must not be less than interval");
+}
 void read(const Place& place, World::Interface& interface) {
     readMembers(place, Member{"vrf", interface.vrf}, Member{"v4", interface.v4},
                 Member{"v6", interface.v6}, Member{"up", interface.up},
-                Member{"neighbours", interface.neighbours});
+                Member{"neighbours", interface.neighbours}, Member{"quality", interface.quality});
     if (interface.v4.addr.isV6()) place.member("v4").expected("an IPv4 address");
     if (interface.v6.addr.isV4() && !interface.v6.addr.isZero())
         place.member("v6").expected("an IPv6 address");
@@ -161,7 +184,8 @@ void checkVrfs(const World& world, const Place& place) {
 World readWorld(const Place& place) {
     World world;
     world.vrfs.clear();
-    readMembers(place, Member{"programmingDelay", world.programmingDelay},
+    readMembers(place, Member{"probe", world.probe},
+                Member{"programmingDelay", world.programmingDelay},
                 Member{"interfaces", world.interfaces}, Member{"vrfs", world.vrfs});
     world.vrfs.try_emplace(L3::VrfName("default"));
     for (const auto& [name, interface] : world.interfaces) {
@@ -216,6 +240,18 @@ const World::Peer* World::peer(const L3::VrfName& vrf, const Netz::IpGenAddr& ad
     if (found == vrfs.end()) return nullptr;
     const auto peer = found->second.peers.find(addr);
     return peer == found->second.peers.end() ? nullptr : &peer->second;
+}
+
+const World::Quality* World::quality(const Netz::IntfId& interface,
+                                     const Netz::IpGenAddr& addr) const {
+    const auto found = interfaces.find(interface);
+    if (found == interfaces.end()) return nullptr;
+    const std::pair<const Netz::IpAddrWithMask, Quality>* best = nullptr;
+    for (const auto& each : found->second.quality)
+        if (covers(each.first, addr) &&
+            (!best || each.first.prefixLength > best->first.prefixLength))
+            best = &each;
+    return best ? &best->second : nullptr;
 }
 
 std::optional<Duration> World::neighbourDelay(const Netz::IntfId& interface,

@@ -24,12 +24,21 @@ enum class Fault : U32 { none, refuses, silent };
 VEL_ENUM(Fault, none, refuses, silent)
 
 struct World {
+    // What happens to packets between the two ends of a path. Not scaled by the world's speed.
+    struct Quality {
+        double delay = 0;   // round trip, ms
+        double jitter = 0;  // mean difference of successive round trips, ms; at most 2 * `delay`
+        double lossForward = 0, lossBackward = 0;  // percent
+    };
+
     struct Interface {
         L3::VrfName vrf{"default"};
         Netz::IpAddrWithMask v4;  // zero: no address
         Netz::IpAddrWithMask v6;  // zero: no address
         bool up = true;
         std::map<Netz::IpGenAddr, Duration> neighbours;  // the time that each takes to answer
+        // Of paths to these destinations; the longest prefix counts. Other paths are not checked.
+        std::map<Netz::IpAddrWithMask, Quality> quality;
     };
 
     struct Via {
@@ -57,6 +66,15 @@ struct World {
         std::map<Netz::IpGenAddr, Peer> peers;
     };
 
+    // As those of the forwarding configuration.
+    struct Probe {
+        Duration interval = std::chrono::milliseconds(100);  // at least 1 ms
+        U32 multiplier = 3;
+        Duration window = std::chrono::seconds(10);  // not less than `interval`
+        Duration upDelay = std::chrono::seconds(1), downDelay{};
+    };
+
+    Probe probe;
     Duration programmingDelay = std::chrono::milliseconds(10);  // of a path in the hardware
     std::map<Netz::IntfId, Interface> interfaces;
     std::map<L3::VrfName, Vrf> vrfs{{L3::VrfName("default"), Vrf{}}};
@@ -68,6 +86,8 @@ struct World {
     Vias lookup(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
     // Null if the VRF has no peer with this address.
     const Peer* peer(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
+    // Null if a path through this interface to this destination is not checked.
+    const Quality* quality(const Netz::IntfId& interface, const Netz::IpGenAddr& addr) const;
     // The time that resolving a next hop takes; nullopt if it does not answer or the interface is
     // down.
     std::optional<Duration> neighbourDelay(const Netz::IntfId& interface,

@@ -44,7 +44,7 @@ TEST_F(RouterTest, PathsComeUpAndFollowTheirLink) {
     EXPECT_EQ(internet(), "Ipsec Estab");
     EXPECT_EQ(encapId(), encapIdBefore);
 
-    const std::string traffic = "site 10.255.0.2 app voice vrf blue now over ";
+    const std::string traffic = "voice to 10.255.0.2 in VRF blue now over ";
     const std::string overInternet =
         traffic + "Path" + std::to_string(indexOf(internetKey)) + " (internet, priority 1)";
     const std::string overMpls =
@@ -161,6 +161,57 @@ TEST_F(RouterTest, PeersFailAndRekey) {
     run(200ms);
     EXPECT_EQ(internet(), "Ipsec Estab");
     EXPECT_NE(encapId(), fourth);
+}
+
+TEST_F(RouterTest, VoiceLeavesALossyPathAndTrafficADeadOne) {
+    start();
+    configure();
+    cli.loadBalanceProfile("quick")->lossRateIs(1);
+    const auto& traces = capture("router");
+    Duolog::levelIs("sim", 4);
+    const auto loss = [&](int percent) {
+        change((R"({"probe": {"interval": 10, "window": 1000, "upDelay": 100, "downDelay": 20},
+                    "interfaces": {"wan1": {"quality": {"0.0.0.0/0":
+                        {"delay": 20, "jitter": 2, "lossBackward": )" +
+                std::to_string(percent) + "}}}}}")
+                   .c_str());
+    };
+    const auto lineAfter = [&](Duration time) {
+        const size_t before = traces.size();
+        Duolog::levelIs("router", 5);
+        run(time);
+        return traces.size() == before ? "" : traces.back();
+    };
+    startRouter();
+    loss(0);
+    EXPECT_EQ(lineAfter(2s), "");
+    const std::string path =
+        "Path" + std::to_string(indexOf(internetKey)) + " 203.0.113.1 -> 198.51.100.2: ";
+    loss(4);
+    EXPECT_EQ(lineAfter(510ms), "") << "the second loss is above 1 %, for less than 20 ms";
+    const PathQuality& figures = *router->quality().pathQuality(indexOf(internetKey));
+    EXPECT_EQ(figures.samples, 100u);
+    EXPECT_EQ(figures.lossForward, 0);
+    EXPECT_EQ(figures.lossBackward, 2);
+    EXPECT_EQ(figures.rttMin, 19);
+    EXPECT_EQ(figures.rttP95, 21);
+    EXPECT_NEAR(figures.jitter, 2, 1e-3);
+    EXPECT_EQ(lineAfter(10ms),
+              "voice to 10.255.0.2 in VRF blue leaves " + path + "loss 2.0 % > 1 %");
+    EXPECT_EQ(usable(), (std::set{indexOf(internetKey), indexOf(mplsKey)}));
+    loss(0);
+    EXPECT_EQ(lineAfter(820ms), "") << "one loss left in the window, for less than 100 ms";
+    EXPECT_EQ(lineAfter(20ms),
+              "voice to 10.255.0.2 in VRF blue returns to " + path + "loss 1.0 % <= 1 %");
+    loss(100);
+    run(30ms);
+    EXPECT_EQ(internet(), "Arp Pending") << "three probes lost";
+    EXPECT_EQ(usable(), std::set{indexOf(mplsKey)});
+    loss(0);
+    run(90ms);
+    EXPECT_EQ(internet(), "Arp Pending") << "not good for 100 ms";
+    run(60ms);
+    EXPECT_EQ(internet(), "Ipsec Estab");
 }
 
 }  // namespace

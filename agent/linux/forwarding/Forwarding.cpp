@@ -6,13 +6,6 @@
 
 namespace Agent::Linux {
 
-Forwarding::VelLbProfileStatusEntry::VelLbProfileStatusEntry(Forwarding& forwarding,
-                                                             Nav::LbProfileStatusEntry& entry)
-    : forwarding(forwarding),
-      site(entry.key().vtepIp),
-      generation(Vel::Subscription::to<&VelLbProfileStatusEntry::changed>(
-          entry, Nav::LbProfileStatusEntry::genIdAttr, this)) {}
-
 Forwarding::VelSiteGroupStatusEntry::VelSiteGroupStatusEntry(Forwarding& forwarding,
                                                              Nav::SiteGroupStatusEntry& entry)
     : forwarding(forwarding),
@@ -26,23 +19,22 @@ Forwarding::VelNavRuleStatus::VelNavRuleStatus(Forwarding& forwarding, Nav::NavR
                                                        &forwarding)) {}
 
 Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, KernelMonitor& monitor,
-                       std::function<void()> onProgrammed)
+                       QualityStatus& quality, std::function<void()> onProgrammed)
     : in_(inputs),
       monitor_(monitor),
       onProgrammed_(std::move(onProgrammed)),
-      plan_(inputs, config, routes_),
+      plan_(inputs, config, routes_, choice_),
       config_(std::move(config)),
       commit_(Loom::call<&Forwarding::commit>(*this)),
       ruleset_(Loom::call<&Forwarding::applyRuleset>(*this)),
       adoption_(*inputs.scheduler, Loom::call<&Forwarding::endAdoption>(*this)),
       retry_(*inputs.scheduler, Loom::call<&Forwarding::repair>(*this)),
       repair_(*inputs.scheduler, Loom::call<&Forwarding::repair>(*this)),
-      lbStatus_(Vel::Subscription::to<&Forwarding::handleLbStatus>(
-          *in_.navStatusDir, Nav::NavStatusDir::navLbProfileStatusAttr, this)),
       port_(Vel::Subscription::to<&Forwarding::replan>(*in_.cliConfig,
                                                        Nav::NavCliConfig::udpPortConfigAttr, this)),
       siteGroups_(*this, *in_.siteGroupStatus, Nav::SiteGroupStatus::siteGroupStatusEntryAttr),
-      rules_(*this, *in_.navStatusDir, Nav::NavStatusDir::navRuleStatusAttr) {
+      rules_(*this, *in_.navStatusDir, Nav::NavStatusDir::navRuleStatusAttr),
+      choice_(inputs, quality, choiceUser()) {
     if (!kernel_.read()) throw Vel::Error("netlink: the kernel's next hops cannot be read");
     monitor_.ownPortIs(kernel_.port());
     adopting_ = !kernel_.present().empty();
@@ -53,17 +45,20 @@ Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, Kerne
     }
     siteGroups_.initialize();
     rules_.initialize();
-    handleLbStatus();
+    choice_.start();
     readRoutes_ = true;
     replan();
 }
 
-void Forwarding::handleLbStatus() {
-    lbEntries_.reset();
-    Nav::LbProfileStatus* status = in_.navStatusDir->navLbProfileStatus();
-    if (!status) return;
-    lbEntries_.emplace(*this, *status, Nav::LbProfileStatus::lbProfileStatusEntryAttr);
-    lbEntries_->initialize();
+MemberChoice::User Forwarding::choiceUser() {
+    using std::chrono::milliseconds;
+    return {[this](const Vel::String& pathGroup) -> MemberChoice::Delays {
+                const ProbeValues probe = probeValues(*config_->probe(), Vel::Name(pathGroup));
+                return {milliseconds(probe.upDelay), milliseconds(probe.downDelay)};
+            },
+            [this](uint32_t pathIndex) { return plan_.paths().contains(pathIndex); },
+            [this](const Nav::LbProfileKey& key) { siteChanged(key.vtepIp); },
+            [this](const Nav::LbProfileKey& key) { choiceChanged(key); }};
 }
 
 void Forwarding::pathIs(uint32_t pathIndex, const PathHop& hop) {
@@ -90,6 +85,11 @@ uint32_t Forwarding::programmed(uint32_t pathIndex) {
 
 void Forwarding::siteChanged(const Netz::IpGenAddr& site) {
     sites_.insert(site);
+    commitLater();
+}
+
+void Forwarding::choiceChanged(const Nav::LbProfileKey& key) {
+    groups_.insert(key);
     commitLater();
 }
 
@@ -167,6 +167,7 @@ void Forwarding::commit() {
         plan_.replanSites();
     if (std::exchange(replanAll_, false) | std::exchange(replanSites_, false)) sites_.clear();
     for (const Netz::IpGenAddr& site : std::exchange(sites_, {})) plan_.replanSite(site);
+    for (const Nav::LbProfileKey& key : std::exchange(groups_, {})) plan_.replanGroup(key);
     if (adopting_ && allPathsProgrammed()) endAdoption();
     std::set<ObjectKey> keys = plan_.takeChanged();
     if (std::exchange(compareAll_, false)) {

@@ -31,10 +31,11 @@ class Forwarding {
     // Delay before refused changes are tried again.
     static constexpr Loom::Duration retryTime = std::chrono::seconds(5);
 
-    // The monitor must outlive this. `onProgrammed` is called when the result of programmed() may
-    // have changed. Raises Vel::Error if the kernel's objects cannot be read.
+    // The monitor must outlive this. `quality` is what is measured of the paths. `onProgrammed` is
+    // called when the result of programmed() may have changed. Raises Vel::Error if the kernel's
+    // objects cannot be read.
     Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, KernelMonitor& monitor,
-               std::function<void()> onProgrammed);
+               QualityStatus& quality, std::function<void()> onProgrammed);
 
     // The forwarding agent calls these when a path becomes usable, changes its next hop, or stops
     // being usable.
@@ -65,16 +66,6 @@ class Forwarding {
     const std::string& rulesetRefused() const { return rulesetRefused_; }
 
   private:
-    struct VelLbProfileStatusEntry final : Vel::Object {
-        VelLbProfileStatusEntry(Forwarding& forwarding, Nav::LbProfileStatusEntry& entry);
-        void handleInitialized() { changed(); }
-        void doCleanup() { changed(); }
-        void changed() { forwarding.siteChanged(site); }
-
-        Forwarding& forwarding;
-        const Netz::IpGenAddr site;
-        Vel::Subscription generation;
-    };
     struct VelSiteGroupStatusEntry final : Vel::Object {
         VelSiteGroupStatusEntry(Forwarding& forwarding, Nav::SiteGroupStatusEntry& entry);
         void handleInitialized() { changed(); }
@@ -93,12 +84,10 @@ class Forwarding {
         Forwarding& forwarding;
         Vel::Subscription rules;
     };
-    using LbEntries =
-        Vel::EntryReactorsOf<VelLbProfileStatusEntry,
-                             decltype(Nav::LbProfileStatus::lbProfileStatusEntryAttr)>;
 
     void siteChanged(const Netz::IpGenAddr& site);
-    void handleLbStatus();
+    void choiceChanged(const Nav::LbProfileKey& key);
+    MemberChoice::User choiceUser();
     void commitLater();
     void commit();
     void apply(const std::set<ObjectKey>& keys);
@@ -122,17 +111,18 @@ class Forwarding {
     bool adopting_ = false;
     // Work for the next commit.
     bool compareAll_ = false, replanAll_ = false, readRoutes_ = false, replanSites_ = false;
-    bool rulesetDue_ = false;          // what the rules depend on may have changed
-    bool tampered_ = false;            // with the agent's objects, by somebody else
-    std::set<Netz::IpGenAddr> sites_;  // to be replanned in the next commit
+    bool rulesetDue_ = false;             // what the rules depend on may have changed
+    bool tampered_ = false;               // with the agent's objects, by somebody else
+    std::set<Netz::IpGenAddr> sites_;     // to be replanned in the next commit
+    std::set<Nav::LbProfileKey> groups_;  // likewise
     Loom::Task commit_, ruleset_;
     Loom::Timer adoption_, retry_, repair_;
-    Vel::Subscription lbStatus_, port_;
-    std::optional<LbEntries> lbEntries_;
+    Vel::Subscription port_;
     Vel::EntryReactorsOf<VelSiteGroupStatusEntry,
                          decltype(Nav::SiteGroupStatus::siteGroupStatusEntryAttr)>
         siteGroups_;
     Vel::EntryReactorsOf<VelNavRuleStatus, decltype(Nav::NavStatusDir::navRuleStatusAttr)> rules_;
+    MemberChoice choice_;
 };
 
 }  // namespace Agent::Linux

@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <limits>
 #include <optional>
 
 #include "nav/config/NavConstants.h"
@@ -61,8 +60,9 @@ uint32_t derivedMtu(const InterfaceView& view, const Nav::NavCliConfig& config) 
 
 }  // namespace
 
-Plan::Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& routes)
-    : in_(inputs), config_(std::move(config)), routes_(routes) {}
+Plan::Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& routes,
+           const MemberChoice& choice)
+    : in_(inputs), config_(std::move(config)), routes_(routes), choice_(choice) {}
 
 void Plan::replace(const Slice& slice, const Objects& objects) {
     std::vector<ObjectKey>& keys = slices_[slice];
@@ -273,6 +273,17 @@ void Plan::replanSite(const IpGenAddr& site) {
     replace(SiteRoutes{site}, objects);
 }
 
+void Plan::replanGroup(const Nav::LbProfileKey& key) {
+    for (const auto& [vrf, segment] : segments_) {
+        if (segment.vrfId != key.vrfId) continue;
+        const NexthopGroup group = this->group(segment, key.vtepIp, key.appId);
+        const auto planned = wanted_.find(group.key());
+        if (planned == wanted_.end() || planned->second == Object(group)) continue;
+        planned->second = group;
+        changed_.insert(group.key());
+    }
+}
+
 void Plan::planSite(Objects& objects, const Segment& segment, const IpGenAddr& site,
                     const std::set<IpPrefix>& prefixes) {
     const auto route = [&](uint32_t table, uint32_t metric, const NexthopGroup& group) {
@@ -327,11 +338,8 @@ NexthopGroup Plan::group(const Segment& segment, const IpGenAddr& site, uint32_t
     const Nav::LbProfileStatus* ids = in_.navStatusDir->navLbProfileStatus();
     const auto* id = ids ? ids->lbProfileStatusEntry({site, appId, segment.vrfId}) : nullptr;
     if (!id) return group;
-    uint32_t best = std::numeric_limits<uint32_t>::max();
-    for (const Nav::PathWithPriority& member : id->pathEntry())
-        if (paths_.contains(member.pathIndex)) best = std::min(best, member.priority);
-    for (const Nav::PathWithPriority& member : id->pathEntry())
-        if (member.priority == best) addMember(group, segment, member.pathIndex);
+    for (const Nav::PathWithPriority& member : choice_.choose(*id).members)
+        addMember(group, segment, member.pathIndex);
     std::ranges::sort(group.members);
     return group;
 }

@@ -7,8 +7,8 @@
 // - a table for each application that the VRF's policy names, selected by the mark of its packets.
 // It
 //   has a route for each prefix behind each site. The route leads to a group of next hops: the
-//   members of the load-balance id with the best priority. Without a member it is "unreachable", so
-//   that packets never take a path that the policy does not allow. Where the VRF has a more
+//   members of the load-balance id that MemberChoice chooses. Without a member it is "unreachable",
+//   so that packets never take a path that the policy does not allow. Where the VRF has a more
 //   specific route from somebody else, a "throw" route leaves the decision to that route;
 // - such a table for packets that match no rule, if the policy has no default rule: its routes lead
 //   to all paths of a site;
@@ -32,7 +32,7 @@
 #include "agent/linux/kernel/LinkState.h"
 #include "agent/linux/kernel/Objects.h"
 #include "agent/model/ForwardingConfig.h"
-#include "nav/root/NavInputs.h"
+#include "agent/router/MemberChoice.h"
 
 namespace Agent::Linux {
 
@@ -74,8 +74,9 @@ inline constexpr uint32_t noApplication = 0xFFFFFFFF;
 
 class Plan {
   public:
-    // `routes` must outlive this.
-    Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& routes);
+    // `routes` and `choice` must outlive this.
+    Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& routes,
+         const MemberChoice& choice);
 
     using Segments = std::map<L3::VrfName, Segment>;
     // The configured segments whose VRF exists.
@@ -89,6 +90,8 @@ class Plan {
     bool pathIs(uint32_t pathIndex, const PathHop& hop);
     void pathDel(uint32_t pathIndex);
     void replanSite(const Netz::IpGenAddr& site);
+    // Only the members of its group, which had and has some.
+    void replanGroup(const Nav::LbProfileKey& key);
     void replanSites();  // all of them, and what they leave to others' routes
 
     const Objects& wanted() const { return wanted_; }
@@ -110,8 +113,7 @@ class Plan {
     using Prefixes = std::map<Netz::IpGenAddr, std::set<IpPrefix>>;
     // Of a VRF with a segment.
     const Prefixes& prefixes(const L3::VrfName& vrf) const { return prefixes_.at(vrf); }
-    // The usable members of the best priority, of `noApplication` all usable paths; none if the
-    // site is unreachable.
+    // The members chosen, of `noApplication` all usable paths; none if the site is unreachable.
     NexthopGroup group(const Segment& segment, const Netz::IpGenAddr& site, uint32_t appId);
     uint32_t nexthopId(const Segment& segment, const Nav::PathKey& path);
 
@@ -155,6 +157,7 @@ class Plan {
     const Nav::NavInputs in_;
     const ForwardingPtr config_;
     const VrfRoutes& routes_;
+    const MemberChoice& choice_;
     Numbers numbers_;
     Segments segments_;
     std::map<uint32_t, PathHop> paths_;  // by path index
