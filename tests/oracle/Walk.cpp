@@ -126,9 +126,12 @@ Event Walk::policy(const World& world) {
 Event Walk::balance() {
     const std::string profile = at("/cliConfig/loadBalanceProfile", of(profiles));
     if (oneIn(20)) return del(profile);
-    if (oneIn(4))
-        return set(profile + of({"/latency", "/jitter", "/lossRate"}), numberOf({1, 20, 300}));
-    return keep(profile + at("/pathGroupPriority", of(groups)), numberOf({1, 2, 3}));
+    if (oneIn(4)) {
+        const std::string constraint = of({"/latency", "/jitter", "/lossRate"});
+        return set(profile + constraint, numberOf({1, 20, 300}));
+    }
+    const std::string priority = at("/pathGroupPriority", of(groups));
+    return keep(profile + priority, numberOf({1, 2, 3}));
 }
 
 // A path that is configured, if there is one.
@@ -155,10 +158,11 @@ Datum Walk::fec() {
 Event Walk::route(const World& world) {
     const std::string vrf = at("/nexthopStatus/vrf", of(vrfs));
     if (oneIn(12)) return oneIn(3) ? del(vrf) : set(vrf, entry);
-    if (oneIn(2))
-        return keep(
-            at(oneIn(4) ? "/forwarding6Status/fec" : "/forwardingStatus/fec", of({"1", "2", "3"})),
-            fec());
+    if (oneIn(2)) {
+        const char* const table = oneIn(4) ? "/forwarding6Status/fec" : "/forwardingStatus/fec";
+        const std::string id = of({"1", "2", "3"});
+        return keep(at(table, id), fec());
+    }
     const std::string dst = oneIn(8) ? of(destinations) : path(world).key.dstAddr.stringValue();
     return keep(vrf + at("/nexthop", dst), {Datum::Members{{"fecId", numberOf({1, 2, 3, 4})}}});
 }
@@ -180,7 +184,8 @@ Event Walk::hardware(const World& world) {
     const std::string path =
         at("/hwPathStatus/hwPathStatusList", Vel::Codec<Nav::PathKey>::key(live.key) + "," + index);
     if (oneIn(8)) return del(path);
-    return set(path + of({"/hwPathIndex", "/hwArpIndex"}), numberOf({0, 1, 1, 1, 2}));
+    const std::string attribute = of({"/hwPathIndex", "/hwArpIndex"});
+    return set(path + attribute, numberOf({0, 1, 1, 1, 2}));
 }
 
 }  // namespace Oracle

@@ -22,6 +22,8 @@ class Walk {
     };
     using Choice = std::initializer_list<const char*>;
 
+    // At most one of these among the operands of an expression or the arguments of a call: their
+    // order is the compiler's, and what a seed means must not depend on it.
     size_t below(size_t n) { return random_() % n; }
     bool oneIn(size_t n) { return below(n) == 0; }
     std::string of(Choice choice) { return choice.begin()[below(choice.size())]; }
