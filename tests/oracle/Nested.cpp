@@ -23,96 +23,105 @@ std::string Outcome::index(U32 i) const {
 }
 
 Outcome::Outcome(const World& world) {
-    const Published all = publishedIn(world.in, world.navDb());
     const Inputs in = inputsOf(world.in);
-    addPaths(in, all);
-    findWanted(in, all);
-    addPolicies(all);
-    if (all.db) addDatabase(in, *all.db);
+    addPaths(in, world);
+    findWanted(in, world.in);
+    addPolicies(world.in);
+    if (const Nav::NavDb* db = world.navDb()) addDatabase(in, *db);
 }
 
-void Outcome::addPaths(const Inputs& in, const Published& all) {
+void Outcome::addPaths(const Inputs& in, const World& world) {
     const auto isResolved = [&](const VrfName& vrf) { return in.results.contains(vrf); };
-    for (const auto& [vrf, paths] : all.paths)
-        for (const auto& [key, path] : paths) {
-            if (!names_.emplace(path.index, text(key)).second) add("index in use twice", key);
-            add("path", vrf, key, path.ipsecProfile);
+    for (const auto& vrf : world.in.pathConfigDir->pathConfig())
+        for (const auto& path : vrf.pathConfigEntry()) {
+            if (!names_.emplace(path.pathIndex(), text(path.key())).second)
+                add("index in use twice", path.key());
+            add("path", vrf.vrfName(), path.key(), path.ipsecProfile());
         }
-    for (const auto& [vrf, paths] : all.statuses)
-        for (const auto& [key, status] : paths) {
-            add("status", vrf, key);
-            if (!isResolved(vrf)) continue;
-            add("status", vrf, key, status.info.pathType, status.info.pathState, status.info.via,
-                index(status.info.pathIndex),
-                status.encapId == Nav::noEncapId ? "-" : "encapsulated", status.programmed);
+    for (const auto& vrf : world.in.navStatusDir->navPathStatusDir()->pathStatus())
+        for (const auto& path : vrf.pathStatusEntry()) {
+            const Nav::HwPathInfo& info = path.pathInfo();
+            add("status", vrf.vrfName(), path.key());
+            if (!isResolved(vrf.vrfName())) continue;
+            add("status", vrf.vrfName(), path.key(), info.pathType, info.pathState, info.via,
+                index(info.pathIndex), path.encapId() == Nav::noEncapId ? "-" : "encapsulated",
+                path.programmed());
         }
-    for (const auto& [site, indices] : all.siteGroups) {
-        add("site group", site);
-        for (const U32 i : indices) add("site group", site, index(i));
+    for (const auto& site : world.in.siteGroupStatus->siteGroupStatusEntry()) {
+        add("site group", site.key());
+        for (const U32 i : site.pathIndexEntry()) add("site group", site.key(), index(i));
     }
-    for (const auto& [vrf, addrs] : all.nexthops)
-        for (const auto& addr : addrs) add("next hop", vrf, addr);
-    for (const auto& [key, request] : all.requests)
-        if (isResolved(key.vrfName))
-            add("request", key, request.profile, request.intf,
-                index(static_cast<U32>(std::stoul(request.name.substr(4)))));
-    for (const auto& site : all.sites) add("site", site);
+    for (const auto& vrf : world.in.nexthopConfig->vrf())
+        for (const auto& addr : vrf.nexthop()) add("next hop", vrf.vrfName(), addr);
+    for (const auto& request : world.in.ipsecPathConfigDir->ipsecPathConfig())
+        if (isResolved(request.key().vrfName))
+            add("request", request.key(), request.profile(), request.intfId(),
+                index(static_cast<U32>(std::stoul(request.connectionName().substr(4)))));
+    for (const auto& site : world.in.navStatusDir->navRemoteIpList()) add("site", site);
 }
 
-void Outcome::findWanted(const Inputs& in, const Published& all) {
-    for (const auto& [vrf, entries] : all.rules)
-        for (const auto& entry : entries)
-            for (const auto& [site, indices] : all.siteGroups) {
+void Outcome::findWanted(const Inputs& in, const Nav::NavInputs& published) {
+    for (const auto& vrf : published.navStatusDir->navRuleStatus())
+        for (const auto& entry : vrf.navRuleEntry())
+            for (const auto& site : published.siteGroupStatus->siteGroupStatusEntry()) {
                 const auto profile = in.profiles.find(entry.lbProfileName);
-                if (profile == in.profiles.end() || !profile->second.priorities.contains(site.name))
+                if (profile == in.profiles.end() ||
+                    !profile->second.priorities.contains(site.key().name))
                     continue;
-                const auto id = in.vrfIds.find(vrf);
-                const Nav::LbProfileKey key{site.routerIp, entry.appProfileId,
+                const auto id = in.vrfIds.find(vrf.name());
+                const Nav::LbProfileKey key{site.key().routerIp, entry.appProfileId,
                                             id == in.vrfIds.end() ? 0 : id->second};
                 wanted_.insert({key, {}});
                 wanted_.insert({key, entry.lbProfileName});
             }
 }
 
-void Outcome::addPolicies(const Published& all) {
-    for (const auto& [vrf, entries] : all.rules) {
-        add("rules", vrf);
-        for (const auto& entry : entries) add("rule", vrf, entry);
+void Outcome::addPolicies(const Nav::NavInputs& published) {
+    for (const auto& vrf : published.navStatusDir->navRuleStatus()) {
+        add("rules", vrf.name());
+        for (const auto& entry : vrf.navRuleEntry()) add("rule", vrf.name(), entry);
     }
-    for (const auto& [key, balance] : all.balances) {
-        if (wanted_.contains({key, {}}))
-            add("balance", key, balance.constraints);
+    for (const auto& lb : published.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry()) {
+        if (wanted_.contains({lb.key(), {}}))
+            add("balance", lb.key(), lb.latency(), lb.jitter(), lb.lossRate());
         else
-            add("kept balance", key);
-        for (const auto& [i, member] : balance.members)
-            add("member", key, index(i), member.priority, member.groupName);
+            add("kept balance", lb.key());
+        for (const auto& member : lb.pathEntry())
+            add("member", lb.key(), index(member.pathIndex), member.priority, member.groupName);
     }
-    for (const auto& [name, feature] : all.featurePolicies)
-        for (const auto& [key, app] : feature.applications) add("feature", name, key, app);
-    for (const auto& [vrf, name] : all.appliedPolicies) add("applied", vrf, name);
+    Flat rest;
+    flatten(*published.navFeaturePolicyDir, "", rest);
+    for (const auto& [place, value] : rest)
+        if (!value.empty() && !place.ends_with("/version")) add("classification", place, value);
 }
 
-void Outcome::addDatabase(const Inputs& in, const Published::Database& db) {
+void Outcome::addDatabase(const Inputs& in, const Nav::NavDb& db) {
     add("database");
-    for (const auto& [key, path] : db.paths)
-        add("info", key, index(path.index), path.siteGroup, path.ipsecProfile, path.vrf);
-    for (const auto& [addr, keys] : db.pathsOfAddr)
-        for (const auto& key : keys) add("path of", addr, key);
-    for (const auto& [addr, intf] : db.intfOf) add("interface of", addr, intf);
-    for (const auto& [name, group] : db.groups) {
-        add("group", name);
-        for (const auto& key : group.paths) add("path of", name, key);
-        for (const auto& site : group.sites) add("site of", name, site);
+    for (const auto& path : db.pathKeyInfo())
+        add("info", path.pathKey(), index(path.pathIndex()), path.siteGroupKey(),
+            path.ipsecProfile(), path.vrfName());
+    for (const auto& addr : db.addrToPathKeySet())
+        for (const auto& key : addr.pathKey()) add("path of", addr.addr(), key);
+    for (const auto& [addr, intf] : db.srcToIntfMapping()) add("interface of", addr, intf);
+    for (const auto& group : db.pathGroupInfo()) {
+        add("group", group.pgName());
+        for (const auto& key : group.pathKeySet()) add("path of", group.pgName(), key);
+        for (const auto& site : group.remoteIpList()) add("site of", group.pgName(), site);
     }
     // A VRF whose id was withdrawn keeps the one that was seen last.
-    for (const auto& [vrf, id] : in.vrfIds)
-        if (db.vrfId.contains(vrf) && db.vrfId.at(vrf) == id) add("VRF id", vrf, id);
-    for (const auto& [id, vrf] : db.vrfName)
-        if (in.vrfIds.contains(vrf) && in.vrfIds.at(vrf) == id) add("VRF name", id, vrf);
-    for (const auto& [key, app] : db.applications) add("application", app);
-    for (const auto& [name, keys] : db.keysOfProfile)
-        for (const auto& key : keys)
-            add(wanted_.contains({key, name}) ? "key of" : "kept key of", name, key);
+    const auto isCurrent = [&](const VrfName& vrf, U32 id) {
+        const auto found = in.vrfIds.find(vrf);
+        return found != in.vrfIds.end() && found->second == id;
+    };
+    for (const auto& [vrf, id] : db.vrfNameToId())
+        if (isCurrent(vrf, id)) add("VRF id", vrf, id);
+    for (const auto& [id, vrf] : db.vrfIdToName())
+        if (isCurrent(vrf, id)) add("VRF name", id, vrf);
+    for (const auto& application : db.vrfApp()) add("application", application);
+    for (const auto& profile : db.lbNameToLbKeySet())
+        for (const auto& key : profile.lbKey())
+            add(wanted_.contains({key, profile.lbName()}) ? "key of" : "kept key of",
+                profile.lbName(), key);
 }
 
 // A copy of a world in which changes are made.

@@ -20,10 +20,10 @@ class Outcome {
     const std::set<std::string>& lines() const { return lines_; }
 
   private:
-    void addPaths(const Inputs& in, const Published& all);
-    void findWanted(const Inputs& in, const Published& all);
-    void addPolicies(const Published& all);
-    void addDatabase(const Inputs& in, const Published::Database& db);
+    void addPaths(const Inputs& in, const World& world);
+    void findWanted(const Inputs& in, const Nav::NavInputs& published);
+    void addPolicies(const Nav::NavInputs& published);
+    void addDatabase(const Inputs& in, const Nav::NavDb& db);
     template <class... Parts>
     void add(const Parts&... parts);
     std::string index(U32 i) const;

@@ -16,72 +16,73 @@ using Shard::Fib::Via;
 
 namespace {
 
-template <class T>
-std::string text(const T& v) {
-    std::string out;
-    Vel::Codec<T>::text(out, v);
-    return out;
-}
-template <class Range>
-std::string textOfAll(const Range& range) {
-    std::string out;
-    for (const auto& v : range) out += (out.empty() ? "{" : ", ") + text(v);
-    return out.empty() ? "{}" : out + "}";
-}
-template <class T>
-std::string text(const std::set<T>& all) {
-    return textOfAll(all);
-}
-template <class K, class V>
-std::string text(const std::map<K, V>& all) {
-    std::string out;
-    for (const auto& [k, v] : all) out += (out.empty() ? "{" : ", ") + text(k) + ": " + text(v);
-    return out.empty() ? "{}" : out + "}";
-}
-// The pieces of a place: phrases as they are, keys in their text form.
-template <class T>
-std::string piece(const T& key) {
-    if constexpr (std::is_convertible_v<const T&, std::string>)
-        return key;
-    else
-        return Vel::Codec<T>::key(key);
-}
-
-template <class... Place>
-[[noreturn]] void fail(const std::string& expected, const std::string& got, const Place&... place) {
-    throw Difference((piece(place) + ...) + ": expected " + expected + ", got " + got);
-}
-template <class T, class... Place>
-void same(const T& expected, const T& got, const Place&... place) {
-    if (!(expected == got)) fail(text(expected), text(got), place...);
-}
-template <class Allowed, class T, class... Place>
-void oneOf(const Allowed& allowed, const T& got, const Place&... place) {
-    if (std::find(allowed.begin(), allowed.end(), got) == allowed.end())
-        fail("one of " + textOfAll(allowed), text(got), place...);
-}
-template <class... Place>
-void hold(bool condition, const char* expected, const Place&... place) {
-    if (!condition) fail(expected, "otherwise", place...);
-}
-template <class A, class B>
-void sameKeys(const A& expected, const B& got, const char* place) {
-    for (const auto& [key, v] : expected)
-        if (!got.contains(key)) fail("an entry", "nothing", place, "[", key, "]");
-    for (const auto& [key, v] : got)
-        if (!expected.contains(key)) fail("nothing", "an entry", place, "[", key, "]");
-}
-
 template <class Map, class Key>
 auto* find(Map& map, const Key& key) {
     const auto found = map.find(key);
     return found == map.end() ? nullptr : &found->second;
 }
-// An entry of a directory that keeps one map per VRF.
-template <class Map>
-auto* find(const Map& map, const VrfName& vrf, const PathKey& key) {
-    const auto* inVrf = find(map, vrf);
-    return inVrf ? find(*inVrf, key) : nullptr;
+
+template <class T>
+std::string text(const T& value) {
+    return json(Vel::Codec<T>::datum(value));
+}
+
+// A place from its parts: literals as they are, keys in brackets.
+template <class T>
+std::string piece(const T& part) {
+    if constexpr (std::is_convertible_v<const T&, const char*>)
+        return part;
+    else
+        return "[" + Vel::Codec<T>::key(part) + "]";
+}
+template <class... Parts>
+std::string at(const Parts&... parts) {
+    return (piece(parts) + ...);
+}
+
+std::string pathAt(const VrfName& vrf, const PathKey& key) {
+    return at("/pathConfigDir/pathConfig", vrf, "/pathConfigEntry", key);
+}
+
+// An entity that a check needs.
+template <class E>
+E& present(E* entity, const std::string& place) {
+    if (!entity) throw Difference(place + ": missing");
+    return *entity;
+}
+
+void hold(bool condition, const std::string& place, const char* expected) {
+    if (!condition) throw Difference(place + ": expected " + expected);
+}
+
+// The lines of a place and of everything below it.
+Flat below(const Flat& all, const std::string& place) {
+    return {all.lower_bound(place), all.lower_bound(place + "~")};
+}
+
+// What is there without a reason of its own: the roots, and the entities that hold the entries of a
+// VRF, of a profile or of a type of target.
+bool isOpen(const std::string& place) {
+    static const std::set<std::string> open{"/pathConfigDir",
+                                            "/pathConfigDir/pathConfig",
+                                            "/navStatusDir",
+                                            "/navStatusDir/navConfigured",
+                                            "/navStatusDir/navVrfEnabled",
+                                            "/navStatusDir/navPortStatus",
+                                            "/navStatusDir/navPathStatusDir",
+                                            "/navStatusDir/navPathStatusDir/pathStatus",
+                                            "/navStatusDir/navLbProfileStatus",
+                                            "/siteGroupStatus",
+                                            "/nexthopConfig",
+                                            "/nexthopConfig/vrf",
+                                            "/ipsecPathConfigDir",
+                                            "/navFeaturePolicyDir",
+                                            "/navFeaturePolicyDir/appliedPolicy",
+                                            "/navDb/lbId",
+                                            "/navDb/pathIndex",
+                                            "/navDb/lbNameToLbKeySet"};
+    const size_t key = place.ends_with("]") ? place.rfind('[') : place.npos;
+    return open.contains(place.substr(0, key));
 }
 
 const VrfName defaultVrf = "default";
@@ -94,26 +95,47 @@ std::set<NavRuleEntry> entriesOf(const Policy& policy) {
     return entries;
 }
 
-std::set<std::pair<SiteGroupKey, U32>> indicesIn(const Published& published) {
-    std::set<std::pair<SiteGroupKey, U32>> all;
-    for (const auto& [site, indices] : published.siteGroups)
-        for (const U32 index : indices) all.insert({site, index});
-    return all;
-}
-
 }  // namespace
 
-void Oracle::check(Inputs now, Published seen, bool settled) {
-    now_ = std::move(now);
-    seen_ = std::move(seen);
+template <class Values>
+void Oracle::mustBeOneOf(const std::string& place, const Values& values) {
+    Choice& choice = expected_[place];
+    choice.required = true;
+    for (const auto& value : values) choice.values.insert(text(value));
+}
+
+// The value of the last check, unless another is expected.
+void Oracle::mayKeep(const std::string& place) {
+    const std::string* was = find(before_.published, place);
+    if (was && !expected_.contains(place)) expected_[place].values.insert(*was);
+}
+
+void Oracle::compare() const {
+    for (const auto& [place, value] : seen_.published) {
+        const Choice* choice = find(expected_, place);
+        hold(choice || isOpen(place), place, "nothing");
+        if (!choice || choice->values.empty() || choice->values.contains(value)) continue;
+        std::string all;
+        for (const std::string& each : choice->values) all += (all.empty() ? "" : " or ") + each;
+        throw Difference(place + ": expected " + all + ", got " + value);
+    }
+    for (const auto& [place, choice] : expected_)
+        hold(!choice.required || seen_.published.contains(place), place, "an entry");
+}
+
+void Oracle::check(const World& world, bool settled) {
+    world_ = &world;
+    now_ = inputsOf(world.in);
+    seen_ = {world.published(), {}, {}, {}, {}};
+    expected_.clear();
     settled_ = settled;
     fresh_ |= !last_.configured;
-    if (!now_.configured) {
-        nothing();
+    if (!now_.configured) {  // nothing derived is left anywhere
+        compare();
         *this = Oracle();
         return;
     }
-    hold(seen_.db.has_value(), "a path database", "/navDb");
+    must("/navDb");
     withholdClaims();
     paths();
     database();
@@ -127,25 +149,10 @@ void Oracle::check(Inputs now, Published seen, bool settled) {
     rules();
     classification();
     balances();
+    compare();
     last_ = std::move(now_);
     before_ = std::move(seen_);
     fresh_ = false;
-}
-
-// While the feature is off nothing derived is left anywhere.
-void Oracle::nothing() const {
-    hold(!seen_.db, "null", "/navDb");
-    hold(seen_.paths.empty(), "nothing", "/pathConfigDir");
-    hold(seen_.statuses.empty(), "nothing", "/navStatusDir/navPathStatusDir");
-    hold(seen_.siteGroups.empty(), "nothing", "/siteGroupStatus");
-    for (const auto& [vrf, nexthops] : seen_.nexthops)
-        same({}, nexthops, "/nexthopConfig/vrf[", vrf, "]/nexthop");
-    hold(seen_.requests.empty(), "nothing", "/ipsecPathConfigDir");
-    same({}, seen_.sites, "/navStatusDir/navRemoteIpList");
-    hold(seen_.rules.empty(), "nothing", "/navStatusDir/navRuleStatus");
-    hold(seen_.balances.empty(), "nothing", "/navStatusDir/navLbProfileStatus");
-    hold(seen_.featurePolicies.empty(), "nothing", "/navFeaturePolicyDir/featurePolicy");
-    same({}, seen_.appliedPolicies, "/navFeaturePolicyDir/appliedPolicy[0]");
 }
 
 // ---- paths -----------------------------------------------------------------------------------
@@ -207,13 +214,12 @@ void Oracle::followAddresses() {
 }
 
 void Oracle::paths() {
-    live_.clear();
     followAddresses();
+    indices_.clear();
     claimants_.clear();
     for (const Claims* all : {&claims_, &effectiveBefore_})
         for (const auto& [key, claims] : *all)
             for (const Claim& claim : claims) claimants_.insert(claim.site.routerIp);
-    std::set<U32> indices;
     Claims effectiveNow;
     for (const auto& [key, claims] : claims_) {
         std::set<Claim> effective, withheld;
@@ -222,38 +228,29 @@ void Oracle::paths() {
             if (withheldBefore_.contains({key, claim})) withheld.insert(claim);
         }
         const VrfName& vrf = now_.interfaces.at(claims.begin()->intf).vrf;
+        const std::string place = pathAt(vrf, key);
         // A path whose owner lets go may pass to a site whose group's profile was cleared earlier.
-        const bool mayPass = !fresh_ && pathSeen(before_, key, vrf) && !withheld.empty();
-        if (!effective.empty() || (mayPass && pathSeen(seen_, key, vrf)))
+        const bool mayPass = !fresh_ && before_.published.contains(place) && !withheld.empty();
+        if (!effective.empty() || (mayPass && seen_.published.contains(place)))
             path(key, vrf, effective, withheld);
         for (const Claim& claim : claims)
             if (!withheld_.contains({key, claim})) effectiveNow[key].insert(claim);
     }
-    for (const auto& [vrf, inVrf] : seen_.paths)
-        for (const auto& [key, got] : inVrf) {
-            const Live* path = find(live_, key);
-            if (!path || path->vrf != vrf)
-                fail("nothing", "an entry", "/pathConfigDir/pathConfig[", vrf, "]/pathConfigEntry[",
-                     key, "]");
-            hold(got.index >= 1 && got.index <= Nav::NavConstants::maxPathIndex &&
-                     indices.insert(got.index).second,
-                 "an index of its own", "pathIndex of ", key);
-        }
     effectiveBefore_ = std::move(effectiveNow);
 }
 
 // A path belongs to the last that added it; when that lets go, to any other that lists it.
 SiteGroupKey Oracle::owner(const PathKey& key, const std::set<Claim>& effective,
-                           const std::set<Claim>& withheld) const {
+                           const std::set<Claim>& withheld) {
     const auto* effectiveBefore = find(effectiveBefore_, key);
     std::set<SiteGroupKey> adders, holders, heirs;
-    const PathInfo* was = fresh_ || !before_.db ? nullptr : find(before_.db->paths, key);
+    const Live* was = fresh_ ? nullptr : find(before_.live, key);
     for (const Claim& claim : effective) {
         const Group* group = fresh_ ? nullptr : find(last_.groups, claim.site.name);
         if (!effectiveBefore || !effectiveBefore->contains(claim) ||
             (group && group->ipsecProfile != now_.groups.at(claim.site.name).ipsecProfile))
             adders.insert(claim.site);
-        if (was && was->siteGroup == claim.site) holders.insert(claim.site);
+        if (was && was->owner == claim.site) holders.insert(claim.site);
         heirs.insert(claim.site);
     }
     // Which of its interfaces the owner had it by is not known: if one goes, it may let go.
@@ -261,133 +258,91 @@ SiteGroupKey Oracle::owner(const PathKey& key, const std::set<Claim>& effective,
         for (const Claim& claim : *effectiveBefore)
             if (!effective.contains(claim)) holders.clear();
     for (const Claim& claim : withheld) heirs.insert(claim.site);
-    const PathInfo* got = find(seen_.db->paths, key);
-    hold(got, "an entry", "/navDb/pathKeyInfo[", key, "]");
-    oneOf(!adders.empty()    ? adders
-          : !holders.empty() ? holders
-                             : heirs,
-          got->siteGroup, "/navDb/pathKeyInfo[", key, "]/siteGroupKey");
-    return got->siteGroup;
+    const std::string place = at("/navDb/pathKeyInfo", key);
+    must(place);
+    mustBeOneOf(place + "/siteGroupKey", !adders.empty()    ? adders
+                                         : !holders.empty() ? holders
+                                                            : heirs);
+    return present(present(world_->navDb(), "/navDb").pathKeyInfo(key), place).siteGroupKey();
 }
 
 void Oracle::path(const PathKey& key, const VrfName& vrf, const std::set<Claim>& effective,
                   const std::set<Claim>& withheld) {
-    auto place = [&](const char* attribute) {
-        return "/pathConfigDir/pathConfig[" + vrf.str() + "]/pathConfigEntry[" + piece(key) + "]" +
-               attribute;
-    };
-    const Path* got = pathSeen(seen_, key, vrf);
-    if (!got) fail("an entry", "nothing", place(""));
+    const std::string place = pathAt(vrf, key);
     const SiteGroupKey site = owner(key, effective, withheld);
-    const Path* was = fresh_ ? nullptr : pathSeen(before_, key, vrf);
-    Live path{vrf,
-              site,
-              intfsOf_.at({key.srcAddr, vrf}),
-              got->index,
-              now_.groups.at(site.name).ipsecProfile,
-              !was,
-              false};
+    const Nav::PathConfig& config = present(world_->in.pathConfigDir->pathConfig(vrf), place);
+    const U32 index = present(config.pathConfigEntry(key), place).pathIndex();
+    const Live* was =
+        fresh_ || !before_.published.contains(place) ? nullptr : find(before_.live, key);
+    Live path{
+        vrf, site, intfsOf_.at({key.srcAddr, vrf}), index, now_.groups.at(site.name).ipsecProfile,
+        !was};
     if (std::ranges::none_of(effective, [&](const Claim& claim) { return claim.site == site; }))
         for (const Claim& claim : withheld)  // it passed to this one, which counts again
             if (claim.site == site) withheld_.erase({key, claim});
-    if (was) {
-        if (was->index != got->index) fail(text(was->index), text(got->index), place("/pathIndex"));
-        path.moved = path.intfs.size() > 1 || before_.db->paths.at(key).siteGroup != site;
-    }
-    if (got->ipsecProfile != path.ipsecProfile)
-        fail(text(path.ipsecProfile), text(got->ipsecProfile), place("/ipsecProfile"));
-    if (got->type != PathType::invalidPath)
-        fail("invalidPath", stringValue(got->type), place("/pathType"));
-    live_.emplace(key, std::move(path));
+    if (was) path.moved = path.intfs.size() > 1 || was->owner != site;
+    must(place);
+    must(place + "/pathIndex", was ? was->index : index);
+    must(place + "/ipsecProfile", path.ipsecProfile);
+    must(place + "/pathType", PathType::invalidPath);
+    hold(index >= 1 && index <= Nav::NavConstants::maxPathIndex && indices_.insert(index).second,
+         place + "/pathIndex", "an index of its own");
+    seen_.live.emplace(key, std::move(path));
 }
 
-const Path* Oracle::pathSeen(const Published& in, const PathKey& key, const VrfName& vrf) const {
-    return find(in.paths, vrf, key);
-}
-
-void Oracle::database() const {
-    const Published::Database& db = *seen_.db;
-    std::map<IpGenAddr, std::set<PathKey>> pathsOfAddr;
+void Oracle::database() {
     std::map<IpGenAddr, std::set<IntfId>> intfsOf;
-    std::map<String, std::set<PathKey>> pathsOfGroup;
-    sameKeys(live_, db.paths, "/navDb/pathKeyInfo");
-    for (const auto& [key, path] : live_) {
-        const PathInfo& got = db.paths.at(key);
-        same(path.index, got.index, "/navDb/pathKeyInfo[", key, "]/pathIndex");
-        same(path.vrf, got.vrf, "/navDb/pathKeyInfo[", key, "]/vrfName");
-        same(path.ipsecProfile, got.ipsecProfile, "/navDb/pathKeyInfo[", key, "]/ipsecProfile");
-        pathsOfAddr[key.srcAddr].insert(key);
-        pathsOfAddr[key.dstAddr].insert(key);
+    for (const auto& [key, path] : seen_.live) {
+        const std::string info = at("/navDb/pathKeyInfo", key);
+        must(info + "/pathIndex", path.index);
+        must(info + "/vrfName", path.vrf);
+        must(info + "/ipsecProfile", path.ipsecProfile);
+        for (const IpGenAddr& addr : {key.srcAddr, key.dstAddr}) {
+            must(at("/navDb/addrToPathKeySet", addr));
+            must(at("/navDb/addrToPathKeySet", addr, "/pathKey", key));
+        }
+        must(at("/navDb/pathGroupInfo", path.owner.name, "/pathKeySet", key));
         intfsOf[key.srcAddr].insert(path.intfs.begin(), path.intfs.end());
-        pathsOfGroup[path.owner.name].insert(key);
     }
-    sameKeys(pathsOfAddr, db.pathsOfAddr, "/navDb/addrToPathKeySet");
-    for (const auto& [addr, keys] : pathsOfAddr)
-        same(keys, db.pathsOfAddr.at(addr), "/navDb/addrToPathKeySet[", addr, "]/pathKey");
-    for (const auto& [addr, intfs] : intfsOf) {
-        const IntfId* got = find(db.intfOf, addr);
-        hold(got, "an entry", "/navDb/srcToIntfMapping[", addr, "]");
-        oneOf(intfs, *got, "/navDb/srcToIntfMapping[", addr, "]");
-    }
-    for (const auto& [addr, intf] : db.intfOf) {
-        const Interface* owner = find(now_.interfaces, intf);
-        hold(intfsOf.contains(addr) || (owner && owner->addr == addr), "nothing",
-             "/navDb/srcToIntfMapping[", addr, "]");
-    }
-    sameKeys(now_.groups, db.groups, "/navDb/pathGroupInfo");
-    for (const auto& [name, group] : db.groups)
-        same(pathsOfGroup[name], group.paths, "/navDb/pathGroupInfo[", name, "]/pathKeySet");
+    for (const auto& [name, group] : now_.groups) must(at("/navDb/pathGroupInfo", name));
+    for (const auto& [addr, intfs] : intfsOf)
+        mustBeOneOf(at("/navDb/srcToIntfMapping", addr), intfs);
+    for (const auto& [id, intf] : now_.interfaces)  // a mapping may outlive the paths
+        if (!intfsOf.contains(intf.addr))
+            expected_[at("/navDb/srcToIntfMapping", intf.addr)].values.insert(text(id));
 }
 
 // The ids that count stand in both maps; what else is there was left when it counted.
-void Oracle::vrfMaps() const {
-    const Published::Database& db = *seen_.db;
-    std::map<VrfName, U32> ids;
+void Oracle::vrfMaps() {
+    const std::string ids = "/navDb/vrfNameToId", names = "/navDb/vrfIdToName";
+    std::map<VrfName, U32> current;
     for (const auto& [vrf, id] : now_.vrfIds)
-        if (const auto known = vrfIdOf(now_, vrf)) ids[vrf] = *known;
-    for (const auto& [key, path] : live_) ids[path.vrf] = key.vrfId;
-    for (const auto& [vrf, id] : ids) {
-        const U32* gotId = find(db.vrfId, vrf);
-        const VrfName* gotName = find(db.vrfName, id);
-        hold(gotId && *gotId == id, "its id", "/navDb/vrfNameToId[", vrf, "]");
-        hold(gotName && *gotName == vrf, "its name", "/navDb/vrfIdToName[", id, "]");
-        const U32* was = fresh_ ? nullptr : find(last_.vrfIds, vrf);
-        const bool changed = was && now_.vrfIds.contains(vrf) && *was != id;
-        const VrfName* stale = changed ? find(db.vrfName, *was) : nullptr;
-        hold(!stale || *stale != vrf, "nothing", "/navDb/vrfIdToName of an earlier id of ", vrf);
+        if (const auto known = vrfIdOf(now_, vrf)) current[vrf] = *known;
+    for (const auto& [key, path] : seen_.live) current[path.vrf] = key.vrfId;
+    for (const auto& [vrf, id] : current) must(ids + piece(vrf), id), must(names + piece(id), vrf);
+    for (const auto& [place, value] : seen_.published)  // the default VRF has id 0 at first
+        if (place == ids + piece(defaultVrf) ||
+            (place.starts_with(names + "[") && value == text(defaultVrf)))
+            may(place);
+    if (fresh_) return;
+    for (const auto& [vrf, id] : last_.vrfIds) {  // a VRF with another id loses the earlier one
+        const std::string* name = find(before_.published, names + piece(id));
+        if (name && *name == text(vrf) && current.contains(vrf) && now_.vrfIds.contains(vrf) &&
+            current.at(vrf) != id)
+            before_.published.erase(names + piece(id));
     }
-    static const Published::Database none;
-    const Published::Database& old = fresh_ || !before_.db ? none : *before_.db;
-    for (const auto& [vrf, id] : db.vrfId) {
-        const U32* was = find(old.vrfId, vrf);
-        hold(ids.contains(vrf) || vrf == defaultVrf || (was && *was == id), "nothing",
-             "/navDb/vrfNameToId[", vrf, "]");
-    }
-    for (const auto& [id, vrf] : db.vrfName) {
-        const VrfName* was = find(old.vrfName, id);
-        const U32* current = find(ids, vrf);
-        hold((current && *current == id) || vrf == defaultVrf || (was && *was == vrf), "nothing",
-             "/navDb/vrfIdToName[", id, "]");
-    }
+    for (const std::string& map : {ids, names})
+        for (const auto& [place, value] : below(before_.published, map)) mayKeep(place);
 }
 
 // Sites that some group configures, those with a destination at least.
-void Oracle::sites() const {
-    std::set<IpGenAddr> all;
-    auto compare = [](const auto& group, const std::set<IpGenAddr>& got, const String& place) {
+void Oracle::sites() {
+    for (const auto& [name, group] : now_.groups)
         for (const auto& [site, destinations] : group.sites)
-            hold(destinations.empty() || got.contains(site), "a member", place, "[", site, "]");
-        for (const IpGenAddr& site : got)
-            hold(group.sites.contains(site), "nothing", place, "[", site, "]");
-    };
-    Group everywhere;
-    for (const auto& [name, group] : now_.groups) {
-        compare(group, seen_.db->groups.at(name).sites,
-                "/navDb/pathGroupInfo[" + name + "]/remoteIpList");
-        for (const auto& [site, destinations] : group.sites)
-            everywhere.sites[site].insert(destinations.begin(), destinations.end());
-    }
-    compare(everywhere, seen_.sites, "/navStatusDir/navRemoteIpList");
+            for (const std::string& place :
+                 {at("/navDb/pathGroupInfo", name, "/remoteIpList", site),
+                  at("/navStatusDir/navRemoteIpList", site)})
+                destinations.empty() ? may(place) : must(place);
 }
 
 // ---- what became of the paths ----------------------------------------------------------------
@@ -396,51 +351,56 @@ const Connection* Oracle::connectionOf(const Inputs& in, const PathKey& key, con
     return find(in.connections, ConnectionKey{key.srcAddr, key.dstAddr, vrf});
 }
 
-void Oracle::statuses() const {
-    for (const auto& [vrf, inVrf] : seen_.statuses)
-        for (const auto& [key, status] : inVrf)
-            if (!pathSeen(seen_, key, vrf))
-                fail("nothing", "an entry", "/navStatusDir/navPathStatusDir/pathStatus[", vrf,
-                     "]/pathStatusEntry[", key, "]");
-    for (const auto& [key, path] : live_) {
-        const Status* got = find(seen_.statuses, path.vrf, key);
-        hold(got, "an entry", "pathStatusEntry[", key, "]");
-        const Status* was = path.isNew ? nullptr : find(before_.statuses, path.vrf, key);
-        oneOf(programmedFor(key, path, was), got->programmed, "pathStatusEntry[", key,
-              "]/programmed");
+void Oracle::statuses() {
+    for (auto& [key, path] : seen_.live) {
+        const std::string place =
+            at("/navStatusDir/navPathStatusDir/pathStatus", path.vrf, "/pathStatusEntry", key);
+        const auto* inVrf = world_->in.navStatusDir->navPathStatusDir()->pathStatus(path.vrf);
+        const auto& got = present(present(inVrf, place).pathStatusEntry(key), place);
+        path.info = got.pathInfo(), path.encapId = got.encapId();
+        path.programmed = got.programmed();
+        const Live* was = path.isNew ? nullptr : &before_.live.at(key);
+        must(place);
+        mustBeOneOf(place + "/programmed", programmedFor(key, path, was));
         if (now_.results.contains(path.vrf)) {
-            resolution(key, path, *got, was);
-        } else if (!connectionOf(now_, key, path.vrf) &&
-                   (fresh_ || !connectionOf(last_, key, path.vrf))) {
-            // Nobody resolves the VRF: what stood there stays.
-            std::vector<Nav::HwPathInfo> infos{{}};
-            if (was) infos.push_back(was->info);
-            oneOf(infos, got->info, "pathStatusEntry[", key, "]/pathInfo");
+            expected_[place + "/pathInfo"] = {infosFor(key, path, was), true};
+            mustBeOneOf(place + "/encapId", encapIdsFor(key, path, was));
+            continue;
         }
+        // Nobody resolves the VRF: what stood there stays.
+        may(place + "/pathInfo"), may(place + "/encapId");
+        if (!connectionOf(now_, key, path.vrf) && (fresh_ || !connectionOf(last_, key, path.vrf)))
+            mustBeOneOf(place + "/pathInfo",
+                        std::vector<Nav::HwPathInfo>{{}, was ? was->info : Nav::HwPathInfo()});
     }
 }
 
-void Oracle::resolution(const PathKey& key, const Live& path, const Status& got,
-                        const Status* was) const {
-    oneOf(viasFor(key, path, was), got.info.via, "pathStatusEntry[", key, "]/pathInfo/via");
-    oneOf(encapIdsFor(key, path, was), got.encapId, "pathStatusEntry[", key, "]/encapId");
-    same(path.index, got.info.pathIndex, "pathStatusEntry[", key, "]/pathInfo/pathIndex");
-    const bool secured = got.encapId != Nav::noEncapId || !path.ipsecProfile.empty();
+// With the encapsulation that the path has.
+std::set<std::string> Oracle::infosFor(const PathKey& key, const Live& path,
+                                       const Live* was) const {
+    const bool encapsulated = path.encapId != Nav::noEncapId;
+    const bool secured = encapsulated || !path.ipsecProfile.empty();
     std::set types{secured ? PathType::securedPath : PathType::unsecuredPath};
     // An established connection secures a path that has no profile until its route changes.
     if (const Connection* connection = connectionOf(now_, key, path.vrf);
         connection && connection->state == Ipsec::Path::established)
         types.insert(PathType::securedPath);
-    oneOf(types, got.info.pathType, "pathStatusEntry[", key, "]/pathInfo/pathType");
-    // A route that does not fit takes the connection's id from such a path, and nothing else.
-    if (path.ipsecProfile.empty() && secured != (got.info.pathType == PathType::securedPath))
-        return;
-    const bool open = got.info.pathType == PathType::unsecuredPath || got.encapId != Nav::noEncapId;
-    same(open && got.info.via != Via{} ? PathState::resolved : PathState::unresolved,
-         got.info.pathState, "pathStatusEntry[", key, "]/pathInfo/pathState");
+    std::set<std::string> infos;
+    for (const Via& via : viasFor(key, path, was))
+        for (const PathType type : types)
+            for (const PathState state : {PathState::unresolved, PathState::resolved}) {
+                const bool open = type == PathType::unsecuredPath || encapsulated;
+                // A route that does not fit takes the connection's id from a path that has no
+                // profile, and nothing else.
+                const bool either =
+                    path.ipsecProfile.empty() && secured != (type == PathType::securedPath);
+                if (either || (state == PathState::resolved) == (open && via != Via{}))
+                    infos.insert(text(Nav::HwPathInfo{type, state, path.index, via}));
+            }
+    return infos;
 }
 
-std::vector<Via> Oracle::viasFor(const PathKey& key, const Live& path, const Status* was) const {
+std::vector<Via> Oracle::viasFor(const PathKey& key, const Live& path, const Live* was) const {
     const auto& results = now_.results.at(path.vrf);
     const U64* fecId = find(results, key.dstAddr);
     std::vector<Via> outcomes;  // of a review now; none: the path stays as it was
@@ -464,7 +424,7 @@ std::vector<Via> Oracle::viasFor(const PathKey& key, const Live& path, const Sta
     return allowed;
 }
 
-std::set<U32> Oracle::encapIdsFor(const PathKey& key, const Live& path, const Status* was) const {
+std::set<U32> Oracle::encapIdsFor(const PathKey& key, const Live& path, const Live* was) const {
     const Connection* now = connectionOf(now_, key, path.vrf);
     const Connection* last = fresh_ ? nullptr : connectionOf(last_, key, path.vrf);
     const U32 current =
@@ -476,14 +436,12 @@ std::set<U32> Oracle::encapIdsFor(const PathKey& key, const Live& path, const St
     if (path.isNew || !hadResolver(path.vrf) || changed) return {current};
     if (path.moved) return {current, Nav::noEncapId, was->encapId};
     // With another profile the path waits for the connection's next event.
-    if (pathSeen(before_, key, path.vrf)->ipsecProfile != path.ipsecProfile)
-        return {Nav::noEncapId};
+    if (was->ipsecProfile != path.ipsecProfile) return {Nav::noEncapId};
     return {was->encapId};
 }
 
 // The entry with the path's index decides; where there is only one with another, it may.
-std::set<bool> Oracle::programmedFor(const PathKey& key, const Live& path,
-                                     const Status* was) const {
+std::set<bool> Oracle::programmedFor(const PathKey& key, const Live& path, const Live* was) const {
     std::set<bool> allowed;
     Nav::HwPathKey from{key.srcAddr, key.dstAddr, key.vrfId, 0};
     bool decided = false;
@@ -505,77 +463,58 @@ std::set<bool> Oracle::programmedFor(const PathKey& key, const Live& path,
 }
 
 // The indices of the programmed paths, as far as somebody resolves their VRF.
-void Oracle::siteGroups() const {
-    std::map<SiteGroupKey, std::set<U32>> required, allowed;
-    for (const auto& [key, path] : live_) {
-        allowed[path.owner];
-        if (!now_.results.contains(path.vrf)) {
-            allowed[path.owner].insert(path.index);
-        } else if (seen_.statuses.at(path.vrf).at(key).programmed) {
-            allowed[path.owner].insert(path.index);
-            required[path.owner].insert(path.index);
-        }
+void Oracle::siteGroups() {
+    for (const auto& [key, path] : seen_.live) {
+        const std::string site = at("/siteGroupStatus/siteGroupStatusEntry", path.owner);
+        const std::string member = site + at("/pathIndexEntry", path.index);
+        may(site);
+        if (!now_.results.contains(path.vrf))
+            may(member);
+        else if (path.programmed)
+            must(site), must(member);
     }
-    for (const auto& [site, indices] : seen_.siteGroups) {
-        const auto* may = find(allowed, site);
-        hold(may, "nothing", "/siteGroupStatus/siteGroupStatusEntry[", site, "]");
-        for (const U32 index : indices)
-            hold(may->contains(index), "nothing", "/siteGroupStatus/siteGroupStatusEntry[", site,
-                 "]/pathIndexEntry[", index, "]");
-    }
-    for (const auto& [site, indices] : required) {
-        const auto* got = find(seen_.siteGroups, site);
-        for (const U32 index : indices)
-            hold(got && got->contains(index), "a member", "/siteGroupStatus/siteGroupStatusEntry[",
-                 site, "]/pathIndexEntry[", index, "]");
+    for (const auto& site : world_->in.siteGroupStatus->siteGroupStatusEntry()) {
+        auto& indices = seen_.siteGroups[site.key()];
+        for (const U32 index : site.pathIndexEntry()) indices.insert(index);
     }
 }
 
 // Requested is what paths of the VRF use and nobody has resolved, and no more than they use.
-void Oracle::nexthops() const {
-    std::map<VrfName, std::set<IpGenAddr>> used;
-    for (const auto& [key, path] : live_) {
-        used[path.vrf].insert(key.dstAddr);
-        const auto* got = find(seen_.nexthops, path.vrf);
-        hold(got, "an entry", "/nexthopConfig/vrf[", path.vrf, "]");
-        if (const auto* results = find(now_.results, path.vrf); results && settled_)
-            hold(results->contains(key.dstAddr) || got->contains(key.dstAddr), "a member",
-                 "/nexthopConfig/vrf[", path.vrf, "]/nexthop[", key.dstAddr, "]");
+void Oracle::nexthops() {
+    for (const auto& [key, path] : seen_.live) {
+        const std::string vrf = at("/nexthopConfig/vrf", path.vrf);
+        const std::string place = vrf + at("/nexthop", key.dstAddr);
+        must(vrf);
+        if (const auto* results = find(now_.results, path.vrf))
+            settled_ && !results->contains(key.dstAddr) ? must(place) : may(place);
     }
     for (const auto& [name, group] : now_.groups)
         for (const IntfId& id : group.intfs)
             if (const Interface* intf = find(now_.interfaces, id); intf && !intf->addr.isZero())
-                hold(seen_.nexthops.contains(intf->vrf), "an entry", "/nexthopConfig/vrf[",
-                     intf->vrf, "]");
-    for (const auto& [vrf, addrs] : seen_.nexthops) {
-        const auto* allowed = &used[vrf];
-        if (!now_.results.contains(vrf)) allowed = find(before_.nexthops, vrf);
-        for (const IpGenAddr& addr : addrs)
-            hold(allowed && allowed->contains(addr) &&
-                     (now_.results.contains(vrf) || !hadResolver(vrf)),
-                 "nothing", "/nexthopConfig/vrf[", vrf, "]/nexthop[", addr, "]");
+                must(at("/nexthopConfig/vrf", intf->vrf));
+    for (const auto& [place, value] : below(before_.published, "/nexthopConfig/vrf")) {
+        const size_t begin = place.find('[') + 1;
+        const VrfName vrf = place.substr(begin, place.find(']') - begin);
+        if (!now_.results.contains(vrf) && !hadResolver(vrf)) mayKeep(place);
     }
 }
 
 // One IPsec connection for each secured path, as far as somebody resolves its VRF.
-void Oracle::requests() const {
-    std::set<ConnectionKey> expected;
-    for (const auto& [key, path] : live_) {
+void Oracle::requests() {
+    for (const auto& [key, path] : seen_.live) {
         if (path.ipsecProfile.empty() || !now_.results.contains(path.vrf)) continue;
-        const ConnectionKey connection{key.srcAddr, key.dstAddr, path.vrf};
-        const Request* got = find(seen_.requests, connection);
-        hold(got, "an entry", "/ipsecPathConfigDir/ipsecPathConfig[", connection, "]");
-        same(path.ipsecProfile, got->profile, "ipsecPathConfig[", connection, "]/profile");
-        oneOf(path.intfs, got->intf, "ipsecPathConfig[", connection, "]/intfId");
-        same("Path" + std::to_string(path.index), got->name, "ipsecPathConfig[", connection,
-             "]/connectionName");
-        expected.insert(connection);
+        const std::string place = at("/ipsecPathConfigDir/ipsecPathConfig",
+                                     ConnectionKey{key.srcAddr, key.dstAddr, path.vrf});
+        must(place);
+        must(place + "/profile", path.ipsecProfile);
+        mustBeOneOf(place + "/intfId", path.intfs);
+        must(place + "/connectionName", String("Path" + std::to_string(path.index)));
     }
-    for (const auto& [connection, request] : seen_.requests) {
-        const Request* was = fresh_ ? nullptr : find(before_.requests, connection);
-        const bool left = !now_.results.contains(connection.vrfName) && was && *was == request;
-        hold(left || expected.contains(connection), "nothing",
-             "/ipsecPathConfigDir/ipsecPathConfig[", connection, "]");
+    if (fresh_) return;
+    for (const auto& [place, value] :
+         below(before_.published, "/ipsecPathConfigDir/ipsecPathConfig")) {
+        const size_t begin = place.rfind(',') + 1;
+        if (!now_.results.contains(place.substr(begin, place.find(']') - begin))) mayKeep(place);
     }
 }
 
@@ -605,12 +544,13 @@ void Oracle::reconcile() {
     }
 }
 
-void Oracle::rules() const {
+void Oracle::rules() {
     std::map<Nav::VrfAppKey, Nav::VrfApp> applications;
-    sameKeys(reconciled_, seen_.rules, "/navStatusDir/navRuleStatus");
     for (const auto& [vrf, policy] : reconciled_) {
-        same(entriesOf(policy), seen_.rules.at(vrf), "/navStatusDir/navRuleStatus[", vrf,
-             "]/navRuleEntry");
+        const std::string place = at("/navStatusDir/navRuleStatus", vrf);
+        must(place), must(place + "/vrfId", U32{0});
+        seen_.rules[vrf] = entriesOf(policy);
+        for (const NavRuleEntry& entry : seen_.rules[vrf]) must(place + at("/navRuleEntry", entry));
         auto named = [&, &vrf = vrf](U32 appId, const String& name) {
             const Nav::VrfAppKey key{*vrfIdOf(now_, vrf), appId};
             applications[key] = {key, vrf.str(), name};
@@ -618,45 +558,37 @@ void Oracle::rules() const {
         for (const auto& [key, rule] : policy.rules) named(rule.appId, rule.appName);
         if (policy.hasDefault && !policy.defaultProfile.empty()) named(0, "default_app");
     }
-    same(applications, seen_.db->applications, "/navDb/vrfApp");
+    for (const auto& [key, application] : applications) must(at("/navDb/vrfApp", key), application);
 }
 
-void Oracle::classification() const {
-    for (const auto& [vrf, policy] : seen_.appliedPolicies)
-        hold(now_.bindings.contains(vrf) && !now_.bindings.at(vrf).empty(), "nothing",
-             "policyForTarget[", vrf, "]");
+void Oracle::classification() {
     for (const auto& [vrf, policy] : now_.bindings) {
-        const String* got = find(seen_.appliedPolicies, vrf);
-        const String* was = find(before_.appliedPolicies, vrf);
+        const std::string place =
+            at("/navFeaturePolicyDir/appliedPolicy", U32{0}, "/policyForTarget", vrf);
         if (reconciled_.contains(vrf))
-            hold(got && *got == policy, "its policy", "policyForTarget[", vrf, "]");
-        else  // a deleted policy leaves it
-            hold(!got || (was && *was == *got), "nothing", "policyForTarget[", vrf, "]");
+            must(place, policy);
+        else if (!policy.empty())
+            mayKeep(place);  // a deleted policy leaves it
     }
-    for (const auto& [name, got] : seen_.featurePolicies)
-        hold(now_.policies.contains(name), "nothing", "featurePolicy[", name, "]");
     for (const auto& [name, policy] : now_.policies) {
+        const std::string place = at("/navFeaturePolicyDir/featurePolicy", name);
         const Policy* last = fresh_ ? nullptr : find(last_.policies, name);
-        const FeaturePolicy* was = find(before_.featurePolicies, name);
-        const FeaturePolicy* got = find(seen_.featurePolicies, name);
-        const U32 version = was ? was->version : 0;
         if (last && last->version == policy.version) {
-            hold(!was == !got, was ? "an entry" : "nothing", "featurePolicy[", name, "]");
-            if (!got) continue;
-            same(was->applications, got->applications, "featurePolicy[", name,
-                 "]/appProfilePriority");
-            same(version, got->version, "featurePolicy[", name, "]/version");
+            for (const auto& [line, value] : below(before_.published, place))
+                expected_[line] = {{value}, true};
             continue;
         }
         std::map<U32, String> applications;
         if (last || fresh_)
             for (const auto& [key, rule] : policy.rules) applications[key] = rule.appName;
-        hold(got || applications.empty(), "an entry", "featurePolicy[", name, "]");
-        if (!got) continue;
-        same(applications, got->applications, "featurePolicy[", name, "]/appProfilePriority");
-        const std::set<U32> versions = fresh_ ? std::set<U32>{1, version, version + 1}
-                                              : std::set<U32>{version + !applications.empty()};
-        oneOf(versions, got->version, "featurePolicy[", name, "]/version");
+        if (applications.empty() && !seen_.published.contains(place)) continue;
+        must(place);
+        for (const auto& [key, application] : applications)
+            must(place + at("/appProfilePriority", key), application);
+        const std::string* was = find(before_.published, place + "/version");
+        const U32 version = was ? static_cast<U32>(std::stoul(*was)) : 0;
+        mustBeOneOf(place + "/version", fresh_ ? std::set<U32>{1, version, version + 1}
+                                               : std::set<U32>{version + !applications.empty()});
     }
 }
 
@@ -695,100 +627,116 @@ void Oracle::balances() {
                     expected[key].members[index] = {index, profile.priorities.at(site.name),
                                                     site.name};
             }
+    const std::string all = "/navStatusDir/navLbProfileStatus/lbProfileStatusEntry";
+    for (const auto& [key, want] : expected) {
+        const std::string place = all + piece(key);
+        const Constraints& constraints = want.constraints.begin()->second;
+        must(place);
+        must(place + "/latency", constraints.latency);
+        must(place + "/jitter", constraints.jitter);
+        must(place + "/lossRate", constraints.lossRate);
+        for (const auto& [index, member] : want.members)
+            must(place + at("/pathEntry", index), member);
+    }
     std::set<U32> ids;
     std::set<LbProfileKey> keysOfProfiles;
-    for (const auto& [name, keys] : seen_.db->keysOfProfile)
-        keysOfProfiles.insert(keys.begin(), keys.end());
-    for (const auto& [key, want] : expected)
-        if (!seen_.balances.contains(key))
-            fail("an entry", "nothing", "lbProfileStatus[", key, "]");
-    for (const auto& [key, got] : seen_.balances) {
-        hold(got.id >= 1 && got.id <= Nav::NavConstants::maxLbIndex && ids.insert(got.id).second,
-             "an id of its own", "lbProfileStatus[", key, "]/lbIndex");
-        hold(keysOfProfiles.erase(key), "a member", "lbNameToLbKeySet of ", key);
-        const Expected* want = find(expected, key);
-        same(want ? want->members : decltype(got.members){}, got.members, "lbProfileStatus[", key,
-             "]/pathEntry");
-        if (want)
-            same(want->constraints.begin()->second, got.constraints, "lbProfileStatus[", key, "]");
-        else  // a vanished site keeps its keys until the rule or the profile is removed
-            hold(governing(key.vrfId, key.appId, "") &&
-                     (claimants_.contains(key.vtepIp) ||
-                      (!fresh_ && before_.balances.contains(key))),
-                 "nothing", "lbProfileStatus[", key, "]");
+    for (const auto& profile : world_->navDb()->lbNameToLbKeySet())
+        for (const LbProfileKey& key : profile.lbKey()) {
+            keysOfProfiles.insert(key);
+            may(at("/navDb/lbNameToLbKeySet", profile.lbName(), "/lbKey", key));
+        }
+    for (const auto& got : world_->in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry()) {
+        const LbProfileKey key = got.key();
+        const std::string place = all + piece(key);
+        Balance& balance = seen_.balances[key] = {got.genId(), got.lbIndex(), {}};
+        for (const auto& member : got.pathEntry()) balance.members[member.pathIndex] = member;
+        hold(balance.id >= 1 && balance.id <= Nav::NavConstants::maxLbIndex &&
+                 ids.insert(balance.id).second,
+             place + "/lbIndex", "an id of its own");
+        hold(keysOfProfiles.erase(key), place, "a profile with this key");
+        for (const char* attribute : {"", "/lbIndex", "/genId", "/latency", "/jitter", "/lossRate"})
+            may(place + attribute);
+        // A vanished site keeps its keys until the rule or the profile is removed.
+        hold(expected.contains(key) ||
+                 (governing(key.vrfId, key.appId, "") &&
+                  (claimants_.contains(key.vtepIp) || (!fresh_ && before_.balances.contains(key)))),
+             place, "nothing");
     }
-    if (!keysOfProfiles.empty())
-        fail("nothing", text(*keysOfProfiles.begin()), "/navDb/lbNameToLbKeySet");
-    if (!fresh_) balancesOver(before_);
-    vanishedSites(before_);
+    hold(keysOfProfiles.empty(), "/navDb/lbNameToLbKeySet", "no other keys");
+    if (!fresh_) balancesOver();
+    vanishedSites();
 }
 
 // A vanished site keeps its keys, unless ids ran out: then those that vanished first give up theirs
 // first, one key for each id that is needed.
-void Oracle::vanishedSites(const Published& before) {
+void Oracle::vanishedSites() {
     if (fresh_) vanished_.clear();
     ++checks_;
     std::set<IpGenAddr> present;
     for (const auto& [site, indices] : seen_.siteGroups) present.insert(site.routerIp);
     std::erase_if(vanished_, [&](const auto& site) { return present.contains(site.first); });
     if (fresh_) return;
-    for (const auto& [site, indices] : before.siteGroups)
+    for (const auto& [site, indices] : before_.siteGroups)
         if (!present.contains(site.routerIp)) vanished_.emplace(site.routerIp, checks_);
 
     U64 firstKept = std::numeric_limits<U64>::max();
     for (const auto& [key, balance] : seen_.balances)
         if (const U64* since = find(vanished_, key.vtepIp)) firstKept = std::min(firstKept, *since);
-    for (const auto& [key, was] : before.balances) {
+    for (const auto& [key, was] : before_.balances) {
         const U64* since = find(vanished_, key.vtepIp);
         if (!since || seen_.balances.contains(key)) continue;
-        if (last_.profiles != now_.profiles || !keepsRules(before, key.vrfId)) continue;
+        if (last_.profiles != now_.profiles || !keepsRules(key.vrfId)) continue;
         hold(seen_.balances.size() == Nav::NavConstants::maxLbIndex && *since <= firstKept,
-             "an entry", "lbProfileStatus[", key, "]");
+             at("lbProfileStatusEntry", key), "an entry");
     }
 }
 
 // Whether the VRFs with an id have the bindings and rules that they had.
-bool Oracle::keepsRules(const Published& before, U32 vrfId) const {
-    const auto rulesIn = [&](const Inputs& in, const Published& published) {
+bool Oracle::keepsRules(U32 vrfId) const {
+    const auto rulesIn = [&](const Inputs& in, const Results& results) {
         std::map<VrfName, std::pair<String, std::set<NavRuleEntry>>> rules;
-        for (const auto& [vrf, entries] : published.rules)
+        for (const auto& [vrf, entries] : results.rules)
             if (const auto bound = boundTo(in, vrf); bound && bound->vrfId == vrfId)
                 rules[vrf] = {bound->policy, entries};
         return rules;
     };
-    return rulesIn(last_, before) == rulesIn(now_, seen_);
+    return rulesIn(last_, before_) == rulesIn(now_, seen_);
 }
 
 // What lives on keeps its id, and its generation tells every change of the members.
-void Oracle::balancesOver(const Published& before) const {
-    auto namesOf = [](const std::map<String, Profile>& profiles) {
+void Oracle::balancesOver() {
+    const auto namesOf = [](const std::map<String, Profile>& profiles) {
         std::set<String> names;
         for (const auto& [name, profile] : profiles) names.insert(name);
         return names;
     };
+    const auto indicesIn = [](const Results& results) {
+        std::set<std::pair<SiteGroupKey, U32>> all;
+        for (const auto& [site, indices] : results.siteGroups)
+            for (const U32 index : indices) all.insert({site, index});
+        return all;
+    };
     Inputs onlyHardware = last_;
     onlyHardware.hardware = now_.hardware;
     const bool exact = onlyHardware == now_;
-    const auto indicesNow = indicesIn(seen_), indicesBefore = indicesIn(before);
     std::vector<std::pair<SiteGroupKey, U32>> changed;
-    std::set_symmetric_difference(indicesNow.begin(), indicesNow.end(), indicesBefore.begin(),
-                                  indicesBefore.end(), std::back_inserter(changed));
+    std::ranges::set_symmetric_difference(indicesIn(seen_), indicesIn(before_),
+                                          std::back_inserter(changed));
     const bool sameProfiles = namesOf(last_.profiles) == namesOf(now_.profiles);
     for (const auto& [key, got] : seen_.balances) {
-        const Balance* was = find(before.balances, key);
+        const std::string place =
+            "/navStatusDir/navLbProfileStatus/lbProfileStatusEntry" + piece(key);
+        const Balance* was = find(before_.balances, key);
         U32 steps = 0;  // one for each change, however many rules share the key
         for (const auto& [site, index] : changed)
             steps += site.routerIp == key.vtepIp && governing(key.vrfId, key.appId, site.name);
-        if (exact)
-            same((was ? was->generation : 0) + steps, got.generation, "lbProfileStatus[", key,
-                 "]/genId");
+        if (exact) must(place + "/genId", (was ? was->generation : 0) + steps);
         if (!was) continue;
-        if (sameProfiles && keepsRules(before, key.vrfId))
-            same(was->id, got.id, "lbProfileStatus[", key, "]/lbIndex");
+        if (sameProfiles && keepsRules(key.vrfId)) must(place + "/lbIndex", was->id);
         if (was->id != got.id) continue;
         hold(got.generation > was->generation ||
                  (got.generation == was->generation && got.members == was->members),
-             "a later generation", "lbProfileStatus[", key, "]/genId");
+             place + "/genId", "a later generation");
     }
 }
 

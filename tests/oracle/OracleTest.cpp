@@ -59,15 +59,15 @@ class Episode {
         happen(set("/cliConfig/navConfigured", {false}));
     }
 
-    void check(bool settled) {
-        oracle_.check(inputsOf(world_->in), publishedIn(world_->in, world_->navDb()), settled);
-    }
+    void check(bool settled) { oracle_.check(*world_, settled); }
 
   private:
     void equalsFreshProcess() {
-        const World fresh(*world_, false);
-        const std::string difference = world_->differenceTo(fresh);
-        if (!difference.empty()) throw Difference("switched on, against fresh: " + difference);
+        const Flat fresh = World(*world_, false).published(), here = world_->published();
+        const auto [mine, other] = std::ranges::mismatch(here, fresh);
+        if (mine != here.end() || other != fresh.end())
+            throw Difference("switched on, not as a fresh process from " +
+                             (mine == here.end() ? other : mine)->first);
     }
 
     std::unique_ptr<World> world_ = std::make_unique<World>();

@@ -2,6 +2,10 @@
 
 namespace Oracle {
 
+using Vel::Attribute;
+using Vel::Datum;
+using Vel::Entity;
+
 namespace {
 
 template <class T, class Walk>
@@ -50,46 +54,6 @@ std::map<U64, std::vector<Shard::Fib::Via>> fecsOf(const Table& table) {
     return fecs;
 }
 
-Published::Database databaseOf(const Nav::NavDb& db) {
-    Published::Database out;
-    for (const auto& path : db.pathKeyInfo())
-        out.paths[path.pathKey()] = {path.pathIndex(), path.siteGroupKey(), path.ipsecProfile(),
-                                     path.vrfName()};
-    for (const auto& addr : db.addrToPathKeySet())
-        out.pathsOfAddr[addr.addr()] = setOf<Nav::PathKey>(addr.pathKey());
-    out.intfOf = mapOf<IpGenAddr, IntfId>(db.srcToIntfMapping());
-    for (const auto& group : db.pathGroupInfo())
-        out.groups[group.pgName()] = {setOf<Nav::PathKey>(group.pathKeySet()),
-                                      setOf<IpGenAddr>(group.remoteIpList())};
-    out.vrfId = mapOf<VrfName, U32>(db.vrfNameToId());
-    out.vrfName = mapOf<U32, VrfName>(db.vrfIdToName());
-    for (const auto& app : db.vrfApp()) out.applications[app.key] = app;
-    for (const auto& profile : db.lbNameToLbKeySet())
-        if (auto keys = setOf<Nav::LbProfileKey>(profile.lbKey()); !keys.empty())
-            out.keysOfProfile[profile.lbName()] = std::move(keys);
-    return out;
-}
-
-void copyStatusDir(const Nav::NavStatusDir& dir, Published& out) {
-    if (const auto* paths = dir.navPathStatusDir())
-        for (const auto& vrf : paths->pathStatus())
-            for (const auto& path : vrf.pathStatusEntry())
-                out.statuses[vrf.vrfName()][path.key()] = {path.pathInfo(), path.encapId(),
-                                                           path.programmed()};
-    out.sites = setOf<IpGenAddr>(dir.navRemoteIpList());
-    for (const auto& vrf : dir.navRuleStatus())
-        out.rules[vrf.name()] = setOf<Nav::NavRuleEntry>(vrf.navRuleEntry());
-    if (const auto* balances = dir.navLbProfileStatus())
-        for (const auto& balance : balances->lbProfileStatusEntry()) {
-            Balance& copy = out.balances[balance.key()];
-            copy = {balance.genId(),
-                    balance.lbIndex(),
-                    {balance.latency(), balance.jitter(), balance.lossRate()},
-                    {}};
-            for (const auto& member : balance.pathEntry()) copy.members[member.pathIndex] = member;
-        }
-}
-
 }  // namespace
 
 Inputs inputsOf(const Nav::NavInputs& in) {
@@ -114,27 +78,41 @@ Inputs inputsOf(const Nav::NavInputs& in) {
     return out;
 }
 
-Published publishedIn(const Nav::NavInputs& in, const Nav::NavDb* db) {
-    Published out;
-    for (const auto& vrf : in.pathConfigDir->pathConfig())
-        for (const auto& path : vrf.pathConfigEntry())
-            out.paths[vrf.vrfName()][path.key()] = {path.pathIndex(), path.ipsecProfile(),
-                                                    path.pathType()};
-    copyStatusDir(*in.navStatusDir, out);
-    for (const auto& siteGroup : in.siteGroupStatus->siteGroupStatusEntry())
-        out.siteGroups[siteGroup.key()] = setOf<U32>(siteGroup.pathIndexEntry());
-    for (const auto& vrf : in.nexthopConfig->vrf())
-        out.nexthops[vrf.vrfName()] = setOf<IpGenAddr>(vrf.nexthop());
-    for (const auto& request : in.ipsecPathConfigDir->ipsecPathConfig())
-        out.requests[request.key()] = {request.profile(), request.intfId(),
-                                       request.connectionName()};
-    for (const auto& policy : in.navFeaturePolicyDir->featurePolicy())
-        out.featurePolicies[policy.name()] = {mapOf<U32, String>(policy.appProfilePriority()),
-                                              policy.version()};
-    for (const auto& applied : in.navFeaturePolicyDir->appliedPolicy())
-        out.appliedPolicies = mapOf<VrfName, String>(applied.policyForTarget());
-    if (db) out.db = databaseOf(*db);
-    return out;
+void flatten(const Entity& entity, const std::string& place, Flat& out) {
+    out[place];
+    const auto& type = entity.type();
+    for (size_t i = 0; i < type.count; ++i) {
+        const Attribute& a = type.attributes[i];
+        const std::string at = place + "/" + std::string(a.name);
+        if (a.kind == Attribute::Kind::plain) out[at] = json(a.get(entity));
+        if (a.kind == Attribute::Kind::child)
+            if (const Entity* child = a.find(entity, "")) flatten(*child, at, out);
+        if (!a.keyed()) continue;
+        for (const std::string& key : a.keys(entity))
+            if (const std::string entry = at + "[" + key + "]"; a.kind == Attribute::Kind::set)
+                out[entry];
+            else if (a.kind == Attribute::Kind::collection)
+                flatten(*a.find(entity, key), entry, out);
+            else
+                out[entry] = json(*a.getAt(entity, key));
+    }
+}
+
+std::string json(const Datum& value) {
+    std::string out;
+    if (const auto* text = value.as<Vel::String>()) return '"' + *text + '"';
+    if (const auto* number = value.as<Vel::U64>()) return std::to_string(*number);
+    if (const auto* list = value.as<Datum::List>()) {
+        for (const Datum& v : *list) out += (out.empty() ? "" : ",") + json(v);
+        return "[" + out + "]";
+    }
+    if (const auto* members = value.as<Datum::Members>()) {
+        for (const auto& [name, v] : *members)
+            out += (out.empty() ? "\"" : ",\"") + name + "\":" + json(v);
+        return "{" + out + "}";
+    }
+    const bool* flag = value.as<bool>();
+    return !flag ? "null" : *flag ? "true" : "false";
 }
 
 }  // namespace Oracle

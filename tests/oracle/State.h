@@ -1,5 +1,5 @@
-// The content of the inputs and of what is published, copied into plain containers: what the oracle
-// computes on. Nothing here knows a reactor.
+// The inputs copied into plain containers, which the oracle computes on, and the content of any
+// entities as text, which its result is compared to. Nothing here knows a reactor.
 #pragma once
 
 #include <map>
@@ -42,7 +42,6 @@ struct Constraints {
     U32 latency, jitter, lossRate;
     bool operator==(const Constraints&) const = default;
 };
-VEL_VALUE(Oracle, Constraints, latency, jitter, lossRate)
 struct Profile {
     std::map<String, U32> priorities;
     Constraints constraints;
@@ -73,68 +72,12 @@ struct Inputs {
     bool operator==(const Inputs&) const = default;
 };
 
-struct Path {
-    U32 index;
-    String ipsecProfile;
-    Nav::PathType type;
-};
-struct PathInfo {
-    U32 index;
-    Nav::SiteGroupKey siteGroup;
-    String ipsecProfile;
-    VrfName vrf;
-};
-struct Status {
-    Nav::HwPathInfo info;
-    U32 encapId;
-    bool programmed;
-};
-struct Request {
-    String profile;
-    IntfId intf;
-    String name;
-    bool operator==(const Request&) const = default;
-};
-struct Balance {
-    U32 generation, id;
-    Constraints constraints;
-    std::map<U32, Nav::PathWithPriority> members;
-};
-struct FeaturePolicy {
-    std::map<U32, String> applications;
-    U32 version;
-};
-struct GroupInfo {
-    std::set<Nav::PathKey> paths;
-    std::set<IpGenAddr> sites;
-};
-
-struct Published {
-    std::map<VrfName, std::map<Nav::PathKey, Path>> paths;
-    std::map<VrfName, std::map<Nav::PathKey, Status>> statuses;
-    std::map<Nav::SiteGroupKey, std::set<U32>> siteGroups;
-    std::map<VrfName, std::set<IpGenAddr>> nexthops;
-    std::map<Ipsec::ConnectionKey, Request> requests;
-    std::set<IpGenAddr> sites;
-    std::map<VrfName, std::set<Nav::NavRuleEntry>> rules;
-    std::map<Nav::LbProfileKey, Balance> balances;
-    std::map<String, FeaturePolicy> featurePolicies;
-    std::map<VrfName, String> appliedPolicies;
-
-    struct Database {
-        std::map<Nav::PathKey, PathInfo> paths;
-        std::map<IpGenAddr, std::set<Nav::PathKey>> pathsOfAddr;
-        std::map<IpGenAddr, IntfId> intfOf;
-        std::map<String, GroupInfo> groups;
-        std::map<VrfName, U32> vrfId;
-        std::map<U32, VrfName> vrfName;
-        std::map<Nav::VrfAppKey, Nav::VrfApp> applications;
-        std::map<String, std::set<Nav::LbProfileKey>> keysOfProfile;  // those that are not empty
-    };
-    std::optional<Database> db;
-};
-
 Inputs inputsOf(const Nav::NavInputs& in);
-Published publishedIn(const Nav::NavInputs& in, const Nav::NavDb* db);
+
+// What entities hold, by the places of the control socket: the value of each attribute as JSON, and
+// an empty text for each entity and each member of a set.
+using Flat = std::map<std::string, std::string>;
+void flatten(const Vel::Entity& entity, const std::string& place, Flat& out);
+std::string json(const Vel::Datum& value);
 
 }  // namespace Oracle

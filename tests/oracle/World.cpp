@@ -52,23 +52,6 @@ struct Step {
     std::string_view name, key;
 };
 
-std::string json(const Datum& value) {
-    std::string out;
-    if (const auto* text = value.as<Vel::String>()) return '"' + *text + '"';
-    if (const auto* number = value.as<Vel::U64>()) return std::to_string(*number);
-    if (const auto* list = value.as<Datum::List>()) {
-        for (const Datum& v : *list) out += (out.empty() ? "" : ",") + json(v);
-        return "[" + out + "]";
-    }
-    if (const auto* members = value.as<Datum::Members>()) {
-        for (const auto& [name, v] : *members)
-            out += (out.empty() ? "\"" : ",\"") + name + "\":" + json(v);
-        return "{" + out + "}";
-    }
-    const bool* flag = value.as<bool>();
-    return !flag ? "null" : *flag ? "true" : "false";
-}
-
 }  // namespace
 
 std::string toLine(const Event& event) {
@@ -167,24 +150,13 @@ void World::apply(const Event& unresolved) {
     }
 }
 
-std::string World::differenceTo(const World& other) const {
-    const auto published = [](const World& world) {
-        std::map<std::string, Datum> all;
-        const auto add = [&](const std::string& place, const Datum& entity) {
-            for (const auto& [member, value] : *entity.as<Datum::Members>())
-                all[place + member] = value;
-        };
-        eachRoot(world.in, [&](std::string_view name, const Entity& entity) {
-            if (publishedRoots.contains(name)) add("/" + std::string(name) + "/", toDatum(entity));
-        });
-        if (const Nav::NavDb* db = world.navDb()) add("/navDb/", toDatum(*db));
-        return all;
-    };
-    const auto mine = published(*this), others = published(other);
-    for (const auto& [place, value] : mine)
-        if (const auto at = others.find(place); at != others.end() && at->second != value)
-            return place + ": " + json(value) + " against " + json(at->second);
-    return {};
+Flat World::published() const {
+    Flat all;
+    eachRoot(in, [&](std::string_view name, const Entity& entity) {
+        if (publishedRoots.contains(name)) flatten(entity, "/" + std::string(name), all);
+    });
+    if (const Nav::NavDb* db = navDb()) flatten(*db, "/navDb", all);
+    return all;
 }
 
 }  // namespace Oracle

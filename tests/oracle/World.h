@@ -6,6 +6,7 @@
 #include <string>
 
 #include "nav/root/NavRootSm.h"
+#include "tests/oracle/State.h"
 
 namespace Oracle {
 
@@ -65,8 +66,8 @@ class World {
     const Nav::NavDb* navDb() const {
         return root->navContainer() ? root->navContainer()->navDb() : nullptr;
     }
-    // Where the published states of two worlds differ; empty if they do not.
-    std::string differenceTo(const World& other) const;
+    // What is published, and the path database.
+    Flat published() const;
 
   private:
     Loom::ManualClock clock_;
