@@ -10,7 +10,7 @@ import re
 import signal
 import subprocess
 
-from products import Products, await_, branch, main, patience, programs, source, tied
+from products import Products, await_, branch, main, patience, source
 
 
 def tables_of(run_dir):
@@ -161,7 +161,7 @@ class ProductTest(Products):
             lines = self.navctl(run_dir, "trace", "--last", str(last)).stdout.splitlines()
             self.assertEqual(len(lines), last)
 
-    def test_the_log_says_what_happened_and_never_delays_the_agent(self):
+    def test_the_log_says_what_happened(self):
         run_dir = self.run_dir()
         agent = self.agent(run_dir, *branch)
         await_("paths are up", lambda: self.errors(run_dir).count(" is up by ") == 7)
@@ -174,20 +174,7 @@ class ProductTest(Products):
         await_("a link fails", lambda: "is down: interface wan1 is down" in self.errors(run_dir))
         self.assertEqual(self.stop(agent), 0)
         self.assertTrue(self.errors(run_dir).endswith("agent:5 nav-agent stopped\n"))
-
-        deaf = self.run_dir()
-        unread, end = os.pipe()
-        self.addCleanup(os.close, unread)
-        agent = subprocess.Popen([*tied, programs["nav-agent"], "--run-dir", deaf, *branch,
-                                  "--log-level", "8"], stderr=end, cwd=source)
-        os.close(end)
-        self.processes.callback(agent.kill)
-        await_("paths are up", lambda: self.navctl(deaf, "show", "paths").stdout.count("Estab") == 7)
-        levels = json.loads(self.navctl(deaf, "--json", "log").stdout)
-        self.assertIn({"facility": "path", "level": 8}, levels)
-        requests = '{"op":"log","facility":"path","level":8}\n' * 5000
-        self.assertEqual(self.navctl(deaf, "batch", "-", input=requests).returncode, 0)
-        self.assertEqual(self.stop(agent), 0)
+        self.assertEqual(self.errors(run_dir).count(" is up by "), 7, "once for each path")
 
     def test_one_agent_to_a_run_directory_whatever_a_crashed_one_left(self):
         run_dir = self.run_dir()

@@ -216,7 +216,6 @@ TEST_F(Kernel, LookupsGoByInterfaceAndSource) {
                           {v4, "", "wa", "198.51.100.77"}});  // not an address of the host
 }
 
-// Made by one batch, found by lookups, be it spelt out in routes or behind next-hop objects.
 // Routes by next-hop objects and groups, which the kernel names in two ways.
 TEST_F(Kernel, NexthopObjectsAreLookedUp) {
     for (const char* compatible : {"1", "0"}) {

@@ -224,18 +224,6 @@ TEST_F(ServerTest, AWatcherThatFallsBehindIsToldAndClosedWhileAnotherGetsEveryth
     EXPECT_TRUE(await([&] { return handler.watchers.size() == 1; }));
 }
 
-TEST_F(ServerTest, ClientsThatVanishCostOnlyThemselves) {
-    serve({.clients = 4});
-    for (int i = 0; i < 20; ++i) {
-        Peer midAnswer(*this, path()), midRequest(*this, path());
-        ASSERT_TRUE(midAnswer.write("{\"op\":\"big\",\"bytes\":1000000}\n"));
-        ASSERT_TRUE(midRequest.write(R"({"op":"ec)"));
-        ASSERT_TRUE(await([&] { return midAnswer.fill(); }));
-        for (Peer* each : {&midAnswer, &midRequest}) each->hangUp();
-        ASSERT_TRUE(await([&] { return handler.closed == 2 * (i + 1); }));
-    }
-}
-
 TEST_F(ServerTest, WatchersAndIdleClientsLeaveRoomForANewOne) {
     serve({.clients = 4, .watchers = 2});
     Peer first(*this, path()), second(*this, path()), idle(*this, path());

@@ -30,32 +30,12 @@ NavLbProfileCounterEntry entry(U32 lbId, U64 packets) {
 
 TEST(Counters, BoundsAndTexts) {
     EXPECT_NO_THROW(NavPathCounterIndex(128));
-    try {
-        NavPathCounterIndex index(127);
-        index += 1;
-        index += 1;
-        FAIL() << "129 is no index";
-    } catch (const Vel::RangeError& e) {
-        EXPECT_STREQ(e.what(),
-                     "NavPathCounterIndex::value < NavPathCounterIndex::min or > "
-                     "NavPathCounterIndex::max not allowed");
-    }
+    EXPECT_THROW(NavPathCounterIndex(128) += 1, Vel::RangeError);
     NavLbProfileCounterEntry e = entry(7, 5);
     const std::string text = Vel::valueToStrep(e);
-    EXPECT_TRUE(
-        text.starts_with("Value('NavShard::NavLbProfileCounterEntry', ** {'key': "
-                         "Value('NavShard::NavLbProfileCounterKey', ** {'lbId': 7}), "
-                         "'lbKeyInfo': Value('Nav::LbProfileKey'"));
     EXPECT_NE(
         text.find("{'pathId': 128, 'outBytes': 0, 'outPkts': 5, 'throughput': 0, 'flows': 0}"),
         std::string::npos);
-    try {
-        Vel::valueFromStrep<NavLbProfileCounterEntry>(text);
-        FAIL();
-    } catch (const Vel::Error& error) {
-        EXPECT_STREQ(error.what(),
-                     "No String constructor for NavLbProfileCounterEntry - has collection");
-    }
     e.pathCounterDelAll();
     EXPECT_EQ(e.outPkts, 5U) << "the totals are the entry's own";
     EXPECT_EQ(e.pathCounter[128], NavPathCounterEntry{});

@@ -177,19 +177,6 @@ TEST_F(KernelRoad, AnIpv6ProviderCarriesPathsToIpv6Sites) {
     EXPECT_EQ(wan2->activeAddrWithMask().stringValue(), "2001:db8:b::1/64");
 }
 
-TEST_F(KernelRoad, PathsFollowTheConfiguration) {
-    start(bothRoutes);
-    auto& group = config().pathGroupConfigIs("internet");
-    const Netz::IntfId wan1("wan1");
-    group.localIntfDel(wan1);
-    ASSERT_TRUE(become({nullptr, up, nullptr, up}));
-    ASSERT_TRUE(await([&] { return vias("198.51.100.2") == "192.0.2.254 wan2 1; "; }));
-    group.localIntfIs(wan1);
-    ASSERT_TRUE(become({up, up, up, up}));
-    for (const bool on : {false, true}) config().navConfiguredIs(on);
-    ASSERT_TRUE(become({up, up, up, up}));
-}
-
 TEST_F(KernelRoad, NeighbourThatFailsTakesItsPathsUntilItComesBack) {
     ASSERT_TRUE(inInternet("addr del 203.0.113.254/24 dev isp1\n"));
     start(bothRoutes);

@@ -95,14 +95,6 @@ TEST_F(Resolution, EachChangedAddressIsReviewedOnce) {
     result(path1, 2), settle(), traces.clear();
     fec(1, {viaOver("Et1"), viaOver("Et2")}), settle();
     EXPECT_EQ(traced("Backlog nexthopResolver addr: "), 0);
-    // A change within a review is reviewed after it.
-    std::string during;
-    On nested(*entry(path1), PathStatusEntry::pathInfoAttr, [&] {
-        result(path3, 1), settle();
-        during = show(path3);
-    });
-    result(path1, 1), settle();
-    EXPECT_EQ(during + show(path3), "unresolved resolved Et2");
     noVia("lte", "192.0.2.100", "198.51.100.8"), noResult(path3), settle();
     EXPECT_EQ(traced("No paths for dstAddr 198.51.100.8"), 1);
 }
