@@ -4,12 +4,9 @@
 #include <utility>
 
 #include "agent/model/DatumJson.h"
+#include "agent/model/Follower.h"
 
 namespace Agent {
-
-using Vel::Attribute;
-using Vel::Entity;
-using Kind = Vel::Attribute::Kind;
 
 namespace {
 
@@ -49,66 +46,15 @@ struct Watches::Feed {
     const Root& root;
     std::map<std::string, Watch> watches;
     std::map<Watcher*, Watcher::Line> sent;  // the last line sent to each watcher
-    std::unique_ptr<Node> top;               // null while the root has no entity
-};
-
-// One followed entity, with the entities in it.
-struct Watches::Node {
-    Node(Feed& feed, Entity& entity, std::string path)
-        : feed(feed), entity(entity), path(std::move(path)) {
-        for (Vel::Ordinal i = 0; i < entity.type().count; ++i) {
-            const Attribute& a = entity.type().attributes[i];
-            if (a.kind == Kind::child) follow(i, {});
-            if (a.kind != Kind::collection) continue;
-            for (const std::string& key : a.keys(entity)) follow(i, key);
-        }
-        changes = entity.subscribeAll(this, [](void* self, const void* key, Vel::Ordinal ordinal) {
-            static_cast<Node*>(self)->changed(ordinal, key);
-        });
-    }
-
-    std::string pathTo(const Attribute& a, const std::string& key) const {
-        return path + step(a, a.keyed() ? &key : nullptr);
-    }
-
-    // Follows the present entity instead of the previous one. Returns whether there is or was one.
-    bool follow(Vel::Ordinal ordinal, const std::string& key) {
-        const Attribute& a = entity.type().attributes[ordinal];
-        Entity* now = a.find(entity, key);
-        auto& node = inside[{ordinal, key}];
-        const bool any = node || now;
-        if (node && &node->entity != now) node.reset();
-        if (now && !node) node = std::make_unique<Node>(feed, *now, pathTo(a, key));
-        if (!now) inside.erase({ordinal, key});
-        return any;
-    }
-
-    void changed(Vel::Ordinal ordinal, const void* keyOfChange) {
-        const Attribute& a = entity.type().attributes[ordinal];
-        const std::string key = a.keyed() ? a.keyText(keyOfChange) : std::string();
-        // An element that was added and removed before this call has been reported already.
-        if ((a.kind == Kind::collection || a.kind == Kind::child) && !follow(ordinal, key)) return;
-        feed.tell(pathTo(a, key), [&] { return valueOf(a, key); });
-    }
-
-    Json valueOf(const Attribute& a, const std::string& key) const {
-        if (!a.keyed()) return toJson(a.get(entity));
-        if (a.kind != Kind::collection) return toJson(a.getAt(entity, key).value_or(Vel::Datum{}));
-        const Entity* element = a.find(entity, key);
-        return element ? toJson(Vel::toDatum(*element)) : Json();
-    }
-
-    Feed& feed;
-    Entity& entity;  // not used after the owner has announced its removal
-    const std::string path;
-    std::map<std::pair<Vel::Ordinal, std::string>, std::unique_ptr<Node>> inside;
-    Vel::Subscription changes;
+    std::optional<Follower> follower;        // empty while the root has no entity
 };
 
 void Watches::Feed::follow() {
-    top.reset();
-    if (Entity* entity = root.entity())
-        top = std::make_unique<Node>(*this, *entity, "/" + root.name);
+    follower.reset();
+    if (Vel::Entity* entity = root.entity())
+        follower.emplace(*entity, [this](const Follower::Change& change) {
+            tell("/" + root.name + change.path(), [&] { return toJson(change.value()); });
+        });
 }
 
 // Sends a change to the watchers of its path and of the paths above it; watchers of a path below it
@@ -178,8 +124,8 @@ size_t Watches::countOf(const Watcher& watcher) const {
 
 void Watches::rootChanged() {
     for (const auto& [root, feed] : feeds_) {
-        Entity* entity = root->entity();
-        if (feed->top ? &feed->top->entity == entity : !entity) continue;
+        const Vel::Entity* entity = root->entity();
+        if (feed->follower ? &feed->follower->entity() == entity : !entity) continue;
         feed->follow();
         feed->tell("/" + root->name,
                    [&] { return entity ? toJson(Vel::toDatum(*entity)) : Json(); });

@@ -47,7 +47,6 @@ class Watches {
     void rootChanged();
 
   private:
-    struct Node;
     struct Feed;
 
     const Tree& tree_;
