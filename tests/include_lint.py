@@ -28,7 +28,7 @@ floors = [
     ["agent/router"],
     ["agent/linux/kernel"],
     ["agent/linux/forwarding", "agent/linux/quality"],
-    ["agent/sim", "agent/linux"],
+    ["agent/sim", "agent/linux", "agent/observe"],
     ["agent/host"],
 ]
 height = {folder: i for i, floor in enumerate(floors) for folder in floor}

@@ -8,6 +8,8 @@
 #include <system_error>
 
 #include "agent/model/Config.h"
+#include "agent/observe/Explain.h"
+#include "agent/observe/Interfaces.h"
 
 namespace Agent {
 
@@ -83,16 +85,21 @@ class MemoryFile {
 
 }  // namespace
 
-Host::Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform, ForwardingPtr forwarding)
+Host::Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform, ForwardingPtr forwarding,
+           std::string eventsFile)
     : forwarding_(std::move(forwarding)),
       inputs_(Nav::makeNavInputs(Vel::Ptr<Vel::Scheduler>(scheduler))),
       platform_(std::move(platform)),
-      tree_(makeRoots(inputs_, *platform_, root_, forwarding_.get())) {
+      tree_(makeRoots(inputs_, *platform_, root_, forwarding_.get())),
+      events_(std::move(eventsFile)) {
     root_ = Nav::NavRootSmIs(inputs_);
     platform_->start(inputs_);
+    observer_.emplace(
+        inputs_, *platform_, [this] { return database(); }, events_);
 }
 
 Host::~Host() {
+    observer_.reset();
     platform_->stop();
     root_ = nullptr;
 }
@@ -123,7 +130,19 @@ Controlled Host::controlled() {
             platform_->manual(),
             [this](const std::string& word) { return show(word); },
             [this] { return platform_->forwarding(); },
-            [this] { platform_->configured(); }};
+            [this] { platform_->configured(); },
+            {{"explain",
+              [this](const Json& request) {
+                  const Question question = questionOf(request);
+                  observer_->observe();
+                  return explain(inputs_, *platform_, *observer_, question);
+              }},
+             {"interfaces",
+              [this](const Json&) {
+                  observer_->observe();
+                  return interfaces(inputs_, *platform_, *observer_);
+              }}},
+            &events_};
 }
 
 }  // namespace Agent

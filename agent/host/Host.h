@@ -8,6 +8,7 @@
 
 #include "agent/model/ForwardingConfig.h"
 #include "agent/model/Tree.h"
+#include "agent/observe/Observer.h"
 #include "agent/router/Platform.h"
 #include "agent/shell/Control.h"
 #include "nav/root/NavRootSm.h"
@@ -17,9 +18,9 @@ namespace Agent {
 
 class Host {
   public:
-    // `forwarding`: what the platform forwards by; null if it does not.
+    // `forwarding`: what the platform forwards by; null if it does not. `eventsFile`: see Events.
     Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform,
-         ForwardingPtr forwarding = nullptr);
+         ForwardingPtr forwarding = nullptr, std::string eventsFile = {});
     ~Host();
 
     // Written by the platform; the configuration is written through the tree or a load.
@@ -30,6 +31,7 @@ class Host {
     // unless the agent forwards. On other platforms than manual only the configurations can be
     // written through it.
     Tree& tree() { return tree_; }
+    Events& events() { return events_; }
 
     // The library's answer to a show command; empty for an unknown word.
     std::string show(const std::string& word);
@@ -44,6 +46,8 @@ class Host {
     Vel::Ptr<Nav::NavRootSm> root_;
     const std::unique_ptr<Platform> platform_;
     Tree tree_;
+    Events events_;
+    std::optional<Observer> observer_;  // while the platform runs
     Vel::U32 commands_ = 0;
 };
 

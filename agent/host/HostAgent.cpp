@@ -18,8 +18,8 @@ std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop,
     if (options.platform == "sim") return std::make_unique<Sim::SimPlatform>(options.world);
     if (options.platform == "linux")
         return std::make_unique<Linux::LinuxPlatform>(
-            loop, Linux::LinuxOptions{std::move(forwarding), options.keepForwarding,
-                                      options.runDir});
+            loop,
+            Linux::LinuxOptions{std::move(forwarding), options.keepForwarding, options.runDir});
     return std::make_unique<Platform>(options.platform);
 }
 
@@ -46,8 +46,7 @@ HostAgent::HostAgent(Options options, Log& log)
       interrupted_(loop_.onSignal(SIGINT, [this] { stop("SIGINT"); })),
       hungUp_(loop_.onSignal(SIGHUP, [this] { reload(); })),
       forwarding_(options_.forwarding.empty() ? nullptr : makeForwarding()),
-      host_(*scheduler_, makePlatform(options_, loop_, forwarding_), forwarding_),
-      routerLog_(host_.inputs(), host_.platform(), [this] { return host_.database(); }),
+      host_(*scheduler_, makePlatform(options_, loop_, forwarding_), forwarding_, options_.events),
       fib_(*host_.inputs().forwardingStatus, Shard::Namespace(runDir_.path()), "fib", *scheduler_),
       fib6_(*host_.inputs().forwarding6Status, Shard::Namespace(runDir_.path()), "fib6",
             *scheduler_),
@@ -57,7 +56,8 @@ HostAgent::HostAgent(Options options, Log& log)
       control_(loop_, runDir_.path() + "/" + controlSocketName, requests_) {
     DUOLOG(agentTrace, 5, "nav-agent ", NAV_VERSION, " started, platform ", options_.platform,
            ", pid ", getpid(), ", run directory ", runDir_.path());
-    loadFiles();
+    host_.events().add({Event::Kind::agent, "nav-agent", "started, version " NAV_VERSION, {}, {}});
+    loadFiles("start of the agent");
 }
 
 HostAgent::~HostAgent() {
@@ -66,6 +66,7 @@ HostAgent::~HostAgent() {
 
 void HostAgent::stop(const char* signal) {
     DUOLOG(agentTrace, 5, "stopping on ", signal);
+    host_.events().add({Event::Kind::agent, "nav-agent", "stops", {}, signal});
     loop_.stop();
 }
 
@@ -73,13 +74,15 @@ void HostAgent::reload() {
     DUOLOG(agentTrace, 5, "reload on SIGHUP",
            options_.config.empty() && !forwarding_ ? ": no configuration file was given" : "");
     try {
-        loadFiles();
+        loadFiles("SIGHUP");
     } catch (const std::exception& error) {
+        host_.events().add({Event::Kind::configuration, "configuration", "reload refused",
+                            error.what(), "SIGHUP"});
         DUOLOG(agentTrace, 3, "configuration refused: ", LongText{error.what()});
     }
 }
 
-void HostAgent::loadFiles() {
+void HostAgent::loadFiles(const char* author) {
     WantedConfig wanted;
     wanted.paths = readIn(options_.config, readConfigText);
     wanted.forwarding = readIn(options_.forwarding, readForwardingText);
@@ -89,6 +92,8 @@ void HostAgent::loadFiles() {
     for (const std::string& warning : requests_.load(std::move(wanted)))
         DUOLOG(agentTrace, 4, files, ": warning: ", LongText{warning});
     DUOLOG(agentTrace, 5, "configuration loaded from ", files);
+    host_.events().add(
+        {Event::Kind::configuration, "configuration", "loaded from " + files, {}, author});
 }
 
 }  // namespace Agent

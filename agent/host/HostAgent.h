@@ -6,7 +6,6 @@
 
 #include "agent/base/RunDir.h"
 #include "agent/host/Host.h"
-#include "agent/host/RouterLog.h"
 #include "agent/shell/CommandServer.h"
 #include "agent/shell/Control.h"
 #include "agent/shell/ControlServer.h"
@@ -23,6 +22,7 @@ struct Options {
     std::string platform = "sim";  // provides the router's other services
     std::string world;             // file that describes the simulated router; none if empty
     std::string runDir;            // not empty: main uses defaultRunDir() by default
+    std::string events;            // file that keeps the events across restarts; none if empty
     std::string group;             // its members may read the shared maps; none if empty
     int logLevel = 5;              // of the trace; set by main
 };
@@ -40,7 +40,7 @@ class HostAgent {
   private:
     // Makes of the configuration files what a load request would; throws with the file's name, the
     // line and the reason when one is refused, which leaves everything as it was.
-    void loadFiles();
+    void loadFiles(const char* author);
     void reload();
     void stop(const char* signal);
 
@@ -53,7 +53,6 @@ class HostAgent {
     EventLoop::Registration terminated_, interrupted_, hungUp_;
     const ForwardingPtr forwarding_;  // null unless the agent forwards
     Host host_;
-    const RouterLog routerLog_;
     Shard::SharedFib<Shard::Fib::ForwardingStatus> fib_;
     Shard::SharedFib<Shard::Fib6::ForwardingStatus> fib6_;
     Control requests_;

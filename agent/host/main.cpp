@@ -30,6 +30,8 @@ int main(int argc, char** argv) {
     app.add_option("--group", options.group,
                    "Group that may read the shared maps; the run directory gets it and mode 0750")
         ->type_name("NAME");
+    app.add_option("--events", options.events, "Keep the events across restarts in this file")
+        ->type_name("FILE");
     app.add_option("--log-level", options.logLevel,
                    "Trace levels up to this one are logged, of all facilities")
         ->check(CLI::Range(0, 8))

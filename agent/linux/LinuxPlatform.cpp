@@ -151,7 +151,7 @@ std::optional<Json> LinuxPlatform::forwarding() {
     return services_ ? services_->report() : std::nullopt;
 }
 
-QualityStatus* LinuxPlatform::quality() {
+QualityStatus* LinuxPlatform::quality() const {
     return services_ ? &services_->quality() : nullptr;
 }
 

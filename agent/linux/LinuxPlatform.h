@@ -30,7 +30,7 @@ class LinuxPlatform final : public Platform {
     void stop() override;
     void configured() override;
     std::optional<Json> forwarding() override;
-    QualityStatus* quality() override;
+    QualityStatus* quality() const override;
     std::optional<bool> linkUp(const Netz::IntfId& name) const override;
 
     // REQUIRES: started and not stopped.

@@ -10,10 +10,18 @@
 #include <string>
 
 #include "agent/base/Json.h"
-#include "agent/router/PathQuality.h"
+#include "agent/router/Constraints.h"
 #include "nav/root/NavInputs.h"
 
 namespace Agent {
+
+// What a platform knows of a path beyond the published state. A text is empty if there is nothing
+// to tell, and becomes part of a sentence for an operator.
+struct PathDetail {
+    std::string ipsec;  // why its IPsec connection is not established: "the peer refused it"
+    bool nexthopSilent = false;  // its next hop was asked and does not answer
+    std::string refused;         // why the forwarding side has refused it: "the kernel refused …"
+};
 
 class Platform {
   public:
@@ -33,9 +41,16 @@ class Platform {
     // What the platform forwards, for `navctl show forwarding`; empty if it does not forward.
     virtual std::optional<Json> forwarding() { return {}; }
     // What is measured of the paths; null if this platform measures nothing, or has not started.
-    virtual QualityStatus* quality() { return nullptr; }
+    virtual QualityStatus* quality() const { return nullptr; }
     // Whether an interface is up; empty if it does not exist or the platform does not know.
     virtual std::optional<bool> linkUp(const Netz::IntfId&) const { return {}; }
+    // About a path that has a status. Answers from memory: it is called for every path.
+    virtual PathDetail detail(const Nav::PathStatusEntry&, const L3::VrfName&) const { return {}; }
+    // The member paths that carry the traffic of a load-balance id now.
+    virtual Chosen choose(const Nav::LbProfileStatusEntry& entry) const {
+        const auto any = [](Vel::U32) { return true; };
+        return chooseMembers(entry, any, any);
+    }
 
   private:
     const std::string name_;

@@ -22,6 +22,14 @@ std::string text(const Json& request, const char* name) {
     return value.get<std::string>();
 }
 
+// Its member "last".
+size_t countIn(const Json& request, size_t otherwise) {
+    const auto last = request.find("last");
+    if (last == request.end()) return otherwise;
+    if (!last->is_number_unsigned()) throw RequestError("last: expected a whole number");
+    return last->get<size_t>();
+}
+
 // Either of the two may be left out.
 WantedConfig wantedBy(const Json& request) {
     WantedConfig wanted;
@@ -49,12 +57,15 @@ Control::Control(Controlled agent)
 
 Answer Control::handle(const std::string& op, const Json& request, Session& session) {
     static const std::map<std::string, Answer (Control::*)(const Json&, Session&)> operations = {
-        {"get", &Control::get},     {"set", &Control::set},
-        {"del", &Control::del},     {"load", &Control::loadRequest},
-        {"check", &Control::check}, {"save", &Control::save},
-        {"show", &Control::show},   {"watch", &Control::watch},
-        {"trace", &Control::trace}, {"log", &Control::log},
-        {"ping", &Control::ping},   {"forwarding", &Control::forwarding}};
+        {"get", &Control::get},      {"set", &Control::set},
+        {"del", &Control::del},      {"load", &Control::loadRequest},
+        {"check", &Control::check},  {"save", &Control::save},
+        {"show", &Control::show},    {"watch", &Control::watch},
+        {"trace", &Control::trace},  {"log", &Control::log},
+        {"ping", &Control::ping},    {"forwarding", &Control::forwarding},
+        {"events", &Control::events}};
+    if (const auto report = agent_.reports.find(op); report != agent_.reports.end())
+        return report->second(request);
     const auto operation = operations.find(op);
     if (operation == operations.end()) throw RequestError("op: \"" + op + "\" not found");
     if (agent_.manual || (op != "set" && op != "del" && op != "load"))
@@ -63,13 +74,22 @@ Answer Control::handle(const std::string& op, const Json& request, Session& sess
     const std::string path = found != request.end() ? " " + dumpLine(*found) : "";
     try {
         Answer answer = (this->*operation->second)(request, session);
-        DUOLOG(agentTrace, 5, "configuration: ", op, LongText{path}, " by a client");
+        DUOLOG(agentTrace, 5, "configuration: ", op, LongText{path}, " by ",
+               LongText{session.author()});
+        record(op + path, {}, session);
         return answer;
     } catch (const std::exception& error) {
-        DUOLOG(agentTrace, 4, "configuration: ", op, LongText{path},
-               " by a client refused: ", LongText{error.what()});
+        DUOLOG(agentTrace, 4, "configuration: ", op, LongText{path}, " by ",
+               LongText{session.author()}, " refused: ", LongText{error.what()});
+        record(op + path + " refused", error.what(), session);
         throw;
     }
+}
+
+void Control::record(const std::string& text, const std::string& cause, const Session& session) {
+    if (agent_.events)
+        agent_.events->add(
+            {Event::Kind::configuration, "configuration", text, cause, session.author()});
 }
 
 Answer Control::get(const Json& request, Session&) {
@@ -156,10 +176,7 @@ Answer Control::watch(const Json& request, Session& session) {
 }
 
 Answer Control::trace(const Json& request, Session&) {
-    const auto last = request.find("last");
-    if (last != request.end() && !last->is_number_unsigned())
-        throw RequestError("last: expected a whole number");
-    return Json(Ringlog::last(last == request.end() ? 100 : last->get<size_t>()));
+    return Json(Ringlog::last(countIn(request, 100)));
 }
 
 Answer Control::log(const Json& request, Session&) {
@@ -175,6 +192,12 @@ Answer Control::log(const Json& request, Session&) {
     Json levels = Json::object();
     for (const auto& [name, level] : Duolog::facilities()) levels[std::string(name)] = level;
     return levels;
+}
+
+// The newest events; all if the request does not say how many.
+Answer Control::events(const Json& request, Session&) {
+    return agent_.events ? agent_.events->newest(countIn(request, Events::capacity))
+                         : Json::array();
 }
 
 Answer Control::ping(const Json&, Session&) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "agent/model/Transaction.h"
 #include "agent/model/Watch.h"
 #include "agent/shell/ControlServer.h"
+#include "agent/shell/Events.h"
 
 namespace Agent {
 
@@ -29,6 +31,9 @@ struct Controlled {
     std::function<std::optional<Json>()> forwarding = [] { return std::optional<Json>(); };
     // Called when a change of the configuration has been made, completely.
     std::function<void()> configured = [] {};
+    // Requests that only read, by their "op"; each makes the value of its answer from the request.
+    std::map<std::string, std::function<Json(const Json& request)>> reports{};
+    Events* events = nullptr;  // where changes of the configuration are recorded; null: nowhere
 };
 
 class Control final : public RequestHandler {
@@ -58,8 +63,10 @@ class Control final : public RequestHandler {
     Answer trace(const Json& request, Session& session);
     Answer log(const Json& request, Session& session);
     Answer ping(const Json& request, Session& session);
+    Answer events(const Json& request, Session& session);
 
     Answer change(const std::string& path, const std::function<void(Tree&)>& make);
+    void record(const std::string& text, const std::string& cause, const Session& session);
     std::vector<std::string> commit(Transaction& transaction);
 
     const Controlled agent_;

@@ -30,6 +30,7 @@ class ControlServer::Client final : public Session {
 
     void sendEvent(const Line& line) override;
     void startEvents() override;
+    std::string author() const override;
     void send(const std::string& line);
     bool watches() const { return watches_; }
     bool idle() { return !watches_ && evbuffer_get_length(output()) == 0; }
@@ -46,6 +47,7 @@ class ControlServer::Client final : public Session {
     ControlServer& server_;
     std::unique_ptr<bufferevent, void (*)(bufferevent*)> stream_;
     EventLoop::Registration again_;
+    ucred peer_{};  // as it was when the client connected
     bool watches_ = false;
     bool atEnd_ = false;    // the client sends no more; its requests are still answered
     bool closing_ = false;  // no more requests or events; the output is still sent
@@ -56,6 +58,8 @@ ControlServer::Client::Client(ControlServer& server, int descriptor)
       stream_(bufferevent_socket_new(server.loop_.base(), descriptor, BEV_OPT_CLOSE_ON_FREE),
               bufferevent_free) {
     if (!stream_) throw std::bad_alloc();
+    socklen_t size = sizeof peer_;
+    getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer_, &size);
     auto moved = [](bufferevent*, void* self) noexcept { static_cast<Client*>(self)->advance(); };
     auto happened = [](bufferevent*, short what, void* self) noexcept {
         static_cast<Client*>(self)->happened(what);
@@ -81,6 +85,10 @@ void ControlServer::Client::startEvents() {
                            " clients can watch at the same time");
     ++server_.watchers_;
     watches_ = true;
+}
+
+std::string ControlServer::Client::author() const {
+    return "uid " + std::to_string(peer_.uid) + ", pid " + std::to_string(peer_.pid);
 }
 
 void ControlServer::Client::sendEvent(const Line& line) {

@@ -49,6 +49,8 @@ class Session : public Watcher {
     // Called before the first event: keeps the client's place while it is idle. Throws RequestError
     // if Limits::watchers clients do so already.
     virtual void startEvents() = 0;
+    // Who it is, by the kernel: "uid 0, pid 4711".
+    virtual std::string author() const { return "a client"; }
 
   protected:
     ~Session() = default;

@@ -17,6 +17,8 @@ class PathChoice {
     // REQUIRES: the world outlives this.
     PathChoice(const Nav::NavInputs& inputs, QualityStatus& quality, const World& world);
 
+    const MemberChoice& members() const { return members_; }
+
   private:
     // Recomputes the choice for the keys that changed since the last call.
     void choose();

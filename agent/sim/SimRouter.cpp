@@ -46,6 +46,32 @@ void SimRouter::worldIs(const World& world) {
     forwarding_.review();
 }
 
+PathDetail SimRouter::detail(const Nav::PathStatusEntry& path, const L3::VrfName& vrf) const {
+    PathDetail detail;
+    const Nav::PathKey& key = path.key();
+    const Shard::Fib::Via& via = path.pathInfo().via;
+    detail.nexthopSilent = !via.intfId.empty() && !world_.neighbourDelay(via.intfId, via.hop);
+    const World::Peer* peer = world_.peer(vrf, key.dstAddr);
+    const auto* connection =
+        inputs_.ipsecPathStatusDir->ipsecPathStatus({key.srcAddr, key.dstAddr, vrf});
+    if (!connection) return detail;
+    switch (static_cast<ConnectionState>(connection->connectionState())) {
+        case ConnectionState::connecting:
+            detail.ipsec = peer ? "connecting" : "no peer is known at " + key.dstAddr.stringValue();
+            break;
+        case ConnectionState::rekeying:
+            detail.ipsec = "it is being rekeyed";
+            break;
+        case ConnectionState::failed:
+            detail.ipsec = peer && peer->fault == Fault::refuses ? "the peer refused it"
+                                                                 : "the peer does not answer";
+            break;
+        default:
+            break;
+    }
+    return detail;
+}
+
 void SimRouter::publish() {
     RouterStatus status;
     for (const auto& [name, vrf] : world_.vrfs) status.vrfIds.emplace(name, vrf.id);

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "agent/router/NexthopResolver.h"
+#include "agent/router/Platform.h"
 #include "agent/sim/ForwardingAgent.h"
 #include "agent/sim/IpsecPeers.h"
 #include "agent/sim/PathChoice.h"
@@ -22,9 +23,13 @@ class SimRouter {
     SimRouter(const Nav::NavInputs& inputs, History history);
 
     const World& world() const { return world_; }
-    QualityStatus& quality() { return *quality_; }
+    QualityStatus& quality() const { return *quality_; }
     // Replaces the world, until the next step of the history replaces it again.
     void worldIs(const World& world);
+    Chosen choose(const Nav::LbProfileStatusEntry& entry) const {
+        return choice_.members().choose(entry);
+    }
+    PathDetail detail(const Nav::PathStatusEntry& path, const L3::VrfName& vrf) const;
 
   private:
     void publish();
