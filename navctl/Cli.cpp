@@ -46,6 +46,7 @@ class Program {
   private:
     void build();
     void buildShow();
+    void buildExplain();
     CLI::App* command(CLI::App& parent, const char* name, const std::string& description,
                       void (Program::*action)());
 
@@ -58,7 +59,11 @@ class Program {
     void printJson(const Json& value);
     void printTable(const TextTable& table);
     void showText(const TextView& view);
+    void printTables(const Json& answer, const Headed& tables);
     void forwarding();
+    void interfaces();
+    void events();
+    void explain();
     void counters();
     template <class Use>
     static auto readFile(const std::string& file, Use use);
@@ -81,7 +86,8 @@ class Program {
 
     CLI::App app_{"Operates the path-selection agent of this router", "navctl"};
     Streams streams_;
-    std::string runDir_, path_, value_, file_, forwarding_, shell_, facility_, level_;
+    std::string runDir_, path_, value_, file_, forwarding_, shell_, facility_, level_, site_,
+        application_;
     std::vector<std::string> words_;
     unsigned last_ = 100;
     bool json_ = false, raw_ = false, watch_ = false;
@@ -104,6 +110,7 @@ void Program::build() {
         "Exit status: 0 done, 1 refused, or the output could not be written, 2 bad usage,\n"
         "3 no agent, 4 permission denied.");
     buildShow();
+    buildExplain();
 
     for (auto* each : {command(app_, "get", "Print the value at a path", &Program::get),
                        command(app_, "set", "Assign a value to a path", &Program::set),
@@ -159,18 +166,63 @@ void Program::buildShow() {
     }
     command(*show, "forwarding", "What the kernel forwards, and what it refused",
             &Program::forwarding);
+    command(*show, "interfaces", "Interfaces of the router and of the configuration",
+            &Program::interfaces);
+    command(*show, "events", "The last changes, with their causes and authors", &Program::events)
+        ->add_option("--last", last_, "How many, 100 unless given")
+        ->type_name("N");
     command(*show, "counters", "Traffic per load-balance id and path", &Program::counters)
         ->add_flag("--watch", watch_, "Again for each update of the counters");
 }
 
-void Program::forwarding() {
-    const Json report = Client::ControlClient(runDir()).request({{"op", "forwarding"}}).at("value");
-    if (json_) return printJson(report);
+void Program::buildExplain() {
+    CLI::App* explain =
+        command(app_, "explain", "Say why paths are down, and applications where they are",
+                &Program::explain);
+    explain->add_subcommand("path", "One path, or those of an interface or an address")
+        ->add_option("PATH", path_, "Such as Path3, wan1 or 198.51.100.2")
+        ->required();
+    explain->add_subcommand("site", "The paths and applications of a site")
+        ->add_option("ADDRESS", site_)
+        ->required();
+    explain->add_subcommand("application", "An application in every VRF, to every site")
+        ->add_option("NAME", application_, "Such as voice, or default")
+        ->required();
+    explain->require_subcommand(0, 1);
+}
+
+void Program::printTables(const Json& answer, const Headed& tables) {
+    if (json_) return printJson(answer);
     const char* separator = "";
-    for (const auto& [heading, table] : forwardingTables(report)) {
+    for (const auto& [heading, table] : tables) {
         streams_.out << std::exchange(separator, "\n") << heading << "\n";
         printTable(table);
     }
+}
+
+void Program::forwarding() {
+    const Json report = Client::ControlClient(runDir()).request({{"op", "forwarding"}}).at("value");
+    printTables(report, forwardingTables(report));
+}
+
+void Program::interfaces() {
+    const Json rows = Client::ControlClient(runDir()).request({{"op", "interfaces"}}).at("value");
+    json_ ? printJson(rows) : printTable(rowTable(rows));
+}
+
+void Program::events() {
+    const Json rows =
+        Client::ControlClient(runDir()).request({{"op", "events"}, {"last", last_}}).at("value");
+    json_ ? printJson(rows) : printTable(rowTable(rows));
+}
+
+void Program::explain() {
+    Json request = {{"op", "explain"}};
+    for (const auto& [name, text] : {std::pair("path", path_), std::pair("site", site_),
+                                     std::pair("application", application_)})
+        if (!text.empty()) request[name] = text;
+    const Json answer = Client::ControlClient(runDir()).request(request).at("value");
+    printTables(answer, explainTables(answer));
 }
 
 void Program::counters() {

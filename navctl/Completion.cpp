@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "client/ControlClient.h"
+#include "platform/vel/Value.h"
 
 namespace Navctl {
 
@@ -27,6 +28,15 @@ complete -o nospace -o default -F _navctl navctl
 
 namespace {
 
+bool exists(Client::ControlClient& client, const std::string& path) {
+    try {
+        client.get(path);
+        return true;
+    } catch (const Client::Refused&) {
+        return false;
+    }
+}
+
 // The position of the last step of an unfinished path: its '/' or '[' outside any finished key.
 size_t lastStep(std::string_view path) {
     size_t step = 0;
@@ -44,6 +54,18 @@ size_t lastStep(std::string_view path) {
     return step;
 }
 
+// The path of an element. Names are escaped in a path, while the texts of keys with several fields
+// are so already; the agent knows which of the two the key is.
+std::string element(Client::ControlClient& client, const std::string& parent,
+                    const std::string& key) {
+    const std::string asText = parent + "[" + key + "]";
+    if (key.find_first_of(",]\\") == key.npos) return asText;
+    std::string escaped;
+    Vel::appendEscapedKey(escaped, key);
+    escaped = parent + "[" + escaped + "]";
+    return exists(client, escaped) ? escaped : asText;
+}
+
 std::vector<std::string> paths(const std::string& word, const std::string& runDir) {
     std::vector<std::string> result;
     if (!word.empty() && word[0] != '/') return result;
@@ -57,21 +79,15 @@ std::vector<std::string> paths(const std::string& word, const std::string& runDi
     const Json value = client.get(parent);
     if (value.is_array()) {
         for (const Json& key : value) {
-            if (key.is_string()) result.push_back(parent + "[" + key.get<std::string>() + "]");
+            if (key.is_string()) result.push_back(element(client, parent, key.get<std::string>()));
         }
     }
     if (!value.is_object() || value.empty()) return result;
     // Entities and collections are both objects, but only a collection's members are reached by
     // key.
-    bool isCollection = true;
-    try {
-        client.get(parent + "[" + value.begin().key() + "]");
-    } catch (const Client::Refused&) {
-        isCollection = false;
-    }
-    for (const auto& [name, member] : value.items()) {
-        result.push_back(parent + (isCollection ? "[" + name + "]" : "/" + name));
-    }
+    const bool isCollection = exists(client, element(client, parent, value.begin().key()));
+    for (const auto& [name, member] : value.items())
+        result.push_back(isCollection ? element(client, parent, name) : parent + "/" + name);
     return result;
 }
 

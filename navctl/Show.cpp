@@ -1,9 +1,13 @@
 #include "navctl/Show.h"
 
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <charconv>
 #include <cstdint>
+#include <ctime>
 #include <map>
+#include <set>
 #include <tuple>
 
 #include "navctl/Literal.h"
@@ -14,6 +18,7 @@ namespace {
 
 // Values that mean "none".
 constexpr uint32_t noConstraint = 0xFFFFFFFF;
+constexpr uint32_t noLossRate = 0;
 constexpr uint32_t noEncapId = 0xFFFFFFFE;
 constexpr uint32_t established = 3;
 
@@ -37,8 +42,12 @@ Json keysOf(const Json& collection) {
     return keys;
 }
 
-// A set of numbers is given as key texts.
-Json numbersOf(const Json& set) {
+Json pathName(const Json& index) {
+    return "Path" + (index.is_string() ? index.get<std::string>() : index.dump());
+}
+
+// The paths of a set of indices, which is given as key texts.
+Json pathNamesOf(const Json& set) {
     std::vector<uint32_t> numbers;
     for (const Json& key : keysOf(set)) {
         const std::string text = key.is_string() ? key.get<std::string>() : key.dump();
@@ -47,7 +56,42 @@ Json numbersOf(const Json& set) {
         numbers.push_back(number);
     }
     std::sort(numbers.begin(), numbers.end());
-    return numbers;
+    Json names = Json::array();
+    for (const uint32_t number : numbers) names.push_back(pathName(number));
+    return names;
+}
+
+// "pathGroup" is the member of the column "path group".
+std::string columnOf(const std::string& member) {
+    std::string column;
+    for (const char c : member) {
+        const unsigned char letter = static_cast<unsigned char>(c);
+        if (std::isupper(letter)) column += ' ';
+        column += static_cast<char>(std::tolower(letter));
+    }
+    return column;
+}
+
+// A time of the agent (RFC 3339, UTC) as the operator's clock shows it, to the second.
+Json localTime(const Json& time) {
+    std::tm parts{};
+    if (!time.is_string() ||
+        !strptime(time.get<std::string>().c_str(), "%Y-%m-%dT%H:%M:%S", &parts))
+        return time;
+    const time_t seconds = timegm(&parts);
+    std::array<char, 32> text{};
+    localtime_r(&seconds, &parts);
+    std::strftime(text.data(), text.size(), "%F %T", &parts);
+    return text.data();
+}
+
+// "Path1 internet wan1 -> 198.51.100.2, priority 1: interface wan1 is down"
+std::string betterText(const Json& better) {
+    const Json& name = member(better, "path");
+    return (name.is_string() ? name.get<std::string>() + " " : "") + better.value("pathGroup", "") +
+           " " + better.value("interface", "") + " -> " + better.value("destination", "") +
+           ", priority " + std::to_string(better.value("priority", 0U)) + ": " +
+           better.value("reason", "");
 }
 
 TextTable pathTable(const Json& answer) {
@@ -61,19 +105,19 @@ TextTable pathTable(const Json& answer) {
 }
 
 TextTable peerTable(const Json& answer) {
-    TextTable table{{"path index", "peer"}, {}};
+    TextTable table{{"path", "peer"}, {}};
     for (const auto& [index, peer] : member(answer, "navPeers").items()) {
-        table.rows.push_back({index, peer});
+        table.rows.push_back({pathName(index), peer});
     }
     return table;
 }
 
-// Two kinds of mapping in one table: path index to path group, and VRF and application ids to
+// Two kinds of mapping in one table: path to path group, and VRF and application ids to
 // names.
 TextTable mappingTable(const Json& answer) {
     TextTable table{{"mapping", "id", "name"}, {}};
     for (const auto& [index, group] : member(answer, "groups").items()) {
-        table.rows.push_back({"path group", index, group});
+        table.rows.push_back({"path group", pathName(index), group});
     }
     for (const auto& [ids, names] : member(answer, "vrfApps").items()) {
         table.rows.push_back({"vrf, application", ids, names});
@@ -103,7 +147,7 @@ TextTable siteTable(Client::ControlClient& client) {
     for (const auto& [text, entry] : member(status, "siteGroupStatusEntry").items()) {
         const Json& key = member(entry, "key");
         usable[{key.value("name", ""), key.value("routerIp", "")}] =
-            numbersOf(member(entry, "pathIndexEntry"));
+            pathNamesOf(member(entry, "pathIndexEntry"));
     }
     for (const auto& [group, groupConfig] : member(config, "pathGroupConfig").items()) {
         for (const auto& [site, siteConfig] : member(groupConfig, "remoteViaConfig").items()) {
@@ -147,7 +191,7 @@ TextTable policyTable(Client::ControlClient& client) {
 // One row for each member of each load-balance id, in order of preference.
 TextTable loadBalanceTable(Client::ControlClient& client) {
     TextTable table{{"site", "vrf", "application", "id", "generation", "latency", "jitter",
-                     "loss rate", "priority", "path index", "path group"},
+                     "loss rate", "priority", "path", "path group"},
                     {}};
     const Json database = client.get("/navDb");
     const Json status = client.get("/navStatusDir/navLbProfileStatus");
@@ -164,7 +208,7 @@ TextTable loadBalanceTable(Client::ControlClient& client) {
                                        member(entry, "genId"),
                                        unless(member(entry, "latency"), noConstraint),
                                        unless(member(entry, "jitter"), noConstraint),
-                                       member(entry, "lossRate")};
+                                       unless(member(entry, "lossRate"), noLossRate)};
         std::vector<std::tuple<uint32_t, uint32_t, std::string>> paths;
         for (const Json& path : member(entry, "pathEntry")) {
             paths.emplace_back(path.value("priority", 0U), path.value("pathIndex", 0U),
@@ -174,7 +218,7 @@ TextTable loadBalanceTable(Client::ControlClient& client) {
         std::sort(paths.begin(), paths.end());
         for (const auto& [priority, index, group] : paths) {
             table.rows.push_back(row);
-            table.rows.back().insert(table.rows.back().end(), {priority, index, group});
+            table.rows.back().insert(table.rows.back().end(), {priority, pathName(index), group});
         }
     }
     return table;
@@ -232,6 +276,29 @@ TextTable nexthopTable(Client::ControlClient& client) {
     return table;
 }
 
+// The VRFs of the router and of the configuration.
+TextTable vrfTable(Client::ControlClient& client) {
+    TextTable table{{"vrf", "id", "interfaces", "policy", "paths"}, {}};
+    const Json router = client.get("/routingHwRouteStatus/vrfStatus");
+    const Json bound = client.get("/cliConfig/vrfConfig");
+    const Json paths = client.get("/pathConfigDir/pathConfig");
+    std::map<std::string, std::set<std::string>> interfaces;
+    for (const char* family : {"/ip6StatusDir/ipIntfStatus", "/ipStatusDir/ipIntfStatus"}) {
+        const Json statuses = client.get(family);
+        for (const auto& [name, status] : statuses.items())
+            interfaces[status.value("vrfName", "")].insert(name);
+    }
+    Json names = router;
+    for (const auto& [name, binding] : bound.items()) names[name];
+    for (const auto& [name, unused] : names.items()) {
+        const Json& id = member(member(router, name), "vrfId");
+        table.rows.push_back({name, id == 0 && name != "default" ? Json() : id, interfaces[name],
+                              member(member(bound, name), "policyName"),
+                              member(member(paths, name), "pathConfigEntry").size()});
+    }
+    return table;
+}
+
 }  // namespace
 
 const std::vector<TextView>& textViews() {
@@ -250,23 +317,58 @@ const std::vector<TreeView>& treeViews() {
         {"policies", "Policies, their rules and the VRFs bound to them", policyTable},
         {"load-balance", "Load-balance ids and their member paths", loadBalanceTable},
         {"ipsec", "IPsec connections", ipsecTable},
-        {"nexthops", "Requested next hops and their resolution", nexthopTable}};
+        {"nexthops", "Requested next hops and their resolution", nexthopTable},
+        {"vrfs", "VRFs, their ids and the policies bound to them", vrfTable}};
     return views;
 }
 
-std::vector<std::pair<std::string, TextTable>> forwardingTables(const Json& report) {
-    std::vector<std::pair<std::string, TextTable>> tables;
-    for (const auto& [heading, rows] : report.items()) {
-        if (rows.empty()) continue;
-        TextTable table;
-        for (const auto& [name, value] : rows.front().items()) table.columns.push_back(name);
-        for (const Json& row : rows) {
-            table.rows.emplace_back();
-            for (const std::string& name : table.columns)
-                table.rows.back().push_back(member(row, name));
-        }
-        tables.emplace_back(heading, std::move(table));
+TextTable rowTable(const Json& rows) {
+    TextTable table;
+    if (rows.empty()) return table;
+    for (const auto& [name, value] : rows.front().items()) table.columns.push_back(columnOf(name));
+    for (const Json& row : rows) {
+        table.rows.emplace_back();
+        for (const auto& [name, value] : rows.front().items())
+            table.rows.back().push_back(localTime(member(row, name)));
     }
+    return table;
+}
+
+Headed forwardingTables(const Json& report) {
+    Headed tables;
+    for (const auto& [heading, rows] : report.items())
+        if (!rows.empty()) tables.emplace_back(heading, rowTable(rows));
+    return tables;
+}
+
+Headed explainTables(const Json& answer) {
+    TextTable paths{
+        {"path", "path group", "interface", "site", "destination", "state", "since", "reason"}, {}};
+    for (const Json& row : member(answer, "paths"))
+        paths.rows.push_back({member(row, "path"), member(row, "pathGroup"),
+                              member(row, "interface"), member(row, "site"),
+                              member(row, "destination"), member(row, "state"),
+                              localTime(member(row, "since")), member(row, "reason")});
+    TextTable applications{{"vrf", "application", "site", "paths", "since", "reason"}, {}};
+    for (const Json& row : member(answer, "applications")) {
+        Json reasons = Json::array();
+        if (const Json& reason = member(row, "reason"); !reason.is_null())
+            reasons.push_back(reason);
+        for (const Json& better : member(row, "better")) reasons.push_back(betterText(better));
+        // A line for each reason; what the lines share is written once.
+        for (size_t i = 0; i < std::max<size_t>(1, reasons.size()); ++i) {
+            const bool first = i == 0;
+            applications.rows.push_back({first ? member(row, "vrf") : Json(" "),
+                                         first ? member(row, "application") : Json(" "),
+                                         first ? member(row, "site") : Json(" "),
+                                         first ? member(row, "paths") : Json(" "),
+                                         first ? localTime(member(row, "since")) : Json(" "),
+                                         reasons.empty() ? Json() : reasons[i]});
+        }
+    }
+    Headed tables;
+    if (!paths.rows.empty()) tables.emplace_back("paths", std::move(paths));
+    if (!applications.rows.empty()) tables.emplace_back("applications", std::move(applications));
     return tables;
 }
 

@@ -25,8 +25,15 @@ struct TreeView {
 const std::vector<TextView>& textViews();
 const std::vector<TreeView>& treeViews();
 
-// The tables of `show forwarding`, each under its heading, from the agent's report.
-std::vector<std::pair<std::string, TextTable>> forwardingTables(const Json& report);
+using Headed = std::vector<std::pair<std::string, TextTable>>;  // tables under their headings
+
+// The tables of `show forwarding`, from the agent's report.
+Headed forwardingTables(const Json& report);
+// The tables of `explain`, from the agent's answer.
+Headed explainTables(const Json& answer);
+// A row for each object of an answer; the columns are the members of the first, with times in local
+// time.
+TextTable rowTable(const Json& rows);
 
 // The agent's text as JSON; throws Refused if the agent answered with a message, or with an invalid
 // text.

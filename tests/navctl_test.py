@@ -144,12 +144,14 @@ class NavctlTest(Products):
     def test_completion_knows_commands_paths_and_keys(self):
         for name in ("internet", "inner", "mpls"):
             self.says("set", f"{group}[{name}]/localIntf", f'["{len(name)}1", "{len(name)}2"]')
+        self.says("set", f"{group}[in\\\\out\\]]", "{}")
         for words, expected in (
                 (["sh"], "show\n"), (["show", "paths", "--r"], "--raw\n--run-dir\n"),
                 (["get", "/cliConfig/p"], f"{group}\n/cliConfig/policyConfig\n"),
-                (["set", f"{group}[in"], f"{group}[inner]\n{group}[internet]\n"),
+                (["set", f"{group}[in"], f"{group}[in\\\\out\\]]\n{group}[inner]\n{group}[internet]\n"),
                 (["del", f"{group}[mpls]/localIntf["],
                  f"{group}[mpls]/localIntf[41]\n{group}[mpls]/localIntf[42]\n"),
+                (["get", f"{group}[in\\\\"], f"{group}[in\\\\out\\]]\n"),
                 (["get", "/nowhere/"], ""), (["set", "/cliConfig", ""], "")):
             self.assertEqual(self.says("__complete", "--", *words), expected, words)
 

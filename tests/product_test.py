@@ -114,9 +114,9 @@ class ProductTest(Products):
         status = "/navStatusDir/navPathStatusDir/pathStatus[default]/pathStatusEntry"
         self.assertEqual({row[2] for row in paths if "Estab" in row[4]},
                          {entry["key"]["dstAddr"] for entry in tree(status) if entry["programmed"]})
-        self.assertEqual(table("peers"), [[index, site["routerIp"]] for site, _, index in infos])
+        self.assertEqual(table("peers"), [["Path" + index, site["routerIp"]] for site, _, index in infos])
         self.assertEqual(table("mappings")[:107],
-                         [["path group", index, site["name"]] for site, _, index in infos])
+                         [["path group", "Path" + index, site["name"]] for site, _, index in infos])
         self.assertEqual(sorted(table("groups")),
                          [[long, "wan1", "overlay", "4", "104"], ["mpls", "wan2", "-", "3", "3"]])
         vrfs = {}
@@ -149,14 +149,17 @@ class ProductTest(Products):
         self.assertEqual(
             {(row[0], row[1]): row[3] for row in table("sites") if row[3] != "-"},
             {(each["key"]["name"], each["key"]["routerIp"]):
-             words(sorted(map(int, each["pathIndexEntry"])))
+             words(f"Path{index}" for index in sorted(map(int, each["pathIndexEntry"])))
              for each in tree("/siteGroupStatus/siteGroupStatusEntry")})
         self.assertEqual([row[3:5] + row[8:] for row in table("load-balance") if row[9] != "-"], [
-            [str(each["lbIndex"]), str(each["genId"]), str(priority), str(index), group]
+            [str(each["lbIndex"]), str(each["genId"]), str(priority), f"Path{index}", group]
             for each in tree("/navStatusDir/navLbProfileStatus/lbProfileStatusEntry")
             for priority, index, group in sorted(
                 (path["priority"], path["pathIndex"], path["groupName"])
                 for path in each["pathEntry"].values())])
+        self.assertEqual(
+            [[row[0], row[2], row[4]] for row in table("vrfs")],
+            [["blue", "lan1", "0"], ["default", "wan1, wan2", "107"]])
         for last in (1, 3):
             lines = self.navctl(run_dir, "trace", "--last", str(last)).stdout.splitlines()
             self.assertEqual(len(lines), last)
@@ -172,6 +175,21 @@ class ProductTest(Products):
             r"agent:5 path Path\d+ 192\.0\.2\.1 -> 192\.0\.2\.130 \(mpls, 10\.255\.0\.2\) is down: "
             "path group mpls is not configured", self.errors(run_dir)))
         await_("a link fails", lambda: "is down: interface wan1 is down" in self.errors(run_dir))
+        explained = json.loads(self.navctl(run_dir, "--json", "explain", "path", "Path1").stdout)
+        self.assertEqual([(row["interface"], row["state"], row["reason"])
+                          for row in explained["paths"]],
+                         [("wan1", "down", "interface wan1 is down")])
+        self.assertIn("internet wan1 -> 198.51.100.2, priority 1: interface wan1 is down",
+                      self.navctl(run_dir, "explain", "application", "backup").stdout)
+        self.assertEqual(self.navctl(run_dir, "explain", "site", "10.9.9.9").returncode, 1)
+        rows = json.loads(self.navctl(run_dir, "--json", "show", "interfaces").stdout)
+        self.assertEqual([(row["interface"], row["state"], row["pathsUp"]) for row in rows],
+                         [("lan1", "up", 0), ("wan1", "down", 0), ("wan2", "up", 0)])
+        events = json.loads(self.navctl(run_dir, "--json", "show", "events").stdout)
+        self.assertEqual([event["by"].split(",")[0] for event in events if event["event"] == "del " +
+                          json.dumps(group)], [f"uid {os.getuid()}"])
+        self.assertLessEqual({"agent", "configuration", "interface", "path", "choice"},
+                             {event["kind"] for event in events})
         self.assertEqual(self.stop(agent), 0)
         self.assertTrue(self.errors(run_dir).endswith("agent:5 nav-agent stopped\n"))
         self.assertEqual(self.errors(run_dir).count(" is up by "), 7, "once for each path")
