@@ -87,7 +87,8 @@ void takeNexthop(Objects& objects, const Message& message) {
     const auto header = message.header<nhmsg>();
     if (message.type != RTM_NEWNEXTHOP || !header || header->nh_protocol != ownProtocol) return;
     const NexthopObject object = parseNexthop(message);
-    Nexthop nexthop{.ifIndex = object.via.ifIndex};
+    Nexthop nexthop;
+    nexthop.ifIndex = object.via.ifIndex;
     uint16_t encapType = 0;
     Bytes encap;
     for (const NetlinkAttribute& attribute : attributesAfter<nhmsg>(message)) {
