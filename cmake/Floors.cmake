@@ -19,7 +19,11 @@ target_compile_definitions(nav_options INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSE
 target_compile_options(nav_options INTERFACE
     "$<$<CONFIG:Release>:-fstack-protector-strong;-fstack-clash-protection>"
     $<$<AND:$<CONFIG:Release>,$<BOOL:${NAV_CF_PROTECTION}>>:-fcf-protection>)
-target_link_options(nav_options INTERFACE "$<$<CONFIG:Release>:-Wl,-z,relro,-z,now>")
+# A library calls its own functions directly, and inlines them: nobody replaces them with others at
+# load time.
+target_compile_options(nav_options INTERFACE $<$<CONFIG:Release>:-fno-semantic-interposition>)
+target_link_options(nav_options INTERFACE
+    "$<$<CONFIG:Release>:-Wl,-z,relro,-z,now,-Bsymbolic-functions>")
 
 if(NAV_SANITIZE)
     target_compile_options(nav_options INTERFACE -fsanitize=${NAV_SANITIZE} -fno-omit-frame-pointer
