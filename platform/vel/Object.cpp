@@ -79,6 +79,7 @@ const bool Hold::traced = [] {
 void Hold::unwound() {
     pending = false;
     Ringlog::newEvent();
+    if (graveyard().empty()) return;
     std::vector<Object*> objects;
     objects.swap(graveyard());
     for (Object* object : objects) {

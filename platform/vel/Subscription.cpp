@@ -33,7 +33,13 @@ class Round {
     // thrown at the end.
     void run(const void* key) {
         try {
-            callFrom(entity_.first_, key);
+            Subscription* const first = entity_.first_;
+            if (first == end_) {  // nothing in the list to keep track of
+                end_ = nullptr;
+                if (takes(*first)) first->function_(first->object_, key, attribute_);
+            } else {
+                callFrom(first, key);
+            }
         } catch (...) {
             callTheOthers(key);
             throw;
@@ -54,10 +60,13 @@ class Round {
     }
 
   private:
+    bool takes(const Subscription& subscriber) const {
+        return subscriber.attribute_ == attribute_ || subscriber.attribute_ == anyAttribute;
+    }
     [[gnu::always_inline]] inline void callFrom(Subscription* first, const void* key) {
         for (Subscription *now = first, *next; now; now = next) {
             next_ = next = now == end_ ? nullptr : now->next_;
-            if (now->attribute_ != attribute_ && now->attribute_ != anyAttribute) continue;
+            if (!takes(*now)) continue;
             now->function_(now->object_, key, attribute_);
             if (disturbed_) [[unlikely]]  // else the next one is known without loading it
                 next = next_;

@@ -59,12 +59,14 @@ class Unordered {
     // REQUIRES: no item under this key.
     Item& insert(Item item) {
         if (slots_.size() == slots_.capacity()) makeRoom();
-        const U32 tag = tagOf(Traits::key(item));
-        slots_.push_back(Slot{std::move(item), tag, true});
+        slots_.push_back(Slot{std::move(item), 0, true});
         ++live_;
         if (index_) {
+            slots_.back().tag = tagOf(Traits::key(slots_.back().item));
             place(static_cast<U32>(slots_.size()) - 1);
         } else if (slots_.size() > smallSize) {
+            for (Slot& slot : slots_)
+                if (slot.live) slot.tag = tagOf(Traits::key(slot.item));
             reindex();
         }
         return slots_.back().item;
@@ -93,7 +95,7 @@ class Unordered {
 
     struct Slot {
         Item item;  // default when not live
-        U32 tag;    // of its key
+        U32 tag;    // of its key; unused while there is no index
         bool live;  // else a tombstone
     };
 
