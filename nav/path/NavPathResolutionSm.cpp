@@ -25,18 +25,34 @@ class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
           entry_(entry),
           connection_{pathKey().srcAddr, pathKey().dstAddr, in_.vrfName},
           ipsecProfile_(Vel::Subscription::to<&VelPathConfigEntry::handlePathIpsecProfile>(
-              entry, PathConfigEntry::ipsecProfileAttr, this)) {}
+              entry, PathConfigEntry::ipsecProfileAttr, this)) {
+        join();
+    }
 
     void handleInitialized();
     void handlePathIpsecProfile();
-    void handleDelete() { handlePathIpsecProfileDel(); }
-    void doCleanup() { ipsecProfile_.reset(); }
+    void handleDelete() {
+        leave();
+        handlePathIpsecProfileDel();
+    }
+    void doCleanup() {
+        leave();
+        ipsecProfile_.reset();
+    }
 
+    const PathKey& pathKey() const { return entry_->key(); }
     const Vel::String& ipsecProfile() const { return entry_->ipsecProfile(); }
+    // Whether the path is configured, possibly by a newer entry whose reactor is not made yet.
+    bool isConfigured() const { return !entry_->removed() || owner_.isConfigured(pathKey()); }
+    // Until its element was removed or the owner ended.
+    bool inCharge() const { return joined_; }
+    PathStatusEntry* status();
+    PathKeyInfo* keyInfo();
     IntfId localIntf();
 
   private:
-    const PathKey& pathKey() const { return entry_->key(); }
+    void join();   // the paths of its destination
+    void leave();  // them; does nothing the second time
     void handlePathIpsecProfileDel();
     bool isNewest(U32 profileRun) const;
     bool writeUnconnected(U32 profileRun, U32 pathIndex);
@@ -45,9 +61,26 @@ class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
     const Inputs& in_;
     const Vel::Ptr<PathConfigEntry> entry_;
     const Ipsec::ConnectionKey connection_;
+    bool joined_ = false;
     U32 profileRuns_ = 0;  // number of times the profile was applied, to detect nested changes
-    IntfId intfHere_;      // of the source address, if the database names another VRF's interface
+    Vel::Found<PathStatusEntry> status_;
+    Vel::Found<PathKeyInfo> keyInfo_;
+    Vel::Ptr<Ip::IpIntfStatus> intf_;  // that had the source address most recently
+    IntfId intfHere_;  // of the source address, if the database names another VRF's interface
     Vel::Subscription ipsecProfile_;
+};
+
+// The configured paths to one address.
+struct NavPathResolutionSm::Destination final : Vel::Object {
+    struct PathTraits {
+        using Key = PathKey;
+        using Item = VelPathConfigEntry*;
+        using Yield = VelPathConfigEntry*;
+        static const Key& key(const Item& item) { return item->pathKey(); }
+        static Yield yield(const Item& item) { return item; }
+        static VelPathConfigEntry& reference(Yield now) { return *now; }
+    };
+    Vel::Unordered<PathTraits> paths;
 };
 
 // One path status: keeps the path's index in its site's list while the path is programmed.
@@ -78,6 +111,7 @@ class NavPathResolutionSm::VelPathStatusEntry final : public Vel::Object {
 
 // A path with the properties that decide which vias it takes.
 struct NavPathResolutionSm::Offer {
+    VelPathConfigEntry& config;
     PathStatusEntry& status;
     IntfId intf;
     PathType type;
@@ -190,24 +224,29 @@ void NavPathResolutionSm::handleNexthopBacklog() {
 void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
     DUOLOG_ENTRY(pathTrace, " ", addr);
     Vel::Hold hold;
-    const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
     bool used = false;
-    if (paths) {
-        for (const PathKey& pathKey : paths->pathKey()) {
-            if (!isTowards(addr, pathKey)) continue;
+    if (const auto* destination = destinations_.find(addr)) {
+        for (VelPathConfigEntry& path : destination->second->paths) {
+            if (!path.isConfigured()) continue;
             // The result may exist because of another client's request, and vanish with it.
             if (!std::exchange(used, true) && !in_.nexthopVrfConfig->nexthopHas(addr))
                 requestNexthop(addr);
-            reviewPath(pathKey, addr);
+            reviewPath(path.pathKey(), &path, addr);
         }
     }
     if (used) return;
+    const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
     if (paths && paths->pathKey().empty()) in_.navDb->addrToPathKeySetDel(addr);
     DUOLOG(pathTrace, 7, "No paths for dstAddr ", addr);
     in_.nexthopVrfConfig->nexthopDel(addr);
 }
 
 void NavPathResolutionSm::reviewPath(const PathKey& pathKey, const IpGenAddr& addr) {
+    reviewPath(pathKey, pathConfigEntry_(pathKey), addr);
+}
+
+void NavPathResolutionSm::reviewPath(const PathKey& pathKey, VelPathConfigEntry* config,
+                                     const IpGenAddr& addr) {
     const Routing::NexthopResult* result = in_.nexthopVrfStatus->nexthop(addr);
     if (!result) {
         DUOLOG(pathTrace, 7, "Addr unresolved for ", addr);
@@ -217,7 +256,7 @@ void NavPathResolutionSm::reviewPath(const PathKey& pathKey, const IpGenAddr& ad
     DUOLOG(pathTrace, 7, "Addr resolved for ", addr, " fec id: ", result->fecId,
            " number of via: ", fec.size());
     if (fec.size() == 0) return;
-    const std::optional<Offer> offer = offerTo(pathKey);
+    const std::optional<Offer> offer = offerTo(config);
     std::optional<Via> taken;
     for (U32 i = 0; i < fec.size(); ++i) {
         const Via& via = fec.via(ViaIndex(i));
@@ -228,18 +267,17 @@ void NavPathResolutionSm::reviewPath(const PathKey& pathKey, const IpGenAddr& ad
 }
 
 void NavPathResolutionSm::updatePathVia(const PathKey& pathKey, const Via& via) {
-    if (const std::optional<Offer> offer = offerTo(pathKey))
+    if (const std::optional<Offer> offer = offerTo(pathConfigEntry_(pathKey)))
         publish(*offer, offer->takes(via) ? std::optional(via) : std::nullopt);
 }
 
 // Empty for a path that has no status, no interface, or is not configured.
-std::optional<NavPathResolutionSm::Offer> NavPathResolutionSm::offerTo(const PathKey& pathKey) {
-    VelPathConfigEntry* config = pathConfigEntry_(pathKey);
-    PathStatusEntry* status = in_.pathStatus->pathStatusEntry(pathKey);
-    if (!config || !status) return std::nullopt;
+std::optional<NavPathResolutionSm::Offer> NavPathResolutionSm::offerTo(VelPathConfigEntry* config) {
+    PathStatusEntry* status = config && config->inCharge() ? config->status() : nullptr;
+    if (!status) return std::nullopt;
     const IntfId intf = config->localIntf();
     if (intf.empty()) return std::nullopt;
-    return Offer{*status, intf, pathTypeOf(config->ipsecProfile())};
+    return Offer{*config, *status, intf, pathTypeOf(config->ipsecProfile())};
 }
 
 bool NavPathResolutionSm::Offer::takes(const Via& via) const {
@@ -267,11 +305,11 @@ void NavPathResolutionSm::publish(const Offer& offer, const std::optional<Via>& 
     if (offer.type == PathType::unsecuredPath && offer.status.encapId() != noEncapId) {
         offer.status.encapIdIs(noEncapId);
         // A subscriber called above may have changed the path, which wrote its status.
-        const std::optional<Offer> now = offerTo(pathKey);
+        const std::optional<Offer> now = offerTo(pathConfigEntry_(pathKey));
         if (!now || &now->status != &offer.status || now->type != offer.type) return;
     }
     if (!via) return;
-    if (const PathKeyInfo* pathKeyInfo = keyInfoOf(offer.pathKey()))
+    if (const PathKeyInfo* pathKeyInfo = offer.config.keyInfo())
         offer.status.pathInfoIs({offer.type, offer.stateBy(*via), pathKeyInfo->pathIndex(), *via});
 }
 
@@ -279,18 +317,13 @@ bool NavPathResolutionSm::isConfigured(const PathKey& pathKey) const {
     return in_.pathConfig->pathConfigEntry(pathKey);
 }
 
-// Whether this is the path's destination and the path is configured in this VRF. A path that is
-// being added counts once its entry has a reactor, which will be notified of its removal.
-bool NavPathResolutionSm::isTowards(const IpGenAddr& addr, const PathKey& pathKey) const {
-    return pathKey.dstAddr == addr && pathConfigEntry_(pathKey) && isConfigured(pathKey);
-}
-
-// Whether a path configured in this VRF has this destination.
+// Whether a path configured in this VRF has this destination. A path that is being added counts
+// once its entry has a reactor, which will be notified of its removal.
 bool NavPathResolutionSm::isUsed(const IpGenAddr& addr) const {
-    const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
-    if (!paths) return false;
-    for (const PathKey& pathKey : paths->pathKey())
-        if (isTowards(addr, pathKey)) return true;
+    const auto* destination = destinations_.find(addr);
+    if (!destination) return false;
+    for (const VelPathConfigEntry& path : destination->second->paths)
+        if (path.isConfigured()) return true;
     return false;
 }
 
@@ -318,6 +351,30 @@ PathKeyInfo* NavPathResolutionSm::keyInfoOf(const PathKey& pathKey) const {
     PathKeyInfo* pathKeyInfo = in_.navDb->pathKeyInfo(pathKey);
     VEL_ASSERT(pathKeyInfo || !isConfigured(pathKey), "!!pathKeyInfo");
     return pathKeyInfo;
+}
+
+void NavPathResolutionSm::VelPathConfigEntry::join() {
+    const IpGenAddr& addr = pathKey().dstAddr;
+    auto* destination = owner_.destinations_.find(addr);
+    if (!destination) destination = &owner_.destinations_.insert({addr, Vel::make<Destination>()});
+    destination->second->paths.insert(this);
+    joined_ = true;
+}
+
+void NavPathResolutionSm::VelPathConfigEntry::leave() {
+    if (!std::exchange(joined_, false)) return;
+    const IpGenAddr& addr = pathKey().dstAddr;
+    auto& paths = owner_.destinations_.find(addr)->second->paths;
+    paths.take(pathKey());
+    if (paths.empty()) owner_.destinations_.take(addr);
+}
+
+PathStatusEntry* NavPathResolutionSm::VelPathConfigEntry::status() {
+    return status_([&] { return in_.pathStatus->pathStatusEntry(pathKey()); });
+}
+
+PathKeyInfo* NavPathResolutionSm::VelPathConfigEntry::keyInfo() {
+    return keyInfo_([&] { return owner_.keyInfoOf(pathKey()); });
 }
 
 void NavPathResolutionSm::VelPathConfigEntry::handleInitialized() {
@@ -390,14 +447,18 @@ IntfId NavPathResolutionSm::VelPathConfigEntry::localIntf() {
     const IpGenAddr& addr = pathKey().srcAddr;
     const IntfId* mapped = in_.navDb->srcToIntfMapping(addr);
     if (!mapped) return {};
-    const auto tables = {&in_.ipStatusDir->ipIntfStatus(), &in_.ip6StatusDir->ipIntfStatus()};
     const auto hasAddrHere = [&](const Ip::IpIntfStatus& intf) {
         return intf.activeAddrWithMask().addr == addr && intf.vrfName() == in_.vrfName;
     };
+    if (intf_ && !intf_->removed() && intf_->intfId() == *mapped && hasAddrHere(*intf_))
+        return *mapped;
+    const auto tables = {&in_.ipStatusDir->ipIntfStatus(), &in_.ip6StatusDir->ipIntfStatus()};
     const auto isHere = [&](const IntfId& known) {
         return std::ranges::any_of(tables, [&](const auto* intfs) {
             const auto* intf = intfs->find(known);
-            return intf && hasAddrHere(**intf);
+            if (!intf || !hasAddrHere(**intf)) return false;
+            intf_ = *intf;
+            return true;
         });
     };
     if (isHere(*mapped)) return *mapped;

@@ -64,18 +64,20 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
   private:
     class VelPathConfigEntry;
     class VelPathStatusEntry;
+    struct Destination;
     struct Offer;
 
     ~NavPathResolutionSm() override;
 
     bool isConfigured(const PathKey& pathKey) const;
-    bool isTowards(const Netz::IpGenAddr& addr, const PathKey& pathKey) const;
     bool isUsed(const Netz::IpGenAddr& addr) const;
     void requestNexthop(const Netz::IpGenAddr& addr);
     void releaseUnusedNexthop(const Netz::IpGenAddr& addr);
     const Shard::Fib::Fec& fecOf(const Routing::NexthopResult& result) const;
     PathKeyInfo* keyInfoOf(const PathKey& pathKey) const;
-    std::optional<Offer> offerTo(const PathKey& pathKey);
+    void reviewPath(const PathKey& pathKey, VelPathConfigEntry* config,
+                    const Netz::IpGenAddr& addr);
+    std::optional<Offer> offerTo(VelPathConfigEntry* config);
     void publish(const Offer& offer, const std::optional<Shard::Fib::Via>& via);
     void sweepLeftovers();
 
@@ -85,6 +87,7 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     Vel::Ptr<Routing::NexthopBacklog> nexthopBacklog_;
     Vel::Subscription backlogVersion_;
     Vel::Owned<Routing::FibMonitorHelperSm> fibMonitorHelperSm_;
+    Vel::Unordered<Vel::MapTraits<Netz::IpGenAddr, Vel::Ptr<Destination>>> destinations_;
     Vel::EntryReactorsOf<VelPathConfigEntry, decltype(PathConfig::pathConfigEntryAttr)>
         pathConfigEntry_;
     Vel::EntryReactorsOf<VelPathStatusEntry, decltype(PathStatus::pathStatusEntryAttr)>

@@ -37,21 +37,33 @@ void FibMonitorHelperSm::handleNexthop(const IpGenAddr& addr) {
     announceLater(addr);
 }
 
-void FibMonitorHelperSm::handleFec(bool v6, U64 fecId) {
+void FibMonitorHelperSm::handleFec(const UsersByFec& users, U64 fecId) {
     DUOLOG_ENTRY(fibTrace, " ", in_.clientName, " fec id: ", fecId);
-    for (auto use = uses_.lower_bound({v6, fecId, {}});
-         use != uses_.end() && use->v6 == v6 && use->fecId == fecId; ++use)
-        announceLater(use->addr);
+    const auto* item = users.find(fecId);
+    if (!item) return;
+    const Users& present = *item->second;  // kept alive by the notification
+    for (size_t i = 0; i < present.addrs.size(); ++i) announceLater(IpGenAddr(present.addrs[i]));
 }
 
 // Records the FEC that the address resolves to.
 void FibMonitorHelperSm::follow(const IpGenAddr& addr) {
-    if (const auto [known, before] = fecOf_.take(addr); known)
-        uses_.erase({addr.isV6(), before.second, addr});
-    if (const NexthopResult* result = in_.nexthopVrfStatus->nexthop(addr)) {
-        fecOf_.insert({addr, result->fecId});
-        uses_.insert({addr.isV6(), result->fecId, addr});
-    }
+    forget(addr);
+    const NexthopResult* result = in_.nexthopVrfStatus->nexthop(addr);
+    if (!result) return;
+    fecOf_.insert({addr, result->fecId});
+    UsersByFec& users = addr.isV4() ? users_ : users6_;
+    auto* item = users.find(result->fecId);
+    if (!item) item = &users.insert({result->fecId, Vel::make<Users>()});
+    item->second->addrs.push_back(addr);
+}
+
+void FibMonitorHelperSm::forget(const IpGenAddr& addr) {
+    const auto [known, before] = fecOf_.take(addr);
+    if (!known) return;
+    UsersByFec& users = addr.isV4() ? users_ : users6_;
+    std::vector<IpGenAddr>& addrs = users.find(before.second)->second->addrs;
+    std::erase(addrs, addr);
+    if (addrs.empty()) users.take(before.second);
 }
 
 void FibMonitorHelperSm::announceLater(const IpGenAddr& addr) {

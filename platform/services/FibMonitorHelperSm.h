@@ -8,8 +8,7 @@
 // Owned by its client, which also owns the backlog and drains it.
 #pragma once
 
-#include <set>
-#include <tuple>
+#include <vector>
 
 #include "platform/services/Routing.h"
 #include "platform/shard/ForwardingStatus.h"
@@ -35,26 +34,24 @@ class VEL_EXPORT FibMonitorHelperSm final : public Vel::Reactor {
     void doCleanup() override;
 
   private:
-    // A resolved address that uses a FEC; each address family has its own FEC ids. Ordered by FEC,
-    // so that the addresses of one FEC are found without a walk.
-    struct Use {
-        bool v6;
-        Vel::U64 fecId;
-        Netz::IpGenAddr addr;
-        auto operator<=>(const Use&) const = default;
+    // The resolved addresses that use one FEC.
+    struct Users final : Vel::Object {
+        std::vector<Netz::IpGenAddr> addrs;
     };
+    using UsersByFec = Vel::Unordered<Vel::MapTraits<Vel::U64, Vel::Ptr<Users>>>;
 
     void handleNexthop(const Netz::IpGenAddr& addr);
-    void handleFec4(const Vel::U64& fecId) { handleFec(false, fecId); }
-    void handleFec6(const Vel::U64& fecId) { handleFec(true, fecId); }
-    void handleFec(bool v6, Vel::U64 fecId);
+    void handleFec4(const Vel::U64& fecId) { handleFec(users_, fecId); }
+    void handleFec6(const Vel::U64& fecId) { handleFec(users6_, fecId); }
+    void handleFec(const UsersByFec& users, Vel::U64 fecId);
+    void forget(const Netz::IpGenAddr& addr);
     void follow(const Netz::IpGenAddr& addr);
     void announceLater(const Netz::IpGenAddr& addr);
     void announce();
 
     const Inputs in_;
     Vel::Unordered<Vel::MapTraits<Netz::IpGenAddr, Vel::U64>> fecOf_;  // of each resolved address
-    std::set<Use> uses_;                                               // the same, by FEC
+    UsersByFec users_, users6_;  // the same by FEC; each address family has its own FEC ids
     Loom::Task announcement_;
     Vel::Subscription nexthop_;
     Vel::Subscription fec_;

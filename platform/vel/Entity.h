@@ -78,6 +78,10 @@ class VEL_EXPORT Entity : public Object {
         return Subscription(*this, anyAttribute, object, function);
     }
 
+    // Whether this was an element of a collection and was removed from it, which is final: an
+    // element inserted later under the same key is another entity.
+    bool removed() const { return removed_; }
+
   protected:
     Entity() = default;
     ~Entity() override;
@@ -120,11 +124,24 @@ class VEL_EXPORT Entity : public Object {
         }
         changed(attribute, &key);
     }
+    template <class Store, class Key, class Value>
+    void mapIs(Store& store, Ordinal attribute, const Key& key, const Value& value) {
+        const Key changedKey = key;
+        if (auto* present = store.find(key)) {
+            if (sameValue(present->second, value)) return;
+            present->second = value;
+        } else {
+            store.insert({key, value});
+        }
+        changed(attribute, &changedKey);
+    }
     // For elements and items alike. What is removed lives until the subscribers were called.
     template <class Store, class Key>
     void keyDel(Store& store, Ordinal attribute, const Key& key) {
         auto [found, item] = store.take(key);
-        if (found) changed(attribute, &Store::keyIn(item));
+        if (!found) return;
+        if constexpr (requires { item->removed(); }) static_cast<Entity&>(*item).removed_ = true;
+        changed(attribute, &Store::keyIn(item));
     }
     template <class Store>
     void keyDelAll(Store& store, Ordinal attribute) {
@@ -159,11 +176,31 @@ class VEL_EXPORT Entity : public Object {
     }
     void notify(Ordinal attribute, const void* key);
 
+    bool removed_ = false;
     // A superset of the attributes in the list, one bit each (modulo 64). 0 while the list is
     // empty.
     U64 interest_ = 0;
     Subscription* first_ = nullptr;  // in the order of subscription
     Subscription* last_ = nullptr;
+};
+
+// An element that was found once, so that it is looked up again only after it was removed from its
+// collection. Keeps the element alive until then.
+template <class Element>
+class Found {
+  public:
+    // `find` looks the element up and returns a pointer, null if not found.
+    template <class Find>
+    Element* operator()(Find&& find) {
+        if (!element_ || element_->removed()) {
+            Element* const found = find();
+            element_ = found ? Ptr<Element>(found) : nullptr;
+        }
+        return element_.get();
+    }
+
+  private:
+    Ptr<Element> element_;
 };
 
 // What the collections store, its key, and what iteration yields.
@@ -363,7 +400,7 @@ struct KeyedAttr : Attr<E, K> {
         return item ? &item->second : nullptr;                                                \
     }                                                                                         \
     VEL_ON_USE_ void name_##Is(const Key& key, const Value& value) {                          \
-        itemIs(name_##_, velOrdinalOf_##name_, std::pair<Key, Value>(key, value));            \
+        mapIs(name_##_, velOrdinalOf_##name_, key, value);                                    \
     }                                                                                         \
     VEL_DESCRIBED_(                                                                           \
         name_,                                                                                \
