@@ -307,6 +307,50 @@ class ForwardingTest(unittest.TestCase):
             self.lab.run(f"router{site}", *command.split())
         self.others(site)
 
+    def test_explain_says_what_the_kernel_shows(self):
+        def reason(site=1):
+            rows = json.loads(self.lab.navctl(site, "--json", "explain", "path",
+                                              outside("internet", 2)).stdout)["paths"]
+            return rows[0]["reason"] or ""
+
+        self.lab.run("router1", "sysctl", "-qw", *(
+            f"net.ipv4.neigh.internet.{each}" for each in (
+                "base_reachable_time_ms=1000", "retrans_time_ms=100", "delay_first_probe_time=1")))
+        where, there = outside("internet", 1), gateway("internet", 1)
+        routes = [f"route %s default via {there} metric 100", f"route %s default via {there} table 11"]
+        away, back = ("".join(route % word + "\n" for route in routes) for word in ("del", "add"))
+        address = f"addr %s {where}/28 dev internet\n"
+        nowhere = f"no route to {outside('internet', 2)} in VRF default"
+        for expected, on, cause, cure in (
+                ("interface internet is down", "internet", "link set site1 down", "link set site1 up"),
+                ("interface internet has no address", "router1", address % "del",
+                 address % "add" + back),
+                (nowhere, "router1", away, back),
+                (f"next hop {there} does not answer", "internet", f"addr del {there}/28 dev site1",
+                 f"addr add {there}/28 dev site1"),
+                ("interface internet does not exist", "router1", "link set internet down\n"
+                 "link set internet name wan", "link set wan name internet\n"
+                 "link set internet up\n" + back)):
+            self.lab.ip(on, cause)
+            await_(expected, lambda: reason() == expected)
+            self.lab.ip(on, cure)
+            await_("the path is up again", lambda: self.lab.paths_up(1) == 4)
+
+        shown = json.loads(self.lab.navctl(1, "--json", "show", "forwarding").stdout)["paths"]
+        taken = [number for path in shown if path["destination"] == outside("internet", 2)
+                 for number in path["nexthops"]]
+        self.lab.end_agent(1)
+        self.lab.ip("router1", f"nexthop add id {taken[0]} blackhole proto static")
+        self.lab.start_agent(1)
+        await_("the agent answers", lambda: self.lab.navctl(1, "ping").returncode == 0)
+        await_("the refusal is explained", lambda: reason().startswith("the kernel refused nexthop"))
+        events = json.loads(self.lab.navctl(1, "--json", "show", "events").stdout)
+        self.assertIn(reason(), [event["cause"] for event in events])
+        application = json.loads(self.lab.navctl(1, "--json", "explain", "application",
+                                                 "web").stdout)["applications"]
+        self.assertEqual([better["reason"] for row in application if row["site"] == router(2)
+                          for better in row["better"]], [reason()])
+
     def test_what_somebody_removes_is_put_back(self):
         for site in (1, 2):
             self.others(site)

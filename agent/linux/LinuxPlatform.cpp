@@ -160,6 +160,22 @@ std::optional<bool> LinuxPlatform::linkUp(const Netz::IntfId& name) const {
     return interface ? std::optional(interface->up) : std::nullopt;
 }
 
+PathDetail LinuxPlatform::detail(const Nav::PathStatusEntry& path, const L3::VrfName&) const {
+    PathDetail detail;
+    Forwarding* forwarding = services_ ? services_->forwarding() : nullptr;
+    if (!forwarding) return detail;
+    const auto& refused = forwarding->kernel().refused();
+    for (const ObjectKey& key : forwarding->plan().nexthopsOf(path.key()))
+        if (const auto found = refused.find(key); found != refused.end())
+            detail.refused = "the kernel refused " + textOf(key) + ": " + found->second;
+    return detail;
+}
+
+Chosen LinuxPlatform::choose(const Nav::LbProfileStatusEntry& entry) const {
+    Forwarding* forwarding = services_ ? services_->forwarding() : nullptr;
+    return forwarding ? forwarding->choice().choose(entry) : Platform::choose(entry);
+}
+
 const KernelMonitor& LinuxPlatform::monitor() const {
     return services_->monitor();
 }

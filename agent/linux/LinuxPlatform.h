@@ -32,6 +32,8 @@ class LinuxPlatform final : public Platform {
     std::optional<Json> forwarding() override;
     QualityStatus* quality() const override;
     std::optional<bool> linkUp(const Netz::IntfId& name) const override;
+    PathDetail detail(const Nav::PathStatusEntry& path, const L3::VrfName& vrf) const override;
+    Chosen choose(const Nav::LbProfileStatusEntry& entry) const override;
 
     // REQUIRES: started and not stopped.
     const KernelMonitor& monitor() const;

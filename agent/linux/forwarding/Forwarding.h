@@ -62,6 +62,7 @@ class Forwarding {
 
     Plan& plan() { return plan_; }
     const ObjectWriter& kernel() const { return kernel_; }
+    const MemberChoice& choice() const { return choice_; }
     // The reason for which nftables refused the rules; empty while they are in effect.
     const std::string& rulesetRefused() const { return rulesetRefused_; }
 
