@@ -103,8 +103,9 @@ void LinuxPlatform::Services::handleInterfaces() {
     for (const Interface& interface : monitor_.interfaces().interfaces)
         status.interfaces[interface.name] = {interface.vrf.name, interface.primary4,
                                              interface.primary6};
-    status.publish(in_);
+    // First, so that its task runs before the lookups that the removal of paths leads to.
     if (forwarding_) forwarding_->interfacesChanged();
+    status.publish(in_);
 }
 
 // Paths are reviewed after the tasks in which path selection processes the new results.

@@ -15,7 +15,7 @@ namespace {
 using Netz::IpGenAddr;
 
 // What numbers stand for, first in the hash of each.
-enum class Thing : uint64_t { nexthop, group, anyPath, application, source };
+enum class Thing : uint64_t { nexthop, group, anyPath, application, table, anyTable, source };
 
 template <class... Words>
 uint64_t thing(Thing kind, Words... words) {
@@ -109,14 +109,17 @@ Plan::Segments Plan::segmentsIn(const InterfaceView& view) const {
     return segments;
 }
 
+std::set<ObjectKey> Plan::takeChanged() {
+    for (const IpGenAddr& source : std::exchange(sources_, {})) planSource(source);
+    return std::exchange(changed_, {});
+}
+
 void Plan::replanAll(const InterfaceView& view) {
     segments_ = segmentsIn(view);
     planDevices();
     planApplications();
-    std::set<IpGenAddr> sources;
     for (const auto& [pathIndex, hop] : paths_)
-        planPath(pathIndex), sources.insert(hop.path.srcAddr);
-    for (const IpGenAddr& source : sources) planSource(source);
+        planPath(pathIndex), sources_.insert(hop.path.srcAddr);
     replanSites();
 }
 
@@ -139,16 +142,23 @@ void Plan::planDevices() {
     replace(Devices{}, objects);
 }
 
-std::set<uint32_t> Plan::applicationsOf(const Segment& segment) const {
-    std::set<uint32_t> applications;
-    bool all = false;
-    if (const Nav::NavRuleStatus* rules = in_.navStatusDir->navRuleStatus(segment.vrf))
-        for (const Nav::NavRuleEntry& rule : rules->navRuleEntry()) {
-            applications.insert(rule.appProfileId);
-            all |= rule.ruleKey == Nav::NavConstants::defaultRuleKey;
-        }
-    if (!all) applications.insert(noApplication);
-    return applications;
+Policy Plan::policyOf(const Segment& segment) {
+    Policy policy;
+    if (const Nav::NavRuleStatus* status = in_.navStatusDir->navRuleStatus(segment.vrf))
+        for (const Nav::NavRuleEntry& rule : status->navRuleEntry()) policy.rules.push_back(rule);
+    std::ranges::sort(policy.rules);
+    constexpr uint32_t all = Nav::NavConstants::defaultRuleKey;
+    if (policy.rules.empty() || policy.rules.back().ruleKey != all)
+        policy.rules.push_back({all, noApplication, {}});
+    std::map<uint32_t, uint64_t> profiles;  // by application
+    for (const Nav::NavRuleEntry& rule : policy.rules) {
+        uint64_t& mixed = profiles.try_emplace(rule.appProfileId, mix(segment.vrf)).first->second;
+        mixed = Netz::hashMix(mixed, Netz::hashBytes(rule.lbProfileName));
+    }
+    for (const auto& [appId, mixed] : profiles)
+        policy.tables[appId] =
+            numbers_.of(thing(appId == noApplication ? Thing::anyTable : Thing::table, mixed));
+    return policy;
 }
 
 uint32_t Plan::markOf(const L3::VrfName& vrf, uint32_t appId) {
@@ -158,15 +168,18 @@ uint32_t Plan::markOf(const L3::VrfName& vrf, uint32_t appId) {
 void Plan::planApplications() {
     Objects objects;
     applications_.clear();
-    for (const auto& [vrf, segment] : segments_)
-        for (const uint32_t appId : applicationsOf(segment)) {
+    policies_.clear();
+    for (const auto& [vrf, segment] : segments_) {
+        policies_[vrf] = policyOf(segment);
+        for (const auto& [appId, table] : policy(vrf).tables) {
             const uint32_t mark = markOf(vrf, appId);
             applications_.emplace(mark, std::pair(vrf, appId));
             for (const bool v6 : {false, true})
                 insert(
                     objects,
-                    Rule{.priority = applicationPriority, .v6 = v6, .table = mark, .mark = mark});
+                    Rule{.priority = applicationPriority, .v6 = v6, .table = table, .mark = mark});
         }
+    }
     replace(Applications{}, objects);
 }
 
@@ -180,7 +193,7 @@ bool Plan::pathIs(uint32_t pathIndex, const PathHop& hop) {
     if (present != paths_.end() && present->second.path != hop.path) pathDel(pathIndex);
     paths_.insert_or_assign(pathIndex, hop);
     planPath(pathIndex);
-    planSource(hop.path.srcAddr);
+    sources_.insert(hop.path.srcAddr);
     return true;
 }
 
@@ -188,7 +201,7 @@ void Plan::pathDel(uint32_t pathIndex) {
     const auto gone = paths_.extract(pathIndex);
     if (gone.empty()) return;
     replace(PathNexthops{pathIndex}, {});
-    planSource(gone.mapped().path.srcAddr);
+    sources_.insert(gone.mapped().path.srcAddr);
 }
 
 uint32_t Plan::nexthopId(const Segment& segment, const Nav::PathKey& path) {
@@ -275,7 +288,7 @@ void Plan::replanSite(const IpGenAddr& site) {
 
 void Plan::replanGroup(const Nav::LbProfileKey& key) {
     for (const auto& [vrf, segment] : segments_) {
-        if (segment.vrfId != key.vrfId) continue;
+        if (segment.vrfId != key.vrfId || !policy(vrf).tables.contains(key.appId)) continue;
         const NexthopGroup group = this->group(segment, key.vtepIp, key.appId);
         const auto planned = wanted_.find(group.key());
         if (planned == wanted_.end() || planned->second == Object(group)) continue;
@@ -295,8 +308,9 @@ void Plan::planSite(Objects& objects, const Segment& segment, const IpGenAddr& s
         }
         if (!group.members.empty()) insert(objects, group);
     };
-    for (const uint32_t appId : applicationsOf(segment))
-        route(markOf(segment.vrf, appId), ownMetric, group(segment, site, appId));
+    std::set<uint32_t> done;
+    for (const auto& [appId, table] : policy(segment.vrf).tables)
+        if (done.insert(table).second) route(table, ownMetric, group(segment, site, appId));
     route(segment.table, lastMetric, anyPath(segment, site));
 }
 
@@ -316,8 +330,8 @@ void Plan::planOthers() {
         };
         for (const IpPrefix& prefix : routes_.others(segment.table))
             if (hidden(prefix))
-                for (const uint32_t appId : applicationsOf(segment))
-                    insert(objects, Route{.table = markOf(vrf, appId),
+                for (const auto& [appId, table] : policy(vrf).tables)
+                    insert(objects, Route{.table = table,
                                           .prefix = prefix,
                                           .metric = ownMetric,
                                           .action = Route::Action::next});
@@ -334,7 +348,8 @@ void Plan::addMember(NexthopGroup& group, const Segment& segment, uint32_t pathI
 
 NexthopGroup Plan::group(const Segment& segment, const IpGenAddr& site, uint32_t appId) {
     if (appId == noApplication) return anyPath(segment, site);
-    NexthopGroup group{numbers_.of(thing(Thing::group, mix(segment.vrf), site.mix(), appId)), {}};
+    const uint32_t table = policy(segment.vrf).tables.at(appId);
+    NexthopGroup group{numbers_.of(thing(Thing::group, table, site.mix())), {}};
     const Nav::LbProfileStatus* ids = in_.navStatusDir->navLbProfileStatus();
     const auto* id = ids ? ids->lbProfileStatusEntry({site, appId, segment.vrfId}) : nullptr;
     if (!id) return group;

@@ -4,19 +4,22 @@
 // In each VRF with a segment:
 //
 // - a tunnel device, and a next hop for each path that is up;
-// - a table for each application that the VRF's policy names, selected by the mark of its packets.
-// It
-//   has a route for each prefix behind each site. The route leads to a group of next hops: the
-//   members of the load-balance id that MemberChoice chooses. Without a member it is "unreachable",
-//   so that packets never take a path that the policy does not allow. Where the VRF has a more
-//   specific route from somebody else, a "throw" route leaves the decision to that route;
+// - a table for all applications whose rules in the VRF's policy name the same load-balance
+//   profiles; the marks of their packets select it. It has a route for each prefix behind each
+//   site. The route leads to a group of next hops: the members of the load-balance ids that
+//   MemberChoice chooses, which are the same for these applications. Without a member it is
+//   "unreachable", so that packets never take a path that the policy does not allow. Where the VRF
+//   has a more specific route from somebody else, a "throw" route leaves the decision to that
+//   route;
 // - such a table for packets that match no rule, if the policy has no default rule: its routes lead
 //   to all paths of a site;
 // - routes for the same prefixes in the VRF's table. They lead the router's own packets to the
-// tunnel
-//   device, where they are classified;
+//   tunnel device, where they are classified;
 // - a table for each source address of a path, selected by source address and UDP port. It pins the
 //   tunnel packets of a path to its interface, whatever the main table prefers.
+//
+// Applications share groups because the kernel waits for all processors each time it replaces one:
+// a link that fails must not cost that for each of a thousand load-balance ids.
 //
 // Objects are planned in slices. A slice is replaced as a whole when its inputs change, so that an
 // event costs no more than the objects it concerns.
@@ -72,6 +75,15 @@ inline constexpr uint32_t lastMetric = 0xff000000 | ownMetric;
 // In place of an application id: packets that match no rule of the policy.
 inline constexpr uint32_t noApplication = 0xFFFFFFFF;
 
+// What a VRF's policy does with packets.
+struct Policy {
+    // In ascending order of their keys. The last one takes every packet: the policy's default rule,
+    // or without one a rule of `noApplication`.
+    std::vector<Nav::NavRuleEntry> rules;
+    // The table of each application in these rules.
+    std::map<uint32_t, uint32_t> tables;
+};
+
 class Plan {
   public:
     // `routes` and `choice` must outlive this.
@@ -95,15 +107,17 @@ class Plan {
     void replanSites();  // all of them, and what they leave to others' routes
 
     const Objects& wanted() const { return wanted_; }
-    // The keys that the plan has changed since the last call.
-    std::set<ObjectKey> takeChanged() { return std::exchange(changed_, {}); }
+    // Completes the plan, and returns the keys that it has changed since the last call.
+    std::set<ObjectKey> takeChanged();
 
     const Segments& segments() const { return segments_; }
     const std::map<uint32_t, PathHop>& paths() const { return paths_; }  // by path index
     // The next hops of a path, one for each segment.
     std::vector<ObjectKey> nexthopsOf(const Nav::PathKey& path);
-    // The firewall mark, and the table, of an application's packets in a VRF.
+    // The firewall mark of an application's packets in a VRF.
     uint32_t markOf(const L3::VrfName& vrf, uint32_t appId);
+    // Of a VRF with a segment, as of the last replanAll().
+    const Policy& policy(const L3::VrfName& vrf) const { return policies_.at(vrf); }
     // The VRF and application of each mark in use.
     const std::map<uint32_t, std::pair<L3::VrfName, uint32_t>>& applications() const {
         return applications_;
@@ -152,7 +166,7 @@ class Plan {
     void planOthers();
     NexthopGroup anyPath(const Segment& segment, const Netz::IpGenAddr& site);
     void addMember(NexthopGroup& group, const Segment& segment, uint32_t pathIndex);
-    std::set<uint32_t> applicationsOf(const Segment& segment) const;
+    Policy policyOf(const Segment& segment);
 
     const Nav::NavInputs in_;
     const ForwardingPtr config_;
@@ -162,6 +176,7 @@ class Plan {
     Segments segments_;
     std::map<uint32_t, PathHop> paths_;  // by path index
     std::map<L3::VrfName, Prefixes> prefixes_;
+    std::map<L3::VrfName, Policy> policies_;
     std::map<uint32_t, std::pair<L3::VrfName, uint32_t>> applications_;
     Objects wanted_;
     std::map<Slice, std::vector<ObjectKey>> slices_;
@@ -169,6 +184,8 @@ class Plan {
     // both slices until the second of them is replaced.
     std::map<ObjectKey, Slice> owners_;
     std::set<ObjectKey> changed_;
+    // Whose tables takeChanged() plans: once for all paths of a link that fails.
+    std::set<Netz::IpGenAddr> sources_;
 };
 
 }  // namespace Agent::Linux

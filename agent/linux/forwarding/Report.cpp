@@ -76,6 +76,7 @@ Json applications(const Nav::NavInputs& in, const ForwardingConfig& config, Plan
             Json row = {{"vrf", vrf.str()}};
             row.update(identity(names, mark, place.second));
             row["mark"] = mark;
+            row["table"] = plan.policy(vrf).tables.at(place.second);
             rows.push_back(row);
         }
     }

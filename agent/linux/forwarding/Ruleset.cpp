@@ -107,26 +107,18 @@ std::vector<std::string> expressionsOf(const ApplicationMatchConfig& match) {
 std::vector<ApplicationMark> applicationsOf(const Nav::NavInputs& in,
                                             const ForwardingConfig& config, const Segment& segment,
                                             Plan& plan) {
-    const Nav::NavRuleStatus* status = in.navStatusDir->navRuleStatus(segment.vrf);
     const auto* applied = in.navFeaturePolicyDir->appliedPolicy(Classification::vrfTarget);
     const Vel::String* name = applied ? applied->policyForTarget(segment.vrf) : nullptr;
     const auto* policy = name ? in.navFeaturePolicyDir->featurePolicy(*name) : nullptr;
-    std::vector<Nav::NavRuleEntry> rules;
-    if (status)
-        for (const Nav::NavRuleEntry& rule : status->navRuleEntry()) rules.push_back(rule);
-    std::ranges::sort(rules, {}, &Nav::NavRuleEntry::ruleKey);
     std::vector<ApplicationMark> applications;
-    for (const Nav::NavRuleEntry& rule : rules) {
-        const uint32_t mark = plan.markOf(segment.vrf, rule.appProfileId);
+    for (const Nav::NavRuleEntry& rule : plan.policy(segment.vrf).rules) {
         const Vel::String* profile = policy ? policy->appProfilePriority(rule.ruleKey) : nullptr;
         const ApplicationConfig* application = profile ? config.application(*profile) : nullptr;
-        if (rule.ruleKey == Nav::NavConstants::defaultRuleKey)
-            applications.push_back({nullptr, mark});
-        else if (application)
-            applications.push_back({application, mark});
+        const bool all = rule.ruleKey == Nav::NavConstants::defaultRuleKey;
+        if (application || all)
+            applications.push_back(
+                {all ? nullptr : application, plan.markOf(segment.vrf, rule.appProfileId)});
     }
-    if (applications.empty() || applications.back().application)
-        applications.push_back({nullptr, plan.markOf(segment.vrf, noApplication)});
     return applications;
 }
 
