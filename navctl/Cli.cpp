@@ -1,5 +1,6 @@
 #include "navctl/Cli.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -14,6 +15,7 @@
 #include "client/ControlClient.h"
 #include "navctl/Completion.h"
 #include "navctl/Counters.h"
+#include "navctl/Graph.h"
 #include "navctl/SaveFile.h"
 #include "navctl/Show.h"
 
@@ -64,6 +66,8 @@ class Program {
     void interfaces();
     void events();
     void explain();
+    void quality();
+    void printQuality(Client::ControlClient& client);
     void counters();
     template <class Use>
     static auto readFile(const std::string& file, Use use);
@@ -90,7 +94,7 @@ class Program {
         application_;
     std::vector<std::string> words_;
     unsigned last_ = 100;
-    bool json_ = false, raw_ = false, watch_ = false;
+    bool json_ = false, raw_ = false, watch_ = false, graph_ = false;
 };
 
 CLI::App* Program::command(CLI::App& parent, const char* name, const std::string& description,
@@ -171,6 +175,11 @@ void Program::buildShow() {
     command(*show, "events", "The last changes, with their causes and authors", &Program::events)
         ->add_option("--last", last_, "How many, 100 unless given")
         ->type_name("N");
+    CLI::App* quality =
+        command(*show, "quality", "What is measured of the paths", &Program::quality);
+    quality->add_option("PATH", path_, "Only this one, such as Path3");
+    quality->add_flag("--graph", graph_, "The last minutes of PATH");
+    quality->add_flag("--watch", watch_, "Again every second, in place on a terminal");
     command(*show, "counters", "Traffic per load-balance id and path", &Program::counters)
         ->add_flag("--watch", watch_, "Again for each update of the counters");
 }
@@ -223,6 +232,41 @@ void Program::explain() {
         if (!text.empty()) request[name] = text;
     const Json answer = Client::ControlClient(runDir()).request(request).at("value");
     printTables(answer, explainTables(answer));
+}
+
+void Program::printQuality(Client::ControlClient& client) {
+    const Json rows = client.request({{"op", "quality"}}).at("value");
+    Json chosen = Json::array();
+    for (const Json& row : rows)
+        if (path_.empty() || row.at("path") == path_) chosen.push_back(row);
+    if (!path_.empty() && chosen.empty()) throw Client::Refused(path_ + ": not found");
+    if (!graph_) return json_ ? printJson(chosen) : printTable(qualityTable(chosen));
+
+    const Json history = client.request({{"op", "quality"}, {"path", path_}}).at("value");
+    if (json_) return printJson(history);
+    printTable(qualityTable(chosen));
+    const double seconds = history.at("stepMs").get<double>() / 1000;
+    winsize window{};
+    ioctl(STDOUT_FILENO, TIOCGWINSZ, &window);
+    const size_t width = window.ws_col > 40 ? window.ws_col : 80;
+    for (const auto& [name, heading] : {std::pair("rttMs", "round trip, ms"),
+                                        {"jitterMs", "jitter, ms"},
+                                        {"lossForward", "loss forward, %"},
+                                        {"lossBackward", "loss backward, %"}})
+        streams_.out << "\n" << graph(heading, history.at(name), seconds, width - 12);
+}
+
+void Program::quality() {
+    if (graph_ && path_.empty()) throw BadUsage("--graph requires PATH");
+    Client::ControlClient client(runDir());
+    if (!watch_) return printQuality(client);
+    std::signal(SIGINT, [](int) { _exit(done); });
+    if (streams_.colours) streams_.out << "\x1b[2J";  // clears the terminal
+    for (;; sleep(1)) {
+        if (streams_.colours) streams_.out << "\x1b[H\x1b[J";  // to the top, clears the rest
+        printQuality(client);
+        flush();
+    }
 }
 
 void Program::counters() {

@@ -372,6 +372,23 @@ Headed explainTables(const Json& answer) {
     return tables;
 }
 
+TextTable qualityTable(const Json& rows) {
+    TextTable table{{"path", "source", "destination", "vrf", "programmed", "state", "rtt ms",
+                     "p95 ms", "jitter ms", "loss forward %", "loss backward %"},
+                    {}};
+    for (const Json& row : rows) {
+        const Json& alive = row.at("alive");
+        table.rows.push_back({row.at("path"), row.at("source"), row.at("destination"),
+                              row.at("vrf"), row.at("programmed"),
+                              alive.is_null() ? "not checked"
+                              : alive         ? "alive"
+                                              : "dead",
+                              row.at("rttMs"), row.at("rttP95Ms"), row.at("jitterMs"),
+                              row.at("lossForward"), row.at("lossBackward")});
+    }
+    return table;
+}
+
 Json parseShowText(const std::string& text) {
     try {
         return parseLiteral(text);

@@ -35,6 +35,9 @@ Headed explainTables(const Json& answer);
 // time.
 TextTable rowTable(const Json& rows);
 
+// The table of `show quality`, from the agent's rows.
+TextTable qualityTable(const Json& rows);
+
 // The agent's text as JSON; throws Refused if the agent answered with a message, or with an invalid
 // text.
 Json parseShowText(const std::string& text);

@@ -49,9 +49,12 @@ std::string memberName(const std::string& column) {
 
 // The colours of states: green for up, red for down, yellow for pending.
 const char* colourOf(const std::string& text) {
-    if (text == "Estab" || text == "Ipsec Estab" || text == "established") return "\x1b[32m";
+    if (text == "Estab" || text == "Ipsec Estab" || text == "established" || text == "alive")
+        return "\x1b[32m";
     if (text.ends_with("Pending") || text == "pending") return "\x1b[33m";
-    return text == "Unknown" || text == "unresolved" || text == "down" ? "\x1b[31m" : nullptr;
+    return text == "Unknown" || text == "unresolved" || text == "down" || text == "dead"
+               ? "\x1b[31m"
+               : nullptr;
 }
 
 }  // namespace

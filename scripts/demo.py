@@ -23,8 +23,9 @@ selector = selectors.DefaultSelector()
 INTRODUCTION = """\
 A branch router has two WAN links: wan1 to the internet, wan2 to an MPLS network. It reaches three
 remote sites over both, by IPsec over the internet. The agent brings up a path for each pair of
-addresses, and steers each application over the paths that its policy prefers: voice over MPLS, the
-rest over the internet; guests, in VRF blue, may use the internet only. A forwarder, a separate
+addresses, measures the paths, and steers each application over those that its policy prefers: voice
+over MPLS while that loses at most 1 %, the rest over the internet; guests, in VRF blue, may use the
+internet only. A forwarder, a separate
 process, sends packets accordingly and counts them in shared memory, where navctl reads them.
 
 The states of a path:
@@ -81,7 +82,12 @@ def navctl(*arguments, **options):
 
 
 def show(view):
-    print(f"\n$ navctl show {view}\n{navctl('show', view)}", end="", flush=True)
+    print(f"\n$ navctl show {view}\n{navctl('show', *view.split())}", end="", flush=True)
+
+
+def path_to(destination):
+    rows = json.loads(navctl("--json", "show", "quality"))
+    return next(row["path"] for row in rows if row["destination"] == destination)
 
 
 def watch(path, handler):
@@ -100,13 +106,13 @@ usable = set()  # the paths of each group and site
 
 
 def handle_log(line):
-    match = re.search(r" (sim|agent):5 (.*)", line.rstrip())
+    match = re.search(r" (sim|agent|router):[45] (.*)", line.rstrip())
     if not match:
         print(line, file=sys.stderr)
         return
     text = match[2]
-    if match[1] == "agent":
-        tell("agent", text)
+    if match[1] != "sim":
+        tell({"agent": "agent", "router": "choice"}[match[1]], text)
         return
     if " now over " in text:
         who, where = text.split(" now over ")
@@ -194,7 +200,7 @@ def main():
 
     print("\n== The internet link fails", flush=True)
     reach("all has followed", {
-        log: lambda: network == ["link wan1 is down"] and
+        log: lambda: network[-1:] == ["link wan1 is down"] and
         steered(("voice", "mpls"), ("backup", "mpls"), ("blue", "no path")),
         path_feed: lambda: states() == {"Estab": 3, "Route Pending": 4},
         site_feed: lambda: len(usable) == 3})
@@ -203,10 +209,21 @@ def main():
 
     print("\n== The internet link comes back", flush=True)
     reach("all is as before", {
-        log: lambda: network[1:] == ["link wan1 is up"] and steered(*at_best),
+        log: lambda: network[-1:] == ["link wan1 is up"] and steered(*at_best),
         path_feed: lambda: states() == {"Estab": 3, "Ipsec Estab": 4},
         site_feed: lambda: len(usable) == 7})
     show("sites")
+
+    print("\n== The MPLS network loses packets", flush=True)
+    reach("voice has left it, and nothing else", {
+        log: lambda: "loss 5 % forward" in network[-1] and
+        steered(("voice", "internet"), *at_best[1:])})
+    show("quality")
+
+    print("\n== It is good again", flush=True)
+    reach("voice is back", {
+        log: lambda: "loss 0 % forward" in network[-1] and steered(*at_best)})
+    show(f"quality {path_to('192.0.2.130')} --graph")
 
     print("\n== Forwarder and agent are told to stop", flush=True)
     for name, process in (("forwarder", forwarder), ("agent", agent)):

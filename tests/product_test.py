@@ -10,7 +10,7 @@ import re
 import signal
 import subprocess
 
-from products import Products, await_, branch, main, patience, source
+from products import Products, await_, branch, main, patience, programs, source, tied
 
 
 def tables_of(run_dir):
@@ -115,6 +115,24 @@ class ProductTest(Products):
         self.assertEqual({row[2] for row in paths if "Estab" in row[4]},
                          {entry["key"]["dstAddr"] for entry in tree(status) if entry["programmed"]})
         self.assertEqual(table("peers"), [["Path" + index, site["routerIp"]] for site, _, index in infos])
+        row = next(row for row in table("quality") if row[2] == "192.0.2.130")
+        self.assertEqual(row[1:6], ["192.0.2.1", "192.0.2.130", "default", "yes", "alive"])
+        shown = self.navctl(run_dir, "--json", "show", "quality", row[0])
+        [measured] = json.loads(shown.stdout)
+        self.assertAlmostEqual(measured.pop("rttMs"), 18, delta=0.5)
+        self.assertEqual([measured[name] for name in ("path", "source", "destination", "vrf", "alive",
+                                                      "programmed", "jitterMs", "lossForward",
+                                                      "lossBackward")],
+                         [*row[:4], True, True, 1, 0, 0])
+        history = self.navctl(run_dir, "show", "quality", row[0], "--graph").stdout.split("\n\n")
+        self.assertRegex(history[1], r"round trip, ms: 18\n +1[89] │█+\n")
+        self.assertEqual(self.navctl(run_dir, "show", "quality", "Path999").returncode, 1)
+        watch = subprocess.Popen([*tied, programs["navctl"], "--run-dir", run_dir, "show", "quality",
+                                  row[0], "--watch"], stdout=subprocess.PIPE, text=True)
+        self.processes.callback(watch.communicate)
+        self.processes.callback(watch.kill)
+        shown = [next(watch.stdout).split()[0] for _ in range(4)]
+        self.assertEqual(shown, ["PATH", row[0]] * 2)
         self.assertEqual(table("mappings")[:107],
                          [["path group", "Path" + index, site["name"]] for site, _, index in infos])
         self.assertEqual(sorted(table("groups")),

@@ -94,6 +94,7 @@ Host::Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform, Forwar
       events_(std::move(eventsFile)) {
     root_ = Nav::NavRootSmIs(inputs_);
     platform_->start(inputs_);
+    if (QualityStatus* measured = platform_->quality()) quality_.emplace(inputs_, *measured);
     observer_.emplace(
         inputs_, *platform_, [this] { return database(); }, events_);
 }
@@ -122,6 +123,14 @@ Nav::NavDb* Host::database() const {
     return databaseOf(root_);
 }
 
+Json Host::quality(const Json& request) const {
+    if (!quality_) throw RequestError("platform " + platform_->name() + " measures no paths");
+    const auto path = request.find("path");
+    if (path == request.end()) return quality_->paths();
+    if (!path->is_string()) throw RequestError("path: expected a string");
+    return quality_->history(*path);
+}
+
 Controlled Host::controlled() {
     return {tree_,
             {*inputs_.cliConfig, forwarding_.get()},
@@ -141,7 +150,8 @@ Controlled Host::controlled() {
               [this](const Json&) {
                   observer_->observe();
                   return interfaces(inputs_, *platform_, *observer_);
-              }}},
+              }},
+             {"quality", [this](const Json& request) { return quality(request); }}},
             &events_};
 }
 

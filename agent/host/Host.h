@@ -10,6 +10,7 @@
 #include "agent/model/Tree.h"
 #include "agent/observe/Observer.h"
 #include "agent/router/Platform.h"
+#include "agent/router/QualityReport.h"
 #include "agent/shell/Control.h"
 #include "nav/root/NavRootSm.h"
 #include "platform/vel/Scheduler.h"
@@ -41,6 +42,8 @@ class Host {
     Controlled controlled();
 
   private:
+    Json quality(const Json& request) const;
+
     const ForwardingPtr forwarding_;
     Nav::NavInputs inputs_;
     Vel::Ptr<Nav::NavRootSm> root_;
@@ -48,6 +51,7 @@ class Host {
     Tree tree_;
     Events events_;
     std::optional<Observer> observer_;  // while the platform runs
+    std::optional<QualityReport> quality_;  // absent if the platform measures nothing
     Vel::U32 commands_ = 0;
 };
 

@@ -7,9 +7,24 @@ namespace Agent::Sim {
 
 namespace {
 
-// Traces links that changed between up and down, and interfaces that were removed.
+void traceQuality(const Netz::IntfId& link, const World::Qualities& before,
+                  const World::Qualities& now) {
+    for (const auto& [prefix, quality] : now) {
+        const auto was = before.find(prefix);
+        if (was != before.end() && was->second == quality) continue;
+        DUOLOG(simTrace, 5, "link ", link, " to ", prefix, ": round trip ", quality.delay,
+               " ms, jitter ", quality.jitter, " ms, loss ", quality.lossForward, " % forward, ",
+               quality.lossBackward, " % backward");
+    }
+}
+
+// Traces links that changed between up and down or in quality, and interfaces that were removed.
 void traceLinks(const World& before, const World& now) {
     for (const auto& [name, interface] : now.interfaces) {
+        const auto was = before.interfaces.find(name);
+        traceQuality(name,
+                     was == before.interfaces.end() ? World::Qualities{} : was->second.quality,
+                     interface.quality);
         if (before.up(name) == interface.up) continue;
         DUOLOG(simTrace, 5, "link ", name, interface.up ? " is up" : " is down");
     }

@@ -29,7 +29,10 @@ struct World {
         double delay = 0;   // round trip, ms
         double jitter = 0;  // mean difference of successive round trips, ms; at most 2 * `delay`
         double lossForward = 0, lossBackward = 0;  // percent
+
+        bool operator==(const Quality&) const = default;
     };
+    using Qualities = std::map<Netz::IpAddrWithMask, Quality>;
 
     struct Interface {
         L3::VrfName vrf{"default"};
@@ -38,7 +41,7 @@ struct World {
         bool up = true;
         std::map<Netz::IpGenAddr, Duration> neighbours;  // the time that each takes to answer
         // Of paths to these destinations; the longest prefix counts. Other paths are not checked.
-        std::map<Netz::IpAddrWithMask, Quality> quality;
+        Qualities quality;
     };
 
     struct Via {
