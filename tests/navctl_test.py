@@ -2,11 +2,14 @@
 
 What it prints, what reaches the agent, how it ends.
 """
+import fcntl
 import json
 import os
+import socket
 import subprocess
+import termios
 
-from products import Products, main, programs
+from products import Products, await_, main, patience, programs
 
 group = "/cliConfig/pathGroupConfig"
 
@@ -115,6 +118,19 @@ class NavctlTest(Products):
         self.says("batch", self.file("batch", port + "\n"))
         self.says("batch", "-", input="x" * (2 << 20) + "\n", status=1)
 
+    def test_a_newline_may_come_alone(self):
+        directory = self.run_dir()
+        with socket.socket(socket.AF_UNIX) as server:
+            server.bind(f"{directory}/control.sock")
+            server.listen()
+            get = self.start(directory, "navctl", "get", "/a", stdout=subprocess.PIPE)
+            with server.accept()[0] as client:
+                client.send(b'{"ok":true,"value":7}')
+                await_("it has been read",
+                       lambda: fcntl.ioctl(client, termios.TIOCOUTQ, bytes(4)) == bytes(4))
+                client.send(b"\n")
+                self.assertEqual(get.communicate(timeout=patience)[0], "7\n")
+
     def test_a_watch_says_when_it_fell_behind(self):
         self.says("watch", "/b", status=1)
         watch = self.start(self.directory, "navctl", "watch", "/cliConfig/pathGroupConfig[a]",
@@ -140,6 +156,22 @@ class NavctlTest(Products):
         self.assertIn("down", self.says("show", "ipsec").splitlines()[1])
         self.assertEqual(self.says("show", "nexthops").split()[-5:], ["::3", "resolved", "1", "::6", "w6"])
         self.assertEqual(self.says("show", "paths", "--raw"), "{ }")
+
+    def test_a_path_that_changes_is_logged_up_once(self):
+        for path, value in (
+                ("/ipStatusDir/ipIntfStatus[w]/activeAddrWithMask", '"10.0.0.1/24"'),
+                (f"{group}[g]", '{"localIntf":["w"],"remoteViaConfig":{"::9":{"remoteVia":["10.0.1.9"]}}}'),
+                ("/nexthopStatus/vrf[default]/nexthop[10.0.1.9]", '{"fecId":1}'),
+                ("/forwardingStatus/fec[1]", '[{"hop":"10.0.0.4","intfId":"w"}]'),
+                ("/cliConfig/navConfigured", "true"),
+                ("/hwPathStatus/hwPathStatusList[10.0.0.1,10.0.1.9,0,1]",
+                 '{"hwPathIndex":1,"hwArpIndex":1}'),
+                ("/forwardingStatus/fec[1]", '[{"hop":"10.0.0.5","intfId":"w"}]')):
+            self.says("set", path, value)
+        status = "/navStatusDir/navPathStatusDir/pathStatus[default]/pathStatusEntry"
+        await_("the path goes by the other hop", lambda: "10.0.0.5" in self.says("get", status))
+        self.stop(self.process)
+        self.assertEqual(self.errors(self.directory).count(" is up by "), 1)
 
     def test_completion_knows_commands_paths_and_keys(self):
         for name in ("internet", "inner", "mpls"):

@@ -56,6 +56,13 @@ class ProductTest(Products):
             row for row in self.counters(here) if row["packets/s"] > 0])[0]
         self.assertAlmostEqual(row["bits/s"] / row["packets/s"], 8 * row["bytes"] / row["packets"],
                                delta=row["bytes"] / row["packets"])
+        watch = self.start(here, "navctl", "--json", "show", "counters", "--watch",
+                           stdout=subprocess.PIPE)
+        self.navctl(here, "set", "/cliConfig/loadBalanceProfile[realtime]/pathGroupPriority[mpls]",
+                    "3")
+        await_("a path that voice has left has no rate any more", lambda: any(
+            row["app"] == 1 and row["path"] != "all" and row["packets"] and not row["packets/s"]
+            for row in json.loads(watch.stdout.readline())))
         mine = tables_of(here)
         self.assertEqual(sorted(mine), ["shard.fib", "shard.fib6", "shard.lbProfileCounter"])
         self.agent(there, *branch)
