@@ -165,12 +165,14 @@ class NavctlTest(Products):
                 ("/forwardingStatus/fec[1]", '[{"hop":"10.0.0.4","intfId":"w"}]'),
                 ("/cliConfig/navConfigured", "true"),
                 ("/hwPathStatus/hwPathStatusList[10.0.0.1,10.0.1.9,0,1]",
-                 '{"hwPathIndex":1,"hwArpIndex":1}'),
-                ("/forwardingStatus/fec[1]", '[{"hop":"10.0.0.5","intfId":"w"}]')):
+                 '{"hwPathIndex":1,"hwArpIndex":1}')):
             self.says("set", path, value)
+        await_("the path is up", lambda: " is up by 10.0.0.4" in self.errors(self.directory))
+        self.says("set", "/forwardingStatus/fec[1]", '[{"hop":"10.0.0.5","intfId":"w"}]')
         status = "/navStatusDir/navPathStatusDir/pathStatus[default]/pathStatusEntry"
-        await_("the path goes by the other hop", lambda: "10.0.0.5" in self.says("get", status))
-        self.stop(self.process)
+        await_("the path has another hop", lambda: "10.0.0.5" in self.says("get", status))
+        self.says("set", "/ipStatusDir/ipIntfStatus[x]/activeAddrWithMask", '"10.9.0.1/24"')
+        await_("the log goes on", lambda: "interface x " in self.errors(self.directory))
         self.assertEqual(self.errors(self.directory).count(" is up by "), 1)
 
     def test_completion_knows_commands_paths_and_keys(self):
