@@ -9,27 +9,8 @@ using NavShard::NavPathCounterIndex;
 using Vel::U32;
 using Vel::U64;
 
-namespace {
-
-// The members with the lowest priority number.
-std::vector<U32> carriersOf(const Agent::Json& members) {
-    std::vector<U32> carriers;
-    U32 best = 0;
-    for (const Agent::Json& member : members) {
-        const U32 priority = member.at("priority");
-        if (!carriers.empty() && priority > best) continue;
-        if (carriers.empty() || priority < best) carriers.clear();
-        best = priority;
-        carriers.push_back(member.at("pathIndex"));
-    }
-    return carriers;
-}
-
-}  // namespace
-
 void Traffic::statusIs(const Agent::Json& status) {
     std::map<U32, NavLbProfileCounterEntry> entries;
-    carriers_.clear();
     for (const auto& [keyText, id] : status.items()) {
         const U32 lbId = id.at("lbIndex");
         if (lbId == 0) continue;  // the entry has been created but has no id yet
@@ -40,15 +21,20 @@ void Traffic::statusIs(const Agent::Json& status) {
         NavLbProfileCounterEntry& entry = entries[lbId];
         entry.key.lbId = lbId;
         entry.lbKeyInfo = key;
-        carriers_[lbId] = carriersOf(id.at("pathEntry"));
     }
     entries_ = std::move(entries);
     std::erase_if(remainder_, [&](const auto& item) { return !entries_.contains(item.first); });
 }
 
+void Traffic::carriersAre(const Agent::Json& carriers) {
+    carriers_.clear();
+    for (const auto& [keyText, paths] : carriers.items())
+        carriers_[Vel::Codec<Nav::LbProfileKey>::fromKey(keyText)] = paths.get<std::vector<U32>>();
+}
+
 void Traffic::advance(double seconds) {
     for (auto& [lbId, entry] : entries_) {
-        const std::vector<U32>& carriers = carriers_[lbId];
+        const std::vector<U32>& carriers = carriers_[entry.lbKeyInfo];
         for (auto& path : entry.pathCounter) path.throughput = 0, path.flows = 0;
         entry.throughput = 0;
         entry.flows = 0;

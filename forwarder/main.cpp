@@ -1,6 +1,7 @@
 // nav-forwarder: the forwarding side of the simulated router as a separate process. It follows the
-// agent's load-balance status over control.sock and writes traffic counters into the table of the
-// agent's run directory. It outlives the agent and stops in order on SIGTERM and SIGINT.
+// agent's load-balance status and choice of paths over control.sock and writes traffic counters
+// into the table of the agent's run directory. It outlives the agent and stops in order on SIGTERM
+// and SIGINT.
 #include <poll.h>
 #include <signal.h>
 
@@ -25,7 +26,7 @@ class StatusFollower {
   public:
     explicit StatusFollower(std::string runDir) : runDir_(std::move(runDir)) {}
 
-    // Waits for at most that long, and returns the status if it is new.
+    // Waits for at most that long. Returns the status if it is new.
     std::optional<Agent::Json> await(std::chrono::milliseconds patience, const sigset_t& mask) try {
         if (!watch_) {
             watch_.emplace(runDir_);
@@ -46,6 +47,13 @@ class StatusFollower {
         watch_.reset();
         const timespec limit{patience.count() / 1000, patience.count() % 1000 * 1'000'000};
         ppoll(nullptr, 0, &limit, &mask);
+        return std::nullopt;
+    }
+
+    // The paths chosen now; nothing without an agent.
+    std::optional<Agent::Json> carriers() const try {
+        return Client::ControlClient(runDir_).request({{"op", "carriers"}}).at("value");
+    } catch (const std::exception&) {
         return std::nullopt;
     }
 
@@ -94,6 +102,7 @@ void run(const std::string& runDir, const Forwarder::Rate& rate, std::chrono::mi
         traffic.advance(std::chrono::duration<double>(now - last).count());
         last = now;
         if (status) traffic.statusIs(status->is_object() ? *status : Agent::Json::object());
+        if (const auto carriers = follower.carriers()) traffic.carriersAre(*carriers);
         publish(*counters, traffic, published);
     }
 }

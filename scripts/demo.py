@@ -219,6 +219,7 @@ def main():
         log: lambda: "loss 5 % forward" in network[-1] and
         steered(("voice", "internet"), *at_best[1:])})
     show("quality")
+    show("counters")
 
     print("\n== It is good again", flush=True)
     reach("voice is back", {

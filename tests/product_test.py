@@ -95,9 +95,13 @@ class ProductTest(Products):
             config = json.loads(file.read().replace('"internet"', f'"{long}"'))
         config["pathGroupConfig"][long]["remoteViaConfig"]["10.255.9.9"] = {
             "remoteVia": [f"198.51.100.{i}" for i in range(100, 200)]}
-        with open(f"{run_dir}/config.json", "w", encoding="utf-8") as file:
-            json.dump(config, file)
-        self.agent(run_dir, f"--config={run_dir}/config.json", branch[1])
+        with open(f"{source}/examples/branch/world.json", encoding="utf-8") as file:
+            world = json.load(file)
+        del world["events"][1:]  # the paths come up and stay
+        for name, value in (("config", config), ("world", world)):
+            with open(f"{run_dir}/{name}.json", "w", encoding="utf-8") as file:
+                json.dump(value, file)
+        self.agent(run_dir, f"--config={run_dir}/config.json", f"--world={run_dir}/world.json")
 
         def table(name):
             lines = self.navctl(run_dir, "show", name).stdout.splitlines()[1:]
@@ -131,8 +135,9 @@ class ProductTest(Products):
                                                       "programmed", "jitterMs", "lossForward",
                                                       "lossBackward")],
                          [*row[:4], True, True, 1, 0, 0])
-        history = self.navctl(run_dir, "show", "quality", row[0], "--graph").stdout.split("\n\n")
-        self.assertRegex(history[1], r"round trip, ms: 18\n +1[89] │█+\n")
+        await_("the graph begins", lambda: re.search(
+            r"\nround trip, ms: 18\n +1[89] │█+\n",
+            self.navctl(run_dir, "show", "quality", row[0], "--graph").stdout))
         self.assertEqual(self.navctl(run_dir, "show", "quality", "Path999").returncode, 1)
         watch = subprocess.Popen([*tied, programs["navctl"], "--run-dir", run_dir, "show", "quality",
                                   row[0], "--watch"], stdout=subprocess.PIPE, text=True)

@@ -123,6 +123,15 @@ Nav::NavDb* Host::database() const {
     return databaseOf(root_);
 }
 
+Json Host::carriers() const {
+    Json carriers = Json::object();
+    if (const Nav::LbProfileStatus* ids = inputs_.navStatusDir->navLbProfileStatus())
+        for (const Nav::LbProfileStatusEntry& entry : ids->lbProfileStatusEntry())
+            carriers[Vel::Codec<Nav::LbProfileKey>::key(entry.key())] =
+                carriersOf(*platform_, entry);
+    return carriers;
+}
+
 Json Host::quality(const Json& request) const {
     if (!quality_) throw RequestError("platform " + platform_->name() + " measures no paths");
     const auto path = request.find("path");
@@ -151,7 +160,8 @@ Controlled Host::controlled() {
                   observer_->observe();
                   return interfaces(inputs_, *platform_, *observer_);
               }},
-             {"quality", [this](const Json& request) { return quality(request); }}},
+             {"quality", [this](const Json& request) { return quality(request); }},
+             {"carriers", [this](const Json&) { return carriers(); }}},
             &events_};
 }
 

@@ -43,6 +43,8 @@ class Host {
 
   private:
     Json quality(const Json& request) const;
+    // Of each load-balance id, by its key.
+    Json carriers() const;
 
     const ForwardingPtr forwarding_;
     Nav::NavInputs inputs_;
@@ -50,7 +52,7 @@ class Host {
     const std::unique_ptr<Platform> platform_;
     Tree tree_;
     Events events_;
-    std::optional<Observer> observer_;  // while the platform runs
+    std::optional<Observer> observer_;      // while the platform runs
     std::optional<QualityReport> quality_;  // absent if the platform measures nothing
     Vel::U32 commands_ = 0;
 };

@@ -75,11 +75,14 @@ Json QualityReport::paths() const {
 }
 
 Json QualityReport::history(const std::string& path) const {
-    for (const auto& [pathIndex, samples] : history_) {
+    for (const auto& [pathIndex, quality] : quality_->pathQuality()) {
         if (nameOf(pathIndex) != path) continue;
-        const auto series = [&samples = samples](float Sample::*figureOf) {
+        const auto kept = history_.find(pathIndex);
+        const auto series = [&](float Sample::*figureOf) {
             Json values = Json::array();
-            for (const Sample& sample : samples) values.push_back(figure(sample.*figureOf));
+            if (kept != history_.end())
+                for (const Sample& sample : kept->second)
+                    values.push_back(figure(sample.*figureOf));
             return values;
         };
         return {{"path", path},
@@ -89,7 +92,7 @@ Json QualityReport::history(const std::string& path) const {
                 {"lossForward", series(&Sample::lossForward)},
                 {"lossBackward", series(&Sample::lossBackward)}};
     }
-    throw Vel::Error(path + ": no such path has been measured");
+    throw Vel::Error(path + ": no such path is measured");
 }
 
 }  // namespace Agent

@@ -144,16 +144,14 @@ TEST(ForwardingTables, AreFollowedByOtherProcesses) {
     expectCopied(reader.count());
 }
 
-// Shares of the best priority; what an id counted stays with its key and not with its number.
+// Equal shares of the carriers; what an id counted stays with its key and not with its number.
 TEST(Forwarder, Traffic) {
-    const Agent::Json a = Agent::parseJson(R"({"10.255.0.2,1,0": {"lbIndex": 1, "pathEntry": {
-        "1": {"pathIndex": 1, "priority": 2}, "2": {"pathIndex": 2, "priority": 1},
-        "3": {"pathIndex": 3, "priority": 1}}},
-        "10.255.0.3,1,0": {"lbIndex": 2, "pathEntry": {}}})");
-    const Agent::Json b = Agent::parseJson(R"({"10.255.0.3,1,0": {"lbIndex": 1, "pathEntry": {
-        "4": {"pathIndex": 4, "priority": 9}}}})");
+    const Agent::Json a =
+        Agent::parseJson(R"({"10.255.0.2,1,0": {"lbIndex": 1}, "10.255.0.3,1,0": {"lbIndex": 2}})");
+    const Agent::Json b = Agent::parseJson(R"({"10.255.0.3,1,0": {"lbIndex": 1}})");
     Forwarder::Traffic traffic({.packetsPerSecond = 100, .packetBytes = 10, .flowsPerPath = 3});
     traffic.statusIs(a);
+    traffic.carriersAre(Agent::parseJson(R"({"10.255.0.2,1,0": [2, 3], "10.255.0.3,1,0": []})"));
     for (int i = 0; i < 300; ++i) traffic.advance(0.01);
     const auto& one = traffic.entries().at(1);
     EXPECT_EQ(one.pathCounter[1].outPkts, 0U);
@@ -162,6 +160,7 @@ TEST(Forwarder, Traffic) {
     EXPECT_EQ(one.outBytes, one.outPkts * 10);
     EXPECT_EQ(traffic.entries().at(2).outPkts, 0U) << "no member carries it";
     traffic.statusIs(b);
+    traffic.carriersAre(Agent::parseJson(R"({"10.255.0.3,1,0": [4]})"));
     EXPECT_EQ(traffic.entries().at(1).outPkts, 0U) << "the id stands for another key";
     traffic.advance(1);
     EXPECT_EQ(traffic.entries().at(1).pathCounter[4].outPkts, 100U);

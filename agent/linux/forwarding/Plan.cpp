@@ -291,7 +291,8 @@ void Plan::replanGroup(const Nav::LbProfileKey& key) {
         if (segment.vrfId != key.vrfId || !policy(vrf).tables.contains(key.appId)) continue;
         const NexthopGroup group = this->group(segment, key.vtepIp, key.appId);
         const auto planned = wanted_.find(group.key());
-        if (planned == wanted_.end() || planned->second == Object(group)) continue;
+        if (planned == wanted_.end() || group.members.empty() || planned->second == Object(group))
+            continue;
         planned->second = group;
         changed_.insert(group.key());
     }
