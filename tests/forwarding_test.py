@@ -282,6 +282,8 @@ class ForwardingTest(unittest.TestCase):
 
     def forwarding(self, site, variant):
         changed = self.lab.forwarding(site)
+        # What is dead depends on what answered before, so it is not the same after a fresh start.
+        changed["probe"] = {"interval": 0}
         if variant == 2:
             changed["vrf"]["default"].update(vni=200, address=f"10.255.1.{site}/24", mtu=1400)
         elif variant == 3:

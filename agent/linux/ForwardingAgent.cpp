@@ -12,16 +12,30 @@ using Shard::Fib::Via;
 using Vel::U32;
 
 ForwardingAgent::ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor,
-                                 Forwarding* forwarding)
+                                 Forwarding* forwarding, PathProbing* probing,
+                                 QualityStatus& quality)
     : in_(inputs),
       monitor_(monitor),
       forwarding_(forwarding),
+      probing_(probing),
+      quality_(quality),
       solicitation_(Loom::call<&ForwardingAgent::solicit>(*this)),
       confirmation_(*in_.scheduler, Loom::call<&ForwardingAgent::confirm>(*this)),
-      paths_(*this, *in_.navStatusDir) {}
+      paths_(*this, *in_.navStatusDir),
+      measured_(Vel::Subscription::to<&ForwardingAgent::handleQuality>(
+          quality, QualityStatus::pathQualityAttr, this)) {}
 
 void ForwardingAgent::review() {
     paths_.forEach([](VelPathStatusEntry& path) { path.reviewLater(); });
+}
+
+bool ForwardingAgent::dead(U32 pathIndex) const {
+    const PathQuality* quality = quality_->pathQuality(pathIndex);
+    return quality && quality->state == PathLiveness::dead;
+}
+
+void ForwardingAgent::handleQuality(const U32& pathIndex) {
+    if (dead(pathIndex) ? dead_.insert(pathIndex).second : dead_.erase(pathIndex) != 0) review();
 }
 
 // Null if the path has no route.
@@ -89,15 +103,23 @@ void ForwardingAgent::VelPathStatusEntry::review() {
     if (written_ != key) withdraw();
     written_ = key;
     const U32 arpIndex = agent_.followNexthop(*nexthop_) ? nexthop_->ifIndex : 0;
+    if (arpIndex != 0) probe(path_->pathInfo());
     write(key, program(path_->pathInfo()), arpIndex);
 }
 
 // Returns the hardware's index of the path, 0 until it has one.
 U32 ForwardingAgent::VelPathStatusEntry::program(const Nav::HwPathInfo& info) {
     if (!agent_.forwarding_) return info.pathIndex;
-    agent_.forwarding_->pathIs(info.pathIndex, {path_->key(), nexthop_->addr, nexthop_->ifIndex,
-                                                info.via.intfId, info.via.weight});
+    agent_.forwarding_->pathIs(info.pathIndex,
+                               {path_->key(), nexthop_->addr, nexthop_->ifIndex, info.via.intfId,
+                                info.via.weight, !agent_.dead(info.pathIndex)});
     return agent_.forwarding_->programmed(info.pathIndex);
+}
+
+void ForwardingAgent::VelPathStatusEntry::probe(const Nav::HwPathInfo& info) {
+    const Interface* interface = agent_.monitor_.interfaces().at(nexthop_->ifIndex);
+    if (agent_.probing_ && interface)
+        agent_.probing_->pathIs(info.pathIndex, path_->key(), *interface);
 }
 
 void ForwardingAgent::VelPathStatusEntry::write(const Nav::HwPathKey& key, U32 pathIndex,
@@ -123,6 +145,7 @@ void ForwardingAgent::VelPathStatusEntry::withdraw() {
     const auto gone = std::exchange(written_, std::nullopt);
     if (!gone) return;
     agent_.in_.hwPathStatus->hwPathStatusListDel(*gone);
+    if (agent_.probing_) agent_.probing_->pathDel(gone->pathIndex);
     if (agent_.forwarding_) agent_.forwarding_->pathDel(gone->pathIndex);
 }
 

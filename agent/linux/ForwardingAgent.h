@@ -6,7 +6,8 @@
 // keeps its via, but not its entry. The entry has the path's index; its ARP index is the index of
 // the next hop's link while the kernel can send to the next hop at once, else 0: neighbours have no
 // numbers in the kernel. Where the kernel forwards by path selection's decisions, the entry's path
-// index is that of the path's next hop in the kernel instead, and 0 until the kernel has it.
+// index is that of the path's next hop in the kernel instead, and 0 until the kernel has it, and
+// while the path is dead by its probes.
 //
 // The kernel resolves a neighbour when it has a packet for it, and gives up after some seconds. So
 // the agent requests the resolution of each next hop in use that is unresolved, and repeats that
@@ -20,6 +21,7 @@
 
 #include "agent/linux/forwarding/Forwarding.h"
 #include "agent/linux/kernel/KernelMonitor.h"
+#include "agent/linux/quality/PathProbing.h"
 #include "agent/router/PathReactors.h"
 
 namespace Agent::Linux {
@@ -28,8 +30,10 @@ class ForwardingAgent {
   public:
     static constexpr Loom::Duration confirmInterval = std::chrono::seconds(1);
 
-    // The other objects must outlive this. `forwarding`: null if the platform observes only.
-    ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor, Forwarding* forwarding);
+    // The other objects must outlive this. `forwarding` and `probing` are null if the platform
+    // observes only.
+    ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& monitor, Forwarding* forwarding,
+                    PathProbing* probing, QualityStatus& quality);
 
     // Must be called when routes, neighbours or interfaces may have changed. Paths are reviewed in
     // tasks, after those that are queued now.
@@ -51,6 +55,7 @@ class ForwardingAgent {
         std::optional<Neighbour> findNexthop() const;
         void review();
         Vel::U32 program(const Nav::HwPathInfo& info);
+        void probe(const Nav::HwPathInfo& info);
         void write(const Nav::HwPathKey& key, Vel::U32 pathIndex, Vel::U32 arpIndex);
         void withdraw();
 
@@ -64,6 +69,8 @@ class ForwardingAgent {
     };
 
     const Shard::Fib::Fec* fecOf(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
+    bool dead(Vel::U32 pathIndex) const;
+    void handleQuality(const Vel::U32& pathIndex);
     bool followNexthop(const Neighbour& nexthop);
     void solicit();
     void confirm();
@@ -71,11 +78,15 @@ class ForwardingAgent {
     const Nav::NavInputs in_;
     KernelMonitor& monitor_;
     Forwarding* const forwarding_;
+    PathProbing* const probing_;
+    const Vel::Ptr<QualityStatus> quality_;
+    std::set<Vel::U32> dead_;        // paths, as last notified
     Vel::U32 version_ = 0;           // of the last entry written
     std::set<Neighbour> toSolicit_;  // by the next run of solicitation_ or confirmation_
     Loom::Task solicitation_;
     Loom::Timer confirmation_;
     PathReactors<VelPathStatusEntry, ForwardingAgent> paths_;
+    Vel::Subscription measured_;
 };
 
 }  // namespace Agent::Linux

@@ -9,6 +9,7 @@
 #include "agent/linux/forwarding/Forwarding.h"
 #include "agent/linux/forwarding/Report.h"
 #include "agent/linux/kernel/LinuxTrace.h"
+#include "agent/linux/quality/PathProbing.h"
 #include "agent/router/NexthopResolver.h"
 #include "agent/router/RouterStatus.h"
 
@@ -29,6 +30,7 @@ class LinuxPlatform::Services {
     const KernelMonitor& monitor() const { return monitor_; }
     QualityStatus& quality() { return *quality_; }
     Forwarding* forwarding() { return forwarding_ ? &*forwarding_ : nullptr; }
+    void configured();
     std::optional<Json> report() {
         if (!forwarding_) return {};
         return reportOf(in_, *config_, *forwarding_);
@@ -48,6 +50,7 @@ class LinuxPlatform::Services {
     NexthopResolver resolver_;
     uint64_t refreshes_ = 1;  // of the monitor, when last looked at
     std::optional<Forwarding> forwarding_;
+    std::optional<PathProbing> probing_;
     std::optional<ForwardingAgent> agent_;
     std::optional<Counting> counting_;
     Loom::Timer retry_;
@@ -76,8 +79,15 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
         startCounting(loop, options.runDir);
         tableChanged_ =
             loop.onReadable(forwarding_->tableFd(), [this] { forwarding_->handleTableReadable(); });
+        probing_.emplace(inputs, config_, *quality_, loop,
+                         [this]() -> const InterfaceView& { return monitor_.interfaces(); });
     }
-    agent_.emplace(inputs, monitor_, forwarding());
+    agent_.emplace(inputs, monitor_, forwarding(), probing_ ? &*probing_ : nullptr, *quality_);
+}
+
+void LinuxPlatform::Services::configured() {
+    if (forwarding_) forwarding_->replan();
+    if (probing_) probing_->configured();
 }
 
 // Forwarding goes on without counters.
@@ -145,7 +155,7 @@ void LinuxPlatform::stop() {
 }
 
 void LinuxPlatform::configured() {
-    if (services_ && services_->forwarding()) services_->forwarding()->replan();
+    if (services_) services_->configured();
 }
 
 std::optional<Json> LinuxPlatform::forwarding() {

@@ -61,6 +61,9 @@ class ProbeGroupConfig : public Vel::Entity {
     VEL_ATTRIBUTE(std::optional<Dscp>, dscp, {})
 };
 
+// UDP port of probes, of the side that answers them (RFC 8762, 4.1).
+inline constexpr Vel::U16 probePort = 862;
+
 class ProbeConfig : public Vel::Entity {
     VEL_ENTITY(ProbeConfig, Vel::Name, name)
     VEL_ATTRIBUTE(Vel::U32, interval, 100)  // ms; 0: paths are not probed

@@ -16,7 +16,6 @@ constexpr Vel::U32 minMtu = 576;        // RFC 791: every IPv4 host accepts it
 constexpr Vel::U32 minMtuOfIp6 = 1280;  // RFC 8200
 constexpr Vel::U32 maxMtu = 65535;      // the length field of IPv4
 constexpr Vel::U32 hour = 3600000;      // ms
-constexpr Vel::U16 probePort = 862;     // RFC 8762
 
 Path wholeForwarding() {
     return placeOf<ForwardingConfig>(forwardingName);

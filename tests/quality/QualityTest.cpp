@@ -4,10 +4,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <map>
 #include <random>
 
-#include "agent/linux/quality/StampPacket.h"
-#include "agent/linux/quality/Window.h"
+#include "agent/linux/quality/ProbeSession.h"
+#include "agent/linux/quality/Reflector.h"
 
 namespace Agent::Linux {
 namespace {
@@ -179,6 +180,289 @@ TEST(WindowTest, FiguresAreThoseOfTheLastProbes) {
             if (HasFailure()) FAIL() << "window of " << probes << ", after " << i + 1 << " probes";
         }
     }
+}
+
+using Loom::Duration;
+using Loom::Instant;
+using std::chrono::milliseconds;
+
+const auto here = Netz::IpGenAddr::fromV4(0xCB007101), there = Netz::IpGenAddr::fromV4(0xC6336402);
+
+ProbeValues values(Vel::U32 interval = 100, Vel::U32 multiplier = 3, const char* key = "") {
+    return {interval, multiplier, 10000, 1000, 0, {key}, {}};
+}
+
+// A session and a reflector with a network between them. Whenever something happens, the session's
+// process reads what has come, judges and sends, unless it stands still; then packets wait, with
+// the kernel's timestamps.
+class Line {
+  public:
+    explicit Line(const ProbeValues& values, uint32_t seed = 1)
+        : random_(seed), session(values, 0x4242, Instant{}) {
+        reflector.peersAre({{{there, here}, values.key}});
+    }
+
+    // What the network does to a packet, by direction; the default is to deliver it once.
+    struct Manners {
+        Duration delay = 5ms;
+        unsigned lost = 0, doubled = 0, delayed = 0, damaged = 0;  // percent
+    };
+    Manners out, back;
+    bool standsStill = false;
+
+    // Until the state is another one, at most `patience`; returns the time that passed.
+    Duration run(Duration patience, bool untilChanged = false) {
+        const Instant start = now;
+        const PathLiveness before = session.state();
+        for (const Instant end = start + patience; now < end; now = std::min(next(), end)) {
+            step();
+            if (untilChanged && session.state() != before) break;
+        }
+        return now - start;
+    }
+    PathQuality figures() const {
+        PathQuality quality;
+        session.figures(quality);
+        return quality;
+    }
+    // As if somebody had sent it.
+    void deliver(std::vector<std::byte> packet) { queue_.push_back({now, std::move(packet)}); }
+
+  private:
+    struct Packet {
+        Instant at;
+        std::vector<std::byte> data;
+    };
+    bool happens(unsigned percent) { return random_() % 100 < percent; }
+
+    void carry(std::multimap<Instant, std::vector<std::byte>>& way, const Manners& manners,
+               std::span<const std::byte> data) {
+        if (happens(manners.lost)) return;
+        for (int copies = happens(manners.doubled) ? 2 : 1; copies > 0; --copies) {
+            std::vector<std::byte> packet(data.begin(), data.end());
+            if (happens(manners.damaged)) packet[random_() % packet.size()] ^= std::byte{0x10};
+            const Duration more = happens(manners.delayed) ? milliseconds(random_() % 250) : 0ms;
+            way.emplace(now + manners.delay + more, std::move(packet));
+        }
+    }
+
+    Instant next() const {
+        Instant next = now + 100ms;
+        for (const auto* way : {&out_, &back_})
+            if (!way->empty()) next = std::min(next, way->begin()->first);
+        if (!standsStill) next = std::min({next, session.nextSend(), session.nextJudgement()});
+        return std::max(next, now + 1us);
+    }
+
+    void step() {
+        for (; !out_.empty() && out_.begin()->first <= now; out_.erase(out_.begin())) {
+            std::array<std::byte, ProbeSocket::maxSize> buffer;
+            const nanoseconds day = now.time_since_epoch();
+            const ProbeDatagram probe{here, 4711, 0, 255, day, out_.begin()->second};
+            const auto answer = reflector.answer(there, probe, buffer, now, day + 1ms);
+            if (!answer.empty()) carry(back_, back, answer);
+        }
+        for (; !back_.empty() && back_.begin()->first <= now; back_.erase(back_.begin()))
+            queue_.push_back({now, back_.begin()->second});
+        if (standsStill) return;
+        for (const Packet& packet : std::exchange(queue_, {}))
+            session.receive(packet.data, packet.at);
+        session.judge(now);
+        if (session.nextSend() > now) return;
+        std::array<std::byte, authenticatedStampSize> buffer;
+        carry(out_, out, write(session.send(now, now.time_since_epoch()), buffer, session.key()));
+    }
+
+    std::mt19937 random_;
+    std::multimap<Instant, std::vector<std::byte>> out_, back_;
+    std::vector<Packet> queue_;
+
+  public:
+    Instant now{};
+    ProbeSession session;
+    Reflector reflector;
+};
+
+TEST(ProbeSessionTest, SilenceIsNoticedInTimeAndPathsReturnAfterTheirDelay) {
+    for (const auto& [interval, multiplier] : {std::pair(10U, 3U), {100, 1}, {100, 3}, {100, 7}})
+        for (const Duration delay : {1ms, 40ms, 700ms}) {
+            SCOPED_TRACE(testing::Message() << interval << " ms x " << multiplier << ", one way "
+                                            << delay.count() / 1000000 << " ms");
+            Line line(values(interval, multiplier));
+            line.out.delay = line.back.delay = delay;
+            line.run(10s);
+            ASSERT_EQ(line.session.state(), PathLiveness::alive);
+            Duration upDelay = 1s;
+            for (int i = 0; i < 8; ++i, upDelay = std::min<Duration>(2 * upDelay, 64s)) {
+                line.run(milliseconds(i * 37));  // anywhere in the interval
+                line.out.lost = 100;
+                const Duration detection = milliseconds(interval) * multiplier;
+                // Counted from the last answer, which was on its way.
+                const Duration noticed = line.run(10s, true);
+                EXPECT_EQ(line.session.state(), PathLiveness::dead);
+                EXPECT_LE(noticed, detection + 2 * delay + 7ms);
+                EXPECT_GE(noticed, detection - milliseconds(interval));
+                line.run(3s);
+                line.out.lost = 0;
+                const Duration returned = line.run(100s, true);
+                EXPECT_EQ(line.session.state(), PathLiveness::alive);
+                EXPECT_NEAR(static_cast<double>(returned / 1ms),
+                            static_cast<double>((upDelay + 2 * delay) / 1ms), interval + 2);
+            }
+            line.run(300s);  // calm for so long, it is trusted again
+            line.out.lost = 100;
+            line.run(10s, true);
+            line.out.lost = 0;
+            EXPECT_LT(line.run(100s, true), 1s + 2 * delay + milliseconds(interval) + 2ms);
+        }
+}
+
+TEST(ProbeSessionTest, AProcessThatStandsStillJudgesNobody) {
+    Line line(values(10));
+    std::mt19937 random(7);
+    line.run(1s);
+    for (int i = 0; i < 200; ++i) {
+        line.standsStill = true;
+        line.run(milliseconds(random() % (i % 10 == 0 ? 5000 : 200)));
+        line.standsStill = false;
+        line.run(milliseconds(random() % 100), true);
+        ASSERT_EQ(line.session.state(), PathLiveness::alive) << "after " << i;
+    }
+    EXPECT_EQ(line.session.counts().lost, 0U);
+    EXPECT_NEAR(line.figures().rttMean, 9, 0.01);  // 10 ms less 1 ms in the reflector
+}
+
+// Everything that the network or an attacker may do, save losing packets.
+TEST(ProbeSessionTest, MisbehaviourChangesNothingButCounters) {
+    for (const char* key : {"", "secret"}) {
+        SCOPED_TRACE(key);
+        Line line(values(100, 7, key));  // more than the network's delays
+        line.run(2s);
+        for (Line::Manners* way : {&line.out, &line.back}) way->doubled = way->delayed = 50;
+        for (int i = 0; i < 1000; ++i) {
+            // An answer to a probe that was, or will be, sent.
+            ReflectorPacket forged;
+            forged.sender = {static_cast<uint32_t>(i), ntpStamp(line.now.time_since_epoch()), 1,
+                             0x4242};
+            std::vector<std::byte> packet(authenticatedStampSize);
+            write(forged, packet, nullptr);
+            line.deliver(packet);
+            line.deliver({packet.begin(), packet.begin() + i % 44});
+            line.run(37ms);
+            ASSERT_EQ(line.session.state(), PathLiveness::alive);
+        }
+        const ProbeCounts& counts = line.session.counts();
+        EXPECT_EQ(counts.lost, 0U);
+        EXPECT_GT(counts.duplicate, 100U);
+        EXPECT_GE(counts.unexpected + counts.notAuthentic, 1000U);
+        EXPECT_GE(counts.malformed, 1000U);
+        EXPECT_GT(line.reflector.counts().replayed, 100U);
+        const PathQuality quality = line.figures();
+        EXPECT_EQ(quality.lossForward, 0);
+        EXPECT_EQ(quality.lossBackward, 0);
+        EXPECT_NEAR(quality.rttMin, 9, 0.01);
+    }
+}
+
+TEST(ProbeSessionTest, LossIsAttributedToItsDirection) {
+    for (const auto& [forward, backward] : {std::pair(20U, 0U), {0, 20}, {30, 10}, {10, 30}}) {
+        ProbeValues many = values(10, 100);
+        many.window = 600'000;
+        Line line(many);
+        line.out.lost = forward;
+        line.back.lost = backward;
+        line.run(602s);
+        const PathQuality quality = line.figures();
+        // Four times the standard deviation of a binomial distribution.
+        const auto within = [&](unsigned percent) {
+            return 4 * std::sqrt(percent * (100.0 - percent) / quality.samples);
+        };
+        EXPECT_NEAR(quality.lossForward, forward, within(forward));
+        EXPECT_NEAR(quality.lossBackward, backward, within(backward) * 1.5);
+    }
+}
+
+TEST(ProbeSessionTest, APathIsCheckedWhileItsOtherEndListens) {
+    Line line(values());
+    line.reflector.peersAre({});
+    line.run(10s);
+    EXPECT_EQ(line.session.state(), PathLiveness::notChecked);
+    EXPECT_EQ(line.session.memory(), std::nullopt);
+    EXPECT_EQ(line.reflector.counts().stranger, line.session.counts().sent);
+    line.reflector.peersAre({{{there, here}, {}}});
+    line.run(1s, true);
+    EXPECT_EQ(line.session.state(), PathLiveness::alive);
+    // An ICMP error has to quote a probe.
+    std::array<std::byte, stampSize> buffer;
+    EXPECT_FALSE(
+        line.session.portUnreachable(write(SenderPacket{1, 2, 3, 0x4242}, buffer, nullptr)));
+    const auto quoted = line.session.send(line.now, 77s);
+    EXPECT_TRUE(line.session.portUnreachable(write(quoted, buffer, nullptr)));
+    EXPECT_EQ(line.session.state(), PathLiveness::notChecked);
+
+    // A path whose other end has answered before is expected to.
+    for (const bool isDead : {false, true}) {
+        ProbeSession next(values(), 1, Instant{}, ProbeSession::Memory{isDead, 10ms});
+        Instant now{};
+        for (; next.state() != PathLiveness::dead && now < Instant(1s); now += 1ms) {
+            next.judge(now);
+            if (next.nextSend() <= now) next.send(now, 1s);
+        }
+        EXPECT_EQ(next.state(), PathLiveness::dead);
+        EXPECT_EQ(now < Instant(1ms), isDead);
+        EXPECT_TRUE(next.memory()->isDead);
+    }
+}
+
+// The two sides are given a key, another one, and none, one after the other.
+TEST(ReflectorTest, KeysChangeWithoutLosingAPath) {
+    Reflector reflector;
+    SenderPacket probe{.sequence = 0, .sessionId = 5};
+    const auto answered = [&](const char* secret) {
+        const std::optional<StampKey> key =
+            *secret ? std::optional<StampKey>(secret) : std::nullopt;
+        std::array<std::byte, authenticatedStampSize> packet{}, buffer;
+        ++probe.sequence, ++probe.timestamp;
+        const auto data = write(probe, packet, key ? &*key : nullptr);
+        const auto answer =
+            reflector.answer(there, {here, 4711, 0, 255, 1s, data}, buffer, Instant{}, 1s);
+        return !answer.empty() && defectOf(answer, key ? &*key : nullptr) == StampDefect::none;
+    };
+    const char* before = "";
+    for (const char* key : {"", "one", "two", ""}) {
+        reflector.peersAre({{{there, here}, {key}}});
+        EXPECT_TRUE(answered(before)) << before << " before " << key;
+        EXPECT_TRUE(answered(key)) << key;
+        if (*key && std::string_view(key) != before) {
+            EXPECT_FALSE(answered(before)) << before << " after " << key;
+        }
+        before = key;
+    }
+}
+
+// Nobody gets more than was sent, and a flood is not answered.
+TEST(ReflectorTest, AnswersAreLimited) {
+    Reflector reflector;
+    reflector.peersAre({{{there, here}, {}}});
+    std::array<std::byte, ProbeSocket::maxSize> packet{}, buffer;
+    Instant now{};
+    size_t count = 0;
+    for (uint32_t i = 0; i < 100'000; ++i, now += 20us) {
+        write(SenderPacket{i, i, 1, 1}, packet, nullptr);
+        const auto data = std::span(packet).first(stampSize + i % 1000);
+        const auto answer =
+            reflector.answer(there, {here, 4711, 0, 255, 1s, data}, buffer, now, 1s);
+        count += !answer.empty();
+        if (!answer.empty()) {
+            EXPECT_EQ(answer.size(), data.size());
+        }
+    }
+    EXPECT_NEAR(static_cast<double>(count), 2 * Reflector::maxRate, Reflector::maxRate / 5);
+    for (uint16_t port = 1; port < 100; ++port, now += 10ms)
+        reflector.answer(there, {here, port, 0, 255, 1s, std::span(packet).first(stampSize)},
+                         buffer, now, 1s);
+    EXPECT_EQ(reflector.counts().answered, count + Reflector::maxSessions - 1);
+    EXPECT_EQ(reflector.counts().answered + reflector.counts().limited, 100'099U);
 }
 
 }  // namespace

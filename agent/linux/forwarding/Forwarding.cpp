@@ -56,12 +56,13 @@ MemberChoice::User Forwarding::choiceUser() {
                 const ProbeValues probe = probeValues(*config_->probe(), Vel::Name(pathGroup));
                 return {milliseconds(probe.upDelay), milliseconds(probe.downDelay)};
             },
-            [this](uint32_t pathIndex) { return plan_.paths().contains(pathIndex); },
+            [this](uint32_t pathIndex) { return plan_.usable(pathIndex); },
             [this](const Nav::LbProfileKey& key) { siteChanged(key.vtepIp); },
             [this](const Nav::LbProfileKey& key) { choiceChanged(key); }};
 }
 
 void Forwarding::pathIs(uint32_t pathIndex, const PathHop& hop) {
+    if (adopting_ && !hop.usable && programmed(pathIndex) != 0) endAdoption();
     if (plan_.pathIs(pathIndex, hop)) commitLater();
 }
 

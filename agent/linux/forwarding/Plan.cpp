@@ -208,6 +208,11 @@ uint32_t Plan::nexthopId(const Segment& segment, const Nav::PathKey& path) {
     return numbers_.of(thing(Thing::nexthop, segment.vni, path.srcAddr.mix(), path.dstAddr.mix()));
 }
 
+bool Plan::usable(uint32_t pathIndex) const {
+    const auto path = paths_.find(pathIndex);
+    return path != paths_.end() && path->second.usable;
+}
+
 std::vector<ObjectKey> Plan::nexthopsOf(const Nav::PathKey& path) {
     std::vector<ObjectKey> keys;
     for (const auto& [vrf, segment] : segments_)
@@ -217,9 +222,10 @@ std::vector<ObjectKey> Plan::nexthopsOf(const Nav::PathKey& path) {
 
 void Plan::planPath(uint32_t pathIndex) {
     Objects objects;
-    const Nav::PathKey& path = paths_.at(pathIndex).path;
+    const PathHop& hop = paths_.at(pathIndex);
+    const Nav::PathKey& path = hop.path;
     for (const auto& [vrf, segment] : segments_)
-        if (segment.tunnelIndex != 0)
+        if (segment.tunnelIndex != 0 && hop.usable)
             insert(objects, Nexthop{.id = nexthopId(segment, path),
                                     .ifIndex = segment.tunnelIndex,
                                     .vni = segment.vni,
@@ -246,12 +252,18 @@ void Plan::planSource(const IpGenAddr& source) {
                               .prefix = IpPrefix::of(source, 0),
                               .metric = ownMetric,
                               .action = Route::Action::unreachable});
-        insert(objects, Rule{.priority = pinPriority,
-                             .v6 = source.isV6(),
-                             .table = table,
-                             .source = source,
-                             .ipProtocol = IPPROTO_UDP,
-                             .destinationPort = in_.cliConfig->udpPortConfig()});
+        const auto pin = [&](uint16_t sourcePort, uint16_t destinationPort) {
+            insert(objects, Rule{.priority = pinPriority,
+                                 .v6 = source.isV6(),
+                                 .table = table,
+                                 .source = source,
+                                 .ipProtocol = IPPROTO_UDP,
+                                 .sourcePort = sourcePort,
+                                 .destinationPort = destinationPort});
+        };
+        pin(0, in_.cliConfig->udpPortConfig());
+        pin(0, probePort);
+        pin(probePort, 0);
     }
     replace(Source{source}, objects);
 }
@@ -342,7 +354,7 @@ void Plan::planOthers() {
 
 void Plan::addMember(NexthopGroup& group, const Segment& segment, uint32_t pathIndex) {
     const auto path = paths_.find(pathIndex);
-    if (path == paths_.end()) return;
+    if (path == paths_.end() || !path->second.usable) return;
     group.members.push_back(
         {nexthopId(segment, path->second.path), std::clamp<uint32_t>(path->second.weight, 1, 256)});
 }

@@ -16,7 +16,7 @@
 // - routes for the same prefixes in the VRF's table. They lead the router's own packets to the
 //   tunnel device, where they are classified;
 // - a table for each source address of a path, selected by source address and UDP port. It pins the
-//   tunnel packets of a path to its interface, whatever the main table prefers.
+//   tunnel packets and probes of a path to its interface, whatever the main table prefers.
 //
 // Applications share groups because the kernel waits for all processors each time it replaces one:
 // a link that fails must not cost that for each of a thousand load-balance ids.
@@ -59,6 +59,7 @@ struct PathHop {
     uint32_t ifIndex = 0;
     Netz::IntfId intfId;
     uint32_t weight = 1;
+    bool usable = true;  // an unusable one is pinned to its interface, so that it can be probed
 
     bool operator==(const PathHop&) const = default;
 };
@@ -112,6 +113,7 @@ class Plan {
 
     const Segments& segments() const { return segments_; }
     const std::map<uint32_t, PathHop>& paths() const { return paths_; }  // by path index
+    bool usable(uint32_t pathIndex) const;  // whether packets may take the path
     // The next hops of a path, one for each segment.
     std::vector<ObjectKey> nexthopsOf(const Nav::PathKey& path);
     // The firewall mark of an application's packets in a VRF.

@@ -240,11 +240,13 @@ class Writer {
             }
         for (const bool v6 : {false, true}) {
             const std::string ip = v6 ? "ip6" : "ip", pair = ip + " saddr . " + ip + " daddr ";
-            if (!secured[v6].empty()) {
-                rule("tunnels_in", port_ + " " + pair + setOf(secured[v6]) +
-                                       " meta secpath missing counter drop");
+            const std::string probe = std::to_string(probePort);
+            for (const auto& port : {port_, "udp dport " + probe, "udp sport " + probe}) {
+                if (secured[v6].empty()) break;
+                rule("tunnels_in",
+                     port + " " + pair + setOf(secured[v6]) + " meta secpath missing counter drop");
                 rule("tunnels_out",
-                     port_ + " " + pair + setOf(securedOut[v6]) + " rt ipsec missing counter drop");
+                     port + " " + pair + setOf(securedOut[v6]) + " rt ipsec missing counter drop");
             }
             if (!peers[v6].empty())
                 rule("tunnels_in",

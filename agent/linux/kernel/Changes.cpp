@@ -229,9 +229,13 @@ void Changes::rule(uint16_t type, uint16_t flags, const Rule& rule) {
     if (!rule.source.isZero()) writer_.attribute(FRA_SRC, rule.source);
     if (rule.mark != 0) writer_.attribute(FRA_FWMARK, rule.mark);
     if (rule.ipProtocol != 0) writer_.attribute(FRA_IP_PROTO, rule.ipProtocol);
-    if (rule.destinationPort == 0) return;
-    const fib_rule_port_range port{rule.destinationPort, rule.destinationPort};
-    writer_.attribute(FRA_DPORT_RANGE, std::as_bytes(std::span(&port, 1)));
+    for (const auto& [type, port] :
+         {std::pair<uint16_t, uint16_t>(FRA_SPORT_RANGE, rule.sourcePort),
+          {FRA_DPORT_RANGE, rule.destinationPort}}) {
+        if (port == 0) continue;
+        const fib_rule_port_range range{port, port};
+        writer_.attribute(type, std::as_bytes(std::span(&range, 1)));
+    }
 }
 
 size_t Changes::ruleIs(const Rule& rule) {

@@ -159,8 +159,8 @@ void takeRule(Objects& objects, const Message& message) {
             rule.source = readAddr(header->family, attribute.data).value_or(rule.source);
         if (attribute.type == FRA_IP_PROTO)
             rule.ipProtocol = readAs<uint8_t>(attribute.data).value_or(0);
-        if (attribute.type == FRA_DPORT_RANGE)
-            rule.destinationPort =
+        if (attribute.type == FRA_SPORT_RANGE || attribute.type == FRA_DPORT_RANGE)
+            (attribute.type == FRA_SPORT_RANGE ? rule.sourcePort : rule.destinationPort) =
                 readAs<fib_rule_port_range>(attribute.data).value_or(fib_rule_port_range{}).start;
     }
     if (own) insert(objects, rule);

@@ -26,6 +26,7 @@ struct DescribeKey {
             std::string(rule.v6 ? "-6 " : "") + "rule " + std::to_string(rule.priority);
         if (!rule.source.isZero()) text += " from " + rule.source.stringValue();
         if (rule.mark != 0) text += " fwmark " + hex(rule.mark);
+        if (rule.sourcePort != 0) text += " sport " + std::to_string(rule.sourcePort);
         if (rule.destinationPort != 0) text += " dport " + std::to_string(rule.destinationPort);
         return text + " lookup " + hex(rule.table);
     }

@@ -110,6 +110,7 @@ struct Rule {
     Netz::IpGenAddr source{};      // zero: any
     uint32_t mark = 0;             // firewall mark; 0: any
     uint8_t ipProtocol = 0;        // 0: any
+    uint16_t sourcePort = 0;       // 0: any
     uint16_t destinationPort = 0;  // 0: any
 
     const Rule& key() const { return *this; }

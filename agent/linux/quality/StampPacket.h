@@ -13,7 +13,6 @@
 
 namespace Agent::Linux {
 
-inline constexpr uint16_t stampPort = 862;
 // Sizes of a packet without extensions. Both directions have the same (RFC 8762, 4.2 and 4.3).
 inline constexpr size_t stampSize = 44, authenticatedStampSize = 112;
 

@@ -1,0 +1,324 @@
+#include "agent/linux/quality/PathProbing.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <random>
+
+#include "agent/linux/kernel/LinuxTrace.h"
+
+namespace Agent::Linux {
+
+namespace {
+
+using Loom::Duration;
+using Loom::Instant;
+using Netz::IpGenAddr;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using namespace std::chrono_literals;
+
+// One round of reading takes all that the socket's buffer holds; a flood must not keep the thread.
+constexpr int maxReads = 32;
+
+// What happens within this time happens in one tick.
+Duration tickOf(Duration interval) {
+    return std::clamp<Duration>(interval / 20, 1ms, 5ms);
+}
+
+Instant roundUp(Instant time, Duration to) {
+    const Duration beyond = time.time_since_epoch() % to;
+    return beyond == 0ns ? time : time + to - beyond;
+}
+
+constexpr uint8_t trafficClass(Dscp dscp) {
+    return static_cast<uint8_t>(dscp.value << 2);
+}
+
+}  // namespace
+
+// Sends the probes of all paths from one place, and receives their answers.
+struct PathProbing::Source {
+    explicit Source(const Place& place)
+        : socket(ProbeSocket::Role::sender, place.addr, 0, place.ifIndex) {}
+
+    struct Sent {
+        uint32_t id = 0, pathIndex = 0, sequence = 0;
+    };
+    Sent& sent(uint32_t id) { return lately[id % lately.size()]; }
+
+    ProbeSocket socket;
+    std::map<IpGenAddr, uint32_t> paths;  // their indices, by destination
+    std::array<Sent, 1024> lately{};      // what the kernel's numbers stand for
+    bool due = false;                     // at this tick
+};
+
+// Where probes of others come.
+struct PathProbing::Answering {
+    Answering(PathProbing& owner, const Place& place)
+        : local(place.addr),
+          socket(ProbeSocket::Role::reflector, place.addr, probePort, place.ifIndex),
+          readable(
+              owner.loop_.onReadable(socket.fd(), [this, &owner] { owner.handleProbes(*this); })) {}
+
+    const IpGenAddr local;
+    ProbeSocket socket;
+    const EventLoop::Registration readable;
+};
+
+PathProbing::PathProbing(const Nav::NavInputs& inputs, ForwardingPtr config, QualityStatus& quality,
+                         EventLoop& loop, std::function<const InterfaceView&()> interfaces)
+    : in_(inputs),
+      config_(std::move(config)),
+      quality_(quality),
+      loop_(loop),
+      interfaces_(std::move(interfaces)),
+      lastSessionId_(static_cast<uint16_t>(std::random_device()())),
+      tick_(*in_.scheduler, Loom::call<&PathProbing::tick>(*this)),
+      publication_(*in_.scheduler,
+                   Loom::call<static_cast<void (PathProbing::*)()>(&PathProbing::publish)>(*this)) {
+    publication_.armIn(publishInterval);
+}
+
+PathProbing::~PathProbing() = default;
+
+// Each reason at a place once.
+void PathProbing::report(const Place& place, const std::string& what) {
+    if (reported_.emplace(place, what).second) DUOLOG(linuxTrace, 3, what);
+}
+
+ProbeValues PathProbing::valuesOf(const Netz::IntfId& interface) const {
+    for (const Nav::PathGroupConfig& group : in_.cliConfig->pathGroupConfig())
+        if (group.localIntfHas(interface)) return probeValues(*config_->probe(), group.name());
+    return probeValues(*config_->probe(), {});
+}
+
+PathProbing::Source* PathProbing::sourceAt(const Place& place) try {
+    auto& source = sources_[place];
+    if (!source) source = std::make_unique<Source>(place);
+    return source.get();
+} catch (const Vel::Error& error) {
+    sources_.erase(place);
+    report(place, std::string("Paths are not probed: ") + error.what());
+    return nullptr;
+}
+
+void PathProbing::pathIs(uint32_t pathIndex, const Nav::PathKey& key, const Interface& interface) {
+    Path& path = paths_[pathIndex];
+    const Place place{key.srcAddr, interface.index};
+    if (path.key != key || path.place != place || path.interface != interface.name) {
+        end(pathIndex, path);
+        path.key = key;
+        path.place = place;
+        path.interface = interface.name;
+    }
+    follow(pathIndex, path);
+    arm();
+}
+
+void PathProbing::pathDel(uint32_t pathIndex) {
+    const auto path = paths_.find(pathIndex);
+    if (path == paths_.end()) return;
+    end(pathIndex, path->second);
+    paths_.erase(path);
+}
+
+// Makes the path's session what the configuration says.
+void PathProbing::follow(uint32_t pathIndex, Path& path) {
+    const ProbeValues values = valuesOf(path.interface);
+    if (path.session && path.session->values() == values) return;
+    // With another key, an answer can be expected only once the other end has it, too.
+    const bool isRekeyed = path.session && path.session->values().key != values.key;
+    if (path.session) end(pathIndex, path);
+    const auto memory = memories_.find(path.key);
+    if (isRekeyed && memory != memories_.end() && !memory->second.isDead) memories_.erase(memory);
+    if (values.interval == 0) return void(memories_.erase(path.key));
+    path.source = sourceAt(path.place);
+    if (!path.source) return;
+    path.source->paths[path.key.dstAddr] = pathIndex;
+    if (++lastSessionId_ == 0) ++lastSessionId_;
+    // Neighbouring indices are far apart in the interval: multiples of the golden ratio.
+    const Duration interval = milliseconds(values.interval);
+    const Duration phase = interval * (pathIndex * 40503 % 65536) / 65536;
+    const auto before = memories_.extract(path.key);
+    path.session.emplace(values, lastSessionId_, in_.scheduler->now() + phase,
+                         before.empty() ? std::nullopt : std::optional(before.mapped()));
+    publish(pathIndex, path);
+}
+
+void PathProbing::end(uint32_t pathIndex, Path& path) {
+    if (!path.session) return;
+    if (const auto memory = path.session->memory()) memories_[path.key] = *memory;
+    path.session.reset();
+    Source& source = *std::exchange(path.source, nullptr);
+    std::erase_if(source.paths, [&](const auto& each) { return each.second == pathIndex; });
+    if (source.paths.empty()) sources_.erase(path.place);
+    quality_->pathQualityDel(pathIndex);
+}
+
+void PathProbing::configured() {
+    for (auto& [pathIndex, path] : paths_) follow(pathIndex, path);
+    reflect();
+    arm();
+}
+
+const ProbeSession* PathProbing::session(uint32_t pathIndex) const {
+    const auto path = paths_.find(pathIndex);
+    return path == paths_.end() || !path->second.session ? nullptr : &*path->second.session;
+}
+
+void PathProbing::arm() {
+    Instant next = Instant::max();
+    Duration tick = tickOf(Duration::max());
+    for (const auto& [pathIndex, path] : paths_) {
+        if (!path.session) continue;
+        next = std::min({next, path.session->nextSend(), path.session->nextJudgement()});
+        tick = std::min(tick, tickOf(milliseconds(path.session->values().interval)));
+    }
+    if (next != Instant::max()) tick_.armAt(roundUp(next, tick));
+}
+
+void PathProbing::tick() {
+    const Instant now = in_.scheduler->now();
+    clock_.compare();
+    for (auto& [pathIndex, path] : paths_)
+        if (path.session &&
+            std::min(path.session->nextSend(), path.session->nextJudgement()) <= now)
+            path.source->due = true;
+    for (auto& [place, source] : sources_)
+        if (source->due) readAnswers(*source);
+    for (auto& [pathIndex, path] : paths_)
+        if (path.session && path.source->due && path.session->judge(now)) publish(pathIndex, path);
+    for (auto& [place, source] : sources_)
+        if (std::exchange(source->due, false)) sendDue(*source);
+    arm();
+}
+
+void PathProbing::readAnswers(Source& source) {
+    const auto pathOf = [&](const ProbeDatagram& datagram) -> std::pair<const uint32_t, Path>* {
+        const auto index = source.paths.find(datagram.peer);
+        if (index == source.paths.end() || datagram.port != probePort) return nullptr;
+        return &*paths_.find(index->second);
+    };
+    const ProbeSocket::Reports reports{
+        .transmitted =
+            [&](uint32_t id, nanoseconds sinceEpoch) {
+                const Source::Sent& sent = source.sent(id);
+                const auto path = paths_.find(sent.pathIndex);
+                const auto at = clock_.instant(sinceEpoch);
+                if (sent.id == id && at && path != paths_.end() && path->second.source == &source)
+                    path->second.session->transmitted(sent.sequence, *at);
+            },
+        .portUnreachable =
+            [&](const ProbeDatagram& quoted) {
+                auto* const path = pathOf(quoted);
+                if (path && path->second.session->portUnreachable(quoted.data))
+                    publish(path->first, path->second);
+            }};
+    for (int i = 0; i < maxReads && source.socket.receiveReports(reports);) ++i;
+    const auto take = [&](const ProbeDatagram& datagram) {
+        auto* const path = pathOf(datagram);
+        if (!path) return;
+        const auto at = datagram.sinceEpoch ? clock_.instant(*datagram.sinceEpoch) : std::nullopt;
+        if (path->second.session->receive(datagram.data, at.value_or(in_.scheduler->now())))
+            publish(path->first, path->second);
+    };
+    for (int i = 0; i < maxReads && source.socket.receive(take);) ++i;
+}
+
+void PathProbing::sendDue(Source& source) {
+    static std::array<std::array<std::byte, authenticatedStampSize>, 128> buffers;
+    std::vector<ProbeDatagram> datagrams;
+    std::vector<Source::Sent> sent;
+    for (const auto& [destination, pathIndex] : source.paths) {
+        ProbeSession& session = *paths_.at(pathIndex).session;
+        const Instant now = in_.scheduler->now();
+        if (session.nextSend() > now || sent.size() == buffers.size()) continue;
+        const SenderPacket packet = session.send(now, DayClock::now());
+        datagrams.push_back({.peer = destination,
+                             .port = probePort,
+                             .trafficClass = trafficClass(session.values().dscp),
+                             .data = write(packet, buffers[sent.size()], session.key())});
+        sent.push_back({0, pathIndex, packet.sequence});
+    }
+    const uint32_t first = source.socket.nextId();
+    source.socket.send(datagrams, [&](size_t at, int error) {
+        Path& path = paths_.at(sent[at].pathIndex);
+        path.session->sendFailed();
+        report(path.place, "A probe from " + path.key.srcAddr.stringValue() + " to " +
+                               path.key.dstAddr.stringValue() +
+                               " cannot be sent: " + std::strerror(error));
+    });
+    if (source.socket.nextId() != first + sent.size()) return void(source.lately = {});
+    for (uint32_t i = 0; i < sent.size(); ++i) {
+        sent[i].id = first + i;
+        source.sent(first + i) = sent[i];
+    }
+}
+
+void PathProbing::publish(uint32_t pathIndex, const Path& path) {
+    const PathQuality* before = quality_->pathQuality(pathIndex);
+    const PathLiveness state = before ? before->state : PathLiveness::notChecked;
+    PathQuality quality;
+    path.session->figures(quality);
+    if (quality.state == PathLiveness::dead && state != quality.state)
+        DUOLOG(linuxTrace, 4, "Path", pathIndex, " ", path.key,
+               " is dead: its other end no longer answers probes");
+    if (state == PathLiveness::dead && state != quality.state)
+        DUOLOG(linuxTrace, 5, "Path", pathIndex, " ", path.key, " is alive again");
+    quality_->pathQualityIs(pathIndex, quality);
+}
+
+void PathProbing::publish() {
+    for (const auto& [pathIndex, path] : paths_)
+        if (path.session) publish(pathIndex, path);
+    reflect();
+    publication_.armIn(publishInterval);
+}
+
+// Answers are given at the sources of all configured paths, to their destinations.
+void PathProbing::reflect() {
+    std::map<Reflector::Pair, Vel::Secret> peers;
+    std::set<Place> places;
+    std::set<Nav::PathKey> configured;
+    for (const Nav::PathConfig& vrf : in_.pathConfigDir->pathConfig())
+        for (const Nav::PathConfigEntry& entry : vrf.pathConfigEntry()) {
+            const IpGenAddr source = entry.key().srcAddr;
+            configured.insert(entry.key());
+            for (const Interface& interface : interfaces_().interfaces) {
+                if (interface.primary4.addr != source && interface.primary6.addr != source)
+                    continue;
+                if (interface.vrf.name != vrf.vrfName()) continue;
+                places.insert({source, interface.index});
+                peers[{source, entry.key().dstAddr}] = valuesOf(interface.name).key;
+            }
+        }
+    reflector_.peersAre(peers);
+    std::erase_if(answering_, [&](const auto& each) { return !places.contains(each.first); });
+    std::erase_if(memories_, [&](const auto& each) { return !configured.contains(each.first); });
+    for (const Place& place : places) {
+        if (answering_.contains(place)) continue;
+        try {
+            answering_.emplace(place, std::make_unique<Answering>(*this, place));
+        } catch (const Vel::Error& error) {
+            report(place, std::string("Probes of others are not answered: ") + error.what());
+        }
+    }
+}
+
+void PathProbing::handleProbes(Answering& answering) {
+    static std::array<std::array<std::byte, ProbeSocket::maxSize>, 64> buffers;
+    std::vector<ProbeDatagram> answers;
+    answering.socket.receive([&](const ProbeDatagram& probe) {
+        const auto answer = reflector_.answer(answering.local, probe, buffers[answers.size()],
+                                              in_.scheduler->now(), DayClock::now());
+        if (answer.empty()) return;
+        answers.push_back({.peer = probe.peer,
+                           .port = probe.port,
+                           .trafficClass = static_cast<uint8_t>(probe.trafficClass & 0xfc),
+                           .data = answer});
+    });
+    answering.socket.send(answers, [](size_t, int) {});
+}
+
+}  // namespace Agent::Linux
