@@ -18,3 +18,13 @@ install(FILES ${PROJECT_BINARY_DIR}/NavConfigVersion.cmake DESTINATION ${package
 
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/nav/examples
         COMPONENT examples EXCLUDE_FROM_ALL)
+
+# The agent as a service of systemd.
+if(NAV_BUILD_AGENT)
+    configure_file(systemd/nav-agent.service.in nav-agent.service @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/nav-agent.service DESTINATION lib/systemd/system)
+    install(FILES systemd/reflector.conf DESTINATION lib/systemd/system/nav-agent.service.d)
+    install(FILES systemd/nav-agent.sysusers DESTINATION lib/sysusers.d RENAME nav-agent.conf)
+    install(FILES systemd/nav-agent.default DESTINATION ${CMAKE_INSTALL_DATADIR}/nav)
+    install(FILES docs/operating.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+endif()

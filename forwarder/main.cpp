@@ -139,7 +139,7 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     sigprocmask(SIG_BLOCK, &blocked, &unblocked);
     try {
-        run(runDir.empty() ? Agent::defaultRunDir() : runDir, rate,
+        run(runDir.empty() ? Agent::clientRunDir() : runDir, rate,
             std::chrono::milliseconds(interval), unblocked);
     } catch (const std::exception& error) {
         std::cerr << "nav-forwarder: " << error.what() << "\n";

@@ -52,7 +52,7 @@ class Program {
     CLI::App* command(CLI::App& parent, const char* name, const std::string& description,
                       void (Program::*action)());
 
-    std::string runDir() const { return runDir_.empty() ? Agent::defaultRunDir() : runDir_; }
+    std::string runDir() const { return runDir_.empty() ? Agent::clientRunDir() : runDir_; }
     ExitStatus fail(const std::string& reason, ExitStatus status);
     void execute(std::vector<std::string> arguments);
     void flush();

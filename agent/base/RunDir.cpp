@@ -17,6 +17,8 @@ namespace Agent {
 
 namespace {
 
+constexpr const char* serviceRunDir = "/run/nav";
+
 [[noreturn]] void fail(const std::string& what) {
     throw RunDirError(what + ": " + std::strerror(errno));
 }
@@ -24,12 +26,22 @@ namespace {
 }  // namespace
 
 std::string defaultRunDir() {
-    if (geteuid() == 0) return "/run/nav";
+    if (geteuid() == 0) return serviceRunDir;
     const char* base = std::getenv("XDG_RUNTIME_DIR");
     if (base == nullptr || *base == '\0') {
         throw RunDirError("XDG_RUNTIME_DIR is not set: a run directory is required (--run-dir)");
     }
     return std::string(base) + "/nav";
+}
+
+std::string clientRunDir() {
+    const auto hasAgent = [](const std::string& directory) {
+        return access((directory + "/" + controlSocketName).c_str(), F_OK) == 0;
+    };
+    const char* base = std::getenv("XDG_RUNTIME_DIR");
+    const bool hasOwn = geteuid() == 0 || (base != nullptr && *base != '\0');
+    if (hasOwn && hasAgent(defaultRunDir())) return defaultRunDir();
+    return hasAgent(serviceRunDir) ? serviceRunDir : defaultRunDir();
 }
 
 sockaddr_un socketAddress(const std::string& path) {

@@ -22,6 +22,10 @@ inline constexpr const char* controlSocketName = "control.sock";
 // /run/nav for root, else $XDG_RUNTIME_DIR/nav; throws RunDirError if that is not set.
 std::string defaultRunDir();
 
+// Where a client looks for an agent: the directory above if an agent has a socket there, else
+// /run/nav, the service's, if the user may enter it; else the directory above.
+std::string clientRunDir();
+
 // The address of a Unix socket; throws RunDirError if the path is too long (107 bytes).
 sockaddr_un socketAddress(const std::string& path);
 
@@ -32,9 +36,9 @@ class RunDir {
     // the process, so a crashed agent never prevents the next start.
     explicit RunDir(std::string path);
     // The same; unless `group` is empty, the directory gets that group and mode 0750, so that its
-    // members may read the shared maps (platform/shard/Namespace.h). Sockets and lock stay
-    // accessible to the owner only. Throws RunDirError if the group is not found or the process may
-    // not assign it.
+    // members may read the shared maps (platform/shard/Namespace.h) and connect to the sockets,
+    // where they may read only. The lock stays accessible to the owner only. Throws RunDirError if
+    // the group is not found or the process may not assign it.
     RunDir(std::string path, const std::string& group);
     ~RunDir();
     RunDir(const RunDir&) = delete;

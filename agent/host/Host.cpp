@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <system_error>
@@ -117,6 +118,13 @@ std::string Host::show(const std::string& word) {
     });
     requests.requestDel(name);
     return file.content();
+}
+
+std::string Host::summary() const {
+    const auto isUp = [](const auto& each) { return each.second.state.up; };
+    const auto& paths = observer_->paths();
+    return std::to_string(std::ranges::count_if(paths, isUp)) + " of " +
+           std::to_string(paths.size()) + " paths are up";
 }
 
 Nav::NavDb* Host::database() const {

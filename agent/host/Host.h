@@ -36,6 +36,8 @@ class Host {
 
     // The library's answer to a show command; empty for an unknown word.
     std::string show(const std::string& word);
+    // "3 of 7 paths are up"
+    std::string summary() const;
     // /navDb; null while the container does not exist.
     Nav::NavDb* database() const;
     // This agent as the object of the control socket's requests.

@@ -53,11 +53,13 @@ HostAgent::HostAgent(Options options, Log& log)
       requests_(host_.controlled()),
       commands_(loop_, runDir_.path() + "/" + commandSocketName,
                 [this](const std::string& word) { return host_.show(word); }),
-      control_(loop_, runDir_.path() + "/" + controlSocketName, requests_) {
+      control_(loop_, runDir_.path() + "/" + controlSocketName, requests_),
+      manager_(loop_, [this] { return host_.summary(); }) {
     DUOLOG(agentTrace, 5, "nav-agent ", NAV_VERSION, " started, platform ", options_.platform,
            ", pid ", getpid(), ", run directory ", runDir_.path());
     host_.events().add({Event::Kind::agent, "nav-agent", "started, version " NAV_VERSION, {}, {}});
     loadFiles("start of the agent");
+    manager_.ready();
 }
 
 HostAgent::~HostAgent() {
@@ -67,12 +69,14 @@ HostAgent::~HostAgent() {
 void HostAgent::stop(const char* signal) {
     DUOLOG(agentTrace, 5, "stopping on ", signal);
     host_.events().add({Event::Kind::agent, "nav-agent", "stops", {}, signal});
+    manager_.stopping();
     loop_.stop();
 }
 
 void HostAgent::reload() {
     DUOLOG(agentTrace, 5, "reload on SIGHUP",
            options_.config.empty() && !forwarding_ ? ": no configuration file was given" : "");
+    manager_.reloading();
     try {
         loadFiles("SIGHUP");
     } catch (const std::exception& error) {
@@ -80,6 +84,7 @@ void HostAgent::reload() {
                             error.what(), "SIGHUP"});
         DUOLOG(agentTrace, 3, "configuration refused: ", LongText{error.what()});
     }
+    manager_.ready();
 }
 
 void HostAgent::loadFiles(const char* author) {

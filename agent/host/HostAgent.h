@@ -11,6 +11,7 @@
 #include "agent/shell/ControlServer.h"
 #include "agent/shell/EventLoop.h"
 #include "agent/shell/Log.h"
+#include "agent/shell/ServiceManager.h"
 #include "platform/shard/SharedFib.h"
 
 namespace Agent {
@@ -23,7 +24,7 @@ struct Options {
     std::string world;             // file that describes the simulated router; none if empty
     std::string runDir;            // not empty: main uses defaultRunDir() by default
     std::string events;            // file that keeps the events across restarts; none if empty
-    std::string group;             // its members may read the shared maps; none if empty
+    std::string group;             // its members may read, but change nothing; none if empty
     int logLevel = 5;              // of the trace; set by main
 };
 
@@ -58,6 +59,7 @@ class HostAgent {
     Control requests_;
     CommandServer commands_;
     ControlServer control_;
+    ServiceManager manager_;
 };
 
 }  // namespace Agent

@@ -27,8 +27,9 @@ int main(int argc, char** argv) {
     app.add_option("--run-dir", options.runDir,
                    "The directory of the sockets: /run/nav for root, else $XDG_RUNTIME_DIR/nav")
         ->type_name("DIR");
-    app.add_option("--group", options.group,
-                   "Group that may read the shared maps; the run directory gets it and mode 0750")
+    app.add_option(
+           "--group", options.group,
+           "Group that may read, but change nothing; the run directory gets it and mode 0750")
         ->type_name("NAME");
     app.add_option("--events", options.events, "Keep the events across restarts in this file")
         ->type_name("FILE");

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <set>
+
 #include "agent/model/DatumJson.h"
 #include "agent/shell/AgentTrace.h"
 #include "platform/trace/Ringlog.h"
@@ -66,6 +68,11 @@ Answer Control::handle(const std::string& op, const Json& request, Session& sess
         {"events", &Control::events}};
     if (const auto report = agent_.reports.find(op); report != agent_.reports.end())
         return report->second(request);
+    static const std::set<std::string> changes = {"set", "del", "load", "save"};
+    if (!session.mayChange() &&
+        (changes.contains(op) || (op == "log" && request.contains("level"))))
+        throw RequestError(op + ": permission denied to " + session.author() +
+                           "; only root and the agent's user may change anything, others may read");
     const auto operation = operations.find(op);
     if (operation == operations.end()) throw RequestError("op: \"" + op + "\" not found");
     if (agent_.manual || (op != "set" && op != "del" && op != "load"))

@@ -31,6 +31,7 @@ class ControlServer::Client final : public Session {
     void sendEvent(const Line& line) override;
     void startEvents() override;
     std::string author() const override;
+    bool mayChange() const override { return peer_.uid == 0 || peer_.uid == geteuid(); }
     void send(const std::string& line);
     bool watches() const { return watches_; }
     bool idle() { return !watches_ && evbuffer_get_length(output()) == 0; }
@@ -47,7 +48,8 @@ class ControlServer::Client final : public Session {
     ControlServer& server_;
     std::unique_ptr<bufferevent, void (*)(bufferevent*)> stream_;
     EventLoop::Registration again_;
-    ucred peer_{};  // as it was when the client connected
+    // As it was when the client connected; nobody's if the kernel does not tell.
+    ucred peer_{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
     bool watches_ = false;
     bool atEnd_ = false;    // the client sends no more; its requests are still answered
     bool closing_ = false;  // no more requests or events; the output is still sent

@@ -51,6 +51,8 @@ class Session : public Watcher {
     virtual void startEvents() = 0;
     // Who it is, by the kernel: "uid 0, pid 4711".
     virtual std::string author() const { return "a client"; }
+    // Whether it may change anything and read secrets; others who can connect may read the rest.
+    virtual bool mayChange() const { return true; }
 
   protected:
     ~Session() = default;

@@ -15,12 +15,16 @@ namespace {
 
 int listeningSocket(const std::string& path) {
     const sockaddr_un address = socketAddress(path);
+    struct stat directory {};
+    stat(path.substr(0, path.rfind('/')).c_str(), &directory);
+    const bool forGroup = (directory.st_mode & S_IXGRP) != 0;
     unlink(path.c_str());
     const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     // The mode is set before the first client can connect: nobody connects before listen().
     if (descriptor >= 0 &&
         bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        chmod(path.c_str(), 0600) == 0) {
+        (!forGroup || chown(path.c_str(), static_cast<uid_t>(-1), directory.st_gid) == 0) &&
+        chmod(path.c_str(), forGroup ? 0660 : 0600) == 0) {
         return descriptor;
     }
     const int reason = errno;

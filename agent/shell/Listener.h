@@ -1,5 +1,6 @@
-// A listening Unix socket for the owner of the run directory: created with mode 0600 after removing
-// a stale one of a crashed agent; removed on destruction.
+// A listening Unix socket for the owner of the run directory, and for the directory's group if that
+// may enter it: created with mode 0600, or 0660 and the group, after removing a stale one of a
+// crashed agent; removed on destruction.
 #pragma once
 
 #include <event2/listener.h>

@@ -1,0 +1,107 @@
+"""The agent as a service: service_test.py BUILD_DIR SOURCE_DIR.
+
+What it tells the service manager, what members of its group may do, and what systemd-analyze
+thinks of its unit.
+"""
+import grp
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import unittest
+
+from products import Products, await_, branch, main, patience, programs, source
+
+unit = f"{source}/systemd/nav-agent.service.in"
+
+
+class ServiceTest(Products):
+    def unit_in(self, directory):
+        """The unit as it is installed, with the program just built."""
+        with open(unit, encoding="utf-8") as file:
+            text = file.read().replace("@CMAKE_INSTALL_FULL_BINDIR@/nav-agent", programs["nav-agent"])
+        path = f"{directory}/nav-agent.service"
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text.replace("@CMAKE_INSTALL_FULL_DOCDIR@", "/usr/share/doc/nav"))
+        return path
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
+    def test_the_unit_is_correct_and_gives_away_little(self):
+        path = self.unit_in(self.run_dir())
+        done = subprocess.run(["systemd-analyze", "verify", path], capture_output=True, text=True,
+                              check=False)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        for drop_in, tenths in ((None, 15), ("reflector.conf", 16)):
+            if drop_in:
+                os.mkdir(f"{path}.d")
+                shutil.copy(f"{source}/systemd/{drop_in}", f"{path}.d")
+                with open(path, "a", encoding="utf-8") as file, \
+                        open(f"{path}.d/{drop_in}", encoding="utf-8") as more:
+                    file.write(more.read())  # offline, drop-ins are not read
+            done = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager",
+                                   f"--threshold={tenths}", path], capture_output=True, text=True,
+                                  check=False)
+            self.assertEqual(done.returncode, 0, done.stdout[-200:])
+
+    def test_the_service_manager_is_told(self):
+        run_dir = self.run_dir()
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(f"{run_dir}/manager")
+            manager.settimeout(patience)
+            environment = {**os.environ, "NOTIFY_SOCKET": manager.getsockname(),
+                           "WATCHDOG_USEC": "20000"}
+            agent = self.start(run_dir, "nav-agent", *branch, env=environment)
+
+            def told(word):
+                while word not in (lines := manager.recv(4096).decode().splitlines()):
+                    pass
+                return lines
+
+            self.assertIn("STATUS=0 of 0 paths are up", told("READY=1"))
+            self.assertEqual(self.navctl(run_dir, "ping").returncode, 0, "ready, so it answers")
+            while "STATUS=7 of 7 paths are up" not in told("WATCHDOG=1"):
+                pass
+            agent.send_signal(signal.SIGHUP)
+            self.assertTrue(told("RELOADING=1")[1].startswith("MONOTONIC_USEC="))
+            told("READY=1")
+            agent.send_signal(signal.SIGTERM)
+            told("STOPPING=1")
+            self.assertEqual(agent.wait(patience), 0)
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can become another user")
+    def test_members_of_the_group_read_and_change_nothing(self):
+        run_dir, group = self.run_dir(), grp.getgrnam("users")
+        agent = self.agent(run_dir, *branch, "--group", group.gr_name)
+        self.start(run_dir, "nav-forwarder")
+
+        def navctl(*arguments, gid=group.gr_gid):
+            return subprocess.run(
+                ["setpriv", "--reuid=65534", f"--regid={gid}", "--clear-groups", programs["navctl"],
+                 "--run-dir", run_dir, *arguments], capture_output=True, text=True, check=False,
+                timeout=patience, cwd="/")
+
+        if navctl("--version").returncode != 0:
+            self.skipTest("other users cannot run the programs built here")
+        for reading in (["get", "/cliConfig"], ["show", "paths"], ["show", "events"], ["explain"],
+                        ["trace"], ["log"], ["ping"]):
+            self.assertEqual(navctl(*reading).returncode, 0, reading)
+        await_("counters can be read", lambda: navctl("show", "counters").returncode == 0)
+        config = f"{source}/examples/branch/branch.json"
+        for changing in (["set", "/cliConfig/udpPortConfig", "1"], ["del", "/cliConfig/vrfConfig[v]"],
+                         ["load", config], ["save", "--forwarding", "/dev/shm/nav-not-written"],
+                         ["log", "path", "8"]):
+            done = navctl(*changing)
+            self.assertEqual(done.returncode, 1, changing)
+            self.assertIn("permission denied to uid 65534", done.stderr, changing)
+        self.assertEqual(navctl("ping", gid=65534).returncode, 4, "not a member")
+        self.assertEqual(self.navctl(run_dir, "set", "/cliConfig/udpPortConfig", "4000").returncode, 0)
+        events = json.loads(navctl("--json", "show", "events").stdout)
+        self.assertEqual([event["by"].split(",")[0] for event in events if event["event"].startswith(
+            'set "/cliConfig/udpPortConfig"')], ["uid 0"])
+        self.assertEqual(self.stop(agent), 0)
+
+
+if __name__ == "__main__":
+    main()
