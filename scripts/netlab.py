@@ -19,6 +19,7 @@ import json
 import os
 import shutil
 import signal
+import socket
 import struct
 import subprocess
 import tempfile
@@ -43,13 +44,13 @@ def call(function, *arguments):
         raise OSError(error, f"{function}: {os.strerror(error)}")
 
 
-def await_(what, condition, patience=60):
-    """The first true value of the condition."""
+def await_(what, condition, patience=60, every=0.01):
+    """The first true value of the condition, which is looked at each `every` seconds."""
     end = time.monotonic() + patience
     while not (value := condition()):
         if time.monotonic() > end:
             raise AssertionError(f"waited {patience} s in vain until {what}")
-        time.sleep(0.01)  # between two looks
+        time.sleep(every)  # between two looks
     return value
 
 
@@ -316,6 +317,19 @@ class Lab:
     def navctl(self, site, *arguments):
         return subprocess.run([self.programs["navctl"], "--run-dir", self.run_dir(site), *arguments],
                               text=True, capture_output=True, check=False, timeout=30)
+
+    def quality(self, site, provider, other):
+        """What a site measures of its path to another one; empty if nothing."""
+        ends = {"source": outside(provider, site, provider in self.v6_outside),
+                "destination": outside(provider, other, provider in self.v6_outside)}
+        # Not by navctl: to start a process many times a second would disturb what is measured.
+        with socket.socket(socket.AF_UNIX) as control, contextlib.suppress(OSError):
+            control.connect(f"{self.run_dir(site)}/control.sock")
+            control.sendall(b'{"op":"quality"}\n')
+            with control.makefile() as answers:
+                rows = json.loads(answers.readline())["value"]
+            return next((row for row in rows if ends.items() <= row.items()), {})
+        return {}
 
     def paths_up(self, site):
         """How many paths of a site can carry traffic."""

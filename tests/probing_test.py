@@ -1,0 +1,146 @@
+"""Probes of paths: probing_test.py BUILD_DIR SOURCE_DIR, as root.
+
+The sites and providers of scripts/netlab.py, with agents on some routers and the sender and reflector
+of tests/stamp.py on others. NAV_DETECTIONS: how often a path falls silent;
+NAV_SOAK: for how many seconds all processors are busy.
+"""
+import contextlib
+import datetime
+import json
+import math
+import os
+import re
+import statistics
+import subprocess
+import sys
+import time
+import unittest
+
+from products import main, programs, source  # which adds scripts/ to the path
+
+from netlab import Lab, Unavailable, await_, outside, providers, router  # noqa: E402
+
+stamp = [sys.executable, f"{source}/tests/stamp.py"]
+
+
+class QualityTest(unittest.TestCase):
+    def setUp(self):
+        cleanup = contextlib.ExitStack()
+        self.addCleanup(cleanup.close)
+        try:
+            self.lab = cleanup.enter_context(Lab(programs["nav-agent"], programs["navctl"],
+                                                 v6_outside=["mpls"]))
+        except Unavailable as reason:
+            self.skipTest(str(reason))
+        self.ends = {(provider, site): outside(provider, site, provider == "mpls")
+                     for provider in providers for site in (1, 2, 3)}
+
+    def start(self, *agents, **probe):
+        for site in agents:
+            self.lab.configure(site, forwarding=self.lab.forwarding(site) | {"probe": probe})
+            self.lab.start_agent(site)
+        for site in agents:
+            await_(f"paths of site {site} are up", lambda s=site: self.lab.paths_up(s) == 4)
+
+    def alive(self, site, provider, other):
+        return self.lab.quality(site, provider, other).get("alive", "unknown")
+
+    def await_alive(self, value, *path):
+        await_(f"alive is {value} of {path}", lambda: self.alive(*path) is value)
+
+    def deaths(self, site):
+        """When paths of a site died, by destination, in seconds since the epoch."""
+        return [(to, datetime.datetime.fromisoformat(when).timestamp()) for when, to in re.findall(
+            r"^(\S+) linux:4 Path.* Dst: (\S+) .*is dead", self.lab.log(site), re.MULTILINE)]
+
+    def send(self, site, provider, to, count, key=""):
+        """Probes of another sender."""
+        return json.loads(self.lab.run(f"router{site}", *stamp, "send", self.ends[provider, site],
+                                       self.ends[provider, to], str(count), "0.005", key))
+
+    def test_other_senders_and_reflectors_are_understood(self):
+        none = {"answered": 0, "faults": [], "consecutive": True}
+        for key in "", "secret":
+            for provider in providers:
+                reflector = self.lab.start("router2", *stamp, "reflect", self.ends[provider, 2], key)
+                self.start(1, key=key, window=2000)
+                # Those that came before the reflector leave the window.
+                await_("probes are answered", lambda p=provider: {
+                    "alive": True, "samples": 20, "lossForward": 0, "lossBackward": 0}.items() <=
+                    self.lab.quality(1, p, 2).items())
+                self.assertLess(self.lab.quality(1, provider, 2)["rttMs"], 5)
+                self.assertIsNone(self.alive(1, provider, 3))  # which nobody answers for
+                # The kernel of the other end tells that nobody listens any more.
+                reflector.kill()
+                reflector.wait()
+                self.await_alive(None, 1, provider, 2)
+                self.assertEqual(self.lab.paths_up(1), 4)
+                # The agent as reflector, for its own peers only.
+                self.assertEqual(self.send(2, provider, 1, 50, key),
+                                 {"answered": 50, "faults": [], "consecutive": True})
+                if key:
+                    self.assertEqual(self.send(2, provider, 1, 1, "another"), none)
+                    self.assertEqual(self.send(2, provider, 1, 1), none)
+                self.assertEqual(self.deaths(1), [])
+                self.lab.end_agent(1)
+        self.lab.ip("router3", "addr add 198.51.100.200/32 dev lo")
+        self.start(1)
+        self.ends["internet", 3] = "198.51.100.200"
+        self.assertEqual(self.send(3, "internet", 1, 1), none)
+
+    def test_loss_is_told_apart_by_direction(self):
+        for provider, to, port, direction in (("internet", "site2", "dport", "lossForward"),
+                                              ("mpls", "site1", "sport", "lossBackward")):
+            self.lab.nft(provider, f"add rule inet lab degrade oifname {to} udp {port} 862 "
+                                   "numgen random mod 100 < 20 drop")
+        self.start(1, 2, interval=10, multiplier=100, window=20000)
+        for provider, lossy, other in (("internet", "lossForward", "lossBackward"),
+                                       ("mpls", "lossBackward", "lossForward")):
+            row = await_("the window is full", lambda p=provider: next(
+                (row for row in [self.lab.quality(1, p, 2)] if row.get("samples") == 2000), None), 60)
+            self.assertLess(abs(row[lossy] - 20), 4 * math.sqrt(20 * 80 / 2000), row)
+            self.assertLess(row[other], 0.5, row)  # what a busy machine drops
+
+    def test_silent_paths_are_noticed_in_time(self):
+        interval, multiplier, trials = 97, 3, int(os.environ.get("NAV_DETECTIONS", "3"))
+        self.start(1, 2, interval=interval, multiplier=multiplier, upDelay=0)
+        late = []
+        for _ in range(trials):
+            self.await_alive(True, 1, "internet", 2)
+            before = len(self.deaths(1))
+            # The kernel drops from a full second on, which lies anywhere in the interval.
+            silent = int(time.time() + 1.2)
+            self.lab.nft("internet", f"add rule inet lab degrade oifname site2 meta time >= {silent} drop")
+            found = await_("the path is dead", lambda b=before: [
+                when for to, when in self.deaths(1)[b:] if to == self.ends["internet", 2]])
+            late.append((found[0] - silent) * 1000 - interval * multiplier)
+            await_("the path is down", lambda: self.lab.paths_up(1) == 3)
+            self.lab.nft("internet", "flush chain inet lab degrade")
+        print(f"{trials} silent paths were noticed {min(late):.1f} to {max(late):.1f} ms, half of them "
+              f"{statistics.median(late):.1f} ms, after {multiplier} intervals", flush=True)
+        self.assertLess(statistics.median(late), 20)
+        self.assertLess(max(late), 20 if trials >= 100 else 200)  # others may use the machine
+
+    def test_no_false_alarm_at_full_load_or_while_keys_change(self):
+        self.start(1, 2)
+        busy = [subprocess.Popen([sys.executable, "-c", "while True: pass"])
+                for _ in range(2 * (os.cpu_count() or 1))]
+        try:
+            # A path that has answered dies if one side refuses the other's probes for 0.3 s.
+            for key in "first", "second", "":
+                for site in 1, 2:
+                    self.lab.configure(site, forwarding=self.lab.forwarding(site) |
+                                       {"probe": {"key": key}})
+                    time.sleep(1)  # in which probes are exchanged
+                for site in 1, 2:
+                    self.await_alive(True, site, "mpls", 3 - site)
+            time.sleep(float(os.environ.get("NAV_SOAK", "5")))
+        finally:
+            for process in busy:
+                process.kill()
+                process.wait()
+        self.assertEqual(self.deaths(1) + self.deaths(2), [])
+
+
+if __name__ == "__main__":
+    main()
