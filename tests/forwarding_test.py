@@ -174,6 +174,41 @@ class ForwardingTest(unittest.TestCase):
             self.await_over(by[moving] + without, provider)
             self.assert_nothing_lost([each for each in everything if each not in without], firsts)
 
+    def test_voice_leaves_a_path_that_loses_packets(self):
+        for site in (1, 3):  # of which the first has a constraint
+            paths, forwarding = self.lab.configuration(site), self.lab.forwarding(site)
+            if site == 1:
+                paths["loadBalanceProfile"]["voice"]["lossRate"] = 3
+            forwarding["probe"] = {"interval": 20, "window": 2000, "upDelay": 500, "multiplier": 20}
+            self.lab.configure(site, paths, forwarding)
+
+        def measured():
+            rows = json.loads(self.lab.navctl(1, "--json", "show", "quality").stdout)
+            return all(row["alive"] and row["samples"] == 100 and row["lossForward"] == 0
+                       for row in rows)
+        await_("the paths are measured", measured)
+        constrained, free = calls = [self.stream(site, 2, voice, 50) for site in (1, 3)]
+        self.await_over(calls, "mpls")
+        firsts = self.firsts()
+        self.lab.degrade("mpls", 10)
+        self.await_over([constrained], "internet")
+        left = len(constrained.sent)
+        self.await_packets(calls, 500)
+        self.assertEqual(self.providers_of(calls), {constrained: {"internet"}, free: {"mpls"}})
+        lasts = self.firsts()
+        self.lab.degrade("mpls", 0)
+        self.await_over([constrained], "mpls")
+        self.traffic.settle()
+        lost, sent = ([each(call) for call in calls] for each in (
+            lambda call: call.lost(firsts[call]), lambda call: lasts[call] - firsts[call]))
+        print(f"voice at 50 packets/s, 10 % loss: {lost[0]} of {sent[0]} packets lost with a "
+              f"constraint of 3 %, {lost[1]} of {sent[1]} without", flush=True)
+        self.assertEqual(constrained.lost(left), 0, "a move loses nothing")
+        self.assertGreater(lost[1], 20)
+        self.assertLess(lost[0], lost[1] / 1.5)
+        for line in ("leaves Path.*: loss .* % > 3 %", "returns to Path.*: loss .* % <= 3 %"):
+            self.assertRegex(self.lab.log(1), f"voice to 10.255.0.2 {line}")
+
     def test_tcp_fits_the_tunnel_and_survives_its_path(self):
         for v6 in (False, True):
             server = ("host2", host(2, v6=v6), web)
