@@ -525,6 +525,7 @@ class ForwardingTest(unittest.TestCase):
         """How many packets to the tunnel's port a router has refused."""
         rules = self.lab.json(f"router{site}", "nft", "-j", "list", "chain", "inet", "nav", "tunnels_in")
         return sum(part["counter"]["packets"] for each in rules["nftables"] if "rule" in each
+                   and f'"right": {port}}}' in json.dumps(each["rule"]["expr"])
                    for part in each["rule"]["expr"] if "counter" in part)
 
     def test_only_configured_senders_get_through(self):
