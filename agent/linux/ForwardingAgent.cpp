@@ -18,24 +18,13 @@ ForwardingAgent::ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& mo
       monitor_(monitor),
       forwarding_(forwarding),
       probing_(probing),
-      quality_(quality),
       solicitation_(Loom::call<&ForwardingAgent::solicit>(*this)),
       confirmation_(*in_.scheduler, Loom::call<&ForwardingAgent::confirm>(*this)),
       paths_(*this, *in_.navStatusDir),
-      measured_(Vel::Subscription::to<&ForwardingAgent::handleQuality>(
-          quality, QualityStatus::pathQualityAttr, this)) {}
+      dead_(quality, Loom::call<&ForwardingAgent::review>(*this)) {}
 
 void ForwardingAgent::review() {
     paths_.forEach([](VelPathStatusEntry& path) { path.reviewLater(); });
-}
-
-bool ForwardingAgent::dead(U32 pathIndex) const {
-    const PathQuality* quality = quality_->pathQuality(pathIndex);
-    return quality && quality->state == PathLiveness::dead;
-}
-
-void ForwardingAgent::handleQuality(const U32& pathIndex) {
-    if (dead(pathIndex) ? dead_.insert(pathIndex).second : dead_.erase(pathIndex) != 0) review();
 }
 
 // Null if the path has no route.
@@ -112,7 +101,7 @@ U32 ForwardingAgent::VelPathStatusEntry::program(const Nav::HwPathInfo& info) {
     if (!agent_.forwarding_) return info.pathIndex;
     agent_.forwarding_->pathIs(info.pathIndex,
                                {path_->key(), nexthop_->addr, nexthop_->ifIndex, info.via.intfId,
-                                info.via.weight, !agent_.dead(info.pathIndex)});
+                                info.via.weight, !agent_.dead_.has(info.pathIndex)});
     return agent_.forwarding_->programmed(info.pathIndex);
 }
 

@@ -22,6 +22,7 @@
 #include "agent/linux/forwarding/Forwarding.h"
 #include "agent/linux/kernel/KernelMonitor.h"
 #include "agent/linux/quality/PathProbing.h"
+#include "agent/router/DeadPaths.h"
 #include "agent/router/PathReactors.h"
 
 namespace Agent::Linux {
@@ -69,8 +70,6 @@ class ForwardingAgent {
     };
 
     const Shard::Fib::Fec* fecOf(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
-    bool dead(Vel::U32 pathIndex) const;
-    void handleQuality(const Vel::U32& pathIndex);
     bool followNexthop(const Neighbour& nexthop);
     void solicit();
     void confirm();
@@ -79,14 +78,12 @@ class ForwardingAgent {
     KernelMonitor& monitor_;
     Forwarding* const forwarding_;
     PathProbing* const probing_;
-    const Vel::Ptr<QualityStatus> quality_;
-    std::set<Vel::U32> dead_;        // paths, as last notified
     Vel::U32 version_ = 0;           // of the last entry written
     std::set<Neighbour> toSolicit_;  // by the next run of solicitation_ or confirmation_
     Loom::Task solicitation_;
     Loom::Timer confirmation_;
     PathReactors<VelPathStatusEntry, ForwardingAgent> paths_;
-    Vel::Subscription measured_;
+    const DeadPaths dead_;  // reviews them, so it goes first
 };
 
 }  // namespace Agent::Linux

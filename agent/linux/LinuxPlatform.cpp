@@ -33,7 +33,9 @@ class LinuxPlatform::Services {
     void configured();
     std::optional<Json> report() {
         if (!forwarding_) return {};
-        return reportOf(in_, *config_, *forwarding_);
+        Json report = reportOf(in_, *config_, *forwarding_);
+        report["probes"] = probing_->report();
+        return report;
     }
 
   private:

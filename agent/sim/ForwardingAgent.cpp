@@ -8,22 +8,11 @@ namespace Agent::Sim {
 
 ForwardingAgent::ForwardingAgent(const Nav::NavInputs& inputs, QualityStatus& quality,
                                  const World& world)
-    : quality_(quality),
-      world_(world),
+    : world_(world),
       scheduler_(inputs.scheduler.ptr()),
       hardware_(inputs.hwPathStatus.ptr()),
       paths_(*this, *inputs.navStatusDir),
-      measured_(Vel::Subscription::to<&ForwardingAgent::handleQuality>(
-          quality, QualityStatus::pathQualityAttr, this)) {}
-
-bool ForwardingAgent::dead(U32 pathIndex) const {
-    const PathQuality* quality = quality_->pathQuality(pathIndex);
-    return quality && quality->state == PathLiveness::dead;
-}
-
-void ForwardingAgent::handleQuality(const U32& pathIndex) {
-    if (dead(pathIndex) ? dead_.insert(pathIndex).second : dead_.erase(pathIndex) != 0) review();
-}
+      dead_(quality, Loom::call<&ForwardingAgent::review>(*this)) {}
 
 void ForwardingAgent::review() {
     paths_.forEach([](VelPathStatusEntry& path) { path.reviewLater(); });
@@ -53,7 +42,7 @@ std::optional<ForwardingAgent::Programme> ForwardingAgent::VelPathStatusEntry::w
         return via.interface == info.via.intfId && via.gateway == info.via.hop;
     };
     if (info.pathState != Nav::PathState::resolved || familiesDiffer(key) ||
-        agent_.dead(info.pathIndex) ||
+        agent_.dead_.has(info.pathIndex) ||
         std::ranges::none_of(agent_.world_.lookup(vrf_->vrfName(), key.dstAddr), isTaken) ||
         !agent_.world_.neighbourDelay(info.via.intfId, info.via.hop))
         return std::nullopt;

@@ -10,9 +10,8 @@
 
 #include <map>
 #include <optional>
-#include <set>
 
-#include "agent/router/PathQuality.h"
+#include "agent/router/DeadPaths.h"
 #include "agent/router/PathReactors.h"
 #include "agent/sim/World.h"
 
@@ -66,11 +65,6 @@ class ForwardingAgent {
     // The ARP index of a next hop, the same for all paths that use it. Never 0.
     U32 arpIndexOf(const Netz::IntfId& interface, const Netz::IpGenAddr& hop);
 
-    bool dead(U32 pathIndex) const;
-    void handleQuality(const U32& pathIndex);
-
-    const Vel::Ptr<QualityStatus> quality_;
-    std::set<U32> dead_;  // of the paths, as last notified
     const World& world_;
     const Vel::Ptr<Vel::Scheduler> scheduler_;
     const Vel::Ptr<Nav::HwPathStatus> hardware_;
@@ -78,7 +72,7 @@ class ForwardingAgent {
     U32 lastPathIndex_ = 0;  // the last hardware path index allocated
     U32 version_ = 0;        // of the last hardware update
     PathReactors<VelPathStatusEntry, ForwardingAgent> paths_;
-    Vel::Subscription measured_;
+    const DeadPaths dead_;  // reviews them, so it goes first
 };
 
 }  // namespace Agent::Sim

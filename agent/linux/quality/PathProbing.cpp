@@ -162,9 +162,33 @@ void PathProbing::configured() {
     arm();
 }
 
-const ProbeSession* PathProbing::session(uint32_t pathIndex) const {
-    const auto path = paths_.find(pathIndex);
-    return path == paths_.end() || !path->second.session ? nullptr : &*path->second.session;
+Json PathProbing::report() const {
+    Json rows = Json::array();
+    for (const auto& [pathIndex, path] : paths_) {
+        if (!path.session) continue;
+        const ProbeCounts& counts = path.session->counts();
+        rows.push_back({{"path", "Path" + std::to_string(pathIndex)},
+                        {"source", path.key.srcAddr.stringValue()},
+                        {"destination", path.key.dstAddr.stringValue()},
+                        {"sent", counts.sent},
+                        {"refused", counts.refused},
+                        {"answered", counts.answered},
+                        {"lost", counts.lost},
+                        {"late", counts.late},
+                        {"duplicate", counts.duplicate},
+                        {"unexpected", counts.unexpected},
+                        {"malformed", counts.malformed},
+                        {"notAuthentic", counts.notAuthentic}});
+    }
+    const ReflectorCounts& counts = reflector_.counts();
+    return {{"paths", rows},
+            {"reflector",
+             {{"answered", counts.answered},
+              {"stranger", counts.stranger},
+              {"malformed", counts.malformed},
+              {"notAuthentic", counts.notAuthentic},
+              {"replayed", counts.replayed},
+              {"limited", counts.limited}}}};
 }
 
 void PathProbing::arm() {
@@ -270,8 +294,11 @@ void PathProbing::publish(uint32_t pathIndex, const Path& path) {
 }
 
 void PathProbing::publish() {
-    for (const auto& [pathIndex, path] : paths_)
+    for (auto& [pathIndex, path] : paths_) {
+        follow(pathIndex, path);  // whose socket may have been refused before
         if (path.session) publish(pathIndex, path);
+    }
+    arm();
     reflect();
     publication_.armIn(publishInterval);
 }

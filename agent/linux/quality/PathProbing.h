@@ -12,6 +12,7 @@
 #include <map>
 #include <set>
 
+#include "agent/base/Json.h"
 #include "agent/linux/kernel/LinkState.h"
 #include "agent/linux/quality/DayClock.h"
 #include "agent/linux/quality/ProbeSession.h"
@@ -38,8 +39,10 @@ class PathProbing {
     // Called after a change of the configuration.
     void configured();
 
-    const ProbeSession* session(uint32_t pathIndex) const;  // null: not probed
-    const ReflectorCounts& reflected() const { return reflector_.counts(); }
+    // What became of probes and answers so far: an object of
+    //     paths      [{path, source, destination, and the fields of ProbeCounts}]
+    //     reflector  {the fields of ReflectorCounts}
+    Json report() const;
 
   private:
     // The end of paths at one address on one interface.
