@@ -101,20 +101,21 @@ template <class Values>
 void Oracle::mustBeOneOf(const std::string& place, const Values& values) {
     Choice& choice = expected_[place];
     choice.required = true;
-    for (const auto& value : values) choice.values.insert(text(value));
+    for (const auto& value : values) choice.values.push_back(text(value));
 }
 
 // The value of the last check, unless another is expected.
 void Oracle::mayKeep(const std::string& place) {
     const std::string* was = find(before_.published, place);
-    if (was && !expected_.contains(place)) expected_[place].values.insert(*was);
+    if (was && !expected_.contains(place)) expected_[place].values.push_back(*was);
 }
 
 void Oracle::compare() const {
     for (const auto& [place, value] : seen_.published) {
         const Choice* choice = find(expected_, place);
         hold(choice || isOpen(place), place, "nothing");
-        if (!choice || choice->values.empty() || choice->values.contains(value)) continue;
+        if (!choice || choice->values.empty() || std::ranges::count(choice->values, value) != 0)
+            continue;
         std::string all;
         for (const std::string& each : choice->values) all += (all.empty() ? "" : " or ") + each;
         throw Difference(place + ": expected " + all + ", got " + value);
@@ -309,7 +310,7 @@ void Oracle::database() {
         mustBeOneOf(at("/navDb/srcToIntfMapping", addr), intfs);
     for (const auto& [id, intf] : now_.interfaces)  // a mapping may outlive the paths
         if (!intfsOf.contains(intf.addr))
-            expected_[at("/navDb/srcToIntfMapping", intf.addr)].values.insert(text(id));
+            expected_[at("/navDb/srcToIntfMapping", intf.addr)].values.push_back(text(id));
 }
 
 // The ids that count stand in both maps; what else is there was left when it counted.
@@ -376,8 +377,8 @@ void Oracle::statuses() {
 }
 
 // With the encapsulation that the path has.
-std::set<std::string> Oracle::infosFor(const PathKey& key, const Live& path,
-                                       const Live* was) const {
+std::vector<std::string> Oracle::infosFor(const PathKey& key, const Live& path,
+                                          const Live* was) const {
     const bool encapsulated = path.encapId != Nav::noEncapId;
     const bool secured = encapsulated || !path.ipsecProfile.empty();
     std::set types{secured ? PathType::securedPath : PathType::unsecuredPath};
@@ -385,7 +386,7 @@ std::set<std::string> Oracle::infosFor(const PathKey& key, const Live& path,
     if (const Connection* connection = connectionOf(now_, key, path.vrf);
         connection && connection->state == Ipsec::Path::established)
         types.insert(PathType::securedPath);
-    std::set<std::string> infos;
+    std::vector<std::string> infos;
     for (const Via& via : viasFor(key, path, was))
         for (const PathType type : types)
             for (const PathState state : {PathState::unresolved, PathState::resolved}) {
@@ -395,7 +396,7 @@ std::set<std::string> Oracle::infosFor(const PathKey& key, const Live& path,
                 const bool either =
                     path.ipsecProfile.empty() && secured != (type == PathType::securedPath);
                 if (either || (state == PathState::resolved) == (open && via != Via{}))
-                    infos.insert(text(Nav::HwPathInfo{type, state, path.index, via}));
+                    infos.push_back(text(Nav::HwPathInfo{type, state, path.index, via}));
             }
     return infos;
 }

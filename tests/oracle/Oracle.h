@@ -10,6 +10,7 @@
 #pragma once
 
 #include <stdexcept>
+#include <unordered_map>
 
 #include "tests/oracle/World.h"
 
@@ -62,7 +63,7 @@ class Oracle {
     };
     // The values that a place may have; any if none is named.
     struct Choice {
-        std::set<std::string> values = {};
+        std::vector<std::string> values = {};
         bool required = false;
     };
     // Everything derived that later checks compare with.
@@ -103,8 +104,8 @@ class Oracle {
     void vrfMaps();
     void sites();
     void statuses();
-    std::set<std::string> infosFor(const Nav::PathKey& key, const Live& path,
-                                   const Live* was) const;
+    std::vector<std::string> infosFor(const Nav::PathKey& key, const Live& path,
+                                      const Live* was) const;
     std::vector<Shard::Fib::Via> viasFor(const Nav::PathKey& key, const Live& path,
                                          const Live* was) const;
     std::set<U32> encapIdsFor(const Nav::PathKey& key, const Live& path, const Live* was) const;
@@ -121,8 +122,8 @@ class Oracle {
     bool keepsRules(U32 vrfId) const;
     const Nav::NavRuleEntry* governing(U32 vrfId, U32 appId, const String& group) const;
 
-    const World* world_ = nullptr;  // during a check
-    std::map<std::string, Choice> expected_;
+    const World* world_ = nullptr;                      // during a check
+    std::unordered_map<std::string, Choice> expected_;  // by place
     Inputs last_, now_;
     Results before_, seen_;
     bool fresh_ = false, settled_ = true;

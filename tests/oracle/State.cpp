@@ -87,14 +87,16 @@ void flatten(const Entity& entity, const std::string& place, Flat& out) {
         if (a.kind == Attribute::Kind::plain) out[at] = json(a.get(entity));
         if (a.kind == Attribute::Kind::child)
             if (const Entity* child = a.find(entity, "")) flatten(*child, at, out);
-        if (!a.keyed()) continue;
-        for (const std::string& key : a.keys(entity))
-            if (const std::string entry = at + "[" + key + "]"; a.kind == Attribute::Kind::set)
-                out[entry];
-            else if (a.kind == Attribute::Kind::collection)
-                flatten(*a.find(entity, key), entry, out);
-            else
-                out[entry] = json(*a.getAt(entity, key));
+        if (a.kind == Attribute::Kind::set)
+            for (const std::string& key : a.keys(entity)) out[at + "[" + key + "]"];
+        if (a.kind == Attribute::Kind::collection)
+            for (const std::string& key : a.keys(entity))
+                flatten(*a.find(entity, key), at + "[" + key + "]", out);
+        if (a.kind == Attribute::Kind::map || a.kind == Attribute::Kind::values) {
+            const Datum all = a.get(entity);
+            for (const auto& [key, value] : *all.as<Datum::Members>())
+                out[at + "[" + key + "]"] = json(value);
+        }
     }
 }
 
