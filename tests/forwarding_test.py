@@ -9,6 +9,7 @@ import contextlib
 import json
 import os
 import random
+import re
 import shutil
 import signal
 import socket
@@ -19,7 +20,7 @@ import tempfile
 import time
 import unittest
 
-from products import main, programs  # which adds scripts/ to the path
+from products import main, programs, source  # which adds scripts/ to the path
 
 from netlab import (Lab, Unavailable, await_, gateway, host, outside, port,  # noqa: E402
                     providers, router, sites, tunnel)
@@ -468,6 +469,46 @@ class ForwardingTest(unittest.TestCase):
             self.await_receiver(new, new_at)
             self.await_receiver(within, within_at)
         self.assertNotIn("refuses", self.lab.log(1) + self.lab.log(2))
+
+    def refused(self, site):
+        """What the kernel refuses the agent: reasons by objects."""
+        shown = self.lab.navctl(site, "--json", "show", "forwarding").stdout
+        return {row["object"]: row["reason"] for row in json.loads(shown)["refused"]} if shown else {}
+
+    def test_trouble_is_named_and_nobody_elses_is_touched(self):
+        lab, before = self.lab, objects(self.lab, 3)
+        with tempfile.TemporaryDirectory() as place, \
+                self.assertRaisesRegex(RuntimeError, "requires CAP_NET_ADMIN"):
+            lab.run("router3", "setpriv", "--bounding-set", "-net_admin", programs["nav-agent"],
+                    "--platform", "linux", "--run-dir", place,
+                    "--forwarding", f"{lab.run_dir(3)}/forwarding.json")
+        self.assertEqual(objects(lab, 3), before)
+        configuration = lab.configuration(1)
+        configuration["udpPortConfig"] = port + 5
+        with open_socket(lab, "router1", socket.SOCK_DGRAM, outside("internet", 1), port + 5):
+            lab.configure(1, configuration)
+            await_("the port is named", lambda: f"UDP port {port + 5} is in use" in str(self.refused(1)))
+        await_("the port is taken", lambda: not self.refused(1) and lab.paths_up(1) == 4)
+        shown = json.loads(lab.navctl(1, "--json", "show", "forwarding").stdout)
+        somebodys = f"10.2.0.0/16 dev lan metric 110 proto static table {shown['applications'][0]['table']}"
+        self.assertEqual(lab.end_agent(1), 0)
+        lab.ip("router1", f"route add {somebodys}")
+        lab.start_agent(1)
+        await_("the route is named", lambda: list(self.refused(1).values()) == ["File exists"])
+        lab.ip("router1", f"route del {somebodys}")  # fails unless it is as it was
+        await_("the route is made", lambda: not self.refused(1))
+
+    def test_documented_commands_show_what_is_installed(self):
+        shown = json.loads(self.lab.navctl(1, "--json", "show", "forwarding").stdout)
+        site, application = shown["sites"][0], shown["applications"][0]
+        words = {"ID": site["group"], "TABLE": application["table"], "MARK": application["mark"],
+                 "TO": host(2), "HOST": host(1), "LAN": "lan"}
+        with open(f"{source}/docs/forwarding.md", encoding="utf-8") as page:
+            commands = re.findall(r"(?:^    |`)((?:ip|bridge|nft) [^`\n]+)", page.read(), re.M)
+        self.assertGreater(len(commands), 10)
+        for command in commands:
+            output = self.lab.run("router1", *(str(words.get(word, word)) for word in command.split()))
+            self.assertTrue(output or "route add" in command or "flush" in command, command)
 
     def start_bgp(self, site, prefix):
         """FRR's daemons on a router, announcing a prefix to the other routers."""

@@ -7,6 +7,7 @@
 #include "agent/linux/PathRoutes.h"
 #include "agent/linux/forwarding/Counting.h"
 #include "agent/linux/forwarding/Forwarding.h"
+#include "agent/linux/forwarding/Prerequisites.h"
 #include "agent/linux/forwarding/Report.h"
 #include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/linux/quality/PathProbing.h"
@@ -77,6 +78,7 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
       readable_(loop.onReadable(monitor_.fd(), [this] { monitor_.handleReadable(); })) {
     monitor_.start();
     if (config_) {
+        requireForwarding();
         forwarding_.emplace(inputs, config_, monitor_, *quality_, [this] { agent_->review(); });
         startCounting(loop, options.runDir);
         tableChanged_ =

@@ -22,4 +22,11 @@ std::string Nftables::run(const std::string& commands) {
     return reason.empty() ? "no reason given" : reason;
 }
 
+std::string Nftables::check(const std::string& commands) {
+    nft_ctx_set_dry_run(context_, true);
+    const std::string reason = run(commands);
+    nft_ctx_set_dry_run(context_, false);
+    return reason;
+}
+
 }  // namespace Agent::Linux

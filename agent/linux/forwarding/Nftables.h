@@ -17,6 +17,8 @@ class Nftables {
     // Either all commands take effect or none. Returns the reason of a refusal, empty on success.
     // Blocks for the duration of the transaction, some milliseconds.
     std::string run(const std::string& commands);
+    // The same without taking effect.
+    std::string check(const std::string& commands);
 
   private:
     nft_ctx* const context_;

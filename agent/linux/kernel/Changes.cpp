@@ -19,8 +19,6 @@ namespace Agent::Linux {
 
 namespace {
 
-constexpr uint16_t create = NLM_F_CREATE | NLM_F_REPLACE;
-
 unsigned char familyOf(const Netz::IpGenAddr& addr) {
     return addr.isV4() ? AF_INET : AF_INET6;
 }
@@ -36,8 +34,9 @@ ifinfomsg linkHeader(uint32_t ifIndex) {
 constexpr uint16_t groupBuckets = 64;
 constexpr uint32_t groupIdleTime = 100;  // in the 1/100 s of USER_HZ
 
-constexpr uint16_t nexthopFlags(bool created) {
-    return created ? NLM_F_CREATE | NLM_F_EXCL : create;
+// Of a request that makes an object, or replaces it.
+constexpr uint16_t creation(bool create) {
+    return NLM_F_CREATE | (create ? NLM_F_EXCL : NLM_F_REPLACE);
 }
 
 uint8_t routeType(Route::Action action) {
@@ -133,7 +132,7 @@ void Changes::address(uint16_t type, uint16_t flags, uint32_t ifIndex,
 }
 
 size_t Changes::addressIs(uint32_t ifIndex, const Netz::IpAddrWithMask& addr) {
-    address(RTM_NEWADDR, create, ifIndex, addr);
+    address(RTM_NEWADDR, NLM_F_CREATE | NLM_F_REPLACE, ifIndex, addr);
     return added();
 }
 
@@ -144,7 +143,7 @@ size_t Changes::addressDel(uint32_t ifIndex, const Netz::IpAddrWithMask& addr) {
 
 // Of family AF_INET6, which routes of both families can use.
 size_t Changes::nexthopIs(const Nexthop& nexthop, bool create) {
-    begin(RTM_NEWNEXTHOP, nexthopFlags(create), nexthopHeader(AF_INET6));
+    begin(RTM_NEWNEXTHOP, creation(create), nexthopHeader(AF_INET6));
     writer_.attribute(NHA_ID, nexthop.id);
     writer_.attribute(NHA_OIF, nexthop.ifIndex);
     const bool v4 = nexthop.destination.isV4();
@@ -168,7 +167,7 @@ size_t Changes::nexthopGroupIs(const NexthopGroup& group, bool create) {
         entry.weight = static_cast<uint8_t>(member.weight - 1);
         members.push_back(entry);
     }
-    begin(RTM_NEWNEXTHOP, nexthopFlags(create), nexthopHeader(AF_UNSPEC));
+    begin(RTM_NEWNEXTHOP, creation(create), nexthopHeader(AF_UNSPEC));
     writer_.attribute(NHA_ID, group.id);
     writer_.attribute(NHA_GROUP, std::as_bytes(std::span(members)));
     writer_.attribute(NHA_GROUP_TYPE, uint16_t{NEXTHOP_GRP_TYPE_RES});
@@ -207,8 +206,8 @@ void Changes::route(uint16_t type, uint16_t flags, const Route& route) {
     writer_.attribute(RTA_OIF, route.ifIndex);
 }
 
-size_t Changes::routeIs(const Route& route) {
-    this->route(RTM_NEWROUTE, create, route);
+size_t Changes::routeIs(const Route& route, bool create) {
+    this->route(RTM_NEWROUTE, creation(create), route);
     return added();
 }
 

@@ -33,7 +33,8 @@ class Changes {
     size_t nexthopIs(const Nexthop& nexthop, bool create);
     size_t nexthopGroupIs(const NexthopGroup& group, bool create);
     size_t nexthopDel(uint32_t id);
-    size_t routeIs(const Route& route);
+    // `create`: refused if the table has a route with this prefix and metric, whosever it is.
+    size_t routeIs(const Route& route, bool create);
     size_t routeDel(const Route::Key& key);
     size_t ruleIs(const Rule& rule);
     size_t ruleDel(const Rule& rule);

@@ -1,7 +1,13 @@
 #include "agent/linux/kernel/ObjectWriter.h"
 
+#include <arpa/inet.h>
 #include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <fstream>
 
 #include "agent/linux/kernel/LinuxTrace.h"
@@ -25,6 +31,25 @@ void allowForwarding(const Netz::IntfId& name) {
                                        std::pair("ipv6/conf/" + link + "/forwarding", "1")})
         if (!(std::ofstream("/proc/sys/net/" + place) << value << std::flush))
             DUOLOG(linuxTrace, 3, "net/", place, " cannot be set to ", value);
+}
+
+// The kernel receives a tunnel's packets by sockets for all addresses. It refuses them when the
+// device is set up, which is too late: a device with another port has been removed by then.
+bool portIsFree(uint16_t port) {
+    for (const int family : {AF_INET, AF_INET6}) {
+        const int fd = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) continue;  // a kernel without IPv6
+        const int on = 1;
+        if (family == AF_INET6) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+        sockaddr_in6 any{};  // its port lies where that of sockaddr_in does
+        any.sin6_family = static_cast<sa_family_t>(family);
+        any.sin6_port = htons(port);
+        const bool taken = bind(fd, reinterpret_cast<const sockaddr*>(&any), sizeof any) != 0 &&
+                           errno == EADDRINUSE;
+        close(fd);
+        if (taken) return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -65,17 +90,31 @@ void ObjectWriter::make(const Object& object, bool exists) {
         void operator()(const Tunnel&) const {}
         void operator()(const Nexthop& nexthop) const { changes.nexthopIs(nexthop, !exists); }
         void operator()(const NexthopGroup& group) const { changes.nexthopGroupIs(group, !exists); }
-        void operator()(const Route& route) const { changes.routeIs(route); }
+        void operator()(const Route& route) const { changes.routeIs(route, !exists); }
         void operator()(const Rule& rule) const { changes.ruleIs(rule); }
     } const visitor{changes_, exists};
     std::visit(visitor, object);
     batch_.emplace_back(keyOf(object), object);
 }
 
+// Whether some tunnel device of the agent has the port; those of all VRFs share it.
+bool ObjectWriter::hasPort(uint16_t port) const {
+    return std::ranges::any_of(present_, [&](const auto& item) {
+        const auto* tunnel = std::get_if<Tunnel>(&item.second);
+        return tunnel && tunnel->udpPort == port;
+    });
+}
+
 // A device's port is fixed when it is made; with a new one, it is made anew, and what uses it too.
 void ObjectWriter::makeTunnel(const Tunnel& wanted, const Tunnel* present) {
     const std::string name(wanted.name.str());
     const auto add = [&] { batch_.emplace_back(wanted.key(), wanted); };
+    if (!hasPort(wanted.udpPort) && !portIsFree(wanted.udpPort)) {
+        const std::string reason = "UDP port " + std::to_string(wanted.udpPort) + " is in use";
+        DUOLOG(linuxTrace, 3, "The kernel refuses ", textOf(Object(wanted)), ": ", reason);
+        refused_.insert_or_assign(wanted.key(), reason);
+        return;
+    }
     if (present && present->udpPort != wanted.udpPort) {
         remove(wanted.key());
         commit();

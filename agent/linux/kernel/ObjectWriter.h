@@ -38,6 +38,7 @@ class ObjectWriter {
 
   private:
     void make(const Object& object, bool exists);
+    bool hasPort(uint16_t port) const;
     void makeTunnel(const Tunnel& wanted, const Tunnel* present);
     void remove(const ObjectKey& key);
     size_t commit();
