@@ -240,6 +240,17 @@ def versions(rows):
     return found, missing
 
 
+def write_page(path, section, lines):
+    """Replaces what is between the section's markers in a page."""
+    with open(path, encoding="utf-8") as page:
+        text = page.read()
+    begin, end = f"<!-- {section}: begin -->\n", f"<!-- {section}: end -->"
+    head, rest = text.split(begin)
+    tail = rest.split(end)[1]
+    with open(path, "w", encoding="utf-8") as page:
+        page.write(head + begin + "\n".join(lines) + "\n" + end + tail)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("folder")
@@ -263,13 +274,8 @@ def main():
         json.dump({"machine": about, "packages": packages, "missing": missing, "left_out": left_out,
                    "rows": report}, out, indent=2)
     if arguments.page:
-        with open(arguments.page, encoding="utf-8") as page:
-            text = page.read()
-        begin, end = "<!-- bench: begin -->\n", "<!-- bench: end -->"
-        head, rest = text.split(begin)
-        tail = rest.split(end)[1]
-        with open(arguments.page, "w", encoding="utf-8") as page:
-            page.write(head + begin + "\n".join(lines) + "\n" + end + tail)
+        write_page(arguments.page, "bench", lines)
 
 
-main()
+if __name__ == "__main__":
+    main()
