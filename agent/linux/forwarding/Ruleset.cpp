@@ -224,19 +224,35 @@ class Writer {
         chain("tunnels_in", "filter hook input priority filter");
         chain("tunnels_out", "filter hook postrouting priority mangle");
         Texts peers[2], secured[2], securedOut[2];
+        const auto allow = [&](const IpGenAddr& source, const IpGenAddr& destination,
+                               const Interface& interface, bool protect) {
+            const bool v6 = source.isV6();
+            const std::string out = source.stringValue() + " . " + destination.stringValue();
+            const std::string in = destination.stringValue() + " . " + source.stringValue();
+            peers[v6].insert(in + " . " + quoted(interface.name.str()));
+            if (!protect) return;
+            secured[v6].insert(in);
+            securedOut[v6].insert(out);
+        };
         for (const Nav::PathConfig& vrf : in_.pathConfigDir->pathConfig())
             for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
                 const auto& [source, destination, vrfId] = path.key();
-                const bool v6 = source.isV6();
-                if (destination.isV6() != v6) continue;
-                const std::string out = source.stringValue() + " . " + destination.stringValue();
-                const std::string in = destination.stringValue() + " . " + source.stringValue();
+                if (destination.isV6() != source.isV6()) continue;
                 for (const Interface& interface : view_.interfaces)
                     if (interface.primary4.addr == source || interface.primary6.addr == source)
-                        peers[v6].insert(in + " . " + quoted(interface.name.str()));
-                if (path.ipsecProfile().empty()) continue;
-                secured[v6].insert(in);
-                securedOut[v6].insert(out);
+                        allow(source, destination, interface, !path.ipsecProfile().empty());
+            }
+        // When a link returns, its first packet may come before the agent knows of it.
+        for (const Nav::PathGroupConfig& group : in_.cliConfig->pathGroupConfig())
+            for (const Interface& interface : view_.interfaces) {
+                if (interface.up || !group.localIntfHas(interface.name)) continue;
+                for (const Nav::RemoteViaConfig& remote : group.remoteViaConfig())
+                    for (const IpGenAddr& destination : remote.remoteVia()) {
+                        const auto& source =
+                            (destination.isV6() ? interface.address6 : interface.address4).addr;
+                        if (!source.isZero())
+                            allow(source, destination, interface, !group.ipsecProfile().empty());
+                    }
             }
         for (const bool v6 : {false, true}) {
             const std::string ip = v6 ? "ip6" : "ip", pair = ip + " saddr . " + ip + " daddr ";

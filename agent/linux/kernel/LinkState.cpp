@@ -143,11 +143,13 @@ InterfaceView LinkState::view() const {
         interface.vrf = vrf != vrfs.end() ? vrf->second : defaultVrf;
         for (const Address& address : link.addresses) {
             const Netz::IpGenAddr& local = address.local.addr;
-            auto& primary = local.isV4() ? interface.primary4 : interface.primary6;
-            if (interface.up && primary.addr.isZero() && address.scope == RT_SCOPE_UNIVERSE &&
+            auto& oldest = local.isV4() ? interface.address4 : interface.address6;
+            if (oldest.addr.isZero() && address.scope == RT_SCOPE_UNIVERSE &&
                 (address.flags & unusableFlags) == 0 && !(local.isV4() && local.data()[0] == 127))
-                primary = address.local;
+                oldest = address.local;
         }
+        if (interface.up)
+            interface.primary4 = interface.address4, interface.primary6 = interface.address6;
         view.interfaces.push_back(std::move(interface));
     }
     return view;

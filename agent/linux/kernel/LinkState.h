@@ -42,6 +42,9 @@ struct Interface {
     // interface that is not up shows none, so that its paths come and go with the link.
     Netz::IpAddrWithMask primary4;
     Netz::IpAddrWithMask primary6;
+    // The same whether it is up or not.
+    Netz::IpAddrWithMask address4;
+    Netz::IpAddrWithMask address6;
 
     bool operator==(const Interface&) const = default;
 };
