@@ -507,8 +507,9 @@ class ForwardingTest(unittest.TestCase):
             commands = re.findall(r"(?:^    |`)((?:ip|bridge|nft) [^`\n]+)", page.read(), re.M)
         self.assertGreater(len(commands), 10)
         for command in commands:
-            output = self.lab.run("router1", *(str(words.get(word, word)) for word in command.split()))
-            self.assertTrue(output or "route add" in command or "flush" in command, command)
+            if "flush" not in command:  # its consequences are another test's
+                output = self.lab.run("router1", *(str(words.get(word, word)) for word in command.split()))
+                self.assertTrue(output or "route add" in command, command)
 
     def start_bgp(self, site, prefix):
         """FRR's daemons on a router, announcing a prefix to the other routers."""
