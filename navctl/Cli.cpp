@@ -177,8 +177,8 @@ void Program::buildShow() {
         ->type_name("N");
     CLI::App* quality =
         command(*show, "quality", "What is measured of the paths", &Program::quality);
-    quality->add_option("PATH", path_, "Only this one, such as Path3");
-    quality->add_flag("--graph", graph_, "The last minutes of PATH");
+    quality->add_option("NAME", path_, "Only this path, such as Path3");
+    quality->add_flag("--graph", graph_, "The last minutes of that path");
     quality->add_flag("--watch", watch_, "Again every second, in place on a terminal");
     command(*show, "counters", "Traffic per load-balance id and path", &Program::counters)
         ->add_flag("--watch", watch_, "Again for each update of the counters");
@@ -257,7 +257,7 @@ void Program::printQuality(Client::ControlClient& client) {
 }
 
 void Program::quality() {
-    if (graph_ && path_.empty()) throw BadUsage("--graph requires PATH");
+    if (graph_ && path_.empty()) throw BadUsage("--graph requires NAME");
     Client::ControlClient client(runDir());
     if (!watch_) return printQuality(client);
     std::signal(SIGINT, [](int) { _exit(done); });

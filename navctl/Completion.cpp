@@ -120,6 +120,9 @@ std::vector<std::string> complete(const CLI::App& app, const std::vector<std::st
         }
     } else if (const auto* path = command->get_option_no_throw("PATH"); path && arguments == 0) {
         result = paths(word, runDir);
+    } else if (command->get_option_no_throw("NAME") && arguments == 0) {
+        const Json rows = Client::ControlClient(runDir).request({{"op", "quality"}}).at("value");
+        for (const Json& row : rows) result.push_back(row.at("path"));
     } else {
         for (const CLI::App* each : command->get_subcommands({})) {
             if (!each->get_name().starts_with("_")) result.push_back(each->get_name());

@@ -114,8 +114,12 @@ class Applications {
             vrfId && ids ? ids->lbProfileStatusEntry({site, id, *vrfId}) : nullptr;
         const std::vector<U32> carriers =
             entry ? carriersOf(platform_, *entry) : std::vector<U32>();
-        Json& row = add(vrf, application.name, site.stringValue(),
-                        carriers.empty() ? whyNone(vrf, vrfId.has_value(), entry, site) : "");
+        std::string reason;
+        if (carriers.empty())
+            reason = whyNone(vrf, vrfId.has_value(), entry, site);
+        else if (!platform_.choose(*entry).suitable)
+            reason = "no path meets its constraints";
+        Json& row = add(vrf, application.name, site.stringValue(), reason);
         if (!entry) return;
         row["loadBalanceId"] = entry->lbIndex();
         for (const U32 index : carriers) row["paths"].push_back(pathName(index));

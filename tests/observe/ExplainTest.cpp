@@ -30,13 +30,13 @@ struct Manual final : Platform {
     Chosen choose(const Nav::LbProfileStatusEntry& entry) const override {
         return chooseMembers(
             entry, [this](Vel::U32 index) { return index != unused; },
-            [](Vel::U32) { return true; });
+            [this](Vel::U32 index) { return index != unsuitable; });
     }
 
     std::optional<bool> up;
     PathDetail known;
     const Vel::Ptr<QualityStatus> measured = Vel::make<QualityStatus>("quality");
-    Vel::U32 unused = 0;
+    Vel::U32 unused = 0, unsuitable = 0;
 };
 
 class ExplainTest : public testing::Test, public Session {
@@ -252,6 +252,7 @@ TEST_F(ManualExplainTest, EachConditionOfAnApplication) {
          }},
         {"no path to the site is usable, it is a member of the load-balance id, but not used",
          [this] { platform->unused = 1; }},
+        {"no path meets its constraints", [this] { platform->unsuitable = 1; }},
         {"no path to the site is usable, it is up, but not a member of the load-balance id",
          [&] { lb().pathEntryDelAll(); }},
     };
