@@ -66,6 +66,7 @@ class Program {
     void interfaces();
     void events();
     void explain();
+    void validate();
     void quality();
     void printQuality(Client::ControlClient& client);
     void counters();
@@ -115,6 +116,8 @@ void Program::build() {
         "3 no agent, 4 permission denied.");
     buildShow();
     buildExplain();
+    command(app_, "validate", "Check the agent's state against its inputs and the kernel",
+            &Program::validate);
 
     for (auto* each : {command(app_, "get", "Print the value at a path", &Program::get),
                        command(app_, "set", "Assign a value to a path", &Program::set),
@@ -267,6 +270,18 @@ void Program::quality() {
         printQuality(client);
         flush();
     }
+}
+
+// The differences are printed, and make the command fail.
+void Program::validate() {
+    const Json differences =
+        Client::ControlClient(runDir()).request({{"op", "validate"}}).at("value");
+    if (json_) printJson({{"passed", differences.empty()}, {"differences", differences}});
+    for (const Json& each : differences)
+        if (!json_) streams_.out << each.get<std::string>() << "\n";
+    if (!json_ && differences.empty()) streams_.out << "PASS\n";
+    if (!differences.empty())
+        throw Client::Refused(std::to_string(differences.size()) + " differences");
 }
 
 void Program::counters() {

@@ -374,6 +374,7 @@ class ForwardingTest(unittest.TestCase):
             self.lab.ip(on, cure)
             await_("the path is up again", lambda: self.lab.paths_up(1) == 4)
 
+        self.assertEqual(self.lab.navctl(1, "validate").stdout, "PASS\n")
         shown = json.loads(self.lab.navctl(1, "--json", "show", "forwarding").stdout)["paths"]
         taken = [number for path in shown if path["destination"] == outside("internet", 2)
                  for number in path["nexthops"]]
@@ -382,6 +383,9 @@ class ForwardingTest(unittest.TestCase):
         self.lab.start_agent(1)
         await_("the agent answers", lambda: self.lab.navctl(1, "ping").returncode == 0)
         await_("the refusal is explained", lambda: reason().startswith("the kernel refused nexthop"))
+        validated = self.lab.navctl(1, "validate")
+        self.assertEqual(validated.returncode, 1)
+        self.assertIn("refused: File exists: nexthop", validated.stdout)
         events = json.loads(self.lab.navctl(1, "--json", "show", "events").stdout)
         self.assertIn(reason(), [event["cause"] for event in events])
         application = json.loads(self.lab.navctl(1, "--json", "explain", "application",

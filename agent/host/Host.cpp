@@ -11,6 +11,7 @@
 #include "agent/model/Config.h"
 #include "agent/observe/Explain.h"
 #include "agent/observe/Interfaces.h"
+#include "agent/observe/Validate.h"
 
 namespace Agent {
 
@@ -163,6 +164,8 @@ Controlled Host::controlled() {
                   observer_->observe();
                   return explain(inputs_, *platform_, *observer_, question);
               }},
+             {"validate",
+              [this](const Json&) { return Json(validate(inputs_, database(), *platform_)); }},
              {"interfaces",
               [this](const Json&) {
                   observer_->observe();

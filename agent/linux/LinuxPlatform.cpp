@@ -32,6 +32,7 @@ class LinuxPlatform::Services {
     QualityStatus& quality() { return *quality_; }
     Forwarding* forwarding() { return forwarding_ ? &*forwarding_ : nullptr; }
     void configured();
+    std::vector<std::string> validate();
     std::optional<Json> report() {
         if (!forwarding_) return {};
         Json report = reportOf(in_, *config_, *forwarding_);
@@ -143,6 +144,31 @@ NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(
     return pathVias(view, queries, results);
 }
 
+// The routes are asked for once more, path by path, and the agent's objects read.
+std::vector<std::string> LinuxPlatform::Services::validate() {
+    std::vector<std::string> differences;
+    for (const auto& [vrf, resolved] : lookup(*in_.nexthopConfig)) {
+        const Routing::NexthopVrfConfig* requested = in_.nexthopConfig->vrf(vrf);
+        const Routing::NexthopVrfStatus* status = in_.nexthopStatus->vrf(vrf);
+        if (!requested) continue;
+        for (const Netz::IpGenAddr& address : requested->nexthop()) {
+            const Routing::NexthopResult* result = status ? status->nexthop(address) : nullptr;
+            const Shard::Fib::Fec* fec = !result ? nullptr
+                                         : address.isV6()
+                                             ? in_.forwarding6Status->fec(result->fecId)
+                                             : in_.forwardingStatus->fec(result->fecId);
+            const auto now = resolved.find(address);
+            const NexthopResolver::Vias none;
+            if ((now == resolved.end() ? none : now->second) != (fec ? fec->vias() : none))
+                differences.push_back("the kernel routes " + address.stringValue() + " in VRF " +
+                                      vrf.str() + " otherwise than published");
+        }
+    }
+    if (!forwarding_) return differences;
+    for (std::string& each : forwarding_->differences()) differences.push_back(std::move(each));
+    return differences;
+}
+
 LinuxPlatform::LinuxPlatform(EventLoop& loop, LinuxOptions options)
     : Platform("linux"), loop_(loop), options_(std::move(options)) {}
 
@@ -164,6 +190,10 @@ void LinuxPlatform::configured() {
 
 std::optional<Json> LinuxPlatform::forwarding() {
     return services_ ? services_->report() : std::nullopt;
+}
+
+std::vector<std::string> LinuxPlatform::validate() {
+    return services_ ? services_->validate() : std::vector<std::string>();
 }
 
 QualityStatus* LinuxPlatform::quality() const {

@@ -31,6 +31,7 @@ class LinuxPlatform final : public Platform {
     void configured() override;
     std::optional<Json> forwarding() override;
     QualityStatus* quality() const override;
+    std::vector<std::string> validate() override;
     std::optional<bool> linkUp(const Netz::IntfId& name) const override;
     PathDetail detail(const Nav::PathStatusEntry& path, const L3::VrfName& vrf) const override;
     Chosen choose(const Nav::LbProfileStatusEntry& entry) const override;

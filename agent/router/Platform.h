@@ -8,6 +8,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/base/Json.h"
 #include "agent/router/Constraints.h"
@@ -42,6 +43,9 @@ class Platform {
     virtual std::optional<Json> forwarding() { return {}; }
     // What is measured of the paths; null if this platform measures nothing, or has not started.
     virtual QualityStatus* quality() const { return nullptr; }
+    // Reads afresh what the platform takes its state from and what it has programmed. A sentence for
+    // each difference to what it believes.
+    virtual std::vector<std::string> validate() { return {}; }
     // Whether an interface is up; empty if it does not exist or the platform does not know.
     virtual std::optional<bool> linkUp(const Netz::IntfId&) const { return {}; }
     // About a path that has a status. Answers from memory: it is called for every path.

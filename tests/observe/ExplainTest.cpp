@@ -86,7 +86,7 @@ class ManualExplainTest : public ExplainTest {
         auto& wan1 = in().ipStatusDir->ipIntfStatusIs(Netz::IntfId("wan1"));
         wan1.activeAddrWithMaskIs(*Netz::IpAddrWithMask::parse("203.0.113.1/24"));
         in().routingHwRouteStatus->vrfStatusIs("default");
-        in().nexthopStatus->vrfIs("default").nexthopIs({ip("198.51.100.2"), 1});
+        auto& results = in().nexthopStatus->vrfIs("default");
         viaIs("wan1");
         auto& profile = config.loadBalanceProfileIs("quick");
         profile.pathGroupPriorityIs("internet", 1);
@@ -98,6 +98,7 @@ class ManualExplainTest : public ExplainTest {
         policy.configVersionInc(1);
         config.vrfConfigIs("default").policyNameIs("office");
         config.navConfiguredIs(true);
+        results.nexthopIs({ip("198.51.100.2"), 1});
         scheduler->runDue();
         auto& hardware = in().hwPathStatus->hwPathStatusListIs(inHardware);
         hardware.hwPathIndexIs(1);
@@ -268,6 +269,51 @@ TEST_F(ManualExplainTest, EachConditionOfAnApplication) {
     }
 }
 
+// Somebody damages what is published, or forgets to raise a policy's version.
+TEST_F(ManualExplainTest, ValidateFindsEachDifference) {
+    const struct {
+        std::string difference;
+        std::function<void()> cause;
+    } cases[] = {
+        {"[]", [] {}},
+        {"is requested in VRF default", [this] { in().pathConfigDir->pathConfigDelAll(); }},
+        {"not programmed",
+         [this] {
+             auto& vrf = *in().navStatusDir->navPathStatusDir()->pathStatus("default");
+             for (auto& path : vrf.pathStatusEntry()) path.programmedIs(false);
+         }},
+        {"missing: site internet,10.255.0.2 has path 203.0.113.1 -> 198.51.100.2 of VRF id 0",
+         [this] {
+             for (auto& site : in().siteGroupStatus->siteGroupStatusEntry())
+                 site.pathIndexEntryDel(1);
+         }},
+        {"not expected: next hop 10.9.9.9 is requested in VRF default",
+         [this] { in().nexthopConfig->vrf("default")->nexthopIs(ip("10.9.9.9")); }},
+        {"not expected: load-balance key",
+         [this] {
+             auto& ids = *in().navStatusDir->navLbProfileStatus();
+             ids.lbProfileStatusEntry({ip("10.255.0.2"), 4, 0})->pathEntryIs({1, 9, "internet"});
+         }},
+        {"missing: VRF default has rule",
+         [this] {
+             auto& policy = *in().cliConfig->policyConfig("office");
+             policy.appProfilePolicyRuleListIs(11).lbGrpNameIs("quick");
+         }},
+        {"load-balance id 1 has 2 users",
+         [this] {
+             auto& ids = *in().navStatusDir->navLbProfileStatus();
+             ids.lbProfileStatusEntryIs({ip("10.9.9.9"), 1, 0}).lbIndexIs(1);
+         }},
+    };
+    for (const auto& [difference, cause] : cases) {
+        SCOPED_TRACE(difference);
+        start();
+        cause();
+        const std::string found = ask({{"op", "validate"}}).dump();
+        EXPECT_NE(found.find(difference), std::string::npos) << found;
+    }
+}
+
 TEST_F(ManualExplainTest, EventsNameCauseAndAuthor) {
     start();
     ask({{"op", "explain"}});
@@ -368,7 +414,11 @@ TEST_F(SimExplainTest, ReasonsThatOnlyTheRouterKnows) {
         Json changed = parseJson(world);
         changed.merge_patch(parseJson(patch));
         platform.router().worldIs(Sim::readHistory(changed).first);
-        for (int i = 0; i < 700; ++i, clock.advance(1ms)) scheduler->runDue();
+        for (int i = 0; i < 700; ++i, clock.advance(1ms)) {
+            scheduler->runDue();
+            if (i % 10 != 0) continue;
+            EXPECT_EQ(ask({{"op", "validate"}}), Json::array()) << i << " ms";
+        }
         EXPECT_EQ(reason(), expected) << patch;
     }
 }

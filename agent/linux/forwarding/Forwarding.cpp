@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/linux/kernel/LinuxTrace.h"
+#include "agent/linux/kernel/ObjectDump.h"
 
 namespace Agent::Linux {
 
@@ -231,6 +232,27 @@ void Forwarding::endAdoption() {
     adoption_.disarm();
     DUOLOG(linuxTrace, 5, "Replacing what an agent before left in the kernel");
     repair();
+}
+
+std::vector<std::string> Forwarding::differences() {
+    const std::optional<Objects> present = readObjects(requests_);
+    if (!present) return {"the agent's objects cannot be read from the kernel"};
+    std::vector<std::string> differences;
+    for (const auto& [key, object] : plan_.wanted()) {
+        const auto found = present->find(key);
+        const auto refused = kernel_.refused().find(key);
+        if (found != present->end() && found->second == object) continue;
+        differences.push_back((refused != kernel_.refused().end()
+                                   ? "refused: " + refused->second + ": "
+                               : found == present->end() ? "missing in the kernel: "
+                                                         : "different in the kernel: ") +
+                              textOf(object));
+    }
+    for (const auto& [key, object] : *present)
+        if (!plan_.wanted().contains(key))
+            differences.push_back("not wanted in the kernel: " + textOf(object));
+    if (!rulesetRefused_.empty()) differences.push_back("rules refused: " + rulesetRefused_);
+    return differences;
 }
 
 void Forwarding::clear() {

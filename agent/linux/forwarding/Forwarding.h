@@ -53,6 +53,9 @@ class Forwarding {
     void repair();
     // The same after `settleTime`. The monitor calls it when somebody else has changed an object.
     void ownChanged();
+    // Compares the kernel's objects with the plan, and the kernel with what is believed of it; changes
+    // nothing. A sentence for each difference.
+    std::vector<std::string> differences();
     // Removes everything from the kernel.
     void clear();
 

@@ -1,0 +1,203 @@
+#include "agent/observe/Validate.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "agent/model/Config.h"
+#include "nav/root/NavRootSm.h"
+
+namespace Agent {
+
+using Nav::NavInputs;
+using Vel::U32;
+
+namespace {
+
+template <class T>
+std::string textOf(const T& value) {
+    return Vel::Codec<T>::key(value);
+}
+
+// What is published, as sentences without ids, indices and generations: equal for equal states.
+class Facts {
+  public:
+    Facts(const NavInputs& inputs, const Nav::NavDb* database) : in_(inputs), database_(database) {
+        if (database)
+            for (const Nav::PathKeyInfo& info : database->pathKeyInfo())
+                names_[info.pathIndex()] = pathText(info.pathKey());
+        addPaths();
+        addSites();
+        addApplications();
+        addRequests();
+    }
+
+    const std::set<std::string>& all() const { return facts_; }
+
+  private:
+    static std::string pathText(const Nav::PathKey& key) {
+        return "path " + key.srcAddr.stringValue() + " -> " + key.dstAddr.stringValue() +
+               " of VRF id " + std::to_string(key.vrfId);
+    }
+    std::string nameOf(U32 index) const {
+        const auto found = names_.find(index);
+        return found == names_.end() ? "a path that does not exist" : found->second;
+    }
+
+    void addPaths() {
+        for (const Nav::PathConfig& vrf : in_.pathConfigDir->pathConfig())
+            for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry())
+                facts_.insert(pathText(path.key()) + " is requested in VRF " + vrf.vrfName().str() +
+                              " with IPsec profile \"" + path.ipsecProfile() + '"');
+        const Nav::PathStatusDir* dir = in_.navStatusDir->navPathStatusDir();
+        if (!dir) return;
+        for (const Nav::PathStatus& vrf : dir->pathStatus())
+            for (const Nav::PathStatusEntry& path : vrf.pathStatusEntry()) {
+                const Nav::HwPathInfo& info = path.pathInfo();
+                facts_.insert(pathText(path.key()) + " is " + textOf(info.pathType) + ", " +
+                              textOf(info.pathState) + " by " + textOf(info.via) +
+                              ", encapsulation id " + std::to_string(path.encapId()) +
+                              (path.programmed() ? ", programmed" : ", not programmed"));
+            }
+    }
+    void addSites() {
+        for (const auto& site : in_.siteGroupStatus->siteGroupStatusEntry())
+            for (const U32 index : site.pathIndexEntry())
+                facts_.insert("site " + textOf(site.key()) + " has " + nameOf(index));
+        for (const Netz::IpGenAddr& site : in_.navStatusDir->navRemoteIpList())
+            facts_.insert("site " + site.stringValue() + " is configured");
+    }
+    // A site that has vanished keeps its ids, without members, until they are needed.
+    void addApplications() {
+        for (const Nav::NavRuleStatus& vrf : in_.navStatusDir->navRuleStatus())
+            for (const Nav::NavRuleEntry& rule : vrf.navRuleEntry())
+                facts_.insert("VRF " + vrf.name().str() + " has rule " + textOf(rule));
+        const Nav::LbProfileStatus* ids = in_.navStatusDir->navLbProfileStatus();
+        if (!ids) return;
+        for (const Nav::LbProfileStatusEntry& entry : ids->lbProfileStatusEntry())
+            for (const Nav::PathWithPriority& member : entry.pathEntry())
+                facts_.insert("load-balance key " + textOf(entry.key()) + " with limits " +
+                              std::to_string(entry.latency()) + ", " +
+                              std::to_string(entry.jitter()) + ", " +
+                              std::to_string(entry.lossRate()) + " has " +
+                              nameOf(member.pathIndex) + " with priority " +
+                              std::to_string(member.priority) + " of " + member.groupName);
+    }
+    void addRequests() {
+        for (const Routing::NexthopVrfConfig& vrf : in_.nexthopConfig->vrf())
+            for (const Netz::IpGenAddr& address : vrf.nexthop())
+                facts_.insert("next hop " + address.stringValue() + " is requested in VRF " +
+                              vrf.vrfName().str());
+        for (const auto& request : in_.ipsecPathConfigDir->ipsecPathConfig())
+            facts_.insert("IPsec connection " + textOf(request.key()) +
+                          " is requested with profile \"" + request.profile() + "\" on interface " +
+                          request.intfId().stringValue());
+        for (const auto& policy : in_.navFeaturePolicyDir->featurePolicy())
+            for (const auto& [priority, application] : policy.appProfilePriority())
+                facts_.insert("policy " + policy.name() + " has application " + application +
+                              " at " + std::to_string(priority));
+    }
+
+    const NavInputs& in_;
+    const Nav::NavDb* const database_;
+    std::map<U32, std::string> names_;  // of the paths
+    std::set<std::string> facts_;
+};
+
+// Runs what is due at once, and no timers of the future.
+void settle(Vel::Scheduler& scheduler) {
+    for (auto next = scheduler.nextDeadline(); next && *next <= scheduler.now();
+         next = scheduler.nextDeadline())
+        scheduler.runDue();
+}
+
+const Nav::NavDb* databaseOf(const Vel::Ptr<Nav::NavRootSm>& root) {
+    const Nav::NavContainer* container = root->navContainer();
+    return container ? container->navDb() : nullptr;
+}
+
+// What the forwarding side reports, under the indices that the paths have in another root.
+void copyHardware(const NavInputs& from, const Nav::NavDb& there, const NavInputs& to,
+                  const Nav::NavDb& here) {
+    for (const Nav::HwPathStatusEntry& entry : from.hwPathStatus->hwPathStatusList()) {
+        const Nav::PathKey path = entry.key().pathKey();
+        const Nav::PathKeyInfo *before = there.pathKeyInfo(path), *now = here.pathKeyInfo(path);
+        if (!before || !now || before->pathIndex() != entry.key().pathIndex) continue;
+        Nav::HwPathKey key = entry.key();
+        key.pathIndex = now->pathIndex();
+        to.hwPathStatus->hwPathStatusListIs(key, [&](Nav::HwPathStatusEntry& copy) {
+            copy.hwPathIndexIs(entry.hwPathIndex());
+            copy.hwArpIndexIs(entry.hwArpIndex());
+            copy.ipsecEncapIdIs(entry.ipsecEncapId());
+        });
+    }
+}
+
+void compareWithFreshStart(const NavInputs& in, const Nav::NavDb* database,
+                           std::vector<std::string>& differences) {
+    const NavInputs fresh = Nav::makeNavInputs(Vel::make<Vel::Scheduler>(in.scheduler->clock()));
+    addMissing(*fresh.cliConfig, *in.cliConfig);
+    addMissing(*fresh.ipStatusDir, *in.ipStatusDir);
+    addMissing(*fresh.ip6StatusDir, *in.ip6StatusDir);
+    addMissing(*fresh.routingHwRouteStatus, *in.routingHwRouteStatus);
+    for (const Routing::NexthopVrfStatus& vrf : in.nexthopStatus->vrf())
+        fresh.nexthopStatus->vrfIs(vrf.vrfName());
+    Vel::Ptr<Nav::NavRootSm> root = Nav::NavRootSmIs(fresh);
+    settle(*fresh.scheduler);
+    // Services answer requests, so their answers come after these.
+    addMissing(*fresh.forwardingStatus, *in.forwardingStatus);
+    addMissing(*fresh.forwarding6Status, *in.forwarding6Status);
+    addMissing(*fresh.nexthopStatus, *in.nexthopStatus);
+    addMissing(*fresh.ipsecPathStatusDir, *in.ipsecPathStatusDir);
+    settle(*fresh.scheduler);
+    const Nav::NavDb* here = databaseOf(root);
+    if (here && database) copyHardware(in, *database, fresh, *here);
+    settle(*fresh.scheduler);
+
+    const Facts is(in, database), should(fresh, here);
+    for (const std::string& fact : should.all())
+        if (!is.all().contains(fact)) differences.push_back("missing: " + fact);
+    for (const std::string& fact : is.all())
+        if (!should.all().contains(fact)) differences.push_back("not expected: " + fact);
+    root = nullptr;
+}
+
+// Each path has an index of its own, as has each key of load balancing.
+void checkIds(const NavInputs& in, const Nav::NavDb* database,
+              std::vector<std::string>& differences) {
+    std::map<U32, size_t> held, ids;
+    size_t requested = 0;
+    for (const Nav::PathConfig& vrf : in.pathConfigDir->pathConfig())
+        for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
+            ++held[path.pathIndex()];
+            ++requested;
+        }
+    if (const auto* status = in.navStatusDir->navLbProfileStatus())
+        for (const auto& entry : status->lbProfileStatusEntry()) ++ids[entry.lbIndex()];
+    const auto check = [&](const char* what, const std::map<U32, size_t>& users, U32 last) {
+        for (const auto& [id, count] : users)
+            if (id == 0 || id > last || count > 1)
+                differences.push_back(what + (" " + std::to_string(id)) + " has " +
+                                      std::to_string(count) + " users");
+    };
+    check("path index", held, Nav::NavConstants::maxPathIndex);
+    check("load-balance id", ids, Nav::NavConstants::maxLbIndex);
+    const size_t known = database ? database->pathKeyInfo().size() : 0;
+    if (known != requested)
+        differences.push_back(std::to_string(known) + " path indices are held, " +
+                              std::to_string(requested) + " are needed");
+}
+
+}  // namespace
+
+std::vector<std::string> validate(const NavInputs& inputs, const Nav::NavDb* database,
+                                  Platform& platform) {
+    std::vector<std::string> differences;
+    compareWithFreshStart(inputs, database, differences);
+    checkIds(inputs, database, differences);
+    for (std::string& difference : platform.validate())
+        differences.push_back(std::move(difference));
+    return differences;
+}
+
+}  // namespace Agent
