@@ -79,6 +79,34 @@ TEST_F(PolicyTest, WhatIsNotThereBindsNothing) {
     EXPECT_EQ(traced("Deleting navRuleStatus for vrf"), 1);
 }
 
+TEST_F(PolicyTest, ChangesInsideNotificationsAreFollowed) {
+    {
+        On again(cli, NavCliConfig::policyConfigAttr, [&] { policy("p"); });  // before the reactor
+        start();
+        vrfId("red", 1), bindTo("red", "p");
+        rule("p", 10, 1, "voice"), done("p");
+        cli.policyConfigDel("p");
+        EXPECT_EQ(classified("p"), "-");
+        rule("p", 20, 2, "video"), done("p");
+        EXPECT_EQ(classified("p"), "v1 20=video");
+    }
+    Classification::FeaturePolicyDir& dir = *in.navFeaturePolicyDir;
+    policy("q"), rule("q", 10, 1, "voice"), rule("q", 20, 2, "video");
+    {
+        On gone(dir, Classification::FeaturePolicyDir::featurePolicyAttr,
+                [&] { cli.policyConfigDel("q"); });
+        done("q");
+        EXPECT_EQ(classified("q"), "-") << "deleted while it was programmed";
+    }
+    policy("q");
+    auto& applied = *dir.appliedPolicy(Classification::vrfTarget);
+    On back(applied, Classification::AppliedPolicy::policyForTargetAttr,
+            [&] { bindTo("red", "p"); });
+    bindTo("red", "q");
+    EXPECT_TRUE(*applied.policyForTarget("red") == "p" && navDb().vrfApp({1, 2}))
+        << "bound to another while it was bound";
+}
+
 TEST_F(PolicyTest, ApplicationsOfASharedIdGoToTheOtherVrf) {
     start();
     rule("p", 10, 1, "voice"), done("p");
