@@ -203,15 +203,16 @@ def bits_per_second(lab):
     """What one TCP connection from host 1 to host 2 carries."""
     server = lab.start("host2", "iperf3", "--server", stdout=subprocess.DEVNULL)
 
-    def answers():
+    def answer():
         with contextlib.suppress(RuntimeError, subprocess.TimeoutExpired):  # not listening yet, or lost
-            return json.loads(lab.run("host1", "iperf3", "--client", host(2), "--json", "--omit", "1",
-                                      "--time", str(SECONDS), timeout=4 * SECONDS))
+            result = json.loads(lab.run("host1", "iperf3", "--client", host(2), "--json", "--omit", "1",
+                                        "--time", str(SECONDS), timeout=4 * SECONDS))
+            return result["end"].get("sum_received")
         return None
-    result = await_("iperf3 answers", answers)
+    received = await_("iperf3 answers", answer)
     server.kill()
     server.wait()
-    return result["end"]["sum_received"]["bits_per_second"]
+    return received["bits_per_second"]
 
 
 def tunnel_by_hand(lab):
