@@ -113,6 +113,7 @@ void Observer::observePath(const ConfiguredPath& path, Causes& causes) {
     const bool same = before.up == now.up && before.reason == now.reason && before.key == now.key;
     if (isNew || !same) record.since = std::chrono::system_clock::now();
     if (same) return;
+    record.transitions += before.up != now.up;
     const bool moved = before.up && now.up;
     if (moved)
         pathDown(path, before, "interface " + path.interface.stringValue() + " has another address",

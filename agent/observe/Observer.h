@@ -28,7 +28,8 @@ class Observer {
 
     struct PathRecord {
         PathState state;
-        WallTime since;  // the state, with its reason, holds
+        WallTime since;            // the state, with its reason, holds
+        uint64_t transitions = 0;  // between up and not up
     };
     // The member paths of a load-balance id that carry its traffic, ascending.
     struct ChoiceRecord {

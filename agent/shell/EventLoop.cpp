@@ -11,16 +11,19 @@ using std::chrono::nanoseconds;
 
 // Shared with the callback while it runs, so that the callback may destroy its registration.
 struct EventLoop::Registration::State : std::enable_shared_from_this<State> {
-    explicit State(Callback callback) : call(std::move(callback)) {}
+    State(EventLoop& owner, Callback callback) : loop(owner), call(std::move(callback)) {}
     ~State() { stop(); }
     void stop() {
         if (handle != nullptr) event_free(std::exchange(handle, nullptr));
     }
     // An exception must not pass through C code: an uncaught one ends the process here.
     static void fired(evutil_socket_t, short, void* context) noexcept {
-        static_cast<State*>(context)->shared_from_this()->call();
+        const auto state = static_cast<State*>(context)->shared_from_this();
+        state->loop.wake();
+        state->call();
     }
 
+    EventLoop& loop;
     Callback call;
     event* handle = nullptr;
 };
@@ -76,7 +79,13 @@ void EventLoop::runOnce(nanoseconds patience) {
     if (patience != nanoseconds::max()) event_add(alarm_.get(), &time);
     event_base_loop(base_.get(), EVLOOP_ONCE | EVLOOP_NO_EXIT_ON_EMPTY);
     event_del(alarm_.get());
+    wake();  // at the latest for what is due now
     settle();
+    const double spent =
+        std::chrono::duration<double>(scheduler_.now() - *std::exchange(woken_, {})).count();
+    busy_.sum += spent;
+    ++busy_.counts[static_cast<size_t>(std::ranges::lower_bound(Busy::bounds, spent) -
+                                       Busy::bounds.begin())];
 }
 
 EventLoop::Registration EventLoop::onSignal(int number, Callback callback) {
@@ -98,7 +107,7 @@ EventLoop::Registration EventLoop::onTimer(nanoseconds delay, Callback callback)
 
 EventLoop::Registration EventLoop::add(int descriptor, short what, const timeval* delay,
                                        Callback callback) {
-    auto state = std::make_shared<Registration::State>(std::move(callback));
+    auto state = std::make_shared<Registration::State>(*this, std::move(callback));
     state->handle =
         event_new(base_.get(), descriptor, what, &Registration::State::fired, state.get());
     if (state->handle == nullptr || event_add(state->handle, delay) != 0) throw std::bad_alloc();

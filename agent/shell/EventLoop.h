@@ -7,9 +7,12 @@
 
 #include <event2/event.h>
 
+#include <array>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "platform/loom/TaskScheduler.h"
 
@@ -36,6 +39,16 @@ class EventLoop {
         std::shared_ptr<State> state_;
     };
 
+    // How long the loop was busy in each of its rounds, from the first callback to the end of what
+    // that made due.
+    struct Busy {
+        // Upper bounds in seconds; the last count is of those above.
+        static constexpr std::array bounds = {0.0001, 0.00025, 0.0005, 0.001, 0.0025,
+                                              0.005,  0.01,    0.025,  0.1,   1.0};
+        std::array<uint64_t, bounds.size() + 1> counts{};
+        double sum = 0;  // seconds
+    };
+
     // Ignores SIGPIPE in the whole process, so that writing to a closed connection fails with an
     // error.
     explicit EventLoop(Loom::TaskScheduler& scheduler);
@@ -58,6 +71,12 @@ class EventLoop {
     // Called once, `delay` from now.
     Registration onTimer(std::chrono::nanoseconds delay, Callback callback);
 
+    const Busy& busy() const { return busy_; }
+    // Called at the beginning of callbacks that libevent makes without a Registration.
+    void wake() {
+        if (!woken_) woken_ = scheduler_.now();
+    }
+
     // Runs every task that is due, including those that these make due.
     void settle() { scheduler_.runDue(); }
 
@@ -71,6 +90,8 @@ class EventLoop {
     std::unique_ptr<event_base, void (*)(event_base*)> base_;
     std::unique_ptr<event, void (*)(event*)> alarm_;  // wakes the loop for the next task
     bool stopped_ = false;
+    std::optional<Loom::Instant> woken_;  // the first callback of this round
+    Busy busy_;
 };
 
 // Rounded up to the next microsecond: a timer that fires early finds nothing due.

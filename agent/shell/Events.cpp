@@ -15,8 +15,9 @@ namespace Agent {
 
 namespace {
 
-constexpr std::array kinds = {"agent", "configuration", "interface", "path", "choice"};
-static_assert(kinds.size() == static_cast<size_t>(Event::Kind::choice) + 1);
+constexpr std::array<const char*, Event::kinds> kinds = {"agent", "configuration", "interface",
+                                                         "path", "choice"};
+static_assert(Event::kinds == static_cast<size_t>(Event::Kind::choice) + 1);
 
 Json orNull(const std::string& text) {
     return text.empty() ? Json() : Json(text);
@@ -59,7 +60,14 @@ Events::Events(std::string file) : file_(std::move(file)) {
 void Events::add(const Event& event) {
     if (ring_.size() == capacity) ring_.pop_front();
     ring_.push_back(toJson(event));
+    ++counts_[static_cast<size_t>(event.kind)];
     if (!file_.empty()) write(ring_.back());
+}
+
+std::vector<std::pair<const char*, uint64_t>> Events::counts() const {
+    std::vector<std::pair<const char*, uint64_t>> counts;
+    for (size_t i = 0; i < kinds.size(); ++i) counts.emplace_back(kinds[i], counts_[i]);
+    return counts;
 }
 
 Json Events::newest(size_t last) const {

@@ -5,9 +5,12 @@
 // fails, the reason is logged once and the ring goes on without it.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <deque>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "agent/base/Json.h"
 
@@ -20,6 +23,7 @@ std::string timeText(WallTime time);
 
 struct Event {
     enum class Kind { agent, configuration, interface, path, choice };
+    static constexpr size_t kinds = 5;
 
     Kind kind;
     std::string subject;  // "Path3 203.0.113.1 -> 198.51.100.2 (internet, 10.255.0.2)"
@@ -41,6 +45,8 @@ class Events {
     // The newest `last`, oldest first: {"time","kind","subject","event","cause","by"}, null where
     // there is nothing to say.
     Json newest(size_t last) const;
+    // How many were added in this process, by kind.
+    std::vector<std::pair<const char*, uint64_t>> counts() const;
 
   private:
     void write(const Json& event);
@@ -49,6 +55,7 @@ class Events {
     std::string file_;  // empty: none, or given up
     size_t room_ = 0;   // how many lines may be appended before the file is written anew
     std::deque<Json> ring_;
+    std::array<uint64_t, Event::kinds> counts_{};
 };
 
 }  // namespace Agent

@@ -11,8 +11,6 @@
 
 namespace Agent {
 
-namespace {
-
 int listeningSocket(const std::string& path) {
     const sockaddr_un address = socketAddress(path);
     struct stat directory {};
@@ -31,8 +29,6 @@ int listeningSocket(const std::string& path) {
     if (descriptor >= 0) close(descriptor);
     throw RunDirError(path + ": " + std::strerror(reason));
 }
-
-}  // namespace
 
 Listener::Listener(EventLoop& loop, std::string path, Accepted accepted)
     : loop_(loop),

@@ -13,6 +13,9 @@
 
 namespace Agent {
 
+// The socket that a Listener listens on, before listen(). Throws RunDirError.
+int listeningSocket(const std::string& path);
+
 class Listener {
   public:
     // The callback owns the descriptor passed to it: connected, non-blocking, closed on exec.

@@ -74,7 +74,7 @@ void Log::write(int level, std::string_view text) {
     const std::string priority =
         toJournal_ ? '<' + std::to_string(std::min(level, debug)) + '>' : std::string();
     if (pending_.size() + priority.size() + text.size() >= maxPending) {
-        ++dropped_;
+        drop(1);
     } else {
         pending_.append(priority).append(text) += '\n';
     }
@@ -113,7 +113,7 @@ bool Log::writeSome() {
     if (count < 0 && errno == EINTR) return true;
     if (count < 0 && errno == EAGAIN) return false;
     // The reader is gone or no space is left: the lines are dropped.
-    dropped_ += static_cast<size_t>(std::ranges::count(pending_, '\n'));
+    drop(static_cast<size_t>(std::ranges::count(pending_, '\n')));
     pending_.clear();
     return false;
 }

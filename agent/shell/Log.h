@@ -34,11 +34,18 @@ class Log {
     // pending lines are written with the next line.
     void loopIs(EventLoop* loop);
 
+    // The number of lines dropped so far.
+    uint64_t dropped() const { return allDropped_; }
+
     // Writes a line that is not traced, such as the reason to stop.
     void write(int level, std::string_view text);
 
   private:
     void record(const Ringlog::Line& line);
+    void drop(size_t lines) {
+        dropped_ += lines;
+        allDropped_ += lines;
+    }
     void flush();
     bool writeSome();
 
@@ -48,6 +55,7 @@ class Log {
     bool toJournal_ = false;  // lines begin with a priority
     std::string pending_;     // whole lines, less the written part of the first
     size_t dropped_ = 0;      // number of dropped lines not reported yet
+    uint64_t allDropped_ = 0;
     EventLoop* loop_ = nullptr;
     EventLoop::Registration writable_;  // set while waiting for the reader
 };
