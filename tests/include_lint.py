@@ -29,6 +29,7 @@ floors = [
     ["agent/linux/kernel"],
     ["agent/linux/forwarding", "agent/linux/quality"],
     ["agent/sim", "agent/linux", "agent/observe"],
+    ["agent/metrics"],
     ["agent/host"],
 ]
 height = {folder: i for i, floor in enumerate(floors) for folder in floor}

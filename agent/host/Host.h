@@ -33,6 +33,7 @@ class Host {
     // written through it.
     Tree& tree() { return tree_; }
     Events& events() { return events_; }
+    const Observer& observer() const { return *observer_; }
 
     // The library's answer to a show command; empty for an unknown word.
     std::string show(const std::string& word);

@@ -23,6 +23,11 @@ std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop,
     return std::make_unique<Platform>(options.platform);
 }
 
+MetricsPort metricsPort(const Options& options) {
+    if (options.metrics.empty()) return {};
+    return {options.metrics, readToken(options.metricsToken)};
+}
+
 // What `read` makes of a file's text; null if there is no file.
 template <class Read>
 auto readIn(const std::string& file, Read read) -> decltype(read(file)) {
@@ -54,6 +59,10 @@ HostAgent::HostAgent(Options options, Log& log)
       commands_(loop_, runDir_.path() + "/" + commandSocketName,
                 [this](const std::string& word) { return host_.show(word); }),
       control_(loop_, runDir_.path() + "/" + controlSocketName, requests_),
+      metrics_(
+          loop_, runDir_.path(), metricsPort(options_),
+          {host_.inputs(), host_.platform(), host_.observer(), [this] { return host_.database(); },
+           host_.events(), loop_, log, std::chrono::system_clock::now(), nullptr}),
       manager_(loop_, [this] { return host_.summary(); }) {
     DUOLOG(agentTrace, 5, "nav-agent ", NAV_VERSION, " started, platform ", options_.platform,
            ", pid ", getpid(), ", run directory ", runDir_.path());

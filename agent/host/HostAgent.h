@@ -6,6 +6,7 @@
 
 #include "agent/base/RunDir.h"
 #include "agent/host/Host.h"
+#include "agent/metrics/MetricsServer.h"
 #include "agent/shell/CommandServer.h"
 #include "agent/shell/Control.h"
 #include "agent/shell/ControlServer.h"
@@ -25,6 +26,8 @@ struct Options {
     std::string runDir;            // not empty: main uses defaultRunDir() by default
     std::string events;            // file that keeps the events across restarts; none if empty
     std::string group;             // its members may read, but change nothing; none if empty
+    std::string metrics;           // address and port of the metrics; none if empty
+    std::string metricsToken;      // file with the token that collectors on that port must have
     int logLevel = 5;              // of the trace; set by main
 };
 
@@ -59,6 +62,7 @@ class HostAgent {
     Control requests_;
     CommandServer commands_;
     ControlServer control_;
+    MetricsServer metrics_;
     ServiceManager manager_;
 };
 

@@ -33,6 +33,12 @@ int main(int argc, char** argv) {
         ->type_name("NAME");
     app.add_option("--events", options.events, "Keep the events across restarts in this file")
         ->type_name("FILE");
+    app.add_option("--metrics", options.metrics,
+                   "Serve the metrics on this address and port, too: 127.0.0.1:9473")
+        ->type_name("ADDRESS:PORT");
+    app.add_option("--metrics-token", options.metricsToken,
+                   "File of mode 0600 with the token that is required there")
+        ->type_name("FILE");
     app.add_option("--log-level", options.logLevel,
                    "Trace levels up to this one are logged, of all facilities")
         ->check(CLI::Range(0, 8))
@@ -47,6 +53,8 @@ int main(int argc, char** argv) {
                 "--forwarding", "--platform " + options.platform +
                                     " has no kernel to forward by; only --platform linux forwards");
         }
+        if (options.metrics.empty() != options.metricsToken.empty())
+            throw CLI::ValidationError("--metrics", "requires --metrics-token, and vice versa");
         if (options.keepForwarding && options.forwarding.empty())
             throw CLI::ValidationError("--keep-forwarding", "--forwarding is required");
     } catch (const CLI::ParseError& error) {
