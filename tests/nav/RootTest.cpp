@@ -61,6 +61,23 @@ TEST_F(RootTest, AReplacedInputMakesANewContainer) {
     EXPECT_TRUE(statusDir->navRemoteIpListHas(ip("10.255.0.2")));
 }
 
+// Switched off and on again while it is being made, a container is not made twice.
+TEST_F(RootTest, ATransitionIsNotEnteredTwice) {
+    onePath();
+    bool done = false;
+    On within(*in.navStatusDir, NavStatusDir::navRemoteIpListAttr, [&] {
+        if (std::exchange(done, true)) return;
+        for (bool on : {false, true}) cli.navConfiguredIs(on);
+    });
+    const auto& traces = capture("root");
+    start();
+    EXPECT_EQ(std::ranges::count_if(
+                  traces,
+                  [](const std::string& line) { return line.ends_with("Creating Nav container"); }),
+              1);
+    EXPECT_EQ(configuredPaths().size(), 1u);
+}
+
 TEST_F(RootTest, NullInputsAreRefusedByName) {
     start();
     EXPECT_THROW(NavRootSmIs({}), Vel::Error);
