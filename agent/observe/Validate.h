@@ -1,8 +1,7 @@
 // Checks that the agent's state is what its inputs demand: a second root, made from a copy of the
 // inputs as they are now, must publish the same. The platform adds what it knows of the kernel.
 //
-// It changes nothing and disturbs nobody, but takes the event thread for as long as path selection
-// takes to start, some milliseconds at full size.
+// It changes nothing, but takes the event thread for longer than path selection takes to start.
 #pragma once
 
 #include <string>
