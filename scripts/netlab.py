@@ -286,7 +286,8 @@ class Lab:
             self.configure(site)
         with open(f"{self.run_dir(site)}/log", "a", encoding="utf-8") as log:
             self.agents[site] = self.start(
-                f"router{site}", self.programs["agent"], "--platform", "linux",
+                # With the priority that its service has.
+                f"router{site}", "nice", "-n", "-10", self.programs["agent"], "--platform", "linux",
                 "--run-dir", self.run_dir(site), "--config", f"{self.run_dir(site)}/config.json",
                 "--forwarding", f"{self.run_dir(site)}/forwarding.json", *options,
                 stderr=log)

@@ -18,6 +18,9 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using namespace std::chrono_literals;
 
+// The paths of an interface are probed at 8 moments of their interval, 16 at a time.
+constexpr uint32_t slots = 8, burst = 16;
+
 // One round of reading takes all that the socket's buffer holds; a flood must not keep the thread.
 constexpr int maxReads = 32;
 
@@ -48,9 +51,9 @@ struct PathProbing::Source {
     Sent& sent(uint32_t id) { return lately[id % lately.size()]; }
 
     ProbeSocket socket;
-    std::map<IpGenAddr, uint32_t> paths;  // their indices, by destination
-    std::array<Sent, 1024> lately{};      // what the kernel's numbers stand for
-    bool due = false;                     // at this tick
+    std::map<IpGenAddr, PathEntry*> paths;  // by destination
+    std::array<Sent, 1024> lately{};        // what the kernel's numbers stand for
+    Instant next = Instant::max();          // when the first of them is due
 };
 
 // Where probes of others come.
@@ -135,14 +138,16 @@ void PathProbing::follow(uint32_t pathIndex, Path& path) {
     if (values.interval == 0) return void(memories_.erase(path.key));
     path.source = sourceAt(path.place);
     if (!path.source) return;
-    path.source->paths[path.key.dstAddr] = pathIndex;
+    path.source->paths[path.key.dstAddr] = &*paths_.find(pathIndex);
     if (++lastSessionId_ == 0) ++lastSessionId_;
-    // Neighbouring indices are far apart in the interval: multiples of the golden ratio.
+    // Neighbouring indices, which often share a source, are sent together: a burst of some small
+    // packets is cheap, a tick for each is not.
     const Duration interval = milliseconds(values.interval);
-    const Duration phase = interval * (pathIndex * 40503 % 65536) / 65536;
+    const Duration phase = interval * (pathIndex / burst % slots) / slots;
     const auto before = memories_.extract(path.key);
-    path.session.emplace(values, lastSessionId_, in_.scheduler->now() + phase,
+    path.session.emplace(values, lastSessionId_, roundUp(in_.scheduler->now(), interval) + phase,
                          before.empty() ? std::nullopt : std::optional(before.mapped()));
+    path.source->next = std::min(path.source->next, path.session->nextSend());
     publish(pathIndex, path);
 }
 
@@ -151,7 +156,7 @@ void PathProbing::end(uint32_t pathIndex, Path& path) {
     if (const auto memory = path.session->memory()) memories_[path.key] = *memory;
     path.session.reset();
     Source& source = *std::exchange(path.source, nullptr);
-    std::erase_if(source.paths, [&](const auto& each) { return each.second == pathIndex; });
+    std::erase_if(source.paths, [&](const auto& each) { return each.second->first == pathIndex; });
     if (source.paths.empty()) sources_.erase(path.place);
     quality_->pathQualityDel(pathIndex);
 }
@@ -193,36 +198,41 @@ Json PathProbing::report() const {
 
 void PathProbing::arm() {
     Instant next = Instant::max();
-    Duration tick = tickOf(Duration::max());
-    for (const auto& [pathIndex, path] : paths_) {
-        if (!path.session) continue;
-        next = std::min({next, path.session->nextSend(), path.session->nextJudgement()});
-        tick = std::min(tick, tickOf(milliseconds(path.session->values().interval)));
-    }
-    if (next != Instant::max()) tick_.armAt(roundUp(next, tick));
+    for (const auto& [place, source] : sources_) next = std::min(next, source->next);
+    if (next != Instant::max()) tick_.armAt(next);
 }
 
 void PathProbing::tick() {
     const Instant now = in_.scheduler->now();
     clock_.compare();
-    for (auto& [pathIndex, path] : paths_)
-        if (path.session &&
-            std::min(path.session->nextSend(), path.session->nextJudgement()) <= now)
-            path.source->due = true;
-    for (auto& [place, source] : sources_)
-        if (source->due) readAnswers(*source);
-    for (auto& [pathIndex, path] : paths_)
-        if (path.session && path.source->due && path.session->judge(now)) publish(pathIndex, path);
-    for (auto& [place, source] : sources_)
-        if (std::exchange(source->due, false)) sendDue(*source);
+    for (auto& [place, source] : sources_) {
+        if (source->next > now) continue;
+        readAnswers(*source);
+        for (const auto& [destination, path] : source->paths)
+            if (path->second.session->judge(now)) publish(path->first, path->second);
+        sendDue(*source, now);
+        source->next = nextOf(*source);
+    }
     arm();
 }
 
+// What is due at about the same time is due together.
+Instant PathProbing::nextOf(const Source& source) {
+    Instant next = Instant::max();
+    for (const auto& [destination, path] : source.paths) {
+        const ProbeSession& session = *path->second.session;
+        const Instant judgement = session.nextJudgement();
+        next = std::min(next, session.nextSend());
+        if (judgement < next)
+            next = roundUp(judgement, tickOf(milliseconds(session.values().interval)));
+    }
+    return next;
+}
+
 void PathProbing::readAnswers(Source& source) {
-    const auto pathOf = [&](const ProbeDatagram& datagram) -> std::pair<const uint32_t, Path>* {
-        const auto index = source.paths.find(datagram.peer);
-        if (index == source.paths.end() || datagram.port != probePort) return nullptr;
-        return &*paths_.find(index->second);
+    const auto pathOf = [&](const ProbeDatagram& datagram) -> PathEntry* {
+        const auto path = source.paths.find(datagram.peer);
+        return path == source.paths.end() || datagram.port != probePort ? nullptr : path->second;
     };
     const ProbeSocket::Reports reports{
         .transmitted =
@@ -250,20 +260,19 @@ void PathProbing::readAnswers(Source& source) {
     for (int i = 0; i < maxReads && source.socket.receive(take);) ++i;
 }
 
-void PathProbing::sendDue(Source& source) {
+void PathProbing::sendDue(Source& source, Instant now) {
     static std::array<std::array<std::byte, authenticatedStampSize>, 128> buffers;
     std::vector<ProbeDatagram> datagrams;
     std::vector<Source::Sent> sent;
-    for (const auto& [destination, pathIndex] : source.paths) {
-        ProbeSession& session = *paths_.at(pathIndex).session;
-        const Instant now = in_.scheduler->now();
+    for (const auto& [destination, path] : source.paths) {
+        ProbeSession& session = *path->second.session;
         if (session.nextSend() > now || sent.size() == buffers.size()) continue;
-        const SenderPacket packet = session.send(now, DayClock::now());
+        const SenderPacket packet = session.send(in_.scheduler->now(), DayClock::now());
         datagrams.push_back({.peer = destination,
                              .port = probePort,
                              .trafficClass = trafficClass(session.values().dscp),
                              .data = write(packet, buffers[sent.size()], session.key())});
-        sent.push_back({0, pathIndex, packet.sequence});
+        sent.push_back({0, path->first, packet.sequence});
     }
     const uint32_t first = source.socket.nextId();
     source.socket.send(datagrams, [&](size_t at, int error) {

@@ -59,6 +59,7 @@ class PathProbing {
         Source* source = nullptr;             // null: not probed
         std::optional<ProbeSession> session;  // set exactly while source is
     };
+    using PathEntry = std::pair<const uint32_t, Path>;
     struct Answering;
 
     ProbeValues valuesOf(const Netz::IntfId& interface) const;
@@ -66,8 +67,9 @@ class PathProbing {
     void end(uint32_t pathIndex, Path& path);
     Source* sourceAt(const Place& place);
     void tick();
+    static Loom::Instant nextOf(const Source& source);
     void readAnswers(Source& source);
-    void sendDue(Source& source);
+    void sendDue(Source& source, Loom::Instant now);
     void arm();
     void publish();
     void publish(uint32_t pathIndex, const Path& path);

@@ -67,8 +67,8 @@ SenderPacket ProbeSession::send(Instant now, std::chrono::nanoseconds sinceEpoch
         .sequence = next_++, .timestamp = ntpStamp(sinceEpoch), .sessionId = sessionId_};
     probe(packet.sequence) = {.sentAt = now, .stamp = packet.timestamp};
     ++counts_.sent;
-    nextSend_ += interval_;
-    if (nextSend_ <= now) nextSend_ = now + interval_;  // probes that are late are left out
+    // Probes whose time has passed are left out.
+    nextSend_ += interval_ * (std::max(now - nextSend_, Duration(0)) / interval_ + 1);
     return packet;
 }
 
