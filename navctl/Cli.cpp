@@ -12,6 +12,7 @@
 
 #include "agent/base/RunDir.h"
 #include "agent/model/Config.h"
+#include "agent/model/IpsecConfig.h"
 #include "client/ControlClient.h"
 #include "navctl/Completion.h"
 #include "navctl/Counters.h"
@@ -91,8 +92,8 @@ class Program {
 
     CLI::App app_{"Operates the path-selection agent of this router", "navctl"};
     Streams streams_;
-    std::string runDir_, path_, value_, file_, forwarding_, shell_, facility_, level_, site_,
-        application_;
+    std::string runDir_, path_, value_, file_, forwarding_, ipsec_, shell_, facility_, level_,
+        site_, application_;
     std::vector<std::string> words_;
     unsigned last_ = 100;
     bool json_ = false, raw_ = false, watch_ = false, graph_ = false;
@@ -138,6 +139,9 @@ void Program::build() {
                          "The same with the configuration of forwarding; - prints no keys")
             ->type_name("FILE");
     }
+    app_.get_subcommand("check")
+        ->add_option("--ipsec", ipsec_, "The same with the IPsec profiles")
+        ->type_name("FILE");
     command(app_, "batch", "Send requests, one JSON object a line", &Program::batch)
         ->add_option("FILE", file_, "- for standard input")
         ->required();
@@ -414,15 +418,21 @@ void Program::load() {
 }
 
 void Program::check() {
-    checkFiles();
+    if (ipsec_.empty()) checkFiles();
     Agent::ConfigPtr config;
     if (!file_.empty()) {
         config = readFile(file_, Agent::readConfigText);
         printWarnings(Agent::configWarnings(*config));
     }
-    if (forwarding_.empty()) return;
-    const auto forwarding = readFile(forwarding_, Agent::readForwardingText);
-    if (config) printWarnings(Agent::forwardingWarnings(*config, *forwarding));
+    if (!forwarding_.empty()) {
+        const auto forwarding = readFile(forwarding_, Agent::readForwardingText);
+        if (config) printWarnings(Agent::forwardingWarnings(*config, *forwarding));
+    }
+    if (!ipsec_.empty()) {
+        const auto read = [this](const std::string&) { return Agent::readIpsecFile(ipsec_); };
+        const auto ipsec = readFile(ipsec_, read);
+        if (config) printWarnings(Agent::ipsecWarnings(*config, *ipsec));
+    }
 }
 
 // Keys are written into a file of the owner's alone, and nowhere else.

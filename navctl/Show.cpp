@@ -224,13 +224,16 @@ TextTable loadBalanceTable(Client::ControlClient& client) {
     return table;
 }
 
-// Requested connections, and those that the service still reports without a request.
+// Requested connections, and those that the service still reports without a request. What only
+// charon knows is empty on platforms without it.
 TextTable ipsecTable(Client::ControlClient& client) {
     TextTable table{
-        {"vrf", "source", "destination", "profile", "interface", "connection", "state", "encap id"},
+        {"vrf", "source", "destination", "profile", "interface", "connection", "state", "encap id",
+         "since", "peer", "cipher", "bytes in", "bytes out", "rekey at", "last error"},
         {}};
     const Json requests = client.get("/ipsecPathConfigDir/ipsecPathConfig");
     const Json statuses = client.get("/ipsecPathStatusDir/ipsecPathStatus");
+    const Json reports = client.request({{"op", "ipsec"}}).at("value");
     Json connections = requests;
     for (const auto& [key, status] : statuses.items()) {
         if (!connections.contains(key)) connections[key] = status;
@@ -239,14 +242,23 @@ TextTable ipsecTable(Client::ControlClient& client) {
         const Json& key = member(connection, "key");
         const Json& request = member(requests, text);
         const Json& status = member(statuses, text);
+        const Json& report = member(reports, text);
         const Json& number = member(status, "connectionState");
-        table.rows.push_back({member(key, "vrfName"), member(key, "srcAddr"),
-                              member(key, "dstAddr"), member(request, "profile"),
-                              member(request, "intfId"), member(request, "connectionName"),
-                              number.is_null()        ? Json("pending")
-                              : number == established ? Json("established")
-                                                      : Json("down"),
-                              unless(member(status, "encapId"), noEncapId)});
+        std::vector<Json>& row = table.rows.emplace_back();
+        row = {member(key, "vrfName"),
+               member(key, "srcAddr"),
+               member(key, "dstAddr"),
+               member(request, "profile"),
+               member(request, "intfId"),
+               member(request, "connectionName"),
+               report.is_object()      ? member(report, "state")
+               : number.is_null()      ? Json("pending")
+               : number == established ? Json("established")
+                                       : Json("down"),
+               unless(member(status, "encapId"), noEncapId)};
+        for (const char* name :
+             {"since", "peer", "cipher", "bytesIn", "bytesOut", "rekeyAt", "error"})
+            row.push_back(member(report, name));
     }
     return table;
 }

@@ -77,15 +77,18 @@ def host(site, guest=False, v6=False):
 
 
 class Lab:
-    """`v6_outside`: the providers that have IPv6 only. Raises Unavailable."""
+    """`v6_outside`: the providers that have IPv6 only. `secured`: those over which paths are secured
+    by IPsec, with a charon for each router. Raises Unavailable."""
 
-    def __init__(self, agent, navctl, v6_outside=()):
+    def __init__(self, agent, navctl, v6_outside=(), secured=()):
+        if secured and not os.path.exists(CHARON):
+            raise Unavailable(f"{CHARON} not found (package strongswan-charon)")
         for tool, package in (("ip", "iproute2"), ("nft", "nftables"), ("nsenter", "util-linux")):
             if not shutil.which(tool):
                 raise Unavailable(f"{tool} not found (package {package})")
         self.programs = {"agent": agent, "navctl": navctl}
-        self.v6_outside = set(v6_outside)
-        self.agents = {}
+        self.v6_outside, self.secured = set(v6_outside), set(secured)
+        self.agents, self.charons = {}, {}
         self._processes = []
         with contextlib.ExitStack() as stack:
             self.netns = self._namespaces(stack)
@@ -232,6 +235,13 @@ class Lab:
                 found[provider, int(link[4:]), source, destination] = element["counter"]["packets"]
         return found
 
+    def clear(self, provider):
+        """How many tunnel packets have come to a provider in clear text so far, by site."""
+        shown = self.json(provider, "nft", "-j", "list", "set", "inet", "lab", "clear")
+        counted = next(each["set"] for each in shown["nftables"] if "set" in each)
+        return {int(each["elem"]["val"][4:]): each["elem"]["counter"]["packets"]
+                for each in counted.get("elem", [])}
+
     # The agents.
 
     def run_dir(self, site):
@@ -242,6 +252,8 @@ class Lab:
         groups = {provider: {"localIntf": [provider], "remoteViaConfig": {
             router(other): {"remoteVia": [outside(provider, other, provider in self.v6_outside)]}
             for other in sites if other != site}} for provider in providers}
+        for provider in self.secured:
+            groups[provider]["ipsecProfile"] = "branch"
         rules = {"5": (9, "guest"), "10": (7, "voice"), "20": (8, "web")}
         return {
             "navConfigured": True, "udpPortConfig": port, "pathGroupConfig": groups,
@@ -272,11 +284,18 @@ class Lab:
                     str(each): {"sourcePrefix": [f"10.{each}.1.0/24", f"fd00:{each}:1::/64"]}
                     for each in sites}}}}
 
-    def configure(self, site, configuration=None, forwarding=None):
+    def ipsec(self, **changes):
+        """The IPsec profiles."""
+        return {"profile": {"branch": {"presharedKey": "The key of the laboratory", "dpdDelay": 1,
+                                       "dpdTimeout": 2, **changes}}}
+
+    def configure(self, site, configuration=None, forwarding=None, ipsec=None):
         """Writes the files of a site's agent, and has it read them if it runs."""
         for name, value in (("config", configuration or self.configuration(site)),
-                            ("forwarding", forwarding or self.forwarding(site))):
-            with open(f"{self.run_dir(site)}/{name}.json", "w", encoding="utf-8") as file:
+                            ("forwarding", forwarding or self.forwarding(site)),
+                            ("ipsec", ipsec or self.ipsec())):
+            with open(f"{self.run_dir(site)}/{name}.json", "w", encoding="utf-8",
+                      opener=lambda path, flags: os.open(path, flags, 0o600)) as file:
                 json.dump(value, file)
         if self.runs(site):
             self.agents[site].send_signal(signal.SIGHUP)
@@ -284,6 +303,9 @@ class Lab:
     def start_agent(self, site, *options):
         if not os.path.exists(f"{self.run_dir(site)}/config.json"):
             self.configure(site)
+        if self.secured:
+            options += ("--ipsec", f"{self.run_dir(site)}/ipsec.json",
+                        "--charon", f"{self.run_dir(site)}/charon.vici")
         with open(f"{self.run_dir(site)}/log", "a", encoding="utf-8") as log:
             self.agents[site] = self.start(
                 # With the priority that its service has.
@@ -292,8 +314,28 @@ class Lab:
                 "--forwarding", f"{self.run_dir(site)}/forwarding.json", *options,
                 stderr=log)
 
+    def start_charon(self, site):
+        """With a /run of its own, where it has its pid file. The kernel may have no ESP, so charon
+        encrypts packets itself: what has its mark is not encrypted again."""
+        place = f"{self.run_dir(site)}/charon"
+        shutil.rmtree(place, ignore_errors=True)
+        os.mkdir(place)
+        with open(f"{place}.conf", "w", encoding="utf-8") as file:
+            file.write(CHARON_CONF.format(socket=f"{self.run_dir(site)}/charon.vici"))
+        with open(f"{place}.log", "a", encoding="utf-8") as log:
+            self.charons[site] = self.start(
+                f"router{site}", "unshare", "--mount", "--propagation", "private", "sh", "-c",
+                f"mount --bind {place} /run && STRONGSWAN_CONF={place}.conf exec {CHARON}",
+                stdout=log, stderr=log)
+
+    def end_charon(self, site, by=signal.SIGTERM):
+        self.charons[site].send_signal(by)
+        self.charons[site].wait(30)
+
     def start_agents(self):
         for site in sites:
+            if self.secured:
+                self.start_charon(site)
             self.start_agent(site)
         for site in sites:
             await_(f"all paths of site {site} are up", lambda s=site: self.paths_up(s) == 4)
@@ -343,6 +385,26 @@ class Lab:
                    for path in json.loads(shown.stdout)["navPathSelPaths"])
 
 
+CHARON = "/usr/lib/ipsec/charon"
+CHARON_CONF = """
+charon {{
+    load = random nonce aes sha1 sha2 hmac kdf gcm pem pkcs1 pkcs8 x509 constraints pubkey openssl \
+        curve25519 kernel-libipsec kernel-netlink socket-default vici
+    install_routes = no
+    process_route = no
+    block_threshold = 0
+    cookie_threshold = 0
+    retransmit_timeout = 1
+    retransmit_tries = 3
+    plugins {{
+        kernel-libipsec {{ allow_peer_ts = yes }}
+        kernel-netlink {{ fwmark = !0x42 }}
+        socket-default {{ fwmark = 0x42 }}
+        vici {{ socket = unix://{socket} }}
+    }}
+}}
+"""
+
 # Counts what the tunnels carry by the ports of the inner packet, whose header has no options.
 COUNTING = f"""
 table inet lab {{
@@ -352,6 +414,11 @@ table inet lab {{
         udp dport != {port} accept
         @th,128,4 4 meta mark set @th,288,32 update @carried {{ iifname . meta mark }}
         @th,128,4 6 meta mark set @th,448,32 update @carried {{ iifname . meta mark }}
+    }}
+    set clear {{ type ifname; size 65535; flags dynamic; counter; }}
+    chain clear {{
+        type filter hook prerouting priority raw;
+        udp dport {port} update @clear {{ iifname }}
     }}
     chain degrade {{ type filter hook forward priority filter; }}
 }}

@@ -28,6 +28,7 @@ floors = [
     ["agent/router"],
     ["agent/linux/kernel"],
     ["agent/linux/forwarding", "agent/linux/quality"],
+    ["agent/linux/ipsec"],
     ["agent/sim", "agent/linux", "agent/observe"],
     ["agent/metrics"],
     ["agent/host"],

@@ -167,7 +167,7 @@ class ProductTest(Products):
             for each in tree("/ipsecPathStatusDir/ipsecPathStatus")}
         self.assertEqual(table("ipsec"), [
             [each["key"]["vrfName"], each["key"]["srcAddr"], each["key"]["dstAddr"], each["profile"],
-             each["intfId"], each["connectionName"], *states[each["key"]["dstAddr"]]]
+             each["intfId"], each["connectionName"], *states[each["key"]["dstAddr"]], *"-------"]
             for each in tree("/ipsecPathConfigDir/ipsecPathConfig")])
         results = {each["addr"]: each["fecId"] for each in tree("/nexthopStatus/vrf[default]/nexthop")}
         fecs = json.loads(self.navctl(run_dir, "get", "/forwardingStatus/fec").stdout)

@@ -23,7 +23,8 @@ Nav::NavDb* databaseOf(const Vel::Ptr<Nav::NavRootSm>& root) {
 }
 
 std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
-                            const Vel::Ptr<Nav::NavRootSm>& root, ForwardingConfig* forwarding) {
+                            const Vel::Ptr<Nav::NavRootSm>& root, ForwardingConfig* forwarding,
+                            IpsecConfig* ipsec) {
     std::vector<Root> roots;
     const std::string written =
         std::string("/") + configName +
@@ -58,6 +59,8 @@ std::vector<Root> makeRoots(const Nav::NavInputs& in, const Platform& platform,
     roots.push_back({forwardingName, &ForwardingConfig::velType,
                      [forwarding]() -> Vel::Entity* { return forwarding; },
                      forwarding ? "" : notForwarding});
+    roots.push_back({ipsecName, &IpsecConfig::velType, [ipsec]() -> Vel::Entity* { return ipsec; },
+                     "IPsec profiles are written only by the file of --ipsec"});
     return roots;
 }
 
@@ -88,11 +91,12 @@ class MemoryFile {
 }  // namespace
 
 Host::Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform, ForwardingPtr forwarding,
-           std::string eventsFile)
+           IpsecPtr ipsec, std::string eventsFile)
     : forwarding_(std::move(forwarding)),
+      ipsec_(std::move(ipsec)),
       inputs_(Nav::makeNavInputs(Vel::Ptr<Vel::Scheduler>(scheduler))),
       platform_(std::move(platform)),
-      tree_(makeRoots(inputs_, *platform_, root_, forwarding_.get())),
+      tree_(makeRoots(inputs_, *platform_, root_, forwarding_.get(), ipsec_.get())),
       events_(std::move(eventsFile)) {
     root_ = Nav::NavRootSmIs(inputs_);
     platform_->start(inputs_);
@@ -151,7 +155,7 @@ Json Host::quality(const Json& request) const {
 
 Controlled Host::controlled() {
     return {tree_,
-            {*inputs_.cliConfig, forwarding_.get()},
+            {*inputs_.cliConfig, forwarding_.get(), ipsec_.get()},
             *inputs_.ipStatusDir,
             platform_->name(),
             platform_->manual(),
@@ -172,7 +176,8 @@ Controlled Host::controlled() {
                   return interfaces(inputs_, *platform_, *observer_);
               }},
              {"quality", [this](const Json& request) { return quality(request); }},
-             {"carriers", [this](const Json&) { return carriers(); }}},
+             {"carriers", [this](const Json&) { return carriers(); }},
+             {"ipsec", [this](const Json&) { return platform_->ipsec(); }}},
             &events_};
 }
 

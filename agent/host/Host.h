@@ -7,6 +7,7 @@
 #include <string>
 
 #include "agent/model/ForwardingConfig.h"
+#include "agent/model/IpsecConfig.h"
 #include "agent/model/Tree.h"
 #include "agent/observe/Observer.h"
 #include "agent/router/Platform.h"
@@ -19,18 +20,19 @@ namespace Agent {
 
 class Host {
   public:
-    // `forwarding`: what the platform forwards by; null if it does not. `eventsFile`: see Events.
+    // `forwarding`: what the platform forwards by; null if it does not. `ipsec`: the profiles of
+    // its IPsec service; null if it has none. `eventsFile`: see Events.
     Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform,
-         ForwardingPtr forwarding = nullptr, std::string eventsFile = {});
+         ForwardingPtr forwarding = nullptr, IpsecPtr ipsec = nullptr, std::string eventsFile = {});
     ~Host();
 
     // Written by the platform; the configuration is written through the tree or a load.
     Nav::NavInputs& inputs() { return inputs_; }
     const Platform& platform() const { return *platform_; }
 
-    // Every input under its name, /navDb while the container exists, and /forwardingConfig, null
-    // unless the agent forwards. On other platforms than manual only the configurations can be
-    // written through it.
+    // Every input under its name, /navDb while the container exists, and /forwardingConfig and
+    // /ipsecConfig, null unless the agent forwards, or has IPsec. On other platforms than manual
+    // only the configurations can be written through it.
     Tree& tree() { return tree_; }
     Events& events() { return events_; }
     const Observer& observer() const { return *observer_; }
@@ -50,6 +52,7 @@ class Host {
     Json carriers() const;
 
     const ForwardingPtr forwarding_;
+    const IpsecPtr ipsec_;
     Nav::NavInputs inputs_;
     Vel::Ptr<Nav::NavRootSm> root_;
     const std::unique_ptr<Platform> platform_;

@@ -14,12 +14,12 @@ namespace {
 
 // The platform that the options name. The loop outlives it.
 std::unique_ptr<Platform> makePlatform(const Options& options, EventLoop& loop,
-                                       ForwardingPtr forwarding) {
+                                       ForwardingPtr forwarding, IpsecPtr ipsec) {
     if (options.platform == "sim") return std::make_unique<Sim::SimPlatform>(options.world);
     if (options.platform == "linux")
         return std::make_unique<Linux::LinuxPlatform>(
-            loop,
-            Linux::LinuxOptions{std::move(forwarding), options.keepForwarding, options.runDir});
+            loop, Linux::LinuxOptions{std::move(forwarding), std::move(ipsec), options.charon,
+                                      options.keepForwarding, options.runDir});
     return std::make_unique<Platform>(options.platform);
 }
 
@@ -28,12 +28,12 @@ MetricsPort metricsPort(const Options& options) {
     return {options.metrics, readToken(options.metricsToken)};
 }
 
-// What `read` makes of a file's text; null if there is no file.
+// What `read` makes of a file; null if there is no file.
 template <class Read>
 auto readIn(const std::string& file, Read read) -> decltype(read(file)) {
     if (file.empty()) return nullptr;
     try {
-        return read(readFile(file));
+        return read(file);
     } catch (const JsonError& error) {
         throw JsonError(file + ": " + error.what());
     }
@@ -51,7 +51,9 @@ HostAgent::HostAgent(Options options, Log& log)
       interrupted_(loop_.onSignal(SIGINT, [this] { stop("SIGINT"); })),
       hungUp_(loop_.onSignal(SIGHUP, [this] { reload(); })),
       forwarding_(options_.forwarding.empty() ? nullptr : makeForwarding()),
-      host_(*scheduler_, makePlatform(options_, loop_, forwarding_), forwarding_, options_.events),
+      ipsec_(options_.ipsec.empty() ? nullptr : makeIpsec()),
+      host_(*scheduler_, makePlatform(options_, loop_, forwarding_, ipsec_), forwarding_, ipsec_,
+            options_.events),
       fib_(*host_.inputs().forwardingStatus, Shard::Namespace(runDir_.path()), "fib", *scheduler_),
       fib6_(*host_.inputs().forwarding6Status, Shard::Namespace(runDir_.path()), "fib6",
             *scheduler_),
@@ -98,11 +100,15 @@ void HostAgent::reload() {
 
 void HostAgent::loadFiles(const char* author) {
     WantedConfig wanted;
-    wanted.paths = readIn(options_.config, readConfigText);
-    wanted.forwarding = readIn(options_.forwarding, readForwardingText);
-    if (!wanted.paths && !wanted.forwarding) return;
-    std::string files = options_.config;
-    if (wanted.forwarding) files += (files.empty() ? "" : " and ") + options_.forwarding;
+    wanted.paths =
+        readIn(options_.config, [](const auto& file) { return readConfigText(readFile(file)); });
+    wanted.forwarding = readIn(options_.forwarding,
+                               [](const auto& file) { return readForwardingText(readFile(file)); });
+    wanted.ipsec = readIn(options_.ipsec, readIpsecFile);
+    std::string files;
+    for (const std::string& file : {options_.config, options_.forwarding, options_.ipsec})
+        if (!file.empty()) files += (files.empty() ? "" : " and ") + file;
+    if (files.empty()) return;
     for (const std::string& warning : requests_.load(std::move(wanted)))
         DUOLOG(agentTrace, 4, files, ": warning: ", LongText{warning});
     DUOLOG(agentTrace, 5, "configuration loaded from ", files);

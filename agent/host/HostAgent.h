@@ -20,6 +20,8 @@ namespace Agent {
 struct Options {
     std::string config;            // file to load at start and on SIGHUP; none if empty
     std::string forwarding;        // the same, of the forwarding; if empty, the agent only decides
+    std::string ipsec;             // the same, of its IPsec profiles; if empty, no path is secured
+    std::string charon;            // charon's VICI socket
     bool keepForwarding = false;   // at an orderly stop
     std::string platform = "sim";  // provides the router's other services
     std::string world;             // file that describes the simulated router; none if empty
@@ -56,6 +58,7 @@ class HostAgent {
     const LogInLoop logInLoop_;
     EventLoop::Registration terminated_, interrupted_, hungUp_;
     const ForwardingPtr forwarding_;  // null unless the agent forwards
+    const IpsecPtr ipsec_;            // null unless it secures paths
     Host host_;
     Shard::SharedFib<Shard::Fib::ForwardingStatus> fib_;
     Shard::SharedFib<Shard::Fib6::ForwardingStatus> fib6_;

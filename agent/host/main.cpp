@@ -17,6 +17,12 @@ int main(int argc, char** argv) {
     app.add_option("--forwarding", options.forwarding,
                    "Forward by the decisions: configuration to load with --config, for linux")
         ->type_name("FILE");
+    app.add_option("--ipsec", options.ipsec,
+                   "Secure paths by charon: IPsec profiles to load with --forwarding, for linux")
+        ->type_name("FILE");
+    app.add_option("--charon", options.charon, "The VICI socket of charon")
+        ->type_name("SOCKET")
+        ->default_val("/run/charon.vici");
     app.add_flag("--keep-forwarding", options.keepForwarding,
                  "An orderly stop leaves the kernel forwarding as it is, for linux");
     app.add_option("--platform", options.platform, "The source of the router's other services")
@@ -55,6 +61,8 @@ int main(int argc, char** argv) {
         }
         if (options.metrics.empty() != options.metricsToken.empty())
             throw CLI::ValidationError("--metrics", "requires --metrics-token, and vice versa");
+        if (!options.ipsec.empty() && options.forwarding.empty())
+            throw CLI::ValidationError("--ipsec", "--forwarding is required");
         if (options.keepForwarding && options.forwarding.empty())
             throw CLI::ValidationError("--keep-forwarding", "--forwarding is required");
     } catch (const CLI::ParseError& error) {

@@ -71,10 +71,10 @@ ForwardingAgent::VelPathStatusEntry::VelPathStatusEntry(PathVrf<ForwardingAgent>
       encapId_(Vel::Subscription::to<&VelPathStatusEntry::reviewLater>(
           path, Nav::PathStatusEntry::encapIdAttr, this)) {}
 
-// Empty unless the path is resolved and its via is still part of its route.
+// Empty unless the path's via is still part of its route.
 std::optional<Neighbour> ForwardingAgent::VelPathStatusEntry::findNexthop() const {
     const Nav::HwPathInfo& info = path_->pathInfo();
-    if (info.pathState != Nav::PathState::resolved || familiesDiffer(path_->key())) return {};
+    if (familiesDiffer(path_->key())) return {};
     const Fec* fec = agent_.fecOf(vrf_->vrfName(), path_->key().dstAddr);
     const Interface* interface = agent_.monitor_.interfaces().named(info.via.intfId);
     const auto isTaken = [&](const Via& via) {
@@ -84,8 +84,25 @@ std::optional<Neighbour> ForwardingAgent::VelPathStatusEntry::findNexthop() cons
     return Neighbour{interface->index, info.via.hop};
 }
 
+PathHop ForwardingAgent::VelPathStatusEntry::hopBy(const Neighbour& nexthop) const {
+    const Via& via = path_->pathInfo().via;
+    return {path_->key(), nexthop.addr, nexthop.ifIndex, via.intfId, via.weight, secured()};
+}
+
+// A secured path is resolved only when IKE has done its work, so IKE is told the next hop earlier.
+void ForwardingAgent::VelPathStatusEntry::pin(const std::optional<Neighbour>& nexthop) {
+    if (!agent_.forwarding_) return;
+    const U32 pathIndex = path_->pathInfo().pathIndex;
+    const bool pinned = nexthop && secured();
+    if (pinned_ && !(pinned && *pinned_ == pathIndex))
+        agent_.forwarding_->securedDel(*std::exchange(pinned_, std::nullopt));
+    if (pinned) agent_.forwarding_->securedIs(*(pinned_ = pathIndex), hopBy(*nexthop));
+}
+
 void ForwardingAgent::VelPathStatusEntry::review() {
     nexthop_ = findNexthop();
+    pin(nexthop_);
+    if (path_->pathInfo().pathState != Nav::PathState::resolved) nexthop_.reset();
     if (!nexthop_) return withdraw();
     const Nav::PathKey& path = path_->key();
     const Nav::HwPathKey key{path.srcAddr, path.dstAddr, path.vrfId, path_->pathInfo().pathIndex};
@@ -99,9 +116,9 @@ void ForwardingAgent::VelPathStatusEntry::review() {
 // Returns the hardware's index of the path, 0 until it has one.
 U32 ForwardingAgent::VelPathStatusEntry::program(const Nav::HwPathInfo& info) {
     if (!agent_.forwarding_) return info.pathIndex;
-    agent_.forwarding_->pathIs(info.pathIndex,
-                               {path_->key(), nexthop_->addr, nexthop_->ifIndex, info.via.intfId,
-                                info.via.weight, !agent_.dead_.has(info.pathIndex)});
+    PathHop hop = hopBy(*nexthop_);
+    hop.usable = !agent_.dead_.has(info.pathIndex);
+    agent_.forwarding_->pathIs(info.pathIndex, hop);
     return agent_.forwarding_->programmed(info.pathIndex);
 }
 

@@ -48,12 +48,15 @@ class ForwardingAgent {
             traceFamilies(path_->key());
             reviewLater();
         }
-        void doCleanup() { withdraw(); }
+        void doCleanup() { pin({}), withdraw(); }
         void reviewLater() { agent_.in_.scheduler->post(review_); }
         const std::optional<Neighbour>& nexthop() const { return nexthop_; }
 
       private:
         std::optional<Neighbour> findNexthop() const;
+        bool secured() const { return path_->pathInfo().pathType == Nav::PathType::securedPath; }
+        PathHop hopBy(const Neighbour& nexthop) const;
+        void pin(const std::optional<Neighbour>& nexthop);
         void review();
         Vel::U32 program(const Nav::HwPathInfo& info);
         void probe(const Nav::HwPathInfo& info);
@@ -65,6 +68,7 @@ class ForwardingAgent {
         const Vel::Ptr<Nav::PathStatusEntry> path_;
         std::optional<Neighbour> nexthop_;       // set exactly while written_ is
         std::optional<Nav::HwPathKey> written_;  // the entry's key
+        std::optional<Vel::U32> pinned_;         // path index with which its IKE is pinned
         Loom::Task review_;
         Vel::Subscription pathInfo_, encapId_;
     };

@@ -9,6 +9,7 @@
 #include "agent/linux/forwarding/Forwarding.h"
 #include "agent/linux/forwarding/Prerequisites.h"
 #include "agent/linux/forwarding/Report.h"
+#include "agent/linux/ipsec/IpsecService.h"
 #include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/linux/quality/PathProbing.h"
 #include "agent/router/NexthopResolver.h"
@@ -33,6 +34,7 @@ class LinuxPlatform::Services {
     Forwarding* forwarding() { return forwarding_ ? &*forwarding_ : nullptr; }
     void configured();
     std::vector<std::string> validate();
+    IpsecService* ipsec() { return ipsec_ ? &*ipsec_ : nullptr; }
     std::optional<Json> report() {
         if (!forwarding_) return {};
         Json report = reportOf(in_, *config_, *forwarding_);
@@ -57,6 +59,7 @@ class LinuxPlatform::Services {
     std::optional<PathProbing> probing_;
     std::optional<ForwardingAgent> agent_;
     std::optional<Counting> counting_;
+    std::optional<IpsecService> ipsec_;
     Loom::Timer retry_;
     EventLoop::Registration readable_, tableChanged_;
 };
@@ -88,11 +91,13 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
                          [this]() -> const InterfaceView& { return monitor_.interfaces(); });
     }
     agent_.emplace(inputs, monitor_, forwarding(), probing_ ? &*probing_ : nullptr, *quality_);
+    if (options.ipsec) ipsec_.emplace(loop, inputs, options.ipsec, options.charon);
 }
 
 void LinuxPlatform::Services::configured() {
     if (forwarding_) forwarding_->replan();
     if (probing_) probing_->configured();
+    if (ipsec_) ipsec_->configured();
 }
 
 // Forwarding goes on without counters.
@@ -179,8 +184,11 @@ void LinuxPlatform::start(const Nav::NavInputs& inputs) {
 }
 
 void LinuxPlatform::stop() {
-    if (services_ && services_->forwarding() && !options_.keepForwarding)
+    // The tunnels go first, so that nothing of them is sent in clear text.
+    if (services_ && services_->forwarding() && !options_.keepForwarding) {
         services_->forwarding()->clear();
+        if (services_->ipsec()) services_->ipsec()->clear();
+    }
     services_.reset();
 }
 
@@ -200,13 +208,19 @@ QualityStatus* LinuxPlatform::quality() const {
     return services_ ? &services_->quality() : nullptr;
 }
 
+Json LinuxPlatform::ipsec() {
+    return services_ && services_->ipsec() ? services_->ipsec()->report() : Json::object();
+}
+
 std::optional<bool> LinuxPlatform::linkUp(const Netz::IntfId& name) const {
     const Interface* interface = services_ ? monitor().interfaces().named(name) : nullptr;
     return interface ? std::optional(interface->up) : std::nullopt;
 }
 
-PathDetail LinuxPlatform::detail(const Nav::PathStatusEntry& path, const L3::VrfName&) const {
+PathDetail LinuxPlatform::detail(const Nav::PathStatusEntry& path, const L3::VrfName& vrf) const {
     PathDetail detail;
+    if (services_ && services_->ipsec())
+        detail.ipsec = services_->ipsec()->errorOf({path.key().srcAddr, path.key().dstAddr, vrf});
     Forwarding* forwarding = services_ ? services_->forwarding() : nullptr;
     if (!forwarding) return detail;
     const auto& refused = forwarding->kernel().refused();

@@ -7,6 +7,7 @@
 
 #include "agent/linux/kernel/KernelMonitor.h"
 #include "agent/model/ForwardingConfig.h"
+#include "agent/model/IpsecConfig.h"
 #include "agent/router/Platform.h"
 #include "agent/shell/EventLoop.h"
 
@@ -14,6 +15,8 @@ namespace Agent::Linux {
 
 struct LinuxOptions {
     ForwardingPtr forwarding{};   // null: the platform observes only
+    IpsecPtr ipsec{};             // null: no path is secured
+    std::string charon{};         // charon's VICI socket; needed for IPsec
     bool keepForwarding = false;  // stop() leaves the kernel forwarding as it is
     std::string runDir{};         // where the table of counters lies; needed for forwarding
     int receiveBuffer = KernelMonitor::defaultReceiveBuffer;  // bytes, for the kernel's events
@@ -32,6 +35,7 @@ class LinuxPlatform final : public Platform {
     std::optional<Json> forwarding() override;
     QualityStatus* quality() const override;
     std::vector<std::string> validate() override;
+    Json ipsec() override;
     std::optional<bool> linkUp(const Netz::IntfId& name) const override;
     PathDetail detail(const Nav::PathStatusEntry& path, const L3::VrfName& vrf) const override;
     Chosen choose(const Nav::LbProfileStatusEntry& entry) const override;

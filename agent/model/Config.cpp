@@ -1,34 +1,10 @@
-#include "agent/model/Config.h"
+#include "agent/model/ReadConfig.h"
 
 namespace Agent {
 
 using Nav::NavCliConfig;
 using Vel::Attribute;
 using Vel::Entity;
-
-namespace {
-
-// Reads a file's text with `read`; an error names the line.
-template <class Read>
-auto readText(const std::string& text, Read read) {
-    if (text.size() > maxConfigBytes)
-        throw JsonError("line 1: a configuration has at most " + std::to_string(maxConfigBytes) +
-                        " bytes, this has " + std::to_string(text.size()));
-    const Json json = parseJson(text);
-    try {
-        return read(json);
-    } catch (const TreeError& error) {
-        throw JsonError("line " + std::to_string(lineOf(text, pointerTo(error.place(), json))) +
-                        ": " + error.what());
-    }
-}
-
-template <class Config>
-void assign(Config& config, const char* name, const Json& json) {
-    Tree({Root::of(name, config)}).set(std::string("/") + name, json);
-}
-
-}  // namespace
 
 ConfigPtr readConfig(const Json& json) {
     auto config = Vel::make<NavCliConfig>(configName);

@@ -62,6 +62,8 @@ Transaction::Transaction(const RunningConfig& running, WantedConfig wanted)
       wanted_(wanted.paths ? wanted.paths : copyConfig(running_)),
       runningForwarding_(running.forwarding),
       wantedForwarding_(wantedForwarding(runningForwarding_, wanted.forwarding)),
+      runningIpsec_(running.ipsec),
+      wantedIpsec_(wanted.ipsec),
       tree_(rootsOf(*wanted_, wantedForwarding_.get())) {}
 
 std::vector<std::string> Transaction::check(const Ip::Status* interfaces) const {
@@ -71,10 +73,14 @@ std::vector<std::string> Transaction::check(const Ip::Status* interfaces) const 
         groups > 0 && wanted_->pathGroupConfig().empty())
         warnings.push_back("this removes every path group (" + std::to_string(groups) +
                            "), and with them every path");
-    if (!wantedForwarding_) return warnings;
-    validateForwarding(*wantedForwarding_);
-    for (std::string& warning : forwardingWarnings(*wanted_, *wantedForwarding_))
-        warnings.push_back(std::move(warning));
+    const auto add = [&warnings](std::vector<std::string> more) {
+        for (std::string& warning : more) warnings.push_back(std::move(warning));
+    };
+    if (wantedForwarding_) {
+        validateForwarding(*wantedForwarding_);
+        add(forwardingWarnings(*wanted_, *wantedForwarding_));
+    }
+    if (runningIpsec_) add(ipsecWarnings(*wanted_, wantedIpsec_ ? *wantedIpsec_ : *runningIpsec_));
     return warnings;
 }
 
@@ -88,6 +94,10 @@ void Transaction::apply() {
     stepAside();
     removeSurplus(running_, *wanted_);
     settleProfiles();
+    if (wantedIpsec_) {
+        removeSurplus(*runningIpsec_, *wantedIpsec_);
+        addMissing(*runningIpsec_, *wantedIpsec_);
+    }
     if (runningForwarding_) {
         removeSurplus(*runningForwarding_, *wantedForwarding_);
         addMissing(*runningForwarding_, *wantedForwarding_);

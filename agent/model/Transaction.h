@@ -17,22 +17,27 @@
 #include <vector>
 
 #include "agent/model/Config.h"
+#include "agent/model/IpsecConfig.h"
 
 namespace Agent {
 
-// The configurations that an agent runs with. Forwarding is null where the agent does not forward.
+// The configurations that an agent runs with. Forwarding is null where the agent does not forward,
+// IPsec where it has no IPsec service.
 struct RunningConfig {
-    RunningConfig(Nav::NavCliConfig& paths, ForwardingConfig* forwarding = nullptr)
-        : paths(paths), forwarding(forwarding) {}
+    RunningConfig(Nav::NavCliConfig& paths, ForwardingConfig* forwarding = nullptr,
+                  IpsecConfig* ipsec = nullptr)
+        : paths(paths), forwarding(forwarding), ipsec(ipsec) {}
 
     Nav::NavCliConfig& paths;
     ForwardingConfig* const forwarding;
+    IpsecConfig* const ipsec;
 };
 
 // The configurations to apply, not shared with any other user; null: unchanged.
 struct WantedConfig {
     ConfigPtr paths = nullptr;
     ForwardingPtr forwarding = nullptr;
+    IpsecPtr ipsec = nullptr;  // only where one is running
 };
 
 class Transaction {
@@ -68,6 +73,8 @@ class Transaction {
     const ConfigPtr wanted_;
     ForwardingConfig* const runningForwarding_;  // both null if the agent does not forward
     const ForwardingPtr wantedForwarding_;
+    IpsecConfig* const runningIpsec_;  // null without an IPsec service
+    const IpsecPtr wantedIpsec_;       // null: as it is
     Tree tree_;
 };
 

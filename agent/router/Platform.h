@@ -46,6 +46,8 @@ class Platform {
     // Reads afresh what the platform takes its state from and what it has programmed. A sentence for
     // each difference to what it believes.
     virtual std::vector<std::string> validate() { return {}; }
+    // What the IPsec service knows of each connection, by its key's text, for `navctl show ipsec`.
+    virtual Json ipsec() { return Json::object(); }
     // Whether an interface is up; empty if it does not exist or the platform does not know.
     virtual std::optional<bool> linkUp(const Netz::IntfId&) const { return {}; }
     // About a path that has a status. Answers from memory: it is called for every path.

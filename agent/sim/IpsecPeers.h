@@ -8,15 +8,11 @@
 // it, and a connection that is established again gets a new one.
 #pragma once
 
+#include "agent/router/ConnectionState.h"
 #include "agent/sim/World.h"
 #include "nav/root/NavInputs.h"
 
 namespace Agent::Sim {
-
-// The values of Ipsec::Path::PathStatus::connectionState.
-enum class ConnectionState : U32 { down, connecting, rekeying, established, failed };
-VEL_ENUM(ConnectionState, down, connecting, rekeying, established, failed)
-static_assert(static_cast<U32>(ConnectionState::established) == Ipsec::Path::established);
 
 class IpsecPeers {
   public:

@@ -85,6 +85,16 @@ uint32_t Forwarding::programmed(uint32_t pathIndex) {
     return std::get<Nexthop::Key>(nexthops.front()).id;
 }
 
+void Forwarding::securedIs(uint32_t pathIndex, const PathHop& hop) {
+    plan_.securedIs(pathIndex, hop);
+    commitLater();
+}
+
+void Forwarding::securedDel(uint32_t pathIndex) {
+    plan_.securedDel(pathIndex);
+    commitLater();
+}
+
 void Forwarding::siteChanged(const Netz::IpGenAddr& site) {
     sites_.insert(site);
     commitLater();
@@ -112,7 +122,7 @@ bool Forwarding::damaged(const Segment& segment) const {
 void Forwarding::interfacesChanged() {
     for (const auto& [vrf, segment] : plan_.segments())
         if (damaged(segment)) ownChanged();
-    if (plan_.segmentsIn(monitor_.interfaces()) != plan_.segments()) {
+    if (plan_.outdated(monitor_.interfaces())) {
         replan();
         repair();
     }

@@ -41,6 +41,9 @@ class Forwarding {
     // being usable.
     void pathIs(uint32_t pathIndex, const PathHop& hop);
     void pathDel(uint32_t pathIndex);
+    // The same when a secured path gets, changes or loses its next hop, whether or not usable.
+    void securedIs(uint32_t pathIndex, const PathHop& hop);
+    void securedDel(uint32_t pathIndex);
     // The number of the path's next hop; 0 until the kernel has acknowledged it in every segment.
     uint32_t programmed(uint32_t pathIndex);
 

@@ -15,7 +15,18 @@ namespace {
 using Netz::IpGenAddr;
 
 // What numbers stand for, first in the hash of each.
-enum class Thing : uint64_t { nexthop, group, anyPath, application, table, anyTable, source };
+enum class Thing : uint64_t {
+    nexthop,
+    group,
+    anyPath,
+    application,
+    table,
+    anyTable,
+    source,
+    ikeSource,
+};
+
+constexpr uint16_t ikePorts[] = {500, 4500};  // RFC 7296, the second also for ESP in UDP
 
 template <class... Words>
 uint64_t thing(Thing kind, Words... words) {
@@ -54,8 +65,11 @@ uint32_t derivedMtu(const InterfaceView& view, const Nav::NavCliConfig& config) 
         for (const Nav::RemoteViaConfig& remote : group.remoteViaConfig())
             for (const IpGenAddr& via : remote.remoteVia()) v6 |= via.isV6();
     }
-    const uint32_t overhead = tunnelOverhead(v6) + (secured ? espOverhead : 0);
-    return std::max(smallest.value_or(ethernet), least + overhead) - overhead;
+    uint32_t link = smallest.value_or(ethernet) - (secured ? espOverhead : 0);
+    if (const Interface* ipsec = view.named(Netz::IntfId(ipsecDevice)); secured && ipsec)
+        link = std::min(link, ipsec->mtu);
+    const uint32_t overhead = tunnelOverhead(v6);
+    return std::max(link, least + overhead) - overhead;
 }
 
 }  // namespace
@@ -110,12 +124,23 @@ Plan::Segments Plan::segmentsIn(const InterfaceView& view) const {
 }
 
 std::set<ObjectKey> Plan::takeChanged() {
-    for (const IpGenAddr& source : std::exchange(sources_, {})) planSource(source);
+    for (const IpGenAddr& source : std::exchange(sources_, {}))
+        planSource(source), planIkeSource(source);
     return std::exchange(changed_, {});
+}
+
+uint32_t ipsecIndexIn(const InterfaceView& view) {
+    const Interface* device = view.named(Netz::IntfId(ipsecDevice));
+    return device ? device->index : 0;
+}
+
+bool Plan::outdated(const InterfaceView& view) const {
+    return segmentsIn(view) != segments_ || ipsecIndexIn(view) != ipsecIndex_;
 }
 
 void Plan::replanAll(const InterfaceView& view) {
     segments_ = segmentsIn(view);
+    ipsecIndex_ = ipsecIndexIn(view);
     planDevices();
     planApplications();
     for (const auto& [pathIndex, hop] : paths_)
@@ -204,6 +229,18 @@ void Plan::pathDel(uint32_t pathIndex) {
     sources_.insert(gone.mapped().path.srcAddr);
 }
 
+void Plan::securedIs(uint32_t pathIndex, const PathHop& hop) {
+    const auto present = secured_.find(pathIndex);
+    if (present != secured_.end() && present->second == hop) return;
+    securedDel(pathIndex);
+    secured_.emplace(pathIndex, hop);
+    sources_.insert(hop.path.srcAddr);
+}
+
+void Plan::securedDel(uint32_t pathIndex) {
+    if (const auto gone = secured_.extract(pathIndex)) sources_.insert(gone.mapped().path.srcAddr);
+}
+
 uint32_t Plan::nexthopId(const Segment& segment, const Nav::PathKey& path) {
     return numbers_.of(thing(Thing::nexthop, segment.vni, path.srcAddr.mix(), path.dstAddr.mix()));
 }
@@ -234,18 +271,29 @@ void Plan::planPath(uint32_t pathIndex) {
     replace(PathNexthops{pathIndex}, objects);
 }
 
+namespace {
+
+// By the path's own interface.
+Route pinned(const PathHop& hop, uint32_t table) {
+    return {.table = table,
+            .prefix = host(hop.path.dstAddr),
+            .metric = ownMetric,
+            .action = Route::Action::via,
+            .gateway = hop.gateway == hop.path.dstAddr ? IpGenAddr() : hop.gateway,
+            .ifIndex = hop.ifIndex};
+}
+
+}  // namespace
+
+// Where charon encrypts, tunnel packets come out of it as packets of the other table.
 void Plan::planSource(const IpGenAddr& source) {
     Objects objects;
     const uint32_t table = numbers_.of(thing(Thing::source, source.mix()));
     for (const auto& [pathIndex, hop] : paths_) {
         if (hop.path.srcAddr != source) continue;
-        insert(objects,
-               Route{.table = table,
-                     .prefix = host(hop.path.dstAddr),
-                     .metric = ownMetric,
-                     .action = Route::Action::via,
-                     .gateway = hop.gateway == hop.path.dstAddr ? IpGenAddr() : hop.gateway,
-                     .ifIndex = hop.ifIndex});
+        Route route = pinned(hop, table);
+        if (hop.secured && ipsecIndex_ != 0) route.gateway = {}, route.ifIndex = ipsecIndex_;
+        insert(objects, route);
     }
     if (!objects.empty()) {
         insert(objects, Route{.table = table,
@@ -266,6 +314,23 @@ void Plan::planSource(const IpGenAddr& source) {
         pin(probePort, 0);
     }
     replace(Source{source}, objects);
+}
+
+// Other destinations of IKE are left to the operator's routes.
+void Plan::planIkeSource(const IpGenAddr& source) {
+    Objects objects;
+    const uint32_t table = numbers_.of(thing(Thing::ikeSource, source.mix()));
+    for (const auto& [pathIndex, hop] : secured_)
+        if (hop.path.srcAddr == source) insert(objects, pinned(hop, table));
+    if (!objects.empty())
+        for (const uint16_t port : ikePorts)
+            insert(objects, Rule{.priority = pinPriority,
+                                 .v6 = source.isV6(),
+                                 .table = table,
+                                 .source = source,
+                                 .ipProtocol = IPPROTO_UDP,
+                                 .sourcePort = port});
+    replace(IkeSource{source}, objects);
 }
 
 // What the configuration puts behind a site is there, whatever a routing daemon says.

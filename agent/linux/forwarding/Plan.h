@@ -16,7 +16,8 @@
 // - routes for the same prefixes in the VRF's table. They lead the router's own packets to the
 //   tunnel device, where they are classified;
 // - a table for each source address of a path, selected by source address and UDP port. It pins the
-//   tunnel packets and probes of a path to its interface, whatever the main table prefers.
+//   tunnel packets and probes of a path to its interface, whatever the main table prefers; and
+//   another one for the packets of IKE.
 //
 // Applications share groups because the kernel waits for all processors each time it replaces one:
 // a link that fails must not cost that for each of a thousand load-balance ids.
@@ -59,10 +60,14 @@ struct PathHop {
     uint32_t ifIndex = 0;
     Netz::IntfId intfId;
     uint32_t weight = 1;
-    bool usable = true;  // an unusable one is pinned to its interface, so that it can be probed
+    bool secured = false;  // by IPsec
+    bool usable = true;    // an unusable one is pinned to its interface, so that it can be probed
 
     bool operator==(const PathHop&) const = default;
 };
+
+// The device into which packets go that charon encrypts itself, where the kernel cannot.
+inline constexpr const char* ipsecDevice = "ipsec0";
 
 // The priorities of the agent's rules. Both come before those of VRF devices (1000).
 inline constexpr uint32_t pinPriority = 110;
@@ -94,6 +99,8 @@ class Plan {
     using Segments = std::map<L3::VrfName, Segment>;
     // The configured segments whose VRF exists.
     Segments segmentsIn(const InterfaceView& view) const;
+    // Whether replanAll() is required: segments have changed, or who encrypts.
+    bool outdated(const InterfaceView& view) const;
 
     // Each recomputes the objects that depend on its subject.
     void replanAll(const InterfaceView& view);
@@ -102,6 +109,10 @@ class Plan {
     // Returns whether anything changed.
     bool pathIs(uint32_t pathIndex, const PathHop& hop);
     void pathDel(uint32_t pathIndex);
+    // A secured path whose next hop is known, whether or not packets can be sent over it: the
+    // packets of IKE, and of ESP where it is encapsulated in UDP, are pinned to its interface.
+    void securedIs(uint32_t pathIndex, const PathHop& hop);
+    void securedDel(uint32_t pathIndex);
     void replanSite(const Netz::IpGenAddr& site);
     // Only the members of its group, which had and has some.
     void replanGroup(const Nav::LbProfileKey& key);
@@ -144,6 +155,10 @@ class Plan {
         Netz::IpGenAddr addr;
         auto operator<=>(const Source&) const = default;
     };
+    struct IkeSource {
+        Netz::IpGenAddr addr;
+        auto operator<=>(const IkeSource&) const = default;
+    };
     struct PathNexthops {
         uint32_t pathIndex;
         auto operator<=>(const PathNexthops&) const = default;
@@ -155,12 +170,14 @@ class Plan {
     struct Others {
         auto operator<=>(const Others&) const = default;
     };
-    using Slice = std::variant<Devices, Applications, Source, PathNexthops, SiteRoutes, Others>;
+    using Slice =
+        std::variant<Devices, Applications, Source, IkeSource, PathNexthops, SiteRoutes, Others>;
 
     void replace(const Slice& slice, const Objects& objects);
     void planDevices();
     void planApplications();
     void planSource(const Netz::IpGenAddr& source);
+    void planIkeSource(const Netz::IpGenAddr& source);
     void planPath(uint32_t pathIndex);
     Prefixes prefixesIn(const Segment& segment) const;
     void planSite(Objects& objects, const Segment& segment, const Netz::IpGenAddr& site,
@@ -176,7 +193,9 @@ class Plan {
     const MemberChoice& choice_;
     Numbers numbers_;
     Segments segments_;
-    std::map<uint32_t, PathHop> paths_;  // by path index
+    std::map<uint32_t, PathHop> paths_;    // by path index
+    std::map<uint32_t, PathHop> secured_;  // the same
+    uint32_t ipsecIndex_ = 0;              // of ipsecDevice; 0: it does not exist
     std::map<L3::VrfName, Prefixes> prefixes_;
     std::map<L3::VrfName, Policy> policies_;
     std::map<uint32_t, std::pair<L3::VrfName, uint32_t>> applications_;

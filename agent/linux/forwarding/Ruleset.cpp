@@ -220,6 +220,7 @@ class Writer {
                                  " tcp flags syn tcp option maxseg size set rt mtu");
     }
 
+    // Protected is what the kernel has decrypted or is to encrypt, and what charon does.
     void protection() {
         chain("tunnels_in", "filter hook input priority filter");
         chain("tunnels_out", "filter hook postrouting priority mangle");
@@ -231,6 +232,7 @@ class Writer {
             const std::string in = destination.stringValue() + " . " + source.stringValue();
             peers[v6].insert(in + " . " + quoted(interface.name.str()));
             if (!protect) return;
+            peers[v6].insert(in + " . " + quoted(ipsecDevice));
             secured[v6].insert(in);
             securedOut[v6].insert(out);
         };
@@ -256,13 +258,14 @@ class Writer {
             }
         for (const bool v6 : {false, true}) {
             const std::string ip = v6 ? "ip6" : "ip", pair = ip + " saddr . " + ip + " daddr ";
-            const std::string probe = std::to_string(probePort);
+            const std::string probe = std::to_string(probePort), device = quoted(ipsecDevice);
             for (const auto& port : {port_, "udp dport " + probe, "udp sport " + probe}) {
                 if (secured[v6].empty()) break;
-                rule("tunnels_in",
-                     port + " " + pair + setOf(secured[v6]) + " meta secpath missing counter drop");
-                rule("tunnels_out",
-                     port + " " + pair + setOf(securedOut[v6]) + " rt ipsec missing counter drop");
+                rule("tunnels_in", port + " " + pair + setOf(secured[v6]) +
+                                       " meta secpath missing iifname != " + device +
+                                       " counter drop");
+                rule("tunnels_out", port + " " + pair + setOf(securedOut[v6]) +
+                                        " rt ipsec missing oifname != " + device + " counter drop");
             }
             if (!peers[v6].empty())
                 rule("tunnels_in",

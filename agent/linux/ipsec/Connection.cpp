@@ -1,0 +1,162 @@
+#include "agent/linux/ipsec/Connection.h"
+
+#include <algorithm>
+
+#include "agent/linux/ipsec/IpsecTrace.h"
+
+namespace Agent::Linux {
+
+Connection::Connection(const Ipsec::ConnectionKey& key, uint32_t reqid, Loom::Instant now)
+    : key_(key), reqid_(reqid), changed_(now), single_(now), random_(std::random_device{}()) {
+    due_ = now + (key.srcAddr > key.dstAddr ? passiveDelay : Loom::Duration{});
+}
+
+bool Connection::want(Settings settings, Loom::Duration dpdTimeout, Loom::Instant now) {
+    dpdTimeout_ = dpdTimeout;
+    if (settings == settings_) return false;
+    const bool replaces = !settings_.name.empty();
+    settings_ = std::move(settings);
+    loaded_ = observed_ = false;
+    wanted_ = now;
+    failures_ = 0;
+    hint_.clear();
+    due_ = now + (key_.srcAddr > key_.dstAddr ? passiveDelay : Loom::Duration{});
+    become(ConnectionState::down, now);
+    return replaces;
+}
+
+bool Connection::refuse(const std::string& reason, Loom::Instant now) {
+    const bool replaces = !settings_.name.empty();
+    settings_ = {};
+    loaded_ = observed_ = false;
+    wanted_ = now;
+    fail(reason, now);
+    return replaces;
+}
+
+void Connection::unloaded(const std::string& reason, Loom::Instant now) {
+    loaded_ = false;
+    fail(reason, now);
+}
+
+void Connection::charonLost(const std::string& reason, Loom::Instant now) {
+    loaded_ = observed_ = false;
+    sas_.clear();
+    waits_.clear();
+    failures_ = 0;
+    error_ = "charon is not available: " + reason;
+    become(ConnectionState::failed, now);
+    due_ = now + (key_.srcAddr > key_.dstAddr ? passiveDelay : Loom::Duration{});
+}
+
+void Connection::become(ConnectionState state, Loom::Instant now) {
+    if (state_ == state) return;
+    DUOLOG(ipsecTrace, 6, "IPsec from ", key_.srcAddr, " to ", key_.dstAddr, " is ", state);
+    state_ = state;
+    changed_ = now;
+    since_ = std::chrono::system_clock::now();
+}
+
+void Connection::fail(const std::string& reason, Loom::Instant now) {
+    hint_ = reason;
+    fail(now);
+}
+
+void Connection::fail(Loom::Instant now) {
+    std::string reason = std::exchange(hint_, {});
+    if (reason.empty()) reason = "charon has given up";
+    if (reason != error_)
+        DUOLOG(ipsecTrace, 4, "IPsec from ", key_.srcAddr, " to ", key_.dstAddr, ": ", reason);
+    error_ = std::move(reason);
+    become(ConnectionState::failed, now);
+    const Loom::Duration delay =
+        std::min<Loom::Duration>(lastRetry, firstRetry * (1 << std::min(failures_++, 6U)));
+    due_ = now + delay * std::uniform_int_distribution(75, 125)(random_) / 100;
+    if (key_.srcAddr > key_.dstAddr) due_ += passiveDelay;
+}
+
+bool Connection::isStale(const IkeSa& sa) const {
+    return std::ranges::any_of(sa.children, [this](const ChildSa& child) {
+        return child.name.starts_with(childPrefix) && child.name != settings_.child;
+    });
+}
+
+bool Connection::isCarriedBy(const IkeSa& sa) const {
+    return sa.established() && std::ranges::any_of(sa.children, [this](const ChildSa& child) {
+               return child.name == settings_.child && child.carries();
+           });
+}
+
+bool Connection::isSilent(const IkeSa& sa, Loom::Instant now) {
+    if (!sa.waits && !sa.connecting()) {
+        waits_.erase(sa.id);
+        return false;
+    }
+    const Loom::Instant since = waits_.try_emplace(sa.id, now).first->second;
+    if (now - since < (sa.connecting() ? connectTime : dpdTimeout_)) return false;
+    hint_ = sa.answered ? "the peer no longer answers" : "the peer does not answer";
+    return true;
+}
+
+std::vector<uint32_t> Connection::observe(std::vector<IkeSa> sas, Loom::Instant asked,
+                                          Loom::Instant now) {
+    if (asked < wanted_) return {};
+    observed_ = true;
+    sas_ = std::move(sas);
+    listed_ = std::chrono::system_clock::now();
+    std::erase_if(waits_, [this](const auto& each) {
+        return std::ranges::find(sas_, each.first, &IkeSa::id) == sas_.end();
+    });
+    std::vector<uint32_t> superfluous;
+    bool connecting = false;
+    std::vector<const IkeSa*> carriers;
+    for (const IkeSa& sa : sas_) {
+        if (!sa.connecting() && !sa.established()) continue;  // it is being deleted
+        if (isStale(sa) || isSilent(sa, now)) {
+            superfluous.push_back(sa.id);
+            continue;
+        }
+        if (isCarriedBy(sa)) carriers.push_back(&sa);
+        connecting |= sa.connecting() || sa.waits;
+    }
+    // Both sides keep the same one of several. A second one is terminated by its initiator.
+    std::ranges::sort(carriers, {}, &IkeSa::spi);
+    if (carriers.size() < 2) single_ = now;
+    if (now - single_ >= pairTime)
+        for (size_t i = 1; i < carriers.size(); ++i)
+            if (carriers[i]->initiator) superfluous.push_back(carriers[i]->id);
+    if (!carriers.empty()) {
+        failures_ = 0;
+        hint_.clear();
+        become(ConnectionState::established, now);
+    } else if (established()) {
+        if (asked < changed_) return superfluous;
+        failures_ = 0;
+        fail(now);
+    } else if (connecting) {
+        become(ConnectionState::connecting, now);
+    } else if (state_ == ConnectionState::connecting && asked >= initiated_ + graceTime) {
+        fail(now);
+    }
+    return superfluous;
+}
+
+void Connection::observeUp(const IkeSa& sa, Loom::Instant now) {
+    if (!isCarriedBy(sa)) return;
+    failures_ = 0;
+    hint_.clear();
+    become(ConnectionState::established, now);
+}
+
+Loom::Instant Connection::due() const {
+    const bool idle = state_ == ConnectionState::down || state_ == ConnectionState::failed;
+    return loaded_ && observed_ && idle ? due_ : Loom::Instant::max();
+}
+
+void Connection::initiated(Loom::Instant now) {
+    initiated_ = now;
+    hint_.clear();
+    become(ConnectionState::connecting, now);
+}
+
+}  // namespace Agent::Linux

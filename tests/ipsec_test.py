@@ -1,0 +1,196 @@
+"""Secured paths, with the real charon: ipsec_test.py BUILD_DIR SOURCE_DIR, as root.
+
+Three sites and two providers in network namespaces (scripts/netlab.py); the paths over the internet
+are secured. Every packet that comes to a provider is looked at: none of a tunnel may come to the
+internet in clear text. Needs Debian's strongswan-charon, strongswan-swanctl and
+libcharon-extra-plugins. NAV_KILLS: how many random events there are; NAV_SEED: their seed.
+"""
+import contextlib
+import json
+import os
+import random
+import re
+import signal
+import subprocess
+import sys
+import unittest
+
+from products import main, programs, source
+
+sys.path.insert(0, f"{source}/scripts")
+from netlab import Lab, Unavailable, await_, host, outside, router, sites  # noqa: E402
+from traffic import Traffic  # noqa: E402
+
+web, guests = 443, 7000  # prefers the internet; may use nothing else
+
+
+class IpsecTest(unittest.TestCase):
+    def setUp(self):
+        cleanup = contextlib.ExitStack()
+        self.addCleanup(cleanup.close)
+        sys.setswitchinterval(0.0005)
+        try:
+            self.lab = cleanup.enter_context(Lab(programs["nav-agent"], programs["navctl"],
+                                                 secured=["internet"]))
+        except Unavailable as reason:
+            self.skipTest(str(reason))
+        self.traffic = cleanup.enter_context(Traffic(self.lab))
+        self.addCleanup(self.show_logs)
+        self.addCleanup(self.assert_nothing_clear)
+
+    def show_logs(self):
+        if any(case is self for case, _ in self._outcome.result.errors + self._outcome.result.failures):
+            print(*(f"--- agent of site {site}\n{self.lab.log(site)}" for site in sites))
+
+    def assert_nothing_clear(self):
+        self.assertEqual(self.lab.clear("internet"), {})
+
+    def start(self):
+        self.profile = self.lab.ipsec()
+        self.lab.start_agents()
+        streams = [self.traffic.stream(f"{sender} to {receiver} port {port}",
+                                       (f"host{sender}", host(sender, port == guests)),
+                                       (f"host{receiver}", host(receiver), port), 100)
+                   for sender, receiver in ((1, 2), (2, 1), (2, 3), (3, 1)) for port in (web, guests)]
+        self.await_all_arrive(streams)
+        return streams
+
+    def await_all_arrive(self, streams):
+        """Packets of each stream that are sent from now on arrive."""
+        goals = {stream: len(stream.sent) + 5 for stream in streams}
+        await_("packets of every stream arrive",
+               lambda: all(stream.latest >= goal for stream, goal in goals.items()), 60)
+
+    def connections(self, site):
+        """By destination."""
+        shown = self.lab.navctl(site, "--json", "show", "ipsec")
+        self.assertEqual(shown.returncode, 0, shown.stderr)
+        return {row["destination"]: row for row in json.loads(shown.stdout)}
+
+    def state(self, site, other):
+        row = self.connections(site)[outside("internet", other)]
+        return row["state"], row["lastError"]
+
+    def await_failure(self, site, other, reason):
+        await_(f"IPsec from {site} to {other} fails: {reason}", lambda: self.state(site, other)[1] and
+               reason in self.state(site, other)[1] and self.state(site, other)[0] != "established")
+
+    def swanctl(self, site, *arguments):
+        done = subprocess.run(["swanctl", *arguments, "--uri",
+                               f"unix://{self.lab.run_dir(site)}/charon.vici"],
+                              text=True, capture_output=True, check=False, timeout=30)
+        return done.stdout
+
+    def associations(self, site):
+        """(peer, state, state of the only CHILD_SA) of each IKE_SA of a charon."""
+        return sorted((peer, state, tuple(re.findall(r" state=(\w+) ", children)))
+                      for state, peer, children in re.findall(
+                          r"list-sa event \{\S+ \{.*? state=(\w+) .*?remote-host=(\S+) .*?"
+                          r"child-sas \{(.*?)\}\}\}", self.swanctl(site, "--list-sas", "--raw")))
+
+    def await_settled(self, streams):
+        """Every path is up, with one IKE_SA and one CHILD_SA; nothing else is there."""
+        for site in sites:
+            expected = sorted((outside("internet", other), "ESTABLISHED", ("INSTALLED",))
+                              for other in sites if other != site)
+            await_(f"all paths of site {site} are up", lambda s=site: self.lab.paths_up(s) == 4, 90)
+            await_(f"site {site} has one association a path",
+                   lambda s=site, e=expected: self.associations(s) == e, 60)
+        self.await_all_arrive(streams)
+
+    def kill_charon(self, site):
+        self.lab.end_charon(site, signal.SIGKILL)
+        self.lab.start_charon(site)
+
+    def kill_agent(self, site):
+        self.lab.end_agent(site, signal.SIGKILL)
+        self.lab.start_agent(site)
+
+    def delete(self, site):
+        """By the other ends: associations of the first, or only what carries packets."""
+        self.swanctl(site, "--terminate", "--ike", "Path1", "--timeout", "1")
+        self.swanctl(site, "--terminate", "--child-id", "2", "--timeout", "1")
+
+    def change_profile(self, **changes):
+        self.profile = self.lab.ipsec(**changes)
+        for site in sites:
+            self.lab.configure(site, ipsec=self.profile)
+
+    def flap(self, site):
+        self.lab.links("internet", "down", [site])
+        self.lab.links("internet", "up", [site])
+
+    def change_path(self, site):
+        """A path of one side goes and comes."""
+        changed = self.lab.configuration(site)
+        other = next(each for each in sites if each != site)
+        del changed["pathGroupConfig"]["internet"]["remoteViaConfig"][router(other)]
+        self.lab.configure(site, changed, ipsec=self.profile)
+        await_("the path has gone", lambda: len(self.connections(site)) == 1)
+        self.lab.configure(site, ipsec=self.profile)
+
+    def test_packets_are_encrypted_through_rekeying_and_the_end_of_agents(self):
+        streams = self.start()
+        web_now = {stream: len(stream.sent) for stream in streams}
+        before = {site: self.connections(site) for site in sites}
+        for site, path in ((1, "1"), (1, "2"), (2, "2")):  # each from one end
+            self.swanctl(site, "--rekey", "--child-id", path)
+            self.swanctl(site, "--rekey", "--ike", f"Path{path}")
+        self.await_all_arrive(streams)
+        for site in sites:
+            self.kill_agent(site)
+        self.await_settled(streams)
+        self.traffic.settle()
+        self.assertEqual({stream.name: stream.outages(first) for stream, first in web_now.items()
+                          if stream.lost(first)}, {})
+        for site in sites:
+            for destination, row in self.connections(site).items():
+                self.assertEqual(row["encapId"], before[site][destination]["encapId"])
+                self.assertEqual(row["peer"], destination)
+                await_("bytes are counted", lambda s=site, d=destination:
+                       any(self.connections(s)[d][each] for each in ("bytesIn", "bytesOut")))
+        self.assertEqual({each[0] for each in self.lab.carried()} - {"mpls"}, set())
+
+    def test_nothing_leaves_in_clear_text_whatever_happens(self):
+        seed = int(os.environ.get("NAV_SEED", "3"))
+        chance, streams = random.Random(seed), self.start()
+        events = [self.kill_charon, self.kill_agent, self.delete, self.flap, self.change_path,
+                  lambda _: self.change_profile(espProposals=chance.choice(
+                      ["aes256gcm16", "aes128gcm16-ecp256"])),
+                  lambda _: self.change_profile(presharedKey=f"another key {chance.random()}")]
+        chance.shuffle(events)
+        for number in range(int(os.environ.get("NAV_KILLS", "7"))):
+            site = chance.choice(sites)
+            events[number % len(events)](site)
+            if chance.random() < 0.5:
+                self.await_settled(streams)
+            self.assert_nothing_clear()
+        self.await_settled(streams)
+        for site in sites:
+            self.assertEqual(self.lab.end_agent(site), 0)
+            await_("nothing is left", lambda s=site: "event {" not in self.swanctl(s, "--list-sas", "--raw")
+                   + self.swanctl(s, "--list-conns", "--raw"))
+            self.assertNotIn("key of the laboratory", self.lab.log(site))
+
+    def test_failures_have_their_reasons(self):
+        streams = self.start()
+        # A silent peer beside one that refuses.
+        self.lab.charons[2].send_signal(signal.SIGSTOP)
+        self.lab.configure(3, ipsec=self.lab.ipsec(presharedKey="a wrong key"))
+        self.await_failure(1, 2, "no longer answers")
+        self.await_failure(1, 2, "does not answer")
+        self.await_failure(1, 3, "authentication failed")
+        self.lab.charons[2].send_signal(signal.SIGCONT)
+        self.lab.configure(3, ipsec=self.lab.ipsec(proposals="aes128gcm16-prfsha256-ecp256"))
+        self.await_failure(1, 3, "no proposal chosen")
+        self.lab.configure(3, ipsec={"profile": {}})
+        await_("the profile is missed", lambda: "not configured" in (self.state(3, 1)[1] or ""))
+        self.lab.configure(3)
+        self.lab.end_charon(1, signal.SIGKILL)
+        self.await_failure(1, 2, "charon is not available")
+        self.lab.start_charon(1)
+        self.await_settled(streams)
+
+
+if __name__ == "__main__":
+    main()
