@@ -180,7 +180,7 @@ class OracleTest : public testing::Test {
 };
 
 TEST_F(OracleTest, HoldsOnARandomWalk) {
-    const size_t events = setting("NAV_WALK_EVENTS", 100000);
+    const size_t events = setting("NAV_WALK_EVENTS", 30000);
     const size_t length = std::min(events, setting("NAV_WALK_EPISODE", 1000));
     const Vel::U64 seed = setting("NAV_WALK_SEED", 20240611);
     std::cout << events << " events from seed " << seed << std::endl;
