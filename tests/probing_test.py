@@ -9,7 +9,9 @@ import datetime
 import json
 import math
 import os
+import random
 import re
+import socket
 import statistics
 import subprocess
 import sys
@@ -18,7 +20,8 @@ import unittest
 
 from products import main, programs, source  # which adds scripts/ to the path
 
-from netlab import Lab, Unavailable, await_, outside, providers, router  # noqa: E402
+from netlab import Lab, Unavailable, await_, outside, providers, router, sites  # noqa: E402
+from traffic import open_socket  # noqa: E402
 
 stamp = [sys.executable, f"{source}/tests/stamp.py"]
 
@@ -140,6 +143,53 @@ class QualityTest(unittest.TestCase):
                 process.kill()
                 process.wait()
         self.assertEqual(self.deaths(1) + self.deaths(2), [])
+
+    def arrives(self, provider, site, other):
+        """Whether a packet from a router's address at a provider arrives at another's."""
+        with open_socket(self.lab, f"router{other}", socket.SOCK_DGRAM,
+                         self.ends[provider, other]) as receiver, \
+                open_socket(self.lab, f"router{site}", socket.SOCK_DGRAM,
+                            self.ends[provider, site]) as sender, contextlib.suppress(OSError):
+            receiver.settimeout(0.2)
+            sender.sendto(b"arrives", receiver.getsockname()[:2])
+            return receiver.recv(100) == b"arrives"
+        return False
+
+    def claims(self, site):
+        """Whether the agent of a site holds its paths usable, of those that it checks."""
+        shown = json.loads(self.lab.navctl(site, "--json", "show", "paths").stdout)
+        ends = {path["destination"] for path in shown.get("navPathSelPaths", [])
+                if path["state"].endswith("Estab")}
+        return {(provider, other): self.ends[provider, other] in ends
+                for provider in providers for other in sites
+                if other != site and self.alive(site, provider, other) is not None}
+
+    def test_a_path_is_usable_exactly_if_packets_come_there_and_back(self):
+        self.start(*sites, interval=20, upDelay=100)
+        for site in sites:
+            await_(f"all paths of site {site} are checked", lambda s=site: len(self.claims(s)) == 4)
+        chance, checked = random.Random(7), 0
+        for _ in range(6):
+            down = {(provider, site) for provider in providers for site in sites
+                    if chance.random() < 0.15}
+            silent = [(provider, *chance.sample(sites, 2)) for provider in providers
+                      for _ in range(chance.randrange(3))]
+            for provider in providers:
+                self.lab.nft(provider, "flush chain inet lab degrade\n" + "".join(
+                    f"add rule inet lab degrade iifname site{here} oifname site{there} drop\n"
+                    for at, here, there in silent if at == provider))
+                for state in "down", "up":
+                    self.lab.links(provider, state, [
+                        site for site in sites if ((provider, site) in down) == (state == "down")])
+            for site in sites:
+                def agree(site=site):
+                    claims = self.claims(site)
+                    found = {(provider, other): self.arrives(provider, site, other) and
+                             self.arrives(provider, other, site) for provider, other in claims}
+                    return [len(claims)] if claims == found == self.claims(site) else None
+                checked += await_(f"site {site} says what packets find, with {down}, {silent}",
+                                  agree)[0]
+        self.assertGreater(checked, 48)  # of 72
 
 
 if __name__ == "__main__":
