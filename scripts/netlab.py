@@ -282,7 +282,10 @@ class Lab:
                 "web": {"match": {"1": {"destinationPort": ["80", "443"]}}},
                 "guest": {"match": {
                     str(each): {"sourcePrefix": [f"10.{each}.1.0/24", f"fd00:{each}:1::/64"]}
-                    for each in sites}}}}
+                    for each in sites}}},
+            # The namespaces share one kernel, which may keep all agents waiting at once for longer
+            # than 300 ms when others change their network; no router stops for as long.
+            "probe": {"multiplier": 10}}
 
     def ipsec(self, **changes):
         """The IPsec profiles."""
