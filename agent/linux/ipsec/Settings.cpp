@@ -8,6 +8,9 @@ namespace Agent::Linux {
 
 namespace {
 
+// UDP by its number (RFC 768): a name requires /etc/protocols, which a bare system does not have.
+constexpr const char* udp = "[17]";
+
 Json listOf(const std::string& commas) {
     Json list = Json::array();
     for (size_t from = 0; from <= commas.size();) {
@@ -56,8 +59,8 @@ Settings settingsOf(const Ipsec::Path::PathConfig& request, const IpsecProfileCo
             remote["cacerts"].push_back(readFile(file));
     }
     const Json child = {{"mode", espBy == EspBy::kernel ? "transport" : "tunnel"},
-                        {"local_ts", Json::array({here + "[udp]"})},
-                        {"remote_ts", Json::array({there + "[udp]"})},
+                        {"local_ts", Json::array({here + udp})},
+                        {"remote_ts", Json::array({there + udp})},
                         {"esp_proposals", listOf(profile.espProposals())},
                         {"reqid", std::to_string(reqid)},
                         {"rekey_time", seconds(profile.espRekeyTime())},
