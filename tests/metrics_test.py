@@ -56,9 +56,11 @@ class MetricsTest(Products):
         run_dir = self.run_dir()
         self.agent(run_dir, *branch)
         self.start(run_dir, "nav-forwarder")
-        metrics = await_("all paths are up and counted", lambda: (
-            lambda m: m if sum(m["nav_path_up"].values()) == 7 and "nav_path_flows" in m else None)(
-                self.scrape(run_dir)[0]))
+        def counted():
+            metrics, _ = self.scrape(run_dir) or ({}, "")
+            up = sum(metrics.get("nav_path_up", {}).values()) == 7
+            return metrics if up and "nav_path_flows" in metrics else None
+        metrics = await_("all paths are up and counted", counted)
         # A path without an interface, and one that fails, keep their samples.
         self.navctl(run_dir, "set", "/cliConfig/pathGroupConfig[mpls]/localIntf[absent0]", "true")
         after, _ = self.await_paths(run_dir, 10)
