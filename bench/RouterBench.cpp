@@ -12,7 +12,6 @@
 #include "bench/FullSize.h"
 #include "bench/RunDirectory.h"
 #include "platform/trace/Duolog.h"
-#include "tests/oracle/Oracle.h"
 
 #if defined(BENCH_SIGNALS2) && defined(BENCH_SPDLOG) && defined(BENCH_LMDB)
 #define BENCH_STACK
@@ -160,18 +159,6 @@ void switchOn(benchmark::State& state) {
     requireFull(router);
 }
 
-// Everything that must be published, computed in plain containers from copies of the inputs.
-void recompute(benchmark::State& state) {
-    FullRouter router;
-    Oracle::Oracle oracle;
-    auto check = [&] {
-        auto inputs = Oracle::inputsOf(router.in);
-        auto seen = Oracle::publishedIn(router.in, router.root->navContainer()->navDb());
-        timed(state, [&] { oracle.check(std::move(inputs), std::move(seen), true); });
-    };
-    for (auto _ : state) check();
-}
-
 // The answer that a client of the show command receives over a socket.
 struct Client {
     int ends[2];
@@ -251,12 +238,10 @@ void showDprintf(benchmark::State& state) {
 }
 
 BENCHMARK_CAPTURE(event, , 8)->Name("event/ours");
-BENCHMARK_CAPTURE(event, , 5)->Name("event/ours untraced");
+BENCHMARK_CAPTURE(event, , 5)->Name("event-untraced/ours");
 BENCHMARK(eventLimit)->Name("event/limit");
 BENCHMARK(interfaceFails)->UseManualTime()->Iterations(5)->Name("interface/ours");
-BENCHMARK(recompute)->UseManualTime()->Iterations(5)->Name("interface/recomputation");
 BENCHMARK(switchOn)->UseManualTime()->Iterations(5)->Name("container/ours");
-BENCHMARK(recompute)->UseManualTime()->Iterations(5)->Name("container/recomputation");
 BENCHMARK(showOurs)->UseManualTime()->Name("show/ours");
 BENCHMARK(showLimit)->UseManualTime()->Name("show/limit");
 BENCHMARK(showSnprintf)->UseManualTime()->Name("show/snprintf");

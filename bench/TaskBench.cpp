@@ -1,4 +1,6 @@
 // A task posted and run, a timer re-armed.
+#include <memory>
+
 #include "bench/Bench.h"
 #include "platform/loom/TaskScheduler.h"
 

@@ -4,6 +4,7 @@
 
 #include "bench/Bench.h"
 #include "platform/trace/Duolog.h"
+#include "platform/vel/Object.h"
 
 #ifdef BENCH_FMT
 #include <fmt/format.h>

@@ -31,6 +31,13 @@ PEERS = {
 }
 
 
+def nanoseconds(time):
+    for unit, size in (("ms", 1e6), ("µs", 1e3)):
+        if time >= size:
+            return f"{time / size:.3g} {unit}"
+    return f"{time:.2f} ns" if time < 10 else f"{time:.3g} ns"
+
+
 # Aims. Each has a text and measured(row): (value, what it must not exceed). A row passes within a
 # tolerance, since timings of a few nanoseconds move by code layout alone.
 
@@ -65,10 +72,10 @@ class Absolute:
         self.limit, self.per = limit, per
 
     def text(self):
-        return f"at most {self.limit} ns{self.per}"
+        return f"at most {nanoseconds(self.limit)}{self.per}"
 
     def measure(self, row):
-        return f"{row.median('ours'):.2f} ns", row.median("ours") / self.limit
+        return nanoseconds(row.median("ours")), row.median("ours") / self.limit
 
 
 class Above:
@@ -96,8 +103,8 @@ MAPS = ["tsl::robin_map", "boost::unordered_flat_map", "absl::flat_hash_map", "s
 ROWS = [
     ("set", "set, nobody subscribed", [Ratio(1.1, "limit")]),
     ("set-equal", "set, equal value", [Ratio(1.1, "limit")]),
-    ("notify-1", "set and notify, 1 subscriber", [Ratio(1.1, "limit"), Faster(10, "Boost.Signals2")]),
-    ("notify-8", "set and notify, 8 subscribers", [Ratio(1.25, "limit"), Faster(6, "Boost.Signals2")]),
+    ("notify-1", "set and notify, 1 subscriber", [Ratio(2.5, "limit"), Faster(10, "Boost.Signals2")]),
+    ("notify-8", "set and notify, 8 subscribers", [Ratio(1.5, "limit"), Faster(6, "Boost.Signals2")]),
     ("subscribe", "subscribe and unsubscribe", [NoAllocation(), Absolute(5)]),
     ("lookup-128", "keyed lookup, path key, 128 entries", [Ratio(1.1, *MAPS, name="best peer")]),
     ("lookup-1023", "keyed lookup, path key, 1023 entries", [Ratio(1.1, *MAPS, name="best peer")]),
@@ -109,22 +116,23 @@ ROWS = [
     ("trace-decision", "trace, a decision", [Absolute(2)]),
     ("read-104", "shared-memory read, 104 B", [Ratio(1.2, "limit")]),
     ("read-4096", "shared-memory read, 4 KB", [Ratio(1.1, "limit")]),
-    ("contended-104", "the same, 104 B, a writer flat out", [Faster(20, "Boost.Interprocess")]),
-    ("contended-4096", "the same, 4 KB, a writer flat out", [Faster(20, "Boost.Interprocess")]),
+    ("contended-104", "the same, 104 B, a writer flat out", [Ratio(1.5, "limit")]),
+    ("contended-4096", "the same, 4 KB, a writer flat out", [Ratio(1.5, "limit")]),
     ("write-104", "shared-memory write, 104 B", [Ratio(1.25, "limit")]),
     ("write-4096", "shared-memory write, 4 KB", [Ratio(1.25, "limit")]),
     ("changes-1023", "a change of 16 among 1023", [Absolute(3, " a change")]),
     ("changes-4092", "a change of 16 among 4092", [Absolute(3, " a change")]),
     ("pointer", "counted pointer copy", [Absolute(1)]),
-    ("task", "task posted and run", [Ratio(2, "limit")]),
+    ("task", "task posted and run", [Ratio(3, "limit")]),
     ("timer", "timer re-armed", [Absolute(5)]),
     ("show", "show answer of 128 paths", [Ratio(5, "limit"), Faster(100, "dprintf by field")]),
     ("event", "one event, end to end, with full trace",
-     [Ratio(3.5, "limit"), Faster(15, "Signals2, spdlog, LMDB")]),
-    ("interface", "a WAN interface fails: 32 of 128 paths, 1023 keys", [Ratio(1, "recomputation")]),
-    ("container", "container switched on at full size", [Ratio(3, "recomputation")]),
+     [Absolute(90), Faster(7, "Signals2, spdlog, LMDB")]),
+    ("event-untraced", "the same, untraced", [Absolute(60)]),
+    ("interface", "a WAN interface fails: 32 of 128 paths, 1023 keys", [Absolute(150_000)]),
+    ("container", "container switched on at full size", [Absolute(5_000_000)]),
     ("kernel", "a route change with 128 tracked next hops, kernel to published",
-     [Faster(8, "FRR zebra")]),
+     [Absolute(200_000), Faster(50, "FRR zebra")]),
 ]
 
 
@@ -176,13 +184,6 @@ def run(folder, rounds, only):
                 else:
                     sys.exit(f"{result['name']}: {result['error_message']}")
     return rows, left_out
-
-
-def nanoseconds(time):
-    for unit, size in (("ms", 1e6), ("µs", 1e3)):
-        if time >= size:
-            return f"{time / size:.3g} {unit}"
-    return f"{time:.2f} ns" if time < 10 else f"{time:.3g} ns"
 
 
 def table(rows):
@@ -266,7 +267,7 @@ def main():
     lines = [f"{about['cores']} cores of {about['cpu']}; {about['system']}; {about['compiler']}; "
              f"{arguments.rounds} rounds; load before the run {about['load_before']:.1f}.", ""] + lines
     if missing and not arguments.only:
-        lines += ["", "Not there: " + ", ".join(f"{s} ({p})" for s, p in missing.items()) + "."]
+        lines += ["", "Not installed: " + ", ".join(f"{s} ({p})" for s, p in missing.items()) + "."]
     if left_out:
         lines += ["", *(f"Omitted, {side}: {reason}." for side, reason in left_out.items())]
     print("\n".join(lines))
