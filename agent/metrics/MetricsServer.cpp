@@ -1,11 +1,12 @@
 #include "agent/metrics/MetricsServer.h"
 
 #include <event2/buffer.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <fstream>
+
+#include "agent/base/SecretFile.h"
 
 namespace Agent {
 
@@ -34,13 +35,12 @@ bool carries(evhttp_request* request, const std::string& token) {
 }  // namespace
 
 std::string readToken(const std::string& file) {
-    struct stat status {};
     std::ifstream in(file);
     std::string token;
-    if (stat(file.c_str(), &status) != 0 || !in)
-        throw Vel::Error(file + ": " + std::strerror(errno));
-    if ((status.st_mode & 077) != 0)
-        throw Vel::Error(file + ": a token must be readable by its owner only (mode 0600)");
+    if (!in) throw Vel::Error(file + ": " + std::strerror(errno));
+    if (const std::string mode = openMode(file); !mode.empty())
+        throw Vel::Error(file + ": a token must be readable by its owner only (mode 0600, not " +
+                         mode + ")");
     if (!std::getline(in, token) || token.empty())
         throw Vel::Error(file + ": its first line must be the token");
     return token;

@@ -1,9 +1,6 @@
 #include "agent/model/IpsecConfig.h"
 
-#include <sys/stat.h>
-
-#include <cstdio>
-
+#include "agent/base/SecretFile.h"
 #include "agent/model/Checks.h"
 #include "agent/model/ReadConfig.h"
 
@@ -69,15 +66,6 @@ void validateIpsec(const IpsecConfig& ipsec) {
         checkRange(place.at("dpdDelay"), profile.dpdDelay(), 1, 3600);
         checkRange(place.at("dpdTimeout"), profile.dpdTimeout(), 1, 3600);
     }
-}
-
-// Empty unless others than the owner have access.
-std::string openMode(const std::string& file) {
-    struct stat status {};
-    if (stat(file.c_str(), &status) != 0 || (status.st_mode & 077) == 0) return {};
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
-    return mode;
 }
 
 void checkFiles(const IpsecProfileConfig& profile, const std::string& secretsMode) {
