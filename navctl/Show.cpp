@@ -1,11 +1,9 @@
 #include "navctl/Show.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <charconv>
 #include <cstdint>
-#include <ctime>
 #include <map>
 #include <set>
 #include <tuple>
@@ -70,19 +68,6 @@ std::string columnOf(const std::string& member) {
         column += static_cast<char>(std::tolower(letter));
     }
     return column;
-}
-
-// A time of the agent (RFC 3339, UTC) as the operator's clock shows it, to the second.
-Json localTime(const Json& time) {
-    std::tm parts{};
-    if (!time.is_string() ||
-        !strptime(time.get<std::string>().c_str(), "%Y-%m-%dT%H:%M:%S", &parts))
-        return time;
-    const time_t seconds = timegm(&parts);
-    std::array<char, 32> text{};
-    localtime_r(&seconds, &parts);
-    std::strftime(text.data(), text.size(), "%F %T", &parts);
-    return text.data();
 }
 
 // "Path1 internet wan1 -> 198.51.100.2, priority 1: interface wan1 is down"
@@ -341,7 +326,7 @@ TextTable rowTable(const Json& rows) {
     for (const Json& row : rows) {
         table.rows.emplace_back();
         for (const auto& [name, value] : rows.front().items())
-            table.rows.back().push_back(localTime(member(row, name)));
+            table.rows.back().push_back(member(row, name));
     }
     return table;
 }
@@ -360,7 +345,7 @@ Headed explainTables(const Json& answer) {
         paths.rows.push_back({member(row, "path"), member(row, "pathGroup"),
                               member(row, "interface"), member(row, "site"),
                               member(row, "destination"), member(row, "state"),
-                              localTime(member(row, "since")), member(row, "reason")});
+                              member(row, "since"), member(row, "reason")});
     TextTable applications{{"vrf", "application", "site", "paths", "since", "reason"}, {}};
     for (const Json& row : member(answer, "applications")) {
         Json reasons = Json::array();
@@ -370,12 +355,11 @@ Headed explainTables(const Json& answer) {
         // A line for each reason; what the lines share is written once.
         for (size_t i = 0; i < std::max<size_t>(1, reasons.size()); ++i) {
             const bool first = i == 0;
-            applications.rows.push_back({first ? member(row, "vrf") : Json(" "),
-                                         first ? member(row, "application") : Json(" "),
-                                         first ? member(row, "site") : Json(" "),
-                                         first ? member(row, "paths") : Json(" "),
-                                         first ? localTime(member(row, "since")) : Json(" "),
-                                         reasons.empty() ? Json() : reasons[i]});
+            applications.rows.push_back(
+                {first ? member(row, "vrf") : Json(" "),
+                 first ? member(row, "application") : Json(" "),
+                 first ? member(row, "site") : Json(" "), first ? member(row, "paths") : Json(" "),
+                 first ? member(row, "since") : Json(" "), reasons.empty() ? Json() : reasons[i]});
         }
     }
     Headed tables;

@@ -31,8 +31,7 @@ using Headed = std::vector<std::pair<std::string, TextTable>>;  // tables under 
 Headed forwardingTables(const Json& report);
 // The tables of `explain`, from the agent's answer.
 Headed explainTables(const Json& answer);
-// A row for each object of an answer; the columns are the members of the first, with times in local
-// time.
+// A row for each object of an answer; the columns are the members of the first.
 TextTable rowTable(const Json& rows);
 
 // The table of `show quality`, from the agent's rows.

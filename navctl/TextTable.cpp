@@ -1,13 +1,27 @@
 #include "navctl/TextTable.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <ctime>
 
 namespace Navctl {
 
 using Agent::Json;
 
 namespace {
+
+// A time of the agent (RFC 3339, UTC) as the operator's clock shows it, to the second.
+std::string localTime(const std::string& text) {
+    std::tm parts{};
+    const char* const end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    if (!end || !text.ends_with('Z')) return text;
+    const time_t seconds = timegm(&parts);
+    std::array<char, 32> local{};
+    localtime_r(&seconds, &parts);
+    std::strftime(local.data(), local.size(), "%F %T", &parts);
+    return local.data();
+}
 
 std::string cellText(const Json& value) {
     if (value.is_null()) return "-";
@@ -18,7 +32,7 @@ std::string cellText(const Json& value) {
         return text.empty() ? "-" : text;
     }
     if (!value.is_string()) return Agent::dumpLine(value);
-    std::string text = value.get<std::string>();
+    std::string text = localTime(value.get<std::string>());
     std::replace_if(
         text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
     return text.empty() ? "-" : text;
@@ -52,7 +66,8 @@ const char* colourOf(const std::string& text) {
     if (text == "Estab" || text == "Ipsec Estab" || text == "established" || text == "alive")
         return "\x1b[32m";
     if (text.ends_with("Pending") || text == "pending") return "\x1b[33m";
-    return text == "Unknown" || text == "unresolved" || text == "down" || text == "dead"
+    return text == "Unknown" || text == "unresolved" || text == "down" || text == "dead" ||
+                   text == "failed"
                ? "\x1b[31m"
                : nullptr;
 }

@@ -18,7 +18,7 @@ struct TextTable {
 };
 
 // Columns are as wide as their widest cell. Control characters in names are not written to the
-// terminal; a missing value is printed as "-".
+// terminal; a missing value is printed as "-", and a time of the agent as local time.
 void printTable(std::ostream& out, const TextTable& table, bool colours);
 
 // An array with an object for each row.
