@@ -37,10 +37,8 @@ void Charon::open() {
     } catch (const std::system_error& error) {
         return end(error.code().message());
     }
-    for (const char* name : elements)
-        commands_->send({Vici::Type::subscribe, name, Json::object()});
-    for (const char* name : subscribed)
-        events_->send({Vici::Type::subscribe, name, Json::object()});
+    for (const char* name : elements) commands_->send(Vici::encode({Vici::Type::subscribe, name}));
+    for (const char* name : subscribed) events_->send(Vici::encode({Vici::Type::subscribe, name}));
     unconfirmed_ = std::size(elements) + std::size(subscribed);
     silence_.armIn(answerTime);
 }
@@ -63,7 +61,7 @@ void Charon::handleAnswer(const Vici::Packet& packet) {
             return;
         }
         default:
-            return end("charon does not know " + (sent_ ? queue_.front().packet.name : "an event"));
+            return end("charon does not know " + (sent_ ? queue_.front().name : "an event"));
     }
 }
 
@@ -75,24 +73,19 @@ void Charon::handleEvent(const Vici::Packet& packet) {
     if (packet.type != Vici::Type::confirmed) return end("charon does not know an event");
     if (unconfirmed_ == 0) return end("charon has confirmed what was not subscribed to");
     if (--unconfirmed_ != 0) return;
-    push({{Vici::Type::request, "stats", Json::object()},
-          [this](const Json& stats) {
-              up_ = true;
-              told_ = false;
-              delay_ = firstDelay;
-              callbacks_.up(stats);
-          },
-          {}});
+    const auto up = [this](const Json& stats) {
+        up_ = true;
+        told_ = false;
+        delay_ = firstDelay;
+        callbacks_.up(stats);
+    };
+    request("stats", Json::object(), up);
 }
 
 void Charon::request(const std::string& command, const Json& message, Answer answer,
                      Element element) {
-    push({{Vici::Type::request, command, message}, std::move(answer), std::move(element)});
-}
-
-void Charon::push(Command command) {
-    Vici::encode(command.packet);  // throws here rather than later
-    queue_.push_back(std::move(command));
+    queue_.push_back({command, Vici::encode({Vici::Type::request, command, message}),
+                      std::move(answer), std::move(element)});
     sendNext();
 }
 
@@ -100,7 +93,7 @@ void Charon::sendNext() {
     if (sent_ || queue_.empty()) return;
     sent_ = true;
     silence_.armIn(answerTime);
-    commands_->send(queue_.front().packet);
+    commands_->send(std::exchange(queue_.front().bytes, {}));
 }
 
 void Charon::drain() {

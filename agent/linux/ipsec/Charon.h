@@ -51,7 +51,7 @@ class Charon {
 
   private:
     struct Command {
-        Vici::Packet packet;
+        std::string name, bytes;
         Answer answer;
         Element element;
     };
@@ -60,7 +60,6 @@ class Charon {
     ViciConnection::Callbacks callbacks(void (Charon::*received)(const Vici::Packet&));
     void handleAnswer(const Vici::Packet& packet);
     void handleEvent(const Vici::Packet& packet);
-    void push(Command command);
     void sendNext();
     void handleSilence();
     void end(const std::string& reason);

@@ -8,7 +8,11 @@ namespace Agent::Linux {
 
 Connection::Connection(const Ipsec::ConnectionKey& key, uint32_t reqid, Loom::Instant now)
     : key_(key), reqid_(reqid), changed_(now), single_(now), random_(std::random_device{}()) {
-    due_ = now + (key.srcAddr > key.dstAddr ? passiveDelay : Loom::Duration{});
+    due_ = now + headStart();
+}
+
+Loom::Duration Connection::headStart() const {
+    return key_.srcAddr > key_.dstAddr ? passiveDelay : Loom::Duration{};
 }
 
 bool Connection::want(Settings settings, Loom::Duration dpdTimeout, Loom::Instant now) {
@@ -20,7 +24,7 @@ bool Connection::want(Settings settings, Loom::Duration dpdTimeout, Loom::Instan
     wanted_ = now;
     failures_ = 0;
     hint_.clear();
-    due_ = now + (key_.srcAddr > key_.dstAddr ? passiveDelay : Loom::Duration{});
+    due_ = now + headStart();
     become(ConnectionState::down, now);
     return replaces;
 }
@@ -46,7 +50,7 @@ void Connection::charonLost(const std::string& reason, Loom::Instant now) {
     failures_ = 0;
     error_ = "charon is not available: " + reason;
     become(ConnectionState::failed, now);
-    due_ = now + (key_.srcAddr > key_.dstAddr ? passiveDelay : Loom::Duration{});
+    due_ = now + headStart();
 }
 
 void Connection::become(ConnectionState state, Loom::Instant now) {
@@ -71,8 +75,7 @@ void Connection::fail(Loom::Instant now) {
     become(ConnectionState::failed, now);
     const Loom::Duration delay =
         std::min<Loom::Duration>(lastRetry, firstRetry * (1 << std::min(failures_++, 6U)));
-    due_ = now + delay * std::uniform_int_distribution(75, 125)(random_) / 100;
-    if (key_.srcAddr > key_.dstAddr) due_ += passiveDelay;
+    due_ = now + headStart() + delay * std::uniform_int_distribution(75, 125)(random_) / 100;
 }
 
 bool Connection::isStale(const IkeSa& sa) const {

@@ -70,6 +70,8 @@ class Connection {
     std::chrono::system_clock::time_point listed() const { return listed_; }  // sas()
 
   private:
+    // What this side leaves to the other one before it initiates.
+    Loom::Duration headStart() const;
     void become(ConnectionState state, Loom::Instant now);
     void fail(const std::string& reason, Loom::Instant now);
     void fail(Loom::Instant now);

@@ -1,9 +1,9 @@
 #include "agent/linux/ipsec/IpsecService.h"
 
 #include <algorithm>
-#include <ctime>
 
 #include "agent/linux/ipsec/IpsecTrace.h"
+#include "agent/shell/Events.h"
 #include "platform/netz/Hash.h"
 
 namespace Agent::Linux {
@@ -21,16 +21,6 @@ bool encryptsItself(const Json& stats) {
     const auto plugins = stats.find("plugins");
     return plugins != stats.end() && plugins->is_array() &&
            std::ranges::find(*plugins, Json("kernel-libipsec")) != plugins->end();
-}
-
-// As ISO 8601 writes it, in UTC.
-std::string timeText(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    char text[32];
-    std::strftime(text, sizeof text, "%FT%TZ", &parts);
-    return text;
 }
 
 const char* stateText(ConnectionState state) {
@@ -70,6 +60,7 @@ void IpsecService::handleUp(const Json& stats) {
            *espBy_ == EspBy::kernel ? "the kernel" : "charon itself");
     listing_ = listAgain_ = false;
     names_.clear();
+    ++version_;
     find();
     reconcile();
     list();
@@ -80,8 +71,10 @@ void IpsecService::handleDown(const std::string& reason) {
     list_.disarm();
     initiate_.disarm();
     const Loom::Instant now = in_.scheduler->now();
-    for (auto& [key, connection] : connections_) connection.charonLost(reason, now);
-    publish();
+    for (auto& [key, connection] : connections_) {
+        connection.charonLost(reason, now);
+        publish(connection);
+    }
 }
 
 void IpsecService::reconcileLater() {
@@ -98,13 +91,17 @@ void IpsecService::reconcile() {
         if (at == connections_.end())
             at = connections_.try_emplace(key, key, reqidOf(numbers_, key), in_.scheduler->now())
                      .first;
-        if (espBy_) settle(at->second, request);
+        VelPathConfig& reactor = *requests_(key);
+        if (espBy_ && std::exchange(reactor.settled, version_) != version_)
+            settle(at->second, request);
+        publish(at->second);
         wanted.insert(at->second.settings().name);
     }
-    for (const std::string& name : names_)
-        if (!wanted.contains(name)) forget(name);
-    std::erase_if(names_, [&](const std::string& name) { return !wanted.contains(name); });
-    publish();
+    std::erase_if(names_, [&](const auto& given) {
+        if (wanted.contains(given.first)) return false;
+        forget(given.first);
+        return true;
+    });
     if (!charon_.up()) return;
     for (auto& [key, connection] : connections_)
         if (connection.unloaded()) load(connection), list_.armIn({});
@@ -136,7 +133,7 @@ void IpsecService::settle(Connection& connection, const Ipsec::Path::PathConfig&
 void IpsecService::load(Connection& connection) {
     connection.loaded();
     const Settings& settings = connection.settings();
-    names_.insert(settings.name);
+    names_.insert_or_assign(settings.name, connection.key());
     const auto handle = [this, key = connection.key(), child = settings.child](const Json& answer) {
         const auto at = connections_.find(key);
         if (Vici::text(answer, "success") == "yes" || at == connections_.end() ||
@@ -144,7 +141,7 @@ void IpsecService::load(Connection& connection) {
             return;
         at->second.unloaded("charon refuses the settings: " + Vici::text(answer, "errmsg"),
                             in_.scheduler->now());
-        publish();
+        publish(at->second);
     };
     try {
         if (!settings.shared.is_null()) charon_.request("load-shared", settings.shared, handle);
@@ -189,11 +186,12 @@ void IpsecService::handleList(Loom::Instant asked) {
             terminate("ike-id", std::to_string(sa.id));
     }
     const Loom::Instant now = in_.scheduler->now();
-    for (auto& [key, connection] : connections_)
+    for (auto& [key, connection] : connections_) {
         for (const uint32_t id : connection.observe(std::move(by[&connection]), asked, now))
             terminate("ike-id", std::to_string(id));
-    publish();
-    initiateDue();
+        publish(connection);
+    }
+    initiate_.armIn({});
 }
 
 void IpsecService::initiateDue() {
@@ -211,6 +209,7 @@ void IpsecService::initiateDue() {
         if (connecting == maxConnecting) continue;  // this is called again when one has come up
         ++connecting;
         connection.initiated(now);
+        publish(connection);
         charon_.request("initiate",
                         {{"child", connection.settings().child},
                          {"ike", connection.settings().name},
@@ -222,7 +221,6 @@ void IpsecService::initiateDue() {
                         });
     }
     if (next != Loom::Instant::max()) initiate_.armAt(next);
-    publish();
 }
 
 void IpsecService::handleEvent(const std::string& name, const Json& message) {
@@ -230,10 +228,11 @@ void IpsecService::handleEvent(const std::string& name, const Json& message) {
     const bool up = Vici::text(message, "up") == "yes";
     if (up && name == "child-updown") {
         for (const IkeSa& sa : sasOf(message))
-            if (Connection* connection = connectionOf(sa))
+            if (Connection* connection = connectionOf(sa)) {
                 connection->observeUp(sa, in_.scheduler->now());
-        publish();
-        initiateDue();
+                publish(*connection);
+            }
+        initiate_.armIn({});
     }
     if (!up) list_.armIn(settleTime);
 }
@@ -241,25 +240,20 @@ void IpsecService::handleEvent(const std::string& name, const Json& message) {
 void IpsecService::handleLog(const Json& message) {
     const std::string reason = reasonIn(Vici::text(message, "msg"));
     if (reason.empty()) return;
-    const std::string name = Vici::text(message, "ikesa-name");
-    for (auto& [key, connection] : connections_)
-        if (connection.settings().name == name) connection.hint(reason);
+    const auto named = names_.find(Vici::text(message, "ikesa-name"));
+    if (named == names_.end()) return;
+    if (const auto at = connections_.find(named->second); at != connections_.end())
+        at->second.hint(reason);
 }
 
-void IpsecService::publish() {
-    for (const auto& request : requests_.all()) {
-        const auto at = connections_.find(request.key);
-        if (at == connections_.end()) continue;
-        const Connection& connection = at->second;
-        Ipsec::Path::PathStatusDir& dir = *in_.ipsecPathStatusDir;
-        const auto fill = [&](Ipsec::Path::PathStatus& status) {
-            status.encapIdIs(connection.established() ? connection.reqid()
-                                                      : Ipsec::Path::noEncapId);
-            status.connectionStateIs(static_cast<Vel::U32>(connection.state()));
-        };
-        const Vel::Hold hold;
-        fill(dir.ipsecPathStatusIs(request.key, fill));
-    }
+void IpsecService::publish(const Connection& connection) {
+    if (!requests_(connection.key())) return;
+    const auto fill = [&](Ipsec::Path::PathStatus& status) {
+        status.encapIdIs(connection.established() ? connection.reqid() : Ipsec::Path::noEncapId);
+        status.connectionStateIs(static_cast<Vel::U32>(connection.state()));
+    };
+    const Vel::Hold hold;
+    fill(in_.ipsecPathStatusDir->ipsecPathStatusIs(connection.key(), fill));
 }
 
 void IpsecService::find() {
@@ -296,7 +290,7 @@ void IpsecService::terminate(const char* selector, const std::string& value) {
 
 void IpsecService::clear() {
     tidy();
-    for (const std::string& name : names_) forget(name);
+    for (const auto& [name, key] : names_) forget(name);
     charon_.drain();
 }
 

@@ -35,7 +35,7 @@ class IpsecService {
                  const std::string& socket);
 
     // The profiles may have changed.
-    void configured() { reconcileLater(); }
+    void configured() { ++version_, reconcileLater(); }
     // What is known of each connection, by the text of its key.
     Json report() const;
     // Why a connection is not established; empty if it is, or if no attempt has failed yet.
@@ -52,6 +52,7 @@ class IpsecService {
 
         IpsecService& service;
         const Vel::Ptr<Ipsec::Path::PathConfig> request;
+        uint32_t settled = 0;  // the version_ that the connection's settings are made of
     };
 
     void handleUp(const Json& stats);
@@ -66,7 +67,7 @@ class IpsecService {
     void list();
     void handleList(Loom::Instant asked);
     void initiateDue();
-    void publish();
+    void publish(const Connection& connection);
 
     void find();
     void tidy();
@@ -78,13 +79,15 @@ class IpsecService {
     const IpsecPtr config_;
     Charon charon_;
     std::optional<EspBy> espBy_;  // known from the first session on
+    uint32_t version_ = 1;        // of what settings are made of: the profiles and espBy_
     Numbers numbers_;
     std::map<Ipsec::ConnectionKey, Connection> connections_;
     std::set<std::string> found_;  // the agent's connections that charon had before this session
-    std::set<std::string> names_;  // of connections that this session has given to charon
-    std::vector<IkeSa> sas_;       // elements of the list that is being read
-    bool listing_ = false;         // one is being read
-    bool listAgain_ = false;       // another one is required after it
+    // Connections that this session has given to charon, by the name they have there.
+    std::map<std::string, Ipsec::ConnectionKey> names_;
+    std::vector<IkeSa> sas_;  // elements of the list that is being read
+    bool listing_ = false;    // one is being read
+    bool listAgain_ = false;  // another one is required after it
     Loom::Task reconcile_;
     Loom::Timer list_, initiate_, adoption_;
     Vel::EntryReactorsOf<VelPathConfig, decltype(Ipsec::Path::PathConfigDir::ipsecPathConfigAttr)>

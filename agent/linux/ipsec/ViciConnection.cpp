@@ -45,8 +45,8 @@ ViciConnection::~ViciConnection() {
     ::close(socket_);
 }
 
-void ViciConnection::send(const Vici::Packet& packet) {
-    waiting_ += Vici::encode(packet);
+void ViciConnection::send(const std::string& bytes) {
+    waiting_ += bytes;
     if (waiting_.size() > maxWaiting) broken_ = "charon does not read";
     flush();
 }

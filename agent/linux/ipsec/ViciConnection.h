@@ -32,8 +32,8 @@ class ViciConnection {
     ViciConnection(const ViciConnection&) = delete;
     ViciConnection& operator=(const ViciConnection&) = delete;
 
-    // Does not call back. Throws Vici::Error for a packet that cannot be encoded.
-    void send(const Vici::Packet& packet);
+    // A packet's bytes, with its length. Does not call back.
+    void send(const std::string& bytes);
     // Waits for an answer, outside the event loop, and delivers it.
     void await(std::chrono::milliseconds patience);
 
