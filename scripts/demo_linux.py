@@ -3,12 +3,14 @@
 Real packets through the kernel of this machine, in network namespaces. Each stage has to be reached
 before its deadline, or the demo fails and says what it waited for.
 """
+import os
 import signal
+import socket
 import sys
 import time
 
-from netlab import Lab, Unavailable, await_, host, providers, sites
-from traffic import Traffic
+from netlab import CHARON, Lab, Unavailable, await_, host, port, providers, sites
+from traffic import Traffic, text
 
 INTRODUCTION = """\
 Three sites, each with a router and a host, are connected by two providers: an internet and an MPLS
@@ -18,7 +20,18 @@ the internet, either over the other one if there is no path; guests may use the 
 host sends 200 packets a second of each application to the next site."""
 
 applications = {"voice": (5060, False), "web": (443, False), "guests": (7000, True)}  # port, guests'
+ipv4 = 0x800  # the type of its frames
 rate = 200  # packets a second of each stream
+
+
+def kind_of(packet):
+    """Whether a packet of IPv4 without options is encrypted (RFC 4303, RFC 3948) or one of a tunnel
+    in clear text. None: another packet, as those of IKE are."""
+    protocol, ports, marker = packet[9], packet[20:24], packet[28:32]
+    if text in packet or (protocol == 17 and int.from_bytes(ports[2:]) == port):
+        return "clear"
+    esp = protocol == 50 or (protocol == 17 and int.from_bytes(ports[2:]) == 4500 and any(marker))
+    return "encrypted" if esp else None
 
 
 class Demo:
@@ -64,6 +77,28 @@ class Demo:
             print(f"   {name:12} {', '.join(last[name]) or 'no path':12} {sent:8} {lost:5}  {longest}",
                   flush=True)
 
+    def capture(self):
+        """Shows what can be seen of packets on their way, at each provider. Returns, by provider, the
+        kinds of packets that were seen."""
+        print(f"\n== What the providers see; hosts send \"{text.decode().strip()}\"", flush=True)
+        print("   PROVIDER   ENCRYPTED  IN CLEAR TEXT  END OF A PACKET", flush=True)
+        seen = {}
+        for provider in providers:
+            with self.lab.within(provider):
+                tap = socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(ipv4))
+            found = seen[provider] = {"encrypted": [], "clear": []}
+            with tap:
+                tap.settimeout(10)
+                while sum(map(len, found.values())) < 500:
+                    packet, (_, _, direction, *_) = tap.recvfrom(2048)
+                    if direction != socket.PACKET_OUTGOING and (kind := kind_of(packet)):
+                        found[kind].append(packet)
+            last = next(each for each in found.values() if each)[-1][-len(text):]
+            print(f"   {provider:10} {len(found['encrypted']):9} {len(found['clear']):14}  "
+                  + "".join(chr(each) if 32 <= each < 127 else "." for each in last), flush=True)
+        return {provider: {kind for kind, packets in found.items() if packets}
+                for provider, found in seen.items()}
+
     def prefer(self, web):
         """Has the agents read configurations in which the web prefers that provider."""
         for site in sites:
@@ -76,6 +111,8 @@ class Demo:
         lab = self.lab
         usual = {"voice": ["mpls"], "web": ["internet"], "guests": ["internet"]}
         self.stage("All paths are up", usual)
+        if lab.secured and self.capture() != {"internet": {"encrypted"}, "mpls": {"clear"}}:
+            raise SystemExit("demo: the internet carries clear text, or MPLS does not")
         self.stage("MPLS fails: its links go down, one after the other", {**usual, "voice": ["internet"]},
                    lambda: lab.links("mpls", "down"))
         self.stage("MPLS comes back", usual, lambda: lab.links("mpls", "up"))
@@ -102,10 +139,13 @@ def main():
     for ending in signal.SIGTERM, signal.SIGHUP:
         signal.signal(ending, lambda number, _: sys.exit(128 + number))
     sys.setswitchinterval(0.0005)  # so that packets are sent in time
+    secured = ["internet"] if os.path.exists(CHARON) else []
     print(INTRODUCTION, flush=True)
+    print("Paths over the internet are secured by IPsec." if secured else
+          f"Paths are not secured by IPsec: {CHARON} not found (package strongswan-charon).", flush=True)
     start = time.monotonic()
     try:
-        with Lab(*sys.argv[1:3]) as lab, Traffic(lab) as traffic:
+        with Lab(*sys.argv[1:3], secured=secured) as lab, Traffic(lab) as traffic:
             lab.start_agents()
             print(f"\nAll paths are up {time.monotonic() - start:.1f} s after the start", flush=True)
             Demo(lab, traffic).run()

@@ -180,6 +180,8 @@ class Lab:
                 self._wire_provider(provider, site)
         for provider in providers:
             self.nft(provider, COUNTING)
+        for site in sites if self.secured else ():
+            self.nft(f"router{site}", COUNTING_DECRYPTED)
 
     def _wire_lan(self, site):
         self.ip(f"router{site}",
@@ -223,24 +225,32 @@ class Lab:
 
     def carried(self):
         """The packets in tunnels so far, by provider, site of origin and inner source and
-        destination port."""
+        destination port. What a provider cannot read is counted by the routers that receive it."""
         found = {}
         for provider in providers:
-            shown = self.json(provider, "nft", "-j", "list", "set", "inet", "lab", "carried")
-            counted = next(each["set"] for each in shown["nftables"] if "set" in each)
-            for element in (each["elem"] for each in counted.get("elem", [])):
-                link, ports = element["val"]["concat"]
-                # As the packet has them, taken for a number of this machine.
-                source, destination = struct.unpack(">HH", struct.pack("=I", ports))
-                found[provider, int(link[4:]), source, destination] = element["counter"]["packets"]
+            origins = {outside(provider, site): site for site in sites}
+            origins |= {f"site{site}": site for site in sites}
+            places = ([f"router{site}" for site in sites] if provider in self.secured else [provider])
+            for place in places:
+                for (origin, ports), packets in self._counted(place, "carried"):
+                    if origin in origins:
+                        # As the packet has them, taken for a number of this machine.
+                        key = (provider, origins[origin],
+                               *struct.unpack(">HH", struct.pack("=I", ports)))
+                        found[key] = found.get(key, 0) + packets
         return found
+
+    def _counted(self, name, counted):
+        """(element, packets) of each element of a set in a namespace."""
+        shown = self.json(name, "nft", "-j", "list", "set", "inet", "lab", counted)
+        elements = next(each["set"] for each in shown["nftables"] if "set" in each).get("elem", [])
+        for element in (each["elem"] for each in elements):
+            value = element["val"]
+            yield value["concat"] if "concat" in value else value, element["counter"]["packets"]
 
     def clear(self, provider):
         """How many tunnel packets have come to a provider in clear text so far, by site."""
-        shown = self.json(provider, "nft", "-j", "list", "set", "inet", "lab", "clear")
-        counted = next(each["set"] for each in shown["nftables"] if "set" in each)
-        return {int(each["elem"]["val"][4:]): each["elem"]["counter"]["packets"]
-                for each in counted.get("elem", [])}
+        return {int(link[4:]): packets for link, packets in self._counted(provider, "clear")}
 
     # The agents.
 
@@ -424,5 +434,18 @@ table inet lab {{
         udp dport {port} update @clear {{ iifname }}
     }}
     chain degrade {{ type filter hook forward priority filter; }}
+}}
+"""
+
+# The same of what has come to a router and has been decrypted, if it was encrypted.
+COUNTING_DECRYPTED = f"""
+table inet lab {{
+    set carried {{ type ipv4_addr . mark; size 65535; flags dynamic; counter; }}
+    chain carried {{
+        type filter hook prerouting priority raw;
+        udp dport != {port} accept
+        @th,128,4 4 meta mark set @th,288,32 update @carried {{ ip saddr . meta mark }} meta mark set 0
+        @th,128,4 6 meta mark set @th,448,32 update @carried {{ ip saddr . meta mark }} meta mark set 0
+    }}
 }}
 """

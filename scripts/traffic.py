@@ -12,6 +12,8 @@ import time
 
 SO_RCVBUFFORCE = 33  # which the module lacks
 header = struct.Struct("!II")  # stream and sequence number
+text = b"Everybody on the way can read this. "
+payload = (text * 3)[-100:]
 
 
 def open_socket(lab, name, kind, address, port=0):
@@ -142,7 +144,7 @@ class Traffic:
                     sequence = len(stream.sent)
                     stream.sent.append(time.monotonic())
                     stream.arrived.append(0)
-                    packet = header.pack(number, sequence) + bytes(100)
+                    packet = header.pack(number, sequence) + payload
                     with contextlib.suppress(OSError):  # no route, for example: it is lost
                         stream.source.sendto(packet, stream.target)
                     now = time.monotonic()
