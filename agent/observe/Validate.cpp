@@ -96,6 +96,9 @@ class Facts {
             for (const auto& [priority, application] : policy.appProfilePriority())
                 facts_.insert("policy " + policy.name() + " has application " + application +
                               " at " + std::to_string(priority));
+        for (const auto& applied : in_.navFeaturePolicyDir->appliedPolicy())
+            for (const auto& [vrf, policy] : applied.policyForTarget())
+                facts_.insert("policy " + textOf(policy) + " is applied to VRF " + textOf(vrf));
     }
 
     const NavInputs& in_;
