@@ -7,31 +7,23 @@
 #include <cerrno>
 
 #include "agent/base/RunDir.h"
-#include "agent/host/Host.h"
 #include "agent/model/Config.h"
-#include "agent/shell/Control.h"
 #include "agent/sim/SimPlatform.h"
+#include "tests/InProcess.h"
 #include "tests/TempDir.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using Agent::Json;
 
-class Branch {
+class Branch : public InProcess {
   public:
-    explicit Branch(const std::string& socket) : socket_(socket), server_(loop_, socket, control_) {
+    explicit Branch(const std::string& socket) : socket_(socket) {
+        startAgent(std::make_unique<Agent::Sim::SimPlatform>(NAV_EXAMPLES "/branch/world.json"));
+        server_.emplace(loop_, socket, *control);
         static const std::string config = Agent::readFile(NAV_EXAMPLES "/branch/branch.json");
-        control_.load({Agent::readConfigText(config)});
+        control->load({Agent::readConfigText(config)});
         pass(3s);
-    }
-
-    // Lets time pass, stopping wherever something is due.
-    void pass(Loom::Duration time) {
-        const Loom::Instant end = clock_.now() + time;
-        for (scheduler_->runDue(); scheduler_->nextDeadline().value_or(end) < end;
-             scheduler_->runDue())
-            clock_.advance(*scheduler_->nextDeadline() - clock_.now());
     }
 
     // All that the agent says to a client who sends this and hears it to the end.
@@ -60,14 +52,9 @@ class Branch {
     }
 
   private:
-    Loom::ManualClock clock_;
-    const Vel::Ptr<Vel::Scheduler> scheduler_ = Vel::make<Vel::Scheduler>(clock_);
-    Agent::EventLoop loop_{*scheduler_};
-    Agent::Host host_{*scheduler_,
-                      std::make_unique<Agent::Sim::SimPlatform>(NAV_EXAMPLES "/branch/world.json")};
-    Agent::Control control_{host_.controlled()};
+    Agent::EventLoop loop_{*scheduler};
     const std::string socket_;
-    Agent::ControlServer server_;
+    std::optional<Agent::ControlServer> server_;
 };
 
 }  // namespace
@@ -86,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         for (std::string_view rest = answers; !rest.empty();) {
             const size_t end = rest.find('\n');
             VEL_ASSERT(end != rest.npos, "an answer without its end");
-            const Json answer = Agent::parseJson(rest.substr(0, end));
+            const Agent::Json answer = Agent::parseJson(rest.substr(0, end));
             VEL_ASSERT(answer.contains("ok") != answer.contains("event"), "no answer");
             expected -= answer.contains("ok");
             rest.remove_prefix(end + 1);

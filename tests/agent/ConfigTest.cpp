@@ -45,7 +45,7 @@ Json rules(size_t count, const std::string& profile) {
 
 TEST(ConfigTest, ARefusalNamesTheLineThePlaceAndWhatIsRequired) {
     const std::string large((1 << 20) + 1, ' ');
-    std::vector<std::pair<std::string, std::string>> refused = {
+    const std::vector<std::pair<std::string, std::string>> refused = {
         {std::string(1 << 19, '['), "line 1: nested deeper"},
         {large, "line 1: a configuration has at most 1048576 bytes"},
         {"{\n\"a\": 1,\n\"b\": 1", "line 3, column"},
@@ -58,25 +58,11 @@ TEST(ConfigTest, ARefusalNamesTheLineThePlaceAndWhatIsRequired) {
          "\"2001:DB8::2\": {\"remoteVia\": [\n\"2001:DB8:0::1\"]}}}}}",
          "line 4: /cliConfig/pathGroupConfig[a]/remoteViaConfig[2001:db8::2]/remoteVia["
          "2001:db8::1]: already a destination of site 10.0.0.1"},
-        {R"({"vrfConfig":{"":{}}})", "line 1: /cliConfig/vrfConfig[]: a name is required"},
-        {R"({"vrfConfig":{"v":{"policyName":"a\u0085"}}})",
-         "line 1: /cliConfig/vrfConfig[v]/policyName: control characters"},
         {R"({"loadBalanceProfile":{"p":{"lossRate":101}}})",
          "line 1: /cliConfig/loadBalanceProfile[p]/lossRate: expected a percentage from 0 to 100"},
-        {R"({"policyConfig":{"p":{"appProfilePolicyRuleList":{"4294967294":{}}}}})",
-         "line 1: /cliConfig/policyConfig[p]/appProfilePolicyRuleList[4294967294]: this key is "
-         "reserved"}};
-    for (const auto& [kind, addr] : std::initializer_list<std::pair<std::string, std::string>>{
-             {"n unspecified", "::"},
-             {" loopback", "127.1.2.3"},
-             {" broadcast", "255.255.255.255"},
-             {" link-local", "febf::1"}})
-        refused.emplace_back(
-            R"({"pathGroupConfig":{"a":{"remoteViaConfig":{"::1":{"remoteVia":[)"
-            "\n\"" +
-                addr + "\"]}}}}}",
-            "line 2: /cliConfig/pathGroupConfig[a]/remoteViaConfig[::1]/remoteVia[" + addr +
-                "]: a destination cannot be a" + kind + " address");
+        {R"({"pathGroupConfig":{"a":{"remoteViaConfig":{"::1":{"remoteVia":["febf::1"]}}}}})",
+         "line 1: /cliConfig/pathGroupConfig[a]/remoteViaConfig[::1]/remoteVia[febf::1]: a "
+         "destination cannot be a link-local address"}};
     for (const auto& [text, reason] : refused)
         EXPECT_EQ(refusal(text).substr(0, reason.size()), reason) << refusal(text);
     EXPECT_EQ(refusal(R"({"loadBalanceProfile":{"p":{"lossRate":100}},"pathGroupConfig":{)"
@@ -98,14 +84,10 @@ TEST(ConfigTest, ARefusalOfForwardingNamesTheLineThePlaceAndWhatIsRequired) {
     for (
         const auto& [change, reason] : std::initializer_list<std::pair<const char*, std::string>>{
             {R"({"vrf":{"a":{"vni":null}}})", "vrf[a]/vni: required"},
-            {R"({"vrf":{"b":{"vni":1}}})", "vrf[b]/vni: 1 is already the segment of VRF \"a\""},
             {R"({"vrf":{"with a space":{"vni":7,"address":"10.0.0.9/8"},"7":{"vni":8,"address":"10.0.0.9/8"}}})",
              "vrf[7]: its tunnel device nav.7 is already that of VRF \"with a space\""},
-            {R"({"vrf":{"a":{"address":null}}})", "vrf[a]/address: required: the router's address"},
             {R"({"vrf":{"a":{"address":"10.0.0.255/24"}}})",
              "vrf[a]/address: 10.0.0.255/24 is the network's broadcast"},
-            {R"({"vrf":{"a":{"mtu":1279}}})",
-             "vrf[a]/mtu: expected bytes (the VRF carries IPv6) from 1280 to 65535, or 0, got"},
             {R"({"site":{"10.0.0.2":{"vrf":{"a":{"prefix":["10.1.2.3/16"]}}}}})",
              "site[10.0.0.2]/vrf[a]/prefix[10.1.2.3/16]: \"10.1.2.3/16\" is an address in the "
              "network 10.1.0.0/16; "
@@ -113,19 +95,11 @@ TEST(ConfigTest, ARefusalOfForwardingNamesTheLineThePlaceAndWhatIsRequired) {
             {R"({"site":{"10.0.0.3":{"vrf":{"a":{"prefix":["10.0.0.0/8"]}}}}})",
              "site[10.0.0.3]/vrf[a]/prefix[10.0.0.0/8]: 10.0.0.0/8 is already a prefix of site "
              "10.0.0.2 in this VRF"},
-            {R"({"site":{"10.0.0.3":{"vrf":{"a":{"prefix":["ff00::/8"]}}}}})",
-             "site[10.0.0.3]/vrf[a]/prefix[ff00::/8]: the prefix of a site cannot be a multicast "
-             "address"},
             {R"({"site":{"10.0.0.3":{"vrf":{"a":{"address":"10.0.0.1"}}}}})",
              "site[10.0.0.3]/vrf[a]/address: 10.0.0.1/32 is already the router's own address"},
-            {R"({"site":{"10.0.0.3":{"vrf":{"b":{}}}}})",
-             "site[10.0.0.3]/vrf[b]/address: expected an IPv6 address, like fd00::1 of this "
-             "VRF, got"},
             {R"({"site":{"10.0.0.3":{"vrf":{"c":{}}}}})",
              "site[10.0.0.3]/vrf[c]: this VRF has no segment; /forwardingConfig/vrf[c] is "
              "required"},
-            {R"({"application":{"x":{"match":{"7":{"protocol":"icmp"}}}}})",
-             "application[x]/match[7]/sourcePort: protocol icmp has no ports"},
             {R"({"application":{"x":{"match":{"7":{"sourcePort":["9-8"]}}}}})",
              "application[x]/match[7]/sourcePort[9-8]: the range \"9-8\" ends before it begins"},
             {R"({"application":{"x":{"match":{"7":{"sourcePrefix":["10.0.0.0/8"],"destinationPrefix":["::/0"]}}}}})",
@@ -135,8 +109,7 @@ TEST(ConfigTest, ARefusalOfForwardingNamesTheLineThePlaceAndWhatIsRequired) {
              "probe/group[g]/window: expected milliseconds (at least the interval) from 10001 "
              "to 3600000, got 10000"},
             {R"-({"probe":{"key":"(hidden)"}})-",
-             "probe/key: this text replaces a secret in output"},
-            {R"({"probe":{"key":"a\nb"}})", "probe/key: control characters are not allowed"}}) {
+             "probe/key: this text replaces a secret in output"}}) {
         Json config = parse(complete);
         config.merge_patch(parse(change));
         const std::string refused = refusal(config.dump(), Agent::readForwardingText);
