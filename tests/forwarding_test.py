@@ -20,11 +20,11 @@ import tempfile
 import time
 import unittest
 
-from products import main, programs, source  # which adds scripts/ to the path
+from products import LabCase, main, programs, source  # which adds scripts/ to the path
 
-from netlab import (Lab, Unavailable, await_, gateway, host, outside, port,  # noqa: E402
+from netlab import (await_, gateway, host, outside, port,  # noqa: E402
                     providers, router, sites, tunnel)
-from traffic import Bulk, Traffic, open_socket  # noqa: E402
+from traffic import Bulk, open_socket  # noqa: E402
 
 voice, web, guests, rest = 5060, 443, 7000, 9000  # ports of the applications
 failover = 0.5  # seconds; a failure costs milliseconds, on a busy machine more
@@ -76,23 +76,10 @@ def objects(lab, site):
     return found
 
 
-class ForwardingTest(unittest.TestCase):
+class ForwardingTest(LabCase):
     def setUp(self):
-        cleanup = contextlib.ExitStack()
-        self.addCleanup(cleanup.close)
-        sys.setswitchinterval(0.0005)
-        try:
-            self.lab = cleanup.enter_context(Lab(programs["nav-agent"], programs["navctl"],
-                                                 v6_outside=["mpls"]))
-        except Unavailable as reason:
-            self.skipTest(str(reason))
-        self.traffic = cleanup.enter_context(Traffic(self.lab))
-        self.addCleanup(self.show_logs)
+        super().setUp()
         self.lab.start_agents()
-
-    def show_logs(self):
-        if any(case is self for case, _ in self._outcome.result.errors + self._outcome.result.failures):
-            print(*(f"--- agent of site {site}\n{self.lab.log(site)}" for site in sites))
 
     def stream(self, sender, receiver, target, rate=100, v6=False, guest=False):
         stream = self.traffic.stream(
@@ -125,15 +112,6 @@ class ForwardingTest(unittest.TestCase):
     def await_over(self, streams, provider):
         await_(f"all is carried by {provider}", lambda: all(
             by == {provider} for by in self.providers_of(streams).values()))
-
-    def firsts(self):
-        """Where each stream is now."""
-        return {stream: len(stream.sent) for stream in self.traffic.streams}
-
-    def assert_nothing_lost(self, streams, firsts):
-        self.traffic.settle()
-        self.assertEqual({stream.name: stream.outages(firsts[stream]) for stream in streams
-                          if stream.lost(firsts[stream])}, {})
 
     def report(self, what, streams, firsts):
         """Prints what a failure cost."""
@@ -184,7 +162,7 @@ class ForwardingTest(unittest.TestCase):
             self.lab.configure(site, paths, forwarding)
 
         def measured():
-            rows = json.loads(self.lab.navctl(1, "--json", "show", "quality").stdout)
+            rows = self.shown(1, "show", "quality")
             return all(row["alive"] and row["samples"] == 100 and row["lossForward"] == 0
                        for row in rows)
         await_("the paths are measured", measured)
@@ -225,10 +203,6 @@ class ForwardingTest(unittest.TestCase):
                            if bulk.ports in (key[2:], key[:1:-1]) and packets > before.get(key, 0) + 10}
                     return now == {(provider, 1), (provider, 2)}  # the answers, too
                 await_(f"data and its acknowledgements are carried by {provider}", moves)
-
-    def kill(self, site):
-        self.lab.end_agent(site, signal.SIGKILL)
-        self.lab.start_agent(site)
 
     def test_nothing_is_lost_when_agents_are_killed(self):
         seed = int(os.environ.get("NAV_SEED", "7"))
@@ -347,8 +321,7 @@ class ForwardingTest(unittest.TestCase):
 
     def test_explain_says_what_the_kernel_shows(self):
         def reason(site=1):
-            rows = json.loads(self.lab.navctl(site, "--json", "explain", "path",
-                                              outside("internet", 2)).stdout)["paths"]
+            rows = self.shown(site, "explain", "path", outside("internet", 2))["paths"]
             return rows[0]["reason"] or ""
 
         self.lab.run("router1", "sysctl", "-qw", *(
@@ -374,10 +347,10 @@ class ForwardingTest(unittest.TestCase):
             self.lab.ip(on, cure)
             await_("the path is up again", lambda: self.lab.paths_up(1) == 4)
 
-        events = json.loads(self.lab.navctl(1, "--json", "show", "events").stdout)
+        events = self.shown(1, "show", "events")
         self.assertIn(f"next hop {there} does not answer", [event["cause"] for event in events])
         self.assertEqual(self.lab.navctl(1, "validate").stdout, "PASS\n")
-        shown = json.loads(self.lab.navctl(1, "--json", "show", "forwarding").stdout)["paths"]
+        shown = self.shown(1, "show", "forwarding")["paths"]
         taken = [number for path in shown if path["destination"] == outside("internet", 2)
                  for number in path["nexthops"]]
         self.lab.end_agent(1)
@@ -388,8 +361,8 @@ class ForwardingTest(unittest.TestCase):
         validated = self.lab.navctl(1, "validate")
         self.assertEqual(validated.returncode, 1)
         self.assertIn("refused: File exists: nexthop", validated.stdout)
-        application = json.loads(self.lab.navctl(1, "--json", "explain", "application",
-                                                 "web").stdout)["applications"]
+        application = self.shown(1, "explain", "application",
+                                                 "web")["applications"]
         self.assertEqual([better["reason"] for row in application if row["site"] == router(2)
                           for better in row["better"]], [reason()])
 
@@ -493,7 +466,7 @@ class ForwardingTest(unittest.TestCase):
             lab.configure(1, configuration)
             await_("the port is named", lambda: f"UDP port {port + 5} is in use" in str(self.refused(1)))
         await_("the port is taken", lambda: not self.refused(1) and lab.paths_up(1) == 4)
-        shown = json.loads(lab.navctl(1, "--json", "show", "forwarding").stdout)
+        shown = self.shown(1, "show", "forwarding")
         somebodys = f"10.2.0.0/16 dev lan metric 110 proto static table {shown['applications'][0]['table']}"
         self.assertEqual(lab.end_agent(1), 0)
         lab.ip("router1", f"route add {somebodys}")
@@ -503,7 +476,7 @@ class ForwardingTest(unittest.TestCase):
         await_("the route is made", lambda: not self.refused(1))
 
     def test_documented_commands_show_what_is_installed(self):
-        shown = json.loads(self.lab.navctl(1, "--json", "show", "forwarding").stdout)
+        shown = self.shown(1, "show", "forwarding")
         site, application = shown["sites"][0], shown["applications"][0]
         words = {"ID": site["group"], "TABLE": application["table"], "MARK": application["mark"],
                  "TO": host(2), "HOST": host(1), "LAN": "lan"}

@@ -6,42 +6,26 @@ internet in clear text. Needs Debian's strongswan-charon, strongswan-swanctl and
 libcharon-extra-plugins. NAV_RUNS: how often everything is started, changed and ended; NAV_KILLS: how
 many random events there are each time; NAV_SEED: the seed of the first.
 """
-import contextlib
 import json
 import os
 import random
 import re
 import signal
 import subprocess
-import sys
-import unittest
 
-from products import main, programs, source
+from products import LabCase, main  # which adds scripts/ to the path
 
-sys.path.insert(0, f"{source}/scripts")
-from netlab import Lab, Unavailable, await_, host, outside, router, sites  # noqa: E402
-from traffic import Traffic  # noqa: E402
+from netlab import await_, host, outside, router, sites  # noqa: E402
 
 web, guests = 443, 7000  # prefers the internet; may use nothing else
 
 
-class IpsecTest(unittest.TestCase):
-    def setUp(self):
-        cleanup = contextlib.ExitStack()
-        self.addCleanup(cleanup.close)
-        sys.setswitchinterval(0.0005)
-        try:
-            self.lab = cleanup.enter_context(Lab(programs["nav-agent"], programs["navctl"],
-                                                 secured=["internet"]))
-        except Unavailable as reason:
-            self.skipTest(str(reason))
-        self.traffic = cleanup.enter_context(Traffic(self.lab))
-        self.addCleanup(self.show_logs)
-        self.addCleanup(self.assert_nothing_clear)
+class IpsecTest(LabCase):
+    network = {"secured": ["internet"]}
 
-    def show_logs(self):
-        if any(case is self for case, _ in self._outcome.result.errors + self._outcome.result.failures):
-            print(*(f"--- agent of site {site}\n{self.lab.log(site)}" for site in sites))
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(self.assert_nothing_clear)
 
     def assert_nothing_clear(self):
         self.assertEqual(self.lab.clear("internet"), {})
@@ -103,12 +87,6 @@ class IpsecTest(unittest.TestCase):
         self.lab.end_charon(site, signal.SIGKILL)
         self.lab.start_charon(site)
 
-    def kill_agent(self, site):
-        self.lab.end_agent(site, signal.SIGKILL)
-        self.lab.start_agent(site)
-        # Before that, it may not take SIGHUP yet.
-        await_("the agent answers", lambda: self.lab.paths_up(site) >= 0)
-
     def delete(self, site):
         """By the other ends: associations of the first, or only what carries packets."""
         self.swanctl(site, "--terminate", "--ike", "Path1", "--timeout", "1")
@@ -139,17 +117,15 @@ class IpsecTest(unittest.TestCase):
 
     def test_packets_are_encrypted_through_rekeying_and_the_end_of_agents(self):
         streams = self.start()
-        web_now = {stream: len(stream.sent) for stream in streams}
+        firsts = self.firsts()
         before = {site: self.connections(site) for site in sites}
         for site in 1, 2:
             self.rekey(site)
         self.await_all_arrive(streams)
         for site in sites:
-            self.kill_agent(site)
+            self.kill(site)
         self.await_settled(streams)
-        self.traffic.settle()
-        self.assertEqual({stream.name: stream.outages(first) for stream, first in web_now.items()
-                          if stream.lost(first)}, {})
+        self.assert_nothing_lost(streams, firsts)
         for site in sites:
             for destination, row in self.connections(site).items():
                 self.assertEqual(row["encapId"], before[site][destination]["encapId"])
@@ -167,7 +143,7 @@ class IpsecTest(unittest.TestCase):
 
     def run_events(self, streams, seed):
         chance = random.Random(seed)
-        events = [self.kill_charon, self.kill_agent, self.delete, self.rekey, self.flap, self.change_path,
+        events = [self.kill_charon, self.kill, self.delete, self.rekey, self.flap, self.change_path,
                   lambda _: self.change_profile(espProposals=chance.choice(
                       ["aes256gcm16", "aes128gcm16-ecp256"])),
                   lambda _: self.change_profile(presharedKey=f"another key {chance.random()}")]

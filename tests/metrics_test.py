@@ -61,6 +61,9 @@ class MetricsTest(Products):
             up = sum(metrics.get("nav_path_up", {}).values()) == 7
             return metrics if up and "nav_path_flows" in metrics else None
         metrics = await_("all paths are up and counted", counted)
+        [trip] = [value for key, value in metrics["nav_path_round_trip_seconds"].items()
+                  if ("destination", "192.0.2.130") in key]
+        self.assertAlmostEqual(trip, 0.018, delta=0.0005)
         # A path without an interface, and one that fails, keep their samples.
         self.navctl(run_dir, "set", "/cliConfig/pathGroupConfig[mpls]/localIntf[absent0]", "true")
         after, _ = self.await_paths(run_dir, 10)
@@ -95,9 +98,7 @@ class MetricsTest(Products):
 
     def test_collectors_that_misbehave_cost_their_own_connection(self):
         run_dir = self.run_dir()
-        token = f"{run_dir}/token"
-        with open(token, "w") as out:
-            out.write("secret\n")
+        token = self.write(f"{run_dir}/token", "secret\n")
         os.chmod(token, 0o644)
         options = [f"--run-dir={run_dir}", *branch, "--metrics=127.0.0.1:0", f"--metrics-token={token}"]
         refused = self.run_to_end("nav-agent", *options)

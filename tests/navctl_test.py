@@ -28,9 +28,7 @@ class NavctlTest(Products):
         return done.stdout
 
     def file(self, name, text):
-        with open(f"{self.directory}/{name}", "w", encoding="utf-8") as file:
-            file.write(text)
-        return file.name
+        return self.write(f"{self.directory}/{name}", text)
 
     def test_exit_status_says_who_is_at_fault(self):
         self.says("get", "/cliConfig/udpPortConfig", out="4793\n")

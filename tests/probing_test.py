@@ -16,25 +16,18 @@ import statistics
 import subprocess
 import sys
 import time
-import unittest
 
-from products import main, programs, source  # which adds scripts/ to the path
+from products import LabCase, main, source  # which adds scripts/ to the path
 
-from netlab import Lab, Unavailable, await_, outside, providers, router, sites  # noqa: E402
+from netlab import await_, outside, providers, router, sites  # noqa: E402
 from traffic import open_socket  # noqa: E402
 
 stamp = [sys.executable, f"{source}/tests/stamp.py"]
 
 
-class QualityTest(unittest.TestCase):
+class QualityTest(LabCase):
     def setUp(self):
-        cleanup = contextlib.ExitStack()
-        self.addCleanup(cleanup.close)
-        try:
-            self.lab = cleanup.enter_context(Lab(programs["nav-agent"], programs["navctl"],
-                                                 v6_outside=["mpls"]))
-        except Unavailable as reason:
-            self.skipTest(str(reason))
+        super().setUp()
         self.ends = {(provider, site): outside(provider, site, provider == "mpls")
                      for provider in providers for site in (1, 2, 3)}
 
@@ -157,8 +150,7 @@ class QualityTest(unittest.TestCase):
 
     def claims(self, site):
         """Whether the agent of a site holds its paths usable, of those that it checks."""
-        shown = json.loads(self.lab.navctl(site, "--json", "show", "paths").stdout)
-        ends = {path["destination"] for path in shown.get("navPathSelPaths", [])
+        ends = {path["destination"] for path in self.shown(site, "show", "paths").get("navPathSelPaths", [])
                 if path["state"].endswith("Estab")}
         return {(provider, other): self.ends[provider, other] in ends
                 for provider in providers for other in sites

@@ -1,24 +1,17 @@
 """What probes measure of a network with known delay, jitter and loss: probing_vm_test.py BUILD_DIR
 SOURCE_DIR, in the virtual machine of `scripts/vm --exact`, which has netem and a clock that the load
 of this machine does not disturb."""
-import contextlib
 import json
 import tempfile
-import unittest
 
-from products import main, programs  # which adds scripts/ to the path
-
-from netlab import Lab, await_  # noqa: E402
+from products import LabCase, await_, main
 
 tempfile.tempdir = "/run"  # the root is an overlay
 interval, count = 10, 1000  # ms, probes of a window
 
 
-class ProbingVmTest(unittest.TestCase):
-    def setUp(self):
-        cleanup = contextlib.ExitStack()
-        self.addCleanup(cleanup.close)
-        self.lab = cleanup.enter_context(Lab(programs["nav-agent"], programs["navctl"]))
+class ProbingVmTest(LabCase):
+    network = {}
 
     def netem(self, provider, to, quality):
         self.lab.run(provider, "tc", "qdisc", "add", "dev", f"site{to}", "root", "netem",

@@ -1,6 +1,7 @@
 """What the tests of the whole programs share. Such a test is called with BUILD_DIR SOURCE_DIR, and
 with options of unittest."""
 import contextlib
+import json
 import os
 import signal
 import subprocess
@@ -10,7 +11,8 @@ import unittest
 
 build, source = (os.path.abspath(argument) for argument in sys.argv[1:3])
 sys.path.insert(0, f"{source}/scripts")
-from netlab import await_  # noqa: E402, F401
+from netlab import Lab, Unavailable, await_, sites  # noqa: E402, F401
+from traffic import Traffic  # noqa: E402
 # In front of a command: ends it with the test, however that ends.
 tied = ["setpriv", "--pdeathsig", "KILL"]
 programs = {"nav-agent": f"{build}/agent/host/nav-agent", "navctl": f"{build}/navctl/navctl",
@@ -39,6 +41,12 @@ class Products(unittest.TestCase):
         self.processes.callback(process.terminate)
         return process
 
+    def write(self, path, content):
+        """A file of a text, or of anything else as JSON; returns its path."""
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(content if isinstance(content, str) else json.dumps(content))
+        return path
+
     def errors(self, run_dir):
         with open(f"{run_dir}/errors", encoding="utf-8") as file:
             return file.read()
@@ -58,6 +66,43 @@ class Products(unittest.TestCase):
     def stop(self, process, by=signal.SIGTERM):
         process.send_signal(by)
         return process.wait(patience)
+
+
+class LabCase(unittest.TestCase):
+    """A case in the network of scripts/netlab.py, as root; skipped where it cannot be made."""
+    network = {"v6_outside": ["mpls"]}  # options of Lab
+
+    def setUp(self):
+        cleanup = contextlib.ExitStack()
+        self.addCleanup(cleanup.close)
+        sys.setswitchinterval(0.0005)
+        try:
+            self.lab = cleanup.enter_context(Lab(programs["nav-agent"], programs["navctl"],
+                                                 **self.network))
+        except Unavailable as reason:
+            self.skipTest(str(reason))
+        self.traffic = cleanup.enter_context(Traffic(self.lab))
+        self.addCleanup(self.show_logs)
+
+    def show_logs(self):
+        if any(case is self for case, _ in self._outcome.result.errors + self._outcome.result.failures):
+            print(*(f"--- agent of site {site}\n{self.lab.log(site)}" for site in sites))
+
+    def shown(self, site, *what):
+        return json.loads(self.lab.navctl(site, "--json", *what).stdout)
+
+    def kill(self, site):
+        self.lab.end_agent(site, signal.SIGKILL)
+        self.lab.start_agent(site)
+
+    def firsts(self):
+        """Where each stream is now."""
+        return {stream: len(stream.sent) for stream in self.traffic.streams}
+
+    def assert_nothing_lost(self, streams, firsts):
+        self.traffic.settle()
+        self.assertEqual({stream.name: stream.outages(firsts[stream]) for stream in streams
+                          if stream.lost(firsts[stream])}, {})
 
 
 def main():

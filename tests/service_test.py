@@ -22,10 +22,8 @@ class ServiceTest(Products):
         """The unit as it is installed, with the program just built."""
         with open(unit, encoding="utf-8") as file:
             text = file.read().replace("@CMAKE_INSTALL_FULL_BINDIR@/nav-agent", programs["nav-agent"])
-        path = f"{directory}/nav-agent.service"
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(text.replace("@CMAKE_INSTALL_FULL_DOCDIR@", "/usr/share/doc/nav"))
-        return path
+        return self.write(f"{directory}/nav-agent.service",
+                          text.replace("@CMAKE_INSTALL_FULL_DOCDIR@", "/usr/share/doc/nav"))
 
     @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
     def test_the_unit_is_correct_and_gives_away_little(self):

@@ -42,10 +42,9 @@ class VmTest(Products):
         """One with a path group of each port, of the same name, to the same remote address."""
         groups = {port: {"localIntf": [port], "remoteViaConfig": {site: {"remoteVia": [remote]}}}
                   for port in ports}
-        with open(f"{self.directory}/config.json", "w", encoding="utf-8") as file:
-            json.dump({"navConfigured": True, "pathGroupConfig": groups}, file)
-        return self.agent(self.directory, "--platform", "linux",
-                          f"--config={self.directory}/config.json",
+        config = self.write(f"{self.directory}/config.json",
+                            {"navConfigured": True, "pathGroupConfig": groups})
+        return self.agent(self.directory, "--platform", "linux", "--config", config,
                           under=["ip", "netns", "exec", "router"])
 
     def show(self, *what):
@@ -120,11 +119,9 @@ class VmTest(Products):
                                                        "address": f"10.255.{vni}.{other}"}
                                                  for vrf, vni in (("red", 1), ("blue", 2))}}}}
         directory = self.run_dir()
-        for name, content in (("config", config), ("forwarding", forwarding)):
-            with open(f"{directory}/{name}.json", "w", encoding="utf-8") as file:
-                json.dump(content, file)
-        self.agent(directory, "--platform", "linux", f"--config={directory}/config.json",
-                   f"--forwarding={directory}/forwarding.json",
+        self.agent(directory, "--platform", "linux",
+                   "--config", self.write(f"{directory}/config.json", config),
+                   "--forwarding", self.write(f"{directory}/forwarding.json", forwarding),
                    under=["ip", "netns", "exec", router])
         return directory
 
@@ -145,17 +142,6 @@ class VmTest(Products):
         self.navctl(directories[0], "del", "/forwardingConfig/site[10.255.0.2]/vrf[red]")
         await_("red is cut", lambda: answer("red1", "10.2.0.2") == "")
         self.assertEqual(answer("blue1", "10.2.0.2"), "blue2")
-
-    def test_two_vrfs_with_one_table(self):
-        ip("link add red type vrf table 10\nlink set red up")
-        agent = self.start_agent()
-        await_("red is there", lambda: self.vrf_ids() == {"default": 0, "red": 10})
-        ip("link add blue type vrf table 10\nlink set blue up")
-        await_("the second is there", lambda: self.vrf_ids() == {"default": 0, "red": 10, "blue": 0})
-        self.assertIn("blue has no id", self.navctl(self.directory, "trace").stdout)
-        ip("link del red")
-        await_("the second has the id", lambda: self.vrf_ids() == {"default": 0, "blue": 10})
-        self.assertEqual(self.stop(agent), 0)
 
     def test_a_port_enslaved_and_released(self):
         ip("link add red type vrf table 10\nlink set red up")
