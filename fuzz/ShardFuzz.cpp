@@ -1,5 +1,6 @@
 // Shared maps: a segment of arbitrary bytes is read without harm, and the next writer either takes
-// it over completely or replaces it; in both cases the map then works.
+// it over completely or replaces it; in both cases the map then works. Seeds are segments that a
+// writer made: NAV_SEEDS names a directory that gets those of the first input.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -37,6 +38,10 @@ void readAndTakeOver(const Namespace& space, const Value& value, uint64_t listBy
     writer.clear();
     for (uint32_t key = 0; key < capacity; ++key) writer.valueIs(key, value);
     VEL_ASSERT(writer.commit(), "a segment just taken over is damaged");
+    if (const char* seeds = std::getenv("NAV_SEEDS"))
+        std::filesystem::copy_file(space.fileOf("map"),
+                                   seeds + std::string(listBytes ? "/lists" : "/plain"),
+                                   std::filesystem::copy_options::skip_existing);
     reader.update();
     for (uint32_t key = 0; key < capacity; ++key)
         VEL_ASSERT(reader.find(key, got) == Lookup::found && got == value,

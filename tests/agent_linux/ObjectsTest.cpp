@@ -140,27 +140,5 @@ TEST_F(ObjectsInKernel, AreWhatIsWantedAfterAnyChanges) {
     EXPECT_GT(whole, 75);
 }
 
-// An object that somebody else has is refused with the kernel's words, and what follows is made.
-TEST_F(ObjectsInKernel, OfOthersAreLeftAlone) {
-    ObjectWriter writer;
-    Objects wanted;
-    insert(wanted, Tunnel{.name = Netz::IntfId("nav.red"), .udpPort = 4793, .vni = 5, .mtu = 1400});
-    writer.apply(wanted, {Tunnel::Key{Netz::IntfId("nav.red")}});
-    const Nexthop taken{0x6e000099, if_nametoindex("nav.red"), 5, addr("203.0.113.1"),
-                        addr("198.51.100.2")};
-    Nexthop other = taken;
-    other.id = 0x6e000098;
-    insert(wanted, taken), insert(wanted, other);
-    insert(wanted, NexthopGroup{0x6e000097, {{taken.id, 1}, {other.id, 1}}});
-    std::set<ObjectKey> keys;
-    for (const auto& [key, object] : wanted) keys.insert(key);
-    const std::string others = foreign();
-    writer.apply(wanted, keys);
-    ASSERT_TRUE(writer.refused().contains(taken.key()));
-    EXPECT_TRUE(writer.present(other.key()));
-    EXPECT_FALSE(writer.present(taken.key()));
-    EXPECT_EQ(foreign(), others);
-}
-
 }  // namespace
 }  // namespace Agent::Linux

@@ -215,10 +215,20 @@ TEST_F(IpsecServiceTest, AConnectionIsInitiatedOnceAndFollowsCharonsList) {
     associate("ESTABLISHED", true, true);
     EXPECT_TRUE(await([&] { return is(failed) && says("does not answer"); }));
     EXPECT_EQ(status->encapId(), Ipsec::Path::noEncapId);
+    // What charon logs is the reason of the next failure.
+    EXPECT_TRUE(await([&] { return is(connecting); }));
+    charon.say(Vici::encode(
+        {Type::event,
+         "log",
+         {{"msg", "received AUTHENTICATION_FAILED notify"}, {"ikesa-name", "Path7"}}}));
+    charon.sas.clear();
+    EXPECT_TRUE(await([&] { return is(failed) && says("authentication failed"); }));
     // Settings that charon has are kept, those of a profile that has gone are not.
     config->profileDel("p");
     service->configured();
     EXPECT_TRUE(await([&] { return charon.loaded.empty() && says("not configured"); }));
+    in.ipsecPathConfigDir->ipsecPathConfigDel(key);
+    EXPECT_FALSE(in.ipsecPathStatusDir->ipsecPathStatus(key)) << "without a request";
 }
 
 TEST_F(IpsecServiceTest, GarbageAndTheEndOfCharonEndInANewSessionThatAdoptsWhatStands) {

@@ -144,25 +144,6 @@ TEST_F(KernelRoad, PathsFollowTheRoutesOfTwoLinksToTwoSites) {
     EXPECT_EQ(fecs() + programmed(), 0U);
 }
 
-// Two providers with a default route each, and a rule that sends the second's packets to it.
-TEST_F(KernelRoad, TwoDefaultRoutesCarryAPathEach) {
-    start(
-        "route add default via 203.0.113.254 metric 100\n"
-        "route add default via 192.0.2.254 metric 200\n"
-        "rule add from 192.0.2.1 table 12\nroute add default via 192.0.2.254 table 12\n");
-    ASSERT_TRUE(become({up, up, up, up}));
-    flap("wan1", {false});
-    ASSERT_TRUE(become({nullptr, up, nullptr, up}));
-    flap("wan1", {true});
-    ASSERT_TRUE(become({route, up, route, up}));
-    ASSERT_TRUE(ip("route add default via 203.0.113.254 metric 100\n"));
-    ASSERT_TRUE(become({up, up, up, up}));
-    ASSERT_TRUE(ip("route add prohibit 198.51.100.2 table 12\n"));
-    ASSERT_TRUE(become({up, arp, up, up}));
-    ASSERT_TRUE(ip("rule del from 192.0.2.1 table 12\n"));
-    ASSERT_TRUE(become({up, up, up, up}));
-}
-
 // Paths start from the IPv6 address of a link without an IPv4 address, to IPv6 sites alone.
 TEST_F(KernelRoad, AnIpv6ProviderCarriesPathsToIpv6Sites) {
     sysctl("ipv6/conf/wan2/disable_ipv6", "0");

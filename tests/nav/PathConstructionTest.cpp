@@ -3,10 +3,7 @@
 namespace Nav::Test {
 namespace {
 
-class PathConstructionTest : public NavFixture {
-  protected:
-    void expectPaths(const std::set<PathKey>& keys) { EXPECT_EQ(configuredPaths(), keys); }
-};
+class PathConstructionTest : public NavFixture {};
 
 // The site and destination of most tests, and the paths to it.
 constexpr const char* site = "10.255.0.2";
@@ -21,7 +18,7 @@ TEST_F(PathConstructionTest, GroupsAddressesAndDestinationsComeAndGo) {
     address("lan1", "192.0.2.1/24");
     const PathKey first = key("203.0.113.1", dst), second = key("203.0.113.1", "198.51.100.3");
     address("wan1", "203.0.113.1/24");
-    expectPaths({first, second});
+    EXPECT_EQ(configuredPaths(), (std::set{first, second}));
     for (const char* text :
          {"Path group internet added", "Intf wan1 doesnt have ip address yet",
           "Intf lan1 is not a WAN intf", "prevAddr 0.0.0.0 addr 203.0.113.1 intf: wan1",
@@ -42,20 +39,20 @@ TEST_F(PathConstructionTest, GroupsAddressesAndDestinationsComeAndGo) {
     EXPECT_EQ(order, "--++") << "all removals, then all additions";
     EXPECT_EQ(indexOf(key("203.0.113.9", dst)), 3u);
     noIntf("wan1");
-    expectPaths({});
+    EXPECT_TRUE(configuredPaths().empty());
     EXPECT_TRUE(traced("Intf wan1 ip: 203.0.113.9"));
 
     address("wan1", "203.0.113.1/24");
     group("internet").remoteViaConfigDel(ip("10.255.0.3"));
     EXPECT_TRUE(traced("handleRemoteViaConfigDelete"));
-    expectPaths({first});
+    EXPECT_EQ(configuredPaths(), std::set{first});
     cli.pathGroupConfigDel("internet");
     for (const char* text :
          {"Path group internet deleted",
           "Deleting path:  ( Src: 203.0.113.1 Dst: 198.51.100.2 vrfId: 0 ) for vrf: default",
           "Deleting pathConfig for path:  ( Src: 203.0.113.1 Dst: 198.51.100.2 vrfId: 0 )"})
         EXPECT_TRUE(traced(text)) << text;
-    expectPaths({});
+    EXPECT_TRUE(configuredPaths().empty());
 }
 
 TEST_F(PathConstructionTest, IndicesAreUsedUpAndReturnToTheTail) {
@@ -99,11 +96,11 @@ TEST_F(PathConstructionTest, ProfilesComeWithTheEntryAndClearingDeletes) {
     EXPECT_TRUE(
         traced("Using pathIndex: 1 for path  ( Src: 203.0.113.1 Dst: 198.51.100.2 vrfId: "
                "0 )"));
-    expectPaths({pathKey});
+    EXPECT_EQ(configuredPaths(), std::set{pathKey});
     traces.clear();
     group("internet").ipsecProfileIs("");
     EXPECT_TRUE(traced("Remove ipsec from paths for remote 10.255.0.2 and via 198.51.100.2"));
-    expectPaths({});
+    EXPECT_TRUE(configuredPaths().empty());
     EXPECT_EQ(seen, "gold1 ") << "whole when it is announced";
 }
 
@@ -114,36 +111,33 @@ TEST_F(PathConstructionTest, AVrfIdThatTwoReportBelongsToTheOneThatKeepsIt) {
     group("internet").ipsecProfileIs("psk"), via("internet", site, dst);
     start();
     const PathKey red = key("203.0.113.1", dst, 5), blue = key("203.0.113.2", dst, 5);
-    const auto program = [&](const PathKey& path) {
-        in.hwPathStatus->hwPathStatusListIs({path.srcAddr, path.dstAddr, path.vrfId, indexOf(path)},
-                                            [](HwPathStatusEntry& entry) {
-                                                entry.hwPathIndexIs(1);
-                                                entry.hwArpIndexIs(1);
-                                            });
-    };
-    // Whether the path has status in its VRF and is programmed, and has its IPsec request.
+    // Whether the path has status in its VRF, is programmed, and has its IPsec request.
     const auto isWhole = [&](const PathKey& path, const char* vrf) {
+        const auto program = [](HwPathStatusEntry& entry) {
+            entry.hwPathIndexIs(1);
+            entry.hwArpIndexIs(1);
+        };
+        in.hwPathStatus->hwPathStatusListIs({path.srcAddr, path.dstAddr, path.vrfId, indexOf(path)},
+                                            program);
         const auto* entry = pathStatusDir().pathStatus(vrf)->pathStatusEntry(path);
         return entry && entry->programmed() &&
                in.ipsecPathConfigDir->ipsecPathConfig({path.srcAddr, path.dstAddr, vrf});
     };
-    program(red), program(blue);
     EXPECT_TRUE(isWhole(red, "red") && isWhole(blue, "blue"));
     vrfId("blue", 6);
     const PathKey moved = key("203.0.113.2", dst, 6);
-    program(moved);
     EXPECT_TRUE(isWhole(red, "red") && isWhole(moved, "blue"));
-    expectPaths({red, moved});
+    EXPECT_EQ(configuredPaths(), (std::set{red, moved}));
     EXPECT_TRUE(*navDb().vrfIdToName(5) == "red" && *navDb().vrfIdToName(6) == "blue");
 
     in.routingHwRouteStatus->vrfStatusDel("blue"), vrfId("green", 6);  // replaced on the same id
-    intfVrf("wan2", "green"), in.nexthopStatus->vrfIs("green"), program(moved);
+    intfVrf("wan2", "green"), in.nexthopStatus->vrfIs("green");
     EXPECT_TRUE(isWhole(red, "red") && isWhole(moved, "green"));
     EXPECT_EQ(*navDb().vrfIdToName(6), "green");
 
     vrfId("green", 5), in.routingHwRouteStatus->vrfStatusDel("green");  // the first one stays
     EXPECT_TRUE(isWhole(red, "red") && *navDb().vrfIdToName(5) == "red");
-    expectPaths({red});
+    EXPECT_EQ(configuredPaths(), std::set{red});
 }
 
 }  // namespace
