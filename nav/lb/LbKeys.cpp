@@ -70,9 +70,11 @@ std::vector<LbProfileKey> LbKeys::of(const VrfAppKey& app) const {
 
 std::vector<LbProfileKey> LbKeys::of(const Netz::IpGenAddr& address) const {
     std::vector<LbProfileKey> keys;
-    if (const auto site = sites_.find(address); site != sites_.end())
-        for (const auto& [app, keySets] : site->second.apps)
-            keys.push_back({address, app.appId, app.vrfId});
+    const auto site = sites_.find(address);
+    if (site == sites_.end()) return keys;
+    keys.reserve(site->second.apps.size());
+    for (const auto& [app, keySets] : site->second.apps)
+        keys.push_back({address, app.appId, app.vrfId});
     return keys;
 }
 

@@ -2,12 +2,12 @@
 
 namespace Nav {
 
-const LbRule* LbWanted::governing(const Vel::String& pgName) const {
+LbGovernor LbWanted::governing(const Vel::String& pgName) const {
     for (const LbRule& rule : rules_) {
         const auto* profile = cliConfig_.loadBalanceProfile(rule.entry.lbProfileName);
-        if (profile && profile->pathGroupPriority(pgName)) return &rule;
+        if (profile && profile->pathGroupPriority(pgName)) return {&rule, profile};
     }
-    return nullptr;
+    return {};
 }
 
 const LoadBalanceProfile* LbWanted::constraints() const {
@@ -23,8 +23,7 @@ bool LbWanted::wantedBy(const Vel::String& lbName) const {
     if (!profile) return false;
     for (const auto& [pgName, priority] : profile->pathGroupPriority())
         if (siteGroupStatus_.siteGroupStatusEntry({pgName, site_}))
-            if (const LbRule* rule = governing(pgName); rule && rule->entry.lbProfileName == lbName)
-                return true;
+            if (governing(pgName).profile == profile) return true;
     return false;
 }
 

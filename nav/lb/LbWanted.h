@@ -12,6 +12,17 @@
 
 namespace Nav {
 
+// The rule that governs a path group, and its profile.
+struct LbGovernor {
+    const LbRule* rule =
+        nullptr;  // null if no rule governs the group; then the profile is null too
+    const LoadBalanceProfile* profile = nullptr;
+    explicit operator bool() const { return rule; }
+    bool is(const NavRuleEntry& entry, const L3::VrfName& vrf) const {
+        return rule && rule->entry == entry && rule->vrf == vrf;
+    }
+};
+
 // A view for immediate use: valid until rules, profiles or site groups change.
 class LbWanted {
   public:
@@ -19,8 +30,7 @@ class LbWanted {
              const SiteGroupStatus& siteGroupStatus, const Netz::IpGenAddr& site)
         : rules_(rules), cliConfig_(cliConfig), siteGroupStatus_(siteGroupStatus), site_(site) {}
 
-    // The rule that governs the group; null if none does.
-    const LbRule* governing(const Vel::String& pgName) const;
+    LbGovernor governing(const Vel::String& pgName) const;
     // The profile that gives the constraints; null if the key is not wanted.
     const LoadBalanceProfile* constraints() const;
     // Whether a rule naming the profile governs a group of which the site has an entry.

@@ -186,6 +186,12 @@ LbWanted LbProfileSm::wanted(const LbProfileKey& key) const {
     return {rules_.of(appOf(key)), *in_.cliConfig, *in_.siteGroupStatus, key.vtepIp};
 }
 
+LbProfileStatusEntry& LbProfileSm::existing(const LbProfileKey& key) const {
+    auto* lbProfileStatusEntry = statusOf(key);
+    VEL_ASSERT(lbProfileStatusEntry, "!!lbProfileStatusEntry");
+    return *lbProfileStatusEntry;
+}
+
 void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& lbName) {
     DUOLOG(lbTrace, 7, "LbKey: ", key, " lbName: ", lbName);
     const LoadBalanceProfile* profile = in_.cliConfig->loadBalanceProfile(lbName);
@@ -193,7 +199,6 @@ void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& l
     const U64 turn = reactions_;
     LbProfileStatusEntry* status = statusOf(key);
     LbNameToLbKeySet& keySet = in_.navDb->lbNameToLbKeySetIs(lbName);
-    const LbRules::Rules& rules = rules_.of(appOf(key));
     if (!status) {
         VEL_ASSERT(freeLbIds(), "freeLbIds()");
         const U16 id = freeLbIdDeq();
@@ -206,6 +211,7 @@ void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& l
         keys_.add(key, keySet);  // the key was created for another profile
     }
     // If the application has only this rule, the search for the governing rule is not needed.
+    const LbRules::Rules& rules = rules_.of(appOf(key));
     if (rules.size() != 1 || rules.begin()->entry.lbProfileName != lbName)
         if (const auto* first = wanted(key).constraints()) profile = first;
     status->latencyIs(profile->latency());
@@ -226,50 +232,61 @@ void LbProfileSm::addLbIdPath(const LbProfileKey& key, const Vel::String& lbName
                               const Vel::String& pgName, U32 pathIndex) {
     const auto* lbProfileConfig = in_.cliConfig->loadBalanceProfile(lbName);
     VEL_ASSERT(lbProfileConfig, "!!lbProfileConfig");
-    auto* lbProfileStatusEntry = statusOf(key);
-    VEL_ASSERT(lbProfileStatusEntry, "!!lbProfileStatusEntry");
+    LbProfileStatusEntry& status = existing(key);
     const U32* listed = lbProfileConfig->pathGroupPriority(pgName);
     const U32 priority = listed ? *listed : 0;
     DUOLOG(lbTrace, 8, "LbKey: ", key, " lbName: ", lbName, " pgName: ", pgName,
            " pathIndex: ", pathIndex, " priority: ", priority);
-    lbProfileStatusEntry->pathEntryIs({pathIndex, priority, pgName});
+    status.pathEntryIs({pathIndex, priority, pgName});
 }
 
 void LbProfileSm::deleteLbIdPath(const LbProfileKey& key, U32 pathIndex) {
-    auto* lbProfileStatusEntry = statusOf(key);
-    VEL_ASSERT(lbProfileStatusEntry, "!!lbProfileStatusEntry");
-    DUOLOG(lbTrace, 7, "LbKey: ", key, " pathIndex: ", pathIndex);
-    lbProfileStatusEntry->pathEntryDel(pathIndex);
+    deletePath(existing(key), pathIndex);
+}
+
+void LbProfileSm::deletePath(LbProfileStatusEntry& status, U32 pathIndex) {
+    DUOLOG(lbTrace, 7, "LbKey: ", status.key(), " pathIndex: ", pathIndex);
+    status.pathEntryDel(pathIndex);
 }
 
 void LbProfileSm::updateLbIdGenId(const LbProfileKey& key, const Vel::String&) {
-    auto* lbProfileStatusEntry = statusOf(key);
-    VEL_ASSERT(lbProfileStatusEntry, "!!lbProfileStatusEntry");
-    DUOLOG(lbTrace, 7, "LbKey: ", key);
-    const U32 genId = lbProfileStatusEntry->genId();
-    lbProfileStatusEntry->genIdIs(genId + 1);
+    raiseGeneration(existing(key));
+}
+
+void LbProfileSm::raiseGeneration(LbProfileStatusEntry& status) {
+    DUOLOG(lbTrace, 7, "LbKey: ", status.key());
+    const U32 genId = status.genId();
+    status.genIdIs(genId + 1);
     DUOLOG(lbTrace, 7, "oldGenId: ", genId);
 }
 
 bool LbProfileSm::updateLbIdPath(const LbProfileKey& key, const Vel::String& lbName,
                                  const Vel::String& pgName, U32 pathIndex, bool remove) {
-    const auto* status = statusOf(key);
-    if (remove && !status) return true;  // a removal allocates nothing
     const U64 turn = reactions_;
-    if (!ensureLbId(key, lbName)) return false;
     if (remove) {
-        DUOLOG(lbTrace, 7, "Delete path, SiteIp: ", key.vtepIp, " App Profile Id: ", key.appId,
-               " Vrf Id: ", key.vrfId);
-        // A path that moved to another group is a member of that group now.
-        const auto* member = status->pathEntry(pathIndex);
-        if (!member || member->groupName == pgName) deleteLbIdPath(key, pathIndex);
-    } else {
-        DUOLOG(lbTrace, 7, "Add path, SiteIp: ", key.vtepIp, " App Profile Id: ", key.appId,
-               " Vrf Id: ", key.vrfId);
-        addLbIdPath(key, lbName, pgName, pathIndex);
+        auto* status = statusOf(key);
+        return !status || removePath(*status, pgName, pathIndex);
     }
+    if (!ensureLbId(key, lbName)) return false;
+    DUOLOG(lbTrace, 7, "Add path, SiteIp: ", key.vtepIp, " App Profile Id: ", key.appId,
+           " Vrf Id: ", key.vrfId);
+    addLbIdPath(key, lbName, pgName, pathIndex);
     if (reactions_ != turn) return false;
     updateLbIdGenId(key, lbName);
+    return true;
+}
+
+bool LbProfileSm::removePath(LbProfileStatusEntry& status, const Vel::String& pgName,
+                             U32 pathIndex) {
+    const U64 turn = reactions_;
+    const LbProfileKey& key = status.key();
+    DUOLOG(lbTrace, 7, "Delete path, SiteIp: ", key.vtepIp, " App Profile Id: ", key.appId,
+           " Vrf Id: ", key.vrfId);
+    // A path that moved to another group is a member of that group now.
+    const auto* member = status.pathEntry(pathIndex);
+    if (!member || member->groupName == pgName) deletePath(status, pathIndex);
+    if (reactions_ != turn) return false;
+    raiseGeneration(status);
     return true;
 }
 
@@ -381,8 +398,8 @@ bool LbProfileSm::applyRule(const NavRuleEntry& entry, bool removed, const VrfAp
     const auto& [pgName, vtepIp] = siteGroup.key();
     DUOLOG(lbTrace, 7, "vtep ip: ", vtepIp, " pgName: ", pgName);
     const LbProfileKey key = keyOf(vtepIp, app);
-    if (const LbRule* governs = wanted(key).governing(pgName))
-        return addSiteGroup(key, governs->entry.lbProfileName, siteGroup);
+    if (const LbGovernor governs = wanted(key).governing(pgName))
+        return addSiteGroup(key, governs.profile->profileName(), siteGroup);
 
     const auto* profile = in_.cliConfig->loadBalanceProfile(entry.lbProfileName);
     if (removed && profile && profile->pathGroupPriority(pgName) && !wanted(key).constraints()) {
@@ -484,13 +501,18 @@ void LbProfileSm::handleVrfLbIdStatus(const SiteGroupKey& siteGroup, U32 pathInd
     const NavRuleStatus* status = in_.navStatusDir->navRuleStatus(vrf);
     if (!status) return;
     const U64 turn = reactions_;
+    const U32 vrfId = vrfIdOf(vrf);
     for (const NavRuleEntry& entry : status->navRuleEntry()) {
         for (bool done = false; !done;) {
             if (reactions_ != turn && isUsable(siteGroup, pathIndex) == remove) return;
-            const LbProfileKey key =
-                keyOf(siteGroup.routerIp, {enteredVrfId(entry, vrf), entry.appProfileId});
-            const LbRule* governs = wanted(key).governing(siteGroup.name);
-            const bool acts = governs ? governs->entry == entry && governs->vrf == vrf
+            LbProfileKey key = keyOf(siteGroup.routerIp, {vrfId, entry.appProfileId});
+            LbGovernor governs = wanted(key).governing(siteGroup.name);
+            // A rule that governs under this id was entered under it.
+            if (!governs.is(entry, vrf) && enteredVrfId(entry, vrf) != vrfId) {
+                key.vrfId = enteredVrfId(entry, vrf);
+                governs = wanted(key).governing(siteGroup.name);
+            }
+            const bool acts = governs ? governs.is(entry, vrf)
                                       : remove && isMember(key, siteGroup.name, pathIndex);
             done = !acts ||
                    updateLbIdPath(key, entry.lbProfileName, siteGroup.name, pathIndex, remove);
@@ -499,21 +521,16 @@ void LbProfileSm::handleVrfLbIdStatus(const SiteGroupKey& siteGroup, U32 pathInd
 }
 
 void LbProfileSm::siteGroupDeleted(const SiteGroupKey& siteGroup, const std::set<U32>& paths) {
-    const auto& [pgName, routerIp] = siteGroup;
+    const Netz::IpGenAddr& routerIp = siteGroup.routerIp;
     keys_.siteGroupRemoved(routerIp);
     if (!initialized_) return;
     ++reactions_;
     for (U32 pathIndex : paths) sitePathChanged(siteGroup, pathIndex);
     // If rules share a key, another rule may now be the first and give the key its constraints.
-    for (const NavRuleStatus& status : in_.navStatusDir->navRuleStatus()) {
-        for (const NavRuleEntry& entry : status.navRuleEntry()) {
-            const VrfAppKey app{enteredVrfId(entry, status.name()), entry.appProfileId};
-            if (rules_.of(app).size() < 2) continue;
-            const auto* profile = in_.cliConfig->loadBalanceProfile(entry.lbProfileName);
-            if (!profile || !profile->pathGroupPriority(pgName)) continue;
-            const LbProfileKey key = keyOf(routerIp, app);
-            if (wanted(key).constraints()) refreshConstraints(key, entry.lbProfileName);
-        }
+    for (const LbProfileKey& key : keys_.of(routerIp)) {
+        if (rules_.of(appOf(key)).size() < 2) continue;
+        if (const auto* first = wanted(key).constraints())
+            refreshConstraints(key, Vel::String(first->profileName()));
     }
 }
 

@@ -94,6 +94,8 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     class VelLoadBalanceProfile;
 
     LbProfileStatusEntry* statusOf(const LbProfileKey& key) const;
+    // REQUIRES: the key has a status entry.
+    LbProfileStatusEntry& existing(const LbProfileKey& key) const;
     LbWanted wanted(const LbProfileKey& key) const;
     bool isMember(const LbProfileKey& key, const Vel::String& pgName, U32 pathIndex) const;
     bool isUsable(const SiteGroupKey& siteGroup, U32 pathIndex) const;
@@ -114,7 +116,10 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     bool removeSiteGroup(const LbProfileKey& key, const Vel::String& lbName,
                          const SiteGroupStatusEntry& siteGroup);
     bool ensureLbId(const LbProfileKey& key, const Vel::String& lbName);
+    bool removePath(LbProfileStatusEntry& status, const Vel::String& pgName, U32 pathIndex);
 
+    void deletePath(LbProfileStatusEntry& status, U32 pathIndex);
+    void raiseGeneration(LbProfileStatusEntry& status);
     void releaseUnneeded();
     void refreshConstraints(const LbProfileKey& key, const Vel::String& lbName);
     void sitePathChanged(const SiteGroupKey& siteGroup, U32 pathIndex);
