@@ -16,6 +16,23 @@ using Shard::Fib::Fec;
 using Shard::Fib::Via;
 using Shard::Fib::ViaIndex;
 
+template <class Collection>
+using PlaceIn = typename std::remove_cvref_t<Collection>::Place;
+
+// The places of one address in the resolver's status and in the FEC table.
+struct NavPathResolutionSm::Resolution {
+    const Routing::NexthopResult* result(const Inputs& in, const IpGenAddr& addr) {
+        return in.nexthopVrfStatus->nexthop().find(addr, result_);
+    }
+    // A FEC that is not in the table has no vias.
+    const Fec& fec(const Inputs& in, const Routing::NexthopResult& result);
+
+  private:
+    PlaceIn<decltype(std::declval<Routing::NexthopVrfStatus>().nexthop())> result_;
+    PlaceIn<decltype(std::declval<Shard::Fib::ForwardingStatus>().fec())> fec_;
+    Vel::U64 fecId_ = 0;
+};
+
 // One configured path.
 class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
   public:
@@ -51,8 +68,9 @@ class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
     IntfId localIntf();
 
   private:
-    void join();   // the paths of its destination
-    void leave();  // them; does nothing the second time
+    // Adds the path to its destination's paths, or removes it if it was added.
+    void join();
+    void leave();
     void handlePathIpsecProfileDel();
     bool isNewest(U32 profileRun) const;
     bool writeUnconnected(U32 profileRun, U32 pathIndex);
@@ -66,6 +84,7 @@ class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
     Vel::Found<PathStatusEntry> status_;
     Vel::Found<PathKeyInfo> keyInfo_;
     Vel::Ptr<Ip::IpIntfStatus> intf_;  // that had the source address most recently
+    PlaceIn<decltype(std::declval<NavDb>().srcToIntfMapping())> mapping_;
     IntfId intfHere_;  // of the source address, if the database names another VRF's interface
     Vel::Subscription ipsecProfile_;
 };
@@ -81,6 +100,8 @@ struct NavPathResolutionSm::Destination final : Vel::Object {
         static VelPathConfigEntry& reference(Yield now) { return *now; }
     };
     Vel::Unordered<PathTraits> paths;
+    PlaceIn<decltype(std::declval<Routing::NexthopVrfConfig>().nexthop())> request;
+    Resolution resolution;
 };
 
 // One path status: keeps the path's index in its site's list while the path is programmed.
@@ -225,13 +246,15 @@ void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
     DUOLOG_ENTRY(pathTrace, " ", addr);
     Vel::Hold hold;
     bool used = false;
-    if (const auto* destination = destinations_.find(addr)) {
-        for (VelPathConfigEntry& path : destination->second->paths) {
+    if (const auto* found = destinations_.find(addr)) {
+        Destination& destination = *found->second;
+        for (VelPathConfigEntry& path : destination.paths) {
             if (!path.isConfigured()) continue;
             // The result may exist because of another client's request, and vanish with it.
-            if (!std::exchange(used, true) && !in_.nexthopVrfConfig->nexthopHas(addr))
+            if (!std::exchange(used, true) &&
+                !in_.nexthopVrfConfig->nexthop().find(addr, destination.request))
                 requestNexthop(addr);
-            reviewPath(path.pathKey(), &path, addr);
+            reviewPath(path.pathKey(), &path, addr, destination.resolution);
         }
     }
     if (used) return;
@@ -242,17 +265,18 @@ void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
 }
 
 void NavPathResolutionSm::reviewPath(const PathKey& pathKey, const IpGenAddr& addr) {
-    reviewPath(pathKey, pathConfigEntry_(pathKey), addr);
+    Resolution resolution;
+    reviewPath(pathKey, pathConfigEntry_(pathKey), addr, resolution);
 }
 
 void NavPathResolutionSm::reviewPath(const PathKey& pathKey, VelPathConfigEntry* config,
-                                     const IpGenAddr& addr) {
-    const Routing::NexthopResult* result = in_.nexthopVrfStatus->nexthop(addr);
+                                     const IpGenAddr& addr, Resolution& resolution) {
+    const Routing::NexthopResult* result = resolution.result(in_, addr);
     if (!result) {
         DUOLOG(pathTrace, 7, "Addr unresolved for ", addr);
         return updatePathVia(pathKey, Via{});
     }
-    const Fec& fec = fecOf(*result);
+    const Fec& fec = resolution.fec(in_, *result);
     DUOLOG(pathTrace, 7, "Addr resolved for ", addr, " fec id: ", result->fecId,
            " number of via: ", fec.size());
     if (fec.size() == 0) return;
@@ -338,12 +362,14 @@ void NavPathResolutionSm::releaseUnusedNexthop(const IpGenAddr& addr) {
     in_.nexthopVrfConfig->nexthopDel(addr);
 }
 
-// A FEC that is not in the table has no vias.
-const Fec& NavPathResolutionSm::fecOf(const Routing::NexthopResult& result) const {
+const Fec& NavPathResolutionSm::Resolution::fec(const Inputs& in,
+                                                const Routing::NexthopResult& result) {
     static const Fec none;
-    const Fec* fec = result.addr.isV4() ? in_.forwardingStatus->fec(result.fecId)
-                                        : in_.forwarding6Status->fec(result.fecId);
-    return fec ? *fec : none;
+    if (std::exchange(fecId_, result.fecId) != result.fecId) fec_ = {};
+    const auto& fecs =
+        result.addr.isV4() ? in.forwardingStatus->fec() : in.forwarding6Status->fec();
+    const auto* item = fecs.find(result.fecId, fec_);
+    return item ? item->second : none;
 }
 
 // The path's key info; null only for a path that is not configured.
@@ -445,8 +471,9 @@ void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfileDel() {
 // interface for an address; if several VRFs have the address, the interface in this VRF is used.
 IntfId NavPathResolutionSm::VelPathConfigEntry::localIntf() {
     const IpGenAddr& addr = pathKey().srcAddr;
-    const IntfId* mapped = in_.navDb->srcToIntfMapping(addr);
-    if (!mapped) return {};
+    const auto* mapping = in_.navDb->srcToIntfMapping().find(addr, mapping_);
+    if (!mapping) return {};
+    const IntfId* const mapped = &mapping->second;
     const auto hasAddrHere = [&](const Ip::IpIntfStatus& intf) {
         return intf.activeAddrWithMask().addr == addr && intf.vrfName() == in_.vrfName;
     };

@@ -65,6 +65,7 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     class VelPathConfigEntry;
     class VelPathStatusEntry;
     struct Destination;
+    struct Resolution;
     struct Offer;
 
     ~NavPathResolutionSm() override;
@@ -73,10 +74,9 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     bool isUsed(const Netz::IpGenAddr& addr) const;
     void requestNexthop(const Netz::IpGenAddr& addr);
     void releaseUnusedNexthop(const Netz::IpGenAddr& addr);
-    const Shard::Fib::Fec& fecOf(const Routing::NexthopResult& result) const;
     PathKeyInfo* keyInfoOf(const PathKey& pathKey) const;
-    void reviewPath(const PathKey& pathKey, VelPathConfigEntry* config,
-                    const Netz::IpGenAddr& addr);
+    void reviewPath(const PathKey& pathKey, VelPathConfigEntry* config, const Netz::IpGenAddr& addr,
+                    Resolution& resolution);
     std::optional<Offer> offerTo(VelPathConfigEntry* config);
     void publish(const Offer& offer, const std::optional<Shard::Fib::Via>& via);
     void sweepLeftovers();

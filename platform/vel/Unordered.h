@@ -37,6 +37,13 @@ class Unordered {
     using Item = typename Traits::Item;
     class Cursor;
 
+    // Where an item was found, so that it is looked up again only after an insertion or removal.
+    class Place {
+        friend class Unordered;
+        const Item* item_ = nullptr;
+        U64 layout_ = 0;
+    };
+
     Unordered() = default;
     Unordered(const Unordered&) = delete;
     Unordered& operator=(const Unordered&) = delete;
@@ -54,10 +61,20 @@ class Unordered {
         const U32 slot = slotOf(key, index_ ? tagOf(key) : 0);
         return slot == none ? nullptr : &slots_[slot].item;
     }
+    // The same by way of the place where the key was sought before. REQUIRES: `place` is new, or
+    // was used with this collection and this key only.
+    const Item* find(const Key& key, Place& place) const {
+        if (place.layout_ != layout_) {
+            place.item_ = find(key);
+            place.layout_ = layout_;
+        }
+        return place.item_;
+    }
     Item* find(const Key& key) { return const_cast<Item*>(std::as_const(*this).find(key)); }
 
     // REQUIRES: no item under this key.
     Item& insert(Item item) {
+        ++layout_;
         if (slots_.size() == slots_.capacity()) makeRoom();
         slots_.push_back(Slot{std::move(item), 0, true});
         ++live_;
@@ -76,6 +93,7 @@ class Unordered {
     std::pair<bool, Item> take(const Key& key) {
         const U32 at = slotOf(key, index_ ? tagOf(key) : 0);
         if (at == none) return {false, Item{}};
+        ++layout_;
         if (index_) unplace(at);
         Slot& slot = slots_[at];
         Item item = std::exchange(slot.item, Item{});
@@ -176,8 +194,9 @@ class Unordered {
     // Index of all live slots, probed linearly from tag & mask_, at most half full. Null until
     // there are more than smallSize slots.
     std::unique_ptr<IndexEntry[]> index_;
-    U32 mask_ = 0;  // entries of the index less one; entries are a power of two
-    U32 live_ = 0;  // slots that are live
+    U32 mask_ = 0;    // entries of the index less one; entries are a power of two
+    U32 live_ = 0;    // slots that are live
+    U64 layout_ = 1;  // changes with each insertion and removal
     mutable Cursor* cursors_ = nullptr;  // of the iterations in progress, innermost first
 };
 
