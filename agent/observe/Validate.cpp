@@ -180,7 +180,7 @@ void checkIds(const NavInputs& in, const Nav::NavDb* database,
     const auto check = [&](const char* what, const std::map<U32, size_t>& users, U32 last) {
         for (const auto& [id, count] : users)
             if (id == 0 || id > last || count > 1)
-                differences.push_back(what + (" " + std::to_string(id)) + " has " +
+                differences.push_back(std::string(what) + " " + std::to_string(id) + " has " +
                                       std::to_string(count) + " users");
     };
     check("path index", held, Nav::NavConstants::maxPathIndex);
