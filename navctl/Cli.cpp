@@ -87,7 +87,7 @@ class Program {
     void log();
     void ping();
     void batch();
-    void completion() { streams_.out << bashScript; }
+    void completion() { streams_.out << (shell_ == "zsh" ? zshScript : bashScript); }
     void completeWords();
 
     CLI::App app_{"Operates the path-selection agent of this router", "navctl"};
@@ -153,9 +153,9 @@ void Program::build() {
     log->add_option("LEVEL", level_)->check(CLI::Range(0, 8));
     command(app_, "ping", "Print which agent is running", &Program::ping);
     command(app_, "completion", "Print the script for shell completion", &Program::completion)
-        ->add_option("SHELL", shell_, "bash")
+        ->add_option("SHELL", shell_, "bash or zsh")
         ->required()
-        ->check(CLI::IsMember({"bash"}));
+        ->check(CLI::IsMember({"bash", "zsh"}));
     CLI::App* words = command(app_, "__complete", "", &Program::completeWords);
     words->group("");
     words->add_option("WORD", words_);

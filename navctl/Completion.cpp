@@ -26,6 +26,15 @@ const char* const bashScript = R"(_navctl() {
 complete -o nospace -o default -F _navctl navctl
 )";
 
+// (Q) takes the quotes off a word, and compadd puts them on again: keys stand in brackets.
+const char* const zshScript = R"(#compdef navctl
+_navctl() {
+    local -a answers=("${(@f)$(navctl __complete -- "${(@Q)words[2,CURRENT]}" 2>/dev/null)}")
+    compadd -S '' -- $answers
+}
+if [[ $funcstack[1] == _navctl ]]; then _navctl "$@"; else compdef _navctl navctl; fi
+)";
+
 namespace {
 
 bool exists(Client::ControlClient& client, const std::string& path) {

@@ -11,8 +11,10 @@ class App;
 
 namespace Navctl {
 
-// The script by which bash completes navctl's command line; it runs `navctl __complete WORD...`.
+// The scripts by which shells complete navctl's command line; they run `navctl __complete WORD...`. That
+// of zsh also works as the file _navctl in its fpath.
 extern const char* const bashScript;
+extern const char* const zshScript;
 
 // The completions of the last of the words after "navctl". Commands and options come from `app`;
 // paths and keys from the agent of the run directory, and are missing without an agent. `runDir` is

@@ -29,6 +29,7 @@ class Host {
     // Written by the platform; the configuration is written through the tree or a load.
     Nav::NavInputs& inputs() { return inputs_; }
     const Platform& platform() const { return *platform_; }
+    Platform& platform() { return *platform_; }
 
     // Every input under its name, /navDb while the container exists, and /forwardingConfig and
     // /ipsecConfig, null unless the agent forwards, or has IPsec. On other platforms than manual

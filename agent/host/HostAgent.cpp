@@ -49,6 +49,11 @@ HostAgent::HostAgent(Options options, Log& log)
       logInLoop_(log, loop_),
       terminated_(loop_.onSignal(SIGTERM, [this] { stop("SIGTERM"); })),
       interrupted_(loop_.onSignal(SIGINT, [this] { stop("SIGINT"); })),
+      replaced_(loop_.onSignal(SIGUSR1,
+                               [this] {
+                                   host_.platform().keepForwarding();
+                                   stop("SIGUSR1");
+                               })),
       hungUp_(loop_.onSignal(SIGHUP, [this] { reload(); })),
       forwarding_(options_.forwarding.empty() ? nullptr : makeForwarding()),
       ipsec_(options_.ipsec.empty() ? nullptr : makeIpsec()),

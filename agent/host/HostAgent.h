@@ -40,7 +40,8 @@ class HostAgent {
     HostAgent(Options options, Log& log);
     ~HostAgent();
 
-    // Runs until SIGTERM or SIGINT.
+    // Runs until SIGTERM, SIGINT or SIGUSR1. After the last the kernel goes on forwarding, for the agent
+    // that is started next.
     void run() { loop_.run(); }
 
   private:
@@ -56,7 +57,7 @@ class HostAgent {
     RunDir runDir_;
     EventLoop loop_;
     const LogInLoop logInLoop_;
-    EventLoop::Registration terminated_, interrupted_, hungUp_;
+    EventLoop::Registration terminated_, interrupted_, replaced_, hungUp_;
     const ForwardingPtr forwarding_;  // null unless the agent forwards
     const IpsecPtr ipsec_;            // null unless it secures paths
     Host host_;

@@ -6,6 +6,7 @@
 #include "agent/base/RunDir.h"
 #include "agent/host/HostAgent.h"
 #include "agent/host/Postmortem.h"
+#include "agent/linux/forwarding/Forwarding.h"
 #include "agent/shell/Log.h"
 
 int main(int argc, char** argv) {
@@ -25,6 +26,9 @@ int main(int argc, char** argv) {
         ->default_val("/run/charon.vici");
     app.add_flag("--keep-forwarding", options.keepForwarding,
                  "An orderly stop leaves the kernel forwarding as it is, for linux");
+    bool removeForwarding = false;
+    app.add_flag("--remove-forwarding", removeForwarding,
+                 "Remove what an agent has left in the kernel, and exit");
     app.add_option("--platform", options.platform, "The source of the router's other services")
         ->check(CLI::IsMember({"sim", "linux", "manual"}))
         ->capture_default_str();
@@ -72,6 +76,11 @@ int main(int argc, char** argv) {
     Agent::Log log(STDERR_FILENO);
     try {
         if (options.runDir.empty()) options.runDir = Agent::defaultRunDir();
+        if (removeForwarding) {
+            const Agent::RunDir noOtherAgent(options.runDir, options.group);
+            Agent::Linux::removeForwarding();
+            return 0;
+        }
         Agent::postmortemIs(options.runDir, log);
         Agent::HostAgent(options, log).run();
         return 0;

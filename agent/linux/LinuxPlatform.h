@@ -31,6 +31,7 @@ class LinuxPlatform final : public Platform {
     // Raises Vel::Error if the kernel refuses a socket or cannot be read.
     void start(const Nav::NavInputs& inputs) override;
     void stop() override;
+    void keepForwarding() override { options_.keepForwarding = true; }
     void configured() override;
     std::optional<Json> forwarding() override;
     QualityStatus* quality() const override;
@@ -47,7 +48,7 @@ class LinuxPlatform final : public Platform {
     class Services;
 
     EventLoop& loop_;
-    const LinuxOptions options_;
+    LinuxOptions options_;
     std::unique_ptr<Services> services_;  // null unless started
 };
 

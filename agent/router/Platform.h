@@ -37,6 +37,8 @@ class Platform {
     // Throws if it cannot start.
     virtual void start(const Nav::NavInputs&) {}
     virtual void stop() {}
+    // stop() will leave the kernel forwarding as it is.
+    virtual void keepForwarding() {}
     // Called after a change of the configuration is complete.
     virtual void configured() {}
     // What the platform forwards, for `navctl show forwarding`; empty if it does not forward.

@@ -2,10 +2,22 @@
 
 #include <algorithm>
 
+#include "agent/linux/forwarding/Prerequisites.h"
 #include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/linux/kernel/ObjectDump.h"
 
 namespace Agent::Linux {
+
+namespace {
+
+void removeAll(ObjectWriter& kernel, Nftables& nftables) {
+    std::set<ObjectKey> keys;
+    for (const auto& [key, object] : kernel.present()) keys.insert(key);
+    kernel.apply({}, keys);
+    nftables.run(std::string("delete table ") + nftTable);
+}
+
+}  // namespace
 
 Forwarding::VelSiteGroupStatusEntry::VelSiteGroupStatusEntry(Forwarding& forwarding,
                                                              Nav::SiteGroupStatusEntry& entry)
@@ -266,10 +278,16 @@ std::vector<std::string> Forwarding::differences() {
 }
 
 void Forwarding::clear() {
-    std::set<ObjectKey> keys;
-    for (const auto& [key, object] : kernel_.present()) keys.insert(key);
-    kernel_.apply({}, keys);
-    nftables_.run(std::string("delete table ") + nftTable);
+    removeAll(kernel_, nftables_);
+}
+
+void removeForwarding() {
+    requireForwarding();
+    ObjectWriter kernel;
+    Nftables nftables;
+    if (!kernel.read()) throw Vel::Error("the objects of forwarding cannot be read");
+    removeAll(kernel, nftables);
+    if (!kernel.present().empty()) throw Vel::Error("the kernel refused to remove some objects");
 }
 
 }  // namespace Agent::Linux

@@ -132,4 +132,7 @@ class Forwarding {
     MemberChoice choice_;
 };
 
+// Removes what an agent that no longer runs left in the kernel. Raises Vel::Error if it cannot.
+void removeForwarding();
+
 }  // namespace Agent::Linux
