@@ -74,7 +74,13 @@ HostAgent::HostAgent(Options options, Log& log)
     DUOLOG(agentTrace, 5, "nav-agent ", NAV_VERSION, " started, platform ", options_.platform,
            ", pid ", getpid(), ", run directory ", runDir_.path());
     host_.events().add({Event::Kind::agent, "nav-agent", "started, version " NAV_VERSION, {}, {}});
-    loadFiles("start of the agent");
+    try {
+        loadFiles("start of the agent");
+    } catch (...) {
+        // What an earlier agent has left goes on forwarding.
+        host_.platform().keepForwarding();
+        throw;
+    }
     manager_.ready();
 }
 
