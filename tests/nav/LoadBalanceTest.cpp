@@ -149,6 +149,11 @@ TEST_F(LoadBalance, RulesOfOneApplicationCountAsOne) {
     entry(7)->genIdIs(0);
     path("wan", s1, 2), path("lte", s1, 4), list("silver", "wan", 8);
     EXPECT_EQ(show(7), "1 gen 4: 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
+    cli.loadBalanceProfile("silver")->latencyIs(20);
+    in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(s1)});
+    EXPECT_EQ(entry(7)->latency(), 20U) << "the first rule has no group of the site any more";
+    path("wan", s1, 1), path("wan", s1, 2);
+    EXPECT_EQ(entry(7)->latency(), NavConstants::defaultLatency);
     noRule("red", 20, 7, "silver");
     EXPECT_TRUE(db.lbNameToLbKeySet("silver")->lbKey().empty());
     noRule("red", 10, 7, "gold");
