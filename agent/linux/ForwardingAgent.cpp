@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "agent/linux/kernel/LinuxTrace.h"
+#include "agent/router/NexthopResolver.h"
 
 namespace Agent::Linux {
 
@@ -25,15 +26,6 @@ ForwardingAgent::ForwardingAgent(const Nav::NavInputs& inputs, KernelMonitor& mo
 
 void ForwardingAgent::review() {
     paths_.forEach([](VelPathStatusEntry& path) { path.reviewLater(); });
-}
-
-// Null if the path has no route.
-const Fec* ForwardingAgent::fecOf(const L3::VrfName& vrfName, const Netz::IpGenAddr& addr) const {
-    const Routing::NexthopVrfStatus* vrf = in_.nexthopStatus->vrf(vrfName);
-    const Routing::NexthopResult* result = vrf ? vrf->nexthop(addr) : nullptr;
-    if (!result) return nullptr;
-    return addr.isV6() ? in_.forwarding6Status->fec(result->fecId)
-                       : in_.forwardingStatus->fec(result->fecId);
 }
 
 // Returns whether packets can be sent to the next hop at once; if not, requests its resolution.
@@ -75,7 +67,7 @@ ForwardingAgent::VelPathStatusEntry::VelPathStatusEntry(PathVrf<ForwardingAgent>
 std::optional<Neighbour> ForwardingAgent::VelPathStatusEntry::findNexthop() const {
     const Nav::HwPathInfo& info = path_->pathInfo();
     if (familiesDiffer(path_->key())) return {};
-    const Fec* fec = agent_.fecOf(vrf_->vrfName(), path_->key().dstAddr);
+    const Fec* fec = fecOf(agent_.in_, vrf_->vrfName(), path_->key().dstAddr);
     const Interface* interface = agent_.monitor_.interfaces().named(info.via.intfId);
     const auto isTaken = [&](const Via& via) {
         return via.hop == info.via.hop && via.intfId == info.via.intfId;

@@ -73,7 +73,6 @@ class ForwardingAgent {
         Vel::Subscription pathInfo_, encapId_;
     };
 
-    const Shard::Fib::Fec* fecOf(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) const;
     bool followNexthop(const Neighbour& nexthop);
     void solicit();
     void confirm();

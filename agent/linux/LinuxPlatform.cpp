@@ -46,7 +46,7 @@ class LinuxPlatform::Services {
     void startCounting(EventLoop& loop, const std::string& runDir);
     void handleInterfaces();
     void handleForwarding();
-    NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested);
+    NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested, bool afresh = false);
 
     const Nav::NavInputs in_;
     const ForwardingPtr config_;  // null: the platform observes only
@@ -137,31 +137,27 @@ void LinuxPlatform::Services::handleForwarding() {
     if (forwarding_) forwarding_->repair();
 }
 
-NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(
-    const Routing::NexthopConfig& requested) {
+NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(const Routing::NexthopConfig& requested,
+                                                           bool afresh) {
     const InterfaceView& view = monitor_.interfaces();
     const std::vector<PathQuery> queries = pathQueries(view, *in_.pathConfigDir, requested);
     std::vector<RouteQuery> routes;
     for (const PathQuery& query : queries) routes.push_back(query.route);
-    const std::vector<RouteResult> results = monitor_.lookup(routes);
+    if (afresh) monitor_.forget();
+    const std::vector<const RouteResult*> results = monitor_.lookup(routes);
     if (std::ranges::count(results, RouteResult::Kind::failed, &RouteResult::kind) != 0)
         retry_.armIn(retryDelay);
     return pathVias(view, queries, results);
 }
 
-// The routes are asked for once more, path by path, and the agent's objects read.
+// The routes are looked up once more, path by path, and the agent's objects read.
 std::vector<std::string> LinuxPlatform::Services::validate() {
     std::vector<std::string> differences;
-    for (const auto& [vrf, resolved] : lookup(*in_.nexthopConfig)) {
+    for (const auto& [vrf, resolved] : lookup(*in_.nexthopConfig, true)) {
         const Routing::NexthopVrfConfig* requested = in_.nexthopConfig->vrf(vrf);
-        const Routing::NexthopVrfStatus* status = in_.nexthopStatus->vrf(vrf);
         if (!requested) continue;
         for (const Netz::IpGenAddr& address : requested->nexthop()) {
-            const Routing::NexthopResult* result = status ? status->nexthop(address) : nullptr;
-            const Shard::Fib::Fec* fec = !result ? nullptr
-                                         : address.isV6()
-                                             ? in_.forwarding6Status->fec(result->fecId)
-                                             : in_.forwardingStatus->fec(result->fecId);
+            const Shard::Fib::Fec* fec = fecOf(in_, vrf, address);
             const auto now = resolved.find(address);
             const NexthopResolver::Vias none;
             if ((now == resolved.end() ? none : now->second) != (fec ? fec->vias() : none))

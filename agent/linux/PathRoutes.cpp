@@ -11,13 +11,13 @@ using Netz::IpGenAddr;
 
 namespace {
 
-// The interfaces of each address in each VRF; several interfaces may have the same address.
-std::multimap<std::pair<L3::VrfName, IpGenAddr>, uint32_t> sources(const InterfaceView& view) {
-    std::multimap<std::pair<L3::VrfName, IpGenAddr>, uint32_t> sources;
+// The interfaces of each address in a VRF; several interfaces may have the same address.
+std::multimap<IpGenAddr, uint32_t> sources(const InterfaceView& view, const L3::VrfName& vrf) {
+    std::multimap<IpGenAddr, uint32_t> sources;
     for (const Interface& interface : view.interfaces)
-        for (const auto& addr : {interface.primary4.addr, interface.primary6.addr})
-            if (!addr.isZero())
-                sources.emplace(std::pair(interface.vrf.name, addr), interface.index);
+        if (interface.vrf.name == vrf)
+            for (const auto& addr : {interface.primary4.addr, interface.primary6.addr})
+                if (!addr.isZero()) sources.emplace(addr, interface.index);
     return sources;
 }
 
@@ -26,14 +26,14 @@ std::multimap<std::pair<L3::VrfName, IpGenAddr>, uint32_t> sources(const Interfa
 std::vector<PathQuery> pathQueries(const InterfaceView& view, const Nav::PathConfigDir& paths,
                                    const Routing::NexthopConfig& requested) {
     std::vector<PathQuery> queries;
-    const auto interfaces = sources(view);
     for (const Nav::PathConfig& vrf : paths.pathConfig()) {
         const Routing::NexthopVrfConfig* config = requested.vrf(vrf.vrfName());
         if (!config) continue;
+        const auto interfaces = sources(view, vrf.vrfName());
         for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
             const Nav::PathKey& key = path.key();
             if (familiesDiffer(key) || !config->nexthopHas(key.dstAddr)) continue;
-            const auto [first, last] = interfaces.equal_range({vrf.vrfName(), key.srcAddr});
+            const auto [first, last] = interfaces.equal_range(key.srcAddr);
             for (auto at = first; at != last; ++at)
                 queries.push_back({vrf.vrfName(), {key.dstAddr, key.srcAddr, at->second}});
         }
@@ -42,31 +42,34 @@ std::vector<PathQuery> pathQueries(const InterfaceView& view, const Nav::PathCon
 }
 
 NexthopResolver::ViasByVrf pathVias(const InterfaceView& view, std::span<const PathQuery> queries,
-                                    std::span<const RouteResult> results) {
-    std::map<std::pair<L3::VrfName, IpGenAddr>, std::vector<RouteVia>> routes;
-    for (size_t i = 0; i < queries.size(); ++i) {
-        auto& vias = routes[{queries[i].vrf, queries[i].route.destination}];
-        vias.insert(vias.end(), results[i].vias.begin(), results[i].vias.end());
-    }
+                                    std::span<const RouteResult* const> results) {
+    using Leg = std::pair<IpGenAddr, RouteVia>;  // of the route to a destination
+    const auto sameHop = [](const Leg& a, const Leg& b) {
+        return a.first == b.first && a.second.hop == b.second.hop &&
+               a.second.ifIndex == b.second.ifIndex;
+    };
     NexthopResolver::ViasByVrf found;
     for (const Vrf& vrf : view.vrfs) found.try_emplace(vrf.name);
-    for (auto& [request, routeVias] : routes) {
-        std::ranges::sort(routeVias);
-        const auto isRepeated = [](const RouteVia& a, const RouteVia& b) {
-            return a.hop == b.hop && a.ifIndex == b.ifIndex;
-        };
-        routeVias.erase(std::unique(routeVias.begin(), routeVias.end(), isRepeated),
-                        routeVias.end());
-        NexthopResolver::Vias vias;
-        for (const RouteVia& via : routeVias) {
+    std::vector<Leg> legs;
+    for (size_t i = 0; i < queries.size();) {
+        const L3::VrfName& vrf = queries[i].vrf;
+        legs.clear();
+        for (; i < queries.size() && queries[i].vrf == vrf; ++i)
+            for (const RouteVia& via : results[i]->vias)
+                legs.emplace_back(queries[i].route.destination, via);
+        const auto resolved = found.find(vrf);
+        if (resolved == found.end()) continue;
+        std::ranges::sort(legs);
+        legs.erase(std::unique(legs.begin(), legs.end(), sameHop), legs.end());
+        for (const auto& [destination, via] : legs) {
             // An interface that has been deleted or is still unknown causes an event itself.
             const Interface* interface = view.at(via.ifIndex);
-            if (interface && vias.size() < Shard::Fib::Fec::maxVias)
+            if (!interface) continue;
+            const auto last = resolved->second.end();
+            auto& vias = resolved->second.try_emplace(last, destination)->second;
+            if (vias.size() < Shard::Fib::Fec::maxVias)
                 vias.push_back({.hop = via.hop, .intfId = interface->name, .weight = via.weight});
         }
-        const auto vrf = found.find(request.first);
-        if (vrf != found.end() && !vias.empty())
-            vrf->second.emplace(request.second, std::move(vias));
     }
     return found;
 }

@@ -23,15 +23,15 @@ struct PathQuery {
 };
 
 // One query for each path whose destination is requested and whose source address is that of an
-// interface in the path's VRF. None for a path whose families differ.
+// interface in the path's VRF. None for a path whose families differ. Those of a VRF are adjacent.
 std::vector<PathQuery> pathQueries(const InterfaceView& view, const Nav::PathConfigDir& paths,
                                    const Routing::NexthopConfig& requested);
 
-// The vias of each address according to the results of its queries, one per query in their order.
+// The vias of each address according to the results of its queries, one for each in their order.
 // Sorted by hop and interface, without duplicates; every VRF of the view has an element. A path
 // takes the last via through its own interface, which in this order stays the same as long as it
 // exists.
 NexthopResolver::ViasByVrf pathVias(const InterfaceView& view, std::span<const PathQuery> queries,
-                                    std::span<const RouteResult> results);
+                                    std::span<const RouteResult* const> results);
 
 }  // namespace Agent::Linux

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/model/Tree.h"
+#include "agent/router/NexthopResolver.h"
 
 namespace Agent {
 
@@ -80,8 +81,7 @@ Reason missingRoute(const NavInputs& in, const ConfiguredPath& path, const PathS
     if (!result)
         return {"no route to " + destination.stringValue() + " in VRF " + state.vrf.str(),
                 vrfPlace + "/nexthop"};
-    const Shard::Fib::Fec* fec = destination.isV6() ? in.forwarding6Status->fec(result->fecId)
-                                                    : in.forwardingStatus->fec(result->fecId);
+    const Shard::Fib::Fec* fec = fecOf(in, state.vrf, destination);
     const std::string fecPlace = destination.isV6()
                                      ? placeIn(*in.forwarding6Status, "fec", result->fecId)
                                      : placeIn(*in.forwardingStatus, "fec", result->fecId);

@@ -1,13 +1,13 @@
 #include "agent/router/NexthopResolver.h"
 
-#include <algorithm>
-#include <set>
-#include <tuple>
+#include <optional>
+#include <span>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace Agent {
 
 using Netz::IpGenAddr;
-using Shard::Fib::Via;
 using Vel::U64;
 using Vias = NexthopResolver::Vias;
 
@@ -18,38 +18,53 @@ struct Target {
     Routing::NexthopVrfStatus& vrf;
     const IpGenAddr& addr;
     const Vias& vias;
+    size_t list = 0;  // position of the vias among the different ones of the family
 
     const Routing::NexthopResult* result() const { return vrf.nexthop(addr); }
 };
 
-struct ViasLess {
-    bool operator()(const Vias& a, const Vias& b) const {
-        const auto fields = [](const Via& via) {
-            return std::tie(via.hop, via.intfId, via.weight, via.mplsLabel, via.mplsAction);
-        };
-        return std::ranges::lexicographical_compare(a, b, {}, fields, fields);
+struct ViasHash {
+    size_t operator()(const Vias& vias) const {
+        const auto bytes = std::as_bytes(std::span(vias));
+        return Netz::hashBytes({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     }
 };
 
-// The FEC id of each required list of vias; 0: no FEC has these vias.
-using FecIds = std::map<Vias, U64, ViasLess>;
+// The different lists of vias that addresses of one family are to get, each with the id of the FEC
+// that has it, 0 without one, in the order of their first use.
+struct Lists {
+    struct List {
+        const Vias& vias;
+        U64 fecId = 0;
+    };
+    std::vector<List> lists;
+    std::unordered_map<Vias, size_t, ViasHash> positions;
 
-template <class Fib>
-FecIds presentFecs(const Fib& fib, const std::vector<Target>& targets) {
-    FecIds ids;
-    for (const Target& target : targets) ids.try_emplace(target.vias, 0);
-    for (const auto& [id, fec] : fib.fec())
-        if (const auto wanted = ids.find(fec.vias()); wanted != ids.end()) wanted->second = id;
-    return ids;
-}
+    explicit Lists(std::vector<Target>& targets) {
+        for (Target& target : targets) {
+            const auto [at, isNew] = positions.try_emplace(target.vias, lists.size());
+            if (isNew) lists.push_back({at->first});
+            target.list = at->second;
+        }
+    }
+    List* find(const Vias& vias) {
+        const auto at = positions.find(vias);
+        return at == positions.end() ? nullptr : &lists[at->second];
+    }
+};
 
-// For each FEC in use, the vias that all its addresses are to get; null if these differ.
-std::map<U64, const Vias*> commonVias(const std::vector<Target>& targets) {
-    std::map<U64, const Vias*> common;
+// For each FEC in use, the list that all its addresses are to get; nothing if these differ. In the
+// order of first use.
+std::vector<std::pair<U64, std::optional<size_t>>> commonLists(const std::vector<Target>& targets) {
+    std::vector<std::pair<U64, std::optional<size_t>>> common;
+    std::unordered_map<U64, size_t> positions;
     for (const Target& target : targets) {
-        if (!target.result()) continue;
-        const auto [at, first] = common.try_emplace(target.result()->fecId, &target.vias);
-        if (!first && at->second && *at->second != target.vias) at->second = nullptr;
+        const Routing::NexthopResult* result = target.result();
+        if (!result) continue;
+        const auto [at, isNew] = positions.try_emplace(result->fecId, common.size());
+        if (isNew) common.emplace_back(result->fecId, target.list);
+        auto& list = common[at->second].second;
+        if (list != target.list) list.reset();
     }
     return common;
 }
@@ -57,29 +72,40 @@ std::map<U64, const Vias*> commonVias(const std::vector<Target>& targets) {
 // Publishes the vias of the targets, all of one address family. REQUIRES: no other address of the
 // family has a result.
 template <class Fib>
-void publishFamily(Fib& fib, const std::vector<Target>& targets, U64& lastFecId) {
-    FecIds ids = presentFecs(fib, targets);
-    std::set<U64> used;
-    for (const auto& [vias, id] : ids) used.insert(id);
-    for (const auto& [fecId, vias] : commonVias(targets)) {
-        if (!vias || used.contains(fecId)) continue;
-        U64& id = ids.find(*vias)->second;
+void publishFamily(Fib& fib, std::vector<Target>& targets, U64& lastFecId) {
+    Lists wanted(targets);
+    for (const auto& [id, fec] : fib.fec())
+        if (auto* list = wanted.find(fec.vias())) list->fecId = id;
+    std::unordered_set<U64> used;
+    for (const auto& [vias, id] : wanted.lists) used.insert(id);
+    for (const auto& [fecId, common] : commonLists(targets)) {
+        if (!common || used.contains(fecId)) continue;
+        auto& [vias, id] = wanted.lists[*common];
         if (id != 0) continue;
         used.insert(id = fecId);
-        fib.fecIs(id, *vias);
+        fib.fecIs(id, vias);
     }
-    for (auto& [vias, id] : ids) {
+    for (auto& [vias, id] : wanted.lists) {
         if (id != 0) continue;
         used.insert(id = ++lastFecId);
         fib.fecIs(id, vias);
     }
     for (const Target& target : targets)
-        target.vrf.nexthopIs({target.addr, ids.find(target.vias)->second});
+        target.vrf.nexthopIs({target.addr, wanted.lists[target.list].fecId});
     for (const auto& [id, fec] : fib.fec())
         if (!used.contains(id)) fib.fecDel(id);
 }
 
 }  // namespace
+
+const Shard::Fib::Fec* fecOf(const Nav::NavInputs& inputs, const L3::VrfName& vrfName,
+                             const IpGenAddr& addr) {
+    const Routing::NexthopVrfStatus* vrf = inputs.nexthopStatus->vrf(vrfName);
+    const Routing::NexthopResult* result = vrf ? vrf->nexthop(addr) : nullptr;
+    if (!result) return nullptr;
+    return addr.isV6() ? inputs.forwarding6Status->fec(result->fecId)
+                       : inputs.forwardingStatus->fec(result->fecId);
+}
 
 NexthopResolver::NexthopResolver(const Nav::NavInputs& inputs, Lookup lookup)
     : in_(inputs),

@@ -21,6 +21,10 @@
 
 namespace Agent {
 
+// The FEC that is published for an address; null without a route.
+const Shard::Fib::Fec* fecOf(const Nav::NavInputs& inputs, const L3::VrfName& vrf,
+                             const Netz::IpGenAddr& addr);
+
 class NexthopResolver {
   public:
     using Vias = std::vector<Shard::Fib::Via>;

@@ -39,7 +39,8 @@ class Kernel : public InNamespace {
     static void expectRoutes(Monitored& kernel, std::initializer_list<Expected> routes) {
         for (const Expected& each : routes) {
             const RouteQuery query{addr(each.to), addr(each.from), if_nametoindex(each.dev)};
-            const RouteResult result = kernel.monitor.lookup(std::span(&query, 1))[0];
+            kernel.monitor.forget();
+            const RouteResult result = *kernel.monitor.lookup(std::span(&query, 1))[0];
             EXPECT_NE(result.kind, RouteResult::Kind::failed) << each.to;
             std::string vias;
             char name[IF_NAMESIZE];
@@ -122,6 +123,71 @@ TEST_F(Kernel, RandomChangesLeaveWhatAFreshReadShows) {
         << "what changed during an overrun is not looked up";
 }
 
+// Destinations that share routes and others that do not, as nested prefixes, tables and rules come
+// and go: the answers kept become those of the kernel.
+TEST_F(Kernel, KeptAnswersFollowRandomRoutesAndRules) {
+    const unsigned seed = 5;
+    std::printf("seed %u\n", seed);
+    std::mt19937 random(seed);
+    const auto pick = [&](std::initializer_list<const char*> choices) {
+        return std::string(choices.begin()[random() % choices.size()]) + " ";
+    };
+    std::vector<RouteQuery> queries;
+    for (const char* to : {"10.1.1.1", "10.1.1.2", "10.1.2.1", "10.2.0.1", "2001:db8:1:1::1",
+                           "2001:db8:1:1::2", "2001:db8:1:2::1", "2001:db8:2::1"})
+        for (const char* dev : {"wa", "wc"}) {
+            const bool v6 = addr(to).isV6(), wa = std::string_view(dev) == "wa";
+            queries.push_back({addr(to),
+                               addr(wa   ? v6 ? "2001:db8:a::1" : "203.0.113.1"
+                                    : v6 ? "2001:db8:c::1"
+                                         : "192.0.2.1"),
+                               if_nametoindex(dev)});
+        }
+    ASSERT_TRUE(ip("addr add 2001:db8:c::1/64 dev wc nodad\n"));
+    RequestSocket requests;
+    FibLookup fresh(requests);
+    Monitored kernel;
+    for (int round = 0; round < 300; ++round) {
+        std::string commands;
+        for (unsigned i = random() % 4; i < 4; ++i) {
+            const std::string table = pick({"main", "main", "77"});
+            const auto route = [&](const std::string& prefix, const std::string& by) {
+                commands += "route " + pick({"replace", "del"}) + prefix + by + "table " + table;
+            };
+            switch (random() % 12) {
+                case 0:
+                    commands += "rule " + pick({"add", "del"}) + "priority 9 lookup 77 " +
+                                pick({"from 203.0.113.1", "to 10.1.1.2"});
+                    break;
+                case 1:
+                    commands += "link set wc " + pick({"up", "down"});
+                    break;
+                case 2:
+                    route(pick({"throw 10.1.0.0/16", "unreachable 10.1.1.2"}), "");
+                    break;
+                case 3:
+                case 4:
+                case 5:
+                    route(pick({"2001:db8:1::/48", "2001:db8:1:1::/64", "2001:db8::/32"}),
+                          pick({"via 2001:db8:a::8", "via 2001:db8:a::9", "via 2001:db8:c::8"}));
+                    break;
+                default:
+                    route(pick({"10.1.0.0/16", "10.1.1.0/24", "10.1.1.2", "10.0.0.0/8", "default"}),
+                          pick({"via 203.0.113.8", "via 203.0.113.9", "via 192.0.2.8", "dev wa"}));
+            }
+            commands += "\n";
+        }
+        ip(commands, ">/dev/null ");  // some of them are refused
+        ASSERT_TRUE(kernel.await([&] {
+            const auto kept = kernel.monitor.lookup(queries);
+            return std::ranges::equal(kept, fresh.lookup(queries), {},
+                                      [](const RouteResult* each) { return *each; });
+        })) << "round "
+            << round << "\n"
+            << commands;
+    }
+}
+
 TEST_F(Kernel, EveryKindOfChangeLeadsToLookups) {
     Monitored kernel;
     ASSERT_TRUE(kernel.await([&] { return kernel.named("wa").up && kernel.monitor.settled(); }));
@@ -177,12 +243,13 @@ TEST_F(Kernel, LookupsGiveEveryLegOrNone) {
                            "2001:db8:9::1", "192.0.2.1"})
         expectRoutes(kernel, {{to, ""}});
     const RouteQuery nowhere{addr("10.1.2.3"), {}, 9999};  // no such interface
-    EXPECT_EQ(kernel.monitor.lookup(std::span(&nowhere, 1))[0].kind, RouteResult::Kind::failed);
+    EXPECT_EQ(kernel.monitor.lookup(std::span(&nowhere, 1))[0]->kind, RouteResult::Kind::failed);
     // More than one send takes, each with its own result.
     std::vector<RouteQuery> queries;
     for (uint32_t i = 0; i < 200; ++i) queries.push_back({Netz::IpGenAddr::fromV4(0xcb007102 + i)});
     const auto results = kernel.monitor.lookup(queries);
-    for (uint32_t i = 0; i < 200; ++i) EXPECT_EQ(results[i].vias.at(0).hop, queries[i].destination);
+    for (uint32_t i = 0; i < 200; ++i)
+        EXPECT_EQ(results[i]->vias.at(0).hop, queries[i].destination);
     // A leg's link that goes down takes the leg; the route is not announced.
     ASSERT_TRUE(kernel.settle());
     flap("wc", {false});

@@ -123,7 +123,8 @@ TEST(Routes, PathsAreLookedUpInTheirVrfByTheirInterface) {
                                                {"red", {to, source, 7}}}));
     const auto blue = parse(recorded("routeBlue"), "10.9.1.1");
     const auto blue6 = parse(recorded("route6BlueSevenFirst"), "::1");
-    auto found = pathVias(view, queries, std::vector<RouteResult>{blue, blue6, {}});
+    const RouteResult red;
+    auto found = pathVias(view, queries, std::vector<const RouteResult*>{&blue, &blue6, &red});
     EXPECT_EQ(found.size(), 3U);
     EXPECT_EQ(found["red"].size() + found["default"].size(), 0U);
     ASSERT_EQ(found["blue"][to].size(), 2U);

@@ -22,21 +22,13 @@ std::optional<std::pair<VrfRoutes::Key, VrfRoutes::Value>> VrfRoutes::parse(
     const Message& message) const {
     const auto header = message.header<rtmsg>();
     if ((message.type != RTM_NEWROUTE && message.type != RTM_DELROUTE) || !header ||
-        header->rtm_protocol == ownProtocol || (header->rtm_flags & RTM_F_CLONED) != 0 ||
-        (header->rtm_family != AF_INET && header->rtm_family != AF_INET6))
+        header->rtm_protocol == ownProtocol || (header->rtm_flags & RTM_F_CLONED) != 0)
         return {};
-    Key key;
-    key.table = header->rtm_table;
-    Netz::IpGenAddr destination =
-        header->rtm_family == AF_INET6 ? Netz::IpGenAddr::fromV6({}) : Netz::IpGenAddr();
-    for (const NetlinkAttribute& attribute : attributesAfter<rtmsg>(message)) {
-        if (attribute.type == RTA_TABLE) key.table = attribute.u32().value_or(0);
+    const auto entry = fibEntryOf(message);
+    if (!entry || !tables_.contains(entry->table)) return {};
+    Key key{entry->table, IpPrefix::of(entry->prefix.addr, entry->prefix.prefixLength), 0};
+    for (const NetlinkAttribute& attribute : attributesAfter<rtmsg>(message))
         if (attribute.type == RTA_PRIORITY) key.metric = attribute.u32().value_or(0);
-        if (attribute.type == RTA_DST)
-            destination = readAddr(header->rtm_family, attribute.data).value_or(destination);
-    }
-    if (!tables_.contains(key.table) || header->rtm_dst_len > destination.bits()) return {};
-    key.prefix = IpPrefix::of(destination, header->rtm_dst_len);
     Value gateway;
     for (const RouteVia& via : viasOf(message, key.prefix.addr))
         if (tunnels_.contains(via.ifIndex) && !via.onLink && !gateway) gateway = via.hop;

@@ -105,6 +105,21 @@ RouteResult expand(const Objects& objects, uint32_t id, const Netz::IpGenAddr& d
 
 }  // namespace
 
+std::optional<FibEntry> fibEntryOf(const Message& message) {
+    const auto header = message.header<rtmsg>();
+    if (!header || (header->rtm_family != AF_INET && header->rtm_family != AF_INET6)) return {};
+    FibEntry entry{header->rtm_table, {{}, header->rtm_dst_len}};
+    if (header->rtm_family == AF_INET6) entry.prefix.addr = Netz::IpGenAddr::fromV6({});
+    for (const NetlinkAttribute& attribute : attributesAfter<rtmsg>(message)) {
+        if (attribute.type == RTA_TABLE) entry.table = attribute.u32().value_or(0);
+        if (attribute.type == RTA_DST)
+            entry.prefix.addr =
+                readAddr(header->rtm_family, attribute.data).value_or(entry.prefix.addr);
+    }
+    if (entry.prefix.prefixLength > entry.prefix.addr.bits()) return {};
+    return entry;
+}
+
 std::vector<RouteVia> viasOf(const Message& message, const Netz::IpGenAddr& destination) {
     std::vector<RouteVia> vias;
     const auto header = message.header<rtmsg>();
@@ -134,7 +149,7 @@ RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination
     const auto header = message.header<rtmsg>();
     if (message.type != RTM_NEWROUTE || !header) return {};
     RouteReply reply{{header->rtm_type == RTN_UNICAST ? Kind::forwarded : Kind::unreachable,
-                      viasOf(message, destination)},
+                      viasOf(message, destination), fibEntryOf(message)},
                      0};
     // The kernel names the object and its legs both, unless net.ipv4.nexthop_compat_mode is off.
     bool named = false;
@@ -182,7 +197,7 @@ std::vector<RouteResult> FibLookup::lookup(std::span<const RouteQuery> queries) 
     std::vector<RouteQuery> again;
     for (size_t i = 0; i < queries.size(); ++i) {
         const RouteQuery& query = queries[i];
-        auto& [kind, vias] = results[i];
+        auto& [kind, vias, entry] = results[i];
         if (query.ifIndex == 0 || kind != Kind::forwarded) continue;
         std::erase_if(vias, [&](const RouteVia& via) { return via.ifIndex != query.ifIndex; });
         if (!vias.empty()) continue;
@@ -193,7 +208,10 @@ std::vector<RouteResult> FibLookup::lookup(std::span<const RouteQuery> queries) 
     }
     if (again.empty()) return results;
     auto found = lookup(again);
-    for (size_t i = 0; i < hidden.size(); ++i) results[hidden[i]] = std::move(found[i]);
+    for (size_t i = 0; i < hidden.size(); ++i) {
+        results[hidden[i]] = std::move(found[i]);
+        results[hidden[i]].entry.reset();  // it depends on that of the first query too
+    }
     return results;
 }
 
@@ -211,6 +229,9 @@ std::vector<RouteResult> FibLookup::ask(std::span<const RouteQuery> queries) {
             if (!query.source.isZero())
                 header.rtm_src_len = static_cast<uint8_t>(query.source.bits());
             header.rtm_flags = RTM_F_FIB_MATCH;
+            // Without it, IPv4 names the main table; IPv6 names the right one, and refuses the
+            // flag.
+            if (query.destination.isV4()) header.rtm_flags |= RTM_F_LOOKUP_TABLE;
             writer.begin(RTM_GETROUTE, 0, sequence, header);
             writer.attribute(RTA_DST, query.destination);
             if (!query.source.isZero()) writer.attribute(RTA_SRC, query.source);
@@ -225,7 +246,11 @@ std::vector<RouteResult> FibLookup::ask(std::span<const RouteQuery> queries) {
     if (unresolved.empty()) return results;
     const Objects objects = nexthops(unresolved);
     for (size_t i = 0; i < queries.size(); ++i)
-        if (ids[i] != 0) results[i] = expand(objects, ids[i], queries[i].destination);
+        if (ids[i] != 0) {
+            RouteResult expanded = expand(objects, ids[i], queries[i].destination);
+            expanded.entry = results[i].entry;
+            results[i] = std::move(expanded);
+        }
     return results;
 }
 

@@ -1,6 +1,6 @@
 // Asks the kernel for the next hops towards an address. No copy of its routes is kept: it removes
 // IPv4 routes without notification when a link goes down or a next-hop object is deleted, and a
-// lookup costs a few microseconds. So everything is looked up again after any event.
+// lookup costs a few microseconds. LookupCache knows which answers an event leaves valid.
 //
 // The kernel is asked for the matching FIB entry (RTM_F_FIB_MATCH), so that every leg of a
 // multipath route is returned, not the one leg that a flow would take.
@@ -9,10 +9,12 @@
 #include <compare>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "agent/linux/kernel/NetlinkSocket.h"
+#include "platform/netz/IpAddrWithMask.h"
 #include "platform/netz/IpGenAddr.h"
 
 namespace Agent::Linux {
@@ -38,6 +40,17 @@ struct RouteVia {
     auto operator<=>(const RouteVia&) const = default;
 };
 
+// What identifies the routes for one prefix.
+struct FibEntry {
+    uint32_t table = 0;
+    Netz::IpAddrWithMask prefix;
+
+    bool operator==(const FibEntry&) const = default;
+    auto operator<=>(const FibEntry&) const = default;
+};
+// That of an RTM_NEWROUTE or RTM_DELROUTE message; empty if it has no valid prefix.
+std::optional<FibEntry> fibEntryOf(const Message& message);
+
 struct RouteResult {
     enum class Kind : uint8_t {
         forwarded,
@@ -52,6 +65,7 @@ struct RouteResult {
     // empty. Legs that leave through a link without carrier, or through another interface than the
     // query's, are omitted.
     std::vector<RouteVia> vias;
+    std::optional<FibEntry> entry{};  // the one that gave the result, if the kernel names it
 
     bool operator==(const RouteResult&) const = default;
 };

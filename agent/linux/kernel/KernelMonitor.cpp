@@ -26,9 +26,9 @@ constexpr unsigned readsPerCall = 256 / NetlinkSocket::batch;
 constexpr int refreshAttempts = 4;
 
 constexpr unsigned groups[] = {
-    RTNLGRP_LINK,       RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE, RTNLGRP_NEIGH,
-    RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE,   RTNLGRP_IPV6_RULE,   RTNLGRP_NEXTHOP,
-    RTNLGRP_TUNNEL,
+    RTNLGRP_LINK,    RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
+    RTNLGRP_NEIGH,   RTNLGRP_IPV6_ROUTE,  RTNLGRP_IPV4_RULE,   RTNLGRP_IPV6_RULE,
+    RTNLGRP_NEXTHOP, RTNLGRP_TUNNEL,
 };
 
 bool isOwnRule(const Message& message) {
@@ -78,33 +78,40 @@ void KernelMonitor::handleEvent(const Message& message) {
         case RTM_DELADDR:
             links_.apply(message);
             linksTouched_ = true;
-            return forwardingChanged();
+            return anythingChanged();
         case RTM_NEWNEIGH:
         case RTM_DELNEIGH:
-            if (neighbours_.apply(message)) forwardingChanged();
+            // Of several routers, IPv6 prefers those that are resolved.
+            if (neighbours_.apply(message)) anythingChanged();
             return;
         case RTM_NEWROUTE:
         case RTM_DELROUTE: {
             const rtmsg route = message.header<rtmsg>().value_or(rtmsg{});
             // A cached exception, such as a path MTU, does not change the FIB.
             if ((route.rtm_flags & RTM_F_CLONED) != 0) return;
-            if (route.rtm_protocol != ownProtocol) listener_.onRoute(message);
-            return handleRouting(message, route.rtm_protocol == ownProtocol);
+            if (route.rtm_protocol == ownProtocol) return handleOwn(message);
+            listener_.onRoute(message);
+            const auto entry = fibEntryOf(message);
+            if (!entry) return;
+            answers_.routeChanged(*entry, scheduler_.now());
+            return forwardingChanged();
         }
         case RTM_NEWNEXTHOP:
         case RTM_DELNEXTHOP:
-            return handleRouting(
-                message, message.header<nhmsg>().value_or(nhmsg{}).nh_protocol == ownProtocol);
+            if (message.header<nhmsg>().value_or(nhmsg{}).nh_protocol == ownProtocol)
+                return handleOwn(message);
+            return anythingChanged();
         // A VNI of a tunnel device; the kernel does not say who removed it.
-        case RTM_DELTUNNEL: return listener_.onOwnChanged();
+        case RTM_DELTUNNEL:
+            return listener_.onOwnChanged();
         case RTM_NEWRULE:
         case RTM_DELRULE:
-            return handleRouting(message, isOwnRule(message));
+            if (isOwnRule(message)) return handleOwn(message);
+            return anythingChanged();
     }
 }
 
-void KernelMonitor::handleRouting(const Message& message, bool own) {
-    if (!own) return forwardingChanged();
+void KernelMonitor::handleOwn(const Message& message) {
     if (message.port != ownPort_) listener_.onOwnChanged();
 }
 
@@ -115,21 +122,25 @@ void KernelMonitor::handleOverrun() {
     DUOLOG(linuxTrace, 4, "Kernel events were lost; links and neighbours are read again");
 }
 
-// The kernel may announce a change before it takes effect. So a round that immediately follows an
-// event is followed by another one.
+void KernelMonitor::anythingChanged() {
+    answers_.anythingChanged(scheduler_.now());
+    forwardingChanged();
+}
+
 void KernelMonitor::forwardingChanged() {
-    const auto now = scheduler_.now();
-    if (!firstChange_) firstChange_ = now;
-    if (roundAgain_) return;  // a round is due now
-    roundAgain_ = !forwardingTimer_.armed() && now >= lastRound_ + maxHold;
-    forwardingTimer_.armAt(roundAgain_ ? now : std::min(now + settleTime, *firstChange_ + maxHold));
+    lastChange_ = scheduler_.now();
+    if (!firstChange_) firstChange_ = lastChange_;
+    const bool isFirst = *firstChange_ >= lastRound_ + maxHold;  // of a burst
+    forwardingTimer_.armAt(isFirst ? *firstChange_
+                                   : std::min(lastChange_ + settleTime, *firstChange_ + maxHold));
 }
 
 void KernelMonitor::handleForwardingTimer() {
     DUOLOG_ENTRY(linuxTrace);
     firstChange_.reset();
     lastRound_ = scheduler_.now();
-    if (std::exchange(roundAgain_, false)) forwardingTimer_.armAt(lastRound_ + settleTime);
+    if (const auto settled = lastChange_ + settleTime; lastRound_ < settled)
+        forwardingTimer_.armAt(settled);
     listener_.onForwarding();
 }
 
@@ -159,8 +170,8 @@ bool KernelMonitor::refresh() {
     ++counters_.refreshes;
     overrunAt_.reset();
     firstChange_.reset();
-    roundAgain_ = false;
     forwardingTimer_.disarm();
+    answers_.anythingChanged(scheduler_.now());
     lastRound_ = scheduler_.now();
     linksTouched_ = true;
     publishInterfaces();

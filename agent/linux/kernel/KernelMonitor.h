@@ -9,7 +9,6 @@
 // so that changes which cancel out result in the state that a fresh dump would show. After an
 // overrun the state is out of date until links and neighbours have been dumped again; until then
 // the old state is shown and no neighbour is solicited.
-// shown and no neighbour is solicited.
 #pragma once
 
 #include <chrono>
@@ -21,6 +20,7 @@
 
 #include "agent/linux/kernel/FibLookup.h"
 #include "agent/linux/kernel/LinkState.h"
+#include "agent/linux/kernel/LookupCache.h"
 #include "agent/linux/kernel/NeighbourState.h"
 #include "agent/linux/kernel/NetlinkSocket.h"
 #include "platform/loom/TaskScheduler.h"
@@ -31,8 +31,9 @@ class KernelMonitor {
   public:
     // The first event of a burst is handled at once. Later ones are coalesced: the next round of
     // lookups runs `settleTime` after the last event, but at most `maxHold` after the first. A
-    // burst has ended when no round took place for `maxHold`.
-    static constexpr Loom::Duration settleTime = std::chrono::milliseconds(1);
+    // burst has ended when no round took place for `maxHold`. The kernel may announce a change
+    // before it takes effect, so a round sooner after an event is followed by another one.
+    static constexpr Loom::Duration settleTime = LookupCache::settleTime;
     static constexpr Loom::Duration maxHold = std::chrono::milliseconds(10);
     // After an overrun links and neighbours are dumped when the kernel has sent nothing for
     // `quietTime`, since a dump during a flood leads to the next overrun; at most `maxQuietWait`
@@ -79,9 +80,13 @@ class KernelMonitor {
     bool handleReadable();
 
     const InterfaceView& interfaces() const { return view_; }
-    std::vector<RouteResult> lookup(std::span<const RouteQuery> queries) {
-        return fib_.lookup(queries);
+    // One result for each query, in their order, valid until the next call. The kernel is asked
+    // only for what events may have changed since the last call, and for queries that this did not
+    // include; for all of them after forget().
+    std::vector<const RouteResult*> lookup(std::span<const RouteQuery> queries) {
+        return answers_.lookup(queries, scheduler_.now());
     }
+    void forget() { answers_.anythingChanged(scheduler_.now()); }
     // Whether packets can be sent to the neighbour at once: it is resolved, or its link needs no
     // link-layer addresses.
     bool neighbourResolved(const Neighbour& neighbour) const {
@@ -97,13 +102,14 @@ class KernelMonitor {
 
   private:
     void handleEvent(const Message& message);
-    void handleRouting(const Message& message, bool own);
+    void handleOwn(const Message& message);
     void handleOverrun();
     void handleForwardingTimer();
     void handleRefreshTimer();
     bool refresh();
     int dump(LinkState& links, NeighbourState& neighbours);
     void publishInterfaces();
+    void anythingChanged();
     void forwardingChanged();
 
     Loom::TaskScheduler& scheduler_;
@@ -111,6 +117,7 @@ class KernelMonitor {
     NetlinkSocket events_;
     RequestSocket requests_;
     FibLookup fib_{requests_};
+    LookupCache answers_{fib_};
     uint32_t ownPort_ = 0;
     LinkState links_;
     NeighbourState neighbours_;
@@ -118,8 +125,8 @@ class KernelMonitor {
     bool linksTouched_ = false;  // links_ may differ from view_
     // The first change since the last round; set while a round is due because of it.
     std::optional<Loom::Instant> firstChange_;
+    Loom::Instant lastChange_{};
     Loom::Instant lastRound_{};  // of lookups
-    bool roundAgain_ = false;    // whether the next round is followed by another one
     // Set from an overrun to the end of the next dump; events are discarded in between.
     std::optional<Loom::Instant> overrunAt_;
     Loom::Timer forwardingTimer_;
