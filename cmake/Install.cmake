@@ -39,7 +39,8 @@ install(FILES systemd/nav-agent.sysusers DESTINATION lib/sysusers.d RENAME nav-a
         COMPONENT agent)
 install(FILES systemd/nav-agent.default DESTINATION ${CMAKE_INSTALL_DATADIR}/nav COMPONENT agent)
 install(DIRECTORY examples/linux examples/monitoring
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/nav-agent/examples COMPONENT agent)
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/nav-agent/examples COMPONENT agent
+        USE_SOURCE_PERMISSIONS)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/nav-agent COMPONENT agent
         FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE)
 

@@ -9,7 +9,7 @@ import unittest
 import urllib.error
 import urllib.request
 
-from products import Products, await_, branch, main, source
+from products import Products, await_, branch, main, programs, source
 
 promtool = shutil.which("promtool")
 monitoring = f"{source}/examples/monitoring"
@@ -51,6 +51,24 @@ class MetricsTest(Products):
             metrics, text = self.scrape(run_dir) or ({}, "")
             return (metrics, text) if len(metrics.get("nav_path_up", ())) == count else None
         return await_(f"{count} paths have samples", answer)
+
+    def test_a_fleet_has_a_collector_configuration(self):
+        directory = f"{self.run_dir()}/fleet"
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            port = free.getsockname()[1]
+        # It prints when each branch has answered a request with its token, and has a path up.
+        fleet = subprocess.run([f"{monitoring}/fleet", "--branches", "1", "--port", str(port), "--agent",
+                                programs["nav-agent"], directory], stdin=subprocess.DEVNULL,
+                               capture_output=True, text=True, timeout=150, check=False)
+        self.assertEqual((fleet.returncode, fleet.stderr), (0, ""))
+        with open(f"{directory}/prometheus.yml", encoding="utf-8") as file:
+            [job] = json.load(file)["scrape_configs"]
+        self.assertEqual(job["static_configs"], [
+            {"targets": [f"127.0.0.1:{port}"], "labels": {"branch": "branch1"}}])
+        if promtool:
+            subprocess.run([promtool, "check", "config", f"{directory}/prometheus.yml"], check=True,
+                           capture_output=True)
 
     def test_every_configured_path_has_its_samples(self):
         run_dir = self.run_dir()
