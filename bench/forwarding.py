@@ -35,11 +35,14 @@ RATE = 5000  # packets a second
 SECONDS = 4  # of each iperf3
 SO_RCVBUFFORCE, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP = 33, 270, 1
 RTNLGRP_LINK, RTNLGRP_NEXTHOP = 1, 32
-RTM_NEWLINK, RTM_NEWNEXTHOP, NHA_ID, NHA_GROUP = 16, 104, 1, 2
+RTM_NEWLINK, RTM_NEWNEXTHOP, NHA_ID, NHA_GROUP, NHA_ENCAP = 16, 104, 1, 2, 8
+NLA_TYPE_MASK = 0x3FFF
 
 
 class Observer:
-    """The events about links and next hops in a namespace, and when each was received."""
+    """The events about links and next hops in a namespace: when the first about a link was received
+    since forget(), and when each group had left all next hops that it had then, whether it was
+    replaced or the encapsulation of its members."""
 
     def __init__(self, lab, name):
         with lab.within(name):
@@ -49,6 +52,9 @@ class Observer:
         for group in RTNLGRP_LINK, RTNLGRP_NEXTHOP:
             self.socket.setsockopt(SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, group)
         self.events = []
+        self.taken = 0  # of the events
+        self.members, self.encapsulations = {}, {}  # by the number of the group, of the member
+        self.link, self.before, self.moved = None, {}, {}
         threading.Thread(target=self._receive, daemon=True).start()
 
     def _receive(self):
@@ -56,24 +62,43 @@ class Observer:
             data = self.socket.recv(1 << 16)
             self.events.append((time.monotonic(), data))
 
-    def messages(self):
-        """(when, type, message) of the events so far."""
-        for when, data in list(self.events):
+    def forget(self):
+        self.take()
+        self.link, self.moved = None, {}
+        self.before = {group: self._used(group) for group in self.members}
+
+    def take(self):
+        """Takes in the events that have been received since the last call."""
+        while self.taken < len(self.events):
+            when, data = self.events[self.taken]
+            self.taken += 1
             while len(data) >= 16:
                 length, kind = struct.unpack_from("=IH", data)
-                yield when, kind, data[16:length]
+                if kind == RTM_NEWLINK:
+                    self.link = self.link or when
+                if kind == RTM_NEWNEXTHOP:
+                    self._nexthop(when, data[16:length])
                 data = data[(length + 3) & ~3:]
 
-    def groups(self):
-        """(when, number) of each group that was created or replaced."""
-        for when, kind, message in self.messages():
-            attributes, at = {}, 8
-            while kind == RTM_NEWNEXTHOP and at + 4 <= len(message):
-                length, attribute = struct.unpack_from("=HH", message, at)
-                attributes[attribute] = message[at + 4:at + length]
-                at += (length + 3) & ~3
-            if NHA_GROUP in attributes:
-                yield when, struct.unpack("=I", attributes[NHA_ID])[0]
+    def _nexthop(self, when, message):
+        attributes, at = {}, 8
+        while at + 4 <= len(message):
+            length, attribute = struct.unpack_from("=HH", message, at)
+            attributes[attribute & NLA_TYPE_MASK] = message[at + 4:at + length]
+            at += (length + 3) & ~3
+        number = struct.unpack("=I", attributes[NHA_ID])[0]
+        if NHA_GROUP in attributes:
+            self.members[number] = {each for each, _ in struct.iter_unpack("=II", attributes[NHA_GROUP])}
+            changed = [number]
+        else:
+            self.encapsulations[number] = attributes.get(NHA_ENCAP)
+            changed = [group for group, members in self.members.items() if number in members]
+        for group in changed:
+            if group not in self.moved and not self._used(group) & self.before.get(group, set()):
+                self.moved[group] = when
+
+    def _used(self, group):
+        return {self.encapsulations.get(member) for member in self.members[group]}
 
 
 class FullSize:
@@ -116,6 +141,8 @@ class FullSize:
         for site in 2, 3:
             self.lab.start_agent(site)
             await_("paths are up", lambda s=site: self.lab.paths_up(s) >= 2)
+        self.observer.forget()
+        self.observer.before = {}  # the groups do not exist
         began = time.monotonic()
         self.lab.start_agent(1)
         await_("all paths are up", lambda: self.lab.paths_up(1) == PATHS)
@@ -123,24 +150,21 @@ class FullSize:
         ids = [row for row in shown["sites"] if row["id"] is not None]
         assert len(ids) == IDS and not shown["refused"], shown["refused"]
         self.groups = {row["group"] for row in ids}
-        return self.moved(0)[1] - began
+        return self.moved()[1] - began
 
-    def moved(self, first):
-        """When the first and the last application had been moved, counted from an event on."""
-        found = {}
-        for when, group in self.observer.groups():
-            if when >= first and group in self.groups:
-                found[group] = when
+    def moved(self):
+        """When the first and the last application had been moved; nothing before."""
+        self.observer.take()
+        found = {group: when for group, when in self.observer.moved.items() if group in self.groups}
         return (min(found.values()), max(found.values())) if set(found) == self.groups else None
 
     def change(self, change):
         """Makes a change that moves all applications. Returns the seconds from its first event to
         the first and the last application."""
-        self.observer.events.clear()
+        self.observer.forget()
         change()
-        await_("all applications move", lambda: self.moved(0))
-        link = next((when for when, kind, _ in self.observer.messages() if kind == RTM_NEWLINK), None)
-        return [when - (link or 0) for when in self.moved(0)]
+        await_("all applications move", self.moved)
+        return [when - (self.observer.link or 0) for when in self.moved()]
 
 
 def kernel_memory():
@@ -159,7 +183,7 @@ def processor_time(process):
 
 def packets_lost(full):
     """Of 5,000 packets a second: by a configuration that prefers the other provider and one that
-    takes it back, and by a link that fails."""
+    takes it back, by a link that fails, and how many of these were sent before the link's event."""
     lab = full.lab
     with Traffic(lab) as traffic:
         streams = [traffic.stream("loss", ("host1", host(1)), ("host2", host(2), 5001), RATE // 5)
@@ -174,13 +198,15 @@ def packets_lost(full):
             full.change(change)
             sent()
             traffic.settle()
-            return sum(stream.lost(first[stream]) for stream in streams)
+            return [when for stream in streams for number, when in enumerate(stream.sent)
+                    if first[stream] <= number < stream.settled and not stream.arrived[number]]
 
         prefer = [lost(lambda p=provider: lab.configure(1, full.configuration(p), full.forwarding()))
                   for provider in ("internet", "mpls")]
         failure = lost(lambda: lab.links("mpls", "down", [1]))
+        unannounced = [when for when in failure if when < full.observer.link]
         full.change(lambda: lab.links("mpls", "up", [1]))
-        return sum(prefer), failure
+        return sum(map(len, prefer)), len(failure), len(unannounced)
 
 
 def counting(full):
@@ -247,7 +273,40 @@ def marks_by_hand(lab):
             for number in (*APPLICATIONS, 31)))
 
 
-def measure(folder, figures):
+def undo_by_hand(lab):
+    """Removes what the two functions above have made; routes go with their device."""
+    for site in 1, 2:
+        lab.nft(f"router{site}", "delete table ip byhand")
+        lab.ip(f"router{site}", "link del bare\n" + "".join(
+            f"rule del priority {1000 + number}\n" for number in (*APPLICATIONS, 31)))
+
+
+def throughputs(full, by_hand_first):
+    """What the agent's tables, a bare tunnel, and marks and rules carry. Rounds alternate the order, so
+    that a machine that slows down favours no side."""
+    lab = full.lab
+
+    def end_agents():
+        for site in 1, 2, 3:
+            lab.end_agent(site, signal.SIGTERM)
+
+    def by_hand():
+        tunnel_by_hand(lab)
+        bare = bits_per_second(lab)
+        marks_by_hand(lab)
+        return bare, bits_per_second(lab)
+    if not by_hand_first:
+        ours = bits_per_second(lab)
+        end_agents()
+        return (ours, *by_hand())
+    end_agents()
+    results = by_hand()
+    undo_by_hand(lab)
+    full.start()
+    return (bits_per_second(lab), *results)
+
+
+def measure(folder, figures, number):
     """One round."""
     def add(row, *values):
         figures.setdefault(row, []).extend(values)
@@ -266,17 +325,12 @@ def measure(folder, figures):
                 full.change(lambda: full.lab.links("mpls", "up", [1]))
             if profiles != FEW:
                 continue
-            administrative, failure = packets_lost(full)
+            administrative, failure, unannounced = packets_lost(full)
             add("lost administratively", administrative)
             add("lost by failure", failure)
+            add("lost before the event", unannounced)
             add("counting", counting(full))
-            ours = bits_per_second(full.lab)
-            for site in 1, 2, 3:
-                full.lab.end_agent(site, signal.SIGTERM)
-            tunnel_by_hand(full.lab)
-            bare = bits_per_second(full.lab)
-            marks_by_hand(full.lab)
-            by_hand = bits_per_second(full.lab)
+            ours, bare, by_hand = throughputs(full, number % 2 == 1)
             add("throughput", ours)
             add("bare", bare)
             add("marks", by_hand)
@@ -317,6 +371,8 @@ class Figures:
                        text(f"last {profiles}", "ms", 1e3), "10 ms", median(f"last {profiles}") <= 10e-3)
         yield line("packets lost of 5,000 a second, a link fails", text("lost by failure", "packets"),
                    "below 50", median("lost by failure") < 50)
+        yield line("of these, sent before the kernel announced that the link has failed",
+                   text("lost before the event", "packets"))
         yield line("packets lost of 5,000 a second, the configuration prefers the other provider, and back",
                    text("lost administratively", "packets"), "0", max(self.figures["lost administratively"]) == 0)
         yield line("one TCP connection through the agent's tables", text("throughput", "Gbit/s", 1e-9))
@@ -340,7 +396,7 @@ def main():
     for number in range(arguments.rounds):
         print(f"round {number + 1} of {arguments.rounds}", file=sys.stderr, flush=True)
         try:
-            measure(arguments.folder, figures)
+            measure(arguments.folder, figures, number)
         except Unavailable as reason:
             sys.exit(f"forwarding.py: {reason}")
     lines = [f"{about['cores']} cores of {about['cpu']}; {about['system']}; Linux {about['kernel']}; "

@@ -6,6 +6,8 @@ Needs iproute2 and nftables. NAV_KILLS: how often agents are killed; NAV_SEEDS: 
 walk, separated by commas.
 """
 import contextlib
+import ctypes
+import errno
 import json
 import os
 import random
@@ -22,7 +24,7 @@ import unittest
 
 from products import LabCase, main, programs, source  # which adds scripts/ to the path
 
-from netlab import (await_, gateway, host, outside, port,  # noqa: E402
+from netlab import (await_, call, gateway, host, outside, port,  # noqa: E402
                     providers, router, sites, tunnel)
 from traffic import Bulk, open_socket  # noqa: E402
 
@@ -74,6 +76,19 @@ def objects(lab, site):
         kind, line = next(iter(each.items()))
         add(f"nft {kind}", line, "nav" in (line.get("table"), line.get("name")))
     return found
+
+
+def without_netfilter():
+    """This process and its children get from the kernel no socket of NETLINK_NETFILTER, with the error
+    of a kernel without nftables (seccomp(2))."""
+    number = {"x86_64": 41, "aarch64": 198}[os.uname().machine]  # of socket(2)
+    load, if_equal, end, allow, refuse = 0x20, 0x15, 0x06, 0x7FFF0000, 0x50000 | errno.EPROTONOSUPPORT
+    program = ctypes.create_string_buffer(b"".join(struct.pack("=HBBI", *step) for step in (
+        (load, 0, 0, 0), (if_equal, 0, 5, number),
+        (load, 0, 0, 16), (if_equal, 0, 3, socket.AF_NETLINK),
+        (load, 0, 0, 32), (if_equal, 0, 1, 12),  # NETLINK_NETFILTER
+        (end, 0, 0, refuse), (end, 0, 0, allow))))
+    call("prctl", 22, 2, struct.pack("HP", 8, ctypes.addressof(program)))  # PR_SET_SECCOMP, a filter
 
 
 class ForwardingTest(LabCase):
@@ -454,17 +469,21 @@ class ForwardingTest(LabCase):
 
     def test_trouble_is_named_and_nobody_elses_is_touched(self):
         lab, before = self.lab, objects(self.lab, 3)
-        with tempfile.TemporaryDirectory() as place, \
-                self.assertRaisesRegex(RuntimeError, "requires CAP_NET_ADMIN"):
-            lab.run("router3", "setpriv", "--bounding-set", "-net_admin", programs["nav-agent"],
-                    "--platform", "linux", "--run-dir", place,
-                    "--forwarding", f"{lab.run_dir(3)}/forwarding.json")
+        for reason, under, how in (
+                ("CAP_NET_ADMIN", ["setpriv", "--bounding-set", "-net_admin"], {}),
+                ("nftables: .*Protocol not supported", [], {"preexec_fn": without_netfilter})):
+            with tempfile.TemporaryDirectory() as place, \
+                    self.assertRaisesRegex(RuntimeError, f"forwarding requires {reason}"):
+                lab.run("router3", *under, programs["nav-agent"], "--platform", "linux",
+                        "--run-dir", place, "--forwarding", f"{lab.run_dir(3)}/forwarding.json", **how)
         self.assertEqual(objects(lab, 3), before)
         configuration = lab.configuration(1)
         configuration["udpPortConfig"] = port + 5
+        before = objects(lab, 1)
         with open_socket(lab, "router1", socket.SOCK_DGRAM, outside("internet", 1), port + 5):
             lab.configure(1, configuration)
             await_("the port is named", lambda: f"UDP port {port + 5} is in use" in str(self.refused(1)))
+            self.assertEqual(objects(lab, 1), before)
         await_("the port is taken", lambda: not self.refused(1) and lab.paths_up(1) == 4)
         shown = self.shown(1, "show", "forwarding")
         somebodys = f"10.2.0.0/16 dev lan metric 110 proto static table {shown['applications'][0]['table']}"

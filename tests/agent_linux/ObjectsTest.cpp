@@ -1,5 +1,6 @@
 // The writer of the kernel's objects against the reader: after any changes the kernel holds what is
 // wanted, and of others' objects what it held before.
+#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -138,6 +139,55 @@ TEST_F(ObjectsInKernel, AreWhatIsWantedAfterAnyChanges) {
     }
     EXPECT_EQ(foreign(), others);
     EXPECT_GT(whole, 75);
+}
+
+// A next hop that leaves many groups is replaced by one that all of them are to have, before any of
+// them is; without such a one, no packet takes a path that its group is not to have.
+TEST_F(ObjectsInKernel, ANexthopThatGoesIsDivertedToOneThatAllItsGroupsAreToHave) {
+    constexpr uint32_t gone = 0x6e000011, common = 0x6e000012, other = 0x6e000013;
+    constexpr uint32_t firstGroup = 0x6e000020, groups = 16;
+    NetlinkSocket events(1 << 22);
+    events.subscribe(RTNLGRP_NEXTHOP);
+    std::vector<uint32_t> changed;
+    const auto receive = [&] {
+        changed.clear();
+        const auto take = [&](Bytes data) {
+            for (const Message& message : Messages(data))
+                for (const NetlinkAttribute& attribute : attributesAfter<nhmsg>(message))
+                    if (attribute.type == NHA_ID) changed.push_back(attribute.u32().value_or(0));
+        };
+        while (events.receive(take) != NetlinkSocket::Read::empty) {
+        }
+    };
+    ObjectWriter writer;
+    std::set<ObjectKey> keys;
+    const auto apply = [&](const Objects& wanted) {
+        for (const auto& [key, object] : wanted) keys.insert(key);
+        writer.apply(wanted, keys);
+        EXPECT_EQ(textOf(writer.present()), textOf(wanted));
+        receive();
+    };
+    Objects tunnel;
+    insert(tunnel, Tunnel{.name = Netz::IntfId("nav.red"), .udpPort = 4793, .vni = 5, .mtu = 1400});
+    apply(tunnel);
+    for (const bool all : {true, false}) {
+        Objects before = tunnel, after = tunnel;
+        for (const uint32_t id : {gone, common, other}) {
+            const Nexthop nexthop{id, if_nametoindex("nav.red"), 5, addr("203.0.113.1"),
+                                  addr("198.51.100." + std::to_string(id & 255))};
+            insert(before, nexthop);
+            if (id != gone) insert(after, nexthop);
+        }
+        for (uint32_t id = firstGroup; id < firstGroup + groups; ++id) {
+            insert(before, NexthopGroup{id, {{gone}}});
+            insert(after, NexthopGroup{id, {{all || id != firstGroup ? common : other}}});
+        }
+        apply(before);
+        apply(after);
+        ASSERT_GE(changed.size(), groups + 1);
+        EXPECT_EQ(changed.front(), all ? gone : firstGroup);
+        EXPECT_EQ(changed.back(), gone);
+    }
 }
 
 }  // namespace

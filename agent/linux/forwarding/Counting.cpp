@@ -137,7 +137,7 @@ void Counting::publish() {
         readCounters(netfilter_, nftTableName, "packets6", true, counts) && seconds > 0)
         count(counts, seconds);
     if (round_++ % flowInterval == 0)
-        flows_.start(in_.cliConfig->udpPortConfig(), Numbers::first, ~(Numbers::count - 1));
+        flows_.start(plan_.udpPort(), Numbers::first, ~(Numbers::count - 1));
     write();
 }
 

@@ -39,7 +39,7 @@ Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, Kerne
       plan_(inputs, config, routes_, choice_),
       config_(std::move(config)),
       commit_(Loom::call<&Forwarding::commit>(*this)),
-      ruleset_(Loom::call<&Forwarding::applyRuleset>(*this)),
+      ruleset_(*inputs.scheduler, Loom::call<&Forwarding::handleRulesetTimer>(*this)),
       adoption_(*inputs.scheduler, Loom::call<&Forwarding::endAdoption>(*this)),
       retry_(*inputs.scheduler, Loom::call<&Forwarding::repair>(*this)),
       repair_(*inputs.scheduler, Loom::call<&Forwarding::repair>(*this)),
@@ -70,8 +70,8 @@ MemberChoice::User Forwarding::choiceUser() {
                 return {milliseconds(probe.upDelay), milliseconds(probe.downDelay)};
             },
             [this](uint32_t pathIndex) { return plan_.usable(pathIndex); },
-            [this](const Nav::LbProfileKey& key) { siteChanged(key.vtepIp); },
-            [this](const Nav::LbProfileKey& key) { choiceChanged(key); }};
+            [this](const Nav::LbProfileKey& key) { groupChanged(key); },
+            [this](const Nav::LbProfileKey& key) { groupChanged(key); }};
 }
 
 void Forwarding::pathIs(uint32_t pathIndex, const PathHop& hop) {
@@ -91,7 +91,9 @@ uint32_t Forwarding::programmed(uint32_t pathIndex) {
     if (path == plan_.paths().end()) return 0;
     const std::vector<ObjectKey> nexthops = plan_.nexthopsOf(path->second.path);
     const auto acknowledged = [&](const ObjectKey& key) {
-        return kernel_.present(key) && plan_.wanted().contains(key);
+        const auto present = kernel_.present().find(key), wanted = plan_.wanted().find(key);
+        return present != kernel_.present().end() && wanted != plan_.wanted().end() &&
+               present->second == wanted->second;
     };
     if (nexthops.empty() || !std::ranges::all_of(nexthops, acknowledged)) return 0;
     return std::get<Nexthop::Key>(nexthops.front()).id;
@@ -112,7 +114,7 @@ void Forwarding::siteChanged(const Netz::IpGenAddr& site) {
     commitLater();
 }
 
-void Forwarding::choiceChanged(const Nav::LbProfileKey& key) {
+void Forwarding::groupChanged(const Nav::LbProfileKey& key) {
     groups_.insert(key);
     commitLater();
 }
@@ -167,8 +169,24 @@ void Forwarding::readRoutes() {
     commitLater();
 }
 
+// The devices, pins and rules have one port at any time: the configured one, or that of the devices
+// until no other program has the configured one.
+uint16_t Forwarding::choosePort() {
+    const uint16_t configured = in_.cliConfig->udpPortConfig();
+    const std::set<uint16_t> ports = kernel_.ports();
+    const bool taken = !ports.empty() && !ports.contains(configured) && !portIsFree(configured);
+    const uint16_t before = std::exchange(portInUse_, taken ? configured : 0);
+    if (!taken) return configured;
+    if (before != configured)
+        DUOLOG(linuxTrace, 3, "UDP port ", configured, " is in use; the tunnels keep port ",
+               *ports.begin());
+    retry_.armIn(retryTime);
+    return *ports.begin();
+}
+
 void Forwarding::repair() {
     compareAll_ = readRoutes_ = rulesetDue_ = true;
+    if (portInUse_ != 0) replanAll_ = true;
     commitLater();
 }
 
@@ -181,17 +199,17 @@ void Forwarding::commitLater() {
     in_.scheduler->post(commit_);
 }
 
-// Paths that have failed come first: others' routes are read, and rules replaced, after the batch.
-// A new segment needs the routes before.
+// Only a new segment needs others' routes first.
 void Forwarding::commit() {
     if (replanAll_ && std::exchange(readRoutes_, false)) readRoutes();
     if (replanAll_)
-        plan_.replanAll(monitor_.interfaces());
+        plan_.replanAll(monitor_.interfaces(), choosePort());
     else if (replanSites_)
         plan_.replanSites();
-    if (std::exchange(replanAll_, false) | std::exchange(replanSites_, false)) sites_.clear();
-    for (const Netz::IpGenAddr& site : std::exchange(sites_, {})) plan_.replanSite(site);
-    for (const Nav::LbProfileKey& key : std::exchange(groups_, {})) plan_.replanGroup(key);
+    if (std::exchange(replanAll_, false) | std::exchange(replanSites_, false))
+        sites_.clear(), groups_.clear();
+    plan_.replanAnyPaths(std::exchange(sites_, {}));
+    plan_.replanGroups(std::exchange(groups_, {}));
     if (adopting_ && allPathsProgrammed()) endAdoption();
     std::set<ObjectKey> keys = plan_.takeChanged();
     if (std::exchange(compareAll_, false)) {
@@ -200,8 +218,17 @@ void Forwarding::commit() {
         for (const auto& [key, object] : kernel_.present()) keys.insert(key);
     }
     if (!keys.empty()) apply(keys);
+    if (readRoutes_ || rulesetDue_) applyRulesetLater();
+}
+
+void Forwarding::applyRulesetLater() {
+    rulesetDue_ = true;
+    if (!ruleset_.armed()) ruleset_.armIn(rulesetDelay);
+}
+
+void Forwarding::handleRulesetTimer() {
     if (std::exchange(readRoutes_, false)) readRoutes();
-    if (std::exchange(rulesetDue_, false)) in_.scheduler->post(ruleset_);
+    if (std::exchange(rulesetDue_, false)) applyRuleset();
 }
 
 void Forwarding::apply(const std::set<ObjectKey>& keys) {
@@ -233,7 +260,7 @@ void Forwarding::handleTableReadable() {
     DUOLOG(linuxTrace, 4, "Somebody has changed table ", nftTable,
            " of nftables; the agent's rules are put back");
     rulesetText_.clear();
-    in_.scheduler->post(ruleset_);
+    applyRulesetLater();
 }
 
 bool Forwarding::allPathsProgrammed() const {

@@ -28,6 +28,9 @@ class Forwarding {
     // Delay between a change by somebody else and its repair, because one command causes many
     // events: deleting a device also removes its next hops and routes.
     static constexpr Loom::Duration settleTime = std::chrono::milliseconds(2);
+    // Delay before others' routes are read and the rules replaced, which takes milliseconds: by
+    // then path selection has settled, and the groups of failed paths are committed.
+    static constexpr Loom::Duration rulesetDelay = std::chrono::milliseconds(1);
     // Delay before refused changes are tried again.
     static constexpr Loom::Duration retryTime = std::chrono::seconds(5);
 
@@ -56,8 +59,8 @@ class Forwarding {
     void repair();
     // The same after `settleTime`. The monitor calls it when somebody else has changed an object.
     void ownChanged();
-    // Compares the kernel's objects with the plan, and the kernel with what is believed of it; changes
-    // nothing. A sentence for each difference.
+    // Compares the kernel's objects with the plan, and the kernel with what is believed of it;
+    // changes nothing. A sentence for each difference.
     std::vector<std::string> differences();
     // Removes everything from the kernel.
     void clear();
@@ -69,6 +72,9 @@ class Forwarding {
     Plan& plan() { return plan_; }
     const ObjectWriter& kernel() const { return kernel_; }
     const MemberChoice& choice() const { return choice_; }
+    // The configured UDP port, while another program has it and the tunnels keep the one that they
+    // have; 0 otherwise.
+    uint16_t portInUse() const { return portInUse_; }
     // The reason for which nftables refused the rules; empty while they are in effect.
     const std::string& rulesetRefused() const { return rulesetRefused_; }
 
@@ -93,12 +99,15 @@ class Forwarding {
     };
 
     void siteChanged(const Netz::IpGenAddr& site);
-    void choiceChanged(const Nav::LbProfileKey& key);
+    void groupChanged(const Nav::LbProfileKey& key);
     MemberChoice::User choiceUser();
     void commitLater();
     void commit();
     void apply(const std::set<ObjectKey>& keys);
     void readRoutes();
+    uint16_t choosePort();
+    void applyRulesetLater();
+    void handleRulesetTimer();
     void applyRuleset();
     bool damaged(const Segment& segment) const;
     bool allPathsProgrammed() const;
@@ -115,15 +124,16 @@ class Forwarding {
     Nftables nftables_;
     TableWatch table_{nftTableName};
     std::string rulesetText_, rulesetRefused_;
+    uint16_t portInUse_ = 0;
     bool adopting_ = false;
     // Work for the next commit.
     bool compareAll_ = false, replanAll_ = false, readRoutes_ = false, replanSites_ = false;
     bool rulesetDue_ = false;             // what the rules depend on may have changed
     bool tampered_ = false;               // with the agent's objects, by somebody else
-    std::set<Netz::IpGenAddr> sites_;     // to be replanned in the next commit
-    std::set<Nav::LbProfileKey> groups_;  // likewise
-    Loom::Task commit_, ruleset_;
-    Loom::Timer adoption_, retry_, repair_;
+    std::set<Netz::IpGenAddr> sites_;     // whose set of paths has changed
+    std::set<Nav::LbProfileKey> groups_;  // whose members may have changed
+    Loom::Task commit_;
+    Loom::Timer ruleset_, adoption_, retry_, repair_;
     Vel::Subscription port_;
     Vel::EntryReactorsOf<VelSiteGroupStatusEntry,
                          decltype(Nav::SiteGroupStatus::siteGroupStatusEntryAttr)>

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <unordered_set>
 
 #include "nav/config/NavConstants.h"
 
@@ -112,7 +113,7 @@ Plan::Segments Plan::segmentsIn(const InterfaceView& view) const {
         segment.table = vrf->index == 0 ? uint32_t{RT_TABLE_MAIN} : vrf->id;
         segment.vni = config.vni();
         segment.tunnel = {.name = Netz::IntfId(tunnelDevice(config)),
-                          .udpPort = in_.cliConfig->udpPortConfig(),
+                          .udpPort = udpPort_,
                           .vni = config.vni(),
                           .mtu = config.mtu() != 0 ? config.mtu() : mtu,
                           .master = vrf->index,
@@ -138,7 +139,8 @@ bool Plan::outdated(const InterfaceView& view) const {
     return segmentsIn(view) != segments_ || ipsecIndexIn(view) != ipsecIndex_;
 }
 
-void Plan::replanAll(const InterfaceView& view) {
+void Plan::replanAll(const InterfaceView& view, uint16_t udpPort) {
+    udpPort_ = udpPort;
     segments_ = segmentsIn(view);
     ipsecIndex_ = ipsecIndexIn(view);
     planDevices();
@@ -309,7 +311,7 @@ void Plan::planSource(const IpGenAddr& source) {
                                  .sourcePort = sourcePort,
                                  .destinationPort = destinationPort});
         };
-        pin(0, in_.cliConfig->udpPortConfig());
+        pin(0, udpPort_);
         pin(0, probePort);
         pin(probePort, 0);
     }
@@ -363,15 +365,39 @@ void Plan::replanSite(const IpGenAddr& site) {
     replace(SiteRoutes{site}, objects);
 }
 
-void Plan::replanGroup(const Nav::LbProfileKey& key) {
-    for (const auto& [vrf, segment] : segments_) {
-        if (segment.vrfId != key.vrfId || !policy(vrf).tables.contains(key.appId)) continue;
-        const NexthopGroup group = this->group(segment, key.vtepIp, key.appId);
-        const auto planned = wanted_.find(group.key());
-        if (planned == wanted_.end() || group.members.empty() || planned->second == Object(group))
-            continue;
-        planned->second = group;
-        changed_.insert(group.key());
+// Returns false if the group begins or ceases to exist, which concerns the routes to it too.
+bool Plan::replaceMembers(const NexthopGroup& group) {
+    const auto planned = wanted_.find(group.key());
+    if (planned == wanted_.end()) return group.members.empty();
+    if (group.members.empty()) return false;
+    if (planned->second == Object(group)) return true;
+    planned->second = group;
+    changed_.insert(group.key());
+    return true;
+}
+
+// A link that fails changes all groups, but hardly a route.
+void Plan::replanGroups(const std::set<Nav::LbProfileKey>& keys) {
+    std::set<IpGenAddr> sites;  // to be replanned with their routes
+    std::unordered_set<uint32_t> done;
+    for (const Nav::LbProfileKey& key : keys)
+        for (const auto& [vrf, segment] : segments_) {
+            if (segment.vrfId != key.vrfId) continue;
+            const auto table = policy(vrf).tables.find(key.appId);
+            if (table != policy(vrf).tables.end() &&
+                done.insert(groupId(table->second, key.vtepIp)).second &&
+                !replaceMembers(group(segment, key.vtepIp, key.appId)))
+                sites.insert(key.vtepIp);
+        }
+    for (const IpGenAddr& site : sites) replanSite(site);
+}
+
+void Plan::replanAnyPaths(const std::set<IpGenAddr>& sites) {
+    for (const IpGenAddr& site : sites) {
+        bool routesStay = true;
+        for (const auto& [vrf, segment] : segments_)
+            routesStay &= replaceMembers(anyPath(segment, site));
+        if (!routesStay) replanSite(site);
     }
 }
 
@@ -424,10 +450,14 @@ void Plan::addMember(NexthopGroup& group, const Segment& segment, uint32_t pathI
         {nexthopId(segment, path->second.path), std::clamp<uint32_t>(path->second.weight, 1, 256)});
 }
 
+uint32_t Plan::groupId(uint32_t table, const IpGenAddr& site) {
+    return numbers_.of(thing(Thing::group, table, site.mix()));
+}
+
 NexthopGroup Plan::group(const Segment& segment, const IpGenAddr& site, uint32_t appId) {
     if (appId == noApplication) return anyPath(segment, site);
     const uint32_t table = policy(segment.vrf).tables.at(appId);
-    NexthopGroup group{numbers_.of(thing(Thing::group, table, site.mix())), {}};
+    NexthopGroup group{groupId(table, site), {}};
     const Nav::LbProfileStatus* ids = in_.navStatusDir->navLbProfileStatus();
     const auto* id = ids ? ids->lbProfileStatusEntry({site, appId, segment.vrfId}) : nullptr;
     if (!id) return group;

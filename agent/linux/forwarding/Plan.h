@@ -103,7 +103,9 @@ class Plan {
     bool outdated(const InterfaceView& view) const;
 
     // Each recomputes the objects that depend on its subject.
-    void replanAll(const InterfaceView& view);
+    //
+    // `udpPort`: of the tunnels from now on.
+    void replanAll(const InterfaceView& view, uint16_t udpPort);
     // A second path with the same addresses in another VRF is ignored, because the kernel tells
     // tunnel packets apart by their addresses only.
     // Returns whether anything changed.
@@ -113,16 +115,16 @@ class Plan {
     // packets of IKE, and of ESP where it is encapsulated in UDP, are pinned to its interface.
     void securedIs(uint32_t pathIndex, const PathHop& hop);
     void securedDel(uint32_t pathIndex);
-    void replanSite(const Netz::IpGenAddr& site);
-    // Only the members of its group, which had and has some.
-    void replanGroup(const Nav::LbProfileKey& key);
     void replanSites();  // all of them, and what they leave to others' routes
+    void replanGroups(const std::set<Nav::LbProfileKey>& keys);
+    void replanAnyPaths(const std::set<Netz::IpGenAddr>& sites);
 
     const Objects& wanted() const { return wanted_; }
     // Completes the plan, and returns the keys that it has changed since the last call.
     std::set<ObjectKey> takeChanged();
 
     const Segments& segments() const { return segments_; }
+    uint16_t udpPort() const { return udpPort_; }
     const std::map<uint32_t, PathHop>& paths() const { return paths_; }  // by path index
     bool usable(uint32_t pathIndex) const;  // whether packets may take the path
     // The next hops of a path, one for each segment.
@@ -180,6 +182,9 @@ class Plan {
     void planIkeSource(const Netz::IpGenAddr& source);
     void planPath(uint32_t pathIndex);
     Prefixes prefixesIn(const Segment& segment) const;
+    void replanSite(const Netz::IpGenAddr& site);
+    bool replaceMembers(const NexthopGroup& group);
+    uint32_t groupId(uint32_t table, const Netz::IpGenAddr& site);
     void planSite(Objects& objects, const Segment& segment, const Netz::IpGenAddr& site,
                   const std::set<IpPrefix>& prefixes);
     void planOthers();
@@ -192,6 +197,7 @@ class Plan {
     const VrfRoutes& routes_;
     const MemberChoice& choice_;
     Numbers numbers_;
+    uint16_t udpPort_ = 0;
     Segments segments_;
     std::map<uint32_t, PathHop> paths_;    // by path index
     std::map<uint32_t, PathHop> secured_;  // the same

@@ -46,6 +46,12 @@ void requireForwarding() {
             throw Vel::Error("forwarding requires VXLAN devices: " +
                              std::string(std::strerror(error)));
     }
+    // Without the protocol, libnftables would end the process.
+    try {
+        NetlinkSocket(1 << 16, NETLINK_NETFILTER);
+    } catch (const Vel::Error& error) {
+        throw Vel::Error(std::string("forwarding requires nftables: ") + error.what());
+    }
     const std::string reason = Nftables().check("add table inet nav");
     if (!reason.empty()) throw Vel::Error("forwarding requires nftables: " + reason);
 }

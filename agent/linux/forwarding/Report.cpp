@@ -110,6 +110,10 @@ Json refused(const Forwarding& forwarding) {
     Json rows = Json::array();
     for (const auto& [key, reason] : forwarding.kernel().refused())
         rows.push_back({{"object", textOf(key)}, {"reason", reason}});
+    if (const uint16_t port = forwarding.portInUse(); port != 0)
+        rows.push_back({{"object", "UDP port " + std::to_string(port)},
+                        {"reason", "UDP port " + std::to_string(port) +
+                                       " is in use; the tunnels keep the port that they have"}});
     if (!forwarding.rulesetRefused().empty())
         rows.push_back({{"object", std::string("table ") + nftTable},
                         {"reason", forwarding.rulesetRefused()}});

@@ -137,7 +137,7 @@ class Writer {
              {std::pair("packets4", "ipv4_addr"), std::pair("packets6", "ipv6_addr")})
             out_ << "add set " << nftTable << " " << name << " { type mark . " << addr << " . "
                  << addr << "; size 65535; flags dynamic, timeout; timeout 1h; counter; }\n";
-        port_ = "udp dport " + std::to_string(in_.cliConfig->udpPortConfig());
+        port_ = "udp dport " + std::to_string(plan_.udpPort());
         zones();
         classification();
         segments();

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <optional>
 
 #include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/linux/kernel/ObjectDump.h"
@@ -33,6 +34,54 @@ void allowForwarding(const Netz::IntfId& name) {
             DUOLOG(linuxTrace, 3, "net/", place, " cannot be set to ", value);
 }
 
+// The next hops among `keys` that are to be removed and have another one in common with which all
+// their groups are to replace them: each with its own id, but otherwise equal to that one. Empty if
+// to replace the groups is as quick.
+std::vector<Nexthop> diversions(const Objects& present, const Objects& wanted,
+                                const std::set<ObjectKey>& keys) {
+    std::map<uint32_t, std::optional<std::vector<uint32_t>>> common;  // by the id of a removed one
+    for (const ObjectKey& key : keys)
+        if (const auto* removed = std::get_if<Nexthop::Key>(&key))
+            if (!wanted.contains(key) && present.contains(key)) common[removed->id];
+    const auto stays = [&](uint32_t id) {
+        const auto* nexthop = find<Nexthop>(present, Nexthop::Key{id});
+        const auto* planned = find<Nexthop>(wanted, Nexthop::Key{id});
+        return nexthop && planned && *nexthop == *planned;
+    };
+    size_t groups = 0;
+    std::vector<uint32_t> order;  // those of one group follow each other
+    for (const ObjectKey& key : keys) {
+        const auto* before = find<NexthopGroup>(present, key);
+        if (common.empty() || !before) continue;
+        std::vector<uint32_t> next;
+        if (const auto* after = find<NexthopGroup>(wanted, key))
+            for (const auto& member : after->members)
+                if (stays(member.id)) next.push_back(member.id);
+        for (const auto& member : before->members) {
+            const auto removed = common.find(member.id);
+            if (removed == common.end()) continue;
+            ++groups;
+            auto& ids = removed->second;
+            if (ids)
+                std::erase_if(*ids, [&](uint32_t id) { return !std::ranges::count(next, id); });
+            else
+                ids = next, order.push_back(member.id);
+        }
+    }
+    std::vector<Nexthop> diversions;
+    for (const uint32_t id : order) {
+        const std::vector<uint32_t>& ids = *common[id];
+        if (ids.empty()) continue;
+        const uint32_t to = ids[diversions.size() % ids.size()];
+        diversions.push_back(*find<Nexthop>(present, Nexthop::Key{to}));
+        diversions.back().id = id;
+    }
+    if (groups <= 2 * diversions.size()) diversions.clear();
+    return diversions;
+}
+
+}  // namespace
+
 // The kernel receives a tunnel's packets by sockets for all addresses. It refuses them when the
 // device is set up, which is too late: a device with another port has been removed by then.
 bool portIsFree(uint16_t port) {
@@ -52,8 +101,6 @@ bool portIsFree(uint16_t port) {
     return true;
 }
 
-}  // namespace
-
 bool ObjectWriter::read() {
     auto objects = readObjects(requests_);
     if (objects) present_ = std::move(*objects);
@@ -61,7 +108,7 @@ bool ObjectWriter::read() {
 }
 
 size_t ObjectWriter::apply(const Objects& wanted, const std::set<ObjectKey>& keys, Scope scope) {
-    size_t changes = 0;
+    size_t changes = scope == Scope::all ? divert(wanted, keys) : 0;
     for (const ObjectKey& key : keys) {
         const auto object = wanted.find(key);
         const auto now = present_.find(key);
@@ -83,6 +130,11 @@ size_t ObjectWriter::apply(const Objects& wanted, const std::set<ObjectKey>& key
     return changes + commit();
 }
 
+size_t ObjectWriter::divert(const Objects& wanted, const std::set<ObjectKey>& keys) {
+    for (const Nexthop& nexthop : diversions(present_, wanted, keys)) make(nexthop, true);
+    return commit();
+}
+
 void ObjectWriter::make(const Object& object, bool exists) {
     struct {
         Changes& changes;
@@ -97,19 +149,18 @@ void ObjectWriter::make(const Object& object, bool exists) {
     batch_.emplace_back(keyOf(object), object);
 }
 
-// Whether some tunnel device of the agent has the port; those of all VRFs share it.
-bool ObjectWriter::hasPort(uint16_t port) const {
-    return std::ranges::any_of(present_, [&](const auto& item) {
-        const auto* tunnel = std::get_if<Tunnel>(&item.second);
-        return tunnel && tunnel->udpPort == port;
-    });
+std::set<uint16_t> ObjectWriter::ports() const {
+    std::set<uint16_t> ports;
+    for (const auto& [key, object] : present_)
+        if (const auto* tunnel = std::get_if<Tunnel>(&object)) ports.insert(tunnel->udpPort);
+    return ports;
 }
 
 // A device's port is fixed when it is made; with a new one, it is made anew, and what uses it too.
 void ObjectWriter::makeTunnel(const Tunnel& wanted, const Tunnel* present) {
     const std::string name(wanted.name.str());
     const auto add = [&] { batch_.emplace_back(wanted.key(), wanted); };
-    if (!hasPort(wanted.udpPort) && !portIsFree(wanted.udpPort)) {
+    if (!ports().contains(wanted.udpPort) && !portIsFree(wanted.udpPort)) {
         const std::string reason = "UDP port " + std::to_string(wanted.udpPort) + " is in use";
         DUOLOG(linuxTrace, 3, "The kernel refuses ", textOf(Object(wanted)), ": ", reason);
         refused_.insert_or_assign(wanted.key(), reason);

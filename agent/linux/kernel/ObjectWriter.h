@@ -1,6 +1,10 @@
 // Makes the kernel's objects equal to wanted ones, in one batch: creates and replaces first,
 // removes last.
 //
+// The kernel waits for all processors (an RCU grace period) each time it replaces a next hop or a
+// group. So if some next hops leave many groups, each of them is first replaced by another next hop
+// that all its groups are to have: this moves the traffic of all these groups at once.
+//
 // present() are the objects that the kernel has acknowledged. On the event thread; each batch is
 // sent and acknowledged within the call.
 #pragma once
@@ -11,6 +15,9 @@
 #include "agent/linux/kernel/Changes.h"
 
 namespace Agent::Linux {
+
+// Whether no program of the host has the UDP port.
+bool portIsFree(uint16_t port);
 
 class ObjectWriter {
   public:
@@ -28,6 +35,9 @@ class ObjectWriter {
     // lacks. Returns the number of changes sent.
     size_t apply(const Objects& wanted, const std::set<ObjectKey>& keys, Scope scope = Scope::all);
 
+    // The UDP ports of the agent's tunnel devices: one for those of all VRFs, except while it
+    // changes.
+    std::set<uint16_t> ports() const;
     // Port of the socket that sends the changes, by which the monitor recognises their events.
     uint32_t port() const { return requests_.port(); }
 
@@ -37,8 +47,8 @@ class ObjectWriter {
     const Refused& refused() const { return refused_; }
 
   private:
+    size_t divert(const Objects& wanted, const std::set<ObjectKey>& keys);
     void make(const Object& object, bool exists);
-    bool hasPort(uint16_t port) const;
     void makeTunnel(const Tunnel& wanted, const Tunnel* present);
     void remove(const ObjectKey& key);
     size_t commit();
