@@ -3,125 +3,87 @@
 namespace Oracle {
 
 namespace {
-template <class T>
-std::string text(const T& value) {
-    if constexpr (std::is_convertible_v<const T&, std::string>)
-        return value;
-    else
-        return Vel::valueToStrep(value);
+
+// The text between "name[" and the next "]".
+std::string keyOf(const std::string& place, const std::string& name) {
+    const size_t at = place.find("/" + name + "[");
+    if (at == place.npos) return {};
+    const size_t begin = at + name.size() + 2;
+    return place.substr(begin, place.find(']', begin) - begin);
 }
+
 }  // namespace
 
-template <class... Parts>
-void Outcome::add(const Parts&... parts) {
-    lines_.insert(((text(parts) + " ") + ...));
-}
-
-std::string Outcome::index(U32 i) const {
-    const auto name = names_.find(i);
-    return name == names_.end() ? "of nothing" : "of " + name->second;
+// Puts the name of the path in the place of its index, which follows at `at`.
+void Outcome::nameIndex(std::string& text, size_t at) const {
+    const size_t end = std::min(text.find_first_not_of("0123456789", at), text.size());
+    const auto name = names_.find(text.substr(at, end - at));
+    text.replace(at, end - at, name == names_.end() ? "none" : name->second);
 }
 
 Outcome::Outcome(const World& world) {
     const Inputs in = inputsOf(world.in);
-    addPaths(in, world);
-    findWanted(in, world.in);
-    addPolicies(world.in);
-    if (const Nav::NavDb* db = world.navDb()) addDatabase(in, *db);
-}
-
-void Outcome::addPaths(const Inputs& in, const World& world) {
-    const auto isResolved = [&](const VrfName& vrf) { return in.results.contains(vrf); };
     for (const auto& vrf : world.in.pathConfigDir->pathConfig())
-        for (const auto& path : vrf.pathConfigEntry()) {
-            if (!names_.emplace(path.pathIndex(), text(path.key())).second)
-                add("index in use twice", path.key());
-            add("path", vrf.vrfName(), path.key(), path.ipsecProfile());
+        for (const auto& path : vrf.pathConfigEntry())
+            if (!names_.emplace(std::to_string(path.pathIndex()), Vel::valueToStrep(path.key()))
+                     .second)
+                lines_.insert("index in use twice");
+    const auto wanted = wantedKeys(in, world.in);
+    const auto isUnresolved = [&](const std::string& vrf) {
+        return !vrf.empty() && !in.results.contains(VrfName(vrf));
+    };
+    for (const auto& [at, was] : world.published()) {
+        std::string place = at, value = was;
+        const std::string attribute = place.substr(place.rfind('/') + 1);
+        const std::string name = attribute.substr(0, attribute.find('['));
+        if (isOpen(place) || std::set<std::string>{"lbIndex", "genId", "version"}.contains(name))
+            continue;
+        if (place.ends_with("]/" + name) && isUnresolved(keyOf(place, "pathStatus"))) continue;
+        const std::string connection = keyOf(place, "ipsecPathConfig");
+        if (isUnresolved(connection.substr(connection.rfind(',') + 1))) continue;
+        // The keys that no rule wants are kept for the return of their sites.
+        std::string key = keyOf(place, "lbProfileStatusEntry");
+        if (name == "lbKey") key = keyOf(place, name) + " " + keyOf(place, "lbNameToLbKeySet");
+        if (!key.empty() && !wanted.contains(key)) {
+            if (place.ends_with("]/" + name)) continue;
+            if (name != "pathEntry") value = "kept";
         }
-    for (const auto& vrf : world.in.navStatusDir->navPathStatusDir()->pathStatus())
-        for (const auto& path : vrf.pathStatusEntry()) {
-            const Nav::HwPathInfo& info = path.pathInfo();
-            add("status", vrf.vrfName(), path.key());
-            if (!isResolved(vrf.vrfName())) continue;
-            add("status", vrf.vrfName(), path.key(), info.pathType, info.pathState, info.via,
-                index(info.pathIndex), path.encapId() == Nav::noEncapId ? "-" : "encapsulated",
-                path.programmed());
+        // A VRF whose id was withdrawn keeps the one that was seen last.
+        if (name == "vrfNameToId" || name == "vrfIdToName") {
+            const bool byName = name == "vrfNameToId";
+            const std::string vrf = byName ? keyOf(place, name) : value.substr(1, value.size() - 2);
+            const auto id = in.vrfIds.find(VrfName(vrf));
+            if (id == in.vrfIds.end() ||
+                std::to_string(id->second) != (byName ? value : keyOf(place, name)))
+                continue;
         }
-    for (const auto& site : world.in.siteGroupStatus->siteGroupStatusEntry()) {
-        add("site group", site.key());
-        for (const U32 i : site.pathIndexEntry()) add("site group", site.key(), index(i));
+        if (name == "encapId") value = std::to_string(value != std::to_string(Nav::noEncapId));
+        if (name == "pathIndex") nameIndex(value, 0);
+        if (name == "connectionName") nameIndex(value, std::string("\"Path").size());
+        if (const size_t index = value.find("\"pathIndex\":"); index != value.npos)
+            nameIndex(value, index + std::string("\"pathIndex\":").size());
+        if (name == "pathIndexEntry" || name == "pathEntry") nameIndex(place, place.rfind('[') + 1);
+        lines_.insert(place + " " + value);
     }
-    for (const auto& vrf : world.in.nexthopConfig->vrf())
-        for (const auto& addr : vrf.nexthop()) add("next hop", vrf.vrfName(), addr);
-    for (const auto& request : world.in.ipsecPathConfigDir->ipsecPathConfig())
-        if (isResolved(request.key().vrfName))
-            add("request", request.key(), request.profile(), request.intfId(),
-                index(static_cast<U32>(std::stoul(request.connectionName().substr(4)))));
-    for (const auto& site : world.in.navStatusDir->navRemoteIpList()) add("site", site);
 }
 
-void Outcome::findWanted(const Inputs& in, const Nav::NavInputs& published) {
+// Of load balancing: those that rules want, alone and with the profiles that want them.
+std::set<std::string> Outcome::wantedKeys(const Inputs& in, const Nav::NavInputs& published) {
+    std::set<std::string> wanted;
     for (const auto& vrf : published.navStatusDir->navRuleStatus())
         for (const auto& entry : vrf.navRuleEntry())
             for (const auto& site : published.siteGroupStatus->siteGroupStatusEntry()) {
                 const auto profile = in.profiles.find(entry.lbProfileName);
+                const auto id = in.vrfIds.find(vrf.name());
                 if (profile == in.profiles.end() ||
                     !profile->second.priorities.contains(site.key().name))
                     continue;
-                const auto id = in.vrfIds.find(vrf.name());
-                const Nav::LbProfileKey key{site.key().routerIp, entry.appProfileId,
-                                            id == in.vrfIds.end() ? 0 : id->second};
-                wanted_.insert({key, {}});
-                wanted_.insert({key, entry.lbProfileName});
+                const std::string key =
+                    Vel::Codec<Nav::LbProfileKey>::key({site.key().routerIp, entry.appProfileId,
+                                                        id == in.vrfIds.end() ? 0 : id->second});
+                wanted.insert({key, key + " " + entry.lbProfileName});
             }
-}
-
-void Outcome::addPolicies(const Nav::NavInputs& published) {
-    for (const auto& vrf : published.navStatusDir->navRuleStatus()) {
-        add("rules", vrf.name());
-        for (const auto& entry : vrf.navRuleEntry()) add("rule", vrf.name(), entry);
-    }
-    for (const auto& lb : published.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry()) {
-        if (wanted_.contains({lb.key(), {}}))
-            add("balance", lb.key(), lb.latency(), lb.jitter(), lb.lossRate());
-        else
-            add("kept balance", lb.key());
-        for (const auto& member : lb.pathEntry())
-            add("member", lb.key(), index(member.pathIndex), member.priority, member.groupName);
-    }
-    Flat rest;
-    flatten(*published.navFeaturePolicyDir, "", rest);
-    for (const auto& [place, value] : rest)
-        if (!value.empty() && !place.ends_with("/version")) add("classification", place, value);
-}
-
-void Outcome::addDatabase(const Inputs& in, const Nav::NavDb& db) {
-    add("database");
-    for (const auto& path : db.pathKeyInfo())
-        add("info", path.pathKey(), index(path.pathIndex()), path.siteGroupKey(),
-            path.ipsecProfile(), path.vrfName());
-    for (const auto& addr : db.addrToPathKeySet())
-        for (const auto& key : addr.pathKey()) add("path of", addr.addr(), key);
-    for (const auto& [addr, intf] : db.srcToIntfMapping()) add("interface of", addr, intf);
-    for (const auto& group : db.pathGroupInfo()) {
-        add("group", group.pgName());
-        for (const auto& key : group.pathKeySet()) add("path of", group.pgName(), key);
-        for (const auto& site : group.remoteIpList()) add("site of", group.pgName(), site);
-    }
-    // A VRF whose id was withdrawn keeps the one that was seen last.
-    const auto isCurrent = [&](const VrfName& vrf, U32 id) {
-        const auto found = in.vrfIds.find(vrf);
-        return found != in.vrfIds.end() && found->second == id;
-    };
-    for (const auto& [vrf, id] : db.vrfNameToId())
-        if (isCurrent(vrf, id)) add("VRF id", vrf, id);
-    for (const auto& [id, vrf] : db.vrfIdToName())
-        if (isCurrent(vrf, id)) add("VRF name", id, vrf);
-    for (const auto& application : db.vrfApp()) add("application", application);
-    for (const auto& profile : db.lbNameToLbKeySet())
-        for (const auto& key : profile.lbKey())
-            add(wanted_.contains({key, profile.lbName()}) ? "key of" : "kept key of",
-                profile.lbName(), key);
+    return wanted;
 }
 
 // A copy of a world in which changes are made.

@@ -20,18 +20,10 @@ class Outcome {
     const std::set<std::string>& lines() const { return lines_; }
 
   private:
-    void addPaths(const Inputs& in, const World& world);
-    void findWanted(const Inputs& in, const Nav::NavInputs& published);
-    void addPolicies(const Nav::NavInputs& published);
-    void addDatabase(const Inputs& in, const Nav::NavDb& db);
-    template <class... Parts>
-    void add(const Parts&... parts);
-    std::string index(U32 i) const;
+    static std::set<std::string> wantedKeys(const Inputs& in, const Nav::NavInputs& published);
+    void nameIndex(std::string& text, size_t at) const;
 
-    std::map<U32, std::string> names_;  // of the path that has each index
-    // The load-balance keys that rules want, each also with the profiles that want it. The others
-    // are kept for the return of their sites: which those are depends on the order.
-    std::set<std::pair<Nav::LbProfileKey, String>> wanted_;
+    std::map<std::string, std::string> names_;  // of the path that has each index
     std::set<std::string> lines_;
 };
 

@@ -60,31 +60,6 @@ Flat below(const Flat& all, const std::string& place) {
     return {all.lower_bound(place), all.lower_bound(place + "~")};
 }
 
-// What is there without a reason of its own: the roots, and the entities that hold the entries of a
-// VRF, of a profile or of a type of target.
-bool isOpen(const std::string& place) {
-    static const std::set<std::string> open{"/pathConfigDir",
-                                            "/pathConfigDir/pathConfig",
-                                            "/navStatusDir",
-                                            "/navStatusDir/navConfigured",
-                                            "/navStatusDir/navVrfEnabled",
-                                            "/navStatusDir/navPortStatus",
-                                            "/navStatusDir/navPathStatusDir",
-                                            "/navStatusDir/navPathStatusDir/pathStatus",
-                                            "/navStatusDir/navLbProfileStatus",
-                                            "/siteGroupStatus",
-                                            "/nexthopConfig",
-                                            "/nexthopConfig/vrf",
-                                            "/ipsecPathConfigDir",
-                                            "/navFeaturePolicyDir",
-                                            "/navFeaturePolicyDir/appliedPolicy",
-                                            "/navDb/lbId",
-                                            "/navDb/pathIndex",
-                                            "/navDb/lbNameToLbKeySet"};
-    const size_t key = place.ends_with("]") ? place.rfind('[') : place.npos;
-    return open.contains(place.substr(0, key));
-}
-
 const VrfName defaultVrf = "default";
 
 std::set<NavRuleEntry> entriesOf(const Policy& policy) {

@@ -100,6 +100,29 @@ void flatten(const Entity& entity, const std::string& place, Flat& out) {
     }
 }
 
+bool isOpen(const std::string& place) {
+    static const std::set<std::string> open{"/pathConfigDir",
+                                            "/pathConfigDir/pathConfig",
+                                            "/navStatusDir",
+                                            "/navStatusDir/navConfigured",
+                                            "/navStatusDir/navVrfEnabled",
+                                            "/navStatusDir/navPortStatus",
+                                            "/navStatusDir/navPathStatusDir",
+                                            "/navStatusDir/navPathStatusDir/pathStatus",
+                                            "/navStatusDir/navLbProfileStatus",
+                                            "/siteGroupStatus",
+                                            "/nexthopConfig",
+                                            "/nexthopConfig/vrf",
+                                            "/ipsecPathConfigDir",
+                                            "/navFeaturePolicyDir",
+                                            "/navFeaturePolicyDir/appliedPolicy",
+                                            "/navDb/lbId",
+                                            "/navDb/pathIndex",
+                                            "/navDb/lbNameToLbKeySet"};
+    const size_t key = place.ends_with("]") ? place.rfind('[') : place.npos;
+    return open.contains(place.substr(0, key));
+}
+
 std::string json(const Datum& value) {
     std::string out;
     if (const auto* text = value.as<Vel::String>()) return '"' + *text + '"';

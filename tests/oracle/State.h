@@ -80,4 +80,8 @@ using Flat = std::map<std::string, std::string>;
 void flatten(const Vel::Entity& entity, const std::string& place, Flat& out);
 std::string json(const Vel::Datum& value);
 
+// What is there without a reason of its own: the roots, and the entities that hold the entries of a
+// VRF, of a profile or of a type of target.
+bool isOpen(const std::string& place);
+
 }  // namespace Oracle
