@@ -128,18 +128,10 @@ class Changes {
         const auto& [path, value] = all[below(std::size(all))];
         return {{"op", "set"}, {"path", "/cliConfig" + path}, {"value", value}};
     }
+    // Of what an addition would change.
     Json removal() {
-        const std::string g = "/pathGroupConfig[" + group(), q = "/policyConfig[" + policy(),
-                          p = "/loadBalanceProfile[" + profile();
-        const std::string paths[] = {g,
-                                     g + "]/localIntf[" + intf(),
-                                     g + "]/remoteViaConfig[" + site(),
-                                     q,
-                                     q + "]/appProfilePolicyRuleList[" + ruleKey(),
-                                     p,
-                                     p + "]/pathGroupPriority[" + group(),
-                                     "/vrfConfig[" + vrfs[below(5)]};
-        return {{"op", "del"}, {"path", "/cliConfig" + paths[below(std::size(paths))] + "]"}};
+        const std::string path = addition()["path"];
+        return {{"op", "del"}, {"path", path.substr(0, path.rfind(']') + 1)}};
     }
 
     std::mt19937 random_;

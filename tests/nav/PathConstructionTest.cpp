@@ -55,27 +55,6 @@ TEST_F(PathConstructionTest, GroupsAddressesAndDestinationsComeAndGo) {
     EXPECT_TRUE(configuredPaths().empty());
 }
 
-TEST_F(PathConstructionTest, IndicesAreUsedUpAndReturnToTheTail) {
-    start();
-    listIntf("internet", "wan1");
-    address("wan1", "203.0.113.1/24");
-    auto destination = [](int i) { return "198.51.100." + std::to_string(i); };
-    for (int i = 1; i <= 128; ++i) via("internet", site, destination(i));
-    for (int i : {5, 7}) noVia("internet", site, destination(i));
-    via("internet", site, destination(201));
-    noVia("internet", site, destination(9));
-    for (int i : {202, 203}) via("internet", site, destination(i));
-    for (const auto& [i, index] : {std::pair{201, 5u}, {202, 7u}, {203, 9u}})
-        EXPECT_EQ(indexOf(key("203.0.113.1", destination(i))), index);
-    try {
-        via("internet", site, destination(204));
-        FAIL() << "a path without index";
-    } catch (const AssertionFailed& failure) {
-        EXPECT_STREQ(failure.what(), "freePathIds()");
-    }
-    noVia("internet", site, destination(204));
-}
-
 TEST_F(PathConstructionTest, ProfilesComeWithTheEntryAndClearingDeletes) {
     start();
     const PathKey pathKey = key("203.0.113.1", dst);
