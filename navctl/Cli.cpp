@@ -1,6 +1,5 @@
 #include "navctl/Cli.h"
 
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -253,9 +252,7 @@ void Program::printQuality(Client::ControlClient& client) {
     if (json_) return printJson(history);
     printTable(qualityTable(chosen));
     const double seconds = history.at("stepMs").get<double>() / 1000;
-    winsize window{};
-    ioctl(STDOUT_FILENO, TIOCGWINSZ, &window);
-    const size_t width = window.ws_col > 40 ? window.ws_col : 80;
+    const size_t width = streams_.width > 40 ? streams_.width : 80;
     for (const auto& [name, heading] : {std::pair("rttMs", "round trip, ms"),
                                         {"jitterMs", "jitter, ms"},
                                         {"lossForward", "loss forward, %"},
@@ -323,7 +320,7 @@ void Program::printJson(const Json& value) {
 
 void Program::printTable(const TextTable& table) {
     if (json_) return printJson(tableJson(table));
-    Navctl::printTable(streams_.out, table, streams_.colours);
+    Navctl::printTable(streams_.out, table, streams_.colours, streams_.width);
 }
 
 void Program::showText(const TextView& view) {

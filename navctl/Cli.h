@@ -17,6 +17,7 @@ struct Streams {
     std::ostream& out;
     std::ostream& err;
     bool colours = false;
+    size_t width = 0;  // characters of a line of the terminal; 0: none
 };
 
 // Runs one command line, without the program's name. The reason of a failure is written to `err`,

@@ -4,6 +4,7 @@
 #include <array>
 #include <cctype>
 #include <ctime>
+#include <utility>
 
 namespace Navctl {
 
@@ -72,28 +73,69 @@ const char* colourOf(const std::string& text) {
                : nullptr;
 }
 
+// Takes from the widest columns until a line fits. A column keeps `narrowest` characters, so that
+// only a terminal with no room for that breaks lines.
+constexpr size_t narrowest = 8;
+void fit(std::vector<size_t>& widths, size_t limit) {
+    size_t total = widths.empty() ? 0 : 2 * (widths.size() - 1);
+    for (const size_t each : widths) total += each;
+    for (; total > limit; --total) {
+        const auto widest = std::max_element(widths.begin(), widths.end());
+        if (widest == widths.end() || *widest <= narrowest) return;
+        --*widest;
+    }
+}
+
+// A text in lines of at most `limit` characters: between words, or within one that is longer.
+std::vector<std::string> wrapped(const std::string& text, size_t limit) {
+    std::vector<std::string> lines;
+    for (size_t start = 0; start < text.size() || lines.empty();) {
+        size_t end = start, space = text.npos;
+        for (size_t taken = 0; end < text.size(); ++end) {
+            if ((text[end] & 0xc0) != 0x80 && taken++ == limit) break;
+            if (text[end] == ' ' && end > start) space = end;
+        }
+        if (end < text.size() && text[end] == ' ') space = end;
+        if (end < text.size() && space != text.npos) end = space;
+        lines.push_back(text.substr(start, end - start));
+        start = end + (end < text.size() && text[end] == ' ');
+    }
+    return lines;
+}
+
 }  // namespace
 
-void printTable(std::ostream& out, const TextTable& table, bool colours) {
-    std::vector<std::vector<std::string>> lines(1);
-    for (const std::string& column : table.columns) lines[0].push_back(heading(column));
+void printTable(std::ostream& out, const TextTable& table, bool colours, size_t limit) {
+    std::vector<std::vector<std::string>> rows(1);
+    for (const std::string& column : table.columns) rows[0].push_back(heading(column));
     for (const auto& row : table.rows) {
-        auto& line = lines.emplace_back();
-        for (const Json& value : row) line.push_back(cellText(value));
+        auto& cells = rows.emplace_back();
+        for (const Json& value : row) cells.push_back(cellText(value));
     }
     std::vector<size_t> widths(table.columns.size());
-    for (const auto& line : lines) {
-        for (size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], width(line[i]));
+    for (const auto& row : rows) {
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
     }
-    for (const auto& line : lines) {
-        for (size_t i = 0; i < line.size(); ++i) {
-            const char* colour = &line == &lines[0] ? "\x1b[1m" : colourOf(line[i]);
-            const bool coloured = colours && colour != nullptr;
-            out << (coloured ? colour : "") << line[i] << (coloured ? "\x1b[0m" : "");
-            // The last column is not padded.
-            if (i + 1 < line.size()) out << std::string(widths[i] - width(line[i]) + 2, ' ');
+    if (limit > 0) fit(widths, limit);
+    for (const auto& row : rows) {
+        std::vector<std::vector<std::string>> cells;
+        size_t lines = 1;
+        for (size_t i = 0; i < row.size(); ++i) {
+            cells.push_back(wrapped(row[i], widths[i]));
+            lines = std::max(lines, cells[i].size());
         }
-        out << "\n";
+        for (size_t line = 0; line < lines; ++line) {
+            size_t blanks = 0;  // nothing is padded at the end of a line
+            for (size_t i = 0; i < row.size(); ++i) {
+                const std::string text = line < cells[i].size() ? cells[i][line] : "";
+                const char* colour = &row == &rows[0] ? "\x1b[1m" : colourOf(row[i]);
+                const bool coloured = colours && colour != nullptr && !text.empty();
+                if (!text.empty()) out << std::string(std::exchange(blanks, 0), ' ');
+                out << (coloured ? colour : "") << text << (coloured ? "\x1b[0m" : "");
+                blanks += widths[i] - width(text) + 2;
+            }
+            out << "\n";
+        }
     }
 }
 

@@ -1,3 +1,4 @@
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -12,5 +13,8 @@ int main(int argc, char** argv) {
     const char* without = std::getenv("NO_COLOR");
     const bool colours = isatty(STDOUT_FILENO) == 1 && (without == nullptr || *without == '\0') &&
                          terminal != nullptr && std::string_view(terminal) != "dumb";
-    return Navctl::run({argv + 1, argv + argc}, {std::cin, std::cout, std::cerr, colours});
+    winsize window{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) != 0) window.ws_col = 0;  // not a terminal
+    return Navctl::run({argv + 1, argv + argc},
+                       {std::cin, std::cout, std::cerr, colours, window.ws_col});
 }

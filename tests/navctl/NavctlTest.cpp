@@ -42,4 +42,18 @@ TEST(TableTest, AlignsByCharactersAndKeepsControlCharactersFromTheTerminal) {
     EXPECT_NE(coloured.str().find("\x1b[32mEstab\x1b[0m  1\n"), std::string::npos);
 }
 
+TEST(TableTest, WrapsTheWidestColumnsToFitTheTerminal) {
+    const Navctl::TextTable table{
+        {"path", "reason"},
+        {{"Path1", "l'hôte d'à côté ne répond pas"}, {"Path2", "2001:db8:1234:5678::1"}}};
+    std::ostringstream out;
+    Navctl::printTable(out, table, false, 24);
+    EXPECT_EQ(out.str(),
+              "PATH   REASON\n"
+              "Path1  l'hôte d'à côté\n"
+              "       ne répond pas\n"
+              "Path2  2001:db8:1234:567\n"
+              "       8::1\n");
+}
+
 }  // namespace
