@@ -603,20 +603,31 @@ class ForwardingTest(LabCase):
         for site in (1, 2):
             self.lab.end_agent(site)
             self.assertEqual(objects(self.lab, site)[0], set())
-            self.lab.start_agent(site, "--keep-forwarding")
+            self.lab.start_agent(site, *(["--keep-forwarding"] if site == 1 else []))
         before = {site: self.settled(site) for site in (1, 2)}
         streams = self.streams(voice, web, rest, pairs=((1, 2), (2, 1)))
         self.await_over(streams[:2], "mpls")
         firsts = self.firsts()
-        for site in (1, 2):
-            self.assertEqual(self.lab.end_agent(site), 0)
+        # The second is told by the signal with which the service manager restarts it.
+        for site, by in ((1, signal.SIGTERM), (2, signal.SIGUSR1)):
+            self.assertEqual(self.lab.end_agent(site, by), 0)
             self.assertEqual(objects(self.lab, site), before[site])
         self.await_packets(streams, 50)
+        # An agent that cannot start leaves the forwarding to the next one.
+        self.lab.configure(2, configuration={"navConfigured": 7})
+        self.lab.start_agent(2)
+        self.assertEqual(self.lab.agents[2].wait(30), 1)
+        self.assertEqual(objects(self.lab, 2), before[2])
+        self.lab.configure(2)
         for site in (1, 2):
             self.lab.start_agent(site)
             await_("it has taken over", lambda s=site: self.lab.paths_up(s) == 4)
             self.await_objects(site, before[site], "taken over")
         self.assert_nothing_lost(streams, firsts)
+        self.lab.end_agent(1, signal.SIGKILL)
+        self.lab.run("router1", self.lab.programs["agent"], "--remove-forwarding", "--run-dir",
+                     self.lab.run_dir(1))
+        self.assertEqual(objects(self.lab, 1)[0], set())
 
 
 if __name__ == "__main__":
