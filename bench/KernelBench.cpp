@@ -148,7 +148,7 @@ class Ours {
         return true;
     }
     void rest() {
-        const auto end = clock_.now() + 2 * Agent::Linux::KernelMonitor::maxHold;
+        const auto end = clock_.now() + 5 * Agent::Linux::KernelMonitor::maxHold;
         while (clock_.now() < end) loop_.runOnce(end - clock_.now());
     }
 
