@@ -230,7 +230,10 @@ class Writer {
             const bool v6 = source.isV6();
             const std::string out = source.stringValue() + " . " + destination.stringValue();
             const std::string in = destination.stringValue() + " . " + source.stringValue();
-            peers[v6].insert(in + " . " + quoted(interface.name.str()));
+            // What is received in a VRF is delivered with the VRF's device as its input interface.
+            peers[v6].insert(
+                in + " . " +
+                quoted(interface.vrf.index == 0 ? interface.name.str() : interface.vrf.name.str()));
             if (!protect) return;
             peers[v6].insert(in + " . " + quoted(ipsecDevice));
             secured[v6].insert(in);
