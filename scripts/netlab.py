@@ -78,9 +78,10 @@ def host(site, guest=False, v6=False):
 
 class Lab:
     """`v6_outside`: the providers that have IPv6 only. `secured`: those over which paths are secured
-    by IPsec, with a charon for each router. Raises Unavailable."""
+    by IPsec, with a charon for each router; `kernel_esp`: by the kernel rather than by charon. Raises
+    Unavailable."""
 
-    def __init__(self, agent, navctl, v6_outside=(), secured=()):
+    def __init__(self, agent, navctl, v6_outside=(), secured=(), kernel_esp=False):
         if secured and not os.path.exists(CHARON):
             raise Unavailable(f"{CHARON} not found (package strongswan-charon)")
         for tool, package in (("ip", "iproute2"), ("nft", "nftables"), ("nsenter", "util-linux")):
@@ -88,6 +89,7 @@ class Lab:
                 raise Unavailable(f"{tool} not found (package {package})")
         self.programs = {"agent": agent, "navctl": navctl}
         self.v6_outside, self.secured = set(v6_outside), set(secured)
+        self.kernel_esp = kernel_esp
         self.agents, self.charons = {}, {}
         self._processes = []
         with contextlib.ExitStack() as stack:
@@ -328,18 +330,24 @@ class Lab:
                 stderr=log)
 
     def start_charon(self, site):
-        """With a /run of its own, where it has its pid file. The kernel may have no ESP, so charon
-        encrypts packets itself: what has its mark is not encrypted again."""
+        """With a /run of its own, where it has its pid file."""
         place = f"{self.run_dir(site)}/charon"
         shutil.rmtree(place, ignore_errors=True)
         os.mkdir(place)
         with open(f"{place}.conf", "w", encoding="utf-8") as file:
-            file.write(CHARON_CONF.format(socket=f"{self.run_dir(site)}/charon.vici"))
+            file.write(CHARON_CONF.format(socket=f"{self.run_dir(site)}/charon.vici",
+                                          plugin="" if self.kernel_esp else "kernel-libipsec",
+                                          own="" if self.kernel_esp else OWN_ESP))
         with open(f"{place}.log", "a", encoding="utf-8") as log:
             self.charons[site] = self.start(
                 f"router{site}", "unshare", "--mount", "--propagation", "private", "sh", "-c",
                 f"mount --bind {place} /run && STRONGSWAN_CONF={place}.conf exec {CHARON}",
                 stdout=log, stderr=log)
+
+    def swanctl(self, site, *arguments):
+        """What a command prints about a site's charon; empty if it fails."""
+        return subprocess.run(["swanctl", *arguments, "--uri", f"unix://{self.run_dir(site)}/charon.vici"],
+                              text=True, capture_output=True, check=False, timeout=30).stdout
 
     def end_charon(self, site, by=signal.SIGTERM):
         self.charons[site].send_signal(by)
@@ -402,7 +410,7 @@ CHARON = "/usr/lib/ipsec/charon"
 CHARON_CONF = """
 charon {{
     load = random nonce aes sha1 sha2 hmac kdf gcm pem pkcs1 pkcs8 x509 constraints pubkey openssl \
-        curve25519 kernel-libipsec kernel-netlink socket-default vici
+        curve25519 {plugin} kernel-netlink socket-default vici
     install_routes = no
     process_route = no
     block_threshold = 0
@@ -410,13 +418,16 @@ charon {{
     retransmit_timeout = 1
     retransmit_tries = 3
     plugins {{
-        kernel-libipsec {{ allow_peer_ts = yes }}
-        kernel-netlink {{ fwmark = !0x42 }}
-        socket-default {{ fwmark = 0x42 }}
+        {own}
         vici {{ socket = unix://{socket} }}
     }}
 }}
 """
+# What has charon's mark is not encrypted again.
+OWN_ESP = """
+        kernel-libipsec { allow_peer_ts = yes }
+        kernel-netlink { fwmark = !0x42 }
+        socket-default { fwmark = 0x42 }"""
 
 # Counts what the tunnels carry by the ports of the inner packet, whose header has no options.
 COUNTING = f"""

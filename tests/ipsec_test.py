@@ -11,7 +11,6 @@ import os
 import random
 import re
 import signal
-import subprocess
 
 from products import LabCase, main  # which adds scripts/ to the path
 
@@ -60,18 +59,12 @@ class IpsecTest(LabCase):
         await_(f"IPsec from {site} to {other} fails: {reason}", lambda: self.state(site, other)[1] and
                reason in self.state(site, other)[1] and self.state(site, other)[0] != "established")
 
-    def swanctl(self, site, *arguments):
-        done = subprocess.run(["swanctl", *arguments, "--uri",
-                               f"unix://{self.lab.run_dir(site)}/charon.vici"],
-                              text=True, capture_output=True, check=False, timeout=30)
-        return done.stdout
-
     def associations(self, site):
         """(peer, state, state of the only CHILD_SA) of each IKE_SA of a charon."""
         return sorted((peer, state, tuple(re.findall(r" state=(\w+) ", children)))
                       for state, peer, children in re.findall(
                           r"list-sa event \{\S+ \{.*? state=(\w+) .*?remote-host=(\S+) .*?"
-                          r"child-sas \{(.*?)\}\}\}", self.swanctl(site, "--list-sas", "--raw")))
+                          r"child-sas \{(.*?)\}\}\}", self.lab.swanctl(site, "--list-sas", "--raw")))
 
     def await_settled(self, streams):
         """Every path is up, with one IKE_SA and one CHILD_SA; nothing else is there."""
@@ -89,13 +82,13 @@ class IpsecTest(LabCase):
 
     def delete(self, site):
         """By the other ends: associations of the first, or only what carries packets."""
-        self.swanctl(site, "--terminate", "--ike", "Path1", "--timeout", "1")
-        self.swanctl(site, "--terminate", "--child-id", "2", "--timeout", "1")
+        self.lab.swanctl(site, "--terminate", "--ike", "Path1", "--timeout", "1")
+        self.lab.swanctl(site, "--terminate", "--child-id", "2", "--timeout", "1")
 
     def rekey(self, site):
         for path in "12":
-            self.swanctl(site, "--rekey", "--child-id", path)
-            self.swanctl(site, "--rekey", "--ike", f"Path{path}")
+            self.lab.swanctl(site, "--rekey", "--child-id", path)
+            self.lab.swanctl(site, "--rekey", "--ike", f"Path{path}")
 
     def change_profile(self, **changes):
         self.profile = self.lab.ipsec(**changes)
@@ -157,8 +150,8 @@ class IpsecTest(LabCase):
         self.await_settled(streams)
         for site in sites:
             self.assertEqual(self.lab.end_agent(site), 0)
-            await_("nothing is left", lambda s=site: "event {" not in self.swanctl(s, "--list-sas", "--raw")
-                   + self.swanctl(s, "--list-conns", "--raw"))
+            await_("nothing is left", lambda s=site: "event {" not in self.lab.swanctl(s, "--list-sas", "--raw")
+                   + self.lab.swanctl(s, "--list-conns", "--raw"))
             self.assertNotIn("key of the laboratory", self.lab.log(site))
             self.lab.end_charon(site)
         print(f"seed {seed}: nothing in clear text", flush=True)

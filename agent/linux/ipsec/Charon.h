@@ -20,7 +20,7 @@ class Charon {
   public:
     // A charon that has not answered a command by then has hung.
     static constexpr Loom::Duration answerTime = std::chrono::seconds(10);
-    static constexpr Loom::Duration drainTime = std::chrono::seconds(1);
+    static constexpr Loom::Duration drainTime = std::chrono::seconds(5);
     // Between two attempts to open the session; the delay doubles from the first to the second.
     static constexpr Loom::Duration firstDelay = std::chrono::milliseconds(50);
     static constexpr Loom::Duration lastDelay = std::chrono::seconds(1);

@@ -61,6 +61,8 @@ void IpsecService::handleUp(const Json& stats) {
     listing_ = listAgain_ = false;
     names_.clear();
     ++version_;
+    left_ = {};
+    if (*espBy_ == EspBy::kernel) left_ = Xfrm().read(Numbers::first, Numbers::count);
     find();
     reconcile();
     list();
@@ -176,6 +178,7 @@ Connection* IpsecService::connectionOf(const IkeSa& sa) {
 void IpsecService::handleList(Loom::Instant asked) {
     listing_ = false;
     if (std::exchange(listAgain_, false)) list_.armIn({});
+    removeLeftovers(sas_);
     std::map<const Connection*, std::vector<IkeSa>> by;
     for (IkeSa& sa : std::exchange(sas_, {})) {
         if (const Connection* connection = connectionOf(sa))
@@ -192,6 +195,24 @@ void IpsecService::handleList(Loom::Instant asked) {
         publish(connection);
     }
     initiate_.armIn({});
+}
+
+// What this session's first list does not name was left by a charon that has been killed. A
+// rekeying that was under way when the session began is on the list, since charon lists an IKE_SA
+// between its exchanges.
+void IpsecService::removeLeftovers(const std::vector<IkeSa>& sas) {
+    XfrmObjects left = std::exchange(left_, {});
+    std::set<uint32_t> spis, reqids;
+    for (const IkeSa& sa : sas)
+        for (const ChildSa& child : sa.children)
+            spis.insert({child.spiIn, child.spiOut}), reqids.insert(child.reqid);
+    std::erase_if(left.states, [&](const XfrmState& each) { return spis.contains(each.spi()); });
+    std::erase_if(left.policies,
+                  [&](const XfrmPolicy& each) { return reqids.contains(each.reqid); });
+    if (left.size() == 0) return;
+    DUOLOG(ipsecTrace, 5, "Removing ", left.states.size(), " security associations and ",
+           left.policies.size(), " policies that a charon has left in the kernel");
+    Xfrm().remove(left);
 }
 
 void IpsecService::initiateDue() {
@@ -277,10 +298,11 @@ void IpsecService::tidy() {
         if (!names_.contains(name)) forget(name);
 }
 
+// Unloaded first, so that the peer cannot establish it again.
 void IpsecService::forget(const std::string& name) {
     if (!charon_.up()) return;
-    terminate("ike", name);
     charon_.request("unload-conn", {{"name", name}}, {});
+    terminate("ike", name);
     charon_.request("unload-shared", {{"id", name}}, {});
 }
 

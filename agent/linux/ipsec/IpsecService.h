@@ -14,6 +14,7 @@
 #include "agent/linux/forwarding/Numbers.h"
 #include "agent/linux/ipsec/Charon.h"
 #include "agent/linux/ipsec/Connection.h"
+#include "agent/linux/kernel/Xfrm.h"
 #include "nav/root/NavInputs.h"
 
 namespace Agent::Linux {
@@ -69,6 +70,7 @@ class IpsecService {
     void initiateDue();
     void publish(const Connection& connection);
 
+    void removeLeftovers(const std::vector<IkeSa>& sas);
     void find();
     void tidy();
     void forget(const std::string& name);
@@ -85,6 +87,8 @@ class IpsecService {
     std::set<std::string> found_;  // the agent's connections that charon had before this session
     // Connections that this session has given to charon, by the name they have there.
     std::map<std::string, Ipsec::ConnectionKey> names_;
+    // Of the kernel, when this session began; empty after its first list.
+    XfrmObjects left_;
     std::vector<IkeSa> sas_;  // elements of the list that is being read
     bool listing_ = false;    // one is being read
     bool listAgain_ = false;  // another one is required after it

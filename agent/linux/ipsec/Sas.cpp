@@ -1,5 +1,6 @@
 #include "agent/linux/ipsec/Sas.h"
 
+#include <charconv>
 #include <utility>
 
 #include "agent/linux/ipsec/Vici.h"
@@ -27,6 +28,13 @@ std::string cipherOf(const Json& section) {
     return cipher;
 }
 
+uint32_t spiIn(const Json& section, const char* name) {
+    const std::string written = text(section, name);
+    uint32_t spi = 0;
+    std::from_chars(written.data(), written.data() + written.size(), spi, 16);
+    return spi;
+}
+
 ChildSa childOf(const Json& section) {
     return {.name = text(section, "name"),
             .reqid = static_cast<uint32_t>(number(section, "reqid")),
@@ -34,7 +42,9 @@ ChildSa childOf(const Json& section) {
             .cipher = cipherOf(section),
             .bytesIn = number(section, "bytes-in"),
             .bytesOut = number(section, "bytes-out"),
-            .rekeyIn = number(section, "rekey-time")};
+            .rekeyIn = number(section, "rekey-time"),
+            .spiIn = spiIn(section, "spi-in"),
+            .spiOut = spiIn(section, "spi-out")};
 }
 
 }  // namespace

@@ -17,6 +17,7 @@ struct ChildSa {
     std::string cipher;
     uint64_t bytesIn = 0, bytesOut = 0;
     uint64_t rekeyIn = 0;  // s; 0: unknown
+    uint32_t spiIn = 0, spiOut = 0;
 
     // Whether packets are accepted and sent by it.
     bool carries() const {

@@ -1,0 +1,102 @@
+"""Secured paths with the kernel's own ESP: ipsec_vm_test.py BUILD_DIR SOURCE_DIR, in the virtual machine
+of `scripts/vm --exact`. The internet is in a VRF of its own, the hosts in another one."""
+import contextlib
+import re
+import signal
+import tempfile
+import unittest
+
+from products import main, programs  # which adds scripts/ to the path
+
+from netlab import Lab, await_, host, providers, sites  # noqa: E402
+from traffic import Traffic  # noqa: E402
+
+tempfile.tempdir = "/dev/shm"  # the root is an overlay, and charons have a /run of their own
+web = 443  # prefers the internet
+
+
+class VrfLab(Lab):
+    """Two sites, whose traffic of VRF "red" is carried over an internet in VRF "outside" and an MPLS
+    network in none."""
+
+    def _wire(self):
+        super()._wire()
+        for site in sites:
+            name = f"router{site}"
+            self.run(name, "sysctl", "-qw", "net.ipv4.udp_l3mdev_accept=1")
+            route = self.json(name, "ip", "-j", "route", "show", "table", str(providers["internet"]))[0]
+            self.ip(name, "link add red type vrf table 20\nlink set red up\nlink set lan master red\n"
+                          "link add outside type vrf table 30\nlink set outside up\n"
+                          "link set internet master outside\n"
+                          f"route add default via {route['gateway']} vrf outside")
+
+    def configuration(self, site):
+        found = super().configuration(site)
+        return found | {"vrfConfig": {"red": found["vrfConfig"]["default"]}}
+
+    def forwarding(self, site):
+        found = super().forwarding(site)
+        for each in (found, *found["site"].values()):
+            each["vrf"] = {"red": each["vrf"]["default"]}
+        return found
+
+
+class IpsecVmTest(unittest.TestCase):
+    def setUp(self):
+        cleanup = contextlib.ExitStack()
+        self.addCleanup(cleanup.close)
+        self.lab = cleanup.enter_context(VrfLab(programs["nav-agent"], programs["navctl"],
+                                                secured=["internet"], kernel_esp=True))
+        self.traffic = cleanup.enter_context(Traffic(self.lab))
+
+    def xfrm(self, site, what, pattern):
+        return sorted(re.findall(pattern, self.lab.run(f"router{site}", "ip", "xfrm", what)))
+
+    def associations(self, site):
+        return set(self.xfrm(site, "state", r"proto esp spi 0x(\w+)"))
+
+    def await_settled(self):
+        """The kernel has what charon has, and nothing else; packets arrive."""
+        for site in 1, 2:
+            await_(f"site {site} has two associations", every=1, patience=120,
+                   condition=lambda s=site: len(self.associations(s)) == 2 and
+                   self.associations(s) == set(re.findall(
+                       r"spi-(?:in|out)=(\w+)", self.lab.swanctl(s, "--list-sas", "--raw"))))
+            self.assertEqual(len(self.xfrm(site, "policy", "reqid 18")), 2)
+        goals = [(stream, len(stream.sent) + 10) for stream in self.traffic.streams]
+        await_("packets arrive", lambda: all(each.latest > goal for each, goal in goals), every=0.1)
+
+    def test_rekeying_kills_and_a_bad_link(self):
+        for site in 1, 2:
+            self.lab.start_charon(site)
+            self.lab.start_agent(site)
+        for sender, receiver in (1, 2), (2, 1):
+            self.traffic.stream("web", (f"host{sender}", host(sender)),
+                                (f"host{receiver}", host(receiver), web), 50)
+        self.await_settled()
+        first, old = [len(each.sent) for each in self.traffic.streams], self.associations(1)
+        for site in 1, 2:
+            self.lab.swanctl(site, "--rekey", "--child-id", "1")
+        await_("new keys are used", lambda: not old & self.associations(1), every=1)
+        self.lab.end_agent(1, signal.SIGKILL)
+        self.lab.start_agent(1)
+        self.await_settled()
+        self.traffic.settle()
+        self.assertEqual([each.lost(since) for each, since in zip(self.traffic.streams, first)], [0, 0])
+        self.lab.run("internet", "tc", "qdisc", "add", "dev", "site2", "root", "netem", "delay", "20ms",
+                     "loss", "5%")
+        for killed in (1,), (1, 2):
+            for site in killed:
+                self.lab.end_charon(site, signal.SIGKILL)
+                self.lab.end_agent(site, signal.SIGKILL)
+                self.lab.start_charon(site)
+                self.lab.start_agent(site)
+            self.await_settled()
+        self.assertEqual(self.lab.clear("internet"), {})
+        for site in 1, 2:
+            self.assertEqual(self.lab.end_agent(site), 0)
+            await_("nothing is left", lambda s=site: not self.associations(s), every=1)
+
+
+if __name__ == "__main__":
+    main()
