@@ -20,7 +20,7 @@ using Vici::Packet;
 using Vici::Type;
 
 std::string recorded(const char* name) {
-    return readFile(std::string(NAV_RECORDED "/../vici/") + name);
+    return readFile(std::string(NAV_RECORDED "/../vici/") + name).substr(1);  // see ViciFuzz.cpp
 }
 
 TEST(Vici, RecordedBytesAreReadInAnyPiecesAndWrittenTheSame) {
@@ -46,24 +46,13 @@ TEST(Vici, RecordedBytesAreReadInAnyPiecesAndWrittenTheSame) {
     EXPECT_EQ(sas[0].children[0].cipher, "AES_GCM_16-256");
 }
 
-TEST(Vici, DamagedBytesAreRefusedOrRead) {
+TEST(Vici, APacketThatIsCutIsRefused) {
     const std::string good = recorded("list-sa");
     const size_t empty = 2 + strlen("list-sa");  // of a message without members
     for (size_t size = 1; size + 4 < good.size(); ++size) {
         if (size == empty) continue;
         EXPECT_THROW(Vici::decode(std::string_view(good).substr(4, size)), Vici::Error) << size;
     }
-    for (size_t at = 0; at < good.size(); ++at)
-        for (const int byte : {0x00, 0x01, 0x02, 0x04, 0x7f, 0xff}) {
-            std::string bad = good;
-            bad[at] = static_cast<char>(byte);
-            Vici::Stream stream;
-            stream.append(bad);
-            try {
-                while (const auto packet = stream.next()) sasOf(packet->message);
-            } catch (const Vici::Error&) {
-            }
-        }
 }
 
 // Answers the commands of an IpsecService as charon does, as far as the service can tell.
