@@ -80,6 +80,11 @@ class IpsecTest(LabCase):
         self.lab.end_charon(site, signal.SIGKILL)
         self.lab.start_charon(site)
 
+    def kill(self, site):
+        super().kill(site)
+        # Before that, it may not take SIGHUP yet.
+        await_("the agent answers", lambda: self.lab.paths_up(site) >= 0)
+
     def delete(self, site):
         """By the other ends: associations of the first, or only what carries packets."""
         self.lab.swanctl(site, "--terminate", "--ike", "Path1", "--timeout", "1")

@@ -1,15 +1,12 @@
 """Secured paths with the kernel's own ESP: ipsec_vm_test.py BUILD_DIR SOURCE_DIR, in the virtual machine
 of `scripts/vm --exact`. The internet is in a VRF of its own, the hosts in another one."""
-import contextlib
 import re
 import signal
 import tempfile
-import unittest
 
-from products import main, programs  # which adds scripts/ to the path
+from products import LabCase, main  # which adds scripts/ to the path
 
 from netlab import Lab, await_, host, providers, sites  # noqa: E402
-from traffic import Traffic  # noqa: E402
 
 tempfile.tempdir = "/dev/shm"  # the root is an overlay, and charons have a /run of their own
 web = 443  # prefers the internet
@@ -41,13 +38,9 @@ class VrfLab(Lab):
         return found
 
 
-class IpsecVmTest(unittest.TestCase):
-    def setUp(self):
-        cleanup = contextlib.ExitStack()
-        self.addCleanup(cleanup.close)
-        self.lab = cleanup.enter_context(VrfLab(programs["nav-agent"], programs["navctl"],
-                                                secured=["internet"], kernel_esp=True))
-        self.traffic = cleanup.enter_context(Traffic(self.lab))
+class IpsecVmTest(LabCase):
+    laboratory = VrfLab
+    network = {"secured": ["internet"], "kernel_esp": True}
 
     def xfrm(self, site, what, pattern):
         return sorted(re.findall(pattern, self.lab.run(f"router{site}", "ip", "xfrm", what)))
@@ -74,15 +67,13 @@ class IpsecVmTest(unittest.TestCase):
             self.traffic.stream("web", (f"host{sender}", host(sender)),
                                 (f"host{receiver}", host(receiver), web), 50)
         self.await_settled()
-        first, old = [len(each.sent) for each in self.traffic.streams], self.associations(1)
+        first, old = self.firsts(), self.associations(1)
         for site in 1, 2:
             self.lab.swanctl(site, "--rekey", "--child-id", "1")
         await_("new keys are used", lambda: not old & self.associations(1), every=1)
-        self.lab.end_agent(1, signal.SIGKILL)
-        self.lab.start_agent(1)
+        self.kill(1)
         self.await_settled()
-        self.traffic.settle()
-        self.assertEqual([each.lost(since) for each, since in zip(self.traffic.streams, first)], [0, 0])
+        self.assert_nothing_lost(self.traffic.streams, first)
         self.lab.run("internet", "tc", "qdisc", "add", "dev", "site2", "root", "netem", "delay", "20ms",
                      "loss", "5%")
         for killed in (1,), (1, 2):

@@ -70,15 +70,16 @@ class Products(unittest.TestCase):
 
 class LabCase(unittest.TestCase):
     """A case in the network of scripts/netlab.py, as root; skipped where it cannot be made."""
-    network = {"v6_outside": ["mpls"]}  # options of Lab
+    laboratory = Lab
+    network = {"v6_outside": ["mpls"]}  # its options
 
     def setUp(self):
         cleanup = contextlib.ExitStack()
         self.addCleanup(cleanup.close)
         sys.setswitchinterval(0.0005)
         try:
-            self.lab = cleanup.enter_context(Lab(programs["nav-agent"], programs["navctl"],
-                                                 **self.network))
+            self.lab = cleanup.enter_context(
+                self.laboratory(programs["nav-agent"], programs["navctl"], **self.network))
         except Unavailable as reason:
             self.skipTest(str(reason))
         self.traffic = cleanup.enter_context(Traffic(self.lab))
