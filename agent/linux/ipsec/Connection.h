@@ -51,8 +51,12 @@ class Connection {
     std::vector<uint32_t> observe(std::vector<IkeSa> sas, Loom::Instant asked, Loom::Instant now);
     // A CHILD_SA has come up.
     void observeUp(const IkeSa& sa, Loom::Instant now);
-    // What charon's log says about the reason of a failure, which is then still to come.
-    void hint(const std::string& reason) { hint_ = reason; }
+    // What charon's log says about the reason of a failure, which is then still to come. The first
+    // reason of an attempt counts: after a certificate that is not valid now, charon tries older
+    // ones of the same name, whose signature is wrong.
+    void hint(const std::string& reason) {
+        if (hint_.empty()) hint_ = reason;
+    }
 
     // When to initiate it; Instant::max() while that is not required.
     Loom::Instant due() const;
