@@ -9,7 +9,7 @@ import socket
 import subprocess
 import termios
 
-from products import Products, await_, main, patience, programs
+from products import Products, await_, main, patience, programs, source
 
 group = "/cliConfig/pathGroupConfig"
 
@@ -108,6 +108,35 @@ class NavctlTest(Products):
         bound = self.file("bound", '{"application": {"x": {"match": {"1": {}}}}}')
         self.says("check", empty, "--forwarding", bound,
                   err='warning: application "x" is not named by any policy\n')
+
+    def test_ipsec_profiles_are_checked(self):
+        with open(f"{source}/examples/linux/ipsec.json", encoding="utf-8") as file:
+            profiles = json.load(file)["profile"]
+        config = self.file("config", {"pathGroupConfig": {
+            name: {"ipsecProfile": name} for name in ("branch", "gold")}})
+        key, place = {"presharedKey": "s3cret"}, "line 1: /ipsecConfig/profile[p]"
+        files = dict.fromkeys(("certificate", "privateKey"), "/none") | {"authority": ["/none"]}
+        for profile, error in (
+                (profiles["branch"], None),
+                (profiles["partner"], "/privateKey: /etc/nav/router.key: No such file or directory"),
+                ({}, ": required: presharedKey, or certificate, privateKey and authority"),
+                (key | files, ": either presharedKey or certificates, not both"),
+                (files | {"authority": []}, "/authority: required: files in PEM"),
+                (key | {"proposals": "aes128-sha256,"}, "/proposals: expected algorithms such as"),
+                (key | {"dpdDelay": 0}, "/dpdDelay: expected seconds from 1 to 3600, got 0"),
+                (key | {"localID": "a"}, "/localID: unknown attribute")):
+            text = self.file("ipsec", {"profile": {"p": profile}})
+            os.chmod(text, 0o600)
+            done = self.navctl(self.directory, "check", "--ipsec", text)
+            self.assertEqual(done.returncode, 1 if error else 0, (profile, done.stderr))
+            self.assertIn(place + error if error else "", done.stderr)
+            self.assertNotIn("s3cret", done.stdout + done.stderr)
+        profiles = self.file("profiles", {"profile": {"branch": key}})
+        os.chmod(profiles, 0o640)
+        self.says("check", "--ipsec", profiles, status=1, err="must have mode 0600, not 0640")
+        os.chmod(profiles, 0o600)
+        self.says("check", config, "--ipsec", profiles,
+                  err='path group "gold" names IPsec profile "gold", which is not configured')
 
     def test_a_batch_goes_on_after_a_refusal_and_says_so_at_the_end(self):
         port = '{"op":"get","path":"/cliConfig/udpPortConfig","id":2}'
