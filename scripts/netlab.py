@@ -215,6 +215,16 @@ class Lab:
                 f"route add default via {there} table {table}")
         self.run(f"router{site}", "ip", family, "rule", "add", "from", here, "lookup", str(table))
 
+    def renumber(self, provider, site, address):
+        """Gives a router another address at a provider (IPv4), as DHCP may."""
+        via, table = gateway(provider, site), providers[provider]
+        self.ip(f"router{site}",
+                f"addr flush dev {provider} scope global\naddr add {address}/28 dev {provider}\n"
+                f"route add default via {via} dev {provider} metric {100 * (table - 10)}\n"
+                f"route add default via {via} dev {provider} table {table}\n"
+                # Without a priority it would come before the agent's rules.
+                f"rule add from {address} lookup {table} priority 32765")
+
     def links(self, provider, state, among=sites):
         """Sets a provider's links to sites "up" or "down", all at once."""
         self.ip(provider, "".join(f"link set site{site} {state}\n" for site in among))

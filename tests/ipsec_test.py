@@ -11,12 +11,35 @@ import os
 import random
 import re
 import signal
+import socket
+import subprocess
+import time
 
 from products import LabCase, main  # which adds scripts/ to the path
 
 from netlab import await_, host, outside, router, sites  # noqa: E402
 
 web, guests = 443, 7000  # prefers the internet; may use nothing else
+# Of swanctl: accepts every connection.
+PEER = """
+connections {
+    any {
+        version = 2
+        proposals = aes256gcm16-prfsha384-ecp384
+        unique = never
+        local { auth = psk }
+        remote { auth = psk }
+        children {
+            any {
+                local_ts = dynamic[17]
+                remote_ts = dynamic[17]
+                esp_proposals = aes256gcm16-ecp384
+            }
+        }
+    }
+}
+secrets { ike { secret = "The key of the laboratory" } }
+"""
 
 
 class IpsecTest(LabCase):
@@ -155,8 +178,8 @@ class IpsecTest(LabCase):
         self.await_settled(streams)
         for site in sites:
             self.assertEqual(self.lab.end_agent(site), 0)
-            await_("nothing is left", lambda s=site: "event {" not in self.lab.swanctl(s, "--list-sas", "--raw")
-                   + self.lab.swanctl(s, "--list-conns", "--raw"))
+            await_("nothing is left", lambda s=site: not any(
+                "event {" in self.lab.swanctl(s, what, "--raw") for what in ("--list-sas", "--list-conns")))
             self.assertNotIn("key of the laboratory", self.lab.log(site))
             self.lab.end_charon(site)
         print(f"seed {seed}: nothing in clear text", flush=True)
@@ -179,6 +202,98 @@ class IpsecTest(LabCase):
         self.await_failure(1, 2, "charon is not available")
         self.lab.start_charon(1)
         self.await_settled(streams)
+        # Both ends initiate what stands already; one association of the three stays.
+        for site in 1, 2:
+            child = re.search(r"Path1 \{.*?children \{(\S+) \{",
+                              self.lab.swanctl(site, "--list-conns", "--raw"))
+            self.lab.swanctl(site, "--initiate", "--ike", "Path1", "--child", child[1], "--timeout", "2")
+        self.await_settled(streams)
+        # The address of a router changes, and the others learn of it later.
+        self.lab.renumber("internet", 1, "198.51.100.20")
+        self.await_failure(2, 1, "the peer no longer answers")
+        for site in 2, 3:
+            changed = self.lab.configuration(site)
+            changed["pathGroupConfig"]["internet"]["remoteViaConfig"][router(1)] = {
+                "remoteVia": ["198.51.100.20"]}
+            self.lab.configure(site, changed)
+        for site in sites:
+            await_(f"all paths of site {site} are up", lambda s=site: self.lab.paths_up(s) == 4)
+        self.await_all_arrive(streams)
+
+
+    def busy(self, seconds):
+        """How often the event thread of site 1 has been busy for longer."""
+        with socket.socket(socket.AF_UNIX) as client:
+            client.connect(f"{self.lab.run_dir(1)}/metrics.sock")
+            client.sendall(b"GET /metrics HTTP/1.0\r\n\r\n")
+            with client.makefile() as file:
+                rounds = dict(re.findall(r'loop_busy_seconds_bucket\{le="(.*)"\} (\d+)', file.read()))
+        return int(rounds["+Inf"]) - int(rounds[seconds])
+
+    def test_many_paths_at_once(self):
+        """128, of one agent to a charon that accepts all of them."""
+        addresses = [f"203.0.113.{number}" for number in range(1, 129)]
+        self.lab.ip("router2", "".join(f"addr add {each}/32 dev lo\n" for each in addresses))
+        self.lab.ip("internet", f"route add 203.0.113.0/24 via {outside('internet', 2)}")
+        for site in 1, 2:
+            self.lab.start_charon(site)
+        with open(f"{self.lab.directory}/peer", "w", encoding="utf-8") as file:
+            file.write(PEER)
+        await_("the peer accepts connections",
+               lambda: "loaded" in self.lab.swanctl(2, "--load-all", "--file", file.name))
+        configuration = self.lab.configuration(1)
+        configuration["pathGroupConfig"] = {"internet": {
+            "localIntf": ["internet"], "ipsecProfile": "branch", "remoteViaConfig": {}}}
+        self.lab.configure(1, configuration)
+        self.lab.start_agent(1)
+        await_("charon is available", lambda: "Charon is available" in self.lab.log(1))
+        configuration["pathGroupConfig"]["internet"]["remoteViaConfig"] = {
+            router(2): {"remoteVia": addresses}}
+        before, load = self.busy("0.005"), os.getloadavg()[0]
+        start = time.monotonic()
+        self.lab.configure(1, configuration)
+        await_("all paths are up", lambda: self.lab.log(1).count(" is up by ") == len(addresses))
+        print(f"{len(addresses)} paths are up after {time.monotonic() - start:.2f} s; the event thread was "
+              f"busy for longer than 5 ms {self.busy('0.005') - before} times; load {load:.1f}", flush=True)
+        self.assertEqual(len(self.associations(2)), len(addresses))
+
+
+class CertificateTest(LabCase):
+    network = {"secured": ["internet"], "v6_outside": ["internet"]}
+
+    def openssl(self, *arguments):
+        subprocess.run(["openssl", *arguments], cwd=self.lab.directory, check=True, capture_output=True)
+
+    def certify(self, site, *validity):
+        """Gives a router a certificate of the laboratory's authority; returns its profile."""
+        name = f"router{site}"
+        self.openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", f"{name}.key", "-out",
+                     f"{name}.csr", "-subj", f"/CN={name}", "-addext", f"subjectAltName=DNS:{name}")
+        self.openssl("x509", "-req", "-in", f"{name}.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
+                     "-CAcreateserial", "-copy_extensions", "copy", "-out", f"{name}.pem", *validity)
+        place = self.lab.directory
+        os.chmod(f"{place}/{name}.key", 0o600)
+        return {"profile": {"branch": {
+            "certificate": f"{place}/{name}.pem", "privateKey": f"{place}/{name}.key",
+            "authority": [f"{place}/ca.pem"], "localId": name, "remoteId": "%any", "dpdDelay": 1,
+            "dpdTimeout": 2}}}
+
+    def test_certificates_over_ipv6_until_one_expires(self):
+        self.openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key", "-out", "ca.pem",
+                     "-subj", "/CN=authority", "-days", "2")
+        for site in sites:
+            self.lab.configure(site, ipsec=self.certify(site, "-days", "1"))
+        self.lab.start_agents()
+        self.lab.configure(3, ipsec=self.certify(3, "-days", "-1"))
+        for site in 1, 2:
+            await_("the certificate is refused", lambda s=site: any(
+                row["state"] != "established" and "a certificate is not valid now" in (row["lastError"] or "")
+                for row in self.shown(s, "show", "ipsec")))
+            self.assertEqual(self.lab.paths_up(site), 3)
+        self.lab.configure(3, ipsec=self.certify(3, "-days", "1"))
+        for site in sites:
+            await_(f"all paths of site {site} are up", lambda s=site: self.lab.paths_up(s) == 4)
+        self.assertEqual(self.lab.clear("internet"), {})
 
 
 if __name__ == "__main__":
