@@ -114,7 +114,7 @@ class PlaceFinder : public nlohmann::json_sax<Json> {
 
 }  // namespace
 
-Json parseJson(std::string_view text) {
+Json parseJson(std::string_view text, Comments comments) {
     size_t line = 1;
     auto refuse = [&line] [[noreturn]] (const std::string& reason) {
         throw JsonError("line " + std::to_string(line) + ": " + reason);
@@ -136,7 +136,8 @@ Json parseJson(std::string_view text) {
     };
     try {
         return Json::parse(CountingIterator(text.data(), line),
-                           CountingIterator(text.data() + text.size(), line), bounded);
+                           CountingIterator(text.data() + text.size(), line), bounded, true,
+                           comments == Comments::ignored);
     } catch (const Json::exception& error) {
         const std::string message = error.what();
         const size_t place = message.find("line ");
@@ -155,7 +156,8 @@ size_t lineOf(std::string_view text, const Json::json_pointer& place) {
     size_t line = 1;
     PlaceFinder finder(place, line);
     const CountingIterator begin(text.data(), line);
-    Json::sax_parse(begin, CountingIterator(text.data() + text.size(), line), &finder);
+    Json::sax_parse(begin, CountingIterator(text.data() + text.size(), line), &finder,
+                    Json::input_format_t::json, true, true);
     return finder.found();
 }
 

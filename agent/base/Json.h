@@ -41,15 +41,18 @@ inline constexpr int maxJsonDepth = 64;
 // The largest number of members of an object: finding a member of a Json walks over them.
 inline constexpr int maxJsonMembers = 4096;
 
+// Files that people write may contain comments, `// …` and `/* … */`; other texts are strict JSON.
+enum class Comments { refused, ignored };
+
 // The value of a text; throws JsonError if it is not JSON, exceeds these limits, or is not UTF-8.
-Json parseJson(std::string_view text);
+Json parseJson(std::string_view text, Comments comments = Comments::refused);
 
 // The text on one line, without a newline. Never throws because of a string's content: bytes that
 // are not UTF-8 are written as the replacement character.
 std::string dumpLine(const Json& value);
 
 // The line, counted from 1, on which the member or element `place` of a valid JSON text begins; if
-// it is not present, the line of its nearest enclosing one that is.
+// it is not present, the line of its nearest enclosing one that is. The text may contain comments.
 size_t lineOf(std::string_view text, const Json::json_pointer& place);
 
 // The content of a file; "-" is standard input. Throws JsonError with the system's reason.

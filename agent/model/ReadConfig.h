@@ -13,7 +13,7 @@ auto readText(const std::string& text, Read read) {
     if (text.size() > maxConfigBytes)
         throw JsonError("line 1: a configuration has at most " + std::to_string(maxConfigBytes) +
                         " bytes, this has " + std::to_string(text.size()));
-    const Json json = parseJson(text);
+    const Json json = parseJson(text, Comments::ignored);
     try {
         return read(json);
     } catch (const TreeError& error) {

@@ -300,7 +300,7 @@ History readHistoryFile(const std::string& name) {
     std::string text;
     try {
         text = readFile(name);
-        return readHistory(parseJson(text));
+        return readHistory(parseJson(text, Comments::ignored));
     } catch (const PlacedError& error) {
         throw JsonError(name + ": line " + std::to_string(lineOf(text, error.place())) + ": " +
                         error.what());
