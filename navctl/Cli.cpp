@@ -7,16 +7,17 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include "agent/base/RunDir.h"
+#include "agent/base/SaveFile.h"
 #include "agent/model/Config.h"
 #include "agent/model/IpsecConfig.h"
 #include "client/ControlClient.h"
 #include "navctl/Completion.h"
 #include "navctl/Counters.h"
 #include "navctl/Graph.h"
-#include "navctl/SaveFile.h"
 #include "navctl/Show.h"
 
 namespace Navctl {
@@ -73,14 +74,22 @@ class Program {
     template <class Use>
     static auto readFile(const std::string& file, Use use);
     void checkFiles() const;
+    void keepComments(const std::string& file) const;
+    bool fromHistory() const { return number_ != 0; }
 
     void get();
     void set();
     void del();
     void change(const Json& request);
     void watch();
+    Json wanted() const;
     void load();
+    void dryRun(Client::ControlClient& client, Json request);
     void check();
+    void diff();
+    void confirm();
+    void history();
+    void printChanges(const Json& changes);
     void save();
     void trace();
     void log();
@@ -94,8 +103,9 @@ class Program {
     std::string runDir_, path_, value_, file_, forwarding_, ipsec_, shell_, facility_, level_,
         site_, application_;
     std::vector<std::string> words_;
-    unsigned last_ = 100;
-    bool json_ = false, raw_ = false, watch_ = false, graph_ = false;
+    unsigned last_ = 100, number_ = 0, seconds_ = 0;
+    bool json_ = false, raw_ = false, watch_ = false, graph_ = false, dryRun_ = false,
+         refuse_ = false, force_ = false;
 };
 
 CLI::App* Program::command(CLI::App& parent, const char* name, const std::string& description,
@@ -132,6 +142,8 @@ void Program::build() {
     for (auto* each :
          {command(app_, "load", "Make a file the configuration", &Program::load),
           command(app_, "check", "Say whether a file would be accepted", &Program::check),
+          command(app_, "diff", "Compare the running configuration with a file, or the agent's own",
+                  &Program::diff),
           command(app_, "save", "Write the configuration to a file", &Program::save)}) {
         each->add_option("FILE", file_, "- for standard input or output");
         each->add_option("--forwarding", forwarding_,
@@ -141,6 +153,20 @@ void Program::build() {
     app_.get_subcommand("check")
         ->add_option("--ipsec", ipsec_, "The same with the IPsec profiles")
         ->type_name("FILE");
+    for (const char* name : {"load", "diff"})
+        app_.get_subcommand(name)
+            ->add_option("--from-history", number_, "An entry of show history instead of files")
+            ->type_name("N");
+    CLI::App* load = app_.get_subcommand("load");
+    load->add_flag("--dry-run", dryRun_, "Print what would change, and change nothing");
+    load->add_option("--confirm", seconds_,
+                     "Return to the present configuration without a navctl confirm in time")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 86400));
+    app_.get_subcommand("save")->add_flag("--force", force_,
+                                          "Overwrite a file with comments, which are lost");
+    command(app_, "confirm", "Keep the configuration that waits for it", &Program::confirm)
+        ->add_flag("--no", refuse_, "Return to the one before at once");
     command(app_, "batch", "Send requests, one JSON object a line", &Program::batch)
         ->add_option("FILE", file_, "- for standard input")
         ->required();
@@ -181,6 +207,8 @@ void Program::buildShow() {
     command(*show, "events", "The last changes, with their causes and authors", &Program::events)
         ->add_option("--last", last_, "How many, 100 unless given")
         ->type_name("N");
+    command(*show, "history", "The last configurations, with their authors", &Program::history)
+        ->add_option("N", number_, "What this entry changed");
     CLI::App* quality =
         command(*show, "quality", "What is measured of the paths", &Program::quality);
     quality->add_option("NAME", path_, "Only this path, such as Path3");
@@ -393,25 +421,94 @@ void Program::checkFiles() const {
     if (file_ == "-" && forwarding_ == "-") throw BadUsage("only one of the two files can be -");
 }
 
-// Validated here first, where the lines of the files are known; then by the agent, which also knows
-// the running configuration, so that its warnings are read before anything changes.
-void Program::load() {
-    Json request;
+// The configurations of the command line as members of a request. Files are validated here first,
+// where their lines are known.
+Json Program::wanted() const {
+    if (fromHistory() && (!file_.empty() || !forwarding_.empty()))
+        throw BadUsage("--from-history cannot be combined with files");
+    if (fromHistory()) return {{"history", number_}};
+    Json request = Json::object();
     const auto add = [&request](const char* member, const std::string& file, auto validate) {
         if (file.empty()) return;
         request[member] = readFile(file, [&validate](const std::string& text) {
             validate(text);
-            return Agent::parseJson(text);
+            return Agent::parseJson(text, Agent::Comments::ignored);
         });
     };
-    checkFiles();
     add("value", file_, Agent::readConfigText);
     add("forwarding", forwarding_, Agent::readForwardingText);
+    return request;
+}
+
+// The agent, which also knows the running configuration, is asked for warnings before anything
+// changes.
+void Program::load() {
+    if (!fromHistory()) checkFiles();
+    Json request = wanted();
     Client::ControlClient client(runDir());
+    if (dryRun_) return dryRun(client, std::move(request));
     request["op"] = "check";
     printWarnings(client.request(request).value("warnings", Json::array()));
     request["op"] = "load";
+    if (seconds_ != 0) request["confirm"] = seconds_;
     client.request(request);
+    if (seconds_ != 0 && !json_)
+        streams_.out
+            << "navctl confirm keeps the configuration; without it the agent returns to the "
+               "one before in "
+            << seconds_ << " s\n";
+}
+
+void Program::dryRun(Client::ControlClient& client, Json request) {
+    request["op"] = "load";
+    request["dryRun"] = true;
+    const Json answer = client.request(request);
+    printWarnings(answer.value("warnings", Json::array()));
+    const Json& change = answer.at("value");
+    if (json_) return printJson(change);
+    printChanges(change.at("configuration"));
+    for (const char* kind : {"paths", "traffic"})
+        if (!change.at(kind).empty()) {
+            streams_.out << "\n" << kind << "\n";
+            printTable(rowTable(change.at(kind)));
+        }
+}
+
+// Differences make the command fail, as those of diff(1) do.
+void Program::diff() {
+    if (file_ == "-" && forwarding_ == "-") throw BadUsage("only one of the two files can be -");
+    Json request = wanted();
+    request["op"] = "diff";
+    const Json changes = Client::ControlClient(runDir()).request(request).at("value");
+    json_ ? printJson(changes) : printChanges(changes);
+    if (!changes.empty()) throw Client::Refused(std::to_string(changes.size()) + " differences");
+}
+
+void Program::confirm() {
+    Client::ControlClient(runDir()).request({{"op", "confirm"}, {"keep", !refuse_}});
+}
+
+void Program::history() {
+    Client::ControlClient client(runDir());
+    if (!fromHistory()) {
+        const Json rows = withUsers(client.request({{"op", "history"}}).at("value"));
+        return json_ ? printJson(rows) : printTable(rowTable(rows));
+    }
+    const Json row = client.request({{"op", "history"}, {"number", number_}}).at("value");
+    json_ ? printJson(row) : printChanges(row.at("changes"));
+}
+
+// A line with a minus for what is removed, with a plus for what is added.
+void Program::printChanges(const Json& changes) {
+    for (const Json& change : changes)
+        for (const auto& [name, sign, colour] :
+             {std::tuple("before", "- ", "\x1b[31m"), {"after", "+ ", "\x1b[32m"}}) {
+            const Json& value = change.at(name);
+            if (value.is_null()) continue;
+            streams_.out << (streams_.colours ? colour : "") << sign
+                         << change.at("path").get<std::string>() << " " << Agent::dumpLine(value)
+                         << (streams_.colours ? "\x1b[0m" : "") << "\n";
+        }
 }
 
 void Program::check() {
@@ -432,22 +529,43 @@ void Program::check() {
     }
 }
 
+// Refuses to overwrite a file with comments, which only their author can write again.
+void Program::keepComments(const std::string& file) const {
+    if (force_ || file.empty() || !std::filesystem::is_regular_file(file)) return;
+    const std::string text = readFile(file, [](const std::string& content) { return content; });
+    const auto isJson = [&text](Agent::Comments comments) {
+        try {
+            Agent::parseJson(text, comments);
+            return true;
+        } catch (const Agent::JsonError&) {
+            return false;
+        }
+    };
+    if (!isJson(Agent::Comments::refused) && isJson(Agent::Comments::ignored))
+        throw Client::Refused(
+            file +
+            ": it has comments, which would be lost; \"navctl diff\" shows what to "
+            "change in it, --force overwrites it");
+}
+
 // Keys are written into a file of the owner's alone, and nowhere else.
 void Program::save() {
     checkFiles();
+    keepComments(file_);
+    keepComments(forwarding_);
     Client::ControlClient client(runDir());
-    const auto write = [this](const std::string& file, const Json& config, SaveMode mode) {
+    const auto write = [this](const std::string& file, const Json& config, Agent::SaveMode mode) {
         const std::string text = config.dump(2) + "\n";
-        file == "-" ? void(streams_.out << text) : saveFile(file, text, mode);
+        file == "-" ? void(streams_.out << text) : Agent::saveFile(file, text, mode);
     };
     if (!forwarding_.empty()) {
         const Json forwarding = forwarding_ == "-"
                                     ? client.get("/forwardingConfig")
                                     : client.request({{"op", "save"}}).at("value").at("forwarding");
         if (forwarding.is_null()) throw Client::Refused(Agent::notForwarding);
-        write(forwarding_, forwarding, SaveMode::ownerOnly);
+        write(forwarding_, forwarding, Agent::SaveMode::ownerOnly);
     }
-    if (!file_.empty()) write(file_, client.get("/cliConfig"), SaveMode::asBefore);
+    if (!file_.empty()) write(file_, client.get("/cliConfig"), Agent::SaveMode::asBefore);
 }
 
 void Program::trace() {

@@ -1,9 +1,12 @@
 #include "navctl/Show.h"
 
+#include <pwd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <cstdint>
+#include <cstdio>
 #include <map>
 #include <set>
 #include <tuple>
@@ -329,6 +332,22 @@ TextTable rowTable(const Json& rows) {
             table.rows.back().push_back(member(row, name));
     }
     return table;
+}
+
+Json withUsers(const Json& rows) {
+    Json named = Json::array();
+    for (const Json& row : rows) {
+        Json& copy = named.emplace_back(Json::object());
+        for (const auto& [name, value] : row.items()) {
+            copy[name] = value;
+            if (name != "by") continue;
+            uid_t uid = 0;
+            const bool isUser = std::sscanf(value.get<std::string>().c_str(), "uid %u", &uid) == 1;
+            const passwd* user = isUser ? getpwuid(uid) : nullptr;
+            copy["user"] = user ? Json(user->pw_name) : Json();
+        }
+    }
+    return named;
 }
 
 Headed forwardingTables(const Json& report) {

@@ -34,6 +34,11 @@ Headed explainTables(const Json& answer);
 // A row for each object of an answer; the columns are the members of the first.
 TextTable rowTable(const Json& rows);
 
+// Rows of changes with one member more, after "by": the name of the user who made the change, null
+// if that is nobody whom this machine knows. The agent itself does not look up names, which may
+// take time.
+Json withUsers(const Json& rows);
+
 // The table of `show quality`, from the agent's rows.
 TextTable qualityTable(const Json& rows);
 

@@ -76,13 +76,18 @@ class ServiceTest(Products):
 
         if navctl("--version").returncode != 0:
             self.skipTest("other users cannot run the programs built here")
+        config = f"{source}/examples/branch/branch.json"
         for reading in (["get", "/cliConfig"], ["show", "paths"], ["show", "events"], ["explain"],
-                        ["trace"], ["log"], ["ping"]):
+                        ["trace"], ["log"], ["ping"], ["diff"], ["diff", config], ["show", "history"],
+                        ["show", "history", "1"], ["load", "--dry-run", config],
+                        ["load", "--dry-run", "--from-history", "1"]):
             self.assertEqual(navctl(*reading).returncode, 0, reading)
         await_("counters can be read", lambda: navctl("show", "counters").returncode == 0)
-        config = f"{source}/examples/branch/branch.json"
         for changing in (["set", "/cliConfig/udpPortConfig", "1"], ["del", "/cliConfig/vrfConfig[v]"],
-                         ["load", config], ["save", "--forwarding", "/dev/shm/nav-not-written"],
+                         ["load", config], ["load", "--confirm", "9", config], ["confirm"],
+                         ["confirm", "--no"], ["load", "--from-history", "1"],
+                         ["diff", "--forwarding", f"{source}/examples/linux/forwarding.json"],
+                         ["save", "--forwarding", "/dev/shm/nav-not-written"],
                          ["log", "path", "8"]):
             done = navctl(*changing)
             self.assertEqual(done.returncode, 1, changing)

@@ -1,4 +1,4 @@
-#include "navctl/SaveFile.h"
+#include "agent/base/SaveFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
-namespace Navctl {
+namespace Agent {
 
 namespace {
 
@@ -45,8 +45,8 @@ class Output {
             (void)!fchown(descriptor_, static_cast<uid_t>(-1), file.st_gid);
         modeIs(file.st_mode & 07777);
     }
+    void sync() { check(fsync(descriptor_) == 0); }
     void rename(const std::string& target) {
-        check(fsync(descriptor_) == 0);
         check(::rename(temporary_.c_str(), target.c_str()) == 0);
         temporary_.clear();
     }
@@ -71,7 +71,7 @@ std::string followLinks(const std::string& name) {
 
 }  // namespace
 
-void saveFile(const std::string& name, const std::string& content, SaveMode mode) {
+void saveFile(const std::string& name, const std::string& content, SaveMode mode, Sync sync) {
     const std::string target = followLinks(name);
     struct stat present {};
     const bool exists = stat(target.c_str(), &present) == 0;
@@ -96,7 +96,8 @@ void saveFile(const std::string& name, const std::string& content, SaveMode mode
         umask(mask);
         output.modeIs(0666 & ~mask);
     }
+    if (sync == Sync::yes) output.sync();
     output.rename(target);
 }
 
-}  // namespace Navctl
+}  // namespace Agent

@@ -1,9 +1,9 @@
-// Writing a file whole or not at all.
+// Writing a file whole or not at all. For navctl, and for what the agent keeps across restarts.
 #pragma once
 
 #include <string>
 
-namespace Navctl {
+namespace Agent {
 
 // Gives the file this content. A regular file is replaced in one step: mode, and where permitted
 // owner, stay; a symbolic link is followed; after a failure the old content stands and nothing else
@@ -12,6 +12,10 @@ namespace Navctl {
 // ownerOnly is for secrets: a regular file of mode 0600, whatever it was before; anything else is
 // refused.
 enum class SaveMode { asBefore, ownerOnly };
-void saveFile(const std::string& name, const std::string& content, SaveMode mode);
+// Whether the content has to be on the disk before the file is replaced. Waiting for the disk is
+// not for the event thread.
+enum class Sync { yes, no };
+void saveFile(const std::string& name, const std::string& content, SaveMode mode,
+              Sync sync = Sync::yes);
 
-}  // namespace Navctl
+}  // namespace Agent

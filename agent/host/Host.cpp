@@ -10,6 +10,7 @@
 
 #include "agent/model/Config.h"
 #include "agent/observe/Explain.h"
+#include "agent/observe/Foresight.h"
 #include "agent/observe/Interfaces.h"
 #include "agent/observe/Validate.h"
 
@@ -91,13 +92,16 @@ class MemoryFile {
 }  // namespace
 
 Host::Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform, ForwardingPtr forwarding,
-           IpsecPtr ipsec, std::string eventsFile)
+           IpsecPtr ipsec, std::string eventsFile, std::string historyFile)
     : forwarding_(std::move(forwarding)),
       ipsec_(std::move(ipsec)),
       inputs_(Nav::makeNavInputs(Vel::Ptr<Vel::Scheduler>(scheduler))),
       platform_(std::move(platform)),
       tree_(makeRoots(inputs_, *platform_, root_, forwarding_.get(), ipsec_.get())),
-      events_(std::move(eventsFile)) {
+      events_(std::move(eventsFile)),
+      configuration_({*inputs_.cliConfig, forwarding_.get(), ipsec_.get()},
+                     {*inputs_.ipStatusDir, [this] { platform_->configured(); }, scheduler, events_,
+                      std::move(historyFile)}) {
     root_ = Nav::NavRootSmIs(inputs_);
     platform_->start(inputs_);
     if (QualityStatus* measured = platform_->quality()) quality_.emplace(inputs_, *measured);
@@ -155,13 +159,16 @@ Json Host::quality(const Json& request) const {
 
 Controlled Host::controlled() {
     return {tree_,
-            {*inputs_.cliConfig, forwarding_.get(), ipsec_.get()},
-            *inputs_.ipStatusDir,
+            configuration_,
+            events_,
             platform_->name(),
             platform_->manual(),
             [this](const std::string& word) { return show(word); },
             [this] { return platform_->forwarding(); },
-            [this] { platform_->configured(); },
+            [this](const Transaction& transaction) {
+                observer_->observe();
+                return foresee(inputs_, database(), *platform_, *observer_, transaction);
+            },
             {{"explain",
               [this](const Json& request) {
                   const Question question = questionOf(request);
@@ -177,8 +184,7 @@ Controlled Host::controlled() {
               }},
              {"quality", [this](const Json& request) { return quality(request); }},
              {"carriers", [this](const Json&) { return carriers(); }},
-             {"ipsec", [this](const Json&) { return platform_->ipsec(); }}},
-            &events_};
+             {"ipsec", [this](const Json&) { return platform_->ipsec(); }}}};
 }
 
 }  // namespace Agent

@@ -21,9 +21,10 @@ namespace Agent {
 class Host {
   public:
     // `forwarding`: what the platform forwards by; null if it does not. `ipsec`: the profiles of
-    // its IPsec service; null if it has none. `eventsFile`: see Events.
+    // its IPsec service; null if it has none. `eventsFile`: see Events; `historyFile`: see History.
     Host(Vel::Scheduler& scheduler, std::unique_ptr<Platform> platform,
-         ForwardingPtr forwarding = nullptr, IpsecPtr ipsec = nullptr, std::string eventsFile = {});
+         ForwardingPtr forwarding = nullptr, IpsecPtr ipsec = nullptr, std::string eventsFile = {},
+         std::string historyFile = {});
     ~Host();
 
     // Written by the platform; the configuration is written through the tree or a load.
@@ -36,6 +37,7 @@ class Host {
     // only the configurations can be written through it.
     Tree& tree() { return tree_; }
     Events& events() { return events_; }
+    Configuration& configuration() { return configuration_; }
     const Observer& observer() const { return *observer_; }
 
     // The library's answer to a show command; empty for an unknown word.
@@ -59,6 +61,7 @@ class Host {
     const std::unique_ptr<Platform> platform_;
     Tree tree_;
     Events events_;
+    Configuration configuration_;
     std::optional<Observer> observer_;      // while the platform runs
     std::optional<QualityReport> quality_;  // absent if the platform measures nothing
     Vel::U32 commands_ = 0;

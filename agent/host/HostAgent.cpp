@@ -58,11 +58,11 @@ HostAgent::HostAgent(Options options, Log& log)
       forwarding_(options_.forwarding.empty() ? nullptr : makeForwarding()),
       ipsec_(options_.ipsec.empty() ? nullptr : makeIpsec()),
       host_(*scheduler_, makePlatform(options_, loop_, forwarding_, ipsec_), forwarding_, ipsec_,
-            options_.events),
+            options_.events, options_.history),
       fib_(*host_.inputs().forwardingStatus, Shard::Namespace(runDir_.path()), "fib", *scheduler_),
       fib6_(*host_.inputs().forwarding6Status, Shard::Namespace(runDir_.path()), "fib6",
             *scheduler_),
-      requests_(host_.controlled()),
+      requests_(controlled()),
       commands_(loop_, runDir_.path() + "/" + commandSocketName,
                 [this](const std::string& word) { return host_.show(word); }),
       control_(loop_, runDir_.path() + "/" + controlSocketName, requests_),
@@ -75,7 +75,7 @@ HostAgent::HostAgent(Options options, Log& log)
            ", pid ", getpid(), ", run directory ", runDir_.path());
     host_.events().add({Event::Kind::agent, "nav-agent", "started, version " NAV_VERSION, {}, {}});
     try {
-        loadFiles("start of the agent");
+        loadFirst();
     } catch (...) {
         // What an earlier agent has left goes on forwarding.
         host_.platform().keepForwarding();
@@ -109,22 +109,49 @@ void HostAgent::reload() {
     manager_.ready();
 }
 
-void HostAgent::loadFiles(const char* author) {
+Controlled HostAgent::controlled() {
+    Controlled controlled = host_.controlled();
+    controlled.files = [this]() -> std::optional<WantedConfig> {
+        if (options_.config.empty() && options_.forwarding.empty()) return {};
+        return readFiles();
+    };
+    return controlled;
+}
+
+WantedConfig HostAgent::readFiles() const {
     WantedConfig wanted;
     wanted.paths =
         readIn(options_.config, [](const auto& file) { return readConfigText(readFile(file)); });
     wanted.forwarding = readIn(options_.forwarding,
                                [](const auto& file) { return readForwardingText(readFile(file)); });
     wanted.ipsec = readIn(options_.ipsec, readIpsecFile);
+    return wanted;
+}
+
+void HostAgent::loadFirst() {
+    const auto before = host_.configuration().interrupted();
+    if (!before) return loadFiles("start of the agent");
+    WantedConfig wanted = host_.configuration().fromHistory(*before);
+    wanted.ipsec = readIn(options_.ipsec, readIpsecFile);
+    load({"entry " + std::to_string(*before) + " of " + options_.history +
+              ", because the last was not confirmed before the stop",
+          "start of the agent"},
+         std::move(wanted));
+}
+
+void HostAgent::loadFiles(const char* author) {
     std::string files;
     for (const std::string& file : {options_.config, options_.forwarding, options_.ipsec})
         if (!file.empty()) files += (files.empty() ? "" : " and ") + file;
-    if (files.empty()) return;
-    for (const std::string& warning : requests_.load(std::move(wanted)))
-        DUOLOG(agentTrace, 4, files, ": warning: ", LongText{warning});
-    DUOLOG(agentTrace, 5, "configuration loaded from ", files);
-    host_.events().add(
-        {Event::Kind::configuration, "configuration", "loaded from " + files, {}, author});
+    if (!files.empty()) load({files, author}, readFiles());
+}
+
+void HostAgent::load(const Change& change, WantedConfig wanted) {
+    const Change entry{"loaded from " + change.text, change.author};
+    for (const std::string& warning : host_.configuration().load(entry, std::move(wanted)))
+        DUOLOG(agentTrace, 4, change.text, ": warning: ", LongText{warning});
+    DUOLOG(agentTrace, 5, "configuration ", entry.text);
+    host_.events().add({Event::Kind::configuration, "configuration", entry.text, {}, entry.author});
 }
 
 }  // namespace Agent

@@ -27,6 +27,7 @@ struct Options {
     std::string world;             // file that describes the simulated router; none if empty
     std::string runDir;            // not empty: main uses defaultRunDir() by default
     std::string events;            // file that keeps the events across restarts; none if empty
+    std::string history;           // the same of the last configurations
     std::string group;             // its members may read, but change nothing; none if empty
     std::string metrics;           // address and port of the metrics; none if empty
     std::string metricsToken;      // file with the token that collectors on that port must have
@@ -45,9 +46,15 @@ class HostAgent {
     void run() { loop_.run(); }
 
   private:
-    // Makes of the configuration files what a load request would; throws with the file's name, the
-    // line and the reason when one is refused, which leaves everything as it was.
+    // The configuration of the files; throws with the file's name, the line and the reason.
+    WantedConfig readFiles() const;
+    // Makes of the configuration files what a load request would; throws when one is refused, which
+    // leaves everything as it was.
     void loadFiles(const char* author);
+    // The same at the start, unless the last agent stopped with an unconfirmed configuration.
+    void loadFirst();
+    void load(const Change& change, WantedConfig wanted);
+    Controlled controlled();
     void reload();
     void stop(const char* signal);
 

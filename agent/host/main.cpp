@@ -43,6 +43,9 @@ int main(int argc, char** argv) {
         ->type_name("NAME");
     app.add_option("--events", options.events, "Keep the events across restarts in this file")
         ->type_name("FILE");
+    app.add_option("--history", options.history,
+                   "Keep the last configurations across restarts in this file, of mode 0600")
+        ->type_name("FILE");
     app.add_option("--metrics", options.metrics,
                    "Serve the metrics on this address and port, too: 127.0.0.1:9473")
         ->type_name("ADDRESS:PORT");

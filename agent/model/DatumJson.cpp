@@ -36,6 +36,10 @@ Json toJson(const Vel::Datum& datum, Secrets secrets) {
     return std::visit(ToJson{secrets}, datum.value);
 }
 
+Json wholeConfig(const Vel::Entity* config) {
+    return config ? toJson(Vel::toDatum(*config), Secrets::shown) : Json();
+}
+
 Vel::Datum toDatum(const Json& json) {
     switch (json.type()) {
         case Json::value_t::boolean:

@@ -4,6 +4,7 @@
 
 #include "agent/base/Json.h"
 #include "platform/vel/Datum.h"
+#include "platform/vel/Entity.h"
 
 namespace Agent {
 
@@ -11,5 +12,7 @@ enum class Secrets { hidden, shown };
 
 Json toJson(const Vel::Datum& datum, Secrets secrets = Secrets::hidden);
 Vel::Datum toDatum(const Json& json);
+// A configuration as its owner's file has it, keys included; null if there is none.
+Json wholeConfig(const Vel::Entity* config);
 
 }  // namespace Agent

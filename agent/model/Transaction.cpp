@@ -84,6 +84,22 @@ std::vector<std::string> Transaction::check(const Ip::Status* interfaces) const 
     return warnings;
 }
 
+std::vector<Difference> Transaction::differences() const {
+    // A version lower than the running one has no effect.
+    for (Nav::PolicyConfig& policy : wanted_->policyConfig())
+        if (const auto* running = running_.policyConfig(policy.name()))
+            policy.configVersionIs(std::max(policy.configVersion(), running->configVersion()));
+    std::vector<Difference> differences;
+    const auto add = [&](const char* name, const Entity* running, const Entity* wanted) {
+        if (running && wanted)
+            addDifferences(differences, *running, *wanted, std::string("/") + name);
+    };
+    add(configName, &running_, wanted_.get());
+    add(forwardingName, runningForwarding_, wantedForwarding_.get());
+    add(ipsecName, runningIpsec_, wantedIpsec_.get());
+    return differences;
+}
+
 void Transaction::apply() {
     const Vel::Hold hold;
     const bool on = wanted_->navConfigured();

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "agent/model/Config.h"
+#include "agent/model/Difference.h"
 #include "agent/model/IpsecConfig.h"
 
 namespace Agent {
@@ -47,6 +48,10 @@ class Transaction {
     explicit Transaction(const RunningConfig& running, WantedConfig wanted = {});
 
     Tree& tree() { return tree_; }
+    // The configurations as they would be; null: none, or unchanged. Not to be changed.
+    WantedConfig wanted() const { return {wanted_, wantedForwarding_, wantedIpsec_}; }
+    // What apply() would change, except that it may raise versions.
+    std::vector<Difference> differences() const;
 
     // Throws TreeError if a configuration is invalid; returns warnings, a sentence each.
     std::vector<std::string> check(const Ip::Status* interfaces) const;

@@ -4,8 +4,7 @@
 #include <map>
 #include <set>
 
-#include "agent/model/Config.h"
-#include "nav/root/NavRootSm.h"
+#include "agent/observe/Replica.h"
 
 namespace Agent {
 
@@ -107,62 +106,14 @@ class Facts {
     std::set<std::string> facts_;
 };
 
-// Runs what is due at once, and no timers of the future.
-void settle(Vel::Scheduler& scheduler) {
-    for (auto next = scheduler.nextDeadline(); next && *next <= scheduler.now();
-         next = scheduler.nextDeadline())
-        scheduler.runDue();
-}
-
-const Nav::NavDb* databaseOf(const Vel::Ptr<Nav::NavRootSm>& root) {
-    const Nav::NavContainer* container = root->navContainer();
-    return container ? container->navDb() : nullptr;
-}
-
-// What the forwarding side reports, under the indices that the paths have in another root.
-void copyHardware(const NavInputs& from, const Nav::NavDb& there, const NavInputs& to,
-                  const Nav::NavDb& here) {
-    for (const Nav::HwPathStatusEntry& entry : from.hwPathStatus->hwPathStatusList()) {
-        const Nav::PathKey path = entry.key().pathKey();
-        const Nav::PathKeyInfo *before = there.pathKeyInfo(path), *now = here.pathKeyInfo(path);
-        if (!before || !now || before->pathIndex() != entry.key().pathIndex) continue;
-        Nav::HwPathKey key = entry.key();
-        key.pathIndex = now->pathIndex();
-        to.hwPathStatus->hwPathStatusListIs(key, [&](Nav::HwPathStatusEntry& copy) {
-            copy.hwPathIndexIs(entry.hwPathIndex());
-            copy.hwArpIndexIs(entry.hwArpIndex());
-            copy.ipsecEncapIdIs(entry.ipsecEncapId());
-        });
-    }
-}
-
 void compareWithFreshStart(const NavInputs& in, const Nav::NavDb* database,
                            std::vector<std::string>& differences) {
-    const NavInputs fresh = Nav::makeNavInputs(Vel::make<Vel::Scheduler>(in.scheduler->clock()));
-    addMissing(*fresh.cliConfig, *in.cliConfig);
-    addMissing(*fresh.ipStatusDir, *in.ipStatusDir);
-    addMissing(*fresh.ip6StatusDir, *in.ip6StatusDir);
-    addMissing(*fresh.routingHwRouteStatus, *in.routingHwRouteStatus);
-    for (const Routing::NexthopVrfStatus& vrf : in.nexthopStatus->vrf())
-        fresh.nexthopStatus->vrfIs(vrf.vrfName());
-    Vel::Ptr<Nav::NavRootSm> root = Nav::NavRootSmIs(fresh);
-    settle(*fresh.scheduler);
-    // Services answer requests, so their answers come after these.
-    addMissing(*fresh.forwardingStatus, *in.forwardingStatus);
-    addMissing(*fresh.forwarding6Status, *in.forwarding6Status);
-    addMissing(*fresh.nexthopStatus, *in.nexthopStatus);
-    addMissing(*fresh.ipsecPathStatusDir, *in.ipsecPathStatusDir);
-    settle(*fresh.scheduler);
-    const Nav::NavDb* here = databaseOf(root);
-    if (here && database) copyHardware(in, *database, fresh, *here);
-    settle(*fresh.scheduler);
-
-    const Facts is(in, database), should(fresh, here);
+    const Replica replica(in, database, *in.cliConfig);
+    const Facts is(in, database), should(replica.inputs(), replica.database());
     for (const std::string& fact : should.all())
         if (!is.all().contains(fact)) differences.push_back("missing: " + fact);
     for (const std::string& fact : is.all())
         if (!should.all().contains(fact)) differences.push_back("not expected: " + fact);
-    root = nullptr;
 }
 
 // Each path has an index of its own, as has each key of load balancing.

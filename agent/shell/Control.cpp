@@ -32,13 +32,54 @@ size_t countIn(const Json& request, size_t otherwise) {
     return last->get<size_t>();
 }
 
-// Either of the two may be left out.
-WantedConfig wantedBy(const Json& request) {
-    WantedConfig wanted;
-    if (request.contains("forwarding")) wanted.forwarding = readForwarding(request["forwarding"]);
-    if (request.contains("value") || !wanted.forwarding)
-        wanted.paths = readConfig(member(request, "value"));
-    return wanted;
+bool flag(const Json& request, const char* name) {
+    const auto found = request.find(name);
+    if (found == request.end()) return false;
+    if (!found->is_boolean()) throw RequestError(std::string(name) + ": expected true or false");
+    return found->get<bool>();
+}
+
+uint64_t numberIn(const Json& request, const char* name) {
+    const Json& value = member(request, name);
+    if (!value.is_number_unsigned())
+        throw RequestError(std::string(name) + ": expected a whole number");
+    return value.get<uint64_t>();
+}
+
+// How long a configuration waits for its confirmation at most.
+constexpr uint64_t longestConfirmation = 86400;  // s
+
+std::optional<std::chrono::seconds> confirmationIn(const Json& request) {
+    if (!request.contains("confirm")) return {};
+    const uint64_t seconds = numberIn(request, "confirm");
+    if (seconds == 0 || seconds > longestConfirmation)
+        throw RequestError("confirm: expected seconds from 1 to " +
+                           std::to_string(longestConfirmation) + ", got " +
+                           std::to_string(seconds));
+    return std::chrono::seconds(seconds);
+}
+
+bool changesConfiguration(const std::string& op, const Json& request) {
+    return op == "set" || op == "del" || op == "confirm" ||
+           (op == "load" && !flag(request, "dryRun"));
+}
+
+// Whether only who may change anything may ask this. Comparing keys would let others guess them.
+bool isReserved(const std::string& op, const Json& request) {
+    return changesConfiguration(op, request) || op == "save" ||
+           (op == "log" && request.contains("level")) ||
+           ((op == "diff" || op == "load") && request.contains("forwarding"));
+}
+
+// For the log, the events and the history: `set "/cliConfig/udpPortConfig"`.
+std::string describe(const std::string& op, const Json& request) {
+    std::string text = op;
+    if (const auto path = request.find("path"); path != request.end())
+        text += " " + dumpLine(*path);
+    for (const char* name : {"history", "confirm", "keep"})
+        if (const auto found = request.find(name); found != request.end())
+            text += std::string(" ") + name + " " + dumpLine(*found);
+    return text;
 }
 
 Answer warned(std::vector<std::string> warnings) {
@@ -55,48 +96,47 @@ Control::Control(Controlled agent)
     : agent_(std::move(agent)),
       watches_(agent_.tree),
       navConfigured_(Vel::Subscription::to<&Watches::rootChanged>(
-          agent_.running.paths, Nav::NavCliConfig::navConfiguredAttr, &watches_)) {}
+          agent_.configuration.running().paths, Nav::NavCliConfig::navConfiguredAttr, &watches_)) {}
 
 Answer Control::handle(const std::string& op, const Json& request, Session& session) {
-    static const std::map<std::string, Answer (Control::*)(const Json&, Session&)> operations = {
-        {"get", &Control::get},      {"set", &Control::set},
-        {"del", &Control::del},      {"load", &Control::loadRequest},
-        {"check", &Control::check},  {"save", &Control::save},
-        {"show", &Control::show},    {"watch", &Control::watch},
-        {"trace", &Control::trace},  {"log", &Control::log},
-        {"ping", &Control::ping},    {"forwarding", &Control::forwarding},
-        {"events", &Control::events}};
     if (const auto report = agent_.reports.find(op); report != agent_.reports.end())
         return report->second(request);
-    static const std::set<std::string> changes = {"set", "del", "load", "save"};
-    if (!session.mayChange() &&
-        (changes.contains(op) || (op == "log" && request.contains("level"))))
+    if (!session.mayChange() && isReserved(op, request))
         throw RequestError(op + ": permission denied to " + session.author() +
                            "; only root and the agent's user may change anything, others may read");
-    const auto operation = operations.find(op);
-    if (operation == operations.end()) throw RequestError("op: \"" + op + "\" not found");
-    if (agent_.manual || (op != "set" && op != "del" && op != "load"))
-        return (this->*operation->second)(request, session);
-    const auto found = request.find("path");
-    const std::string path = found != request.end() ? " " + dumpLine(*found) : "";
+    if (agent_.manual || !changesConfiguration(op, request)) return perform(op, request, session);
+    const std::string text = describe(op, request);
     try {
-        Answer answer = (this->*operation->second)(request, session);
-        DUOLOG(agentTrace, 5, "configuration: ", op, LongText{path}, " by ",
+        Answer answer = perform(op, request, session);
+        DUOLOG(agentTrace, 5, "configuration: ", LongText{text}, " by ",
                LongText{session.author()});
-        record(op + path, {}, session);
+        record(text, {}, session);
         return answer;
     } catch (const std::exception& error) {
-        DUOLOG(agentTrace, 4, "configuration: ", op, LongText{path}, " by ",
-               LongText{session.author()}, " refused: ", LongText{error.what()});
-        record(op + path + " refused", error.what(), session);
+        DUOLOG(agentTrace, 4, "configuration: ", LongText{text}, " by ", LongText{session.author()},
+               " refused: ", LongText{error.what()});
+        record(text + " refused", error.what(), session);
         throw;
     }
 }
 
+Answer Control::perform(const std::string& op, const Json& request, Session& session) {
+    static const std::map<std::string, Answer (Control::*)(const Json&, Session&)> operations = {
+        {"get", &Control::get},         {"set", &Control::set},
+        {"del", &Control::del},         {"load", &Control::load},
+        {"check", &Control::check},     {"save", &Control::save},
+        {"diff", &Control::diff},       {"confirm", &Control::confirm},
+        {"history", &Control::history}, {"show", &Control::show},
+        {"watch", &Control::watch},     {"trace", &Control::trace},
+        {"log", &Control::log},         {"ping", &Control::ping},
+        {"events", &Control::events},   {"forwarding", &Control::forwarding}};
+    const auto operation = operations.find(op);
+    if (operation == operations.end()) throw RequestError("op: \"" + op + "\" not found");
+    return (this->*operation->second)(request, session);
+}
+
 void Control::record(const std::string& text, const std::string& cause, const Session& session) {
-    if (agent_.events)
-        agent_.events->add(
-            {Event::Kind::configuration, "configuration", text, cause, session.author()});
+    agent_.events.add({Event::Kind::configuration, "configuration", text, cause, session.author()});
 }
 
 Answer Control::get(const Json& request, Session&) {
@@ -110,58 +150,94 @@ Answer Control::get(const Json& request, Session&) {
     return value;
 }
 
-Answer Control::set(const Json& request, Session&) {
-    const std::string path = text(request, "path");
+Answer Control::set(const Json& request, Session& session) {
     const Json& value = member(request, "value");
-    return change(path, [&](Tree& tree) { tree.set(path, value); });
+    return edit(request, session,
+                [&](Tree& tree, const std::string& path) { tree.set(path, value); });
 }
 
-Answer Control::del(const Json& request, Session&) {
+Answer Control::del(const Json& request, Session& session) {
+    return edit(request, session, [](Tree& tree, const std::string& path) { tree.del(path); });
+}
+
+Answer Control::edit(const Json& request, const Session& session,
+                     const std::function<void(Tree&, const std::string& path)>& make) {
     const std::string path = text(request, "path");
-    return change(path, [&](Tree& tree) { tree.del(path); });
-}
-
-Answer Control::change(const std::string& path, const std::function<void(Tree&)>& make) {
     const std::string& root = agent_.tree.parse(path).root->name;
     const bool configures =
-        root == configName || (root == forwardingName && agent_.running.forwarding);
+        root == configName || (root == forwardingName && agent_.configuration.running().forwarding);
     if (agent_.manual || !configures) {
-        make(agent_.tree);
+        make(agent_.tree, path);
         return {};
     }
-    Transaction transaction(agent_.running);
-    make(transaction.tree());
-    return warned(commit(transaction));
+    const Change change{describe(request.at("op"), request), session.author(), true};
+    return warned(agent_.configuration.edit(change, [&](Tree& tree) { make(tree, path); }));
 }
 
-std::vector<std::string> Control::commit(Transaction& transaction) {
-    std::vector<std::string> warnings = transaction.check(&agent_.interfaces);
-    transaction.apply();
-    agent_.configured();
-    return warnings;
+// An entry of the history, or configurations of which either may be left out.
+WantedConfig Control::wantedBy(const Json& request) const {
+    if (request.contains("history")) {
+        if (request.contains("value") || request.contains("forwarding"))
+            throw RequestError("history: cannot be combined with a configuration");
+        return agent_.configuration.fromHistory(numberIn(request, "history"));
+    }
+    WantedConfig wanted;
+    if (request.contains("forwarding")) wanted.forwarding = readForwarding(request["forwarding"]);
+    if (request.contains("value") || !wanted.forwarding)
+        wanted.paths = readConfig(member(request, "value"));
+    return wanted;
 }
 
-std::vector<std::string> Control::load(WantedConfig wanted) {
-    Transaction transaction(agent_.running, std::move(wanted));
-    return commit(transaction);
+Answer Control::load(const Json& request, Session& session) {
+    const auto confirmation = confirmationIn(request);
+    WantedConfig wanted = wantedBy(request);
+    if (flag(request, "dryRun")) return foresee(std::move(wanted));
+    const Change change{describe("load", request), session.author()};
+    Configuration& configuration = agent_.configuration;
+    return warned(confirmation ? configuration.loadUnconfirmed(change, wanted, *confirmation)
+                               : configuration.load(change, wanted));
 }
 
-Answer Control::loadRequest(const Json& request, Session&) {
-    return warned(load(wantedBy(request)));
+Answer Control::foresee(WantedConfig wanted) const {
+    Answer answer;
+    const Transaction transaction(agent_.configuration.running(), std::move(wanted));
+    answer.warnings = agent_.configuration.check(transaction);
+    answer.value = agent_.foresee(transaction);
+    return answer;
 }
 
 Answer Control::check(const Json& request, Session&) {
-    const Transaction transaction(agent_.running, wantedBy(request));
-    return warned(transaction.check(&agent_.interfaces));
+    const Transaction transaction(agent_.configuration.running(), wantedBy(request));
+    return warned(agent_.configuration.check(transaction));
+}
+
+// From the running configuration to one of the request, of the history, or of the agent's files.
+Answer Control::diff(const Json& request, Session&) {
+    std::optional<WantedConfig> wanted;
+    if (request.contains("value") || request.contains("forwarding") || request.contains("history"))
+        wanted = wantedBy(request);
+    else if (!(wanted = agent_.files()))
+        throw RequestError("the agent was started without --config; FILE is required");
+    return toJson(Transaction(agent_.configuration.running(), std::move(*wanted)).differences());
+}
+
+Answer Control::confirm(const Json& request, Session& session) {
+    const bool keep = !request.contains("keep") || flag(request, "keep");
+    keep ? agent_.configuration.confirm()
+         : agent_.configuration.giveBack({describe("confirm", request), session.author()});
+    return {};
+}
+
+Answer Control::history(const Json& request, Session&) {
+    if (!request.contains("number")) return agent_.configuration.history();
+    return agent_.configuration.history(numberIn(request, "number"));
 }
 
 // The one answer with secrets: what the owner's files need to hold.
 Answer Control::save(const Json&, Session&) {
-    const auto whole = [](const Vel::Entity* config) {
-        return config ? toJson(Vel::toDatum(*config), Secrets::shown) : Json();
-    };
-    return Json{{"value", whole(&agent_.running.paths)},
-                {"forwarding", whole(agent_.running.forwarding)}};
+    const RunningConfig& running = agent_.configuration.running();
+    return Json{{"value", wholeConfig(&running.paths)},
+                {"forwarding", wholeConfig(running.forwarding)}};
 }
 
 Answer Control::show(const Json& request, Session&) {
@@ -203,8 +279,7 @@ Answer Control::log(const Json& request, Session&) {
 
 // The newest events; all if the request does not say how many.
 Answer Control::events(const Json& request, Session&) {
-    return agent_.events ? agent_.events->newest(countIn(request, Events::capacity))
-                         : Json::array();
+    return agent_.events.newest(countIn(request, Events::capacity));
 }
 
 Answer Control::ping(const Json&, Session&) {

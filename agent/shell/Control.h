@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "agent/model/Transaction.h"
 #include "agent/model/Watch.h"
+#include "agent/shell/Configuration.h"
 #include "agent/shell/ControlServer.h"
 #include "agent/shell/Events.h"
 
@@ -21,19 +21,22 @@ namespace Agent {
 // The agent that the requests act on.
 struct Controlled {
     Tree& tree;
-    RunningConfig running;
-    const Ip::Status& interfaces;  // their addresses
-    std::string platform;          // the platform's name
-    bool manual;                   // whether the platform leaves every input to the requests
+    Configuration& configuration;
+    Events& events;        // where changes of the configuration are recorded
+    std::string platform;  // the platform's name
+    bool manual;           // whether the platform leaves every input to the requests
     // The library's answer to a show command; empty for an unknown word.
     std::function<std::string(const std::string& word)> show;
     // What the platform forwards; nothing if it does not forward.
     std::function<std::optional<Json>()> forwarding = [] { return std::optional<Json>(); };
-    // Called when a change of the configuration has been made, completely.
-    std::function<void()> configured = [] {};
+    // What a change of the configuration would do to paths and traffic.
+    std::function<Json(const Transaction& transaction)> foresee;
     // Requests that only read, by their "op"; each makes the value of its answer from the request.
     std::map<std::string, std::function<Json(const Json& request)>> reports{};
-    Events* events = nullptr;  // where changes of the configuration are recorded; null: nowhere
+    // The configuration of the agent's own files, which it would load now; null without files.
+    std::function<std::optional<WantedConfig>()> files = [] {
+        return std::optional<WantedConfig>();
+    };
 };
 
 class Control final : public RequestHandler {
@@ -46,17 +49,16 @@ class Control final : public RequestHandler {
     Answer handle(const std::string& op, const Json& request, Session& session) override;
     void sessionClosed(Session& session) override { watches_.remove(session); }
 
-    // Makes these the running configurations and returns the warnings about them. Throws TreeError
-    // if they are not valid.
-    std::vector<std::string> load(WantedConfig wanted);
-
   private:
     Answer get(const Json& request, Session& session);
     Answer set(const Json& request, Session& session);
     Answer del(const Json& request, Session& session);
-    Answer loadRequest(const Json& request, Session& session);
+    Answer load(const Json& request, Session& session);
     Answer check(const Json& request, Session& session);
     Answer save(const Json& request, Session& session);
+    Answer diff(const Json& request, Session& session);
+    Answer confirm(const Json& request, Session& session);
+    Answer history(const Json& request, Session& session);
     Answer show(const Json& request, Session& session);
     Answer forwarding(const Json& request, Session& session);
     Answer watch(const Json& request, Session& session);
@@ -65,9 +67,12 @@ class Control final : public RequestHandler {
     Answer ping(const Json& request, Session& session);
     Answer events(const Json& request, Session& session);
 
-    Answer change(const std::string& path, const std::function<void(Tree&)>& make);
+    Answer perform(const std::string& op, const Json& request, Session& session);
+    Answer edit(const Json& request, const Session& session,
+                const std::function<void(Tree&, const std::string& path)>& make);
+    Answer foresee(WantedConfig wanted) const;
+    WantedConfig wantedBy(const Json& request) const;
     void record(const std::string& text, const std::string& cause, const Session& session);
-    std::vector<std::string> commit(Transaction& transaction);
 
     const Controlled agent_;
     Watches watches_;

@@ -1,0 +1,176 @@
+"""Operating a running router: operations_test.py BUILD_DIR SOURCE_DIR.
+
+Changes of the configuration that are looked at first, confirmed, returned from and undone.
+"""
+import json
+import os
+import signal
+
+from products import Products, await_, main, source
+
+
+class OperationsTest(Products):
+    def setUp(self):
+        super().setUp()
+        self.directory = self.run_dir()
+
+    def router(self, *options):
+        """The branch with files of this test, when all its paths are up, as they stay."""
+        with open(f"{source}/examples/branch/world.json", encoding="utf-8") as file:
+            world = json.load(file)
+        del world["events"][1:]
+        self.options = [f"--config={self.file('config', self.config)}",
+                        f"--world={self.file('world', world)}", f"--history={self.directory}/history"]
+        self.process = self.agent(self.directory, *self.options, *options)
+        await_("the paths are up", lambda: [
+            path["state"] for path in self.ask("explain")["paths"]] == ["up"] * 7)
+
+    @property
+    def config(self):
+        with open(f"{source}/examples/branch/branch.json", encoding="utf-8") as file:
+            return json.load(file)
+
+    def file(self, name, config):
+        path = f"{self.directory}/{name}"
+        with open(path, "w", encoding="utf-8") as file:
+            file.write("// what this is for\n" + json.dumps(config))
+        return path
+
+    def says(self, *arguments, status=0, err=""):
+        done = self.navctl(self.directory, *arguments)
+        self.assertEqual(done.returncode, status, (arguments, done.stderr))
+        self.assertIn(err, done.stderr, arguments)
+        return done.stdout
+
+    def ask(self, *arguments, status=0):
+        return json.loads(self.says("--json", *arguments, status=status))
+
+    def states(self):
+        return [(row["number"], row["state"]) for row in self.ask("show", "history")]
+
+    def test_a_change_is_looked_at_confirmed_and_undone(self):
+        self.router()
+        without = self.config
+        del without["pathGroupConfig"]["mpls"]
+        without["pathGroupConfig"]["internet"]["localIntf"].append("wan3")
+        without["udpPortConfig"] = 4000
+        without = self.file("without", without)
+
+        # Looked at: nothing of it happens.
+        self.assertEqual(self.says("diff"), "")
+        changes = self.ask("diff", without, status=1)
+        self.assertEqual([(change["path"], change["before"], change["after"]) for change in changes
+                          if change["path"] != "/cliConfig/pathGroupConfig[mpls]"],
+                         [("/cliConfig/udpPortConfig", 4793, 4000),
+                          ("/cliConfig/pathGroupConfig[internet]/localIntf[wan3]", None, True)])
+        self.assertIn("\n- /cliConfig/pathGroupConfig[mpls] {", self.says("diff", without, status=1))
+        foreseen = self.ask("load", "--dry-run", without)
+        self.assertEqual(foreseen["configuration"], changes)
+        self.assertEqual(
+            sorted((path["change"], path["interface"], path["destination"], path["state"])
+                   for path in foreseen["paths"]),
+            [("added", "wan3", f"198.51.100.{i}", None) for i in (13, 2, 3, 4)] +
+            [("removed", "wan2", f"192.0.2.{i}", "up") for i in (130, 131, 132)])
+        carriers = {(row["application"], row["site"]): row for row in self.ask("explain")["applications"]
+                    if row["vrf"] == "default"}
+        self.assertEqual([(row["application"], row["site"]) for row in foreseen["traffic"]],
+                         [("voice", f"10.255.0.{i}") for i in (2, 3, 4)])
+        for row in foreseen["traffic"]:
+            self.assertEqual(row["from"], carriers[row["application"], row["site"]]["paths"])
+            self.assertEqual(row["to"], carriers["backup", row["site"]]["paths"], "the internet's")
+        self.assertEqual(self.ask("load", "--dry-run", f"{self.directory}/config"),
+                         {"configuration": [], "paths": [], "traffic": []})
+        self.assertIn("PATH GROUP", self.says("load", "--dry-run", without))
+        self.assertEqual((self.says("diff"), self.states()), ("", [(1, "running")]))
+
+        # Not confirmed in time: the agent returns, and says so.
+        self.says("load", "--confirm", "5", without, err="names path group")
+        self.assertEqual(self.states(), [(1, None), (2, "unconfirmed")])
+        for refused in (("load", without), ("set", "/cliConfig/udpPortConfig", "5")):
+            self.says(*refused, status=1, err="waits for its confirmation")
+        self.process.send_signal(signal.SIGHUP)
+        await_("a reload is refused", lambda: "configuration refused: " in self.errors(self.directory))
+        for row in foreseen["traffic"]:
+            explained = self.ask("explain", "application", row["application"])["applications"]
+            self.assertIn(row["to"], [now["paths"] for now in explained if now["site"] == row["site"]])
+        await_("the agent returns", lambda: self.states()[-1] == (3, "running"))
+        self.assertEqual(self.says("diff"), "")
+        self.assertIn("not confirmed within 5 s", self.errors(self.directory))
+        self.assertIn(("returned to the one before", "not confirmed within 5 s", None),
+                      [(event["event"], event["cause"], event["by"])
+                       for event in self.ask("show", "events")])
+        self.says("confirm", status=1, err="no configuration waits")
+
+        # Refused by the operator, then confirmed, then undone.
+        self.says("load", "--confirm", "3600", without)
+        self.says("confirm", "--no")
+        self.assertEqual(self.says("diff"), "")
+        self.says("load", "--confirm", "3600", without)
+        self.says("confirm")
+        self.says("set", "/cliConfig/udpPortConfig", "7")
+        rows = self.ask("show", "history")
+        self.assertEqual([row["state"] for row in rows], [None] * 6 + ["running"])
+        self.assertTrue(rows[-1]["by"].startswith(f"uid {os.getuid()}, pid "))
+        self.assertEqual(self.ask("show", "history", "7")["changes"],
+                         [{"path": "/cliConfig/udpPortConfig", "before": 4000, "after": 7}])
+        self.says("load", "--from-history", "1")
+        self.assertEqual(self.says("diff"), "")
+        self.says("load", "--from-history", "99", status=1, err="entry 99 of the history: not found")
+        many = "".join(json.dumps({"op": "set", "path": "/cliConfig/udpPortConfig", "value": value}) +
+                       "\n" for value in range(1000, 1100))
+        done = self.navctl(self.directory, "batch", "-", input=many)
+        self.assertEqual(done.returncode, 0)
+        self.assertIn("the last of 100 changes", self.ask("show", "history")[-1]["change"])
+        for port in range(2000, 2010):
+            self.says("set", "/cliConfig/udpPortConfig", str(port))
+        self.assertEqual([number for number, _ in self.states()], list(range(10, 20)))
+
+    def test_a_restart_returns_from_an_unconfirmed_configuration(self):
+        self.router()
+        other = self.config
+        other["udpPortConfig"] = 4000
+        # The agent's own file is the new one already.
+        own = self.file("config", other)
+        self.assertEqual(len(self.ask("diff", status=1)), 1)
+        self.says("load", "--confirm", "3600", own)
+        self.assertEqual(os.stat(f"{self.directory}/history").st_mode & 0o777, 0o600)
+        self.stop(self.process, signal.SIGKILL)
+        self.process = self.agent(self.directory, *self.options)
+        self.assertEqual(self.states()[-1], (3, "running"))
+        self.assertEqual(self.ask("diff", status=1)[0]["before"], 4793)
+        self.assertIn("the last was not confirmed", self.errors(self.directory))
+        # What was confirmed, or is the same, makes no new entry.
+        self.says("load", "--confirm", "3600", own)
+        self.says("confirm")
+        self.stop(self.process)
+        self.process = self.agent(self.directory, *self.options)
+        self.assertEqual(self.says("diff"), "")
+        self.assertEqual(self.states()[-1], (4, "running"))
+        # A damaged file is reported and left as it is.
+        self.stop(self.process)
+        with open(f"{self.directory}/history", "w", encoding="utf-8") as file:
+            file.write("{")
+        self.process = self.agent(self.directory, *self.options)
+        self.assertIn("is not kept in", self.errors(self.directory))
+        self.assertEqual(self.states(), [(1, "running")])
+        self.assertEqual(os.stat(f"{self.directory}/history").st_size, 1)
+
+    def test_comments_are_read_and_not_lost(self):
+        self.router()
+        own = f"{self.directory}/config"
+        with open(own, encoding="utf-8") as file:
+            commented = file.read()
+        self.says("save", own, status=1, err="it has comments")
+        with open(own, encoding="utf-8") as file:
+            self.assertEqual(file.read(), commented)
+        bad = f"{self.directory}/bad"
+        with open(bad, "w", encoding="utf-8") as file:
+            file.write('// one\n/* two\n three */ {\n"vrfConfig": {"v": {"policy": 1}}}')
+        self.says("check", bad, status=1, err=f"{bad}: line 4: /cliConfig/vrfConfig[v]/policy")
+        self.says("save", "--force", own)
+        self.assertEqual(self.says("diff", own), "")
+        self.says("save", own)
+
+
+if __name__ == "__main__":
+    main()
