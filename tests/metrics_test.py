@@ -35,16 +35,8 @@ def parse(text):
 
 class MetricsTest(Products):
     def scrape(self, run_dir, patience=60):
-        with socket.socket(socket.AF_UNIX) as client:
-            client.settimeout(patience)
-            client.connect(f"{run_dir}/metrics.sock")
-            client.sendall(b"GET /metrics HTTP/1.0\r\n\r\n")
-            answer = b"".join(iter(lambda: client.recv(65536), b"")).decode()
-        head, body = answer.split("\r\n\r\n", 1)
-        if " 503 " in head.splitlines()[0]:
-            return None  # too many at once
-        self.assertIn(" 200 ", head.splitlines()[0])
-        return parse(body), body
+        body = self.metrics(run_dir, patience)
+        return body and (parse(body), body)
 
     def await_paths(self, run_dir, count):
         def answer():

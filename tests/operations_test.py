@@ -4,6 +4,7 @@ Changes of the configuration that are looked at first, confirmed, returned from 
 """
 import json
 import os
+import re
 import signal
 
 from products import Products, await_, main, source
@@ -170,6 +171,94 @@ class OperationsTest(Products):
         self.says("save", "--force", own)
         self.assertEqual(self.says("diff", own), "")
         self.says("save", own)
+
+    def hook(self, text):
+        """The program of the hook from now on."""
+        path = f"{self.directory}/hook"
+        with open(f"{path}.new", "w", encoding="utf-8") as file:
+            file.write(f"#!/bin/sh\ncd {self.directory}\n{text}\n")
+        os.chmod(f"{path}.new", 0o755)
+        os.rename(f"{path}.new", path)
+        return path
+
+    def runs(self):
+        """What has become of transitions so far, by result."""
+        return {result: int(count) for result, count in
+                re.findall(r'^nav_hook_runs_total{result="(\w+)"} (\d+)$',
+                           self.metrics(self.directory), re.M)}
+
+    def test_hooks_hear_of_transitions_and_delay_nothing(self):
+        told = f"{self.directory}/told"
+
+        def lines():
+            with open(told, encoding="utf-8") as file:
+                return file.read().splitlines()
+
+        self.router("--hook-timeout=2", "--hook", self.hook(
+            'echo "$*|$NAV_SITE|$NAV_CAUSE|$NAV_PATHS|$NAV_PATHS_BEFORE|$(env | wc -l)" >> told'))
+        await_("each path is told of", lambda: sum(line.startswith("path ") for line in lines()) == 7)
+        await_("each site", lambda: {f"site 10.255.0.{i} up" for i in (2, 3, 4)} <= {
+            line.split("|")[0] for line in lines()})
+        os.truncate(told, 0)
+        paths = {path["destination"]: path["path"] for path in self.ask("explain")["paths"]}
+        vias = "/cliConfig/pathGroupConfig[{}]/remoteViaConfig[10.255.0.4]/remoteVia[{}]"
+        gone = {"mpls": "192.0.2.132", "internet": "198.51.100.4"}
+        for group, destination in gone.items():
+            before = self.ask("explain", "site", "10.255.0.4")["applications"]
+            self.says("del", vias.format(group, destination))
+            lost = paths[destination]
+            await_("the path's end is told", lambda: any(re.match(
+                rf"path {lost} down\|10\.255\.0\.4\|{destination} is not a destination", line)
+                for line in lines()))
+            moved = [row["application"] for row in before
+                     if row["vrf"] == "default" and lost in row["paths"]]
+            self.assertTrue(moved)
+            for application in moved:
+                await_(f"{application} is told of", lambda: any(re.match(
+                    rf"application {application} (moved|down)\|10\.255\.0\.4\|.*\|.*\|{lost}\|", line)
+                    for line in lines()))
+        await_("the site is down", lambda: any(line.startswith("site 10.255.0.4 down|")
+                                               for line in lines()))
+        self.assertTrue(all(int(line.split("|")[5]) < 20 for line in lines()), "environment")
+        self.assertEqual(self.runs()["failed"], 0)
+
+        # A program that hangs, with a child, is killed; the agent answers meanwhile.
+        self.hook("sleep 1000 & echo $$ $! >> hanging; sleep 1000")
+        self.says("set", vias.format("mpls", gone["mpls"]), "true")
+        await_("it hangs", lambda: os.path.exists(f"{self.directory}/hanging"))
+        self.says("ping")
+        await_("it is killed", lambda: self.runs()["killed"] >= 4)
+        self.assertIn("killed after 2 s", self.errors(self.directory))
+        with open(f"{self.directory}/hanging", encoding="utf-8") as file:
+            killed = [process for line in file.readlines()[:4] for process in line.split()]
+
+        def lives(process):
+            try:
+                with open(f"/proc/{process}/cmdline", encoding="utf-8") as file:
+                    return file.read() != ""  # else nobody has waited for it yet
+            except FileNotFoundError:
+                return False
+
+        self.assertEqual(len(killed), 8)
+        await_("its processes are gone", lambda: not any(map(lives, killed)))
+        # One that fails, or is missing, is reported.
+        self.hook("exit 3")
+        self.says("del", vias.format("mpls", gone["mpls"]))
+        await_("it fails", lambda: "down: exit status 3" in self.errors(self.directory))
+        os.unlink(f"{self.directory}/hook")
+        self.says("set", vias.format("mpls", gone["mpls"]), "true")
+        await_("it is missing", lambda: "site 10.255.0.4 up: No such file or directory" in
+               self.errors(self.directory))
+        # Transitions of one subject are reported one after the other.
+        self.hook("[ $3 = down ] && sleep 1\necho $* >> told")
+        os.truncate(told, 0)
+        for change in (("del",), ("set", "true")):
+            self.says(change[0], vias.format("mpls", gone["mpls"]), *change[1:])
+            await_("it is seen", lambda: [path["state"] for path in self.ask(
+                "explain")["paths"]].count("up") == (5 if change[0] == "del" else 6))
+        await_("the site is back", lambda: [line for line in lines() if "site" in line] == [
+            "site 10.255.0.4 down", "site 10.255.0.4 up"])
+        self.assertEqual(self.stop(self.process), 0)
 
 
 if __name__ == "__main__":

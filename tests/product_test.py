@@ -32,7 +32,7 @@ class ProductTest(Products):
             text = file.read()
         commands = [line.split("#")[0].replace("'", "").split()
                     for line in re.findall(r"^    (nav.*)", text, re.M)]
-        self.assertGreater(len(commands), 5)
+        self.assertTrue(commands)
         run_dir = self.run_dir()
         if commands[0][0] != "nav-agent":
             self.agent(run_dir, *branch)
@@ -52,7 +52,7 @@ class ProductTest(Products):
                 self.assertLess(done.returncode, 2, arguments)
 
     def test_commands_of_the_pages(self):
-        for page in ("README.md", "docs/configuration.md"):
+        for page in ("README.md", "docs/configuration.md", "docs/hooks.md"):
             with self.subTest(page):
                 self.commands_of(page)
 

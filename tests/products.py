@@ -4,6 +4,7 @@ import contextlib
 import json
 import os
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -62,6 +63,19 @@ class Products(unittest.TestCase):
 
     def navctl(self, run_dir, *arguments, **options):
         return self.run_to_end("navctl", "--run-dir", run_dir, *arguments, **options)
+
+    def metrics(self, run_dir, patience=patience):
+        """What the agent answers a collector; None if there are too many at once."""
+        with socket.socket(socket.AF_UNIX) as client:
+            client.settimeout(patience)
+            client.connect(f"{run_dir}/metrics.sock")
+            client.sendall(b"GET /metrics HTTP/1.0\r\n\r\n")
+            answer = b"".join(iter(lambda: client.recv(65536), b"")).decode()
+        head, body = answer.split("\r\n\r\n", 1)
+        if " 503 " in head.splitlines()[0]:
+            return None
+        self.assertIn(" 200 ", head.splitlines()[0])
+        return body
 
     def stop(self, process, by=signal.SIGTERM):
         process.send_signal(by)

@@ -38,7 +38,7 @@ class Host {
     Tree& tree() { return tree_; }
     Events& events() { return events_; }
     Configuration& configuration() { return configuration_; }
-    const Observer& observer() const { return *observer_; }
+    Observer& observer() { return *observer_; }
 
     // The library's answer to a show command; empty for an unknown word.
     std::string show(const std::string& word);

@@ -62,6 +62,7 @@ HostAgent::HostAgent(Options options, Log& log)
       fib_(*host_.inputs().forwardingStatus, Shard::Namespace(runDir_.path()), "fib", *scheduler_),
       fib6_(*host_.inputs().forwarding6Status, Shard::Namespace(runDir_.path()), "fib6",
             *scheduler_),
+      hooks_(loop_, options_.hook, std::chrono::seconds(options_.hookTimeout)),
       requests_(controlled()),
       commands_(loop_, runDir_.path() + "/" + commandSocketName,
                 [this](const std::string& word) { return host_.show(word); }),
@@ -69,11 +70,12 @@ HostAgent::HostAgent(Options options, Log& log)
       metrics_(
           loop_, runDir_.path(), metricsPort(options_),
           {host_.inputs(), host_.platform(), host_.observer(), [this] { return host_.database(); },
-           host_.events(), loop_, log, std::chrono::system_clock::now(), nullptr}),
+           host_.events(), loop_, log, hooks_, std::chrono::system_clock::now(), nullptr}),
       manager_(loop_, [this] { return host_.summary(); }) {
     DUOLOG(agentTrace, 5, "nav-agent ", NAV_VERSION, " started, platform ", options_.platform,
            ", pid ", getpid(), ", run directory ", runDir_.path());
     host_.events().add({Event::Kind::agent, "nav-agent", "started, version " NAV_VERSION, {}, {}});
+    host_.observer().hookIs([this](Transition transition) { hooks_.add(std::move(transition)); });
     try {
         loadFirst();
     } catch (...) {

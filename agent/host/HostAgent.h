@@ -11,6 +11,7 @@
 #include "agent/shell/Control.h"
 #include "agent/shell/ControlServer.h"
 #include "agent/shell/EventLoop.h"
+#include "agent/shell/Hooks.h"
 #include "agent/shell/Log.h"
 #include "agent/shell/ServiceManager.h"
 #include "platform/shard/SharedFib.h"
@@ -29,6 +30,8 @@ struct Options {
     std::string events;            // file that keeps the events across restarts; none if empty
     std::string history;           // the same of the last configurations
     std::string group;             // its members may read, but change nothing; none if empty
+    std::string hook;              // program to run at each transition; none if empty
+    unsigned hookTimeout = 10;     // seconds that it may run; set by main
     std::string metrics;           // address and port of the metrics; none if empty
     std::string metricsToken;      // file with the token that collectors on that port must have
     int logLevel = 5;              // of the trace; set by main
@@ -70,6 +73,7 @@ class HostAgent {
     Host host_;
     Shard::SharedFib<Shard::Fib::ForwardingStatus> fib_;
     Shard::SharedFib<Shard::Fib6::ForwardingStatus> fib6_;
+    Hooks hooks_;
     Control requests_;
     CommandServer commands_;
     ControlServer control_;

@@ -46,6 +46,13 @@ int main(int argc, char** argv) {
     app.add_option("--history", options.history,
                    "Keep the last configurations across restarts in this file, of mode 0600")
         ->type_name("FILE");
+    app.add_option("--hook", options.hook,
+                   "Program to run at each transition of a path, a site or an application")
+        ->type_name("PROGRAM");
+    app.add_option("--hook-timeout", options.hookTimeout, "How long it may run, in seconds")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 3600))
+        ->capture_default_str();
     app.add_option("--metrics", options.metrics,
                    "Serve the metrics on this address and port, too: 127.0.0.1:9473")
         ->type_name("ADDRESS:PORT");

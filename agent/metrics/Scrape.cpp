@@ -131,6 +131,13 @@ void Scrape::addAgent() {
          }});
     single("nav_log_lines_dropped_total", "Lines of the log that its reader did not take in time.",
            Type::counter, static_cast<double>(from_.log.dropped()));
+    families_.push_back(
+        {"nav_hook_runs_total", "Transitions for the hook, by what became of them.", Type::counter,
+         Hooks::resultNames.size(), [this](size_t i, Samples& samples) {
+             samples.push_back(
+                 sample({{"result", Hooks::resultNames[i]}},
+                        static_cast<double>(from_.hooks.count(static_cast<Hooks::Result>(i)))));
+         }});
     families_.push_back({"nav_objects", "Entities in memory, by type.", Type::gauge, 1,
                          [](size_t, Samples& samples) {
                              for (const auto* type = Vel::TypeDescriptor::all; type;

@@ -14,6 +14,7 @@
 
 #include "agent/observe/Observer.h"
 #include "agent/shell/EventLoop.h"
+#include "agent/shell/Hooks.h"
 #include "agent/shell/Log.h"
 #include "nav/counters/NavShard.h"
 
@@ -32,6 +33,7 @@ struct MetricSources {
     const Events& events;
     const EventLoop& loop;
     const Log& log;
+    const Hooks& hooks;
     WallTime started;
     Vel::Ptr<NavShard::NavCounters> counters;  // of this agent's run directory
 };

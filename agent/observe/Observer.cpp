@@ -52,6 +52,7 @@ void Observer::observe() {
     Causes causes;
     observeInterfaces();
     observePaths(causes);
+    observeSites();
     observeChoices(causes);
 }
 
@@ -131,6 +132,7 @@ void Observer::pathUp(const ConfiguredPath& path, const PathState& state, Causes
     DUOLOG(agentTrace, 5, "path ", LongText{describe(path, state)}, " ", LongText{by});
     events_.add({Event::Kind::path, describe(path, state), by, {}, {}});
     causes[state.index] = state.name() + " is up";
+    pathTransition(path, state, "up", {});
 }
 
 void Observer::pathDown(const ConfiguredPath& path, const PathState& before,
@@ -139,6 +141,34 @@ void Observer::pathDown(const ConfiguredPath& path, const PathState& before,
            " is down: ", LongText{reason});
     events_.add({Event::Kind::path, describe(path, before), "is down", reason, {}});
     causes[before.index] = before.name() + ": " + reason;
+    pathTransition(path, before, "down", reason);
+}
+
+void Observer::pathTransition(const ConfiguredPath& path, const PathState& state, const char* now,
+                              const std::string& cause) const {
+    hook_({"path",
+           state.name(),
+           now,
+           {{"NAV_CAUSE", cause},
+            {"NAV_PATH_GROUP", path.site.name},
+            {"NAV_INTERFACE", path.interface.stringValue()},
+            {"NAV_SITE", path.site.routerIp.stringValue()},
+            {"NAV_SOURCE", state.key.srcAddr.stringValue()},
+            {"NAV_DESTINATION", path.destination.stringValue()},
+            {"NAV_VRF", state.vrf.str()}}});
+}
+
+// A site is up while one of its paths is.
+void Observer::observeSites() {
+    std::map<Netz::IpGenAddr, std::vector<U32>> now;
+    for (const auto& [path, record] : paths_)
+        if (record.state.up) now[path.site.routerIp].push_back(record.state.index);
+    for (const auto& [site, paths] : sites_)
+        if (!now.contains(site)) hook_({"site", site.stringValue(), "down", {}});
+    for (const auto& [site, paths] : now)
+        if (!sites_.contains(site))
+            hook_({"site", site.stringValue(), "up", {{"NAV_PATHS", pathNames(paths)}}});
+    sites_ = std::move(now);
 }
 
 // One event for all applications that move to one site in the same way.
@@ -149,14 +179,13 @@ void Observer::observeChoices(const Causes& causes) {
         std::vector<U32> from, to;
         auto operator<=>(const Move&) const = default;
     };
-    std::map<Move, std::string> moves;
+    std::map<Move, std::vector<std::string>> moves;
     std::map<Nav::LbProfileKey, ChoiceRecord> seen;
     const Nav::NavDb* database = database_();
     const auto moved = [&](const Nav::LbProfileKey& key, std::vector<U32> from,
                            std::vector<U32> to) {
-        std::string& applications = moves[{key.vtepIp, key.vrfId, std::move(from), std::move(to)}];
-        applications +=
-            (applications.empty() ? "" : ", ") + applicationName(database, key.vrfId, key.appId);
+        moves[{key.vtepIp, key.vrfId, std::move(from), std::move(to)}].push_back(
+            applicationName(database, key.vrfId, key.appId));
     };
     if (const Nav::LbProfileStatus* status = in_.navStatusDir->navLbProfileStatus()) {
         for (const Nav::LbProfileStatusEntry& entry : status->lbProfileStatusEntry()) {
@@ -174,13 +203,26 @@ void Observer::observeChoices(const Causes& causes) {
         if (!record.carriers.empty()) moved(key, record.carriers, {});
 
     for (const auto& [move, applications] : moves) {
-        std::string cause;
+        const std::string vrf = vrfName(database, move.vrfId);
+        std::string cause, names;
         for (const auto& [index, text] : causes)
             if (std::ranges::count(move.from, index) != std::ranges::count(move.to, index))
                 cause += (cause.empty() ? "" : "; ") + text;
+        for (const std::string& application : applications) {
+            names += (names.empty() ? "" : ", ") + application;
+            hook_({"application",
+                   application,
+                   move.to.empty()     ? "down"
+                   : move.from.empty() ? "up"
+                                       : "moved",
+                   {{"NAV_CAUSE", cause},
+                    {"NAV_SITE", move.site.stringValue()},
+                    {"NAV_VRF", vrf},
+                    {"NAV_PATHS", pathNames(move.to)},
+                    {"NAV_PATHS_BEFORE", pathNames(move.from)}}});
+        }
         events_.add({Event::Kind::choice,
-                     "site " + move.site.stringValue() + " VRF " + vrfName(database, move.vrfId) +
-                         ": " + applications,
+                     "site " + move.site.stringValue() + " VRF " + vrf + ": " + names,
                      "over " + pathNames(move.to) +
                          (move.from.empty() ? "" : " instead of " + pathNames(move.from)),
                      cause,

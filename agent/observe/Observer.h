@@ -15,6 +15,7 @@
 #include "agent/model/Follower.h"
 #include "agent/observe/PathReason.h"
 #include "agent/shell/Events.h"
+#include "agent/shell/Hooks.h"
 
 namespace Agent {
 
@@ -43,6 +44,9 @@ class Observer {
 
     // Brings the records up to date now, without waiting.
     void observe();
+    // Called at each transition, of a path, a site or an application, from now on. It must not
+    // change what is observed.
+    void hookIs(std::function<void(Transition)> hook) { hook_ = std::move(hook); }
     const std::map<ConfiguredPath, PathRecord>& paths() const { return paths_; }
     const std::map<Nav::LbProfileKey, ChoiceRecord>& choices() const { return choices_; }
 
@@ -60,7 +64,10 @@ class Observer {
     void pathUp(const ConfiguredPath& path, const PathState& state, Causes& causes);
     void pathDown(const ConfiguredPath& path, const PathState& before, const std::string& reason,
                   Causes& causes);
+    void observeSites();
     void observeChoices(const Causes& causes);
+    void pathTransition(const ConfiguredPath& path, const PathState& state, const char* now,
+                        const std::string& cause) const;
 
     const Nav::NavInputs in_;
     const Platform& platform_;
@@ -69,6 +76,8 @@ class Observer {
     std::map<ConfiguredPath, PathRecord> paths_;
     std::map<Nav::LbProfileKey, ChoiceRecord> choices_;
     std::map<Netz::IntfId, std::string> interfaces_;  // as recorded, unless without an address
+    std::map<Netz::IpGenAddr, std::vector<Vel::U32>> sites_;  // with the paths that are up
+    std::function<void(Transition)> hook_ = [](const Transition&) {};
     Loom::Timer settled_;
     bool soon_ = false;  // settled_ is armed for a change of state, not of a measurement
     std::vector<std::unique_ptr<Follower>> followers_;
