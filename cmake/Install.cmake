@@ -38,6 +38,8 @@ install(FILES systemd/reflector.conf DESTINATION lib/systemd/system/nav-agent.se
 install(FILES systemd/nav-agent.sysusers DESTINATION lib/sysusers.d RENAME nav-agent.conf
         COMPONENT agent)
 install(FILES systemd/nav-agent.default DESTINATION ${CMAKE_INSTALL_DATADIR}/nav COMPONENT agent)
+install(PROGRAMS examples/hook DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/nav-agent/examples
+        COMPONENT agent)
 install(DIRECTORY examples/linux examples/monitoring
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/nav-agent/examples COMPONENT agent
         USE_SOURCE_PERMISSIONS)
@@ -45,7 +47,9 @@ install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/nav-agent COMPO
         FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE)
 
 # The simulation, with the demonstrations.
-install(DIRECTORY examples/branch DESTINATION ${CMAKE_INSTALL_DATADIR}/nav/examples
+install(DIRECTORY examples/branch examples/guest-vrf examples/hub examples/provider-and-mpls
+                  examples/two-providers
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/nav/examples
         COMPONENT simulation)
 install(FILES scripts/demo.py scripts/demo_linux.py scripts/netlab.py scripts/traffic.py
         DESTINATION ${CMAKE_INSTALL_DATADIR}/nav/demo COMPONENT simulation)

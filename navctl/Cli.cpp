@@ -18,6 +18,7 @@
 #include "navctl/Completion.h"
 #include "navctl/Counters.h"
 #include "navctl/Graph.h"
+#include "navctl/Reference.h"
 #include "navctl/Show.h"
 
 namespace Navctl {
@@ -96,6 +97,7 @@ class Program {
     void ping();
     void batch();
     void completion() { streams_.out << (shell_ == "zsh" ? zshScript : bashScript); }
+    void printReference() { streams_.out << reference(); }
     void completeWords();
 
     CLI::App app_{"Operates the path-selection agent of this router", "navctl"};
@@ -176,6 +178,8 @@ void Program::build() {
     CLI::App* log = command(app_, "log", "Print or set the log levels, from 0 to 8", &Program::log);
     log->add_option("FACILITY", facility_, "* for all");
     log->add_option("LEVEL", level_)->check(CLI::Range(0, 8));
+    command(app_, "reference", "Print all attributes of the configuration, as Markdown",
+            &Program::printReference);
     command(app_, "ping", "Print which agent is running", &Program::ping);
     command(app_, "completion", "Print the script for shell completion", &Program::completion)
         ->add_option("SHELL", shell_, "bash or zsh")

@@ -172,6 +172,71 @@ class OperationsTest(Products):
         self.assertEqual(self.says("diff", own), "")
         self.says("save", own)
 
+    def test_the_reference_is_complete_and_its_ranges_hold(self):
+        page = self.run_to_end("navctl", "reference").stdout
+        with open(f"{source}/docs/reference.md", encoding="utf-8") as file:
+            self.assertEqual(file.read(), page, "navctl reference > docs/reference.md")
+        options = {"cliConfig": (), "forwardingConfig": ("--forwarding",), "ipsecConfig": ("--ipsec",)}
+
+        def accepted(root, path, value):
+            """Whether a configuration with this value, or this key, at a path is valid."""
+            config = {"cliConfig": {}, "ipsecConfig": {"profile": {"1": {"presharedKey": "x"}}},
+                      "forwardingConfig": {"vrf": {"1": {"vni": 1, "address": "10.255.0.1/24"}},
+                                           "probe": {"window": 3600000}}}[root]
+            at, steps = config, path.replace("/", " ").replace("[", " ").replace("]", "").split()
+            if path.endswith("]"):
+                steps, value = [*steps[:-1], str(value)], {}
+            keys = {"remoteAddr": "10.0.0.1", "routerAddr": "10.0.0.1"}
+            keyed = set(re.findall(r"\[(\w+)\]", path))
+            for step in steps[:-1]:
+                at = at.setdefault(keys.get(step, "1") if step in keyed else step, {})
+            at[steps[-1]] = value
+            name = f"{self.directory}/{root}"
+            with open(name, "w", encoding="utf-8", opener=lambda *a: os.open(*a, 0o600)) as file:
+                json.dump(config, file)
+            done = self.run_to_end("navctl", "check", *options[root], name)
+            self.assertIn(done.returncode, (0, 1), done.stderr)
+            return done.returncode == 0
+
+        count = 0
+        for line in page.splitlines():
+            if heading := re.search(r"`/(\w+)`$", line):
+                root = heading[1]
+            row = re.match(r"\| `(.*?)` \| [^|]*?(\d+) to (\d+)(, or 0)? \|", line)
+            if not row:
+                continue
+            least, most, count = int(row[2]), int(row[3]), count + 1
+            expected = {least: True, most: True, most + 1: False}
+            if least > 0:
+                expected[least - 1] = False
+            if row[4]:
+                expected[0] = True
+            is_map = "by path group" in line.split("|")[2]
+            self.assertEqual({value: accepted(root, row[1], {"1": value} if is_map else value)
+                              for value in expected}, expected, row[1])
+        self.assertGreater(count, 20)
+
+    def test_examples_work_as_they_are(self):
+        names = [name for name in sorted(os.listdir(f"{source}/examples"))
+                 if os.path.exists(f"{source}/examples/{name}/config.json") and
+                 os.path.exists(f"{source}/examples/{name}/world.json")]
+        self.assertEqual(names, ["guest-vrf", "hub", "provider-and-mpls", "two-providers"])
+        for name in names:
+            with self.subTest(name):
+                self.directory = self.run_dir()
+                config = f"examples/{name}/config.json"
+                self.assertEqual(self.run_to_end("navctl", "check", config).stderr, "")
+                with open(f"{source}/{config}", encoding="utf-8") as file:
+                    command = re.search(r"^//     nav-agent (.*)$", file.read(), re.M)[1].split()
+                agent = self.agent(self.directory, *command)
+                await_("every path is up and every application has some", lambda: (
+                    explained := self.ask("explain")) and all(
+                        path["state"] == "up" for path in explained["paths"]) and all(
+                            row["paths"] and not row["reason"] for row in explained["applications"]))
+                self.assertEqual(self.says("validate"), "PASS\n")
+                self.assertEqual(self.says("diff"), "")
+                self.assertEqual(self.stop(agent), 0)
+
     def hook(self, text):
         """The program of the hook from now on."""
         path = f"{self.directory}/hook"
