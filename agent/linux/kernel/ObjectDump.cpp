@@ -109,12 +109,11 @@ void takeNexthop(Objects& objects, const Message& message) {
 
 void takeRoute(Objects& objects, const Message& message) {
     const auto header = message.header<rtmsg>();
-    if (message.type != RTM_NEWROUTE || !header || header->rtm_protocol != ownProtocol) return;
+    const auto entry = fibEntryOf(message);
+    if (message.type != RTM_NEWROUTE || !entry || header->rtm_protocol != ownProtocol) return;
     Route route;
-    const bool v6 = header->rtm_family == AF_INET6;
-    route.prefix.addr = v6 ? Netz::IpGenAddr::fromV6({}) : Netz::IpGenAddr();
-    route.prefix.prefixLength = header->rtm_dst_len;
-    route.table = header->rtm_table;
+    route.table = entry->table;
+    route.prefix = entry->prefix;
     switch (header->rtm_type) {
         case RTN_UNREACHABLE:
             route.action = Route::Action::unreachable;
@@ -127,11 +126,7 @@ void takeRoute(Objects& objects, const Message& message) {
     }
     uint32_t ifIndex = 0;
     for (const NetlinkAttribute& attribute : attributesAfter<rtmsg>(message)) {
-        if (attribute.type == RTA_TABLE) route.table = attribute.u32().value_or(0);
         if (attribute.type == RTA_PRIORITY) route.metric = attribute.u32().value_or(0);
-        if (attribute.type == RTA_DST)
-            route.prefix.addr =
-                readAddr(header->rtm_family, attribute.data).value_or(route.prefix.addr);
         if (attribute.type == RTA_GATEWAY)
             route.gateway = readAddr(header->rtm_family, attribute.data).value_or(route.gateway);
         if (attribute.type == RTA_NH_ID) route.nexthopId = attribute.u32().value_or(0);
