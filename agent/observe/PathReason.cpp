@@ -183,10 +183,6 @@ std::vector<Vel::U32> carriersOf(const Platform& platform, const Nav::LbProfileS
     return carriers;
 }
 
-std::string pathName(Vel::U32 index) {
-    return index == 0 ? "-" : "Path" + std::to_string(index);
-}
-
 std::string pathNames(const std::vector<Vel::U32>& indices) {
     std::string names;
     for (const Vel::U32 index : indices) names += (names.empty() ? "" : ", ") + pathName(index);
@@ -205,7 +201,7 @@ std::string applicationName(const Nav::NavDb* database, Vel::U32 vrfId, Vel::U32
 }
 
 std::string PathState::name() const {
-    return pathName(index);
+    return index == 0 ? "-" : pathName(index);
 }
 
 std::string describe(const ConfiguredPath& path, const PathState& state) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/router/PathName.h"
 #include "agent/router/Platform.h"
 #include "nav/root/NavInputs.h"
 #include "nav/types/NavDb.h"
@@ -56,8 +57,7 @@ const PathQuality* qualityOf(const Platform& platform, Vel::U32 index);
 // The member paths that carry the traffic of a load-balance id, by index, ascending.
 std::vector<Vel::U32> carriersOf(const Platform& platform, const Nav::LbProfileStatusEntry& entry);
 
-// How every output writes a path that has an index, and several: "Path1, Path3", "no path".
-std::string pathName(Vel::U32 index);
+// "Path1, Path3", or "no path".
 std::string pathNames(const std::vector<Vel::U32>& indices);
 // The names of ids; the number where the database has none.
 std::string vrfName(const Nav::NavDb* database, Vel::U32 vrfId);

@@ -1,5 +1,6 @@
 #include "agent/router/MemberChoice.h"
 
+#include "agent/router/PathName.h"
 #include "agent/router/RouterTrace.h"
 
 namespace Agent {
@@ -123,6 +124,7 @@ void MemberChoice::suitableIs(Groups::value_type& group, U32 pathIndex, bool sui
         value ? void(unsuitable.erase(pathIndex)) : void(unsuitable.insert(pathIndex));
     };
     if (suitable == !keys.unsuitable.contains(pathIndex)) return;
+    std::string reason;
     for (const Nav::LbProfileKey& key : keys.keys) {
         const Nav::LbProfileStatusEntry* entry = entryOf(key);
         if (!entry || !entry->pathEntry(pathIndex)) continue;
@@ -131,7 +133,8 @@ void MemberChoice::suitableIs(Groups::value_type& group, U32 pathIndex, bool sui
         write(suitable);
         const Chosen after = choose(*entry);
         if (before == after) continue;
-        report(key, constraints, pathIndex, before, after);
+        if (reason.empty()) reason = reasonOf(constraints, pathIndex);
+        report(key, pathIndex, reason, before, after);
         user_.choiceChanged(key);
     }
     write(suitable);
@@ -151,29 +154,27 @@ MemberChoice::Delays MemberChoice::delaysOf(const Group& group, U32 pathIndex) c
     return {};
 }
 
-void MemberChoice::report(const Nav::LbProfileKey& key, const Constraints& constraints,
-                          U32 pathIndex, const Chosen& before, const Chosen& after) const {
-    const PathQuality* quality = quality_->pathQuality(pathIndex);
-    const std::string figures = constraints.compare(quality ? *quality : PathQuality{});
-    const std::string traffic = trafficOf(key), path = pathText(pathIndex);
-    if (before.suitable && !after.suitable)
-        DUOLOG(routerTrace, 4, traffic, " has no path that meets its constraints: ", path, ": ",
-               figures);
-    else if (after.suitable && !before.suitable)
-        DUOLOG(routerTrace, 5, traffic, " has a path that meets its constraints again: ", path,
-               ": ", figures);
-    else
-        DUOLOG(routerTrace, 5, traffic, after.has(pathIndex) ? " returns to " : " leaves ", path,
-               ": ", figures);
-}
-
-std::string MemberChoice::pathText(U32 pathIndex) const {
+// "Path1 203.0.113.1 -> 198.51.100.2: loss 4.1 % > 1 %"
+std::string MemberChoice::reasonOf(const Constraints& constraints, U32 pathIndex) const {
+    std::string text = pathName(pathIndex);
     for (const Nav::PathConfig& vrf : in_.pathConfigDir->pathConfig())
         for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry())
             if (path.pathIndex() == pathIndex)
-                return "Path" + std::to_string(pathIndex) + " " + path.key().srcAddr.stringValue() +
-                       " -> " + path.key().dstAddr.stringValue();
-    return "Path" + std::to_string(pathIndex);
+                text += " " + path.key().srcAddr.stringValue() + " -> " +
+                        path.key().dstAddr.stringValue();
+    const PathQuality* quality = quality_->pathQuality(pathIndex);
+    return text + ": " + constraints.compare(quality ? *quality : PathQuality{});
+}
+
+void MemberChoice::report(const Nav::LbProfileKey& key, U32 pathIndex, const std::string& reason,
+                          const Chosen& before, const Chosen& after) const {
+    const std::string traffic = trafficOf(key);
+    if (before.suitable && !after.suitable)
+        DUOLOG(routerTrace, 4, traffic, " has no path that meets its constraints: ", reason);
+    else if (after.suitable && !before.suitable)
+        DUOLOG(routerTrace, 5, traffic, " has a path that meets its constraints again: ", reason);
+    else
+        DUOLOG(routerTrace, 5, traffic, after.has(pathIndex) ? " returns to " : " leaves ", reason);
 }
 
 std::string MemberChoice::trafficOf(const Nav::LbProfileKey& key) const {

@@ -87,8 +87,8 @@ class MemberChoice {
     void suitableIs(Groups::value_type& group, Vel::U32 pathIndex, bool suitable);
     const Nav::LbProfileStatusEntry* entryOf(const Nav::LbProfileKey& key) const;
     Delays delaysOf(const Group& group, Vel::U32 pathIndex) const;
-    std::string pathText(Vel::U32 pathIndex) const;
-    void report(const Nav::LbProfileKey& key, const Constraints& constraints, Vel::U32 pathIndex,
+    std::string reasonOf(const Constraints& constraints, Vel::U32 pathIndex) const;
+    void report(const Nav::LbProfileKey& key, Vel::U32 pathIndex, const std::string& reason,
                 const Chosen& before, const Chosen& after) const;
 
     const Nav::NavInputs in_;

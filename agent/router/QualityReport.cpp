@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "agent/router/PathName.h"
+
 namespace Agent {
 
 namespace {
@@ -11,13 +13,9 @@ Json figure(double value) {
     return std::isnan(value) ? Json() : Json(std::round(value * 1000) / 1000);
 }
 
-std::string nameOf(Vel::U32 pathIndex) {
-    return "Path" + std::to_string(pathIndex);
-}
-
 Json rowOf(const L3::VrfName& vrf, const Nav::PathStatusEntry& path, const PathQuality& quality) {
     const bool checked = quality.state != PathLiveness::notChecked;
-    return {{"path", nameOf(path.pathInfo().pathIndex)},
+    return {{"path", pathName(path.pathInfo().pathIndex)},
             {"source", path.key().srcAddr.stringValue()},
             {"destination", path.key().dstAddr.stringValue()},
             {"vrf", vrf.str()},
@@ -76,7 +74,7 @@ Json QualityReport::paths() const {
 
 Json QualityReport::history(const std::string& path) const {
     for (const auto& [pathIndex, quality] : quality_->pathQuality()) {
-        if (nameOf(pathIndex) != path) continue;
+        if (pathName(pathIndex) != path) continue;
         const auto kept = history_.find(pathIndex);
         const auto series = [&](float Sample::*figureOf) {
             Json values = Json::array();

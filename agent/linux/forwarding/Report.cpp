@@ -1,12 +1,10 @@
 #include "agent/linux/forwarding/Report.h"
 
+#include "agent/router/PathName.h"
+
 namespace Agent::Linux {
 
 namespace {
-
-std::string pathName(uint32_t pathIndex) {
-    return "Path" + std::to_string(pathIndex);
-}
 
 Json tunnels(Forwarding& forwarding) {
     Json rows = Json::array();

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "agent/linux/kernel/LinuxTrace.h"
+#include "agent/router/PathName.h"
 
 namespace Agent::Linux {
 
@@ -172,7 +173,7 @@ Json PathProbing::report() const {
     for (const auto& [pathIndex, path] : paths_) {
         if (!path.session) continue;
         const ProbeCounts& counts = path.session->counts();
-        rows.push_back({{"path", "Path" + std::to_string(pathIndex)},
+        rows.push_back({{"path", pathName(pathIndex)},
                         {"source", path.key.srcAddr.stringValue()},
                         {"destination", path.key.dstAddr.stringValue()},
                         {"sent", counts.sent},
