@@ -119,6 +119,8 @@ const std::map<std::string, Text> texts = {
     {"/forwardingConfig/probe/key",
      {"secret", "authenticates the probes; empty: they are not authenticated"}},
     {"/forwardingConfig/probe/dscp", {"DSCP, 0 to 63", "of the probes; also by name, such as cs6"}},
+    {"/forwardingConfig/probe/answerStrangers",
+     {"true, false", "answer the probes of any sender, not only of the ends of paths"}},
     {"/forwardingConfig/probe/group[name]",
      {"name of a path group", "other values for its paths; an absent one is that of `probe`"}},
     {"/forwardingConfig/probe/group[name]/interval", {"ms, 10 to 60000, or 0", "see `probe`"}},

@@ -261,7 +261,8 @@ class Lab:
             yield value["concat"] if "concat" in value else value, element["counter"]["packets"]
 
     def clear(self, provider):
-        """How many tunnel packets have come to a provider in clear text so far, by site."""
+        """How many packets of tunnels and probes have come to a provider in clear text so far, by
+        site."""
         return {int(link[4:]): packets for link, packets in self._counted(provider, "clear")}
 
     # The agents.
@@ -452,7 +453,8 @@ table inet lab {{
     set clear {{ type ifname; size 65535; flags dynamic; counter; }}
     chain clear {{
         type filter hook prerouting priority raw;
-        udp dport {port} update @clear {{ iifname }}
+        udp dport {{ {port}, 862 }} update @clear {{ iifname }}
+        udp sport 862 update @clear {{ iifname }}
     }}
     chain degrade {{ type filter hook forward priority filter; }}
 }}

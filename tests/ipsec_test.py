@@ -62,6 +62,16 @@ class IpsecTest(LabCase):
         self.await_all_arrive(streams)
         return streams
 
+    def await_probed(self):
+        """Probes that are sent from now on are answered, on every secured path."""
+        def answered():
+            return [row["answered"] for site in sites
+                    for row in self.shown(site, "show", "forwarding")["probes"]["paths"]
+                    if row["source"] == outside("internet", site)]
+        goals = [each + 5 for each in await_("secured paths are probed", lambda: [
+            rows for rows in [answered()] if len(rows) == 6 and all(rows)][:1])[0]]
+        await_("probes are answered", lambda: all(map(int.__ge__, answered(), goals)))
+
     def await_all_arrive(self, streams):
         """Packets of each stream that are sent from now on arrive."""
         goals = {stream: len(stream.sent) + 5 for stream in streams}
@@ -138,12 +148,15 @@ class IpsecTest(LabCase):
 
     def test_packets_are_encrypted_through_rekeying_and_the_end_of_agents(self):
         streams = self.start()
+        self.await_probed()
         firsts = self.firsts()
         before = {site: self.connections(site) for site in sites}
         for site in 1, 2:
             self.rekey(site)
         self.await_all_arrive(streams)
+        self.await_probed()
         for site in sites:
+            self.assertNotIn("is dead", self.lab.log(site))
             self.kill(site)
         self.await_settled(streams)
         self.assert_nothing_lost(streams, firsts)

@@ -11,18 +11,70 @@ import math
 import os
 import random
 import re
+import select
 import socket
 import statistics
+import struct
 import subprocess
 import sys
 import time
 
 from products import LabCase, main, source  # which adds scripts/ to the path
 
-from netlab import await_, outside, providers, router, sites  # noqa: E402
+from netlab import await_, call, outside, providers, router, sites  # noqa: E402
 from traffic import open_socket  # noqa: E402
 
 stamp = [sys.executable, f"{source}/tests/stamp.py"]
+
+# Of linux/ptrace.h and linux/if_packet.h; the standard library has no names for them.
+PTRACE_SEIZE, PTRACE_INTERRUPT, PTRACE_DETACH, WALL = 0x4206, 0x4207, 17, 0x40000000
+ETH_P_ALL, PACKET_OUTGOING = 3, 4
+
+
+@contextlib.contextmanager
+def standing_still(thread):
+    """One thread of a process, while its others run."""
+    call("ptrace", PTRACE_SEIZE, thread, None, None)
+    call("ptrace", PTRACE_INTERRUPT, thread, None, None)
+    os.waitpid(thread, WALL)
+    try:
+        yield
+    finally:
+        call("ptrace", PTRACE_DETACH, thread, None, None)
+
+
+class Attacker:
+    """Somebody at a provider who sees the probes and answers to two sites: for every other one he sends
+    that packet again, an earlier one, a damaged one, or one of chance."""
+
+    def __init__(self, lab, provider, links, chance):
+        self.chance, self.seen = chance, []
+        with lab.within(provider):
+            self.links = [socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
+                          for _ in links]
+        for opened, link in zip(self.links, links):
+            opened.bind((link, 0))
+
+    def attack(self):
+        """Once one of his links is readable."""
+        for link in select.select(self.links, [], [], 1)[0]:
+            frame, (_, _, kind, *_) = link.recvfrom(2048)
+            udp = 34  # behind Ethernet and IPv4
+            if kind != PACKET_OUTGOING or frame[23] != socket.IPPROTO_UDP or \
+                    862 not in struct.unpack_from(">HH", frame, udp):
+                continue
+            # No checksum: that of a packet that never left the machine may not be filled in.
+            packet = bytearray(frame[:udp + 6] + b"\0\0" + frame[udp + 8:])
+            self.seen.append((link, bytes(packet)))
+            how = self.chance.randrange(8)
+            if how == 0:
+                packet[self.chance.randrange(udp + 8, len(packet))] ^= 1 << self.chance.randrange(8)
+            elif how == 1:
+                packet[udp + 8:] = self.chance.randbytes(len(packet) - udp - 8)
+            elif how == 2:
+                link, packet = self.chance.choice(self.seen)
+            if how < 4:
+                link.send(packet)
 
 
 class QualityTest(LabCase):
@@ -48,6 +100,12 @@ class QualityTest(LabCase):
         """When paths of a site died, by destination, in seconds since the epoch."""
         return [(to, datetime.datetime.fromisoformat(when).timestamp()) for when, to in re.findall(
             r"^(\S+) linux:4 Path.* Dst: (\S+) .*is dead", self.lab.log(site), re.MULTILINE)]
+
+    def counts(self, site, provider, other):
+        """What became of the probes of a path, and of the probes of others."""
+        probes = self.shown(site, "show", "forwarding")["probes"]
+        end = self.ends[provider, other]
+        return next(row for row in probes["paths"] if row["destination"] == end), probes["reflector"]
 
     def send(self, site, provider, to, count, key=""):
         """Probes of another sender."""
@@ -80,9 +138,46 @@ class QualityTest(LabCase):
                 self.assertEqual(self.deaths(1), [])
                 self.lab.end_agent(1)
         self.lab.ip("router3", "addr add 198.51.100.200/32 dev lo")
+        self.lab.ip("internet", f"route add 198.51.100.200 via {self.ends['internet', 3]}")
         self.start(1)
         self.ends["internet", 3] = "198.51.100.200"
         self.assertEqual(self.send(3, "internet", 1, 1), none)
+        self.lab.configure(1, forwarding=self.lab.forwarding(1) | {"probe": {"answerStrangers": True}})
+        await_("strangers are answered", lambda: self.send(3, "internet", 1, 1)["answered"] == 1)
+
+    def test_attackers_change_nothing_but_counters(self):
+        self.start(1, 2, key="secret", interval=20, multiplier=50, window=4000)
+        for site in 1, 2:
+            self.await_alive(True, site, "internet", 3 - site)
+        attacker = Attacker(self.lab, "internet", ["site1", "site2"], random.Random(5))
+        for link in attacker.links:
+            self.addCleanup(link.close)
+
+        def noticed(site):
+            path, reflector = self.counts(site, "internet", 3 - site)
+            return all(each > 50 for each in (path["duplicate"], path["notAuthentic"],
+                                              reflector["replayed"], reflector["notAuthentic"]))
+
+        def attack():
+            for _ in range(500):
+                attacker.attack()
+            return noticed(1) and noticed(2)
+        await_("the attacks are counted", attack)
+        for site in 1, 2:
+            row = self.lab.quality(site, "internet", 3 - site)
+            self.assertEqual((row["alive"], row["lossForward"], row["lossBackward"]), (True, 0, 0), row)
+            self.assertLess(row["rttMs"], 5)
+            self.assertEqual(self.deaths(site), [])
+
+    def test_answers_do_not_wait_for_the_event_thread(self):
+        self.start(1, 2)
+        self.await_alive(True, 1, "internet", 2)
+        with standing_still(self.lab.agents[2].pid):
+            before = self.counts(1, "internet", 2)[0]["answered"]
+            await_("probes of 2 s are answered", lambda: self.counts(1, "internet", 2)[0]["answered"] >
+                   before + 20)
+        self.await_alive(True, 2, "internet", 1)
+        self.assertEqual(self.deaths(1) + self.deaths(2), [])
 
     def test_loss_is_told_apart_by_direction(self):
         for provider, to, port, direction in (("internet", "site2", "dport", "lossForward"),

@@ -117,7 +117,7 @@ U32 ForwardingAgent::VelPathStatusEntry::program(const Nav::HwPathInfo& info) {
 void ForwardingAgent::VelPathStatusEntry::probe(const Nav::HwPathInfo& info) {
     const Interface* interface = agent_.monitor_.interfaces().at(nexthop_->ifIndex);
     if (agent_.probing_ && interface)
-        agent_.probing_->pathIs(info.pathIndex, path_->key(), *interface);
+        agent_.probing_->pathIs(info.pathIndex, path_->key(), *interface, secured());
 }
 
 void ForwardingAgent::VelPathStatusEntry::write(const Nav::HwPathKey& key, U32 pathIndex,

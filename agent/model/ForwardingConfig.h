@@ -66,13 +66,14 @@ inline constexpr Vel::U16 probePort = 862;
 
 class ProbeConfig : public Vel::Entity {
     VEL_ENTITY(ProbeConfig, Vel::Name, name)
-    VEL_ATTRIBUTE(Vel::U32, interval, 100)  // ms; 0: paths are not probed
-    VEL_ATTRIBUTE(Vel::U32, multiplier, 3)  // lost probes that make a path dead
-    VEL_ATTRIBUTE(Vel::U32, window, 10000)  // ms, over which quality is measured
-    VEL_ATTRIBUTE(Vel::U32, upDelay, 1000)  // ms that a path must be good to return
-    VEL_ATTRIBUTE(Vel::U32, downDelay, 0)   // ms that it must be bad to leave
-    VEL_ATTRIBUTE(Vel::Secret, key, {})     // empty: probes are not authenticated
-    VEL_ATTRIBUTE(Dscp, dscp, {})           // of the probes
+    VEL_ATTRIBUTE(Vel::U32, interval, 100)       // ms; 0: paths are not probed
+    VEL_ATTRIBUTE(Vel::U32, multiplier, 3)       // lost probes that make a path dead
+    VEL_ATTRIBUTE(Vel::U32, window, 10000)       // ms, over which quality is measured
+    VEL_ATTRIBUTE(Vel::U32, upDelay, 1000)       // ms that a path must be good to return
+    VEL_ATTRIBUTE(Vel::U32, downDelay, 0)        // ms that it must be bad to leave
+    VEL_ATTRIBUTE(Vel::Secret, key, {})          // empty: probes are not authenticated
+    VEL_ATTRIBUTE(Dscp, dscp, {})                // of the probes
+    VEL_ATTRIBUTE(bool, answerStrangers, false)  // answer others than the ends of paths, too
     VEL_COLLECTION(Vel::Name, ProbeGroupConfig, group)
 };
 

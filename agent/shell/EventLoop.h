@@ -1,6 +1,7 @@
-// The agent's only thread: waits for descriptors, signals and timers, and drives the task
-// scheduler. Everything the agent does happens in a callback of this loop or in a task that the
-// scheduler runs between two callbacks, so nothing is locked. Owned by HostAgent; not thread-safe.
+// The event thread: waits for descriptors, signals and timers, and drives the task scheduler.
+// Everything the agent does, except answering the probes of others, happens in a callback of this
+// loop or in a task that the scheduler runs between two callbacks, so nothing is locked. Owned by
+// HostAgent; not thread-safe.
 //
 // Invariant: when the loop sleeps, no task is due, and it wakes for the next one.
 #pragma once

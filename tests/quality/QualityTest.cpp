@@ -1,5 +1,8 @@
 // Figures and sessions of probes, against plain recomputations.
 #include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <array>
@@ -9,7 +12,7 @@
 #include <sstream>
 
 #include "agent/linux/quality/ProbeSession.h"
-#include "agent/linux/quality/Reflector.h"
+#include "agent/linux/quality/ReflectorThread.h"
 
 namespace Agent::Linux {
 namespace {
@@ -377,29 +380,66 @@ TEST(ProbeSessionTest, APathIsCheckedWhileItsOtherEndListens) {
     }
 }
 
-// Nobody gets more than was sent, and a flood is not answered.
+// Nobody gets more than was sent, and a flood is not answered, nor that of all strangers together.
 TEST(ReflectorTest, AnswersAreLimited) {
-    Reflector reflector;
-    reflector.peersAre({{{there, here}, {}}});
-    std::array<std::byte, ProbeSocket::maxSize> packet{}, buffer;
-    Instant now{};
-    size_t count = 0;
-    for (uint32_t i = 0; i < 100'000; ++i, now += 20us) {
-        write(SenderPacket{i, i, 1, 1}, packet, nullptr);
-        const auto data = std::span(packet).first(stampSize + i % 1000);
-        const auto answer =
-            reflector.answer(there, {here, 4711, 0, 255, 1s, data}, buffer, now, 1s);
-        count += !answer.empty();
-        if (!answer.empty()) {
-            EXPECT_EQ(answer.size(), data.size());
+    for (const uint32_t senders : {1, 8}) {
+        SCOPED_TRACE(senders);
+        Reflector reflector;
+        senders == 1 ? reflector.peersAre({{{there, here}, {}}})
+                     : reflector.peersAre({}, Vel::Secret{});
+        std::array<std::byte, ProbeSocket::maxSize> packet{}, buffer;
+        Instant now{};
+        size_t count = 0;
+        for (uint32_t i = 0; i < 100'000; ++i, now += 20us) {
+            const auto sender = Netz::IpGenAddr::fromV4(0xCB007101 + i % senders);
+            write(SenderPacket{i, i, 1, 1}, packet, nullptr);
+            const auto data = std::span(packet).first(stampSize + i % 1000);
+            const auto answer =
+                reflector.answer(there, {sender, 4711, 0, 255, 1s, data}, buffer, now, 1s);
+            count += !answer.empty();
+            if (!answer.empty()) {
+                EXPECT_EQ(answer.size(), data.size());
+            }
         }
+        EXPECT_NEAR(static_cast<double>(count), 2 * Reflector::maxRate, Reflector::maxRate / 5);
+        for (uint16_t port = 1; port < 100; ++port, now += 10ms)
+            reflector.answer(there, {here, port, 0, 255, 1s, std::span(packet).first(stampSize)},
+                             buffer, now, 1s);
+        EXPECT_EQ(reflector.counts().answered, count + Reflector::maxSessions - senders);
+        EXPECT_EQ(reflector.counts().answered + reflector.counts().limited, 100'099U);
     }
-    EXPECT_NEAR(static_cast<double>(count), 2 * Reflector::maxRate, Reflector::maxRate / 5);
-    for (uint16_t port = 1; port < 100; ++port, now += 10ms)
-        reflector.answer(there, {here, port, 0, 255, 1s, std::span(packet).first(stampSize)},
-                         buffer, now, 1s);
-    EXPECT_EQ(reflector.counts().answered, count + Reflector::maxSessions - 1);
-    EXPECT_EQ(reflector.counts().answered + reflector.counts().limited, 100'099U);
+}
+
+// The thread answers while its owner changes what it works with.
+TEST(ReflectorThreadTest, ProbesAreAnsweredWhilePeersAndPlacesChange) {
+    const auto local = Netz::IpGenAddr::fromV4(INADDR_LOOPBACK);
+    const Place place{local, if_nametoindex("lo")};
+    ReflectorThread thread;
+    std::string refused;
+    const auto answerAt = [&](const std::set<Place>& places) {
+        thread.placesAre(places,
+                         [&](const Place&, const std::string& reason) { refused = reason; });
+    };
+    answerAt({place});
+    if (!refused.empty()) GTEST_SKIP() << refused;
+    ProbeSocket sender(ProbeSocket::Role::sender, place, 0);
+    size_t answers = 0;
+    const Instant end = Loom::MonotonicClock().now() + 60s;
+    for (uint32_t i = 0; answers < 500 && Loom::MonotonicClock().now() < end; ++i) {
+        thread.peersAre({{{local, local}, {i % 100 < 50 ? "" : "secret"}}}, {});
+        if (i % 64 == 0) answerAt({});
+        answerAt({place});
+        std::array<std::byte, stampSize> packet;
+        const ProbeDatagram probe{
+            local, probePort, 0, 255, {}, write(SenderPacket{i, i + 1, 1, 1}, packet, nullptr)};
+        sender.send({&probe, 1}, [](size_t, int) {});
+        pollfd readable{sender.fd(), POLLIN, 0};
+        poll(&readable, 1, 1);
+        sender.receiveReports({[](uint32_t, nanoseconds) {}, [](const ProbeDatagram&) {}});
+        sender.receive([&](const ProbeDatagram&) { ++answers; });
+    }
+    EXPECT_GE(answers, 500U);
+    EXPECT_GE(thread.counts().answered, answers);
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ uint32_t derivedMtu(const InterfaceView& view, const Nav::NavCliConfig& config) 
             for (const IpGenAddr& via : remote.remoteVia()) v6 |= via.isV6();
     }
     uint32_t link = smallest.value_or(ethernet) - (secured ? espOverhead : 0);
-    if (const Interface* ipsec = view.named(Netz::IntfId(ipsecDevice)); secured && ipsec)
+    if (const Interface* ipsec = ipsecDeviceIn(view); secured && ipsec)
         link = std::min(link, ipsec->mtu);
     const uint32_t overhead = tunnelOverhead(v6);
     return std::max(link, least + overhead) - overhead;
@@ -131,7 +131,7 @@ std::set<ObjectKey> Plan::takeChanged() {
 }
 
 uint32_t ipsecIndexIn(const InterfaceView& view) {
-    const Interface* device = view.named(Netz::IntfId(ipsecDevice));
+    const Interface* device = ipsecDeviceIn(view);
     return device ? device->index : 0;
 }
 
@@ -313,7 +313,8 @@ void Plan::planSource(const IpGenAddr& source) {
         };
         pin(0, udpPort_);
         pin(0, probePort);
-        pin(probePort, 0);
+        // The socket of answers is bound to the interface; strangers are found by other routes.
+        if (!config_->probe()->answerStrangers()) pin(probePort, 0);
     }
     replace(Source{source}, objects);
 }

@@ -33,6 +33,7 @@
 
 #include "agent/linux/forwarding/Numbers.h"
 #include "agent/linux/forwarding/VrfRoutes.h"
+#include "agent/linux/kernel/IpsecDevice.h"
 #include "agent/linux/kernel/LinkState.h"
 #include "agent/linux/kernel/Objects.h"
 #include "agent/model/ForwardingConfig.h"
@@ -65,9 +66,6 @@ struct PathHop {
 
     bool operator==(const PathHop&) const = default;
 };
-
-// The device into which packets go that charon encrypts itself, where the kernel cannot.
-inline constexpr const char* ipsecDevice = "ipsec0";
 
 // The priorities of the agent's rules. Both come before those of VRF devices (1000).
 inline constexpr uint32_t pinPriority = 110;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <random>
 
+#include "agent/linux/kernel/IpsecDevice.h"
 #include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/router/PathName.h"
 
@@ -19,8 +20,9 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using namespace std::chrono_literals;
 
-// The paths of an interface are probed at 8 moments of their interval, 16 at a time.
-constexpr uint32_t slots = 8, burst = 16;
+// The paths of a source are probed at up to 8 moments of their interval, at the first ones as long
+// as there are not more than 16 paths each, whose packets are as long as one full-size packet.
+constexpr size_t slots = 8, burst = 16;
 
 // One round of reading takes all that the socket's buffer holds; a flood must not keep the thread.
 constexpr int maxReads = 32;
@@ -43,31 +45,24 @@ constexpr uint8_t trafficClass(Dscp dscp) {
 
 // Sends the probes of all paths from one place, and receives their answers.
 struct PathProbing::Source {
-    explicit Source(const Place& place)
-        : socket(ProbeSocket::Role::sender, place.addr, 0, place.ifIndex) {}
+    explicit Source(const Place& place) : socket(ProbeSocket::Role::sender, place, 0) {}
 
     struct Sent {
-        uint32_t id = 0, pathIndex = 0, sequence = 0;
+        uint32_t id = 0, sequence = 0;
+        PathEntry* path = nullptr;  // null if it is no longer probed
     };
     Sent& sent(uint32_t id) { return lately[id % lately.size()]; }
+    size_t freeSlot() const {
+        const auto free = std::ranges::find_if(filled, [](size_t n) { return n < burst; });
+        return static_cast<size_t>(
+            (free == filled.end() ? std::ranges::min_element(filled) : free) - filled.begin());
+    }
 
     ProbeSocket socket;
     std::map<IpGenAddr, PathEntry*> paths;  // by destination
+    std::array<size_t, slots> filled{};     // how many of them are in each slot
     std::array<Sent, 1024> lately{};        // what the kernel's numbers stand for
     Instant next = Instant::max();          // when the first of them is due
-};
-
-// Where probes of others come.
-struct PathProbing::Answering {
-    Answering(PathProbing& owner, const Place& place)
-        : local(place.addr),
-          socket(ProbeSocket::Role::reflector, place.addr, probePort, place.ifIndex),
-          readable(
-              owner.loop_.onReadable(socket.fd(), [this, &owner] { owner.handleProbes(*this); })) {}
-
-    const IpGenAddr local;
-    ProbeSocket socket;
-    const EventLoop::Registration readable;
 };
 
 PathProbing::PathProbing(const Nav::NavInputs& inputs, ForwardingPtr config, QualityStatus& quality,
@@ -79,9 +74,8 @@ PathProbing::PathProbing(const Nav::NavInputs& inputs, ForwardingPtr config, Qua
       interfaces_(std::move(interfaces)),
       lastSessionId_(static_cast<uint16_t>(std::random_device()())),
       tick_(*in_.scheduler, Loom::call<&PathProbing::tick>(*this)),
-      publication_(*in_.scheduler,
-                   Loom::call<static_cast<void (PathProbing::*)()>(&PathProbing::publish)>(*this)) {
-    publication_.armIn(publishInterval);
+      review_(*in_.scheduler, Loom::call<&PathProbing::review>(*this)) {
+    review_.armIn(reviewInterval);
 }
 
 PathProbing::~PathProbing() = default;
@@ -107,17 +101,21 @@ PathProbing::Source* PathProbing::sourceAt(const Place& place) try {
     return nullptr;
 }
 
-void PathProbing::pathIs(uint32_t pathIndex, const Nav::PathKey& key, const Interface& interface) {
+void PathProbing::pathIs(uint32_t pathIndex, const Nav::PathKey& key, const Interface& interface,
+                         bool secured) {
     Path& path = paths_[pathIndex];
-    const Place place{key.srcAddr, interface.index};
-    if (path.key != key || path.place != place || path.interface != interface.name) {
-        end(pathIndex, path);
-        path.key = key;
-        path.place = place;
-        path.interface = interface.name;
-    }
+    if (path.key != key) end(pathIndex, path);
+    path.key = key;
+    path.interface = interface.name;
+    path.ifIndex = interface.index;
+    path.secured = secured;
     follow(pathIndex, path);
     arm();
+}
+
+Place PathProbing::placeOf(const IpGenAddr& source, uint32_t ifIndex, bool secured) const {
+    const Interface* ipsec = secured ? ipsecDeviceIn(interfaces_()) : nullptr;
+    return {source, ipsec ? ipsec->index : ifIndex};
 }
 
 void PathProbing::pathDel(uint32_t pathIndex) {
@@ -130,21 +128,23 @@ void PathProbing::pathDel(uint32_t pathIndex) {
 // Makes the path's session what the configuration says.
 void PathProbing::follow(uint32_t pathIndex, Path& path) {
     const ProbeValues values = valuesOf(path.interface);
-    if (path.session && path.session->values() == values) return;
+    const Place place = placeOf(path.key.srcAddr, path.ifIndex, path.secured);
+    if (path.session && path.session->values() == values && path.place == place) return;
     // With another key, an answer can be expected only once the other end has it, too.
     const bool isRekeyed = path.session && path.session->values().key != values.key;
     if (path.session) end(pathIndex, path);
     const auto memory = memories_.find(path.key);
     if (isRekeyed && memory != memories_.end() && !memory->second.isDead) memories_.erase(memory);
     if (values.interval == 0) return void(memories_.erase(path.key));
-    path.source = sourceAt(path.place);
+    path.place = place;
+    path.source = sourceAt(place);
     if (!path.source) return;
     path.source->paths[path.key.dstAddr] = &*paths_.find(pathIndex);
     if (++lastSessionId_ == 0) ++lastSessionId_;
-    // Neighbouring indices, which often share a source, are sent together: a burst of some small
-    // packets is cheap, a tick for each is not.
+    path.slot = path.source->freeSlot();
+    ++path.source->filled[path.slot];
     const Duration interval = milliseconds(values.interval);
-    const Duration phase = interval * (pathIndex / burst % slots) / slots;
+    const Duration phase = interval * path.slot / slots;
     const auto before = memories_.extract(path.key);
     path.session.emplace(values, lastSessionId_, roundUp(in_.scheduler->now(), interval) + phase,
                          before.empty() ? std::nullopt : std::optional(before.mapped()));
@@ -155,8 +155,11 @@ void PathProbing::follow(uint32_t pathIndex, Path& path) {
 void PathProbing::end(uint32_t pathIndex, Path& path) {
     if (!path.session) return;
     if (const auto memory = path.session->memory()) memories_[path.key] = *memory;
-    path.session.reset();
     Source& source = *std::exchange(path.source, nullptr);
+    --source.filled[path.slot];
+    for (Source::Sent& sent : source.lately)
+        if (sent.path && sent.path->first == pathIndex) sent = {};
+    path.session.reset();
     std::erase_if(source.paths, [&](const auto& each) { return each.second->first == pathIndex; });
     if (source.paths.empty()) sources_.erase(path.place);
     quality_->pathQualityDel(pathIndex);
@@ -186,7 +189,7 @@ Json PathProbing::report() const {
                         {"malformed", counts.malformed},
                         {"notAuthentic", counts.notAuthentic}});
     }
-    const ReflectorCounts& counts = reflector_.counts();
+    const ReflectorCounts counts = reflector_.counts();
     return {{"paths", rows},
             {"reflector",
              {{"answered", counts.answered},
@@ -210,7 +213,8 @@ void PathProbing::tick() {
         if (source->next > now) continue;
         readAnswers(*source);
         for (const auto& [destination, path] : source->paths)
-            if (path->second.session->judge(now)) publish(path->first, path->second);
+            if (path->second.session->judge(now) || path->second.publishAt <= now)
+                publish(path->first, path->second);
         sendDue(*source, now);
         source->next = nextOf(*source);
     }
@@ -239,10 +243,9 @@ void PathProbing::readAnswers(Source& source) {
         .transmitted =
             [&](uint32_t id, nanoseconds sinceEpoch) {
                 const Source::Sent& sent = source.sent(id);
-                const auto path = paths_.find(sent.pathIndex);
                 const auto at = clock_.instant(sinceEpoch);
-                if (sent.id == id && at && path != paths_.end() && path->second.source == &source)
-                    path->second.session->transmitted(sent.sequence, *at);
+                if (sent.path && sent.id == id && at)
+                    sent.path->second.session->transmitted(sent.sequence, *at);
             },
         .portUnreachable =
             [&](const ProbeDatagram& quoted) {
@@ -273,11 +276,11 @@ void PathProbing::sendDue(Source& source, Instant now) {
                              .port = probePort,
                              .trafficClass = trafficClass(session.values().dscp),
                              .data = write(packet, buffers[sent.size()], session.key())});
-        sent.push_back({0, path->first, packet.sequence});
+        sent.push_back({.sequence = packet.sequence, .path = path});
     }
     const uint32_t first = source.socket.nextId();
     source.socket.send(datagrams, [&](size_t at, int error) {
-        Path& path = paths_.at(sent[at].pathIndex);
+        Path& path = sent[at].path->second;
         path.session->sendFailed();
         report(path.place, "A probe from " + path.key.srcAddr.stringValue() + " to " +
                                path.key.dstAddr.stringValue() +
@@ -290,7 +293,7 @@ void PathProbing::sendDue(Source& source, Instant now) {
     }
 }
 
-void PathProbing::publish(uint32_t pathIndex, const Path& path) {
+void PathProbing::publish(uint32_t pathIndex, Path& path) {
     const PathQuality* before = quality_->pathQuality(pathIndex);
     const PathLiveness state = before ? before->state : PathLiveness::notChecked;
     PathQuality quality;
@@ -300,17 +303,16 @@ void PathProbing::publish(uint32_t pathIndex, const Path& path) {
                " is dead: its other end no longer answers probes");
     if (state == PathLiveness::dead && state != quality.state)
         DUOLOG(linuxTrace, 5, "Path", pathIndex, " ", path.key, " is alive again");
+    const Duration tenth = milliseconds(path.session->values().window) / 10;
+    path.publishAt = in_.scheduler->now() + std::min(publishInterval, tenth);
     quality_->pathQualityIs(pathIndex, quality);
 }
 
-void PathProbing::publish() {
-    for (auto& [pathIndex, path] : paths_) {
-        follow(pathIndex, path);  // whose socket may have been refused before
-        if (path.session) publish(pathIndex, path);
-    }
+void PathProbing::review() {
+    for (auto& [pathIndex, path] : paths_) follow(pathIndex, path);
     arm();
     reflect();
-    publication_.armIn(publishInterval);
+    review_.armIn(reviewInterval);
 }
 
 // Answers are given at the sources of all configured paths, to their destinations.
@@ -326,36 +328,16 @@ void PathProbing::reflect() {
                 if (interface.primary4.addr != source && interface.primary6.addr != source)
                     continue;
                 if (interface.vrf.name != vrf.vrfName()) continue;
-                places.insert({source, interface.index});
+                places.insert(placeOf(source, interface.index, !entry.ipsecProfile().empty()));
                 peers[{source, entry.key().dstAddr}] = valuesOf(interface.name).key;
             }
         }
-    reflector_.peersAre(peers);
-    std::erase_if(answering_, [&](const auto& each) { return !places.contains(each.first); });
-    std::erase_if(memories_, [&](const auto& each) { return !configured.contains(each.first); });
-    for (const Place& place : places) {
-        if (answering_.contains(place)) continue;
-        try {
-            answering_.emplace(place, std::make_unique<Answering>(*this, place));
-        } catch (const Vel::Error& error) {
-            report(place, std::string("Probes of others are not answered: ") + error.what());
-        }
-    }
-}
-
-void PathProbing::handleProbes(Answering& answering) {
-    static std::array<std::array<std::byte, ProbeSocket::maxSize>, 64> buffers;
-    std::vector<ProbeDatagram> answers;
-    answering.socket.receive([&](const ProbeDatagram& probe) {
-        const auto answer = reflector_.answer(answering.local, probe, buffers[answers.size()],
-                                              in_.scheduler->now(), DayClock::now());
-        if (answer.empty()) return;
-        answers.push_back({.peer = probe.peer,
-                           .port = probe.port,
-                           .trafficClass = static_cast<uint8_t>(probe.trafficClass & 0xfc),
-                           .data = answer});
+    const ProbeConfig& probe = *config_->probe();
+    reflector_.peersAre(peers, probe.answerStrangers() ? std::optional(probe.key()) : std::nullopt);
+    reflector_.placesAre(places, [this](const Place& place, const std::string& reason) {
+        report(place, "Probes of others are not answered: " + reason);
     });
-    answering.socket.send(answers, [](size_t, int) {});
+    std::erase_if(memories_, [&](const auto& each) { return !configured.contains(each.first); });
 }
 
 }  // namespace Agent::Linux

@@ -1,11 +1,11 @@
 // Probes each path from its source to its destination on its own interface (RFC 8762), publishes
-// what comes of it, and answers the probes of the other ends. Owned by the platform; used on the
-// event thread.
+// what comes of it, and has the probes of the other ends answered. Owned by the platform; used on
+// the event thread.
 //
-// Probes of all paths are spread over their intervals and sent at ticks. Answers wait in the socket
-// until the next tick: the kernel has stamped them, so a tick costs a few system calls, however
-// many packets there are, and nothing wakes the process in between. A path is judged only at a
-// tick, after everything that has come for it was read.
+// Probes are sent at ticks, those of all paths at as few moments of their interval as possible:
+// waking the process costs more than a packet. Answers wait in the socket until the next tick; the
+// kernel has stamped them. A path is judged only at a tick, after everything that has come for it
+// was read.
 #pragma once
 
 #include <functional>
@@ -16,7 +16,7 @@
 #include "agent/linux/kernel/LinkState.h"
 #include "agent/linux/quality/DayClock.h"
 #include "agent/linux/quality/ProbeSession.h"
-#include "agent/linux/quality/Reflector.h"
+#include "agent/linux/quality/ReflectorThread.h"
 #include "agent/router/PathQuality.h"
 #include "agent/shell/EventLoop.h"
 #include "nav/root/NavInputs.h"
@@ -25,16 +25,21 @@ namespace Agent::Linux {
 
 class PathProbing {
   public:
-    // Between two publications of the figures; a change of state is published at once.
+    // The figures of a path are published each tenth of its window, and at least as often as this;
+    // a change of state at once.
     static constexpr Loom::Duration publishInterval = std::chrono::seconds(1);
+    // What the kernel has refused is tried again, and new interfaces are found.
+    static constexpr Loom::Duration reviewInterval = std::chrono::seconds(1);
 
     // The loop and `interfaces`, the present ones, must outlive this.
     PathProbing(const Nav::NavInputs& inputs, ForwardingPtr config, QualityStatus& quality,
                 EventLoop& loop, std::function<const InterfaceView&()> interfaces);
     ~PathProbing();
 
-    // A path whose next hop answers, and the interface that it leaves by.
-    void pathIs(uint32_t pathIndex, const Nav::PathKey& path, const Interface& interface);
+    // A path whose next hop answers, the interface that it leaves by, and whether it is secured by
+    // IPsec. Probes of a secured path are, too.
+    void pathIs(uint32_t pathIndex, const Nav::PathKey& path, const Interface& interface,
+                bool secured);
     void pathDel(uint32_t pathIndex);
     // Called after a change of the configuration.
     void configured();
@@ -45,24 +50,23 @@ class PathProbing {
     Json report() const;
 
   private:
-    // The end of paths at one address on one interface.
-    struct Place {
-        Netz::IpGenAddr addr;
-        uint32_t ifIndex = 0;
-        auto operator<=>(const Place&) const = default;
-    };
     struct Source;
     struct Path {
         Nav::PathKey key;
-        Place place;
         Netz::IntfId interface;
+        uint32_t ifIndex = 0;
+        bool secured = false;
+        Place place;                          // where it is probed
         Source* source = nullptr;             // null: not probed
         std::optional<ProbeSession> session;  // set exactly while source is
+        size_t slot = 0;                      // of its source
+        Loom::Instant publishAt{};
     };
     using PathEntry = std::pair<const uint32_t, Path>;
-    struct Answering;
 
     ProbeValues valuesOf(const Netz::IntfId& interface) const;
+    // Where packets between a path's source and others leave and come.
+    Place placeOf(const Netz::IpGenAddr& source, uint32_t ifIndex, bool secured) const;
     void follow(uint32_t pathIndex, Path& path);
     void end(uint32_t pathIndex, Path& path);
     Source* sourceAt(const Place& place);
@@ -71,10 +75,9 @@ class PathProbing {
     void readAnswers(Source& source);
     void sendDue(Source& source, Loom::Instant now);
     void arm();
-    void publish();
-    void publish(uint32_t pathIndex, const Path& path);
+    void publish(uint32_t pathIndex, Path& path);
+    void review();
     void reflect();
-    void handleProbes(Answering& answering);
     void report(const Place& place, const std::string& what);
 
     const Nav::NavInputs in_;
@@ -86,11 +89,10 @@ class PathProbing {
     std::map<uint32_t, Path> paths_;  // by path index
     std::map<Place, std::unique_ptr<Source>> sources_;
     std::map<Nav::PathKey, ProbeSession::Memory> memories_;  // of paths that are not probed now
-    Reflector reflector_;
-    std::map<Place, std::unique_ptr<Answering>> answering_;
+    ReflectorThread reflector_;
     std::set<std::pair<Place, std::string>> reported_;
     uint16_t lastSessionId_;
-    Loom::Timer tick_, publication_;
+    Loom::Timer tick_, review_;
 };
 
 }  // namespace Agent::Linux

@@ -108,7 +108,7 @@ bool isPortUnreachable(const sock_extended_err& error) {
 
 }  // namespace
 
-// The buffers of one system call, shared by all sockets.
+// The buffers of one system call, shared by all sockets of a thread.
 struct ProbeSocket::Slots {
     struct Slot {
         SocketAddress address;
@@ -164,26 +164,26 @@ struct ProbeSocket::Slots {
 };
 
 ProbeSocket::Slots& ProbeSocket::slots() {
-    static const auto slots = std::make_unique<Slots>();
+    static thread_local const auto slots = std::make_unique<Slots>();
     return *slots;
 }
 
-ProbeSocket::ProbeSocket(Role role, const IpGenAddr& address, uint16_t port, uint32_t ifIndex)
-    : fd_(socket(address.isV6() ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK,
+ProbeSocket::ProbeSocket(Role role, const Place& place, uint16_t port)
+    : fd_(socket(place.addr.isV6() ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK,
                  0)),
       role_(role) {
     const auto refuse = [&](const char* what) {
         const std::string reason = std::strerror(errno);
         if (fd_ >= 0) close(fd_);
-        throw Vel::Error("UDP port " + std::to_string(port) + " of " + address.stringValue() +
+        throw Vel::Error("UDP port " + std::to_string(port) + " of " + place.addr.stringValue() +
                          ": " + what + ": " + reason);
     };
     if (fd_ < 0) refuse("socket");
     const auto set = [&](int level, int option, int value) {
         if (setsockopt(fd_, level, option, &value, sizeof value) != 0) refuse("setsockopt");
     };
-    const bool v6 = address.isV6();
-    set(SOL_SOCKET, SO_BINDTOIFINDEX, static_cast<int>(ifIndex));
+    const bool v6 = place.addr.isV6();
+    set(SOL_SOCKET, SO_BINDTOIFINDEX, static_cast<int>(place.ifIndex));
     // Beyond net.core.rmem_max with CAP_NET_ADMIN only.
     if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0)
         set(SOL_SOCKET, SO_RCVBUF, receiveBuffer);
@@ -194,10 +194,13 @@ ProbeSocket::ProbeSocket(Role role, const IpGenAddr& address, uint16_t port, uin
         set(SOL_SOCKET, SO_TIMESTAMPING, SOF_TIMESTAMPING_RX_SOFTWARE | SOF_TIMESTAMPING_SOFTWARE);
     } else {
         set(v6 ? SOL_IPV6 : SOL_IP, v6 ? IPV6_RECVERR : IP_RECVERR, 1);
+        // Small packets need no identification for fragments, which costs time to make.
+        set(v6 ? SOL_IPV6 : SOL_IP, v6 ? IPV6_MTU_DISCOVER : IP_MTU_DISCOVER,
+            v6 ? IPV6_PMTUDISC_PROBE : IP_PMTUDISC_PROBE);
         numberFromZero();
     }
     SocketAddress local;
-    const socklen_t size = toSocket(address, port, local);
+    const socklen_t size = toSocket(place.addr, port, local);
     if (bind(fd_, &local.any, size) != 0) refuse("bind");
 }
 

@@ -3,7 +3,7 @@
 // interface, sent ones when they enter its queue. So a time covers what the path does to a packet,
 // the queue of the own interface included, and not what delays this process.
 //
-// Used on the event thread; nothing here blocks.
+// Used by one thread at a time; nothing here blocks.
 #pragma once
 
 #include <sys/uio.h>
@@ -29,6 +29,14 @@ struct ProbeDatagram {
     std::span<const std::byte> data{};
 };
 
+// The end of paths at one address on one interface.
+struct Place {
+    Netz::IpGenAddr addr;
+    uint32_t ifIndex = 0;
+
+    auto operator<=>(const Place&) const = default;
+};
+
 class ProbeSocket {
   public:
     // sender: learns when its datagrams were sent, and which were answered by ICMP. reflector:
@@ -38,7 +46,7 @@ class ProbeSocket {
     static constexpr size_t maxSize = 2048;
 
     // `port`: 0 for any. Raises Vel::Error if the kernel refuses it.
-    ProbeSocket(Role role, const Netz::IpGenAddr& address, uint16_t port, uint32_t ifIndex);
+    ProbeSocket(Role role, const Place& place, uint16_t port);
     ~ProbeSocket();
     ProbeSocket(const ProbeSocket&) = delete;
     ProbeSocket& operator=(const ProbeSocket&) = delete;
@@ -52,7 +60,7 @@ class ProbeSocket {
     uint32_t nextId() const { return nextId_; }
 
     // What one system call takes from the queue; returns whether there may be more. The data is
-    // valid until the next call for any socket.
+    // valid until this thread's next call for any socket.
     bool receive(const std::function<void(const ProbeDatagram&)>& take);
 
     struct Reports {

@@ -13,16 +13,22 @@ std::optional<StampKey> keyFrom(const Vel::Secret& secret) {
 
 }  // namespace
 
-void Reflector::peersAre(const std::map<Pair, Vel::Secret>& peers) {
+Reflector::Peer::Peer(const Vel::Secret& secret) : secret(secret), key(keyFrom(secret)) {}
+
+void Reflector::Peer::secretIs(const Vel::Secret& value) {
+    if (secret == value) return;
+    secret = value;
+    before.emplace(std::exchange(key, keyFrom(value)));
+}
+
+void Reflector::peersAre(const std::map<Pair, Vel::Secret>& peers,
+                         const std::optional<Vel::Secret>& strangers) {
     std::erase_if(peers_, [&](const auto& peer) { return !peers.contains(peer.first); });
-    for (const auto& [pair, secret] : peers) {
-        const auto [at, isNew] = peers_.try_emplace(pair);
-        Peer& peer = at->second;
-        if (!isNew && peer.secret == secret) continue;
-        peer.secret = secret;
-        std::optional<StampKey> before = std::exchange(peer.key, keyFrom(secret));
-        if (!isNew) peer.before.emplace(std::move(before));
-    }
+    for (const auto& [pair, secret] : peers)
+        peers_.try_emplace(pair, secret).first->second.secretIs(secret);
+    if (!strangers) return strangers_.reset();
+    if (!strangers_) strangers_.emplace(*strangers);
+    strangers_->secretIs(*strangers);
 }
 
 // The key to read and answer a packet with.
@@ -47,15 +53,18 @@ bool Reflector::Peer::isWithinRate(Loom::Instant now) {
 }
 
 // Null if the peer has too many.
-Reflector::Session* Reflector::Peer::session(uint16_t port, uint16_t id, Loom::Instant now) {
-    const auto is = [&](const Session& each) { return each.port == port && each.id == id; };
+Reflector::Session* Reflector::Peer::session(const Pair& ends, uint16_t port, uint16_t id,
+                                             Loom::Instant now) {
+    const auto is = [&](const Session& each) {
+        return each.port == port && each.id == id && each.ends == ends;
+    };
     auto found = std::ranges::find_if(sessions, is);
     if (found == sessions.end() && sessions.size() == maxSessions) {
         found = std::ranges::min_element(sessions, {}, &Session::usedAt);
         if (now - found->usedAt < idle) return nullptr;
-        *found = {.port = port, .id = id};
+        *found = {.ends = ends, .port = port, .id = id};
     } else if (found == sessions.end()) {
-        found = sessions.insert(found, {.port = port, .id = id});
+        found = sessions.insert(found, {.ends = ends, .port = port, .id = id});
     }
     found->usedAt = now;
     return &*found;
@@ -86,15 +95,16 @@ std::span<const std::byte> Reflector::answer(const Netz::IpGenAddr& local,
                                              std::span<std::byte> buffer, Loom::Instant now,
                                              std::chrono::nanoseconds sinceEpoch) {
     const auto refuse = [](uint64_t& count) { return ++count, std::span<const std::byte>(); };
-    const auto found = peers_.find({local, datagram.peer});
-    if (found == peers_.end()) return refuse(counts_.stranger);
-    Peer& peer = found->second;
+    const Pair ends{local, datagram.peer};
+    const auto found = peers_.find(ends);
+    if (found == peers_.end() && !strangers_) return refuse(counts_.stranger);
+    Peer& peer = found == peers_.end() ? *strangers_ : found->second;
     const StampKey* const key = peer.keyOf(datagram.data);
     const StampDefect defect = defectOf(datagram.data, key);
     if (defect == StampDefect::tooShort) return refuse(counts_.malformed);
     if (defect == StampDefect::notAuthentic) return refuse(counts_.notAuthentic);
     const SenderPacket probe = readSender(datagram.data, key);
-    Session* const session = peer.session(datagram.port, probe.sessionId, now);
+    Session* const session = peer.session(ends, datagram.port, probe.sessionId, now);
     if (!session) return refuse(counts_.limited);
     if (!session->takes(probe, key != nullptr)) return refuse(counts_.replayed);
     if (!peer.isWithinRate(now)) return refuse(counts_.limited);

@@ -4,7 +4,8 @@
 //
 // Only peers are answered, no packet twice, with as many octets as they sent, and not more than
 // `maxRate` packets a second each, so that nobody can use it to reach or flood somebody else. What
-// is answered is checked against the key first: forged packets do not use up a peer's rate.
+// is answered is checked against the key first: forged packets do not use up a peer's rate. If
+// strangers are answered, they are one peer in all of this, together.
 #pragma once
 
 #include <map>
@@ -41,7 +42,9 @@ class Reflector {
     };
     // Whose probes are answered, with the key of each, empty for none. Until a peer uses a new key,
     // the one before is good, too, so that the two sides can be given it one after the other.
-    void peersAre(const std::map<Pair, Vel::Secret>& peers);
+    // `strangers`: the key of all others, if they are answered.
+    void peersAre(const std::map<Pair, Vel::Secret>& peers,
+                  const std::optional<Vel::Secret>& strangers = {});
 
     // The answer to a datagram that came to `local`, in `buffer`; empty if it gets none. REQUIRES:
     // the buffer has the datagram's size. `sinceEpoch`: the time of day, as in the datagram.
@@ -53,6 +56,7 @@ class Reflector {
 
   private:
     struct Session {
+        Pair ends;
         uint16_t port = 0, id = 0;
         uint32_t next = 0;  // sequence of the next answer
         // The highest sequence received, the 64 up to it as bits, and the latest timestamp.
@@ -64,6 +68,9 @@ class Reflector {
         bool takes(const SenderPacket& packet, bool authenticated);
     };
     struct Peer {
+        explicit Peer(const Vel::Secret& secret);
+        void secretIs(const Vel::Secret& value);
+
         Vel::Secret secret;
         std::optional<StampKey> key;
         std::optional<std::optional<StampKey>> before;  // good until the key is used; may be none
@@ -73,10 +80,11 @@ class Reflector {
 
         const StampKey* keyOf(std::span<const std::byte> packet);
         bool isWithinRate(Loom::Instant now);
-        Session* session(uint16_t port, uint16_t id, Loom::Instant now);
+        Session* session(const Pair& ends, uint16_t port, uint16_t id, Loom::Instant now);
     };
 
     std::map<Pair, Peer> peers_;
+    std::optional<Peer> strangers_;
     ReflectorCounts counts_;
 };
 
