@@ -22,7 +22,7 @@ class Branch : public InProcess {
         startAgent(std::make_unique<Agent::Sim::SimPlatform>(NAV_EXAMPLES "/branch/world.json"));
         server_.emplace(loop_, socket, *control);
         static const std::string config = Agent::readFile(NAV_EXAMPLES "/branch/branch.json");
-        control->load({Agent::readConfigText(config)});
+        ask({{"op", "load"}, {"value", Agent::parseJson(config)}});
         pass(3s);
     }
 

@@ -40,6 +40,7 @@ Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, Kerne
       config_(std::move(config)),
       commit_(Loom::call<&Forwarding::commit>(*this)),
       ruleset_(*inputs.scheduler, Loom::call<&Forwarding::handleRulesetTimer>(*this)),
+      newPaths_(*inputs.scheduler, Loom::call<&Forwarding::commit>(*this)),
       adoption_(*inputs.scheduler, Loom::call<&Forwarding::endAdoption>(*this)),
       retry_(*inputs.scheduler, Loom::call<&Forwarding::repair>(*this)),
       repair_(*inputs.scheduler, Loom::call<&Forwarding::repair>(*this)),
@@ -76,7 +77,12 @@ MemberChoice::User Forwarding::choiceUser() {
 
 void Forwarding::pathIs(uint32_t pathIndex, const PathHop& hop) {
     if (adopting_ && !hop.usable && programmed(pathIndex) != 0) endAdoption();
-    if (plan_.pathIs(pathIndex, hop)) commitLater();
+    const bool isNew = !plan_.paths().contains(pathIndex);
+    if (!plan_.pathIs(pathIndex, hop)) return;
+    if (!isNew)
+        commitLater();
+    else if (!newPaths_.armed())
+        newPaths_.armIn(newPathsDelay);
 }
 
 // A path that carries traffic has gone, so the decisions of now are better than those of before.
@@ -217,8 +223,21 @@ void Forwarding::commit() {
         for (const auto& [key, object] : plan_.wanted()) keys.insert(key);
         for (const auto& [key, object] : kernel_.present()) keys.insert(key);
     }
+    // Other ends send as soon as their path is up, so that its packets are accepted before it is
+    // used here. What fails is more urgent than rules.
+    if (rulesetDue_ && !removesNexthop(keys)) {
+        ruleset_.disarm();
+        handleRulesetDue();
+    }
     if (!keys.empty()) apply(keys);
     if (readRoutes_ || rulesetDue_) applyRulesetLater();
+}
+
+bool Forwarding::removesNexthop(const std::set<ObjectKey>& keys) const {
+    return std::ranges::any_of(keys, [&](const ObjectKey& key) {
+        return std::holds_alternative<Nexthop::Key>(key) && kernel_.present(key) &&
+               !plan_.wanted().contains(key);
+    });
 }
 
 void Forwarding::applyRulesetLater() {
@@ -228,6 +247,10 @@ void Forwarding::applyRulesetLater() {
 
 void Forwarding::handleRulesetTimer() {
     if (std::exchange(readRoutes_, false)) readRoutes();
+    handleRulesetDue();
+}
+
+void Forwarding::handleRulesetDue() {
     if (std::exchange(rulesetDue_, false)) applyRuleset();
 }
 

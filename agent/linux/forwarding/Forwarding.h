@@ -31,6 +31,9 @@ class Forwarding {
     // Delay before others' routes are read and the rules replaced, which takes milliseconds: by
     // then path selection has settled, and the groups of failed paths are committed.
     static constexpr Loom::Duration rulesetDelay = std::chrono::milliseconds(1);
+    // Paths that come up together enter their groups together: a flow that finds a group with the
+    // first of them alone stays there as long as it has packets.
+    static constexpr Loom::Duration newPathsDelay = std::chrono::milliseconds(2);
     // Delay before refused changes are tried again.
     static constexpr Loom::Duration retryTime = std::chrono::seconds(5);
 
@@ -106,8 +109,10 @@ class Forwarding {
     void apply(const std::set<ObjectKey>& keys);
     void readRoutes();
     uint16_t choosePort();
+    bool removesNexthop(const std::set<ObjectKey>& keys) const;
     void applyRulesetLater();
     void handleRulesetTimer();
+    void handleRulesetDue();
     void applyRuleset();
     bool damaged(const Segment& segment) const;
     bool allPathsProgrammed() const;
@@ -133,7 +138,7 @@ class Forwarding {
     std::set<Netz::IpGenAddr> sites_;     // whose set of paths has changed
     std::set<Nav::LbProfileKey> groups_;  // whose members may have changed
     Loom::Task commit_;
-    Loom::Timer ruleset_, adoption_, retry_, repair_;
+    Loom::Timer ruleset_, newPaths_, adoption_, retry_, repair_;
     Vel::Subscription port_;
     Vel::EntryReactorsOf<VelSiteGroupStatusEntry,
                          decltype(Nav::SiteGroupStatus::siteGroupStatusEntryAttr)>
