@@ -27,9 +27,9 @@ endif()
 
 # The agent as a service of systemd. The unit names the program where it is installed, which is known
 # only then.
-install(CODE "set(bindir \${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR})
-              configure_file(${PROJECT_SOURCE_DIR}/systemd/nav-agent.service.in
-                             ${PROJECT_BINARY_DIR}/nav-agent.service @ONLY)"
+install(CODE "set(bindir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+              configure_file(\"${PROJECT_SOURCE_DIR}/systemd/nav-agent.service.in\"
+                             \"${PROJECT_BINARY_DIR}/nav-agent.service\" @ONLY)"
         COMPONENT agent)
 install(FILES ${PROJECT_BINARY_DIR}/nav-agent.service DESTINATION lib/systemd/system
         COMPONENT agent)
