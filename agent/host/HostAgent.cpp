@@ -75,7 +75,9 @@ HostAgent::HostAgent(Options options, Log& log)
     DUOLOG(agentTrace, 5, "nav-agent ", NAV_VERSION, " started, platform ", options_.platform,
            ", pid ", getpid(), ", run directory ", runDir_.path());
     host_.events().add({Event::Kind::agent, "nav-agent", "started, version " NAV_VERSION, {}, {}});
-    host_.observer().hookIs([this](Transition transition) { hooks_.add(std::move(transition)); });
+    if (!options_.hook.empty())
+        host_.observer().hookIs(
+            [this](Transition transition) { hooks_.add(std::move(transition)); });
     try {
         loadFirst();
     } catch (...) {

@@ -146,6 +146,7 @@ void Observer::pathDown(const ConfiguredPath& path, const PathState& before,
 
 void Observer::pathTransition(const ConfiguredPath& path, const PathState& state, const char* now,
                               const std::string& cause) const {
+    if (!hook_) return;
     hook_({"path",
            state.name(),
            now,
@@ -164,9 +165,9 @@ void Observer::observeSites() {
     for (const auto& [path, record] : paths_)
         if (record.state.up) now[path.site.routerIp].push_back(record.state.index);
     for (const auto& [site, paths] : sites_)
-        if (!now.contains(site)) hook_({"site", site.stringValue(), "down", {}});
+        if (hook_ && !now.contains(site)) hook_({"site", site.stringValue(), "down", {}});
     for (const auto& [site, paths] : now)
-        if (!sites_.contains(site))
+        if (hook_ && !sites_.contains(site))
             hook_({"site", site.stringValue(), "up", {{"NAV_PATHS", pathNames(paths)}}});
     sites_ = std::move(now);
 }
@@ -210,6 +211,7 @@ void Observer::observeChoices(const Causes& causes) {
                 cause += (cause.empty() ? "" : "; ") + text;
         for (const std::string& application : applications) {
             names += (names.empty() ? "" : ", ") + application;
+            if (!hook_) continue;
             hook_({"application",
                    application,
                    move.to.empty()     ? "down"

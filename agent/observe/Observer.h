@@ -44,8 +44,8 @@ class Observer {
 
     // Brings the records up to date now, without waiting.
     void observe();
-    // Called at each transition, of a path, a site or an application, from now on. It must not
-    // change what is observed.
+    // The hook, none by default, is called at each transition, of a path, a site or an application,
+    // from now on. It must not change what is observed.
     void hookIs(std::function<void(Transition)> hook) { hook_ = std::move(hook); }
     const std::map<ConfiguredPath, PathRecord>& paths() const { return paths_; }
     const std::map<Nav::LbProfileKey, ChoiceRecord>& choices() const { return choices_; }
@@ -77,7 +77,7 @@ class Observer {
     std::map<Nav::LbProfileKey, ChoiceRecord> choices_;
     std::map<Netz::IntfId, std::string> interfaces_;  // as recorded, unless without an address
     std::map<Netz::IpGenAddr, std::vector<Vel::U32>> sites_;  // with the paths that are up
-    std::function<void(Transition)> hook_ = [](const Transition&) {};
+    std::function<void(Transition)> hook_;
     Loom::Timer settled_;
     bool soon_ = false;  // settled_ is armed for a change of state, not of a measurement
     std::vector<std::unique_ptr<Follower>> followers_;

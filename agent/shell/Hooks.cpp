@@ -109,7 +109,6 @@ Hooks::~Hooks() {
 }
 
 void Hooks::add(Transition transition) {
-    if (program_.empty()) return;
     if (waiting_.size() == mostWaiting) {
         waiting_.pop_front();
         ++counts_[static_cast<size_t>(Result::dropped)];
