@@ -198,13 +198,6 @@ World readWorld(const Place& place) {
     return world;
 }
 
-bool covers(const Netz::IpAddrWithMask& prefix, const Netz::IpGenAddr& addr) {
-    if (prefix.addr.isV4() != addr.isV4()) return false;
-    const size_t whole = prefix.prefixLength / 8, rest = prefix.prefixLength % 8;
-    const uint8_t *a = prefix.addr.data(), *b = addr.data();
-    return std::equal(a, a + whole, b) && (rest == 0 || (a[whole] ^ b[whole]) >> (8 - rest) == 0);
-}
-
 }  // namespace
 
 bool World::up(const Netz::IntfId& interface) const {
@@ -218,7 +211,7 @@ World::Vias World::lookup(const L3::VrfName& vrf, const Netz::IpGenAddr& addr) c
     Vias best;
     int longest = -1;
     auto offer = [&](const Netz::IpAddrWithMask& prefix, Vias vias) {
-        if (prefix.prefixLength <= longest || !covers(prefix, addr)) return;
+        if (prefix.prefixLength <= longest || !prefix.contains(addr)) return;
         std::erase_if(vias, [&](const Via& via) { return !up(via.interface); });
         for (Via& via : vias)
             if (via.gateway.isZero()) via.gateway = addr;
@@ -248,7 +241,7 @@ const World::Quality* World::quality(const Netz::IntfId& interface,
     if (found == interfaces.end()) return nullptr;
     const std::pair<const Netz::IpAddrWithMask, Quality>* best = nullptr;
     for (const auto& each : found->second.quality)
-        if (covers(each.first, addr) &&
+        if (each.first.contains(addr) &&
             (!best || each.first.prefixLength > best->first.prefixLength))
             best = &each;
     return best ? &best->second : nullptr;

@@ -1,5 +1,6 @@
 #include "platform/netz/IpAddrWithMask.h"
 
+#include <algorithm>
 #include <charconv>
 #include <ostream>
 
@@ -17,6 +18,15 @@ std::optional<IpAddrWithMask> IpAddrWithMask::parse(std::string_view text) {
     }
     if (digits.size() > 1 && digits.front() == '0') return std::nullopt;
     return IpAddrWithMask{*addr, length};
+}
+
+bool IpAddrWithMask::contains(const IpGenAddr& address) const {
+    if (addr.isV6() != address.isV6()) return false;
+    const size_t octets = prefixLength / 8;
+    const unsigned bits = prefixLength % 8;
+    const uint8_t *ours = addr.data(), *theirs = address.data();
+    return std::equal(ours, ours + octets, theirs) &&
+           (bits == 0 || (ours[octets] ^ theirs[octets]) >> (8 - bits) == 0);
 }
 
 std::string IpAddrWithMask::stringValue() const {

@@ -20,6 +20,9 @@ struct VEL_EXPORT IpAddrWithMask {
     // Strict: an address, a slash, a decimal length in range without leading zeros.
     static std::optional<IpAddrWithMask> parse(std::string_view text);
 
+    // Whether an address is in the prefix; an address of the other family is not.
+    bool contains(const IpGenAddr& address) const;
+
     std::string stringValue() const;
     uint32_t hash() const { return static_cast<uint32_t>(hashMix(addr.mix(), prefixLength) >> 32); }
 

@@ -12,16 +12,6 @@ namespace {
 using Netz::IpAddrWithMask;
 using Netz::IpGenAddr;
 
-bool contains(const IpAddrWithMask& prefix, const IpGenAddr& addr) {
-    if (prefix.addr.isV6() != addr.isV6()) return false;
-    const size_t octets = prefix.prefixLength / 8;
-    const auto difference = [&](size_t i) { return prefix.addr.data()[i] ^ addr.data()[i]; };
-    for (size_t i = 0; i < octets; ++i)
-        if (difference(i) != 0) return false;
-    const unsigned bits = prefix.prefixLength % 8;
-    return bits == 0 || difference(octets) >> (8 - bits) == 0;
-}
-
 // Makes a result that of a query to another destination by the same FIB entry.
 void redirect(RouteResult& result, const IpGenAddr& destination) {
     for (RouteVia& via : result.vias)
@@ -33,7 +23,7 @@ void redirect(RouteResult& result, const IpGenAddr& destination) {
 
 void LookupCache::routeChanged(const FibEntry& route, Loom::Instant now) {
     for (auto& [query, answer] : answers_) {
-        if (!contains(route.prefix, query.destination)) continue;
+        if (!route.prefix.contains(query.destination)) continue;
         answer.settled = now + settleTime;
         if (!answer.stale) {
             answer.stale = true;
@@ -103,7 +93,7 @@ std::vector<const RouteResult*> LookupCache::lookup(std::span<const RouteQuery> 
         // A destination may have routes of its own in the tables after this one, and the first may
         // have one whose event has not been read yet.
         if (!result.entry || result.entry->table != table ||
-            !contains(result.entry->prefix, entry->first.destination)) {
+            !result.entry->prefix.contains(entry->first.destination)) {
             asked.push_back(entry);
             continue;
         }
