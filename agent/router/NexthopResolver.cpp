@@ -24,6 +24,8 @@ struct Target {
 };
 
 struct ViasHash {
+    static_assert(Netz::equalAsBytes<Vias::value_type>);
+
     size_t operator()(const Vias& vias) const {
         const auto bytes = std::as_bytes(std::span(vias));
         return Netz::hashBytes({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
