@@ -24,7 +24,6 @@ namespace {
 using Netz::IpGenAddr;
 using std::chrono::nanoseconds;
 
-constexpr unsigned batch = 64;
 constexpr int receiveBuffer = 1 << 20;
 constexpr int maxTtl = 255;  // as of all STAMP packets (RFC 8762, 4.2)
 

@@ -44,6 +44,8 @@ class ProbeSocket {
     enum class Role { sender, reflector };
     // Longer datagrams are ignored.
     static constexpr size_t maxSize = 2048;
+    // Datagrams that one system call sends or receives at most.
+    static constexpr unsigned batch = 64;
 
     // `port`: 0 for any. Raises Vel::Error if the kernel refuses it.
     ProbeSocket(Role role, const Place& place, uint16_t port);

@@ -71,7 +71,7 @@ void ReflectorThread::placesAre(
             const int descriptor = answering->socket.fd();
             follow(epoll_, descriptor);
             sockets_.emplace(descriptor, std::move(answering));
-        } catch (const Vel::Error& error) {
+        } catch (const std::runtime_error& error) {
             refused(place, error.what());
         }
     }
@@ -98,10 +98,9 @@ void ReflectorThread::run() {
 }
 
 void ReflectorThread::answer(Answering& answering) {
-    static std::array<std::array<std::byte, ProbeSocket::maxSize>, 64> buffers;
     std::vector<ProbeDatagram> answers;
     answering.socket.receive([&](const ProbeDatagram& probe) {
-        const auto answer = reflector_.answer(answering.place.addr, probe, buffers[answers.size()],
+        const auto answer = reflector_.answer(answering.place.addr, probe, buffers_[answers.size()],
                                               Loom::MonotonicClock().now(), DayClock::now());
         if (answer.empty()) return;
         answers.push_back({.peer = probe.peer,

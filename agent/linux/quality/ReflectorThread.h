@@ -5,6 +5,8 @@
 // reflector and its sockets; one lock guards these, held for one batch of packets at most.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <set>
@@ -44,6 +46,8 @@ class ReflectorThread {
     mutable std::mutex mutex_;
     Reflector reflector_;                                // guarded by mutex_
     std::map<int, std::unique_ptr<Answering>> sockets_;  // by descriptor; guarded by mutex_
+    // The answers to one batch of probes; used by the thread only.
+    std::array<std::array<std::byte, ProbeSocket::maxSize>, ProbeSocket::batch> buffers_;
     std::thread thread_;
 };
 
