@@ -44,12 +44,12 @@ void MemberChoice::VelLbProfileStatusEntry::handleGeneration() {
         constraints = now;
         choice.list(entry->key(), constraints);
     }
-    choice.user_.entryChanged(entry->key());
+    choice.user_.choiceChanged(entry->key());
 }
 
 void MemberChoice::VelLbProfileStatusEntry::doCleanup() {
     choice.unlist(entry->key(), constraints);
-    choice.user_.entryChanged(entry->key());
+    choice.user_.choiceChanged(entry->key());
 }
 
 void MemberChoice::list(const Nav::LbProfileKey& key, const Constraints& constraints) {

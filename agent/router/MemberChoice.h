@@ -35,9 +35,8 @@ class MemberChoice {
         std::function<Delays(const Vel::String& pathGroup)> delays;
         // Whether packets can be sent over a path now.
         std::function<bool(Vel::U32 pathIndex)> usable;
-        // An entry was created, removed, or has got other members or constraints.
-        std::function<void(const Nav::LbProfileKey&)> entryChanged;
-        // Among the same members, another choice is due.
+        // Another choice may be due: an entry was created, removed, or has got other members or
+        // constraints, or a measurement made a member suitable or unsuitable.
         std::function<void(const Nav::LbProfileKey&)> choiceChanged;
     };
 

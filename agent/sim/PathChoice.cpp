@@ -25,7 +25,6 @@ PathChoice::PathChoice(const Nav::NavInputs& inputs, QualityStatus& quality, con
                     return {world.probe.upDelay, world.probe.downDelay};
                 },
                 [](Vel::U32) { return true; },
-                [this](const Nav::LbProfileKey& key) { chooseLater(key); },
                 [this](const Nav::LbProfileKey& key) { chooseLater(key); }}) {
     members_.start();
 }

@@ -32,7 +32,6 @@ class ChoiceTest : public Nav::Test::NavFixture {
         std::in_place, in, *quality,
         MemberChoice::User{[this](const Vel::String&) { return delays; },
                            [this](U32 index) { return !unusable.contains(index); },
-                           [this](const Nav::LbProfileKey& key) { moved.insert(key.appId); },
                            [this](const Nav::LbProfileKey& key) { moved.insert(key.appId); }}};
 };
 

@@ -71,7 +71,6 @@ MemberChoice::User Forwarding::choiceUser() {
                 return {milliseconds(probe.upDelay), milliseconds(probe.downDelay)};
             },
             [this](uint32_t pathIndex) { return plan_.usable(pathIndex); },
-            [this](const Nav::LbProfileKey& key) { groupChanged(key); },
             [this](const Nav::LbProfileKey& key) { groupChanged(key); }};
 }
 
