@@ -43,6 +43,7 @@ std::vector<Nexthop> diversions(const Objects& present, const Objects& wanted,
     for (const ObjectKey& key : keys)
         if (const auto* removed = std::get_if<Nexthop::Key>(&key))
             if (!wanted.contains(key) && present.contains(key)) common[removed->id];
+    if (common.empty()) return {};
     const auto stays = [&](uint32_t id) {
         const auto* nexthop = find<Nexthop>(present, Nexthop::Key{id});
         const auto* planned = find<Nexthop>(wanted, Nexthop::Key{id});
@@ -52,7 +53,7 @@ std::vector<Nexthop> diversions(const Objects& present, const Objects& wanted,
     std::vector<uint32_t> order;  // those of one group follow each other
     for (const ObjectKey& key : keys) {
         const auto* before = find<NexthopGroup>(present, key);
-        if (common.empty() || !before) continue;
+        if (!before) continue;
         std::vector<uint32_t> next;
         if (const auto* after = find<NexthopGroup>(wanted, key))
             for (const auto& member : after->members)
