@@ -21,6 +21,8 @@ install(FILES ${PROJECT_BINARY_DIR}/NavConfigVersion.cmake DESTINATION ${package
         COMPONENT development)
 install(DIRECTORY examples/host/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libnav-dev/examples
         COMPONENT development)
+install(FILES docs/embedding.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libnav-dev
+        COMPONENT development)
 if(NOT NAV_BUILD_AGENT)
     return()
 endif()

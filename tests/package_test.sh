@@ -32,9 +32,12 @@ quietly cmake -S "$source/examples/host" -B "$work/host" -G Ninja -DCMAKE_BUILD_
 quietly cmake --build "$work/host"
 
 libraries=$(dirname "$(find "$work/prefix" -name libVel.so)")
-answer=$(LD_LIBRARY_PATH=$libraries "$work/host/host")
+answer=$(printf '%s\n' "wan1 203.0.113.1/24" "wan1 203.0.113.1/33" "wan1 down" "wan1 203.0.113.9/24" |
+    LD_LIBRARY_PATH=$libraries "$work/host/host" 2>"$work/log")
 echo "$answer"
-[[ $answer == *"'destination' : '198.51.100.2'"*"'state' : 'Route Pending'"*"'Path2'"* ]]
+[[ $answer == *"203.0.113.1 -> 198.51.100.2 is up"*"203.0.113.1 -> 198.51.100.2 is removed"* ]]
+[[ $answer == *"'source' : '203.0.113.9', 'destination' : '198.51.100.6', "*"'state' : 'Estab',  'pathName': 'Path4'"* ]]
+[[ $(<"$work/log") == 'host: "wan1 203.0.113.1/33": expected INTERFACE ADDRESS/LENGTH or down' ]]
 
 # A program of the other kind of build must not link.
 other=-DNDEBUG
