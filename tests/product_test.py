@@ -1,8 +1,7 @@
 """The programs together, as an operator runs them: product_test.py BUILD_DIR SOURCE_DIR.
 
-The commands that the pages show; the shared tables from start to stop, crashes included; run
-directories and configuration files; what tables show; the log; what a broken invariant leaves
-behind. Each case has run directories of its own.
+The shared tables from start to stop, crashes included; run directories and configuration files; what
+tables show; the log; what a broken invariant leaves behind. Each case has run directories of its own.
 """
 import json
 import os
@@ -25,36 +24,6 @@ class ProductTest(Products):
         shown = self.navctl(run_dir, "--json", "show", "counters")
         rows = json.loads(shown.stdout) if shown.returncode == 0 else []
         return [row for row in rows if row["path"] != "all"]
-
-    def commands_of(self, page):
-        """Runs the commands that a page shows, one after the other."""
-        with open(f"{source}/{page}", encoding="utf-8") as file:
-            text = file.read()
-        commands = [line.split("#")[0].replace("'", "").split()
-                    for line in re.findall(r"^    (nav.*)", text, re.M)]
-        self.assertTrue(commands)
-        run_dir = self.run_dir()
-        if commands[0][0] != "nav-agent":
-            self.agent(run_dir, *branch)
-        for program, *arguments in commands:
-            if program == "nav-agent":
-                self.agent(run_dir, *arguments)
-            elif program == "nav-forwarder":
-                self.start(run_dir, program, *arguments)
-                await_("counters come", lambda: self.counters(run_dir))
-            elif "watch" in arguments or "--watch" in arguments:
-                watch = self.start(run_dir, program, *arguments, stdout=subprocess.PIPE)
-                self.assertTrue(watch.stdout.readline(), arguments)
-            else:
-                done = self.navctl(run_dir, *arguments)
-                if arguments[0] != "diff":  # which may find differences
-                    self.assertEqual((done.returncode, done.stderr), (0, ""), arguments)
-                self.assertLess(done.returncode, 2, arguments)
-
-    def test_commands_of_the_pages(self):
-        for page in ("README.md", "docs/configuration.md", "docs/hooks.md"):
-            with self.subTest(page):
-                self.commands_of(page)
 
     def test_tables_live_as_long_as_their_writers(self):
         here, there = self.run_dir(), self.run_dir()

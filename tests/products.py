@@ -37,7 +37,7 @@ class Products(unittest.TestCase):
         with open(f"{run_dir}/errors", "w", encoding="utf-8") as errors:
             process = subprocess.Popen(
                 [*tied, *under, programs[program], "--run-dir", run_dir, *arguments], stderr=errors,
-                text=True, cwd=source, **options)
+                text=True, **{"cwd": source, **options})
         self.processes.callback(process.communicate)
         self.processes.callback(process.terminate)
         return process
@@ -59,7 +59,7 @@ class Products(unittest.TestCase):
 
     def run_to_end(self, program, *arguments, **options):
         return subprocess.run([programs[program], *arguments], capture_output=True, text=True,
-                              cwd=source, timeout=patience, check=False, **options)
+                              timeout=patience, check=False, **{"cwd": source, **options})
 
     def navctl(self, run_dir, *arguments, **options):
         return self.run_to_end("navctl", "--run-dir", run_dir, *arguments, **options)
