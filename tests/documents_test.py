@@ -225,6 +225,8 @@ class DocumentsTest(Products):
         self.assertFalse(stale)
         for state in states:
             self.assertIn(f"`{state}`", read("docs/operating.md"))
+        self.assertEqual(set(re.findall(r"`(Nav\w+)`", read("docs/metrics.md"))),
+                         set(re.findall(r"alert: (\w+)", read("examples/monitoring/alerts.yml"))))
 
     def test_listings_and_links(self):
         def flat(text):
