@@ -46,7 +46,7 @@ install(DIRECTORY examples/linux examples/monitoring
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/nav-agent/examples COMPONENT agent
         USE_SOURCE_PERMISSIONS)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/nav-agent COMPONENT agent
-        FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE)
+        FILES_MATCHING PATTERN "*.md" PATTERN "*.schema.json" PATTERN man EXCLUDE)
 
 # The simulation, with the demonstrations.
 install(DIRECTORY examples/branch examples/guest-vrf examples/hub examples/provider-and-mpls

@@ -18,6 +18,7 @@
 #include "navctl/Completion.h"
 #include "navctl/Counters.h"
 #include "navctl/Graph.h"
+#include "navctl/Output.h"
 #include "navctl/Reference.h"
 #include "navctl/Show.h"
 
@@ -44,7 +45,7 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& app) {
 
 class Program {
   public:
-    explicit Program(const Streams& streams) : streams_(streams) { build(); }
+    explicit Program(const Streams& streams) : streams_(streams), output_(streams) { build(); }
     ExitStatus run(std::vector<std::string> arguments);
 
   private:
@@ -53,24 +54,22 @@ class Program {
     void buildExplain();
     CLI::App* command(CLI::App& parent, const char* name, const std::string& description,
                       void (Program::*action)());
+    CLI::App* view(CLI::App& parent, const std::string& name, const std::string& description,
+                   std::function<void()> action);
 
     std::string runDir() const { return runDir_.empty() ? Agent::clientRunDir() : runDir_; }
     ExitStatus fail(const std::string& reason, ExitStatus status);
     void execute(std::vector<std::string> arguments);
-    void flush();
-    void printLine(const std::string& line);
     void printWarnings(const Json& warnings);
-    void printJson(const Json& value);
-    void printTable(const TextTable& table);
     void showText(const TextView& view);
     void printTables(const Json& answer, const Headed& tables);
+    void printRows(const Json& rows, const TextTable& table);
     void forwarding();
     void interfaces();
     void events();
     void explain();
     void validate();
     void quality();
-    void printQuality(Client::ControlClient& client);
     void counters();
     template <class Use>
     static auto readFile(const std::string& file, Use use);
@@ -96,18 +95,19 @@ class Program {
     void log();
     void ping();
     void batch();
-    void completion() { streams_.out << (shell_ == "zsh" ? zshScript : bashScript); }
-    void printReference() { streams_.out << reference(); }
+    void completion() { output_.text() << (shell_ == "zsh" ? zshScript : bashScript); }
+    void printReference() { output_.text() << reference(); }
     void completeWords();
 
     CLI::App app_{"Operates the path-selection agent of this router", "navctl"};
     Streams streams_;
+    Output output_;
+    std::string title_;  // the command line
     std::string runDir_, path_, value_, file_, forwarding_, ipsec_, shell_, facility_, level_,
         site_, application_;
     std::vector<std::string> words_;
     unsigned last_ = 100, number_ = 0, seconds_ = 0;
-    bool json_ = false, raw_ = false, watch_ = false, graph_ = false, dryRun_ = false,
-         refuse_ = false, force_ = false;
+    bool raw_ = false, graph_ = false, dryRun_ = false, refuse_ = false, force_ = false;
 };
 
 CLI::App* Program::command(CLI::App& parent, const char* name, const std::string& description,
@@ -122,7 +122,7 @@ void Program::build() {
     app_.fallthrough();
     app_.set_version_flag("--version", NAV_VERSION);
     app_.add_option("--run-dir", runDir_, "The agent's run directory")->type_name("DIR");
-    app_.add_flag("--json", json_, "Print JSON");
+    app_.add_flag("--json", output_.json, "Print JSON");
     app_.footer(
         "Exit status: 0 done, 1 refused, or the output could not be written, 2 bad usage,\n"
         "3 no agent, 4 permission denied.");
@@ -190,61 +190,76 @@ void Program::build() {
     words->add_option("WORD", words_);
 }
 
+// A command that prints state, and can repeat itself.
+CLI::App* Program::view(CLI::App& parent, const std::string& name, const std::string& description,
+                        std::function<void()> action) {
+    CLI::App* added = parent.add_subcommand(name, description);
+    added->add_flag("--watch", output_.watch,
+                    "Again every second, on a terminal in place with changes marked");
+    added->callback([this, action = std::move(action)] { output_.repeat(title_, action); });
+    return added;
+}
+
 void Program::buildShow() {
     CLI::App* show = command(app_, "show", "Print state as a table", nullptr);
     show->require_subcommand(1);
-    for (const TextView& view : textViews()) {
-        CLI::App* kind = show->add_subcommand(view.name, view.description);
-        kind->add_flag("--raw", raw_, "Print the agent's text unchanged");
-        kind->callback([this, &view] { showText(view); });
-    }
-    for (const TreeView& view : treeViews()) {
-        show->add_subcommand(view.name, view.description)->callback([this, &view] {
+    for (const TextView& each : textViews())
+        view(*show, each.name, each.description, [this, &each] {
+            showText(each);
+        })->add_flag("--raw", raw_, "Print the agent's text unchanged");
+    for (const TreeView& each : treeViews())
+        view(*show, each.name, each.description, [this, &each] {
             Client::ControlClient client(runDir());
-            printTable(view.table(client));
+            output_.table(each.table(client));
         });
-    }
-    command(*show, "forwarding", "What the kernel forwards, and what it refused",
-            &Program::forwarding);
-    command(*show, "interfaces", "Interfaces of the router and of the configuration",
-            &Program::interfaces);
-    command(*show, "events", "The last changes, with their causes and authors", &Program::events)
+    view(*show, "forwarding", "What the kernel forwards, and what it refused",
+         [this] { forwarding(); });
+    view(*show, "interfaces", "Interfaces of the router and of the configuration",
+         [this] { interfaces(); });
+    view(*show, "events", "The last changes, with their causes and authors", [this] { events(); })
         ->add_option("--last", last_, "How many, 100 unless given")
         ->type_name("N");
-    command(*show, "history", "The last configurations, with their authors", &Program::history)
-        ->add_option("N", number_, "What this entry changed");
+    view(*show, "history", "The last configurations, with their authors", [this] {
+        history();
+    })->add_option("N", number_, "What this entry changed");
     CLI::App* quality =
-        command(*show, "quality", "What is measured of the paths", &Program::quality);
+        view(*show, "quality", "What is measured of the paths", [this] { this->quality(); });
     quality->add_option("NAME", path_, "Only this path, such as Path3");
     quality->add_flag("--graph", graph_, "The last minutes of that path");
-    quality->add_flag("--watch", watch_, "Again every second, in place on a terminal");
     command(*show, "counters", "Traffic per load-balance id and path", &Program::counters)
-        ->add_flag("--watch", watch_, "Again for each update of the counters");
+        ->add_flag("--watch", output_.watch, "Again for each update of the counters");
 }
 
 void Program::buildExplain() {
-    CLI::App* explain =
-        command(app_, "explain", "Say why paths are down, and applications where they are",
-                &Program::explain);
-    explain->add_subcommand("path", "One path, or those of an interface or an address")
-        ->add_option("PATH", path_, "Such as Path3, wan1 or 198.51.100.2")
+    const auto action = [this] { explain(); };
+    CLI::App* about = view(
+        app_, "explain", "Say why paths are down, and applications where they are", [this, action] {
+            if (app_.get_subcommand("explain")->get_subcommands().empty()) action();
+        });
+    view(*about, "path", "One path, or those of an interface or an address", action)
+        ->add_option("NAME", path_, "Such as Path3, wan1 or 198.51.100.2")
         ->required();
-    explain->add_subcommand("site", "The paths and applications of a site")
-        ->add_option("ADDRESS", site_)
+    view(*about, "site", "The paths and applications of a site", action)
+        ->add_option("SITE", site_, "Its address")
         ->required();
-    explain->add_subcommand("application", "An application in every VRF, to every site")
-        ->add_option("NAME", application_, "Such as voice, or default")
+    view(*about, "application", "An application in every VRF, to every site", action)
+        ->add_option("APPLICATION", application_, "Such as voice, or default")
         ->required();
-    explain->require_subcommand(0, 1);
+    about->require_subcommand(0, 1);
 }
 
 void Program::printTables(const Json& answer, const Headed& tables) {
-    if (json_) return printJson(answer);
+    if (output_.json) return output_.document(answer);
     const char* separator = "";
     for (const auto& [heading, table] : tables) {
-        streams_.out << std::exchange(separator, "\n") << heading << "\n";
-        printTable(table);
+        output_.text() << std::exchange(separator, "\n");
+        output_.table(table, heading);
     }
+}
+
+// Rows as the agent gives them, or the table made of them.
+void Program::printRows(const Json& rows, const TextTable& table) {
+    output_.json ? output_.document(rows) : output_.table(table);
 }
 
 void Program::forwarding() {
@@ -254,13 +269,15 @@ void Program::forwarding() {
 
 void Program::interfaces() {
     const Json rows = Client::ControlClient(runDir()).request({{"op", "interfaces"}}).at("value");
-    json_ ? printJson(rows) : printTable(rowTable(rows));
+    printRows(rows, rowTable(rows));
 }
 
+// In place, the newest is at the top, since lines at the end may not fit.
 void Program::events() {
-    const Json rows =
+    Json rows =
         Client::ControlClient(runDir()).request({{"op", "events"}, {"last", last_}}).at("value");
-    json_ ? printJson(rows) : printTable(rowTable(rows));
+    if (output_.inPlace()) std::ranges::reverse(rows);
+    printRows(rows, rowTable(rows));
 }
 
 void Program::explain() {
@@ -272,101 +289,72 @@ void Program::explain() {
     printTables(answer, explainTables(answer));
 }
 
-void Program::printQuality(Client::ControlClient& client) {
+void Program::quality() {
+    if (graph_ && path_.empty()) throw BadUsage("--graph requires NAME");
+    Client::ControlClient client(runDir());
     const Json rows = client.request({{"op", "quality"}}).at("value");
     Json chosen = Json::array();
     for (const Json& row : rows)
         if (path_.empty() || row.at("path") == path_) chosen.push_back(row);
     if (!path_.empty() && chosen.empty()) throw Client::Refused(path_ + ": not found");
-    if (!graph_) return json_ ? printJson(chosen) : printTable(qualityTable(chosen));
+    if (!graph_) return printRows(chosen, qualityTable(chosen));
 
     const Json history = client.request({{"op", "quality"}, {"path", path_}}).at("value");
-    if (json_) return printJson(history);
-    printTable(qualityTable(chosen));
+    if (output_.json) return output_.document(history);
+    output_.table(qualityTable(chosen));
     const double seconds = history.at("stepMs").get<double>() / 1000;
-    const size_t width = streams_.width > 40 ? streams_.width : 80;
+    const size_t columns = Terminal::now().columns;
+    const size_t width = columns > 40 ? columns : 80;
     for (const auto& [name, heading] : {std::pair("rttMs", "round trip, ms"),
                                         {"jitterMs", "jitter, ms"},
                                         {"lossForward", "loss forward, %"},
                                         {"lossBackward", "loss backward, %"}})
-        streams_.out << "\n" << graph(heading, history.at(name), seconds, width - 12);
-}
-
-void Program::quality() {
-    if (graph_ && path_.empty()) throw BadUsage("--graph requires NAME");
-    Client::ControlClient client(runDir());
-    if (!watch_) return printQuality(client);
-    std::signal(SIGINT, [](int) { _exit(done); });
-    if (streams_.colours) streams_.out << "\x1b[2J";  // clears the terminal
-    for (;; sleep(1)) {
-        if (streams_.colours) streams_.out << "\x1b[H\x1b[J";  // to the top, clears the rest
-        printQuality(client);
-        flush();
-    }
+        output_.text() << "\n" << graph(heading, history.at(name), seconds, width - 12);
 }
 
 // The differences are printed, and make the command fail.
 void Program::validate() {
     const Json differences =
         Client::ControlClient(runDir()).request({{"op", "validate"}}).at("value");
-    if (json_) printJson({{"passed", differences.empty()}, {"differences", differences}});
+    if (output_.json)
+        output_.document({{"passed", differences.empty()}, {"differences", differences}});
     for (const Json& each : differences)
-        if (!json_) streams_.out << each.get<std::string>() << "\n";
-    if (!json_ && differences.empty()) streams_.out << "PASS\n";
+        if (!output_.json) output_.text() << each.get<std::string>() << "\n";
+    if (!output_.json && differences.empty()) output_.text() << "PASS\n";
     if (!differences.empty())
         throw Client::Refused(std::to_string(differences.size()) + " differences");
 }
 
 void Program::counters() {
-    std::signal(SIGINT, [](int) { _exit(done); });
-    showCounters(runDir(), watch_, [this](const TextTable& table) {
-        printTable(table);
-        flush();
+    output_.repeatItself(title_, [this] {
+        showCounters(runDir(), output_.watch, [this](const TextTable& table) {
+            output_.table(table);
+            output_.endFrame();
+        });
     });
-}
-
-// Standard output may be full, or closed by its reader.
-void Program::flush() {
-    if (!streams_.out.flush())
-        throw std::runtime_error(std::string("standard output: ") + std::strerror(errno));
-}
-
-void Program::printLine(const std::string& line) {
-    streams_.out << line << "\n";
-    flush();
 }
 
 void Program::printWarnings(const Json& warnings) {
     for (const Json& warning : warnings) {
-        if (json_)
+        if (output_.json)
             streams_.err << Agent::dumpLine({{"warning", warning}}) << "\n";
         else
             streams_.err << "warning: " << warning.get<std::string>() << "\n";
     }
 }
 
-void Program::printJson(const Json& value) {
-    const int indent = json_ ? -1 : 2;
-    streams_.out << value.dump(indent, ' ', false, Json::error_handler_t::replace) << "\n";
-}
-
-void Program::printTable(const TextTable& table) {
-    if (json_) return printJson(tableJson(table));
-    Navctl::printTable(streams_.out, table, streams_.colours, streams_.width);
-}
-
 void Program::showText(const TextView& view) {
     const std::string text = Client::showText(runDir(), view.word);
     if (raw_) {
-        streams_.out << text;
+        output_.text() << text;
         return;
     }
     const Json answer = parseShowText(text);
-    json_ ? printJson(answer) : printTable(view.table(answer));
+    output_.json ? output_.value(answer) : output_.table(view.table(answer));
 }
 
 void Program::get() {
-    printJson(Client::ControlClient(runDir()).get(path_));
+    output_.value(Client::ControlClient(runDir()).get(path_));
 }
 
 void Program::set() {
@@ -393,10 +381,10 @@ void Program::watch() {
     std::signal(SIGINT, [](int) { _exit(done); });
     Client::ControlClient client(runDir());
     const Json answer = client.request({{"op", "watch"}, {"path", path_}});
-    printLine(Agent::dumpLine(answer.at("value")));
+    output_.line(Agent::dumpLine(answer.at("value")));
     client.connection().patienceIs(0);
     while (const auto line = client.connection().readLine()) {
-        printLine(*line);
+        output_.line(*line);
         if (Agent::parseJson(*line).value("event", "") == "overrun") {
             throw Client::Refused("the agent ended the watch because this program did not keep up");
         }
@@ -456,8 +444,8 @@ void Program::load() {
     request["op"] = "load";
     if (seconds_ != 0) request["confirm"] = seconds_;
     client.request(request);
-    if (seconds_ != 0 && !json_)
-        streams_.out
+    if (seconds_ != 0 && !output_.json)
+        output_.text()
             << "navctl confirm keeps the configuration; without it the agent returns to the "
                "one before in "
             << seconds_ << " s\n";
@@ -469,12 +457,12 @@ void Program::dryRun(Client::ControlClient& client, Json request) {
     const Json answer = client.request(request);
     printWarnings(answer.value("warnings", Json::array()));
     const Json& change = answer.at("value");
-    if (json_) return printJson(change);
+    if (output_.json) return output_.document(change);
     printChanges(change.at("configuration"));
     for (const char* kind : {"paths", "traffic"})
         if (!change.at(kind).empty()) {
-            streams_.out << "\n" << kind << "\n";
-            printTable(rowTable(change.at(kind)));
+            output_.text() << "\n" << kind << "\n";
+            output_.table(rowTable(change.at(kind)));
         }
 }
 
@@ -484,7 +472,7 @@ void Program::diff() {
     Json request = wanted();
     request["op"] = "diff";
     const Json changes = Client::ControlClient(runDir()).request(request).at("value");
-    json_ ? printJson(changes) : printChanges(changes);
+    output_.json ? output_.document(changes) : printChanges(changes);
     if (!changes.empty()) throw Client::Refused(std::to_string(changes.size()) + " differences");
 }
 
@@ -496,10 +484,10 @@ void Program::history() {
     Client::ControlClient client(runDir());
     if (!fromHistory()) {
         const Json rows = withUsers(client.request({{"op", "history"}}).at("value"));
-        return json_ ? printJson(rows) : printTable(rowTable(rows));
+        return printRows(rows, rowTable(rows));
     }
     const Json row = client.request({{"op", "history"}, {"number", number_}}).at("value");
-    json_ ? printJson(row) : printChanges(row.at("changes"));
+    output_.json ? output_.document(row) : printChanges(row.at("changes"));
 }
 
 // A line with a minus for what is removed, with a plus for what is added.
@@ -509,9 +497,9 @@ void Program::printChanges(const Json& changes) {
              {std::tuple("before", "- ", "\x1b[31m"), {"after", "+ ", "\x1b[32m"}}) {
             const Json& value = change.at(name);
             if (value.is_null()) continue;
-            streams_.out << (streams_.colours ? colour : "") << sign
-                         << change.at("path").get<std::string>() << " " << Agent::dumpLine(value)
-                         << (streams_.colours ? "\x1b[0m" : "") << "\n";
+            output_.text() << (output_.colours() ? colour : "") << sign
+                           << change.at("path").get<std::string>() << " " << Agent::dumpLine(value)
+                           << (output_.colours() ? "\x1b[0m" : "") << "\n";
         }
 }
 
@@ -560,7 +548,7 @@ void Program::save() {
     Client::ControlClient client(runDir());
     const auto write = [this](const std::string& file, const Json& config, Agent::SaveMode mode) {
         const std::string text = config.dump(2) + "\n";
-        file == "-" ? void(streams_.out << text) : Agent::saveFile(file, text, mode);
+        file == "-" ? void(output_.text() << text) : Agent::saveFile(file, text, mode);
     };
     if (!forwarding_.empty()) {
         const Json forwarding = forwarding_ == "-"
@@ -575,8 +563,8 @@ void Program::save() {
 void Program::trace() {
     const Json answer = Client::ControlClient(runDir()).request({{"op", "trace"}, {"last", last_}});
     const Json& lines = answer.at("value");
-    if (json_) return printJson(lines);
-    for (const Json& line : lines) streams_.out << line.get<std::string>() << "\n";
+    if (output_.json) return output_.value(lines);
+    for (const Json& line : lines) output_.text() << line.get<std::string>() << "\n";
 }
 
 void Program::log() {
@@ -588,15 +576,15 @@ void Program::log() {
         if (facility_.empty() || facility_ == "*" || facility_ == name)
             table.rows.push_back({name, level});
     if (table.rows.empty()) throw Client::Refused("facility \"" + facility_ + "\" not found");
-    printTable(table);
+    output_.table(table);
 }
 
 void Program::ping() {
     const Json answer = Client::ControlClient(runDir()).request({{"op", "ping"}});
     const Json& value = answer.at("value");
-    if (json_) return printJson(value);
-    streams_.out << "nav-agent " << value.value("version", "?") << ", platform "
-                 << value.value("platform", "?") << ", pid " << value.value("pid", 0) << "\n";
+    if (output_.json) return output_.document(value);
+    output_.text() << "nav-agent " << value.value("version", "?") << ", platform "
+                   << value.value("platform", "?") << ", pid " << value.value("pid", 0) << "\n";
 }
 
 // A request is sent when the one before has been answered, so that a script can choose its next
@@ -614,7 +602,7 @@ void Program::batch() {
         for (bool answered = false; !answered;) {
             const auto answer = connection.readLine();
             if (!answer) throw Client::NoAgent("the agent closed the connection");
-            printLine(*answer);
+            output_.line(*answer);
             // The events of a watch in an earlier line come between the answers.
             const Json value = Agent::parseJson(*answer);
             answered = value.contains("ok");
@@ -627,7 +615,7 @@ void Program::batch() {
 void Program::completeWords() {
     try {
         for (const std::string& word : complete(app_, words_, runDir())) {
-            streams_.out << word << "\n";
+            output_.text() << word << "\n";
         }
     } catch (const std::exception&) {
         // A shell that completes wants words or nothing.
@@ -635,7 +623,8 @@ void Program::completeWords() {
 }
 
 ExitStatus Program::fail(const std::string& reason, ExitStatus status) {
-    if (json_)
+    output_.finish();
+    if (output_.json)
         streams_.err << Agent::dumpLine({{"ok", false}, {"error", reason}}) << "\n";
     else
         streams_.err << "navctl: " << reason << "\n";
@@ -646,16 +635,18 @@ void Program::execute(std::vector<std::string> arguments) {
     try {
         app_.parse(std::move(arguments));
     } catch (const CLI::Success& request) {  // --help or --version
-        app_.exit(request, streams_.out, streams_.err);
+        app_.exit(request, output_.text(), streams_.err);
     } catch (const CLI::ParseError& error) {
-        throw BadUsage(reasonOf(error, app_) + (json_ ? "" : "; see navctl --help"));
+        throw BadUsage(reasonOf(error, app_) + (output_.json ? "" : "; see navctl --help"));
     }
-    flush();
+    output_.flush();
 }
 
 ExitStatus Program::run(std::vector<std::string> arguments) {
     // Also for the errors of a command line that cannot be parsed.
-    json_ = std::ranges::count(arguments, "--json") > 0;
+    output_.json = std::ranges::count(arguments, "--json") > 0;
+    title_ = "navctl";
+    for (const std::string& each : arguments) title_ += " " + each;
     std::ranges::reverse(arguments);
     try {
         execute(std::move(arguments));

@@ -16,8 +16,8 @@ struct Streams {
     std::istream& in;
     std::ostream& out;
     std::ostream& err;
+    bool terminal = false;  // `out` is a terminal on which text can be replaced
     bool colours = false;
-    size_t width = 0;  // characters of a line of the terminal; 0: none
 };
 
 // Runs one command line, without the program's name. The reason of a failure is written to `err`,

@@ -100,6 +100,27 @@ std::vector<std::string> paths(const std::string& word, const std::string& runDi
     return result;
 }
 
+// Arguments that are one of the names in an explanation, with their place there.
+constexpr const char* namesIn[][3] = {{"NAME", "paths", "path"},
+                                      {"SITE", "paths", "site"},
+                                      {"APPLICATION", "applications", "application"}};
+
+const char* optionOfNames(const CLI::App& command) {
+    for (const auto& [option, list, member] : namesIn)
+        if (command.get_option_no_throw(option)) return option;
+    return nullptr;
+}
+
+std::vector<std::string> names(std::string_view wanted, const std::string& runDir) {
+    const Json answer = Client::ControlClient(runDir).request({{"op", "explain"}}).at("value");
+    std::vector<std::string> result;
+    for (const auto& [option, list, member] : namesIn)
+        if (option == wanted)
+            for (const Json& row : answer.at(list))
+                if (row.at(member).is_string()) result.push_back(row.at(member));
+    return result;
+}
+
 }  // namespace
 
 std::vector<std::string> complete(const CLI::App& app, const std::vector<std::string>& words,
@@ -129,9 +150,8 @@ std::vector<std::string> complete(const CLI::App& app, const std::vector<std::st
         }
     } else if (const auto* path = command->get_option_no_throw("PATH"); path && arguments == 0) {
         result = paths(word, runDir);
-    } else if (command->get_option_no_throw("NAME") && arguments == 0) {
-        const Json rows = Client::ControlClient(runDir).request({{"op", "quality"}}).at("value");
-        for (const Json& row : rows) result.push_back(row.at("path"));
+    } else if (const char* option = optionOfNames(*command); option && arguments == 0) {
+        result = names(option, runDir);
     } else {
         for (const CLI::App* each : command->get_subcommands({})) {
             if (!each->get_name().starts_with("_")) result.push_back(each->get_name());

@@ -5,6 +5,7 @@
 
 #include "client/ControlClient.h"
 #include "nav/counters/NavShard.h"
+#include "nav/types/PathName.h"
 
 namespace Navctl {
 
@@ -48,7 +49,7 @@ void addRows(TextTable& table, const NavLbProfileCounterEntry& before,
     row("all", before, now);
     for (size_t i = 0; i < now.pathCounter.size(); ++i)
         if (now.pathCounter[i].outPkts > 0)
-            row("Path" + std::to_string(i), before.pathCounter[i], now.pathCounter[i]);
+            row(Nav::pathName(static_cast<Vel::U32>(i)), before.pathCounter[i], now.pathCounter[i]);
 }
 
 TextTable compare(const Reading& before, const Reading& now) {

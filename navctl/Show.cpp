@@ -11,6 +11,7 @@
 #include <set>
 #include <tuple>
 
+#include "nav/types/PathName.h"
 #include "navctl/Literal.h"
 
 namespace Navctl {
@@ -43,22 +44,20 @@ Json keysOf(const Json& collection) {
     return keys;
 }
 
-Json pathName(const Json& index) {
-    return "Path" + (index.is_string() ? index.get<std::string>() : index.dump());
+// An index as a number or a key text.
+uint32_t numberOf(const Json& key) {
+    const std::string text = key.is_string() ? key.get<std::string>() : key.dump();
+    uint32_t number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
 }
 
 // The paths of a set of indices, which is given as key texts.
 Json pathNamesOf(const Json& set) {
-    std::vector<uint32_t> numbers;
-    for (const Json& key : keysOf(set)) {
-        const std::string text = key.is_string() ? key.get<std::string>() : key.dump();
-        uint32_t number = 0;
-        std::from_chars(text.data(), text.data() + text.size(), number);
-        numbers.push_back(number);
-    }
-    std::sort(numbers.begin(), numbers.end());
+    std::set<uint32_t> numbers;
+    for (const Json& key : keysOf(set)) numbers.insert(numberOf(key));
     Json names = Json::array();
-    for (const uint32_t number : numbers) names.push_back(pathName(number));
+    for (const uint32_t number : numbers) names.push_back(Nav::pathName(number));
     return names;
 }
 
@@ -95,7 +94,7 @@ TextTable pathTable(const Json& answer) {
 TextTable peerTable(const Json& answer) {
     TextTable table{{"path", "peer"}, {}};
     for (const auto& [index, peer] : member(answer, "navPeers").items()) {
-        table.rows.push_back({pathName(index), peer});
+        table.rows.push_back({Nav::pathName(numberOf(index)), peer});
     }
     return table;
 }
@@ -105,7 +104,7 @@ TextTable peerTable(const Json& answer) {
 TextTable mappingTable(const Json& answer) {
     TextTable table{{"mapping", "id", "name"}, {}};
     for (const auto& [index, group] : member(answer, "groups").items()) {
-        table.rows.push_back({"path group", pathName(index), group});
+        table.rows.push_back({"path group", Nav::pathName(numberOf(index)), group});
     }
     for (const auto& [ids, names] : member(answer, "vrfApps").items()) {
         table.rows.push_back({"vrf, application", ids, names});
@@ -178,9 +177,10 @@ TextTable policyTable(Client::ControlClient& client) {
 
 // One row for each member of each load-balance id, in order of preference.
 TextTable loadBalanceTable(Client::ControlClient& client) {
-    TextTable table{{"site", "vrf", "application", "id", "generation", "latency", "jitter",
-                     "loss rate", "priority", "path", "path group"},
-                    {}};
+    TextTable table{{"site", "vrf", "application", "id", "generation", "latency (ms)",
+                     "jitter (ms)", "loss rate (%)", "priority", "path", "path group"},
+                    {},
+                    {"generation", "path group"}};
     const Json database = client.get("/navDb");
     const Json status = client.get("/navStatusDir/navLbProfileStatus");
     for (const auto& [text, entry] : member(status, "lbProfileStatusEntry").items()) {
@@ -191,7 +191,9 @@ TextTable loadBalanceTable(Client::ControlClient& client) {
             member(member(database, "vrfApp"), vrfId.dump() + "," + appId.dump()), "appName");
         const std::vector<Json> row = {member(key, "vtepIp"),
                                        vrf.is_null() ? vrfId : vrf,
-                                       app.is_null() ? appId : app,
+                                       appId == 0      ? "default"
+                                       : app.is_null() ? appId
+                                                       : app,
                                        member(entry, "lbIndex"),
                                        member(entry, "genId"),
                                        unless(member(entry, "latency"), noConstraint),
@@ -206,7 +208,8 @@ TextTable loadBalanceTable(Client::ControlClient& client) {
         std::sort(paths.begin(), paths.end());
         for (const auto& [priority, index, group] : paths) {
             table.rows.push_back(row);
-            table.rows.back().insert(table.rows.back().end(), {priority, pathName(index), group});
+            table.rows.back().insert(table.rows.back().end(),
+                                     {priority, Nav::pathName(index), group});
         }
     }
     return table;
@@ -218,7 +221,9 @@ TextTable ipsecTable(Client::ControlClient& client) {
     TextTable table{
         {"vrf", "source", "destination", "profile", "interface", "connection", "state", "encap id",
          "since", "peer", "cipher", "bytes in", "bytes out", "rekey at", "last error"},
-        {}};
+        {},
+        {"rekey at", "cipher", "bytes in", "bytes out", "peer", "encap id", "profile", "interface",
+         "vrf"}};
     const Json requests = client.get("/ipsecPathConfigDir/ipsecPathConfig");
     const Json statuses = client.get("/ipsecPathStatusDir/ipsecPathStatus");
     const Json reports = client.request({{"op", "ipsec"}}).at("value");
@@ -352,14 +357,25 @@ Json withUsers(const Json& rows) {
 
 Headed forwardingTables(const Json& report) {
     Headed tables;
+    const auto add = [&tables](const std::string& heading, const Json& rows) {
+        if (rows.empty()) return;
+        tables.emplace_back(heading, rowTable(rows));
+        tables.back().second.minor = {"source",      "group",     "nexthops",
+                                      "destination", "malformed", "not authentic"};
+    };
     for (const auto& [heading, rows] : report.items())
-        if (!rows.empty()) tables.emplace_back(heading, rowTable(rows));
+        if (rows.is_array()) add(heading, rows);
+    const Json& probes = member(report, "probes");
+    add("probes", member(probes, "paths"));
+    add("probes of others", Json::array({member(probes, "reflector")}));
     return tables;
 }
 
 Headed explainTables(const Json& answer) {
     TextTable paths{
-        {"path", "path group", "interface", "site", "destination", "state", "since", "reason"}, {}};
+        {"path", "path group", "interface", "site", "destination", "state", "since", "reason"},
+        {},
+        {"path group"}};
     for (const Json& row : member(answer, "paths"))
         paths.rows.push_back({member(row, "path"), member(row, "pathGroup"),
                               member(row, "interface"), member(row, "site"),
@@ -388,9 +404,10 @@ Headed explainTables(const Json& answer) {
 }
 
 TextTable qualityTable(const Json& rows) {
-    TextTable table{{"path", "source", "destination", "vrf", "programmed", "state", "rtt ms",
-                     "p95 ms", "jitter ms", "loss forward %", "loss backward %"},
-                    {}};
+    TextTable table{{"path", "source", "destination", "vrf", "programmed", "state", "rtt (ms)",
+                     "p95 (ms)", "jitter (ms)", "loss forward (%)", "loss backward (%)"},
+                    {},
+                    {"source", "vrf", "p95 (ms)"}};
     for (const Json& row : rows) {
         const Json& alive = row.at("alive");
         table.rows.push_back({row.at("path"), row.at("source"), row.at("destination"),

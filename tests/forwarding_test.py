@@ -22,7 +22,7 @@ import tempfile
 import time
 import unittest
 
-from products import LabCase, main, programs, source  # which adds scripts/ to the path
+from products import LabCase, document, main, programs, source  # which adds scripts/ to the path
 
 from netlab import (await_, call, gateway, host, outside, port,  # noqa: E402
                     providers, router, sites, tunnel)
@@ -465,7 +465,8 @@ class ForwardingTest(LabCase):
     def refused(self, site):
         """What the kernel refuses the agent: reasons by objects."""
         shown = self.lab.navctl(site, "--json", "show", "forwarding").stdout
-        return {row["object"]: row["reason"] for row in json.loads(shown)["refused"]} if shown else {}
+        return {row["object"]: row["reason"] for row in document(shown, "show", "forwarding")["refused"]
+                } if shown else {}
 
     def test_trouble_is_named_and_nobody_elses_is_touched(self):
         lab, before = self.lab, objects(self.lab, 3)

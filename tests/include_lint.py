@@ -39,7 +39,7 @@ height["navctl"] = len(floors)
 height["forwarder"] = len(floors) + 1
 reading = {"platform", "platform/vel", "platform/shard", "nav/counters"}
 only = {"client": {"agent/base"},
-        "navctl": {"agent/base", "agent/model", "client"} | reading,
+        "navctl": {"agent/base", "agent/model", "client", "nav/types"} | reading,
         "forwarder": {"agent/base", "client"} | reading}
 
 include = re.compile(r'\s*#\s*include\s*([<"])([^>"]+)[>"]')

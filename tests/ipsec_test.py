@@ -80,9 +80,7 @@ class IpsecTest(LabCase):
 
     def connections(self, site):
         """By destination."""
-        shown = self.lab.navctl(site, "--json", "show", "ipsec")
-        self.assertEqual(shown.returncode, 0, shown.stderr)
-        return {row["destination"]: row for row in json.loads(shown.stdout)}
+        return {row["destination"]: row for row in self.shown(site, "show", "ipsec")}
 
     def state(self, site, other):
         row = self.connections(site)[outside("internet", other)]

@@ -5,13 +5,48 @@ What it prints, what reaches the agent, how it ends.
 import fcntl
 import json
 import os
+import pty
+import re
 import socket
+import struct
 import subprocess
 import termios
 
-from products import Products, await_, main, patience, programs, source
+from products import Products, await_, main, patience, programs, source, tied
 
 group = "/cliConfig/pathGroupConfig"
+
+
+class Terminal:
+    """A program on a terminal of its own."""
+
+    def __init__(self, rows, columns, *command):
+        self.process, self.descriptor = pty.fork()
+        if self.process == 0:
+            os.environ["TERM"] = "xterm"
+            self.descriptor = 0
+            self.resize(rows, columns)
+            os.execvp(tied[0], [*tied, *command])
+        self.text = ""
+        os.set_blocking(self.descriptor, False)
+
+    def resize(self, rows, columns):
+        fcntl.ioctl(self.descriptor, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def lines(self):
+        """Those of all frames so far."""
+        try:
+            while chunk := os.read(self.descriptor, 65536):
+                self.text += chunk.decode()
+        except OSError:
+            pass  # nothing more now, or the program has ended
+        return re.split(r"\x1b\[K(?:\r\n)?", self.text)
+
+    def status(self):
+        await_("it ends", lambda: self.lines() and os.waitid(
+            os.P_PID, self.process, os.WEXITED | os.WNOHANG | os.WNOWAIT))
+        self.lines()
+        return os.waitstatus_to_exitcode(os.waitpid(self.process, 0)[1])
 
 
 class NavctlTest(Products):
@@ -171,6 +206,38 @@ class NavctlTest(Products):
         self.assertTrue(events.endswith('\n{"event":"overrun"}\n'))
         self.assertEqual(watch.returncode, 1)
         self.assertIn("did not keep up", self.errors(self.directory))
+
+    def test_a_table_refreshes_in_place_and_marks_changes(self):
+        for name in "abc":
+            self.says("set", f"{group}[{name}]/ipsecProfile", "silver")
+        groups = [programs["navctl"], "--run-dir", self.directory, "show", "groups", "--watch"]
+        terminal = Terminal(24, 80, *groups)
+
+        def awaits(*lines):
+            await_(lines, lambda: all(any(
+                shown.startswith(line) for shown in terminal.lines()) for line in lines))
+
+        awaits("  a           -           silver         0      0")
+        self.says("set", f"{group}[b]/ipsecProfile", "gold")
+        self.says("del", f"{group}[a]")
+        self.says("set", f"{group}[d]", "{}")
+        awaits("* b           -           \x1b[7mgold\x1b[0m           0      0",
+               "  c           -           silver         0      0",
+               "- a           -           silver         0      0", "+ \x1b[7md\x1b[0m ")
+        awaits("  b           -           gold           0      0")
+        terminal.resize(4, 80)
+        awaits("  b           -           gold           0      0", "… 2 more lines, 0 of them marked")
+        os.write(terminal.descriptor, b"\x03")
+        self.assertEqual(terminal.status(), 0)
+        back = "\x1b[0m\x1b[?25h\x1b[?7h\x1b[?1049l"
+        self.assertTrue(terminal.text.endswith(back), terminal.text[-200:])
+        self.assertEqual(terminal.text.count("\x1b[?1049h"), 1)
+
+        terminal = Terminal(24, 80, *groups)
+        awaits("  b           -           gold           0      0")
+        self.stop(self.process)
+        self.assertEqual(terminal.status(), 3)
+        self.assertIn(back + "navctl: no agent at ", terminal.text)
 
     def test_tables_of_what_services_publish(self):
         for path, value in (

@@ -44,7 +44,7 @@ class OperationsTest(Products):
         return done.stdout
 
     def ask(self, *arguments, status=0):
-        return json.loads(self.says("--json", *arguments, status=status))
+        return self.shown(self.directory, *arguments, status=status)
 
     def states(self):
         return [(row["number"], row["state"]) for row in self.ask("show", "history")]
@@ -66,7 +66,7 @@ class OperationsTest(Products):
                           ("/cliConfig/pathGroupConfig[internet]/localIntf[wan3]", None, True)])
         self.assertIn("\n- /cliConfig/pathGroupConfig[mpls] {", self.says("diff", without, status=1))
         foreseen = self.ask("load", "--dry-run", without)
-        self.assertEqual(foreseen["configuration"], changes)
+        self.assertEqual([change | {"schemaVersion": 1} for change in foreseen["configuration"]], changes)
         self.assertEqual(
             sorted((path["change"], path["interface"], path["destination"], path["state"])
                    for path in foreseen["paths"]),
@@ -80,7 +80,7 @@ class OperationsTest(Products):
             self.assertEqual(row["from"], carriers[row["application"], row["site"]]["paths"])
             self.assertEqual(row["to"], carriers["backup", row["site"]]["paths"], "the internet's")
         self.assertEqual(self.ask("load", "--dry-run", f"{self.directory}/config"),
-                         {"configuration": [], "paths": [], "traffic": []})
+                         {"schemaVersion": 1, "configuration": [], "paths": [], "traffic": []})
         self.assertIn("PATH GROUP", self.says("load", "--dry-run", without))
         self.assertEqual((self.says("diff"), self.states()), ("", [(1, "running")]))
 

@@ -9,7 +9,7 @@ import re
 import signal
 import subprocess
 
-from products import Products, await_, branch, main, patience, programs, source, tied
+from products import Products, await_, branch, document, main, patience, programs, source, tied
 
 
 def tables_of(run_dir):
@@ -22,8 +22,28 @@ class ProductTest(Products):
     def counters(self, run_dir):
         """The rows of paths' counters; empty when nobody writes them."""
         shown = self.navctl(run_dir, "--json", "show", "counters")
-        rows = json.loads(shown.stdout) if shown.returncode == 0 else []
+        rows = document(shown.stdout, "show", "counters") if shown.returncode == 0 else []
         return [row for row in rows if row["path"] != "all"]
+
+    def test_every_document_is_as_its_schema_says(self):
+        run_dir, other = self.run_dir(), "examples/two-providers/config.json"
+        self.agent(run_dir, *branch)
+        self.start(run_dir, "nav-forwarder")
+        await_("counters come", lambda: self.counters(run_dir))
+        await_("what is measured has a history", lambda: self.navctl(
+            run_dir, "--json", "show", "quality", "Path5", "--graph").stdout.count(".") > 0)
+        views = self.navctl(run_dir, "__complete", "--", "show", "").stdout.split()
+        for command in [("show", view) for view in views if view != "forwarding"] + [
+                ("show", "history", "1"), ("show", "quality", "Path5", "--graph"), ("explain",),
+                ("validate",), ("load", "--dry-run", other), ("log",), ("ping",), ("trace",)]:
+            self.assertTrue(self.shown(run_dir, *command), command)
+        self.assertTrue(self.shown(run_dir, "diff", other, status=1))
+        self.assertEqual(self.navctl(run_dir, "__complete", "--", "explain", "application", "").stdout,
+                         "backup\ndefault\nvoice\n")
+        again = self.start(run_dir, "navctl", "--json", "explain", "path", "wan1", "--watch",
+                           stdout=subprocess.PIPE)
+        for _ in range(2):
+            self.assertEqual(len(document(again.stdout.readline(), "explain")["paths"]), 4)
 
     def test_tables_live_as_long_as_their_writers(self):
         here, there = self.run_dir(), self.run_dir()
@@ -105,8 +125,7 @@ class ProductTest(Products):
             self.assertEqual(len(rows), count, (name, rows[-10:]))
         row = next(row for row in table("quality") if row[2] == "192.0.2.130")
         self.assertEqual(row[1:6], ["192.0.2.1", "192.0.2.130", "default", "yes", "alive"])
-        shown = self.navctl(run_dir, "--json", "show", "quality", row[0])
-        [measured] = json.loads(shown.stdout)
+        [measured] = self.shown(run_dir, "show", "quality", row[0])
         self.assertAlmostEqual(measured.pop("rttMs"), 18, delta=0.5)
         self.assertEqual([measured[name] for name in ("path", "source", "destination", "vrf", "alive",
                                                       "programmed", "jitterMs", "lossForward",
@@ -120,8 +139,8 @@ class ProductTest(Products):
                                   row[0], "--watch"], stdout=subprocess.PIPE, text=True)
         self.processes.callback(watch.communicate)
         self.processes.callback(watch.kill)
-        shown = [next(watch.stdout).split()[0] for _ in range(4)]
-        self.assertEqual(shown, ["PATH", row[0]] * 2)
+        shown = [next(watch.stdout).split()[:1] for _ in range(6)]
+        self.assertEqual(shown, [["PATH"], [row[0]], []] * 2)
         for last in (1, 3):
             lines = self.navctl(run_dir, "trace", "--last", str(last)).stdout.splitlines()
             self.assertEqual(len(lines), last)
@@ -137,17 +156,17 @@ class ProductTest(Products):
             r"agent:5 path Path\d+ 192\.0\.2\.1 -> 192\.0\.2\.130 \(mpls, 10\.255\.0\.2\) is down: "
             "path group mpls is not configured", self.errors(run_dir)))
         await_("a link fails", lambda: "is down: interface wan1 is down" in self.errors(run_dir))
-        explained = json.loads(self.navctl(run_dir, "--json", "explain", "path", "Path1").stdout)
+        explained = self.shown(run_dir, "explain", "path", "Path1")
         self.assertEqual([(row["interface"], row["state"], row["reason"])
                           for row in explained["paths"]],
                          [("wan1", "down", "interface wan1 is down")])
         self.assertIn("internet wan1 -> 198.51.100.2, priority 1: interface wan1 is down",
                       self.navctl(run_dir, "explain", "application", "backup").stdout)
         self.assertEqual(self.navctl(run_dir, "explain", "site", "10.9.9.9").returncode, 1)
-        rows = json.loads(self.navctl(run_dir, "--json", "show", "interfaces").stdout)
+        rows = self.shown(run_dir, "show", "interfaces")
         self.assertEqual([(row["interface"], row["state"], row["pathsUp"]) for row in rows],
                          [("lan1", "up", 0), ("wan1", "down", 0), ("wan2", "up", 0)])
-        events = json.loads(self.navctl(run_dir, "--json", "show", "events").stdout)
+        events = self.shown(run_dir, "show", "events")
         self.assertEqual([event["by"].split(",")[0] for event in events if event["event"] == "del " +
                           json.dumps(group)], [f"uid {os.getuid()}"])
         self.assertLessEqual({"agent", "configuration", "interface", "path", "choice"},

@@ -1,6 +1,7 @@
 """What the tests of the whole programs share. Such a test is called with BUILD_DIR SOURCE_DIR, and
 with options of unittest."""
 import contextlib
+import functools
 import json
 import os
 import signal
@@ -9,6 +10,8 @@ import subprocess
 import sys
 import tempfile
 import unittest
+
+import jsonschema
 
 build, source = (os.path.abspath(argument) for argument in sys.argv[1:3])
 sys.path.insert(0, f"{source}/scripts")
@@ -21,6 +24,35 @@ programs = {"nav-agent": f"{build}/agent/host/nav-agent", "navctl": f"{build}/na
 branch = [f"--config={source}/examples/branch/branch.json",
           f"--world={source}/examples/branch/world.json"]
 patience = 60  # seconds
+
+
+@functools.cache
+def schema_of(name):
+    """One of docs/navctl.schema.json. Its readers accept members that it does not describe, and the
+    tests do not."""
+    def strict(part):
+        if isinstance(part, list):
+            return [strict(each) for each in part]
+        if not isinstance(part, dict):
+            return part
+        closed = {"additionalProperties": False} if "properties" in part else {}
+        return {key: strict(value) for key, value in part.items()} | closed
+
+    with open(f"{source}/docs/navctl.schema.json", encoding="utf-8") as file:
+        schemas = strict(json.load(file)["$defs"])
+    return jsonschema.Draft202012Validator({"$ref": f"#/$defs/{name}", "$defs": schemas})
+
+
+def document(text, *command):
+    """What a command printed with --json, which must be as its schema says."""
+    name = ("show-history-entry" if command[:2] == ("show", "history") and command[2:] else
+            "show-quality-graph" if "--graph" in command else
+            "load-dry-run" if "--dry-run" in command else
+            "-".join(command[:2]) if command[0] == "show" else command[0])
+    value = json.loads(text)
+    for error in schema_of(name).iter_errors(value) if name != "get" else ():
+        raise AssertionError(f"{command}: {error.json_path}: {error.message[:400]}")
+    return value
 
 
 class Products(unittest.TestCase):
@@ -64,6 +96,11 @@ class Products(unittest.TestCase):
     def navctl(self, run_dir, *arguments, **options):
         return self.run_to_end("navctl", "--run-dir", run_dir, *arguments, **options)
 
+    def shown(self, run_dir, *command, status=0):
+        done = self.navctl(run_dir, "--json", *command)
+        self.assertEqual(done.returncode, status, (command, done.stderr))
+        return document(done.stdout, *command)
+
     def metrics(self, run_dir, patience=patience):
         """What the agent answers a collector; None if there are too many at once."""
         with socket.socket(socket.AF_UNIX) as client:
@@ -104,7 +141,7 @@ class LabCase(unittest.TestCase):
             print(*(f"--- agent of site {site}\n{self.lab.log(site)}" for site in sites))
 
     def shown(self, site, *what):
-        return json.loads(self.lab.navctl(site, "--json", *what).stdout)
+        return document(self.lab.navctl(site, "--json", *what).stdout, *what)
 
     def kill(self, site):
         self.lab.end_agent(site, signal.SIGKILL)

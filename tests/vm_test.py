@@ -48,7 +48,7 @@ class VmTest(Products):
                           under=["ip", "netns", "exec", "router"])
 
     def show(self, *what):
-        return json.loads(self.navctl(self.directory, "--json", *what).stdout)
+        return self.shown(self.directory, *what)
 
     def states(self):
         """The state of each group's path."""
