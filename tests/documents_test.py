@@ -124,7 +124,7 @@ class DocumentsTest(Products):
             self.assertTrue(watch.stdout.readline())
         else:
             done = self.navctl(place, *arguments, cwd=place)
-            if arguments[0] != "diff" or "differences" not in done.stderr:
+            if arguments[0] != "diff" or "difference" not in done.stderr:
                 self.assertEqual((done.returncode, done.stderr), (0, ""))
 
     def test_commands_on_a_simulated_router(self):
@@ -220,6 +220,8 @@ class DocumentsTest(Products):
         for language, listing in re.findall(r"(?s)```(\w+)\n(.*?)```", read("docs/embedding.md")):
             lines, whole = flat(listing), example[language]
             self.assertIn(lines, [whole[at:at + len(lines)] for at in range(len(whole))])
+        self.assertLessEqual(set(glob.glob("docs/*.md", root_dir=source)),
+                             set(re.findall(r"\((docs/.*?)\)", read("README.md"))))
         for page in pages:
             for target in re.findall(r"\]\(([^)\s]+)\)", read(page)):
                 file, _, anchor = target.partition("#")
