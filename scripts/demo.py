@@ -189,7 +189,7 @@ def main():
     site_feed = watch("/siteGroupStatus", handle_site)
     navctl("load", f"{example}/branch.json")
     at_best = [("voice", "mpls"), ("backup", "internet"), ("blue", "internet"),
-               (r"(backup|default_app) to .*\.3", "Path.*Path")]
+               (r"(backup|default) to .*\.3", "Path.*Path")]
     reach("all is up", {
         log: lambda: steered(*at_best),
         path_feed: lambda: states() == {"Estab": 3, "Ipsec Estab": 4},

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "agent/shell/ControlServer.h"
+#include "nav/types/PathName.h"
 
 namespace Agent {
 
@@ -122,7 +123,7 @@ class Applications {
         Json& row = add(vrf, application.name, site.stringValue(), reason);
         if (!entry) return;
         row["loadBalanceId"] = entry->lbIndex();
-        for (const U32 index : carriers) row["paths"].push_back(pathName(index));
+        for (const U32 index : carriers) row["paths"].push_back(Nav::pathName(index));
         if (const auto choice = observer_.choices().find(entry->key());
             choice != observer_.choices().end())
             row["since"] = timeText(choice->second.since);

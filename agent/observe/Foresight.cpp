@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/observe/Replica.h"
+#include "nav/types/PathName.h"
 
 namespace Agent {
 
@@ -95,7 +96,7 @@ class Traffic {
     }
     static Json names(const std::vector<U32>& indices) {
         Json names = Json::array();
-        for (const U32 index : indices) names.push_back(pathName(index));
+        for (const U32 index : indices) names.push_back(Nav::pathName(index));
         return names;
     }
 

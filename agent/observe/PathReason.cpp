@@ -4,6 +4,7 @@
 
 #include "agent/model/Tree.h"
 #include "agent/router/NexthopResolver.h"
+#include "nav/types/PathName.h"
 
 namespace Agent {
 
@@ -185,7 +186,8 @@ std::vector<Vel::U32> carriersOf(const Platform& platform, const Nav::LbProfileS
 
 std::string pathNames(const std::vector<Vel::U32>& indices) {
     std::string names;
-    for (const Vel::U32 index : indices) names += (names.empty() ? "" : ", ") + pathName(index);
+    for (const Vel::U32 index : indices)
+        names += (names.empty() ? "" : ", ") + Nav::pathName(index);
     return names.empty() ? "no path" : names;
 }
 
@@ -201,12 +203,13 @@ std::string applicationName(const Nav::NavDb* database, Vel::U32 vrfId, Vel::U32
 }
 
 std::string PathState::name() const {
-    return index == 0 ? "-" : pathName(index);
+    return index == 0 ? "-" : Nav::pathName(index);
 }
 
 std::string describe(const ConfiguredPath& path, const PathState& state) {
-    return state.name() + " " + state.key.srcAddr.stringValue() + " -> " +
-           path.destination.stringValue() + " (" + path.site.name + ", " +
+    return (state.index == 0 ? path.interface.stringValue()
+                             : state.name() + " " + state.key.srcAddr.stringValue()) +
+           " -> " + path.destination.stringValue() + " (" + path.site.name + ", " +
            path.site.routerIp.stringValue() + ")";
 }
 

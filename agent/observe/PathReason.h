@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "agent/router/PathName.h"
 #include "agent/router/Platform.h"
 #include "nav/root/NavInputs.h"
 #include "nav/types/NavDb.h"
@@ -63,7 +62,8 @@ std::string pathNames(const std::vector<Vel::U32>& indices);
 std::string vrfName(const Nav::NavDb* database, Vel::U32 vrfId);
 std::string applicationName(const Nav::NavDb* database, Vel::U32 vrfId, Vel::U32 appId);
 
-// "Path3 203.0.113.1 -> 198.51.100.2 (internet, 10.255.0.2)"
+// "Path3 203.0.113.1 -> 198.51.100.2 (internet, 10.255.0.2)"; of a path without an index
+// "wan1 -> 198.51.100.2 (internet, 10.255.0.2)"
 std::string describe(const ConfiguredPath& path, const PathState& state);
 
 }  // namespace Agent

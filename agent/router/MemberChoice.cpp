@@ -1,7 +1,7 @@
 #include "agent/router/MemberChoice.h"
 
-#include "agent/router/PathName.h"
 #include "agent/router/RouterTrace.h"
+#include "nav/types/PathName.h"
 
 namespace Agent {
 
@@ -156,7 +156,7 @@ MemberChoice::Delays MemberChoice::delaysOf(const Group& group, U32 pathIndex) c
 
 // "Path1 203.0.113.1 -> 198.51.100.2: loss 4.1 % > 1 %"
 std::string MemberChoice::reasonOf(const Constraints& constraints, U32 pathIndex) const {
-    std::string text = pathName(pathIndex);
+    std::string text = Nav::pathName(pathIndex);
     for (const Nav::PathConfig& vrf : in_.pathConfigDir->pathConfig())
         for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry())
             if (path.pathIndex() == pathIndex)
@@ -178,7 +178,7 @@ void MemberChoice::report(const Nav::LbProfileKey& key, U32 pathIndex, const std
 }
 
 std::string MemberChoice::trafficOf(const Nav::LbProfileKey& key) const {
-    std::string application = key.appId == 0 ? "default_app" : std::to_string(key.appId);
+    std::string application = key.appId == 0 ? "default" : std::to_string(key.appId);
     for (const Nav::PolicyConfig& policy : in_.cliConfig->policyConfig())
         for (const auto& rule : policy.appProfilePolicyRuleList())
             if (rule.appProfileId() == key.appId && !rule.appProfileName().empty())

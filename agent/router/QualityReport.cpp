@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "agent/router/PathName.h"
+#include "nav/types/PathName.h"
 
 namespace Agent {
 
@@ -15,7 +15,7 @@ Json figure(double value) {
 
 Json rowOf(const L3::VrfName& vrf, const Nav::PathStatusEntry& path, const PathQuality& quality) {
     const bool checked = quality.state != PathLiveness::notChecked;
-    return {{"path", pathName(path.pathInfo().pathIndex)},
+    return {{"path", Nav::pathName(path.pathInfo().pathIndex)},
             {"source", path.key().srcAddr.stringValue()},
             {"destination", path.key().dstAddr.stringValue()},
             {"vrf", vrf.str()},
@@ -74,7 +74,7 @@ Json QualityReport::paths() const {
 
 Json QualityReport::history(const std::string& path) const {
     for (const auto& [pathIndex, quality] : quality_->pathQuality()) {
-        if (pathName(pathIndex) != path) continue;
+        if (Nav::pathName(pathIndex) != path) continue;
         const auto kept = history_.find(pathIndex);
         const auto series = [&](float Sample::*figureOf) {
             Json values = Json::array();

@@ -1,6 +1,7 @@
 #include "agent/sim/PathChoice.h"
 
 #include "agent/sim/SimTrace.h"
+#include "nav/types/PathName.h"
 
 namespace Agent::Sim {
 
@@ -9,7 +10,7 @@ namespace {
 std::string textOf(const std::vector<Nav::PathWithPriority>& paths) {
     std::string text;
     for (const Nav::PathWithPriority& path : paths) {
-        text += (text.empty() ? "over Path" : ", Path") + std::to_string(path.pathIndex) + " (" +
+        text += (text.empty() ? "over " : ", ") + Nav::pathName(path.pathIndex) + " (" +
                 path.groupName + ", priority " + std::to_string(path.priority) + ")";
     }
     return text.empty() ? "over no path" : text;

@@ -6,6 +6,7 @@
 #include "nav/path/NavPathResolutionDirSm.h"
 #include "nav/path/PathState.h"
 #include "nav/path/PathTrace.h"
+#include "nav/types/PathName.h"
 #include "platform/netz/Assert.h"
 
 namespace Nav {
@@ -427,7 +428,7 @@ void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfile() {
     in_.ipsecPathConfigDir->ipsecPathConfigIs(connection_, [&](Ipsec::Path::PathConfig& request) {
         request.profileIs(ipsecProfile());
         request.intfIdIs(localIntf());
-        request.connectionNameIs("Path" + std::to_string(pathIndex));
+        request.connectionNameIs(pathName(pathIndex));
     });
 }
 

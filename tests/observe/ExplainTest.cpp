@@ -237,6 +237,14 @@ TEST_F(ExplainTest, EventsNameCauseAndAuthor) {
     const Json wan6 = ask({{"op", "interfaces"}}).at(1);
     EXPECT_TRUE(wan6["address"].is_null() && wan6["address6"] == "2001:db8::1/64") << wan6;
 
+    // A path without an index has no name.
+    start();
+    change(address + R"("0.0.0.0/0")"), newest();
+    change(wan1);
+    EXPECT_NE(newest().find("wan1 -> 198.51.100.2 (internet, 10.255.0.2) is still down <- "
+                            "\"interface wan1 does not exist\"\n"),
+              std::string::npos);
+
     start();
     ask({{"op", "explain"}});
     change(hardware), change(group);

@@ -1,6 +1,6 @@
 #include "agent/linux/forwarding/Report.h"
 
-#include "agent/router/PathName.h"
+#include "nav/types/PathName.h"
 
 namespace Agent::Linux {
 
@@ -34,7 +34,7 @@ Json paths(const Nav::NavInputs& in, Forwarding& forwarding) {
         Json nexthops = Json::array();
         for (const ObjectKey& key : forwarding.plan().nexthopsOf(hop.path))
             nexthops.push_back(std::get<Nexthop::Key>(key).id);
-        rows.push_back({{"path", pathName(pathIndex)},
+        rows.push_back({{"path", Nav::pathName(pathIndex)},
                         {"source", hop.path.srcAddr.stringValue()},
                         {"destination", hop.path.dstAddr.stringValue()},
                         {"vrf", vrfOf(in, hop.path)},
@@ -93,7 +93,7 @@ Json sites(const Nav::NavInputs& in, const ForwardingConfig& config, Plan& plan)
                 for (const auto& [pathIndex, hop] : plan.paths())
                     for (const auto& member : group.members)
                         if (member.id == plan.nexthopId(segment, hop.path))
-                            carriers.push_back(pathName(pathIndex));
+                            carriers.push_back(Nav::pathName(pathIndex));
                 for (const IpPrefix& prefix : prefixes) behind.push_back(prefix.stringValue());
                 Json row = {{"site", site.stringValue()}, {"vrf", vrf.str()}};
                 row.update(identity(names, mark, place.second));

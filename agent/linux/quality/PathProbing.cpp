@@ -7,7 +7,7 @@
 
 #include "agent/linux/kernel/IpsecDevice.h"
 #include "agent/linux/kernel/LinuxTrace.h"
-#include "agent/router/PathName.h"
+#include "nav/types/PathName.h"
 
 namespace Agent::Linux {
 
@@ -176,7 +176,7 @@ Json PathProbing::report() const {
     for (const auto& [pathIndex, path] : paths_) {
         if (!path.session) continue;
         const ProbeCounts& counts = path.session->counts();
-        rows.push_back({{"path", pathName(pathIndex)},
+        rows.push_back({{"path", Nav::pathName(pathIndex)},
                         {"source", path.key.srcAddr.stringValue()},
                         {"destination", path.key.dstAddr.stringValue()},
                         {"sent", counts.sent},
