@@ -56,6 +56,7 @@ class Program {
                       void (Program::*action)());
     CLI::App* view(CLI::App& parent, const std::string& name, const std::string& description,
                    std::function<void()> action);
+    CLI::App* withWatch(CLI::App* command);
 
     std::string runDir() const { return runDir_.empty() ? Agent::clientRunDir() : runDir_; }
     ExitStatus fail(const std::string& reason, ExitStatus status);
@@ -193,11 +194,15 @@ void Program::build() {
 // A command that prints state, and can repeat itself.
 CLI::App* Program::view(CLI::App& parent, const std::string& name, const std::string& description,
                         std::function<void()> action) {
-    CLI::App* added = parent.add_subcommand(name, description);
-    added->add_flag("--watch", output_.watch,
-                    "Again every second, on a terminal in place with changes marked");
+    CLI::App* added = withWatch(parent.add_subcommand(name, description));
     added->callback([this, action = std::move(action)] { output_.repeat(title_, action); });
     return added;
+}
+
+CLI::App* Program::withWatch(CLI::App* command) {
+    command->add_flag("--watch", output_.watch,
+                      "Again every second, on a terminal in place with changes marked");
+    return command;
 }
 
 void Program::buildShow() {
@@ -231,18 +236,19 @@ void Program::buildShow() {
 }
 
 void Program::buildExplain() {
-    const auto action = [this] { explain(); };
-    CLI::App* about = view(
-        app_, "explain", "Say why paths are down, and applications where they are", [this, action] {
-            if (app_.get_subcommand("explain")->get_subcommands().empty()) action();
-        });
-    view(*about, "path", "One path, or those of an interface or an address", action)
+    CLI::App* about =
+        view(app_, "explain", "Say why paths are down, and applications where they are",
+             [this] { explain(); });
+    const auto aspect = [this, about](const char* name, const char* description) {
+        return withWatch(about->add_subcommand(name, description));
+    };
+    aspect("path", "One path, or those of an interface or an address")
         ->add_option("NAME", path_, "Such as Path3, wan1 or 198.51.100.2")
         ->required();
-    view(*about, "site", "The paths and applications of a site", action)
+    aspect("site", "The paths and applications of a site")
         ->add_option("SITE", site_, "Its address")
         ->required();
-    view(*about, "application", "An application in every VRF, to every site", action)
+    aspect("application", "An application in every VRF, to every site")
         ->add_option("APPLICATION", application_, "Such as voice, or default")
         ->required();
     about->require_subcommand(0, 1);
@@ -250,6 +256,7 @@ void Program::buildExplain() {
 
 void Program::printTables(const Json& answer, const Headed& tables) {
     if (output_.json) return output_.document(answer);
+    if (tables.empty()) output_.table({});
     const char* separator = "";
     for (const auto& [heading, table] : tables) {
         output_.text() << std::exchange(separator, "\n");
@@ -277,6 +284,7 @@ void Program::events() {
     Json rows =
         Client::ControlClient(runDir()).request({{"op", "events"}, {"last", last_}}).at("value");
     if (output_.inPlace()) std::ranges::reverse(rows);
+    rows = withUsers(rows);
     printRows(rows, rowTable(rows));
 }
 

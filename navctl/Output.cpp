@@ -51,8 +51,11 @@ void Output::table(const TextTable& table, const std::string& heading) {
     if (json) return document(tableJson(table));
     const TextTable& before = isFirst_ ? table : before_[heading];
     if (!heading.empty()) text() << heading << "\n";
-    printTable(text(), table,
-               {streams_.colours, Terminal::now().columns, screen_ ? &before : nullptr});
+    if (table.columns.empty())
+        text() << "none\n";
+    else
+        printTable(text(), table,
+                   {streams_.colours, Terminal::now().columns, screen_ ? &before : nullptr});
     if (screen_) now_[heading] = table;
 }
 

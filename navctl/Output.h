@@ -40,7 +40,7 @@ class Output {
     // JSON with its schema version: a member of an object, or of each object in an array, so that
     // an array stays one.
     void document(const Json& value);
-    // A table or, with --json, its document.
+    // A table or, with --json, its document. A table made of no rows has no columns: "none".
     void table(const TextTable& table, const std::string& heading = {});
 
     // Performs an action which prints; with --watch every second until it fails.

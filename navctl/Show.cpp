@@ -347,7 +347,8 @@ Json withUsers(const Json& rows) {
             copy[name] = value;
             if (name != "by") continue;
             uid_t uid = 0;
-            const bool isUser = std::sscanf(value.get<std::string>().c_str(), "uid %u", &uid) == 1;
+            const bool isUser = value.is_string() &&
+                                std::sscanf(value.get<std::string>().c_str(), "uid %u", &uid) == 1;
             const passwd* user = isUser ? getpwuid(uid) : nullptr;
             copy["user"] = user ? Json(user->pw_name) : Json();
         }

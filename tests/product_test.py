@@ -5,6 +5,7 @@ tables show; the log; what a broken invariant leaves behind. Each case has run d
 """
 import json
 import os
+import pwd
 import re
 import signal
 import subprocess
@@ -167,8 +168,9 @@ class ProductTest(Products):
         self.assertEqual([(row["interface"], row["state"], row["pathsUp"]) for row in rows],
                          [("lan1", "up", 0), ("wan1", "down", 0), ("wan2", "up", 0)])
         events = self.shown(run_dir, "show", "events")
-        self.assertEqual([event["by"].split(",")[0] for event in events if event["event"] == "del " +
-                          json.dumps(group)], [f"uid {os.getuid()}"])
+        self.assertEqual([(event["by"].split(",")[0], event["user"]) for event in events
+                          if event["event"] == "del " + json.dumps(group)],
+                         [(f"uid {os.getuid()}", pwd.getpwuid(os.getuid()).pw_name)])
         self.assertLessEqual({"agent", "configuration", "interface", "path", "choice"},
                              {event["kind"] for event in events})
         self.assertEqual(self.stop(agent), 0)
