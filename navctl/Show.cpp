@@ -72,11 +72,12 @@ std::string columnOf(const std::string& member) {
     return column;
 }
 
-// "Path1 internet wan1 -> 198.51.100.2, priority 1: interface wan1 is down"
+// "Path1, priority 1: interface wan1 is down"; a path without a name is "wan1 -> 198.51.100.2".
 std::string betterText(const Json& better) {
     const Json& name = member(better, "path");
-    return (name.is_string() ? name.get<std::string>() + " " : "") + better.value("pathGroup", "") +
-           " " + better.value("interface", "") + " -> " + better.value("destination", "") +
+    return (name.is_string()
+                ? name.get<std::string>()
+                : better.value("interface", "") + " -> " + better.value("destination", "")) +
            ", priority " + std::to_string(better.value("priority", 0U)) + ": " +
            better.value("reason", "");
 }

@@ -161,7 +161,7 @@ class ProductTest(Products):
         self.assertEqual([(row["interface"], row["state"], row["reason"])
                           for row in explained["paths"]],
                          [("wan1", "down", "interface wan1 is down")])
-        self.assertIn("internet wan1 -> 198.51.100.2, priority 1: interface wan1 is down",
+        self.assertIn("Path1, priority 1: interface wan1 is down",
                       self.navctl(run_dir, "explain", "application", "backup").stdout)
         self.assertEqual(self.navctl(run_dir, "explain", "site", "10.9.9.9").returncode, 1)
         rows = self.shown(run_dir, "show", "interfaces")
