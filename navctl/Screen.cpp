@@ -3,8 +3,10 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Navctl {
@@ -24,7 +26,8 @@ void send(std::string_view text) {
     }
 }
 
-// Ends or suspends the process as without a handler, with the terminal as it was.
+// Ends or suspends the process as without a handler, with the terminal as it was. An interrupt is
+// how operators end what repeats itself.
 void giveUp(int signal) {
     send(leave);
     if (signal == SIGINT) _exit(0);
@@ -62,8 +65,8 @@ Screen::Screen(std::ostream& out) : out_(out) {
 }
 
 Screen::~Screen() {
-    for (const auto& [signal, handler] : handlers) std::signal(signal, SIG_DFL);
     send(leave);
+    for (const auto& [signal, handler] : handlers) std::signal(signal, SIG_DFL);
 }
 
 void Screen::draw(const std::string& title, const std::string& text) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <cctype>
 #include <ctime>
+#include <string_view>
 #include <utility>
 
 #include "navctl/Changes.h"

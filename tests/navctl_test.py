@@ -27,7 +27,7 @@ class Terminal:
             self.descriptor = 0
             self.resize(rows, columns)
             os.execvp(tied[0], [*tied, *command])
-        self.text = ""
+        self.written = b""
         os.set_blocking(self.descriptor, False)
 
     def resize(self, rows, columns):
@@ -37,10 +37,14 @@ class Terminal:
         """Those of all frames so far."""
         try:
             while chunk := os.read(self.descriptor, 65536):
-                self.text += chunk.decode()
+                self.written += chunk
         except OSError:
             pass  # nothing more now, or the program has ended
         return re.split(r"\x1b\[K(?:\r\n)?", self.text)
+
+    @property
+    def text(self):
+        return self.written.decode(errors="replace")
 
     def status(self):
         await_("it ends", lambda: self.lines() and os.waitid(
