@@ -53,9 +53,9 @@ void addRows(TextTable& table, const NavLbProfileCounterEntry& before,
 }
 
 TextTable compare(const Reading& before, const Reading& now) {
-    TextTable table{
-        {"id", "site", "app", "vrf", "path", "packets", "bytes", "packets/s", "bits/s", "flows"},
-        {}};
+    TextTable table{{"id", "site", "app (id)", "vrf (id)", "path", "packets", "bytes", "packets/s",
+                     "bits/s", "flows"},
+                    {}};
     const double seconds = std::chrono::duration<double>(now.time - before.time).count();
     for (const auto& [lbId, entry] : now.entries) {
         const auto was = before.entries.find(lbId);
