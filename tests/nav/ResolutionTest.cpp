@@ -99,6 +99,18 @@ TEST_F(Resolution, EachChangedAddressIsReviewedOnce) {
     EXPECT_EQ(traced("No paths for dstAddr 198.51.100.8"), 1);
 }
 
+TEST_F(Resolution, AReactorFollowsTheStatusThatItsVrfHasNow) {
+    root = nullptr;
+    On replaced(*in.nexthopStatus, Routing::NexthopStatus::vrfAttr,
+                [&] { in.nexthopStatus->vrfIs("default"); });
+    in.nexthopConfig->vrfIs("default").nexthopIs(ip("198.51.100.7"));  // of an earlier process
+    start();
+    EXPECT_FALSE(in.nexthopConfig->vrf("default")->nexthopHas(ip("198.51.100.7")));
+    in.nexthopStatus->vrfDel("default");
+    result(path1, 1), fec(1, {viaOver("Et1")}), settle();
+    EXPECT_EQ(show(path1), "resolved Et1");
+}
+
 TEST_F(Resolution, ServicesMaySpeakOfPathsThatAreNotConfigured) {
     const PathKey other = key("203.0.113.3", "198.51.100.9");
     pathStatusDir().pathStatus("default")->pathStatusEntryIs(other);

@@ -58,6 +58,24 @@ TEST_F(Attack, AReaderNamesWhatDoesNotFit) {
     EXPECT_THROW((void)space_.fileOf("../map"), Vel::Error);
 }
 
+TEST_F(Attack, AReaderTrustsNothingThatOthersMayHaveMade) {
+    const auto first = writer();
+    first->valueIs(1, Kind::value(1, 1));
+    first->mountComplete();
+    // A damaged word with the tag of the key, before the key's own: any slot of the probe has it.
+    uint64_t index[256], home = 0;
+    ASSERT_EQ(pread(vandal_.open(0).get(), index, sizeof index, sizeof(Header)), sizeof index);
+    while (index[home] == 0) ++home;
+    vandal_.put(sizeof(Header) + (home + 1) * 8, index[home]);
+    vandal_.put(sizeof(Header) + home * 8, index[home] | (maxUnits - 1));
+    EXPECT_EQ(readsFirst(0ms), 0) << "a damaged word costs another key";
+    Kind::Reader reader(space_, "map");
+    chmod(space_.fileOf("map").c_str(), 0622);
+    EXPECT_EQ(reader.update(), MapState::refused);
+    vandal_.squat(0);
+    EXPECT_EQ(reader.update(), MapState::refused) << "a FIFO";
+}
+
 TEST_F(Attack, AWriterKeepsItsMapWhateverChildrenAndSignalsDo) {
     auto first = writer();
     EXPECT_EQ(inChild([&] { return first.reset(), 0; }), 0);
