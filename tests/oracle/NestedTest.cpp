@@ -121,16 +121,19 @@ class Nested : public testing::Test {
         answering.reset();
         for (const Event& outer : outers)
             for (const Event& inner : inners)
-                pair(base, services, outer, inner, outers.size() < 10);
+                pair(base, services, outer, inner, outers.size() * inners.size());
         std::cout << runs_ << " runs, " << failures_ << " failed" << std::endl;
         EXPECT_EQ(failures_, 0u);
     }
 
   private:
-    // One in `share` of the positions, others for each pair; the first too where pairs are few.
-    void pair(const World& base, bool services, const Event& outer, const Event& inner, bool few) {
+    // One in `share` of the positions, others for each pair; the first too where pairs are few, all
+    // of a single pair.
+    void pair(const World& base, bool services, const Event& outer, const Event& inner,
+              size_t pairs) {
         static const size_t given = setting("NAV_NESTED_SHARE", 60);
-        const size_t share = few ? std::min<size_t>(given, 199) : given;
+        const bool few = pairs <= 16;
+        const size_t share = pairs == 1 ? 1 : few ? std::min<size_t>(given, 199) : given;
         Pair pair(base, services, outer, inner);
         for (const bool before : {true, false}) {
             const size_t first = 1 + ++pairs_ * 7 % share;
@@ -160,6 +163,9 @@ TEST_F(Nested, WithoutResolver) {
 }
 TEST_F(Nested, FromSwitchedOff) {
     matrix(true, {set("/cliConfig/navConfigured", {false})});
+}
+TEST_F(Nested, TheResolutionOfAVrfEndsWhileAPathIsRemoved) {
+    matrix(true, {}, {del(g1 + siteA + dst1)}, {del("/nexthopStatus/vrf[default]")});
 }
 // With every index in use, paths are added within the removal of others and the other way round.
 TEST_F(Nested, WithAllIndicesInUse) {
