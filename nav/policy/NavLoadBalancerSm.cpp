@@ -75,7 +75,8 @@ class NavLoadBalancerSm::VelVrfConfig : public Vel::Object {
         forget();
         wanted_ = config_.policyName();
         owner_.wantedBy_[wanted_].insert(config_.vrfName());
-        owner_.handleNavVrfPolicyMapping(config_.vrfName(), wanted_);
+        // A copy: a subscriber called on the way may bind the VRF to another policy.
+        owner_.handleNavVrfPolicyMapping(config_.vrfName(), Vel::String(wanted_));
     }
     void handleNavVrfPolicyConfigDel() {
         DUOLOG_ENTRY(policyTrace);

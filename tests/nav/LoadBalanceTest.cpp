@@ -77,7 +77,8 @@ TEST_F(LoadBalance, ReleasedIdsQueueBehindAllThatAreFree) {
     EXPECT_EQ(next(4), "4");
     noRule("red", 1, 1, "gold");
     EXPECT_EQ((Ids{next(5), next(6), next(7)}), (Ids{"5", "2", "1"})) << "in order of release";
-    EXPECT_EQ(next(8), "freeLbIds()");
+    in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(s1)}), path("wan", s1, 1);
+    EXPECT_EQ(next(8), "freeLbIds()") << "a site that came back keeps its ids";
 }
 
 TEST_F(LoadBalance, GenerationCountsOncePerBatchAndOncePerPath) {

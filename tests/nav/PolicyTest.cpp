@@ -105,10 +105,14 @@ TEST_F(PolicyTest, ChangesInsideNotificationsAreFollowed) {
     bindTo("red", "q");
     EXPECT_TRUE(*applied.policyForTarget("red") == "p" && navDb().vrfApp({1, 2}))
         << "bound to another while it was bound";
+    EXPECT_EQ(in.navStatusDir->navRuleStatus("red")->navRuleEntry().size(), 1u);
 }
 
 TEST_F(PolicyTest, ApplicationsOfASharedIdGoToTheOtherVrf) {
+    auto& applied = in.navFeaturePolicyDir->appliedPolicyIs(Classification::vrfTarget);
+    applied.policyForTargetIs("green", "p");  // by an earlier process
     start();
+    EXPECT_FALSE(applied.policyForTarget("green"));
     rule("p", 10, 1, "voice"), done("p");
     bindTo("red", "p"), bindTo("blue", "p");
     vrfId("red", 5), vrfId("blue", 5);
