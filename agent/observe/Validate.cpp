@@ -91,10 +91,12 @@ class Facts {
             facts_.insert("IPsec connection " + textOf(request.key()) +
                           " is requested with profile \"" + request.profile() + "\" on interface " +
                           request.intfId().stringValue());
-        for (const auto& policy : in_.navFeaturePolicyDir->featurePolicy())
+        for (const auto& policy : in_.navFeaturePolicyDir->featurePolicy()) {
+            facts_.insert("policy " + policy.name() + " is classified");
             for (const auto& [priority, application] : policy.appProfilePriority())
                 facts_.insert("policy " + policy.name() + " has application " + application +
                               " at " + std::to_string(priority));
+        }
         for (const auto& applied : in_.navFeaturePolicyDir->appliedPolicy())
             for (const auto& [vrf, policy] : applied.policyForTarget())
                 facts_.insert("policy " + textOf(policy) + " is applied to VRF " + textOf(vrf));

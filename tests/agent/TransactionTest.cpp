@@ -164,6 +164,39 @@ TEST_P(TransactionTest, PublishedStateDependsOnTheConfigurationAlone) {
     EXPECT_GT(mostIds, 900u) << "far from the limit";
 }
 
+// Two VRFs exchange their policies while all ids are in use; then one policy loses all its rules.
+TEST(LoadTest, IdsAreReleasedBeforeTheyAreNeeded) {
+    InProcess agent;
+    agent.startAgent(std::make_unique<Agent::Sim::SimPlatform>(Agent::Sim::readHistory(world())));
+    const auto rules = [](size_t from, size_t to) {
+        Json made = Json::object();
+        for (size_t app = from; app < to; ++app)
+            made[std::to_string(app)] = {{"appProfileId", app}, {"lbGrpName", "p"}};
+        return Json{{"appProfilePolicyRuleList", made}};
+    };
+    Json config = {{"navConfigured", true},
+                   {"pathGroupConfig", {{"g", {{"localIntf", {"wan0"}}}}}},
+                   {"loadBalanceProfile", {{"p", {{"pathGroupPriority", {{"g", 1}}}}}}},
+                   {"policyConfig", {{"a", rules(0, 1)}, {"big", rules(0, 30)}}}};
+    for (size_t site = 1; site <= 33; ++site)
+        config["pathGroupConfig"]["g"]["remoteViaConfig"][numbered("10.255.0.", site)] = {
+            {"remoteVia", {numbered("198.51.100.", site)}}};
+    const auto load = [&](const char* ofDefault, const char* ofRed) {
+        config["vrfConfig"] = {{"default", {{"policyName", ofDefault}}},
+                               {"red", {{"policyName", ofRed}}}};
+        agent.ask({{"op", "load"}, {"value", config}});
+        agent.pass(std::chrono::seconds(1));
+        EXPECT_EQ(agent.ask({{"op", "validate"}}), Json::array()) << ofDefault << ofRed;
+        return agent.host->tree()
+            .get("/navStatusDir/navLbProfileStatus/lbProfileStatusEntry")
+            .size();
+    };
+    EXPECT_EQ(load("a", "big"), 1023u);
+    EXPECT_EQ(load("big", "a"), 1023u);
+    config["policyConfig"]["a"] = Json::object();
+    EXPECT_EQ(load("big", "a"), 990u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Seeds, TransactionTest, testing::Values(1, 2, 3));
 
 }  // namespace

@@ -81,6 +81,16 @@ TEST_F(LoadBalance, ReleasedIdsQueueBehindAllThatAreFree) {
     EXPECT_EQ(next(8), "freeLbIds()") << "a site that came back keeps its ids";
 }
 
+TEST_F(LoadBalance, AKeyThatNoRuleWantsGivesUpItsId) {
+    list("gold", "wan", 1), list("silver", "lte", 1);
+    path("wan", s1, 1), path("lte", s1, 2);
+    start(1);
+    rule("red", 1, 1, "gold");
+    cli.loadBalanceProfile("gold")->pathGroupPriorityDel("wan");
+    rule("red", 2, 2, "silver");
+    EXPECT_TRUE(!entry(1) && entry(2));
+}
+
 TEST_F(LoadBalance, GenerationCountsOncePerBatchAndOncePerPath) {
     start();
     list("gold", "wan", 1), list("gold", "lte", 2), list("silver", "wan", 3);
