@@ -77,7 +77,8 @@ struct ForwardingControlTest : ControlTest {
 };
 
 TEST_F(ForwardingControlTest, AKeyIsShownToTheFileOfItsOwnerOnly) {
-    std::string shown = ask(R"({"op":"watch","path":"/forwardingConfig"})");
+    std::string shown = ask(R"({"op":"watch","path":"/forwardingConfig"})") +
+                        ask(R"({"op":"watch","path":"/forwardingConfig/probe"})");
     shown += ask(R"({"op":"load","forwarding":{"probe":{"key":"s3cret","group":{"g":{}}}}})");
     const std::string key = "/forwardingConfig/probe/group[g]/key";
     EXPECT_EQ(ask({{"op", "get"}, {"path", key}}), "null");
@@ -93,6 +94,9 @@ TEST_F(ForwardingControlTest, AKeyIsShownToTheFileOfItsOwnerOnly) {
     EXPECT_EQ(shown.find("s3cret"), shown.npos);
     EXPECT_EQ(shown.find("oth3r"), shown.npos);
     EXPECT_NE(events.find(R"-(group[g]/key","value":"(hidden)")-"), events.npos) << events;
+    std::istringstream lines(events);
+    for (std::string line, last; std::getline(lines, line); last = line)
+        EXPECT_NE(line, last) << "sent for both watches";
     EXPECT_NE(ask({{"op", "load"}, {"forwarding", Agent::parseJson(whole)}}), "null");
     const Json saved = Agent::parseJson(ask(R"({"op":"save"})")).at("forwarding");
     ask(R"({"op":"load","forwarding":{}})"), ask({{"op", "load"}, {"forwarding", saved}});

@@ -146,10 +146,14 @@ TEST_F(Kernel, KeptAnswersFollowRandomRoutesAndRules) {
     ASSERT_TRUE(ip("addr add 2001:db8:c::1/64 dev wc nodad\n"));
     RequestSocket requests;
     FibLookup fresh(requests);
+    // At first, when the answers have settled, a burst that concerns two tables, and in one of them
+    // only one of two destinations that had one route.
+    const std::string by = "route replace 10.1.0.0/16 via 203.0.113.";
+    ip("rule add priority 9 lookup 77 to 10.1.1.2\n" + by + "8\n");
     Monitored kernel;
     for (int round = 0; round < 300; ++round) {
-        std::string commands;
-        for (unsigned i = random() % 4; i < 4; ++i) {
+        std::string commands = round == 2 ? by + "9\n" + by + "8 table 77\n" : "";
+        for (unsigned i = round <= 2 ? 4 : random() % 4; i < 4; ++i) {
             const std::string table = pick({"main", "main", "77"});
             const auto route = [&](const std::string& prefix, const std::string& by) {
                 commands += "route " + pick({"replace", "del"}) + prefix + by + "table " + table;

@@ -188,6 +188,10 @@ TEST_F(ObjectsInKernel, ANexthopThatGoesIsDivertedToOneThatAllItsGroupsAreToHave
         EXPECT_EQ(changed.front(), all ? gone : firstGroup);
         EXPECT_EQ(changed.back(), gone);
     }
+    // What another process has removed before needs no removal.
+    ASSERT_TRUE(ip("nexthop flush proto " + std::to_string(ownProtocol) + "\n"));
+    writer.apply({}, keys);
+    EXPECT_TRUE(writer.present().empty() && writer.refused().empty()) << textOf(writer.present());
 }
 
 }  // namespace

@@ -146,6 +146,10 @@ TEST(Forwarder, Traffic) {
     EXPECT_NEAR(double(one.pathCounter[2].outPkts), 150, 1);
     EXPECT_EQ(one.pathCounter[2].outPkts, one.pathCounter[3].outPkts);
     EXPECT_EQ(one.outBytes, one.outPkts * 10);
+    EXPECT_EQ(one.pathCounter[2].throughput, 100 * 10 * 8 / 2) << "bits a second";
+    traffic.carriersAre(Agent::parseJson(R"({"10.255.0.2,1,0": [3], "10.255.0.3,1,0": []})"));
+    traffic.advance(0);
+    EXPECT_EQ(one.pathCounter[2].flows, 0U);
     EXPECT_EQ(traffic.entries().at(2).outPkts, 0U) << "no member carries it";
     traffic.statusIs(b);
     traffic.carriersAre(Agent::parseJson(R"({"10.255.0.3,1,0": [4]})"));

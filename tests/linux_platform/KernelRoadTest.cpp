@@ -135,6 +135,13 @@ TEST_F(KernelRoad, PathsFollowTheRoutesOfTwoLinksToTwoSites) {
     ASSERT_TRUE(become({up, up, up, up}));
     EXPECT_EQ(vias("198.51.100.2"), "192.0.2.254 wan2 200; 203.0.113.254 wan1 3; ");
     EXPECT_EQ(vias("198.51.100.3"), "192.0.2.254 wan2 1; 203.0.113.254 wan1 1; ");
+    // A new path to an address that another one requests is looked up, too.
+    auto& group = config().pathGroupConfigIs("internet");
+    group.localIntfDel(Netz::IntfId("wan2"));
+    ASSERT_TRUE(ip("route add 198.51.100.9 via 203.0.113.254\n"));
+    ASSERT_TRUE(await([&] { return vias("198.51.100.2") == "203.0.113.254 wan1 3; "; }));
+    group.localIntfIs(Netz::IntfId("wan2"));
+    ASSERT_TRUE(become({up, up, up, up}));
     // A path whose route is by another link keeps its last via, but is not usable.
     ASSERT_TRUE(ip("route del 198.51.100.2\nroute replace 198.51.100.0/24 via 192.0.2.254\n"));
     ASSERT_TRUE(become({arp, up, arp, up}));
