@@ -39,6 +39,7 @@ Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, Kerne
       plan_(inputs, config, routes_, choice_),
       config_(std::move(config)),
       commit_(Loom::call<&Forwarding::commit>(*this)),
+      replace_(*inputs.scheduler, Loom::call<&Forwarding::replaceGroups>(*this)),
       ruleset_(*inputs.scheduler, Loom::call<&Forwarding::handleRulesetTimer>(*this)),
       newPaths_(*inputs.scheduler, Loom::call<&Forwarding::commit>(*this)),
       adoption_(*inputs.scheduler, Loom::call<&Forwarding::endAdoption>(*this)),
@@ -228,14 +229,17 @@ void Forwarding::commit() {
         ruleset_.disarm();
         handleRulesetDue();
     }
-    if (!keys.empty()) apply(keys);
+    if (!keys.empty()) apply(std::move(keys));
     if (readRoutes_ || rulesetDue_) applyRulesetLater();
 }
 
+bool Forwarding::removes(const ObjectKey& key) const {
+    return kernel_.present(key) && !plan_.wanted().contains(key);
+}
+
 bool Forwarding::removesNexthop(const std::set<ObjectKey>& keys) const {
-    return std::ranges::any_of(keys, [&](const ObjectKey& key) {
-        return std::holds_alternative<Nexthop::Key>(key) && kernel_.present(key) &&
-               !plan_.wanted().contains(key);
+    return std::ranges::any_of(keys, [this](const ObjectKey& key) {
+        return std::holds_alternative<Nexthop::Key>(key) && removes(key);
     });
 }
 
@@ -253,7 +257,18 @@ void Forwarding::handleRulesetDue() {
     if (std::exchange(rulesetDue_, false)) applyRuleset();
 }
 
-void Forwarding::apply(const std::set<ObjectKey>& keys) {
+// One batch if something is removed, which may still be in a group, or is put back.
+void Forwarding::apply(std::set<ObjectKey> keys) {
+    keys.merge(toReplace_);
+    toReplace_.clear();
+    if (!tampered_ &&
+        std::ranges::none_of(keys, [this](const ObjectKey& key) { return removes(key); }))
+        for (auto key = keys.begin(); key != keys.end();) {
+            const auto next = std::next(key);
+            if (std::holds_alternative<NexthopGroup::Key>(*key) && kernel_.present(*key))
+                toReplace_.insert(keys.extract(key));
+            key = next;
+        }
     const auto scope = adopting_ ? ObjectWriter::Scope::additions : ObjectWriter::Scope::all;
     const size_t changes = kernel_.apply(plan_.wanted(), keys, scope);
     DUOLOG(linuxTrace, 6, "Forwarding: ", changes, " changes, ", kernel_.refused().size(),
@@ -262,7 +277,23 @@ void Forwarding::apply(const std::set<ObjectKey>& keys) {
     if (std::exchange(tampered_, false) && changes != 0)
         DUOLOG(linuxTrace, 4, "Somebody has changed the agent's objects in the kernel; ", changes,
                " changes put them back");
+    replaceGroups();
     if (changes != 0) onProgrammed_();
+}
+
+// In turn, so that none waits while others change again and again.
+void Forwarding::replaceGroups() {
+    const auto scope = adopting_ ? ObjectWriter::Scope::additions : ObjectWriter::Scope::all;
+    const Loom::Instant end = in_.scheduler->now() + replacingTime;
+    while (!toReplace_.empty()) {
+        auto next = toReplace_.upper_bound(replaced_);
+        if (next == toReplace_.end()) next = toReplace_.begin();
+        replaced_ = *next;
+        toReplace_.erase(next);
+        kernel_.apply(plan_.wanted(), {replaced_}, scope);
+        if (in_.scheduler->now() >= end) break;
+    }
+    if (!toReplace_.empty()) replace_.armIn(replacingPause);
 }
 
 void Forwarding::applyRuleset() {

@@ -34,6 +34,11 @@ class Forwarding {
     // Paths that come up together enter their groups together: a flow that finds a group with the
     // first of them alone stays there as long as it has packets.
     static constexpr Loom::Duration newPathsDelay = std::chrono::milliseconds(2);
+    // Groups are replaced for so long at a time, and at least one: the kernel takes milliseconds
+    // for each, since it waits for all processors, and other events must not wait for all groups.
+    // They are handled in the pause.
+    static constexpr Loom::Duration replacingTime = std::chrono::milliseconds(2);
+    static constexpr Loom::Duration replacingPause = std::chrono::microseconds(100);
     // Delay before refused changes are tried again.
     static constexpr Loom::Duration retryTime = std::chrono::seconds(5);
 
@@ -106,7 +111,9 @@ class Forwarding {
     MemberChoice::User choiceUser();
     void commitLater();
     void commit();
-    void apply(const std::set<ObjectKey>& keys);
+    void apply(std::set<ObjectKey> keys);
+    void replaceGroups();
+    bool removes(const ObjectKey& key) const;
     void readRoutes();
     uint16_t choosePort();
     bool removesNexthop(const std::set<ObjectKey>& keys) const;
@@ -137,8 +144,10 @@ class Forwarding {
     bool tampered_ = false;               // with the agent's objects, by somebody else
     std::set<Netz::IpGenAddr> sites_;     // whose set of paths has changed
     std::set<Nav::LbProfileKey> groups_;  // whose members may have changed
+    std::set<ObjectKey> toReplace_;       // groups
+    ObjectKey replaced_;                  // the last of them
     Loom::Task commit_;
-    Loom::Timer ruleset_, newPaths_, adoption_, retry_, repair_;
+    Loom::Timer replace_, ruleset_, newPaths_, adoption_, retry_, repair_;
     Vel::Subscription port_;
     Vel::EntryReactorsOf<VelSiteGroupStatusEntry,
                          decltype(Nav::SiteGroupStatus::siteGroupStatusEntryAttr)>
