@@ -74,6 +74,13 @@ class IpsecVmTest(LabCase):
         self.kill(1)
         self.await_settled()
         self.assert_nothing_lost(self.traffic.streams, first)
+        # Charon does not notice that the kernel has lost its policies; the agent's rules drop the packets.
+        self.lab.ip("router1", "xfrm policy flush")
+        await_("the path is dead", lambda: "is dead: IPsec does not protect" in self.lab.log(1), every=1)
+        self.assertIn("IPsec does not protect its packets", self.lab.navctl(1, "explain").stdout)
+        self.lab.swanctl(1, "--terminate", "--ike", "Path1", "--timeout", "5")
+        self.await_settled()
+        self.assertNotIn("cannot be sent", self.lab.log(1))
         self.lab.run("internet", "tc", "qdisc", "add", "dev", "site2", "root", "netem", "delay", "20ms",
                      "loss", "5%")
         for killed in (1,), (1, 2):

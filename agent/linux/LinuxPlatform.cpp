@@ -35,6 +35,7 @@ class LinuxPlatform::Services {
     void configured();
     std::vector<std::string> validate();
     IpsecService* ipsec() { return ipsec_ ? &*ipsec_ : nullptr; }
+    const PathProbing* probing() const { return probing_ ? &*probing_ : nullptr; }
     std::optional<Json> report() {
         if (!forwarding_) return {};
         Json report = reportOf(in_, *config_, *forwarding_);
@@ -219,6 +220,8 @@ PathDetail LinuxPlatform::detail(const Nav::PathStatusEntry& path, const L3::Vrf
         detail.ipsec = services_->ipsec()->errorOf({path.key().srcAddr, path.key().dstAddr, vrf});
     Forwarding* forwarding = services_ ? services_->forwarding() : nullptr;
     if (!forwarding) return detail;
+    if (services_->probing()->unprotected(path.pathInfo().pathIndex))
+        detail.refused = "IPsec does not protect its packets, which are dropped";
     const auto& refused = forwarding->kernel().refused();
     for (const ObjectKey& key : forwarding->plan().nexthopsOf(path.key()))
         if (const auto found = refused.find(key); found != refused.end())

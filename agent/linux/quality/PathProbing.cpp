@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <random>
 
@@ -171,6 +172,11 @@ void PathProbing::configured() {
     arm();
 }
 
+bool PathProbing::unprotected(uint32_t pathIndex) const {
+    const auto path = paths_.find(pathIndex);
+    return path != paths_.end() && path->second.session && path->second.unprotected;
+}
+
 Json PathProbing::report() const {
     Json rows = Json::array();
     for (const auto& [pathIndex, path] : paths_) {
@@ -277,10 +283,15 @@ void PathProbing::sendDue(Source& source, Instant now) {
                              .trafficClass = trafficClass(session.values().dscp),
                              .data = write(packet, buffers[sent.size()], session.key())});
         sent.push_back({.sequence = packet.sequence, .path = path});
+        path->second.unprotected = false;
     }
     const uint32_t first = source.socket.nextId();
     source.socket.send(datagrams, [&](size_t at, int error) {
         Path& path = sent[at].path->second;
+        // The agent's own rules drop what IPsec does not protect. Traffic would be dropped, too, so
+        // the probe counts as lost.
+        path.unprotected = path.secured && error == EPERM;
+        if (path.unprotected) return;
         path.session->sendFailed();
         report(path.place, "A probe from " + path.key.srcAddr.stringValue() + " to " +
                                path.key.dstAddr.stringValue() +
@@ -300,7 +311,8 @@ void PathProbing::publish(uint32_t pathIndex, Path& path) {
     path.session->figures(quality);
     if (quality.state == PathLiveness::dead && state != quality.state)
         DUOLOG(linuxTrace, 4, "Path", pathIndex, " ", path.key,
-               " is dead: its other end no longer answers probes");
+               path.unprotected ? " is dead: IPsec does not protect its packets"
+                                : " is dead: its other end no longer answers probes");
     if (state == PathLiveness::dead && state != quality.state)
         DUOLOG(linuxTrace, 5, "Path", pathIndex, " ", path.key, " is alive again");
     const Duration tenth = milliseconds(path.session->values().window) / 10;

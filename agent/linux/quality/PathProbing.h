@@ -43,6 +43,8 @@ class PathProbing {
     void pathDel(uint32_t pathIndex);
     // Called after a change of the configuration.
     void configured();
+    // Whether IPsec did not protect the latest probe of a secured path, so that it was dropped.
+    bool unprotected(uint32_t pathIndex) const;
 
     // What became of probes and answers so far: an object of
     //     paths      [{path, source, destination, and the fields of ProbeCounts}]
@@ -56,6 +58,7 @@ class PathProbing {
         Netz::IntfId interface;
         uint32_t ifIndex = 0;
         bool secured = false;
+        bool unprotected = false;             // its latest probe was
         Place place;                          // where it is probed
         Source* source = nullptr;             // null: not probed
         std::optional<ProbeSession> session;  // set exactly while source is
