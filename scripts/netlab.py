@@ -17,6 +17,7 @@ import contextlib
 import ctypes
 import json
 import os
+import pathlib
 import shutil
 import signal
 import socket
@@ -78,10 +79,11 @@ def host(site, guest=False, v6=False):
 
 class Lab:
     """`v6_outside`: the providers that have IPv6 only. `secured`: those over which paths are secured
-    by IPsec, with a charon for each router; `kernel_esp`: by the kernel rather than by charon. Raises
-    Unavailable."""
+    by IPsec, with a charon for each router; `kernel_esp`: by the kernel rather than by charon. `user`:
+    runs the agents, whose only capability is CAP_NET_ADMIN, and has a group of the same name; root
+    runs them if that user cannot reach the program. Raises Unavailable."""
 
-    def __init__(self, agent, navctl, v6_outside=(), secured=(), kernel_esp=False):
+    def __init__(self, agent, navctl, v6_outside=(), secured=(), kernel_esp=False, user=None):
         if secured and not os.path.exists(CHARON):
             raise Unavailable(f"{CHARON} not found (package strongswan-charon)")
         for tool, package in (("ip", "iproute2"), ("nft", "nftables"), ("nsenter", "util-linux")):
@@ -90,13 +92,17 @@ class Lab:
         self.programs = {"agent": agent, "navctl": navctl}
         self.v6_outside, self.secured = set(v6_outside), set(secured)
         self.kernel_esp = kernel_esp
+        places = pathlib.Path(os.path.abspath(agent)).parents
+        self.user = user if all(place.stat().st_mode & 0o001 for place in places) else None
         self.agents, self.charons = {}, {}
         self._processes = []
         with contextlib.ExitStack() as stack:
             self.netns = self._namespaces(stack)
             self.directory = stack.enter_context(tempfile.TemporaryDirectory(prefix="nav-lab-"))
+            os.chmod(self.directory, 0o711)
             for site in sites:
                 os.mkdir(self.run_dir(site))
+                self._give(self.run_dir(site))
             self._wire()
             stack.callback(self._kill_processes)
             self.stack = stack.pop_all()  # closed at the end
@@ -173,7 +179,8 @@ class Lab:
                         "net.ipv6.conf.default.accept_dad=0",
                         "net.ipv6.conf.all.keep_addr_on_down=1",
                         "net.ipv4.fib_multipath_hash_policy=1",
-                        "net.ipv6.fib_multipath_hash_policy=1"]
+                        "net.ipv6.fib_multipath_hash_policy=1",
+                        "net.ipv4.ip_unprivileged_port_start=862"]
             self.run(name, "sysctl", "-qw", *(settings if not name.startswith("host") else settings[2:3]))
             self.ip(name, "link set lo up")
         for site in sites:
@@ -267,6 +274,10 @@ class Lab:
 
     # The agents.
 
+    def _give(self, path):
+        if self.user:
+            shutil.chown(path, self.user, self.user)
+
     def run_dir(self, site):
         return f"{self.directory}/site{site}"
 
@@ -323,6 +334,7 @@ class Lab:
             with open(f"{self.run_dir(site)}/{name}.json", "w", encoding="utf-8",
                       opener=lambda path, flags: os.open(path, flags, 0o600)) as file:
                 json.dump(value, file)
+            self._give(file.name)
         if self.runs(site):
             self.agents[site].send_signal(signal.SIGHUP)
 
@@ -332,10 +344,13 @@ class Lab:
         if self.secured:
             options += ("--ipsec", f"{self.run_dir(site)}/ipsec.json",
                         "--charon", f"{self.run_dir(site)}/charon.vici")
+        under = ["setpriv", "--reuid", self.user, "--regid", self.user, "--clear-groups", "--no-new-privs",
+                 *(f"--{each}=-all,+net_admin" for each in ("inh-caps", "ambient-caps", "bounding-set"))]
         with open(f"{self.run_dir(site)}/log", "a", encoding="utf-8") as log:
             self.agents[site] = self.start(
                 # With the priority that its service has.
-                f"router{site}", "nice", "-n", "-10", self.programs["agent"], "--platform", "linux",
+                f"router{site}", "nice", "-n", "-10", *(under if self.user else ()),
+                self.programs["agent"], "--platform", "linux",
                 "--run-dir", self.run_dir(site), "--config", f"{self.run_dir(site)}/config.json",
                 "--forwarding", f"{self.run_dir(site)}/forwarding.json", *options,
                 stderr=log)
@@ -347,6 +362,7 @@ class Lab:
         os.mkdir(place)
         with open(f"{place}.conf", "w", encoding="utf-8") as file:
             file.write(CHARON_CONF.format(socket=f"{self.run_dir(site)}/charon.vici",
+                                          group=f"group = {self.user}" if self.user else "",
                                           plugin="" if self.kernel_esp else "kernel-libipsec",
                                           own="" if self.kernel_esp else OWN_ESP))
         with open(f"{place}.log", "a", encoding="utf-8") as log:
@@ -428,6 +444,7 @@ charon {{
     cookie_threshold = 0
     retransmit_timeout = 1
     retransmit_tries = 3
+    {group}
     plugins {{
         {own}
         vici {{ socket = unix://{socket} }}

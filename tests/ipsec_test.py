@@ -42,8 +42,9 @@ secrets { ike { secret = "The key of the laboratory" } }
 """
 
 
+
 class IpsecTest(LabCase):
-    network = {"secured": ["internet"]}
+    network = {"secured": ["internet"], "user": "daemon"}
 
     def setUp(self):
         super().setUp()
@@ -146,6 +147,10 @@ class IpsecTest(LabCase):
 
     def test_packets_are_encrypted_through_rekeying_and_the_end_of_agents(self):
         streams = self.start()
+        with open(f"/proc/{self.lab.agents[1].pid}/status", encoding="utf-8") as file:
+            status = dict(line.split(":\t") for line in file.read().splitlines() if ":\t" in line)
+        self.assertEqual((status["Name"], int(status["CapEff"], 16) == 1 << 12), 
+                         ("nav-agent", self.lab.user is not None))
         self.await_probed()
         firsts = self.firsts()
         before = {site: self.connections(site) for site in sites}

@@ -40,7 +40,7 @@ class VrfLab(Lab):
 
 class IpsecVmTest(LabCase):
     laboratory = VrfLab
-    network = {"secured": ["internet"], "kernel_esp": True}
+    network = {"secured": ["internet"], "kernel_esp": True, "user": "daemon"}
 
     def xfrm(self, site, what, pattern):
         return sorted(re.findall(pattern, self.lab.run(f"router{site}", "ip", "xfrm", what)))
