@@ -87,6 +87,7 @@ class FakeCharon {
     std::vector<std::string> initiated;  // names of connections
     std::map<std::string, Json> loaded;  // by name
     std::vector<Packet> sas;             // what list-sas gives
+    unsigned lists = 0;                  // how often it did
     bool silent = false;                 // gives no answers
 
   private:
@@ -112,7 +113,7 @@ class FakeCharon {
             loaded[packet.message.begin().key()] = packet.message.begin().value();
         if (packet.name == "unload-conn") loaded.erase(packet.message["name"]);
         if (packet.name == "initiate") initiated.push_back(packet.message["ike"]);
-        if (packet.name == "list-sas")
+        if (packet.name == "list-sas" && ++lists != 0)
             for (const Packet& sa : sas) send(client, sa);
         send(client, {Type::response, {}, message});
     }
@@ -201,6 +202,16 @@ TEST_F(IpsecServiceTest, AConnectionIsInitiatedOnceAndFollowsCharonsList) {
     const Vel::U32 encapId = status->encapId();
     EXPECT_EQ(std::to_string(encapId),
               charon.loaded["Path7"]["children"].begin().value()["reqid"].get<std::string>());
+    // Neither IKE_SA has the CHILD_SA while it moves from one to the other.
+    associate("ESTABLISHED", false);
+    EXPECT_TRUE(await([&, before = charon.lists] { return charon.lists != before; }));
+    associate("ESTABLISHED", true);
+    bool stays = true;
+    EXPECT_TRUE(await([&, before = charon.lists] {
+        stays = stays && is(established);
+        return charon.lists > before + 1;
+    }));
+    EXPECT_TRUE(stays);
     associate("ESTABLISHED", true, true);
     EXPECT_TRUE(await([&] { return is(failed) && says("does not answer"); }));
     EXPECT_EQ(status->encapId(), Ipsec::Path::noEncapId);

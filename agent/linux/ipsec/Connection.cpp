@@ -125,6 +125,7 @@ std::vector<uint32_t> Connection::observe(std::vector<IkeSa> sas, Loom::Instant 
     // Both sides keep the same one of several. A second one is terminated by its initiator.
     std::ranges::sort(carriers, {}, &IkeSa::spi);
     if (carriers.size() < 2) single_ = now;
+    const bool doubted = std::exchange(doubtful_, false);
     if (now - single_ >= pairTime)
         for (size_t i = 1; i < carriers.size(); ++i)
             if (carriers[i]->initiator) superfluous.push_back(carriers[i]->id);
@@ -134,6 +135,8 @@ std::vector<uint32_t> Connection::observe(std::vector<IkeSa> sas, Loom::Instant 
         become(ConnectionState::established, now);
     } else if (established()) {
         if (asked < changed_) return superfluous;
+        doubtful_ = !doubted;
+        if (doubtful_) return superfluous;
         failures_ = 0;
         fail(now);
     } else if (connecting) {

@@ -49,6 +49,10 @@ class Connection {
     // A complete list of the path's IKE_SAs, which was asked for at `asked`. Returns the ids of
     // those to be terminated: made by other settings, whose peer does not answer, or second ones.
     std::vector<uint32_t> observe(std::vector<IkeSa> sas, Loom::Instant asked, Loom::Instant now);
+    // The latest list lacks what carries the packets of an established connection; the next one
+    // decides. When an IKE_SA is rekeyed its CHILD_SAs move to another one, and a list that charon
+    // gives meanwhile may have neither with them.
+    bool doubtful() const { return doubtful_; }
     // A CHILD_SA has come up.
     void observeUp(const IkeSa& sa, Loom::Instant now);
     // What charon's log says about the reason of a failure, which is then still to come. The first
@@ -89,6 +93,7 @@ class Connection {
     Loom::Duration dpdTimeout_{};
     bool loaded_ = false;    // charon has the settings
     bool observed_ = false;  // a list has been asked for since they are wanted
+    bool doubtful_ = false;
     ConnectionState state_ = ConnectionState::down;
     std::chrono::system_clock::time_point since_ = std::chrono::system_clock::now();
     Loom::Instant changed_{};  // when state_ became this, as since_

@@ -193,6 +193,7 @@ void IpsecService::handleList(Loom::Instant asked) {
         for (const uint32_t id : connection.observe(std::move(by[&connection]), asked, now))
             terminate("ike-id", std::to_string(id));
         publish(connection);
+        if (connection.doubtful()) list_.armIn({});
     }
     initiate_.armIn({});
 }
