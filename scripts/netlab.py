@@ -232,6 +232,13 @@ class Lab:
                 # Without a priority it would come before the agent's rules.
                 f"rule add from {address} lookup {table} priority 32765")
 
+    def translate(self, provider, site, address):
+        """Has a provider translate a router's address to another one."""
+        self.ip(provider, f"addr add {address}/32 dev lo")
+        self.nft(provider, "add table ip nat\n"
+                           "add chain ip nat source { type nat hook postrouting priority srcnat; }\n"
+                           f"add rule ip nat source ip saddr {outside(provider, site)} snat to {address}")
+
     def links(self, provider, state, among=sites):
         """Sets a provider's links to sites "up" or "down", all at once."""
         self.ip(provider, "".join(f"link set site{site} {state}\n" for site in among))

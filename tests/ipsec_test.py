@@ -236,6 +236,20 @@ class IpsecTest(LabCase):
             await_(f"all paths of site {site} are up", lambda s=site: self.lab.paths_up(s) == 4)
         self.await_all_arrive(streams)
 
+    def test_a_nat_is_named(self):
+        """Which packets that charon encrypts itself cannot pass."""
+        address = "203.0.113.9"
+        self.lab.translate("internet", 1, address)
+        configuration = self.lab.configuration(2)
+        configuration["pathGroupConfig"]["internet"]["remoteViaConfig"][router(1)] = {"remoteVia": [address]}
+        for site, path in (1, self.lab.configuration(1)), (2, configuration):
+            self.lab.configure(site, path, ipsec=self.lab.ipsec(localId=f"router{site}", remoteId="%any"))
+            self.lab.start_charon(site)
+            self.lab.start_agent(site)
+            await_("the agent answers", lambda s=site: self.lab.paths_up(s) >= 0)
+        self.await_failure(1, 2, "refuses the traffic selectors; this side is behind a NAT")
+        await_("the other end knows it", lambda: "the peer is behind a NAT" in (
+            self.connections(2)[address]["lastError"] or ""))
 
     def busy(self, seconds):
         """How often the event thread of site 1 has been busy for longer."""

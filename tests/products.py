@@ -15,7 +15,7 @@ import jsonschema
 
 build, source = (os.path.abspath(argument) for argument in sys.argv[1:3])
 sys.path.insert(0, f"{source}/scripts")
-from netlab import Lab, Unavailable, await_, sites  # noqa: E402, F401
+from netlab import Lab, Unavailable, await_  # noqa: E402, F401
 from traffic import Traffic  # noqa: E402
 # In front of a command: ends it with the test, however that ends.
 tied = ["setpriv", "--pdeathsig", "KILL"]
@@ -138,7 +138,7 @@ class LabCase(unittest.TestCase):
 
     def show_logs(self):
         if any(case is self for case, _ in self._outcome.result.errors + self._outcome.result.failures):
-            print(*(f"--- agent of site {site}\n{self.lab.log(site)}" for site in sites))
+            print(*(f"--- agent of site {site}\n{self.lab.log(site)}" for site in self.lab.agents))
 
     def shown(self, site, *what):
         return document(self.lab.navctl(site, "--json", *what).stdout, *what)

@@ -69,6 +69,7 @@ void Connection::fail(const std::string& reason, Loom::Instant now) {
 void Connection::fail(Loom::Instant now) {
     std::string reason = std::exchange(hint_, {});
     if (reason.empty()) reason = "charon has given up";
+    reason += natText(reason);
     if (reason != error_)
         DUOLOG(ipsecTrace, 4, "IPsec from ", key_.srcAddr, " to ", key_.dstAddr, ": ", reason);
     error_ = std::move(reason);
@@ -76,6 +77,16 @@ void Connection::fail(Loom::Instant now) {
     const Loom::Duration delay =
         std::min<Loom::Duration>(lastRetry, firstRetry * (1 << std::min(failures_++, 6U)));
     due_ = now + headStart() + delay * std::uniform_int_distribution(75, 125)(random_) / 100;
+}
+
+// Charon cannot carry packets through a NAT that it encrypts itself: the selectors of the two sides
+// differ then. The kernel can.
+std::string Connection::natText(const std::string& reason) const {
+    if (natHere_ || std::ranges::any_of(sas_, &IkeSa::natHere))
+        return "; this side is behind a NAT";
+    const bool natThere = std::ranges::any_of(sas_, &IkeSa::natThere);
+    return natThere && reason.ends_with("the traffic selectors") ? "; the peer is behind a NAT"
+                                                                 : "";
 }
 
 bool Connection::isStale(const IkeSa& sa) const {
@@ -97,7 +108,7 @@ bool Connection::isSilent(const IkeSa& sa, Loom::Instant now) {
     }
     const Loom::Instant since = waits_.try_emplace(sa.id, now).first->second;
     if (now - since < (sa.connecting() ? connectTime : dpdTimeout_)) return false;
-    hint_ = sa.answered ? "the peer no longer answers" : "the peer does not answer";
+    hint(sa.answered ? "the peer no longer answers" : "the peer does not answer");
     return true;
 }
 
@@ -120,7 +131,8 @@ std::vector<uint32_t> Connection::observe(std::vector<IkeSa> sas, Loom::Instant 
             continue;
         }
         if (isCarriedBy(sa)) carriers.push_back(&sa);
-        connecting |= sa.connecting() || sa.waits;
+        connecting |=
+            sa.connecting() ? sa.initiator || now - waits_[sa.id] < passiveConnectTime : sa.waits;
     }
     // Both sides keep the same one of several. A second one is terminated by its initiator.
     std::ranges::sort(carriers, {}, &IkeSa::spi);
@@ -162,6 +174,7 @@ Loom::Instant Connection::due() const {
 void Connection::initiated(Loom::Instant now) {
     initiated_ = now;
     hint_.clear();
+    natHere_ = false;
     become(ConnectionState::connecting, now);
 }
 

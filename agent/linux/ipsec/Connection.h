@@ -22,6 +22,9 @@ class Connection {
   public:
     // How long an IKE_SA may take to come up.
     static constexpr Loom::Duration connectTime = std::chrono::seconds(10);
+    // How long this side waits for one that the peer has begun before it initiates one itself: the
+    // peer may be unable to go on, because a NAT is on the way.
+    static constexpr Loom::Duration passiveConnectTime = std::chrono::seconds(3);
     // After which charon has acted upon an initiation.
     static constexpr Loom::Duration graceTime = std::chrono::seconds(1);
     // Between attempts; the delay doubles from the first to the last, and varies by a quarter.
@@ -61,6 +64,8 @@ class Connection {
     void hint(const std::string& reason) {
         if (hint_.empty()) hint_ = reason;
     }
+    // The present attempt has found that this side is behind a NAT.
+    void natFound() { natHere_ = true; }
 
     // When to initiate it; Instant::max() while that is not required.
     Loom::Instant due() const;
@@ -83,6 +88,7 @@ class Connection {
     void become(ConnectionState state, Loom::Instant now);
     void fail(const std::string& reason, Loom::Instant now);
     void fail(Loom::Instant now);
+    std::string natText(const std::string& reason) const;
     bool isStale(const IkeSa& sa) const;
     bool isCarriedBy(const IkeSa& sa) const;
     bool isSilent(const IkeSa& sa, Loom::Instant now);
@@ -101,6 +107,7 @@ class Connection {
     Loom::Instant initiated_{}, due_{};
     unsigned failures_ = 0;  // since it was established last
     std::string error_, hint_;
+    bool natHere_ = false;
     Loom::Instant single_;  // when there was last at most one IKE_SA that carries packets
     std::map<uint32_t, Loom::Instant>
         waits_;  // since when an IKE_SA has waited for its peer, by id

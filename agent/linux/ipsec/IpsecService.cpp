@@ -260,12 +260,15 @@ void IpsecService::handleEvent(const std::string& name, const Json& message) {
 }
 
 void IpsecService::handleLog(const Json& message) {
-    const std::string reason = reasonIn(Vici::text(message, "msg"));
-    if (reason.empty()) return;
+    const std::string line = Vici::text(message, "msg"), reason = reasonIn(line);
+    const bool natHere = saysNatHere(line);
+    if (reason.empty() && !natHere) return;
     const auto named = names_.find(Vici::text(message, "ikesa-name"));
     if (named == names_.end()) return;
-    if (const auto at = connections_.find(named->second); at != connections_.end())
-        at->second.hint(reason);
+    const auto at = connections_.find(named->second);
+    if (at == connections_.end()) return;
+    if (natHere) at->second.natFound();
+    if (!reason.empty()) at->second.hint(reason);
 }
 
 void IpsecService::publish(const Connection& connection) {

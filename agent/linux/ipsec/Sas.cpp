@@ -62,6 +62,8 @@ std::vector<IkeSa> sasOf(const Json& message) {
         sa.remoteId = text(section, "remote-id");
         sa.spi = text(section, "initiator-spi");
         sa.initiator = text(section, "initiator") == "yes";
+        sa.natHere = text(section, "nat-local") == "yes";
+        sa.natThere = text(section, "nat-remote") == "yes";
         sa.answered = text(section, "responder-spi").find_first_not_of('0') != std::string::npos;
         const auto tasks = section.find("tasks-active");
         sa.waits = tasks != section.end() && tasks->is_array() && !tasks->empty();
@@ -106,6 +108,10 @@ std::string reasonIn(std::string_view log) {
     for (const auto& [phrase, reason] : reasons)
         if (log.find(phrase) != log.npos) return reason;
     return {};
+}
+
+bool saysNatHere(std::string_view log) {
+    return log.find("local host is behind NAT") != log.npos;
 }
 
 }  // namespace Agent::Linux

@@ -36,6 +36,8 @@ struct IkeSa {
     bool initiator = false;
     bool answered = false;  // the peer has answered
     bool waits = false;     // for an answer of the peer
+    bool natHere = false;   // this side is behind a NAT
+    bool natThere = false;  // the peer is, or encapsulates ESP in UDP without one
     std::vector<ChildSa> children;
 
     bool connecting() const { return state == "CREATED" || state == "CONNECTING"; }
@@ -50,5 +52,7 @@ std::vector<IkeSa> sasOf(const Json& message);
 // What a line of charon's log says about the failure of a connection, in words of the operator;
 // empty if it says nothing about that.
 std::string reasonIn(std::string_view log);
+// Whether it says that this side is behind a NAT.
+bool saysNatHere(std::string_view log);
 
 }  // namespace Agent::Linux
