@@ -164,7 +164,7 @@ TEST_F(LoadBalance, RulesOfOneApplicationCountAsOne) {
     in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(s1)});
     EXPECT_EQ(entry(7)->latency(), 20U) << "the first rule has no group of the site any more";
     path("wan", s1, 1), path("wan", s1, 2);
-    EXPECT_EQ(entry(7)->latency(), NavConstants::defaultLatency);
+    EXPECT_EQ(entry(7)->latency(), 0xFFFFFFFF);
     noRule("red", 20, 7, "silver");
     EXPECT_TRUE(db.lbNameToLbKeySet("silver")->lbKey().empty());
     noRule("red", 10, 7, "gold");

@@ -141,7 +141,7 @@ TEST_F(PolicyTest, AVersionTouchesOnlyTheRulesThatChanged) {
         done("p");
         return std::exchange(told.entries, {});
     };
-    const Entries byDefault{{NavConstants::defaultRuleKey, 0, "silver"}};
+    const Entries byDefault{{0xFFFFFFFE, 0, "silver"}};
     policy("p").defaultLbGrpNameIs("silver");
     EXPECT_EQ(changed(), byDefault);
     rule("p", 20, 2, "app", "silver");
