@@ -30,7 +30,7 @@ libc = ctypes.CDLL(None, use_errno=True)
 # As the agent's sockets: stamps of what is received, and of what is queued at the interface.
 RECEIVED, QUEUED = 1 << 3 | 1 << 4, 1 << 7 | 1 << 8 | 1 << 11
 SO_TIMESTAMPING, SO_BINDTODEVICE, MSG_ERRQUEUE, PMTUDISC_PROBE, IP_MTU_DISCOVER = 37, 25, 0x2000, 3, 10
-burst = 16
+burst = 64
 
 
 def far(uplink):

@@ -22,8 +22,8 @@ using std::chrono::nanoseconds;
 using namespace std::chrono_literals;
 
 // The paths of a source are probed at up to 8 moments of their interval, at the first ones as long
-// as there are not more than 16 paths each, whose packets are as long as one full-size packet.
-constexpr size_t slots = 8, burst = 16;
+// as there are not more than 64 paths each, whose packets are as long as four full-size packets.
+constexpr size_t slots = 8, burst = 64;
 
 // One round of reading takes all that the socket's buffer holds; a flood must not keep the thread.
 constexpr int maxReads = 32;
