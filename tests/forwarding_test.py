@@ -428,6 +428,7 @@ class ForwardingTest(LabCase):
                 self.become(site, goal)
             for site in goals:
                 self.await_objects(site, fresh[site], f"seed {seed}, {goals}: {steps}")
+                self.assertEqual(self.lab.navctl(site, "validate").stdout, "PASS\n", f"seed {seed}")
             print(f"seed {seed}: {', '.join(steps)}", flush=True)
 
 
@@ -460,6 +461,7 @@ class ForwardingTest(LabCase):
                     self.lab.ip(f"router{site}", "route flush proto bgp")
             self.await_receiver(new, new_at)
             self.await_receiver(within, within_at)
+            self.assertEqual(self.lab.navctl(1, "validate").stdout, "PASS\n")
         self.assertNotIn("refuses", self.lab.log(1) + self.lab.log(2))
 
     def refused(self, site):

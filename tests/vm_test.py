@@ -138,6 +138,7 @@ class VmTest(Products):
         for host, to, far in (("red1", 2, "red2"), ("blue1", 2, "blue2"), ("red2", 1, "red1"),
                               ("blue2", 1, "blue1")):
             await_(f"{far} answers {host}", lambda: answer(host, f"10.{to}.0.2") == far)
+        self.assertEqual(self.navctl(directories[0], "validate").stdout, "PASS\n")
         # A segment that goes takes its VRF's traffic with it, and no other's.
         self.navctl(directories[0], "del", "/forwardingConfig/site[10.255.0.2]/vrf[red]")
         await_("red is cut", lambda: answer("red1", "10.2.0.2") == "")

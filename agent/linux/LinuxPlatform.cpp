@@ -19,6 +19,12 @@ namespace Agent::Linux {
 
 namespace {
 
+std::vector<RouteQuery> routesOf(const std::vector<PathQuery>& queries) {
+    std::vector<RouteQuery> routes;
+    for (const PathQuery& query : queries) routes.push_back(query.route);
+    return routes;
+}
+
 // The delay after a failed lookup; no event may come that would repeat it.
 constexpr Loom::Duration retryDelay = std::chrono::seconds(1);
 
@@ -47,7 +53,7 @@ class LinuxPlatform::Services {
     void startCounting(EventLoop& loop, const std::string& runDir);
     void handleInterfaces();
     void handleForwarding();
-    NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested, bool afresh = false);
+    NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested);
 
     const Nav::NavInputs in_;
     const ForwardingPtr config_;  // null: the platform observes only
@@ -138,23 +144,30 @@ void LinuxPlatform::Services::handleForwarding() {
     if (forwarding_) forwarding_->repair();
 }
 
-NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(const Routing::NexthopConfig& requested,
-                                                           bool afresh) {
+NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(
+    const Routing::NexthopConfig& requested) {
     const InterfaceView& view = monitor_.interfaces();
     const std::vector<PathQuery> queries = pathQueries(view, *in_.pathConfigDir, requested);
-    std::vector<RouteQuery> routes;
-    for (const PathQuery& query : queries) routes.push_back(query.route);
-    if (afresh) monitor_.forget();
+    const std::vector<RouteQuery> routes = routesOf(queries);
     const std::vector<const RouteResult*> results = monitor_.lookup(routes);
     if (std::ranges::count(results, RouteResult::Kind::failed, &RouteResult::kind) != 0)
         retry_.armIn(retryDelay);
     return pathVias(view, queries, results);
 }
 
-// The routes are looked up once more, path by path, and the agent's objects read.
+// The interfaces are read, the kernel is asked for the route of each path, and the agent's objects
+// are read.
 std::vector<std::string> LinuxPlatform::Services::validate() {
+    RequestSocket requests;
+    const InterfaceView& view = monitor_.interfaces();
     std::vector<std::string> differences;
-    for (const auto& [vrf, resolved] : lookup(*in_.nexthopConfig, true)) {
+    if (readInterfaces(requests) != view)
+        differences.push_back("the kernel has other interfaces, addresses or VRFs than known");
+    const auto queries = pathQueries(view, *in_.pathConfigDir, *in_.nexthopConfig);
+    const std::vector<RouteResult> results = FibLookup(requests).lookup(routesOf(queries));
+    std::vector<const RouteResult*> answers;
+    for (const RouteResult& result : results) answers.push_back(&result);
+    for (const auto& [vrf, resolved] : pathVias(view, queries, answers)) {
         const Routing::NexthopVrfConfig* requested = in_.nexthopConfig->vrf(vrf);
         if (!requested) continue;
         for (const Netz::IpGenAddr& address : requested->nexthop()) {
@@ -167,7 +180,8 @@ std::vector<std::string> LinuxPlatform::Services::validate() {
         }
     }
     if (!forwarding_) return differences;
-    for (std::string& each : forwarding_->differences()) differences.push_back(std::move(each));
+    for (std::string& each : forwarding_->differences(requests))
+        differences.push_back(std::move(each));
     return differences;
 }
 

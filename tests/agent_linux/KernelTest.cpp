@@ -36,11 +36,11 @@ class Kernel : public InNamespace {
     struct Expected {
         const char *to, *vias, *dev = "", *from = "0.0.0.0";
     };
-    static void expectRoutes(Monitored& kernel, std::initializer_list<Expected> routes) {
+    static void expectRoutes(std::initializer_list<Expected> routes) {
         for (const Expected& each : routes) {
             const RouteQuery query{addr(each.to), addr(each.from), if_nametoindex(each.dev)};
-            kernel.monitor.forget();
-            const RouteResult result = *kernel.monitor.lookup(std::span(&query, 1))[0];
+            RequestSocket requests;
+            const RouteResult result = FibLookup(requests).lookup(std::span(&query, 1))[0];
             EXPECT_NE(result.kind, RouteResult::Kind::failed) << each.to;
             std::string vias;
             char name[IF_NAMESIZE];
@@ -238,14 +238,14 @@ TEST_F(Kernel, LookupsGiveEveryLegOrNone) {
            "route add 2001:db8:1::/48 nexthop via 2001:db8:a::8 dev wa "
            "nexthop via 2001:db8:a::9 dev wa weight 2\n"
            "route add blackhole 2001:db8:3::/48\n"));
-    expectRoutes(kernel, {{"10.1.2.3", "192.0.2.9 wc 200, 203.0.113.9 wa 3"},
-                          {"10.1.2.3", "203.0.113.9 wa 3", "wa"},
-                          {"10.2.0.1", "2001:db8:a::9 wa 1"},
-                          {"2001:db8:1::1", "2001:db8:a::8 wa 1, 2001:db8:a::9 wa 2"},
-                          {"203.0.113.77", "203.0.113.77 wa 1"}});
+    expectRoutes({{"10.1.2.3", "192.0.2.9 wc 200, 203.0.113.9 wa 3"},
+                  {"10.1.2.3", "203.0.113.9 wa 3", "wa"},
+                  {"10.2.0.1", "2001:db8:a::9 wa 1"},
+                  {"2001:db8:1::1", "2001:db8:a::8 wa 1, 2001:db8:a::9 wa 2"},
+                  {"203.0.113.77", "203.0.113.77 wa 1"}});
     for (const char* to : {"10.3.0.1", "2001:db8:3::1", "10.4.0.1", "10.5.0.1", "10.6.0.1",
                            "2001:db8:9::1", "192.0.2.1"})
-        expectRoutes(kernel, {{to, ""}});
+        expectRoutes({{to, ""}});
     const RouteQuery nowhere{addr("10.1.2.3"), {}, 9999};  // no such interface
     EXPECT_EQ(kernel.monitor.lookup(std::span(&nowhere, 1))[0]->kind, RouteResult::Kind::failed);
     // More than one send takes, each with its own result.
@@ -258,12 +258,11 @@ TEST_F(Kernel, LookupsGiveEveryLegOrNone) {
     ASSERT_TRUE(kernel.settle());
     flap("wc", {false});
     ASSERT_TRUE(kernel.settle());
-    expectRoutes(kernel, {{"10.1.2.3", "203.0.113.9 wa 1"}});
+    expectRoutes({{"10.1.2.3", "203.0.113.9 wa 1"}});
 }
 
 // Two providers: default routes of two metrics, and rules that select a table by source.
 TEST_F(Kernel, LookupsGoByInterfaceAndSource) {
-    Monitored kernel;
     ASSERT_TRUE(
         ip("addr add 2001:db8:c::1/64 dev wc nodad\n"
            "route add default via 203.0.113.9 metric 100\n"
@@ -272,19 +271,19 @@ TEST_F(Kernel, LookupsGoByInterfaceAndSource) {
            "route add default via 2001:db8:c::9 metric 200\n"
            "route add unreachable 10.4.0.0/16\nroute add unreachable 2001:db8:4::/48\n"));
     const char *const v4 = "10.1.0.1", *const v6 = "2001:db8:1::1";
-    expectRoutes(kernel, {{v4, "192.0.2.9 wc 1", "wc", "192.0.2.1"},
-                          {v6, "2001:db8:a::9 wa 1", "wa", "2001:db8:a::1"},
-                          {v6, "2001:db8:c::9 wc 1", "wc", "2001:db8:c::1"},
-                          {"10.4.0.1", "", "wc", "192.0.2.1"},
-                          {"2001:db8:4::1", "", "wc", "2001:db8:c::1"}});
+    expectRoutes({{v4, "192.0.2.9 wc 1", "wc", "192.0.2.1"},
+                  {v6, "2001:db8:a::9 wa 1", "wa", "2001:db8:a::1"},
+                  {v6, "2001:db8:c::9 wc 1", "wc", "2001:db8:c::1"},
+                  {"10.4.0.1", "", "wc", "192.0.2.1"},
+                  {"2001:db8:4::1", "", "wc", "2001:db8:c::1"}});
     ASSERT_TRUE(ip("rule add from 192.0.2.1 table 77\nroute add default via 192.0.2.7 table 77\n"));
     ASSERT_TRUE(ip("route add default via 2001:db8:c::7 table 77\n"));
     ASSERT_TRUE(sh("ip -6 rule add from 2001:db8:c::1 table 77"));
-    expectRoutes(kernel, {{v4, "192.0.2.7 wc 1", "wc", "192.0.2.1"},
-                          {v4, "203.0.113.9 wa 1", "wa", "203.0.113.1"},
-                          {v6, "2001:db8:c::7 wc 1", "wc", "2001:db8:c::1"},
-                          {v6, "2001:db8:a::9 wa 1", "wa", "2001:db8:a::1"},
-                          {v4, "", "wa", "198.51.100.77"}});  // not an address of the host
+    expectRoutes({{v4, "192.0.2.7 wc 1", "wc", "192.0.2.1"},
+                  {v4, "203.0.113.9 wa 1", "wa", "203.0.113.1"},
+                  {v6, "2001:db8:c::7 wc 1", "wc", "2001:db8:c::1"},
+                  {v6, "2001:db8:a::9 wa 1", "wa", "2001:db8:a::1"},
+                  {v4, "", "wa", "198.51.100.77"}});  // not an address of the host
 }
 
 // Routes by next-hop objects and groups, which the kernel names in two ways.
@@ -298,16 +297,16 @@ TEST_F(Kernel, NexthopObjectsAreLookedUp) {
                "nexthop replace id 5 via 2001:db8:a::9 dev wa\n"
                "route replace 10.1.0.0/16 nhid 3\nroute replace 10.2.0.0/16 nhid 1\n"
                "route replace unreachable 10.3.0.0/16\nroute replace 2001:db8:1::/48 nhid 5\n"));
-        expectRoutes(kernel, {{"10.1.0.1", "10.1.0.1 wc 250, 203.0.113.9 wa 2"},
-                              {"10.1.0.1", "10.1.0.1 wc 250", "wc"},
-                              {"10.2.0.1", "203.0.113.9 wa 1"},
-                              {"10.3.0.1", ""},
-                              {"2001:db8:1::1", "2001:db8:a::9 wa 1"}});
+        expectRoutes({{"10.1.0.1", "10.1.0.1 wc 250, 203.0.113.9 wa 2"},
+                      {"10.1.0.1", "10.1.0.1 wc 250", "wc"},
+                      {"10.2.0.1", "203.0.113.9 wa 1"},
+                      {"10.3.0.1", ""},
+                      {"2001:db8:1::1", "2001:db8:a::9 wa 1"}});
         // Deleting an object deletes its routes; only the object is announced.
         ASSERT_TRUE(kernel.settle());
         ASSERT_TRUE(ip("nexthop del id 1\n"));
         ASSERT_TRUE(kernel.settle());
-        expectRoutes(kernel, {{"10.2.0.1", ""}, {"10.1.0.1", "10.1.0.1 wc 1"}});
+        expectRoutes({{"10.2.0.1", ""}, {"10.1.0.1", "10.1.0.1 wc 1"}});
     }
 }
 

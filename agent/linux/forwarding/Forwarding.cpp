@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/linux/forwarding/Prerequisites.h"
+#include "agent/linux/forwarding/RulesetDifferences.h"
 #include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/linux/kernel/ObjectDump.h"
 
@@ -157,13 +158,18 @@ void Forwarding::routeChanged(const Message& message) {
     commitLater();
 }
 
-void Forwarding::readRoutes() {
+// Those of the tables of all segments.
+VrfRoutes::Read Forwarding::readRoutes(RequestSocket& requests, VrfRoutes& routes) const {
     std::set<uint32_t> tables, tunnels;
     for (const auto& [vrf, segment] : plan_.segmentsIn(monitor_.interfaces())) {
         tables.insert(segment.table);
         tunnels.insert(segment.tunnelIndex);
     }
-    switch (routes_.read(requests_, tables, tunnels)) {
+    return routes.read(requests, tables, tunnels);
+}
+
+void Forwarding::readRoutes() {
+    switch (readRoutes(requests_, routes_)) {
         case VrfRoutes::Read::failed:
             return retry_.armIn(retryTime);
         case VrfRoutes::Read::same:
@@ -336,11 +342,17 @@ void Forwarding::endAdoption() {
     repair();
 }
 
-std::vector<std::string> Forwarding::differences() {
-    const std::optional<Objects> present = readObjects(requests_);
+std::vector<std::string> Forwarding::differences(RequestSocket& requests) const {
+    const std::optional<Objects> present = readObjects(requests);
     if (!present) return {"the agent's objects cannot be read from the kernel"};
     std::vector<std::string> differences;
-    for (const auto& [key, object] : plan_.wanted()) {
+    VrfRoutes routes = routes_;
+    if (readRoutes(requests, routes) != VrfRoutes::Read::same)
+        differences.push_back("the tables of the VRFs have other routes of others than known");
+    Plan plan = plan_;
+    plan.replanAll(monitor_.interfaces(), plan_.udpPort());
+    plan.takeChanged();
+    for (const auto& [key, object] : plan.wanted()) {
         const auto found = present->find(key);
         const auto refused = kernel_.refused().find(key);
         if (found != present->end() && found->second == object) continue;
@@ -351,9 +363,11 @@ std::vector<std::string> Forwarding::differences() {
                               textOf(object));
     }
     for (const auto& [key, object] : *present)
-        if (!plan_.wanted().contains(key))
+        if (!plan.wanted().contains(key))
             differences.push_back("not wanted in the kernel: " + textOf(object));
     if (!rulesetRefused_.empty()) differences.push_back("rules refused: " + rulesetRefused_);
+    const auto rules = rulesOf(in_, *config_, monitor_.interfaces(), plan, comparedTable);
+    for (std::string& each : rulesetDifferences(rules)) differences.push_back(std::move(each));
     return differences;
 }
 

@@ -67,9 +67,9 @@ class Forwarding {
     void repair();
     // The same after `settleTime`. The monitor calls it when somebody else has changed an object.
     void ownChanged();
-    // Compares the kernel's objects with the plan, and the kernel with what is believed of it;
-    // changes nothing. A sentence for each difference.
-    std::vector<std::string> differences();
+    // Compares the kernel's objects and rules with a plan made afresh; changes nothing. A sentence
+    // for each difference. Takes long and uses no socket of this.
+    std::vector<std::string> differences(RequestSocket& requests) const;
     // Removes everything from the kernel.
     void clear();
 
@@ -114,6 +114,7 @@ class Forwarding {
     void apply(std::set<ObjectKey> keys);
     void replaceGroups();
     bool removes(const ObjectKey& key) const;
+    VrfRoutes::Read readRoutes(RequestSocket& requests, VrfRoutes& routes) const;
     void readRoutes();
     uint16_t choosePort();
     bool removesNexthop(const std::set<ObjectKey>& keys) const;

@@ -22,6 +22,12 @@ std::string Nftables::run(const std::string& commands) {
     return reason.empty() ? "no reason given" : reason;
 }
 
+std::string Nftables::list(const std::string& table) {
+    nft_ctx_output_set_flags(context_, NFT_CTX_OUTPUT_STATELESS | NFT_CTX_OUTPUT_TERSE);
+    if (!run("list table " + table).empty()) return {};
+    return nft_ctx_get_output_buffer(context_);
+}
+
 std::string Nftables::check(const std::string& commands) {
     nft_ctx_set_dry_run(context_, true);
     const std::string reason = run(commands);

@@ -19,6 +19,9 @@ class Nftables {
     std::string run(const std::string& commands);
     // The same without taking effect.
     std::string check(const std::string& commands);
+    // A table such as "inet nav" as nft lists it, without the elements of its named sets and the
+    // values of its counters; empty if it cannot be listed.
+    std::string list(const std::string& table);
 
   private:
     nft_ctx* const context_;

@@ -127,15 +127,13 @@ namespace {
 class Writer {
   public:
     Writer(const Nav::NavInputs& in, const ForwardingConfig& config, const InterfaceView& view,
-           Plan& plan)
-        : in_(in), config_(config), view_(view), plan_(plan) {}
+           Plan& plan, const std::string& table)
+        : in_(in), config_(config), view_(view), plan_(plan), table_(table) {}
 
     std::string text() {
-        out_ << "add table " << nftTable << "\n"
-             << "flush table " << nftTable << "\n";
         for (const auto& [name, addr] :
              {std::pair("packets4", "ipv4_addr"), std::pair("packets6", "ipv6_addr")})
-            out_ << "add set " << nftTable << " " << name << " { type mark . " << addr << " . "
+            out_ << "add set " << table_ << " " << name << " { type mark . " << addr << " . "
                  << addr << "; size 65535; flags dynamic, timeout; timeout 1h; counter; }\n";
         port_ = "udp dport " + std::to_string(plan_.udpPort());
         zones();
@@ -148,11 +146,11 @@ class Writer {
 
   private:
     void chain(const std::string& name, const std::string& hook) {
-        out_ << "add chain " << nftTable << " " << name << " { type " << hook
+        out_ << "add chain " << table_ << " " << name << " { type " << hook
              << "; policy accept; }\n";
     }
     void rule(const std::string& chain, const std::string& text) {
-        out_ << "add rule " << nftTable << " " << chain << " " << text << "\n";
+        out_ << "add rule " << table_ << " " << chain << " " << text << "\n";
     }
 
     // The interfaces that packets of a VRF come from, its tunnel included.
@@ -288,6 +286,7 @@ class Writer {
     const ForwardingConfig& config_;
     const InterfaceView& view_;
     Plan& plan_;
+    const std::string& table_;
     std::string port_;  // matches the tunnels' packets
     std::ostringstream out_;
 };
@@ -296,7 +295,14 @@ class Writer {
 
 std::string rulesetOf(const Nav::NavInputs& inputs, const ForwardingConfig& config,
                       const InterfaceView& view, Plan& plan) {
-    return Writer(inputs, config, view, plan).text();
+    const std::string table = nftTable;
+    return "add table " + table + "\nflush table " + table + "\n" +
+           rulesOf(inputs, config, view, plan, table);
+}
+
+std::string rulesOf(const Nav::NavInputs& inputs, const ForwardingConfig& config,
+                    const InterfaceView& view, Plan& plan, const std::string& table) {
+    return Writer(inputs, config, view, plan, table).text();
 }
 
 }  // namespace Agent::Linux

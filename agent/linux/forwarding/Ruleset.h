@@ -39,5 +39,8 @@ std::vector<std::string> expressionsOf(const ApplicationMatchConfig& match);
 
 std::string rulesetOf(const Nav::NavInputs& inputs, const ForwardingConfig& config,
                       const InterfaceView& view, Plan& plan);
+// Its sets, chains and rules for any table, which exists and is empty.
+std::string rulesOf(const Nav::NavInputs& inputs, const ForwardingConfig& config,
+                    const InterfaceView& view, Plan& plan, const std::string& table);
 
 }  // namespace Agent::Linux

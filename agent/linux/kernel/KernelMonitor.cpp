@@ -179,22 +179,38 @@ bool KernelMonitor::refresh() {
     return true;
 }
 
-int KernelMonitor::dump(LinkState& links, NeighbourState& neighbours) {
-    auto takeLinks = [&](const Message& message) { links.apply(message); };
-    auto takeNeighbours = [&](const Message& message) { neighbours.apply(message); };
-    int error = requests_.dump(
+namespace {
+
+// Returns 0 or the error; EAGAIN if something changed meanwhile.
+int readLinks(RequestSocket& requests, LinkState& links) {
+    const auto take = [&](const Message& message) { links.apply(message); };
+    const int error = requests.dump(
         [](MessageWriter& writer, uint32_t sequence) {
             writer.begin(RTM_GETLINK, NLM_F_DUMP, sequence, ifinfomsg{});
             writer.attribute(IFLA_EXT_MASK, uint32_t{RTEXT_FILTER_SKIP_STATS});
         },
-        takeLinks);
+        take);
     if (error != 0) return error;
-    error = requests_.dump(
+    return requests.dump(
         [](MessageWriter& writer, uint32_t sequence) {
             writer.begin(RTM_GETADDR, NLM_F_DUMP, sequence, ifaddrmsg{});
         },
-        takeLinks);
-    if (error != 0) return error;
+        take);
+}
+
+}  // namespace
+
+std::optional<InterfaceView> readInterfaces(RequestSocket& requests) {
+    for (int attempt = 0; attempt < refreshAttempts; ++attempt) {
+        LinkState links;
+        if (readLinks(requests, links) == 0) return links.view();
+    }
+    return {};
+}
+
+int KernelMonitor::dump(LinkState& links, NeighbourState& neighbours) {
+    if (const int error = readLinks(requests_, links)) return error;
+    auto takeNeighbours = [&](const Message& message) { neighbours.apply(message); };
     return requests_.dump(
         [](MessageWriter& writer, uint32_t sequence) {
             writer.begin(RTM_GETNEIGH, NLM_F_DUMP, sequence, ndmsg{});

@@ -27,6 +27,9 @@
 
 namespace Agent::Linux {
 
+// The interfaces and VRFs as the kernel has them now; nothing if they cannot be read.
+std::optional<InterfaceView> readInterfaces(RequestSocket& requests);
+
 class KernelMonitor {
   public:
     // The first event of a burst is handled at once. Later ones are coalesced: the next round of
@@ -82,11 +85,10 @@ class KernelMonitor {
     const InterfaceView& interfaces() const { return view_; }
     // One result for each query, in their order, valid until the next call. The kernel is asked
     // only for what events may have changed since the last call, and for queries that this did not
-    // include; for all of them after forget().
+    // include.
     std::vector<const RouteResult*> lookup(std::span<const RouteQuery> queries) {
         return answers_.lookup(queries, scheduler_.now());
     }
-    void forget() { answers_.anythingChanged(scheduler_.now()); }
     // Whether packets can be sent to the neighbour at once: it is resolved, or its link needs no
     // link-layer addresses.
     bool neighbourResolved(const Neighbour& neighbour) const {
