@@ -22,7 +22,9 @@ struct InProcess : Agent::Session {
     }
     // Throws what refuses the request.
     Agent::Answer answer(const Json& request) {
-        return control->handle(request.at("op"), request, *this);
+        Agent::Answer answer = control->handle(request.at("op"), request, *this);
+        if (answer.later) answer.value = answer.later();
+        return answer;
     }
     Json ask(const Json& request) { return answer(request).value; }
     // Beside the checks of requests: "/place value" sets, "/place" deletes.

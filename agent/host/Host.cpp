@@ -165,9 +165,11 @@ Controlled Host::controlled() {
             platform_->manual(),
             [this](const std::string& word) { return show(word); },
             [this] { return platform_->forwarding(); },
-            [this](const Transaction& transaction) {
+            [this](std::shared_ptr<const Transaction> transaction) {
                 observer_->observe();
-                return foresee(inputs_, database(), *platform_, *observer_, transaction);
+                return [this, transaction = std::move(transaction)] {
+                    return foresee(inputs_, database(), *platform_, *observer_, *transaction);
+                };
             },
             {{"explain",
               [this](const Json& request) {
@@ -175,8 +177,6 @@ Controlled Host::controlled() {
                   observer_->observe();
                   return explain(inputs_, *platform_, *observer_, question);
               }},
-             {"validate",
-              [this](const Json&) { return Json(validate(inputs_, database(), *platform_)); }},
              {"interfaces",
               [this](const Json&) {
                   observer_->observe();
@@ -184,7 +184,9 @@ Controlled Host::controlled() {
               }},
              {"quality", [this](const Json& request) { return quality(request); }},
              {"carriers", [this](const Json&) { return carriers(); }},
-             {"ipsec", [this](const Json&) { return platform_->ipsec(); }}}};
+             {"ipsec", [this](const Json&) { return platform_->ipsec(); }}},
+            {{"validate",
+              [this](const Json&) { return Json(validate(inputs_, database(), *platform_)); }}}};
 }
 
 }  // namespace Agent

@@ -1,7 +1,7 @@
 // A second path selection, over copies of the agent's inputs and with any configuration: what path
 // selection makes of them without a past. Nothing of the running agent is changed.
 //
-// The event thread is busy while it is built, for longer than path selection takes to start.
+// Building it takes longer than path selection takes to start.
 #pragma once
 
 #include "nav/root/NavRootSm.h"

@@ -1,7 +1,8 @@
 // Checks that the agent's state is what its inputs demand: a second root, made from a copy of the
 // inputs as they are now, must publish the same. The platform adds what it knows of the kernel.
 //
-// It changes nothing, but takes the event thread for longer than path selection takes to start.
+// It changes nothing, but takes longer than path selection takes to start, so it is called in a copy
+// of the process.
 #pragma once
 
 #include <string>

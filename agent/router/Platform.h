@@ -46,7 +46,8 @@ class Platform {
     // What is measured of the paths; null if this platform measures nothing, or has not started.
     virtual QualityStatus* quality() const { return nullptr; }
     // Reads afresh what the platform takes its state from and what it has programmed. A sentence for
-    // each difference to what it believes.
+    // each difference to what it believes. Called in a copy of the process, so that it may take
+    // long, and has to open sockets of its own.
     virtual std::vector<std::string> validate() { return {}; }
     // What the IPsec service knows of each connection, by its key's text, for `navctl show ipsec`.
     virtual Json ipsec() { return Json::object(); }

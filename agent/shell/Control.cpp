@@ -101,6 +101,11 @@ Control::Control(Controlled agent)
 Answer Control::handle(const std::string& op, const Json& request, Session& session) {
     if (const auto report = agent_.reports.find(op); report != agent_.reports.end())
         return report->second(request);
+    if (const auto report = agent_.longReports.find(op); report != agent_.longReports.end()) {
+        Answer answer;
+        answer.later = [make = report->second, request] { return make(request); };
+        return answer;
+    }
     if (!session.mayChange() && isReserved(op, request))
         throw RequestError(op + ": permission denied to " + session.author() +
                            "; only root and the agent's user may change anything, others may read");
@@ -200,9 +205,10 @@ Answer Control::load(const Json& request, Session& session) {
 
 Answer Control::foresee(WantedConfig wanted) const {
     Answer answer;
-    const Transaction transaction(agent_.configuration.running(), std::move(wanted));
-    answer.warnings = agent_.configuration.check(transaction);
-    answer.value = agent_.foresee(transaction);
+    const auto transaction =
+        std::make_shared<const Transaction>(agent_.configuration.running(), std::move(wanted));
+    answer.warnings = agent_.configuration.check(*transaction);
+    answer.later = agent_.foresee(transaction);
     return answer;
 }
 

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,10 +30,13 @@ struct Controlled {
     std::function<std::string(const std::string& word)> show;
     // What the platform forwards; nothing if it does not forward.
     std::function<std::optional<Json>()> forwarding = [] { return std::optional<Json>(); };
-    // What a change of the configuration would do to paths and traffic.
-    std::function<Json(const Transaction& transaction)> foresee;
+    // Makes the function that computes what a change of the configuration would do to paths and
+    // traffic.
+    std::function<std::function<Json()>(std::shared_ptr<const Transaction>)> foresee;
     // Requests that only read, by their "op"; each makes the value of its answer from the request.
     std::map<std::string, std::function<Json(const Json& request)>> reports{};
+    // The same of those that take long: made in a copy of the process, see ProcessCopy.
+    std::map<std::string, std::function<Json(const Json& request)>> longReports{};
     // The configuration of the agent's own files, which it would load now; null without files.
     std::function<std::optional<WantedConfig>()> files = [] {
         return std::optional<WantedConfig>();

@@ -2,6 +2,7 @@
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,6 +21,22 @@ std::string refusal(const std::string& reason) {
     return dumpLine({{"ok", false}, {"error", reason}});
 }
 
+// The line of an answer, or of the reason for which it cannot be made. `reply` has the request's
+// id.
+template <class Make>
+std::string lineOf(Json& reply, Make make) {
+    try {
+        Answer answer = make();
+        reply["ok"] = true;
+        reply["value"] = std::move(answer.value);
+        if (!answer.warnings.empty()) reply["warnings"] = std::move(answer.warnings);
+    } catch (const std::exception& error) {
+        reply["ok"] = false;
+        reply["error"] = error.what();
+    }
+    return dumpLine(reply);
+}
+
 }  // namespace
 
 // One connection. Each of its callbacks ends in advance(), the only place where it may be
@@ -34,7 +51,9 @@ class ControlServer::Client final : public Session {
     bool mayChange() const override { return peer_.uid == 0 || peer_.uid == geteuid(); }
     void send(const std::string& line);
     bool watches() const { return watches_; }
-    bool idle() { return !watches_ && evbuffer_get_length(output()) == 0; }
+    bool idle() { return !watches_ && !waits_ && evbuffer_get_length(output()) == 0; }
+    void computationStarted() { waits_ = true; }
+    void computed(const std::string& line);
 
   private:
     evbuffer* input() { return bufferevent_get_input(stream_.get()); }
@@ -43,6 +62,7 @@ class ControlServer::Client final : public Session {
     std::optional<std::string> takeLine();
     void answerSome();
     void advance();
+    bool hungUp();
     void happened(short what);
 
     ControlServer& server_;
@@ -51,6 +71,7 @@ class ControlServer::Client final : public Session {
     // As it was when the client connected; nobody's if the kernel does not tell.
     ucred peer_{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
     bool watches_ = false;
+    bool waits_ = false;    // for an answer that is being computed
     bool atEnd_ = false;    // the client sends no more; its requests are still answered
     bool closing_ = false;  // no more requests or events; the output is still sent
 };
@@ -115,7 +136,7 @@ std::optional<std::string> ControlServer::Client::takeLine() {
 }
 
 void ControlServer::Client::answerSome() {
-    for (int count = 0; count < batch && !closing_ && !congested(); ++count) {
+    for (int count = 0; count < batch && !closing_ && !waits_ && !congested(); ++count) {
         const auto line = takeLine();
         if (!line) {
             closing_ = atEnd_;
@@ -126,11 +147,11 @@ void ControlServer::Client::answerSome() {
             return;
         }
         server_.used(*this);
-        const std::string answer = server_.answer(*line, *this);
-        if (!closing_) send(answer);
+        const auto answer = server_.answer(*line, *this);
+        if (answer && !closing_) send(*answer);
     }
     // The other clients get their turn; a congested client is called again when it has read.
-    if (!closing_ && !congested()) {
+    if (!closing_ && !waits_ && !congested()) {
         again_ = server_.loop_.onTimer(std::chrono::nanoseconds{0}, [this] { advance(); });
     }
 }
@@ -142,8 +163,21 @@ void ControlServer::Client::advance() {
     (take ? bufferevent_enable : bufferevent_disable)(stream_.get(), EV_READ);
 }
 
+void ControlServer::Client::computed(const std::string& line) {
+    waits_ = false;
+    if (!closing_) send(line);
+    advance();
+}
+
+// Whether the client reads no more either; one may close its sending side alone.
+bool ControlServer::Client::hungUp() {
+    pollfd peer{bufferevent_getfd(stream_.get()), 0, 0};
+    return poll(&peer, 1, 0) == 1 && (peer.revents & POLLHUP) != 0;
+}
+
 void ControlServer::Client::happened(short what) {
-    if ((what & (BEV_EVENT_ERROR | BEV_EVENT_TIMEOUT)) != 0) return server_.close(*this);
+    if ((what & (BEV_EVENT_ERROR | BEV_EVENT_TIMEOUT)) != 0 || (waits_ && hungUp()))
+        return server_.close(*this);
     atEnd_ = true;
     advance();
 }
@@ -185,13 +219,19 @@ void ControlServer::used(const Client& client) {
 
 void ControlServer::close(Client& client) {
     handler_.sessionClosed(client);
+    for (Computation& each : computations_)
+        if (each.client == &client) {
+            each.client = nullptr;
+            each.copy->kill();
+        }
     if (client.watches()) --watchers_;
     std::erase_if(clients_, [&](const auto& each) { return each.get() == &client; });
 }
 
-std::string ControlServer::answer(const std::string& line, Client& client) {
+std::optional<std::string> ControlServer::answer(const std::string& line, Client& client) {
     Json reply = Json::object();
-    try {
+    bool later = false;
+    std::string text = lineOf(reply, [&] {
         const Json request = parseJson(line);
         if (!request.is_object()) throw RequestError("a request must be an object");
         if (const auto id = request.find("id"); id != request.end()) reply["id"] = *id;
@@ -201,14 +241,47 @@ std::string ControlServer::answer(const std::string& line, Client& client) {
         Answer answer = handler_.handle(*op, request, client);
         // The first value of a watch is written before the events that pending tasks cause.
         if (*op != "watch") loop_.settle();
-        reply["ok"] = true;
-        reply["value"] = std::move(answer.value);
-        if (!answer.warnings.empty()) reply["warnings"] = std::move(answer.warnings);
-    } catch (const std::exception& error) {
-        reply["ok"] = false;
-        reply["error"] = error.what();
+        if (answer.later) {
+            compute(answer, reply, client);
+            later = true;
+        }
+        return answer;
+    });
+    return later ? std::nullopt : std::optional(std::move(text));
+}
+
+void ControlServer::compute(Answer answer, const Json& reply, Client& client) {
+    if (computations_.size() == limits_.computations)
+        throw RequestError("busy with another request that takes long; try again later");
+    Computation& computation = computations_.emplace_back(&client, reply);
+    const auto work = [&] {
+        return lineOf(computation.reply, [&] {
+            answer.value = answer.later();
+            return std::move(answer);
+        });
+    };
+    try {
+        computation.copy.emplace(loop_, work, [this, &computation](ProcessCopy::Result result) {
+            computed(computation, std::move(result));
+        });
+    } catch (...) {
+        computations_.pop_back();
+        throw;
     }
-    return dumpLine(reply);
+    client.computationStarted();
+}
+
+void ControlServer::computed(Computation& computation, ProcessCopy::Result result) {
+    const auto place = std::ranges::find(computations_, &computation,
+                                         [](const Computation& each) { return &each; });
+    std::list<Computation> ended;
+    ended.splice(ended.end(), computations_, place);
+    if (!computation.client) return;
+    if (!result.error.empty())
+        result.text = lineOf(computation.reply, [&]() -> Answer {
+            throw RequestError("the computation of the answer " + result.error);
+        });
+    computation.client->computed(result.text);
 }
 
 }  // namespace Agent

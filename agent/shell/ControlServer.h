@@ -4,7 +4,7 @@
 //
 // Invariants:
 // - The requests of one client are answered in their order; answers and events share its stream in
-//   the order in which they happened.
+//   the order in which they happened. While an answer is computed the client's next request waits.
 // - When an answer is written, everything that the request caused has run.
 // - No client delays another for long: requests are handled in small batches, and nothing blocks.
 // - The memory of a client is bounded: an unfinished line by Limits::lineBytes; unread answers by
@@ -15,8 +15,10 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,6 +27,7 @@
 #include "agent/model/Watch.h"
 #include "agent/shell/EventLoop.h"
 #include "agent/shell/Listener.h"
+#include "agent/shell/ProcessCopy.h"
 
 namespace Agent {
 
@@ -40,6 +43,9 @@ struct Answer {
 
     Json value;
     std::vector<std::string> warnings;  // omitted if empty
+    // If set, computes the value: in a copy of the process, while the agent goes on. See
+    // ProcessCopy.
+    std::function<Json()> later{};
 };
 
 // The client of a request. Events can be sent to it until sessionClosed(); they are dropped after
@@ -76,6 +82,7 @@ class ControlServer {
         size_t eventBytes = 4 << 20;
         size_t clients = 128;
         size_t watchers = 96;
+        size_t computations = 1;                 // of answers, at the same time
         std::chrono::milliseconds stuck{30000};  // closes a client that reads nothing for so long
     };
 
@@ -86,18 +93,27 @@ class ControlServer {
 
   private:
     class Client;
+    // An answer that is being computed.
+    struct Computation {
+        Client* client;  // null: it has gone
+        Json reply;      // without the answer
+        std::optional<ProcessCopy> copy;
+    };
 
     void accepted(int descriptor);
     bool makeRoom();
     void used(const Client& client);
     void close(Client& client);
-    std::string answer(const std::string& line, Client& client);
+    std::optional<std::string> answer(const std::string& line, Client& client);
+    void compute(Answer answer, const Json& reply, Client& client);
+    void computed(Computation& computation, ProcessCopy::Result result);
 
     EventLoop& loop_;
     RequestHandler& handler_;
     Limits limits_;
     std::list<std::unique_ptr<Client>> clients_;  // ordered by idle time, longest first
     size_t watchers_ = 0;
+    std::list<Computation> computations_;
     Listener listener_;
 };
 

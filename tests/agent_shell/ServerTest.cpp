@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdlib>
+#include <filesystem>
 #include <optional>
 #include <set>
 
@@ -40,6 +42,11 @@ struct Handler : Agent::RequestHandler {
         }
         if (op == "watch" || op == "defer") scheduler.post(task);
         if (op == "report") report(request.at("value"));
+        if (op == "compute") {
+            Agent::Answer answer;
+            answer.later = [this, how = request.at("how")] { return compute(how); };
+            return answer;
+        }
         if (op == "big") return Json(std::string(request.at("bytes").get<size_t>(), 'x'));
         return request.value("value", Json());
     }
@@ -52,6 +59,15 @@ struct Handler : Agent::RequestHandler {
         for (Agent::Session* each : watchers) each->sendEvent(line);
     }
 
+    // In a copy of the process.
+    Json compute(const std::string& how) {
+        requests = 0;
+        if (how == "crash") std::abort();
+        if (how == "throw") throw std::out_of_range("somewhere below");
+        while (how == "hang") pause();
+        const std::filesystem::directory_iterator open("/proc/self/fd");
+        return {std::string(300000, 'x'), std::distance(begin(open), end(open))};
+    }
     void reportLater() { report({{"event", "later"}}); }
 
     Loom::TaskScheduler& scheduler;
@@ -172,6 +188,34 @@ TEST_F(ServerTest, WhatIsNoRequestIsRefusedAndTheNextOneIsCarriedOut) {
               R"({"id":{"any":null},"ok":false,"error":"not today"})");
     EXPECT_EQ(peer.ask(R"({"op":"warn"})"), R"({"ok":true,"value":1,"warnings":["careful"]})");
     EXPECT_TRUE(peer.ask(R"({"op":"fail"})").starts_with(R"({"ok":false,"error":")"));
+}
+
+TEST_F(ServerTest, AnAnswerThatTakesLongIsComputedInACopyWhileOthersAreServed) {
+    serve();
+    Peer slow(*this, path()), other(*this, path());
+    const auto compute = [](const std::string& how) {
+        return R"({"op":"compute","id":7,"how":")" + how + "\"}";
+    };
+    ASSERT_TRUE(slow.write(compute("hang") + "\n" + echo(1) + "\n"));
+    ASSERT_TRUE(await([&] { return handler.requests == 1; }));
+    EXPECT_EQ(other.ask(echo(2)), echoed(2));
+    const std::string busy = other.ask(compute("crash"));
+    EXPECT_EQ(busy, R"({"id":7,"ok":false,"error":"busy with another request that takes long; )"
+                    R"(try again later"})");
+    slow.hangUp();
+    std::string answer;
+    ASSERT_TRUE(await([&] { return (answer = other.ask(compute("crash"))) != busy; }));
+    EXPECT_EQ(answer,
+              R"({"id":7,"ok":false,"error":"the computation of the answer ended by signal 6"})");
+    EXPECT_EQ(other.ask(compute("throw")), R"({"id":7,"ok":false,"error":"somewhere below"})");
+    // Standard ones, that of the answer, and that of the directory.
+    ASSERT_TRUE(other.write(compute("well") + "\n" + echo(3)));
+    shutdown(other.descriptor, SHUT_WR);
+    EXPECT_EQ(Agent::parseJson(other.line()).at("value"), Json({std::string(300000, 'x'), 5}));
+    EXPECT_EQ(other.line(), echoed(3));
+    EXPECT_EQ(other.line(), "<end>");
+    EXPECT_GT(handler.requests, 5) << "the copies change nothing here";
+    EXPECT_EQ(handler.closed, 2);
 }
 
 TEST_F(ServerTest, AClientThatDoesNotReadIsPausedAndLosesNothing) {
