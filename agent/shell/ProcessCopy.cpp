@@ -36,7 +36,8 @@ void writeAll(int descriptor, std::string_view text) {
 }
 
 // Nothing of the agent's is shared with the copy from here on but its mapped tables.
-[[noreturn]] void runCopy(pid_t parent, int result, const std::function<std::string()>& work) {
+[[noreturn]] void runCopy(pid_t parent, int result,
+                          const std::function<std::string()>& work) noexcept {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(EXIT_FAILURE);
     for (int number = 1; number < NSIG; ++number) std::signal(number, SIG_DFL);
