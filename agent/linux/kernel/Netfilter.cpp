@@ -7,14 +7,22 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <netinet/in.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+#include "agent/linux/kernel/Thread.h"
+#include "platform/netz/Error.h"
 
 namespace Agent::Linux {
 
 namespace {
 
 constexpr int receiveBuffer = 1 << 20;
-constexpr unsigned readsPerCall = 1;  // of a batch of datagrams each
 
 constexpr uint16_t typeOf(unsigned subsystem, unsigned message) {
     return static_cast<uint16_t>(subsystem << 8 | message);
@@ -113,38 +121,42 @@ bool readCounters(RequestSocket& netfilter, const char* table, const char* set, 
 }
 
 FlowCount::FlowCount(std::function<void(Counts)> done)
-    : socket_(receiveBuffer, NETLINK_NETFILTER), done_(std::move(done)) {}
+    : done_(std::move(done)), ready_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (ready_ < 0) throw Vel::Error(std::string("eventfd: ") + std::strerror(errno));
+}
 
-void FlowCount::start(uint16_t udpPort, uint32_t mark, uint32_t mask) {
-    if (running_) return;
-    MessageWriter writer;
-    writer.begin(typeOf(NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_GET), NLM_F_DUMP, ++sequence_,
-                 header(AF_UNSPEC));
-    writer.attribute(CTA_MARK, htonl(mark));
-    writer.attribute(CTA_MARK_MASK, htonl(mask));
+FlowCount::~FlowCount() {
+    if (thread_.joinable()) thread_.join();
+    close(ready_);
+}
+
+void FlowCount::start(uint16_t udpPort, uint32_t mark, uint32_t mask) try {
+    if (thread_.joinable()) return;
+    thread_ = startThread("flows", [=, this] { read(udpPort, mark, mask); });
+} catch (const std::system_error&) {
+    // The next count may find a thread.
+}
+
+void FlowCount::read(uint16_t udpPort, uint32_t mark, uint32_t mask) {
+    const auto write = [&](MessageWriter& writer, uint32_t sequence) {
+        writer.begin(typeOf(NFNL_SUBSYS_CTNETLINK, IPCTNL_MSG_CT_GET), NLM_F_DUMP, sequence,
+                     header(AF_UNSPEC));
+        writer.attribute(CTA_MARK, htonl(mark));
+        writer.attribute(CTA_MARK_MASK, htonl(mask));
+    };
+    const auto take = [&](const Message& message) {
+        if (const auto flow = flowOf(message, udpPort)) ++counts_[*flow];
+    };
     counts_.clear();
-    udpPort_ = udpPort;
-    running_ = socket_.send(writer.bytes());
+    succeeded_ = netfilter_.dump(write, take) == 0;
+    eventfd_write(ready_, 1);
 }
 
 void FlowCount::handleReadable() {
-    bool done = false;
-    for (unsigned i = 0; i < readsPerCall; ++i) {
-        const auto read = socket_.receive([&](Bytes data) {
-            for (const Message& message : Messages(data)) {
-                if (message.sequence != sequence_) continue;
-                if (message.type == NLMSG_DONE || message.type == NLMSG_ERROR)
-                    done = true;
-                else if (const auto flow = flowOf(message, udpPort_))
-                    ++counts_[*flow];
-            }
-        });
-        if (read == NetlinkSocket::Read::overrun) running_ = false;  // its end may be lost, too
-        if (read != NetlinkSocket::Read::data) break;
-    }
-    if (!done || !running_) return;
-    running_ = false;
-    done_(std::move(counts_));
+    eventfd_t number = 0;
+    if (eventfd_read(ready_, &number) != 0) return;
+    thread_.join();
+    if (succeeded_) done_(std::move(counts_));
 }
 
 TableWatch::TableWatch(std::string table)

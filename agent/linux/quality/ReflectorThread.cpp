@@ -1,15 +1,14 @@
 #include "agent/linux/quality/ReflectorThread.h"
 
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <system_error>
 
+#include "agent/linux/kernel/Thread.h"
 #include "agent/linux/quality/DayClock.h"
 #include "agent/model/ForwardingConfig.h"
 #include "platform/netz/Error.h"
@@ -36,13 +35,7 @@ ReflectorThread::Answering::Answering(const Place& place)
 ReflectorThread::ReflectorThread()
     : epoll_(opened(epoll_create1(EPOLL_CLOEXEC))), end_(opened(eventfd(0, EFD_CLOEXEC))) {
     follow(epoll_, end_);
-    // Signals are the event thread's.
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    thread_ = std::thread([this] { run(); });
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    pthread_setname_np(thread_.native_handle(), "reflector");
+    thread_ = startThread("reflector", [this] { run(); });
 }
 
 ReflectorThread::~ReflectorThread() {
