@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "nav/config/NavConstants.h"
 
@@ -136,6 +137,8 @@ class Writer {
             out_ << "add set " << table_ << " " << name << " { type mark . " << addr << " . "
                  << addr << "; size 65535; flags dynamic, timeout; timeout 1h; counter; }\n";
         port_ = "udp dport " + std::to_string(plan_.udpPort());
+        for (const auto& [vrf, segment] : plan_.segments())
+            tunnels_.insert(quoted(segment.tunnel.name.str()));
         zones();
         classification();
         segments();
@@ -192,18 +195,18 @@ class Writer {
     }
 
     void classification() {
-        // What arrives in a tunnel bears no mark of the outer packet.
+        // Most packets are of known flows, so they come first.
         chain("classify", "filter hook prerouting priority mangle");
-        rule("classify", std::string("meta mark ") + ownMark + " meta mark set 0");
-        rule("classify", port_ + " fib daddr type local accept");
         rule("classify", std::string("ct mark ") + ownMark + " meta mark set ct mark accept");
-        // The router's own packets that the VRF's table leads into a tunnel.
+        rule("classify", port_ + " fib daddr type local accept");
+        // What arrives in a tunnel bears no mark of the outer packet.
+        rule("classify", std::string("meta mark ") + ownMark + " meta mark set 0");
+        // The router's own packets that the VRF's table leads into a tunnel. A tunnel's own have the
+        // mark of the packet inside.
         chain("classify_out", "route hook output priority mangle");
-        Texts tunnels;
-        for (const auto& [vrf, segment] : plan_.segments())
-            tunnels.insert(quoted(segment.tunnel.name.str()));
-        if (!tunnels.empty())
-            rule("classify_out", "oifname " + setOf(tunnels) + " ct mark " + ownMark +
+        rule("classify_out", std::string("meta mark ") + ownMark + " accept");
+        if (!tunnels_.empty())
+            rule("classify_out", "oifname " + setOf(tunnels_) + " ct mark " + ownMark +
                                      " meta mark set ct mark accept");
         for (const auto& [vrf, segment] : plan_.segments()) {
             classify("classify", "iifname " + setOf(interfacesOf(segment)), segment);
@@ -213,9 +216,9 @@ class Writer {
 
     void segments() {
         chain("segments", "filter hook forward priority mangle");
-        for (const auto& [vrf, segment] : plan_.segments())
-            rule("segments", "oifname " + quoted(segment.tunnel.name.str()) +
-                                 " tcp flags syn tcp option maxseg size set rt mtu");
+        if (!tunnels_.empty())
+            rule("segments",
+                 "tcp flags syn oifname " + setOf(tunnels_) + " tcp option maxseg size set rt mtu");
     }
 
     // Protected is what the kernel has decrypted or is to encrypt, and what charon does.
@@ -276,10 +279,11 @@ class Writer {
     }
 
     void counting() {
-        for (const auto& [set, ip] : {std::pair("packets4", "ip"), std::pair("packets6", "ip6")})
-            rule("tunnels_out", port_ + " meta mark " + ownMark +
-                                    " ct mark set meta mark update @" + set + " { meta mark . " +
-                                    ip + " saddr . " + ip + " daddr }");
+        for (const auto& [family, set, ip] :
+             {std::tuple("ipv4", "packets4", "ip"), std::tuple("ipv6", "packets6", "ip6")})
+            rule("tunnels_out", std::string("meta nfproto ") + family + " " + port_ +
+                                    " meta mark " + ownMark + " ct mark set meta mark update @" +
+                                    set + " { meta mark . " + ip + " saddr . " + ip + " daddr }");
     }
 
     const Nav::NavInputs& in_;
@@ -288,6 +292,7 @@ class Writer {
     Plan& plan_;
     const std::string& table_;
     std::string port_;  // matches the tunnels' packets
+    Texts tunnels_;     // the names of the tunnel devices
     std::ostringstream out_;
 };
 
