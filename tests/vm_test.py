@@ -8,7 +8,7 @@ import json
 import subprocess
 import tempfile
 
-from products import Products, await_, main
+from products import Products, await_, main, programs
 
 tempfile.tempdir = "/run"  # the root is an overlay, in which no file can be without a name
 remote = "198.51.100.2"
@@ -18,6 +18,22 @@ site = "10.255.0.2"
 def ip(commands, netns="router"):
     """Runs a batch, one command a line."""
     subprocess.run(["ip", "-n", netns, "-batch", "-"], input=commands, text=True, check=True)
+
+
+def unload(module):
+    """Removes a kernel module and what uses it. False while something of it exists."""
+    with open("/proc/modules", encoding="ascii") as file:
+        users = {line.split()[0]: line.split()[3] for line in file}
+    for user in users.get(module, "-").strip(",-").split(","):
+        if user:
+            unload(user)
+    return module not in users or subprocess.run(["rmmod", module], stderr=subprocess.DEVNULL).returncode == 0
+
+
+def loader_is(program):
+    """What the kernel runs to load a module."""
+    with open("/proc/sys/kernel/modprobe", "w", encoding="ascii") as file:
+        file.write(program)
 
 
 class VmTest(Products):
@@ -143,6 +159,24 @@ class VmTest(Products):
         self.navctl(directories[0], "del", "/forwardingConfig/site[10.255.0.2]/vrf[red]")
         await_("red is cut", lambda: answer("red1", "10.2.0.2") == "")
         self.assertEqual(answer("blue1", "10.2.0.2"), "blue2")
+
+    def test_a_kernel_without_vxlan_or_nftables_is_named(self):
+        forwarding = self.write(f"{self.directory}/forwarding.json",
+                                {"vrf": {"default": {"vni": 1, "address": "10.255.0.1/24"}}})
+        with open("/proc/sys/kernel/modprobe", encoding="ascii") as file:
+            self.processes.callback(loader_is, file.read())
+        for module, reason in (("vxlan", r"VXLAN devices \(kernel module vxlan\)"), ("nf_tables", "nftables: .+")):
+            loader_is("/bin/false")
+            await_(f"{module} is not loaded", lambda m=module: unload(m))
+            links = subprocess.check_output(["ip", "-n", "router", "link"])
+            refused = subprocess.run(
+                ["ip", "netns", "exec", "router", programs["nav-agent"], "--platform", "linux",
+                 "--run-dir", self.directory, "--forwarding", forwarding],
+                text=True, capture_output=True, timeout=60)
+            self.assertEqual(refused.returncode, 1)
+            self.assertRegex(refused.stderr, f"forwarding requires {reason}")
+            self.assertEqual(subprocess.check_output(["ip", "-n", "router", "link"]), links)
+            subprocess.run(["modprobe", module], check=True)
 
     def test_a_port_enslaved_and_released(self):
         ip("link add red type vrf table 10\nlink set red up")
