@@ -121,7 +121,7 @@ TEST_F(ObjectsInKernel, AreWhatIsWantedAfterAnyChanges) {
     int whole = 0;  // rounds without a refusal; a device made anew has another index than planned
     for (int round = 0; round < 150; ++round) {
         const Objects before = std::exchange(wanted, round == 149 ? Objects() : some());
-        std::set<ObjectKey> keys;
+        ObjectKeys keys;
         for (const auto& [key, object] : before) keys.insert(key);
         for (const auto& [key, object] : wanted) keys.insert(key);
         for (const auto& [key, object] : writer.present()) keys.insert(key);
@@ -160,7 +160,7 @@ TEST_F(ObjectsInKernel, ANexthopThatGoesIsDivertedToOneThatAllItsGroupsAreToHave
         }
     };
     ObjectWriter writer;
-    std::set<ObjectKey> keys;
+    ObjectKeys keys;
     const auto apply = [&](const Objects& wanted) {
         for (const auto& [key, object] : wanted) keys.insert(key);
         writer.apply(wanted, keys);

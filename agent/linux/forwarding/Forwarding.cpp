@@ -12,7 +12,7 @@ namespace Agent::Linux {
 namespace {
 
 void removeAll(ObjectWriter& kernel, Nftables& nftables) {
-    std::set<ObjectKey> keys;
+    ObjectKeys keys;
     for (const auto& [key, object] : kernel.present()) keys.insert(key);
     kernel.apply({}, keys);
     nftables.run(std::string("delete table ") + nftTable);
@@ -223,7 +223,7 @@ void Forwarding::commit() {
     plan_.replanAnyPaths(std::exchange(sites_, {}));
     plan_.replanGroups(std::exchange(groups_, {}));
     if (adopting_ && allPathsProgrammed()) endAdoption();
-    std::set<ObjectKey> keys = plan_.takeChanged();
+    ObjectKeys keys = plan_.takeChanged();
     if (std::exchange(compareAll_, false)) {
         if (!kernel_.read()) retry_.armIn(retryTime);
         for (const auto& [key, object] : plan_.wanted()) keys.insert(key);
@@ -243,7 +243,7 @@ bool Forwarding::removes(const ObjectKey& key) const {
     return kernel_.present(key) && !plan_.wanted().contains(key);
 }
 
-bool Forwarding::removesNexthop(const std::set<ObjectKey>& keys) const {
+bool Forwarding::removesNexthop(const ObjectKeys& keys) const {
     return std::ranges::any_of(keys, [this](const ObjectKey& key) {
         return std::holds_alternative<Nexthop::Key>(key) && removes(key);
     });
@@ -264,7 +264,7 @@ void Forwarding::handleRulesetDue() {
 }
 
 // One batch if something is removed, which may still be in a group, or is put back.
-void Forwarding::apply(std::set<ObjectKey> keys) {
+void Forwarding::apply(ObjectKeys keys) {
     keys.merge(toReplace_);
     toReplace_.clear();
     if (!tampered_ &&

@@ -111,13 +111,13 @@ class Forwarding {
     MemberChoice::User choiceUser();
     void commitLater();
     void commit();
-    void apply(std::set<ObjectKey> keys);
+    void apply(ObjectKeys keys);
     void replaceGroups();
     bool removes(const ObjectKey& key) const;
     VrfRoutes::Read readRoutes(RequestSocket& requests, VrfRoutes& routes) const;
     void readRoutes();
     uint16_t choosePort();
-    bool removesNexthop(const std::set<ObjectKey>& keys) const;
+    bool removesNexthop(const ObjectKeys& keys) const;
     void applyRulesetLater();
     void handleRulesetTimer();
     void handleRulesetDue();
@@ -141,12 +141,12 @@ class Forwarding {
     bool adopting_ = false;
     // Work for the next commit.
     bool compareAll_ = false, replanAll_ = false, readRoutes_ = false, replanSites_ = false;
-    bool rulesetDue_ = false;             // what the rules depend on may have changed
-    bool tampered_ = false;               // with the agent's objects, by somebody else
-    std::set<Netz::IpGenAddr> sites_;     // whose set of paths has changed
-    std::set<Nav::LbProfileKey> groups_;  // whose members may have changed
-    std::set<ObjectKey> toReplace_;       // groups
-    ObjectKey replaced_;                  // the last of them
+    bool rulesetDue_ = false;          // what the rules depend on may have changed
+    bool tampered_ = false;            // with the agent's objects, by somebody else
+    std::set<Netz::IpGenAddr> sites_;  // whose set of paths has changed
+    Plan::LbKeys groups_;              // whose members may have changed
+    ObjectKeys toReplace_;             // groups
+    ObjectKey replaced_;               // the last of them
     Loom::Task commit_;
     Loom::Timer replace_, ruleset_, newPaths_, adoption_, retry_, repair_;
     Vel::Subscription port_;

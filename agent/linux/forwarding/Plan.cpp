@@ -124,7 +124,7 @@ Plan::Segments Plan::segmentsIn(const InterfaceView& view) const {
     return segments;
 }
 
-std::set<ObjectKey> Plan::takeChanged() {
+ObjectKeys Plan::takeChanged() {
     for (const IpGenAddr& source : std::exchange(sources_, {}))
         planSource(source), planIkeSource(source);
     return std::exchange(changed_, {});
@@ -378,7 +378,7 @@ bool Plan::replaceMembers(const NexthopGroup& group) {
 }
 
 // A link that fails changes all groups, but hardly a route.
-void Plan::replanGroups(const std::set<Nav::LbProfileKey>& keys) {
+void Plan::replanGroups(const LbKeys& keys) {
     std::set<IpGenAddr> sites;  // to be replanned with their routes
     std::unordered_set<uint32_t> done;
     for (const Nav::LbProfileKey& key : keys)

@@ -29,6 +29,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <unordered_set>
 #include <variant>
 
 #include "agent/linux/forwarding/Numbers.h"
@@ -94,6 +95,13 @@ class Plan {
     Plan(const Nav::NavInputs& inputs, ForwardingPtr config, const VrfRoutes& routes,
          const MemberChoice& choice);
 
+    struct LbKeyHash {
+        size_t operator()(const Nav::LbProfileKey& key) const {
+            return Vel::Codec<Nav::LbProfileKey>::mix(key);
+        }
+    };
+    using LbKeys = std::unordered_set<Nav::LbProfileKey, LbKeyHash>;
+
     using Segments = std::map<L3::VrfName, Segment>;
     // The configured segments whose VRF exists.
     Segments segmentsIn(const InterfaceView& view) const;
@@ -114,12 +122,12 @@ class Plan {
     void securedIs(uint32_t pathIndex, const PathHop& hop);
     void securedDel(uint32_t pathIndex);
     void replanSites();  // all of them, and what they leave to others' routes
-    void replanGroups(const std::set<Nav::LbProfileKey>& keys);
+    void replanGroups(const LbKeys& keys);
     void replanAnyPaths(const std::set<Netz::IpGenAddr>& sites);
 
     const Objects& wanted() const { return wanted_; }
     // Completes the plan, and returns the keys that it has changed since the last call.
-    std::set<ObjectKey> takeChanged();
+    ObjectKeys takeChanged();
 
     const Segments& segments() const { return segments_; }
     uint16_t udpPort() const { return udpPort_; }
@@ -207,8 +215,8 @@ class Plan {
     std::map<Slice, std::vector<ObjectKey>> slices_;
     // The slice that planned each key of wanted_ last: a prefix that moves to another site is in
     // both slices until the second of them is replaced.
-    std::map<ObjectKey, Slice> owners_;
-    std::set<ObjectKey> changed_;
+    std::map<ObjectKey, Slice, KeyOrder> owners_;
+    ObjectKeys changed_;
     // Whose tables takeChanged() plans: once for all paths of a link that fails.
     std::set<Netz::IpGenAddr> sources_;
 };

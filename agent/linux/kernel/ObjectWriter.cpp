@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <fstream>
 #include <optional>
+#include <unordered_map>
 
 #include "agent/linux/kernel/LinuxTrace.h"
 #include "agent/linux/kernel/ObjectDump.h"
@@ -38,16 +39,19 @@ void allowForwarding(const Netz::IntfId& name) {
 // their groups are to replace them: each with its own id, but otherwise equal to that one. Empty if
 // to replace the groups is as quick.
 std::vector<Nexthop> diversions(const Objects& present, const Objects& wanted,
-                                const std::set<ObjectKey>& keys) {
+                                const ObjectKeys& keys) {
     std::map<uint32_t, std::optional<std::vector<uint32_t>>> common;  // by the id of a removed one
     for (const ObjectKey& key : keys)
         if (const auto* removed = std::get_if<Nexthop::Key>(&key))
             if (!wanted.contains(key) && present.contains(key)) common[removed->id];
     if (common.empty()) return {};
+    std::unordered_map<uint32_t, bool> staying;
     const auto stays = [&](uint32_t id) {
+        const auto [at, isNew] = staying.try_emplace(id);
+        if (!isNew) return at->second;
         const auto* nexthop = find<Nexthop>(present, Nexthop::Key{id});
         const auto* planned = find<Nexthop>(wanted, Nexthop::Key{id});
-        return nexthop && planned && *nexthop == *planned;
+        return at->second = nexthop && planned && *nexthop == *planned;
     };
     size_t groups = 0;
     std::vector<uint32_t> order;  // those of one group follow each other
@@ -108,7 +112,7 @@ bool ObjectWriter::read() {
     return objects.has_value();
 }
 
-size_t ObjectWriter::apply(const Objects& wanted, const std::set<ObjectKey>& keys, Scope scope) {
+size_t ObjectWriter::apply(const Objects& wanted, const ObjectKeys& keys, Scope scope) {
     size_t changes = scope == Scope::all ? divert(wanted, keys) : 0;
     for (const ObjectKey& key : keys) {
         const auto object = wanted.find(key);
@@ -131,7 +135,7 @@ size_t ObjectWriter::apply(const Objects& wanted, const std::set<ObjectKey>& key
     return changes + commit();
 }
 
-size_t ObjectWriter::divert(const Objects& wanted, const std::set<ObjectKey>& keys) {
+size_t ObjectWriter::divert(const Objects& wanted, const ObjectKeys& keys) {
     for (const Nexthop& nexthop : diversions(present_, wanted, keys)) make(nexthop, true);
     return commit();
 }

@@ -27,13 +27,13 @@ class ObjectWriter {
     };
 
     // Objects that the kernel has refused, by key, with its reason.
-    using Refused = std::map<ObjectKey, std::string>;
+    using Refused = std::map<ObjectKey, std::string, KeyOrder>;
 
     // Reads the agent's objects from the kernel. False if that fails: then present() is as before.
     bool read();
     // Makes the objects of the given keys equal to those in `wanted`; removes those that `wanted`
     // lacks. Returns the number of changes sent.
-    size_t apply(const Objects& wanted, const std::set<ObjectKey>& keys, Scope scope = Scope::all);
+    size_t apply(const Objects& wanted, const ObjectKeys& keys, Scope scope = Scope::all);
 
     // The UDP ports of the agent's tunnel devices: one for those of all VRFs, except while it
     // changes.
@@ -47,7 +47,7 @@ class ObjectWriter {
     const Refused& refused() const { return refused_; }
 
   private:
-    size_t divert(const Objects& wanted, const std::set<ObjectKey>& keys);
+    size_t divert(const Objects& wanted, const ObjectKeys& keys);
     void make(const Object& object, bool exists);
     void makeTunnel(const Tunnel& wanted, const Tunnel* present);
     void remove(const ObjectKey& key);
