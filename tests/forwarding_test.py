@@ -488,12 +488,20 @@ class ForwardingTest(LabCase):
             await_("the port is named", lambda: f"UDP port {port + 5} is in use" in str(self.refused(1)))
             self.assertEqual(objects(lab, 1), before)
         await_("the port is taken", lambda: not self.refused(1) and lab.paths_up(1) == 4)
-        shown = self.shown(1, "show", "forwarding")
-        somebodys = f"10.2.0.0/16 dev lan metric 110 proto static table {shown['applications'][0]['table']}"
+        taken = self.shown(1, "show", "forwarding")["applications"][0]["table"]
+        somebodys = f"10.2.0.0/16 dev lan metric 110 proto static table {taken}"
+        self.assertEqual(lab.end_agent(1), 0)
+        lab.ip("router1", f"link add {tunnel} type veth peer name nobodys\nlink set {tunnel} up\nlink set nobodys up")
+        lab.start_agent(1)
+        await_("the device is named", lambda: self.refused(1).get(f"link {tunnel}") == "File exists")
+        await_("the paths are known", lambda: len(self.shown(1, "show", "paths")["navPathSelPaths"]) == 4)
+        self.assertEqual(lab.run("router1", "ip", "nexthop", "show", "dev", tunnel), "")
         self.assertEqual(lab.end_agent(1), 0)
         lab.ip("router1", f"route add {somebodys}")
         lab.start_agent(1)
-        await_("the route is named", lambda: list(self.refused(1).values()) == ["File exists"])
+        await_("the agent has a table of its own", lambda: lab.paths_up(1) == 4)
+        self.assertNotIn(f"'table': {taken}", str(self.shown(1, "show", "forwarding")))
+        self.assertIn(f"Table {taken} has routes of others", lab.log(1))
         lab.ip("router1", f"route del {somebodys}")  # fails unless it is as it was
         await_("the route is made", lambda: not self.refused(1))
 

@@ -52,6 +52,9 @@ Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, Kerne
       rules_(*this, *in_.navStatusDir, Nav::NavStatusDir::navRuleStatusAttr),
       choice_(inputs, quality, choiceUser()) {
     if (!kernel_.read()) throw Vel::Error("netlink: the kernel's next hops cannot be read");
+    for (const uint32_t table : tablesOfOthers(requests_))
+        if (plan_.reserve(table))
+            DUOLOG(linuxTrace, 4, "Table ", table, " has routes of others; it is left to them");
     monitor_.ownPortIs(kernel_.port());
     adopting_ = !kernel_.present().empty();
     if (adopting_) {

@@ -28,6 +28,11 @@ class Numbers {
             if (used_.insert(place).second) return at->second = first + place;
     }
 
+    // The number, if it is one of these, is somebody else's. Returns whether it is one.
+    bool reserve(uint32_t number) {
+        return number >= first && number - first < count && used_.insert(number - first).second;
+    }
+
   private:
     std::unordered_map<uint64_t, uint32_t> numbers_;
     std::unordered_set<uint32_t> used_;  // places, from 0 to count - 1

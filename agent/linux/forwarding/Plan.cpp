@@ -118,8 +118,8 @@ Plan::Segments Plan::segmentsIn(const InterfaceView& view) const {
                           .mtu = config.mtu() != 0 ? config.mtu() : mtu,
                           .master = vrf->index,
                           .address = config.address()};
-        if (const Interface* device = view.named(segment.tunnel.name))
-            segment.tunnelIndex = device->index;
+        const Interface* device = view.named(segment.tunnel.name);
+        if (device && device->group == ownLinkGroup) segment.tunnelIndex = device->index;
     }
     return segments;
 }

@@ -50,7 +50,7 @@ struct Segment {
     uint32_t table = 0;  // of the VRF
     uint32_t vni = 0;
     Tunnel tunnel;
-    uint32_t tunnelIndex = 0;  // 0: the device does not exist yet
+    uint32_t tunnelIndex = 0;  // 0: the device does not exist, or is somebody else's
 
     bool operator==(const Segment&) const = default;
 };
@@ -101,6 +101,10 @@ class Plan {
         }
     };
     using LbKeys = std::unordered_set<Nav::LbProfileKey, LbKeyHash>;
+
+    // No object gets the number. Returns whether one might have got it. REQUIRES: nothing is
+    // planned.
+    bool reserve(uint32_t number) { return numbers_.reserve(number); }
 
     using Segments = std::map<L3::VrfName, Segment>;
     // The configured segments whose VRF exists.

@@ -61,12 +61,13 @@ void LinkState::applyLink(const Message& message) {
     }
     // Every message describes the whole link: a missing attribute has been removed.
     Netz::IntfId name;
-    uint32_t mtu = 0, master = 0;
+    uint32_t mtu = 0, group = 0, master = 0;
     std::optional<uint32_t> vrfTable;
     for (const NetlinkAttribute& attribute : attributesAfter<ifinfomsg>(message)) {
         if (attribute.type == IFLA_IFNAME)
             name = Netz::IntfId::parse(attribute.text()).value_or(Netz::IntfId());
         if (attribute.type == IFLA_MTU) mtu = attribute.u32().value_or(0);
+        if (attribute.type == IFLA_GROUP) group = attribute.u32().value_or(0);
         if (attribute.type == IFLA_MASTER) master = attribute.u32().value_or(0);
         if (attribute.type == IFLA_LINKINFO) vrfTable = vrfTableOf(attribute.data);
     }
@@ -75,6 +76,7 @@ void LinkState::applyLink(const Message& message) {
     link.name = name;
     link.flags = header->ifi_flags;
     link.mtu = mtu;
+    link.group = group;
     link.master = master;
     link.vrfTable = vrfTable;
 }
@@ -138,6 +140,7 @@ InterfaceView LinkState::view() const {
         interface.index = index;
         interface.name = link.name;
         interface.mtu = link.mtu;
+        interface.group = link.group;
         interface.up = (link.flags & upFlags) == upFlags;
         const auto vrf = vrfs.find(link.vrfTable ? index : link.master);
         interface.vrf = vrf != vrfs.end() ? vrf->second : defaultVrf;

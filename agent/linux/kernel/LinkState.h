@@ -33,7 +33,8 @@ struct Interface {
     Netz::IntfId name;
     // Administratively up and operational (RFC 2863): IFF_UP, IFF_RUNNING and IFF_LOWER_UP.
     bool up = false;
-    uint32_t mtu = 0;  // bytes
+    uint32_t mtu = 0;    // bytes
+    uint32_t group = 0;  // of links, IFLA_GROUP
     // The VRF device that is its master, or the interface itself; otherwise "default", with id 0. A
     // bridge or bond in between hides the VRF from its ports, which have no addresses themselves.
     Vrf vrf;
@@ -80,6 +81,7 @@ class LinkState {
         Netz::IntfId name;  // empty while only addresses of this link have been announced
         uint32_t flags = 0;
         uint32_t mtu = 0;
+        uint32_t group = 0;
         uint32_t master = 0;
         std::optional<uint32_t> vrfTable;  // of a VRF device
         std::vector<Address> addresses;    // per family in the order in which they became primary

@@ -209,4 +209,18 @@ std::optional<Objects> readObjects(RequestSocket& requests) {
     return {};
 }
 
+std::set<uint32_t> tablesOfOthers(RequestSocket& requests) {
+    std::set<uint32_t> tables;
+    for (const unsigned char family : {AF_INET, AF_INET6}) {
+        rtmsg routes{};
+        routes.rtm_family = family;
+        dump(requests, RTM_GETROUTE, routes, [&](const Message& message) {
+            const auto header = message.header<rtmsg>();
+            const auto entry = fibEntryOf(message);
+            if (header && entry && header->rtm_protocol != ownProtocol) tables.insert(entry->table);
+        });
+    }
+    return tables;
+}
+
 }  // namespace Agent::Linux

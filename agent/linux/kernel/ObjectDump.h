@@ -9,4 +9,7 @@ namespace Agent::Linux {
 // Nothing if the kernel refuses, or if objects changed during each of four attempts.
 std::optional<Objects> readObjects(RequestSocket& requests);
 
+// The tables in which others have routes.
+std::set<uint32_t> tablesOfOthers(RequestSocket& requests);
+
 }  // namespace Agent::Linux
