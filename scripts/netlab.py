@@ -180,7 +180,8 @@ class Lab:
                         "net.ipv6.conf.all.keep_addr_on_down=1",
                         "net.ipv4.fib_multipath_hash_policy=1",
                         "net.ipv6.fib_multipath_hash_policy=1",
-                        "net.ipv4.ip_unprivileged_port_start=862"]
+                        "net.ipv4.ip_unprivileged_port_start=862",
+                        f"net.ipv4.nexthop_compat_mode={int(name == 'router3')}"]  # works with either
             self.run(name, "sysctl", "-qw", *(settings if not name.startswith("host") else settings[2:3]))
             self.ip(name, "link set lo up")
         for site in sites:
@@ -213,14 +214,23 @@ class Lab:
         # different indices; else up to a second later.
         self.ip(provider,
                 f"link add site{site} index {100 + site} type veth peer name {provider} "
-                f"netns {self.place(f'router{site}')}\n"
+                f"address 02:00:00:00:{table}:{site:02} netns {self.place(f'router{site}')}\n"
                 f"link set site{site} up\naddr add {there}/{length} dev site{site}")
         family = "-6" if v6 else "-4"
         self.ip(f"router{site}",
                 f"link set {provider} up\naddr add {here}/{length} dev {provider}\n"
                 f"route add default via {there} metric {100 * (table - 10)}\n"
                 f"route add default via {there} table {table}")
-        self.run(f"router{site}", "ip", family, "rule", "add", "from", here, "lookup", str(table))
+        # Without a priority it would come before the rules of an agent that runs.
+        self.run(f"router{site}", "ip", family, "rule", "add", "from", here, "lookup", str(table),
+                 "priority", "32765")
+
+    def rewire(self, provider, site):
+        """Replaces the link between a provider and a router by another one, as a driver may."""
+        self.ip(provider, f"link del site{site}")
+        self.run(f"router{site}", "ip", "-6" if provider in self.v6_outside else "-4", "rule", "del",
+                 "lookup", str(providers[provider]))
+        self._wire_provider(provider, site)
 
     def renumber(self, provider, site, address):
         """Gives a router another address at a provider (IPv4), as DHCP may."""
@@ -229,7 +239,6 @@ class Lab:
                 f"addr flush dev {provider} scope global\naddr add {address}/28 dev {provider}\n"
                 f"route add default via {via} dev {provider} metric {100 * (table - 10)}\n"
                 f"route add default via {via} dev {provider} table {table}\n"
-                # Without a priority it would come before the agent's rules.
                 f"rule add from {address} lookup {table} priority 32765")
 
     def translate(self, provider, site, address):

@@ -156,8 +156,10 @@ void Forwarding::interfacesChanged() {
 }
 
 void Forwarding::routeChanged(const Message& message) {
-    if (!routes_.apply(message)) return;
-    replanSites_ = true;
+    const bool changed = routes_.apply(message);
+    if (!changed && !routes_.outdated()) return;
+    replanSites_ |= changed;
+    readRoutes_ |= routes_.outdated();
     commitLater();
 }
 

@@ -61,7 +61,7 @@ class Forwarding {
     // The configuration has changed.
     void replan();
     void interfacesChanged();
-    // A route that the agent did not install has changed.
+    // A route or a next-hop object that the agent did not install has changed.
     void routeChanged(const Message& message);
     // Compares all objects with the kernel's and restores the difference.
     void repair();

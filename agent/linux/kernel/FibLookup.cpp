@@ -78,31 +78,6 @@ void finish(RouteResult& result) {
     std::ranges::sort(result.vias);
 }
 
-// The vias of a destination through a next-hop object.
-template <class Objects>
-RouteResult expand(const Objects& objects, uint32_t id, const Netz::IpGenAddr& destination) {
-    const auto object = objects.find(id);
-    if (object == objects.end()) return {};
-    RouteResult result{object->second.blackhole ? Kind::unreachable : Kind::forwarded, {}};
-    auto add = [&](const NexthopObject& nexthop, uint32_t weight) {
-        if (nexthop.dead || !nexthop.group.empty()) return;
-        RouteVia via = nexthop.via;
-        if (via.onLink) via.hop = destination;
-        via.weight = weight;
-        result.vias.push_back(via);
-    };
-    add(object->second, 1);
-    for (const NexthopObject::Member& member : object->second.group) {
-        const auto hop = objects.find(member.id);
-        if (hop == objects.end()) continue;
-        if (hop->second.blackhole)
-            return {Kind::unreachable, {}};  // a blackhole is the only member of its group
-        add(hop->second, member.weight);
-    }
-    finish(result);
-    return result;
-}
-
 }  // namespace
 
 std::optional<FibEntry> fibEntryOf(const Message& message) {
@@ -188,6 +163,29 @@ NexthopObject parseNexthop(const Message& message) {
     return object;
 }
 
+RouteResult expand(const NexthopObjects& objects, uint32_t id, const Netz::IpGenAddr& destination) {
+    const auto object = objects.find(id);
+    if (object == objects.end()) return {};
+    RouteResult result{object->second.blackhole ? Kind::unreachable : Kind::forwarded, {}};
+    auto add = [&](const NexthopObject& nexthop, uint32_t weight) {
+        if (nexthop.dead || !nexthop.group.empty()) return;
+        RouteVia via = nexthop.via;
+        if (via.onLink) via.hop = destination;
+        via.weight = weight;
+        result.vias.push_back(via);
+    };
+    add(object->second, 1);
+    for (const NexthopObject::Member& member : object->second.group) {
+        const auto hop = objects.find(member.id);
+        if (hop == objects.end()) continue;
+        if (hop->second.blackhole)
+            return {Kind::unreachable, {}};  // a blackhole is the only member of its group
+        add(hop->second, member.weight);
+    }
+    finish(result);
+    return result;
+}
+
 // With a source address, the kernel treats the output interface of an IPv6 request as a preference
 // only, so the route through another interface may hide the requested one; without it, as a
 // condition.
@@ -244,7 +242,7 @@ std::vector<RouteResult> FibLookup::ask(std::span<const RouteQuery> queries) {
             if (reply.nexthopId != 0) unresolved.push_back(reply.nexthopId);
         });
     if (unresolved.empty()) return results;
-    const Objects objects = nexthops(unresolved);
+    const NexthopObjects objects = nexthops(unresolved);
     for (size_t i = 0; i < queries.size(); ++i)
         if (ids[i] != 0) {
             RouteResult expanded = expand(objects, ids[i], queries[i].destination);
@@ -254,8 +252,8 @@ std::vector<RouteResult> FibLookup::ask(std::span<const RouteQuery> queries) {
     return results;
 }
 
-FibLookup::Objects FibLookup::nexthops(std::span<const uint32_t> ids) {
-    Objects objects;
+NexthopObjects FibLookup::nexthops(std::span<const uint32_t> ids) {
+    NexthopObjects objects;
     std::vector<uint32_t> wanted(ids.begin(), ids.end());
     // A group has no groups among its members, so this asks twice at most.
     while (!wanted.empty()) {

@@ -92,17 +92,21 @@ struct NexthopObject {
 };
 NexthopObject parseNexthop(const Message& message);
 
+using NexthopObjects = std::map<uint32_t, NexthopObject>;  // by id
+// The vias of a destination through one of them; `failed` if it does not exist.
+RouteResult expand(const NexthopObjects& objects, uint32_t id, const Netz::IpGenAddr& destination);
+
 class FibLookup {
   public:
     explicit FibLookup(RequestSocket& requests) : requests_(requests) {}
 
     // One result per query, in their order. The requests share system calls.
     std::vector<RouteResult> lookup(std::span<const RouteQuery> queries);
+    // Those next-hop objects that exist, and the members of the groups among them.
+    NexthopObjects nexthops(std::span<const uint32_t> ids);
 
   private:
-    using Objects = std::map<uint32_t, NexthopObject>;
     std::vector<RouteResult> ask(std::span<const RouteQuery> queries);
-    Objects nexthops(std::span<const uint32_t> ids);
 
     RequestSocket& requests_;
 };

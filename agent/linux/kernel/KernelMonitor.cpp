@@ -100,6 +100,7 @@ void KernelMonitor::handleEvent(const Message& message) {
         case RTM_DELNEXTHOP:
             if (message.header<nhmsg>().value_or(nhmsg{}).nh_protocol == ownProtocol)
                 return handleOwn(message);
+            listener_.onRoute(message);
             return anythingChanged();
         // A VNI of a tunnel device; the kernel does not say who removed it.
         case RTM_DELTUNNEL:

@@ -54,7 +54,7 @@ class KernelMonitor {
         // Somebody else has removed or changed a route, rule or next hop that bears `ownProtocol`.
         // Called as the event is read. Not called after an overrun, which onForwarding follows.
         std::function<void()> onOwnChanged = [] {};
-        // A route of somebody else's has come, changed or gone.
+        // A route or a next-hop object of somebody else's has come, changed or gone.
         std::function<void(const Message&)> onRoute = [](const Message&) {};
     };
     struct Counters {
