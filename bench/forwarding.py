@@ -58,6 +58,7 @@ class Observer:
         threading.Thread(target=self._receive, daemon=True).start()
 
     def _receive(self):
+        os.sched_setscheduler(0, os.SCHED_FIFO, os.sched_param(1))  # or a time may be later than its event
         while True:
             data = self.socket.recv(1 << 16)
             self.events.append((time.monotonic(), data))
