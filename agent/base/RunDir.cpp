@@ -56,6 +56,12 @@ sockaddr_un socketAddress(const std::string& path) {
     return address;
 }
 
+bool groupIs(const std::string& path, gid_t group) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 &&
+           (status.st_gid == group || chown(path.c_str(), static_cast<uid_t>(-1), group) == 0);
+}
+
 RunDir::RunDir(std::string path) : path_(std::move(path)) {
     if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) fail(path_);
     struct stat status;
@@ -85,8 +91,7 @@ RunDir::RunDir(std::string path, const std::string& group) : RunDir(std::move(pa
     if (group.empty()) return;
     const struct group* entry = getgrnam(group.c_str());
     if (!entry) throw RunDirError("group " + group + ": not found");
-    if (chown(path_.c_str(), static_cast<uid_t>(-1), entry->gr_gid) != 0 ||
-        chmod(path_.c_str(), 0750) != 0)
+    if (!groupIs(path_, entry->gr_gid) || chmod(path_.c_str(), 0750) != 0)
         fail(path_ + ": cannot give it to group " + group);
 }
 

@@ -29,6 +29,10 @@ std::string clientRunDir();
 // The address of a Unix socket; throws RunDirError if the path is too long (107 bytes).
 sockaddr_un socketAddress(const std::string& path);
 
+// Gives a file to a group unless it belongs to it: the agent's service may not call chown(2) at all.
+// False, with errno, if it cannot.
+bool groupIs(const std::string& path, gid_t group);
+
 class RunDir {
   public:
     // Creates the directory (mode 0700) if it is missing, and takes its lock. Throws RunDirError if

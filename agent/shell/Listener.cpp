@@ -21,7 +21,7 @@ int listeningSocket(const std::string& path) {
     // The mode is set before the first client can connect: nobody connects before listen().
     if (descriptor >= 0 &&
         bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        (!forGroup || chown(path.c_str(), static_cast<uid_t>(-1), directory.st_gid) == 0) &&
+        (!forGroup || groupIs(path, directory.st_gid)) &&
         chmod(path.c_str(), forGroup ? 0660 : 0600) == 0) {
         return descriptor;
     }
