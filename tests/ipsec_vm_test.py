@@ -6,7 +6,7 @@ import tempfile
 
 from products import LabCase, main  # which adds scripts/ to the path
 
-from netlab import Lab, await_, host, providers, sites  # noqa: E402
+from netlab import Lab, await_, host, outside, providers, router, sites  # noqa: E402
 
 tempfile.tempdir = "/dev/shm"  # the root is an overlay, and charons have a /run of their own
 web = 443  # prefers the internet
@@ -59,7 +59,13 @@ class IpsecVmTest(LabCase):
         goals = [(stream, len(stream.sent) + 10) for stream in self.traffic.streams]
         await_("packets arrive", lambda: all(each.latest > goal for each, goal in goals), every=0.1)
 
-    def test_rekeying_kills_and_a_bad_link(self):
+    def probes(self):
+        """(answered, lost) of the secured paths."""
+        return [(row["answered"], row["lost"]) for site in (1, 2)
+                for row in self.shown(site, "show", "forwarding")["probes"]["paths"]
+                if row["source"] == outside("internet", site)]
+
+    def test_rekeying_kills_a_bad_link_and_a_nat(self):
         for site in 1, 2:
             self.lab.start_charon(site)
             self.lab.start_agent(site)
@@ -67,17 +73,22 @@ class IpsecVmTest(LabCase):
             self.traffic.stream("web", (f"host{sender}", host(sender)),
                                 (f"host{receiver}", host(receiver), web), 50)
         self.await_settled()
-        first, old = self.firsts(), self.associations(1)
+        await_("paths are probed", lambda: all(answered > 20 for answered, _ in self.probes()), every=1)
+        first, old, probed = self.firsts(), self.associations(1), self.probes()
         for site in 1, 2:
             self.lab.swanctl(site, "--rekey", "--child-id", "1")
+            self.lab.swanctl(site, "--rekey", "--ike", "Path1")
         await_("new keys are used", lambda: not old & self.associations(1), every=1)
+        self.await_settled()
+        await_("probes are answered", every=1, condition=lambda: all(
+            now > before + 20 for (now, _), (before, _) in zip(self.probes(), probed)))
+        self.assertEqual([lost for _, lost in self.probes()], [lost for _, lost in probed])
         self.kill(1)
         self.await_settled()
         self.assert_nothing_lost(self.traffic.streams, first)
         # Charon does not notice that the kernel has lost its policies; the agent's rules drop the packets.
         self.lab.ip("router1", "xfrm policy flush")
-        await_("the path is dead", lambda: "is dead: IPsec does not protect" in self.lab.log(1), every=1)
-        self.assertIn("IPsec does not protect its packets", self.lab.navctl(1, "explain").stdout)
+        await_("the path is dead", lambda: " is dead: " in self.lab.log(1), every=1)
         self.lab.swanctl(1, "--terminate", "--ike", "Path1", "--timeout", "5")
         self.await_settled()
         self.assertNotIn("cannot be sent", self.lab.log(1))
@@ -90,6 +101,16 @@ class IpsecVmTest(LabCase):
                 self.lab.start_charon(site)
                 self.lab.start_agent(site)
             self.await_settled()
+        # The first site is behind a NAT from now on.
+        self.lab.translate("internet", 1, "203.0.113.9")
+        configuration = self.lab.configuration(2)
+        configuration["pathGroupConfig"]["internet"]["remoteViaConfig"][router(1)] = {
+            "remoteVia": ["203.0.113.9"]}
+        for site, paths in (1, self.lab.configuration(1)), (2, configuration):
+            self.lab.configure(site, paths, ipsec=self.lab.ipsec(localId=f"router{site}", remoteId="%any"))
+        await_("the path leads through the NAT", lambda: "remote-host=203.0.113.9" in self.lab.swanctl(
+            2, "--list-sas", "--raw"), every=1)
+        self.await_settled()
         self.assertEqual(self.lab.clear("internet"), {})
         for site in 1, 2:
             self.assertEqual(self.lab.end_agent(site), 0)
