@@ -138,8 +138,9 @@ class VEL_EXPORT Entity : public Object {
     // For elements and items alike. What is removed lives until the subscribers were called.
     template <class Store, class Key>
     void keyDel(Store& store, Ordinal attribute, const Key& key) {
-        auto [found, item] = store.take(key);
-        if (!found) return;
+        auto taken = store.take(key);
+        if (!taken.first) return;
+        auto& item = taken.second;  // not a structured binding, which clang 14 refuses below
         if constexpr (requires { item->removed(); }) static_cast<Entity&>(*item).removed_ = true;
         changed(attribute, &Store::keyIn(item));
     }
