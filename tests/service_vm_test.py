@@ -1,0 +1,180 @@
+"""The packages on a Debian router from their installation to their purge, under systemd on Debian's own
+kernel: service_vm_test.py BUILD_DIR SOURCE_DIR, in the virtual machine of `scripts/vm --systemd`, with the
+packages in BUILD_DIR/packages.
+
+The service is the agent of site 1 of the laboratory. Whatever becomes of it, packets from site 1 to site 2
+arrive.
+"""
+import contextlib
+import glob
+import json
+import os
+import re
+import signal
+import subprocess
+import tempfile
+import unittest
+
+from products import Lab, Traffic, await_, build, main
+from netlab import host
+
+tempfile.tempdir = "/run"  # the root is an overlay, in which no file can be without a name
+names = "libnav1", "nav-agent", "navctl"
+CAP_NET_ADMIN = 12
+
+
+def run(*command):
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        raise RuntimeError(f"{' '.join(command)}: {(done.stdout + done.stderr)[-2000:]}")
+    return done.stdout.strip()
+
+
+def shown(what):
+    return run("systemctl", "show", "--value", f"--property={what}", "nav-agent.service")
+
+
+def journal():
+    return run("journalctl", "--no-pager", "--output=cat", "--unit=nav-agent.service")
+
+
+def earlier(package, directory):
+    """The same package as of an earlier version."""
+    tree = f"{directory}/{os.path.basename(package)}"
+    run("dpkg-deb", "--raw-extract", package, tree)
+    with open(f"{tree}/DEBIAN/control", "r+", encoding="utf-8") as file:
+        control = file.read()
+        version = re.search(r"^Version: (.*)$", control, re.M)[1]
+        file.seek(0)
+        file.write(re.sub(rf"(Version: |= ){re.escape(version)}\b", rf"\g<1>{version}~earlier", control))
+    run("dpkg-deb", "--build", "-Znone", tree, f"{tree}.deb")
+    return f"{tree}.deb"
+
+
+class ServiceVmTest(unittest.TestCase):
+    purged = False
+
+    def setUp(self):
+        # dpkg knows which packages this machine has, but not their files and triggers: to read those, and
+        # to rebuild the databases of these, would take minutes.
+        with open("/var/lib/dpkg/status", encoding="utf-8") as file:
+            status = file.read()
+        run("mount", "-t", "tmpfs", "tmpfs", "/var/lib/dpkg")
+        for part in "info", "triggers", "updates":
+            os.mkdir(f"/var/lib/dpkg/{part}")
+        with open("/var/lib/dpkg/status", "w", encoding="utf-8") as file:
+            file.write(status)
+        with contextlib.suppress(FileNotFoundError):
+            os.remove("/usr/sbin/policy-rc.d")  # of a container, in which no service may be started
+        self.later = [glob.glob(f"{build}/packages/{name}_*.deb")[0] for name in names]
+        os.mkdir("/run/earlier")
+        self.earlier = [earlier(package, "/run/earlier") for package in self.later]
+
+    def configure(self, config):
+        os.makedirs("/etc/systemd/system/nav-agent.service.d", exist_ok=True)
+        for path, text in (
+                ("/etc/systemd/system/nav-agent.service.d/router.conf",
+                 f"[Service]\nNetworkNamespacePath={self.lab.place('router1')}\n"),
+                ("/etc/default/nav-agent", 'NAV_AGENT_OPTIONS="--platform linux --config '
+                 '/etc/nav/config.json --forwarding /etc/nav/forwarding.json"\n'),
+                ("/etc/nav/config.json", config),
+                ("/etc/nav/forwarding.json", json.dumps(self.lab.forwarding(1)))):
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(text)
+        run("systemctl", "daemon-reload")
+
+    def await_agent(self, other_than):
+        await_("the agent is another process", lambda: shown("MainPID") not in ("0", other_than), every=0.1)
+        await_("all paths are up", lambda: (shown("ActiveState"), shown("StatusText")) == (
+            "active", "4 of 4 paths are up"), every=0.2)
+
+    def check_privileges(self):
+        with open(f"/proc/{shown('MainPID')}/status", encoding="utf-8") as file:
+            status = dict(line.split(":", 1) for line in file)
+        self.assertEqual(status["Uid"].split()[0], run("id", "-u", "nav"))
+        for kind in "CapEff", "CapPrm", "CapBnd":
+            self.assertEqual(int(status[kind], 16), 1 << CAP_NET_ADMIN, kind)
+        run("systemd-analyze", "security", "--no-pager", "--threshold=15", "nav-agent")
+        run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no", "nav-agent.service")
+
+    def check_access(self):
+        """Members of the group read, and change nothing; others do not get in."""
+        def navctl(group, *arguments, limit="60"):
+            return subprocess.run(
+                ["setpriv", "--reuid=65534", f"--regid={group}", "--clear-groups", "timeout", limit, "navctl",
+                 *arguments], capture_output=True, text=True, check=False)
+        for reading in (["get", "/cliConfig/udpPortConfig"], ["show", "paths"], ["validate"]):
+            done = navctl("nav", *reading)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), (reading, done.stdout))
+        self.assertIn("4793", navctl("nav", "watch", "/cliConfig/udpPortConfig", limit="4").stdout)
+        changing = navctl("nav", "set", "/cliConfig/udpPortConfig", "4000")
+        self.assertEqual(changing.returncode, 1)
+        self.assertIn("permission denied to uid 65534", changing.stderr)
+        self.assertEqual(navctl("nogroup", "--run-dir", "/run/nav", "ping").returncode, 4)
+
+    def costs_nothing(self, what, change, restarts=True):
+        first, agent = len(self.flow.sent), shown("MainPID")
+        change()
+        if restarts:
+            self.await_agent(other_than=agent)
+        goal = len(self.flow.sent) + 50
+        await_("more packets are sent", lambda: len(self.flow.sent) >= goal)
+        self.traffic.settle()
+        print(f"{what}: {self.flow.settled - first} packets sent, {self.flow.lost(first)} lost", flush=True)
+        self.assertEqual(self.flow.lost(first), 0, what)
+
+    def test_a_router_from_installation_to_purge(self):
+        run("dpkg", "--install", *self.earlier)
+        self.assertEqual(shown("ActiveState"), "inactive", "there is no configuration yet")
+        with Lab("/usr/bin/nav-agent", "/usr/bin/navctl") as self.lab, Traffic(self.lab) as self.traffic:
+            self.addCleanup(lambda: None if self.purged else print(journal()[-4000:]))
+            self.live()
+
+    def live(self):
+        config = json.dumps(self.lab.configuration(1))
+        self.configure(config)
+        for site in 2, 3:
+            self.lab.start_agent(site)
+        run("systemctl", "start", "nav-agent")
+        self.await_agent(other_than="0")
+        self.check_privileges()
+        self.check_access()
+        await_("the other sites' probes are answered",
+               lambda: self.lab.quality(2, "internet", 1).get("alive"))
+        self.flow = self.traffic.stream("web", ("host1", host(1)), ("host2", host(2), 443), 50)
+        await_("packets arrive", lambda: self.flow.latest > 20)
+
+        self.costs_nothing("reload", lambda: run("systemctl", "reload", "nav-agent"), restarts=False)
+        await_("the reload is logged", lambda: "reload on SIGHUP" in journal())
+        self.costs_nothing("restart", lambda: run("systemctl", "restart", "nav-agent"))
+        self.costs_nothing("upgrade", lambda: run("dpkg", "--install", *self.later))
+        self.assertNotIn("~", run("dpkg-query", "--show", *names))
+        # An event loop that stops is noticed by the service manager alone.
+        self.costs_nothing("hang", lambda: os.kill(int(shown("MainPID")), signal.SIGSTOP))
+        self.assertEqual(shown("NRestarts"), "1", "by its watchdog")
+        self.configure('{"navConfigured": maybe}')
+        self.costs_nothing("refused reload", lambda: run("systemctl", "reload", "nav-agent"), restarts=False)
+        await_("the refusal is logged", lambda: "config.json: line 1" in journal())
+        self.costs_nothing("refused start", lambda: self.assertRaises(
+            RuntimeError, run, "systemctl", "restart", "nav-agent"), restarts=False)
+        self.configure(config)
+        run("systemctl", "reset-failed", "nav-agent")  # it has been started too often by now
+        self.costs_nothing("start", lambda: run("systemctl", "restart", "nav-agent"))
+        self.traffic.stop()
+
+        files = {path for path in run("dpkg-query", "--listfiles", *names).split("\n")
+                 if path and not os.path.isdir(path)}
+        self.assertGreater(len(files), 20)
+        run("dpkg", "--purge", *names)
+        files |= {"/var/lib/nav", "/run/nav", "/etc/default/nav-agent", "/usr/share/nav",
+                  "/etc/systemd/system/multi-user.target.wants/nav-agent.service"}
+        self.assertEqual([path for path in files if os.path.lexists(path)], [])
+        self.assertEqual(shown("LoadState"), "not-found")
+        for listed in ["nft", "list", "tables"], ["ip", "nexthop"], ["ip", "link", "show", "group", "110"]:
+            self.assertEqual(self.lab.run("router1", *listed), "", listed)
+        self.assertTrue(os.path.exists("/etc/nav/config.json"), "it is the operator's")
+        self.purged = True
+
+
+if __name__ == "__main__":
+    main()
