@@ -213,7 +213,7 @@ class Lab:
         # The kernel announces at once that a link has lost its carrier only if the two ends have
         # different indices; else up to a second later.
         self.ip(provider,
-                f"link add site{site} index {100 + site} type veth peer name {provider} "
+                f"link add site{site} index {100 + site} group 1 type veth peer name {provider} "
                 f"address 02:00:00:00:{table}:{site:02} netns {self.place(f'router{site}')}\n"
                 f"link set site{site} up\naddr add {there}/{length} dev site{site}")
         family = "-6" if v6 else "-4"
@@ -249,8 +249,10 @@ class Lab:
                            f"add rule ip nat source ip saddr {outside(provider, site)} snat to {address}")
 
     def links(self, provider, state, among=sites):
-        """Sets a provider's links to sites "up" or "down", all at once."""
-        self.ip(provider, "".join(f"link set site{site} {state}\n" for site in among))
+        """Sets a provider's links to sites "up" or "down": all of them by one system call, so that
+        no site is ahead of another whatever else the machine does, or some one after the other."""
+        self.ip(provider, f"link set group 1 {state}\n" if among is sites else
+                "".join(f"link set site{site} {state}\n" for site in among))
 
     def degrade(self, provider, percent):
         """Has a provider drop as many of the packets that it forwards; 0: none."""
