@@ -11,7 +11,7 @@ import urllib.request
 
 from products import Products, await_, branch, main, programs, source
 
-promtool = shutil.which("promtool")
+promtool = shutil.which("promtool", path=f"{os.environ['PATH']}:{source}/build/tools")
 monitoring = f"{source}/examples/monitoring"
 
 
@@ -136,7 +136,7 @@ class MetricsTest(Products):
                 client.sendall(b"GET /metrics HTTP/1.1\r\n\r\n" if end % 4 else b"\0" * 20000)
         self.await_paths(run_dir, 7)
 
-    @unittest.skipUnless(promtool, "promtool (package prometheus) is not installed")
+    @unittest.skipUnless(promtool, "promtool is not found; see scripts/promtool")
     def test_alert_rules(self):
         subprocess.run([promtool, "test", "rules", f"{monitoring}/alerts_test.yml"], check=True,
                        stdout=subprocess.DEVNULL)
