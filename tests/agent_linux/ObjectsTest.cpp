@@ -163,6 +163,7 @@ TEST_F(ObjectsInKernel, ANexthopThatGoesIsDivertedToOneThatAllItsGroupsAreToHave
     ObjectKeys keys;
     const auto apply = [&](const Objects& wanted) {
         for (const auto& [key, object] : wanted) keys.insert(key);
+        writer.divert(wanted, keys);
         writer.apply(wanted, keys);
         EXPECT_EQ(textOf(writer.present()), textOf(wanted));
         receive();

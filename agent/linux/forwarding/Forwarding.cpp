@@ -40,7 +40,7 @@ Forwarding::Forwarding(const Nav::NavInputs& inputs, ForwardingPtr config, Kerne
       plan_(inputs, config, routes_, choice_),
       config_(std::move(config)),
       commit_(Loom::call<&Forwarding::commit>(*this)),
-      replace_(*inputs.scheduler, Loom::call<&Forwarding::replaceGroups>(*this)),
+      postponed_(*inputs.scheduler, Loom::call<&Forwarding::applyPostponed>(*this)),
       ruleset_(*inputs.scheduler, Loom::call<&Forwarding::handleRulesetTimer>(*this)),
       newPaths_(*inputs.scheduler, Loom::call<&Forwarding::commit>(*this)),
       adoption_(*inputs.scheduler, Loom::call<&Forwarding::endAdoption>(*this)),
@@ -144,6 +144,7 @@ bool Forwarding::damaged(const Segment& segment) const {
 
 // With a tunnel device that is another one now, or has gone, the kernel has removed what used it.
 void Forwarding::interfacesChanged() {
+    leaveFailedLinks();
     for (const auto& [vrf, segment] : plan_.segments())
         if (damaged(segment)) ownChanged();
     if (plan_.outdated(monitor_.interfaces())) {
@@ -153,6 +154,37 @@ void Forwarding::interfacesChanged() {
     rulesetDue_ = true;
     readRoutes_ = true;  // the kernel removes those of a link that goes down without an event
     commitLater();
+}
+
+// A group that is still to be replaced may have next hops that nothing shows to be its own.
+void Forwarding::leaveFailedLinks() {
+    if (adopting_ || !groupsToReplace_.empty()) return;
+    std::set<uint32_t> failed;
+    for (const auto& [pathIndex, hop] : plan_.paths()) {
+        const Interface* link = monitor_.interfaces().at(hop.ifIndex);
+        if (hop.usable && (!link || !link->up)) failed.insert(pathIndex);
+    }
+    for (const uint32_t pathIndex : failed) {
+        PathHop hop = plan_.paths().at(pathIndex);
+        hop.usable = false;
+        plan_.pathIs(pathIndex, hop);
+    }
+    for (const Netz::IpGenAddr& site : sitesOf(failed)) {
+        plan_.replanMembers(site);
+        ObjectKeys keys = plan_.takeChanged();
+        kernel_.divert(plan_.wanted(), keys);
+        diverted_.merge(keys);
+    }
+    if (!failed.empty()) commitLater();
+}
+
+std::set<Netz::IpGenAddr> Forwarding::sitesOf(const std::set<uint32_t>& paths) const {
+    std::set<Netz::IpGenAddr> sites;
+    if (paths.empty()) return sites;
+    for (const Nav::SiteGroupStatusEntry& entry : in_.siteGroupStatus->siteGroupStatusEntry())
+        for (const uint32_t pathIndex : entry.pathIndexEntry())
+            if (paths.contains(pathIndex)) sites.insert(entry.key().routerIp);
+    return sites;
 }
 
 void Forwarding::routeChanged(const Message& message) {
@@ -229,6 +261,7 @@ void Forwarding::commit() {
     plan_.replanGroups(std::exchange(groups_, {}));
     if (adopting_ && allPathsProgrammed()) endAdoption();
     ObjectKeys keys = plan_.takeChanged();
+    keys.merge(std::exchange(diverted_, {}));
     if (std::exchange(compareAll_, false)) {
         if (!kernel_.read()) retry_.armIn(retryTime);
         for (const auto& [key, object] : plan_.wanted()) keys.insert(key);
@@ -246,6 +279,10 @@ void Forwarding::commit() {
 
 bool Forwarding::removes(const ObjectKey& key) const {
     return kernel_.present(key) && !plan_.wanted().contains(key);
+}
+
+bool Forwarding::replaces(const ObjectKey& key) const {
+    return kernel_.present(key) && plan_.wanted().contains(key);
 }
 
 bool Forwarding::removesNexthop(const ObjectKeys& keys) const {
@@ -268,43 +305,52 @@ void Forwarding::handleRulesetDue() {
     if (std::exchange(rulesetDue_, false)) applyRuleset();
 }
 
-// One batch if something is removed, which may still be in a group, or is put back.
 void Forwarding::apply(ObjectKeys keys) {
-    keys.merge(toReplace_);
-    toReplace_.clear();
-    if (!tampered_ &&
-        std::ranges::none_of(keys, [this](const ObjectKey& key) { return removes(key); }))
-        for (auto key = keys.begin(); key != keys.end();) {
-            const auto next = std::next(key);
-            if (std::holds_alternative<NexthopGroup::Key>(*key) && kernel_.present(*key))
-                toReplace_.insert(keys.extract(key));
-            key = next;
-        }
-    const auto scope = adopting_ ? ObjectWriter::Scope::additions : ObjectWriter::Scope::all;
-    const size_t changes = kernel_.apply(plan_.wanted(), keys, scope);
+    keys.merge(std::exchange(groupsToReplace_, {}));
+    keys.merge(std::exchange(nexthopsToRemove_, {}));
+    size_t changes = adopting_ ? 0 : kernel_.divert(plan_.wanted(), keys);
+    if (!tampered_) postpone(keys);
+    changes += kernel_.apply(plan_.wanted(), keys, scope());
     DUOLOG(linuxTrace, 6, "Forwarding: ", changes, " changes, ", kernel_.refused().size(),
            " refused");
     if (!kernel_.refused().empty()) retry_.armIn(retryTime);
     if (std::exchange(tampered_, false) && changes != 0)
         DUOLOG(linuxTrace, 4, "Somebody has changed the agent's objects in the kernel; ", changes,
                " changes put them back");
-    replaceGroups();
+    applyPostponed();
     if (changes != 0) onProgrammed_();
 }
 
-// In turn, so that none waits while others change again and again.
-void Forwarding::replaceGroups() {
-    const auto scope = adopting_ ? ObjectWriter::Scope::additions : ObjectWriter::Scope::all;
-    const Loom::Instant end = in_.scheduler->now() + replacingTime;
-    while (!toReplace_.empty()) {
-        auto next = toReplace_.upper_bound(replaced_);
-        if (next == toReplace_.end()) next = toReplace_.begin();
-        replaced_ = *next;
-        toReplace_.erase(next);
-        kernel_.apply(plan_.wanted(), {replaced_}, scope);
-        if (in_.scheduler->now() >= end) break;
+// What carries traffic as it is, since divert() has moved that of failed paths.
+void Forwarding::postpone(ObjectKeys& keys) {
+    for (auto key = keys.begin(); key != keys.end();) {
+        const auto next = std::next(key);
+        if (std::holds_alternative<Nexthop::Key>(*key) && removes(*key))
+            nexthopsToRemove_.insert(keys.extract(key));
+        else if (std::holds_alternative<NexthopGroup::Key>(*key) && replaces(*key))
+            groupsToReplace_.insert(keys.extract(key));
+        key = next;
     }
-    if (!toReplace_.empty()) replace_.armIn(replacingPause);
+}
+
+// The groups in turn, so that none waits while others change again and again.
+void Forwarding::applyPostponed() {
+    const Loom::Instant end = in_.scheduler->now() + postponedTime;
+    const auto take = [](ObjectKeys& keys, ObjectKeys::iterator at) {
+        return keys.extract(at == keys.end() ? keys.begin() : at).value();
+    };
+    while (in_.scheduler->now() < end && !groupsToReplace_.empty()) {
+        replaced_ = take(groupsToReplace_, groupsToReplace_.upper_bound(replaced_));
+        kernel_.apply(plan_.wanted(), {replaced_}, scope());
+    }
+    while (in_.scheduler->now() < end && groupsToReplace_.empty() && !nexthopsToRemove_.empty())
+        kernel_.apply(plan_.wanted(), {take(nexthopsToRemove_, nexthopsToRemove_.begin())},
+                      scope());
+    if (!groupsToReplace_.empty() || !nexthopsToRemove_.empty()) postponed_.armIn(postponedPause);
+}
+
+ObjectWriter::Scope Forwarding::scope() const {
+    return adopting_ ? ObjectWriter::Scope::additions : ObjectWriter::Scope::all;
 }
 
 void Forwarding::applyRuleset() {

@@ -2,9 +2,10 @@
 // decisions of path selection.
 //
 // Changes are made in a task that runs after path selection has settled: one batch for all events
-// before it. Objects that somebody else removes or changes are restored. At start, the objects that
-// a previous agent left are adopted: none of them is replaced or removed until path selection has
-// found the paths again, so that traffic continues.
+// before it. Only the paths of a link that fails are left at once, site by site: path selection has
+// a thousand ids to review before it can say the same. Objects that somebody else removes or
+// changes are restored. At start, the objects that a previous agent left are adopted: none of them
+// is replaced or removed until path selection has found the paths again, so that traffic continues.
 //
 // Owned by the platform; on the event thread.
 #pragma once
@@ -34,11 +35,11 @@ class Forwarding {
     // Paths that come up together enter their groups together: a flow that finds a group with the
     // first of them alone stays there as long as it has packets.
     static constexpr Loom::Duration newPathsDelay = std::chrono::milliseconds(2);
-    // Groups are replaced for so long at a time, and at least one: the kernel takes milliseconds
-    // for each, since it waits for all processors, and other events must not wait for all groups.
-    // They are handled in the pause.
-    static constexpr Loom::Duration replacingTime = std::chrono::milliseconds(2);
-    static constexpr Loom::Duration replacingPause = std::chrono::microseconds(100);
+    // Groups are replaced and next hops removed for so long at a time, and at least one: the kernel
+    // takes milliseconds for each, since it waits for all processors, and other events must not
+    // wait for all of them. They are handled in the pause.
+    static constexpr Loom::Duration postponedTime = std::chrono::milliseconds(2);
+    static constexpr Loom::Duration postponedPause = std::chrono::microseconds(100);
     // Delay before refused changes are tried again.
     static constexpr Loom::Duration retryTime = std::chrono::seconds(5);
 
@@ -111,9 +112,14 @@ class Forwarding {
     MemberChoice::User choiceUser();
     void commitLater();
     void commit();
+    void leaveFailedLinks();
+    std::set<Netz::IpGenAddr> sitesOf(const std::set<uint32_t>& paths) const;
     void apply(ObjectKeys keys);
-    void replaceGroups();
+    void postpone(ObjectKeys& keys);
+    void applyPostponed();
+    ObjectWriter::Scope scope() const;
     bool removes(const ObjectKey& key) const;
+    bool replaces(const ObjectKey& key) const;
     VrfRoutes::Read readRoutes(RequestSocket& requests, VrfRoutes& routes) const;
     void readRoutes();
     uint16_t choosePort();
@@ -145,10 +151,12 @@ class Forwarding {
     bool tampered_ = false;            // with the agent's objects, by somebody else
     std::set<Netz::IpGenAddr> sites_;  // whose set of paths has changed
     Plan::LbKeys groups_;              // whose members may have changed
-    ObjectKeys toReplace_;             // groups
-    ObjectKey replaced_;               // the last of them
+    ObjectKeys diverted_;              // what leaveFailedLinks() planned
+    // Postponed, the removals until no group is to be replaced.
+    ObjectKeys groupsToReplace_, nexthopsToRemove_;
+    ObjectKey replaced_;  // the last group
     Loom::Task commit_;
-    Loom::Timer replace_, ruleset_, newPaths_, adoption_, retry_, repair_;
+    Loom::Timer postponed_, ruleset_, newPaths_, adoption_, retry_, repair_;
     Vel::Subscription port_;
     Vel::EntryReactorsOf<VelSiteGroupStatusEntry,
                          decltype(Nav::SiteGroupStatus::siteGroupStatusEntryAttr)>

@@ -212,13 +212,20 @@ void Plan::planApplications() {
 
 bool Plan::pathIs(uint32_t pathIndex, const PathHop& hop) {
     const auto present = paths_.find(pathIndex);
-    if (present != paths_.end() && present->second == hop) return false;
+    if (present != paths_.end() && present->second.path == hop.path) {
+        PathHop before = std::exchange(present->second, hop);
+        if (before == hop) return false;
+        before.usable = hop.usable;
+        if (before != hop) sources_.insert(hop.path.srcAddr);
+        planPath(pathIndex);
+        return true;
+    }
     for (const auto& [other, path] : paths_)
         if (other != pathIndex && path.path.srcAddr == hop.path.srcAddr &&
             path.path.dstAddr == hop.path.dstAddr)
             return false;
-    if (present != paths_.end() && present->second.path != hop.path) pathDel(pathIndex);
-    paths_.insert_or_assign(pathIndex, hop);
+    pathDel(pathIndex);
+    paths_.emplace(pathIndex, hop);
     planPath(pathIndex);
     sources_.insert(hop.path.srcAddr);
     return true;
@@ -336,7 +343,7 @@ void Plan::planIkeSource(const IpGenAddr& source) {
     replace(IkeSource{source}, objects);
 }
 
-// What the configuration puts behind a site is there, whatever a routing daemon says.
+// Configured prefixes take precedence over those that a routing daemon announces.
 Plan::Prefixes Plan::prefixesIn(const Segment& segment) const {
     Prefixes prefixes;
     std::set<IpPrefix> configured;
@@ -400,6 +407,15 @@ void Plan::replanAnyPaths(const std::set<IpGenAddr>& sites) {
             routesStay &= replaceMembers(anyPath(segment, site));
         if (!routesStay) replanSite(site);
     }
+}
+
+void Plan::replanMembers(const IpGenAddr& site) {
+    LbKeys keys;
+    for (const auto& [vrf, segment] : segments_)
+        for (const auto& [appId, table] : policy(vrf).tables)
+            keys.insert({site, appId, segment.vrfId});
+    replanGroups(keys);
+    replanAnyPaths({site});
 }
 
 void Plan::planSite(Objects& objects, const Segment& segment, const IpGenAddr& site,

@@ -128,6 +128,7 @@ class Plan {
     void replanSites();  // all of them, and what they leave to others' routes
     void replanGroups(const LbKeys& keys);
     void replanAnyPaths(const std::set<Netz::IpGenAddr>& sites);
+    void replanMembers(const Netz::IpGenAddr& site);  // of all groups that lead to it
 
     const Objects& wanted() const { return wanted_; }
     // Completes the plan, and returns the keys that it has changed since the last call.

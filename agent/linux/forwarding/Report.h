@@ -9,8 +9,8 @@
 // `path` is "Path" and the index; `vrf` of a path is that of its WAN interface. A site has an entry
 // for each application of each VRF; `paths` are those that carry it, empty if it is unreachable.
 // `application` is null if the configuration does not describe it, "default" for the packets that
-// no other application takes; `id` is null where the policy has no rule for these. The platform adds
-// `probes`, the counts of PathProbing::report().
+// no other application takes; `id` is null where the policy has no rule for these. The platform
+// adds `probes`, the counts of PathProbing::report().
 #pragma once
 
 #include "agent/base/Json.h"

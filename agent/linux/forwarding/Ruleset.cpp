@@ -201,8 +201,8 @@ class Writer {
         rule("classify", port_ + " fib daddr type local accept");
         // What arrives in a tunnel bears no mark of the outer packet.
         rule("classify", std::string("meta mark ") + ownMark + " meta mark set 0");
-        // The router's own packets that the VRF's table leads into a tunnel. A tunnel's own have the
-        // mark of the packet inside.
+        // The router's own packets that the VRF's table leads into a tunnel. A tunnel's own packets
+        // have the mark of the packet inside.
         chain("classify_out", "route hook output priority mangle");
         rule("classify_out", std::string("meta mark ") + ownMark + " accept");
         if (!tunnels_.empty())

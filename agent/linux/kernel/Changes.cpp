@@ -30,8 +30,9 @@ ifinfomsg linkHeader(uint32_t ifIndex) {
 }
 
 // A group's flows are spread over so many buckets; a bucket without packets for the idle time may
-// move to a member that has fewer than its share.
-constexpr uint16_t groupBuckets = 64;
+// move to a member that has fewer than its share. More would spread flows more evenly, but when a
+// next hop is replaced, the kernel visits each bucket of all its groups.
+constexpr uint16_t groupBuckets = 32;
 constexpr uint32_t groupIdleTime = 100;  // in the 1/100 s of USER_HZ
 
 // Of a request that makes an object, or replaces it.

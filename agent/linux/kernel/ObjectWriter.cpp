@@ -35,54 +35,91 @@ void allowForwarding(const Netz::IntfId& name) {
             DUOLOG(linuxTrace, 3, "net/", place, " cannot be set to ", value);
 }
 
-// The next hops among `keys` that are to be removed and have another one in common with which all
-// their groups are to replace them: each with its own id, but otherwise equal to that one. Empty if
-// to replace the groups is as quick.
-std::vector<Nexthop> diversions(const Objects& present, const Objects& wanted,
-                                const ObjectKeys& keys) {
-    std::map<uint32_t, std::optional<std::vector<uint32_t>>> common;  // by the id of a removed one
-    for (const ObjectKey& key : keys)
-        if (const auto* removed = std::get_if<Nexthop::Key>(&key))
-            if (!wanted.contains(key) && present.contains(key)) common[removed->id];
-    if (common.empty()) return {};
-    std::unordered_map<uint32_t, bool> staying;
-    const auto stays = [&](uint32_t id) {
-        const auto [at, isNew] = staying.try_emplace(id);
-        if (!isNew) return at->second;
-        const auto* nexthop = find<Nexthop>(present, Nexthop::Key{id});
-        const auto* planned = find<Nexthop>(wanted, Nexthop::Key{id});
-        return at->second = nexthop && planned && *nexthop == *planned;
+// Finds out how to move the traffic of next hops that are to be removed.
+class Diversions {
+  public:
+    Diversions(const Objects& present, const Objects& wanted, const ObjectKeys& keys);
+
+    // Next hops to be replaced, each with its own id, but otherwise equal to another one.
+    std::vector<Nexthop> nexthops;
+    // Groups of the others, to be replaced by the wanted ones; by id.
+    std::map<uint32_t, const NexthopGroup*> groups;
+
+  private:
+    struct State {
+        bool stays = false;    // in the kernel as wanted
+        bool removed = false;  // in the kernel, but not wanted
     };
-    size_t groups = 0;
-    std::vector<uint32_t> order;  // those of one group follow each other
+    struct Removed {
+        std::vector<uint32_t> common;             // the next hops that all its groups are to have
+        std::vector<const NexthopGroup*> groups;  // as wanted
+    };
+
+    State state(uint32_t id);
+    bool stays(const NexthopGroup& group);
+    void list(const NexthopGroup& before, const NexthopGroup& after);
+    void divert(uint32_t id, const Removed& removed);
+
+    const Objects &present_, &wanted_;
+    std::unordered_map<uint32_t, State> states_;
+    std::unordered_map<uint32_t, Removed> removed_;
+    std::vector<uint32_t> order_;  // of `removed_`: those of one group follow each other
+};
+
+Diversions::Diversions(const Objects& present, const Objects& wanted, const ObjectKeys& keys)
+    : present_(present), wanted_(wanted) {
     for (const ObjectKey& key : keys) {
         const auto* before = find<NexthopGroup>(present, key);
-        if (!before) continue;
-        std::vector<uint32_t> next;
-        if (const auto* after = find<NexthopGroup>(wanted, key))
-            for (const auto& member : after->members)
-                if (stays(member.id)) next.push_back(member.id);
-        for (const auto& member : before->members) {
-            const auto removed = common.find(member.id);
-            if (removed == common.end()) continue;
-            ++groups;
-            auto& ids = removed->second;
-            if (ids)
-                std::erase_if(*ids, [&](uint32_t id) { return !std::ranges::count(next, id); });
-            else
-                ids = next, order.push_back(member.id);
-        }
+        const auto* after = find<NexthopGroup>(wanted, key);
+        if (before && after) list(*before, *after);
     }
-    std::vector<Nexthop> diversions;
-    for (const uint32_t id : order) {
-        const std::vector<uint32_t>& ids = *common[id];
-        if (ids.empty()) continue;
-        const uint32_t to = ids[diversions.size() % ids.size()];
-        diversions.push_back(*find<Nexthop>(present, Nexthop::Key{to}));
-        diversions.back().id = id;
+    for (const uint32_t id : order_) divert(id, removed_[id]);
+}
+
+Diversions::State Diversions::state(uint32_t id) {
+    const auto [at, isNew] = states_.try_emplace(id);
+    if (!isNew) return at->second;
+    const auto* present = find<Nexthop>(present_, Nexthop::Key{id});
+    const auto* wanted = find<Nexthop>(wanted_, Nexthop::Key{id});
+    return at->second = {present && wanted && *present == *wanted, present && !wanted};
+}
+
+bool Diversions::stays(const NexthopGroup& group) {
+    return std::ranges::all_of(group.members,
+                               [this](const auto& member) { return state(member.id).stays; });
+}
+
+void Diversions::list(const NexthopGroup& before, const NexthopGroup& after) {
+    std::vector<uint32_t> next;
+    for (const auto& member : after.members)
+        if (state(member.id).stays) next.push_back(member.id);
+    for (const auto& member : before.members) {
+        if (!state(member.id).removed) continue;
+        auto& [common, groups] = removed_[member.id];
+        if (groups.empty())
+            common = next, order_.push_back(member.id);
+        else
+            std::erase_if(common, [&](uint32_t id) { return !std::ranges::count(next, id); });
+        groups.push_back(&after);
     }
-    if (groups <= 2 * diversions.size()) diversions.clear();
-    return diversions;
+}
+
+void Diversions::divert(uint32_t id, const Removed& removed) {
+    constexpr size_t few = 2;  // groups, which are replaced as quickly
+    if (removed.common.empty() || removed.groups.size() <= few) {
+        for (const NexthopGroup* group : removed.groups)
+            if (stays(*group)) groups.emplace(group->id, group);
+        return;
+    }
+    const auto to = [&](uint32_t other) {
+        Nexthop nexthop = *find<Nexthop>(present_, Nexthop::Key{other});
+        nexthop.id = id;
+        return nexthop;
+    };
+    const Nexthop& now = *find<Nexthop>(present_, Nexthop::Key{id});
+    const auto isDiverted = [&](uint32_t other) { return to(other) == now; };
+    if (std::ranges::none_of(removed.common, isDiverted))
+        nexthops.push_back(to(removed.common[nexthops.size() % removed.common.size()]));
 }
 
 }  // namespace
@@ -113,7 +150,7 @@ bool ObjectWriter::read() {
 }
 
 size_t ObjectWriter::apply(const Objects& wanted, const ObjectKeys& keys, Scope scope) {
-    size_t changes = scope == Scope::all ? divert(wanted, keys) : 0;
+    size_t changes = 0;
     for (const ObjectKey& key : keys) {
         const auto object = wanted.find(key);
         const auto now = present_.find(key);
@@ -136,7 +173,9 @@ size_t ObjectWriter::apply(const Objects& wanted, const ObjectKeys& keys, Scope 
 }
 
 size_t ObjectWriter::divert(const Objects& wanted, const ObjectKeys& keys) {
-    for (const Nexthop& nexthop : diversions(present_, wanted, keys)) make(nexthop, true);
+    const Diversions diversions(present_, wanted, keys);
+    for (const Nexthop& nexthop : diversions.nexthops) make(nexthop, true);
+    for (const auto& [id, group] : diversions.groups) make(*group, true);
     return commit();
 }
 

@@ -1,10 +1,6 @@
 // Makes the kernel's objects equal to wanted ones, in one batch: creates and replaces first,
 // removes last.
 //
-// The kernel waits for all processors (an RCU grace period) each time it replaces a next hop or a
-// group. So if some next hops leave many groups, each of them is first replaced by another next hop
-// that all its groups are to have: this moves the traffic of all these groups at once.
-//
 // present() are the objects that the kernel has acknowledged. On the event thread; each batch is
 // sent and acknowledged within the call.
 #pragma once
@@ -31,6 +27,12 @@ class ObjectWriter {
 
     // Reads the agent's objects from the kernel. False if that fails: then present() is as before.
     bool read();
+    // Moves the traffic of the groups among `keys` off the next hops that `wanted` lacks, and does
+    // nothing else. The kernel waits for all processors (an RCU grace period) each time it replaces
+    // a next hop or a group. So each such next hop is replaced by another one that all these groups
+    // are to have, which moves the traffic of all of them at once; if no next hop is common to
+    // them, the groups are replaced. Returns the number of changes sent.
+    size_t divert(const Objects& wanted, const ObjectKeys& keys);
     // Makes the objects of the given keys equal to those in `wanted`; removes those that `wanted`
     // lacks. Returns the number of changes sent.
     size_t apply(const Objects& wanted, const ObjectKeys& keys, Scope scope = Scope::all);
@@ -47,7 +49,6 @@ class ObjectWriter {
     const Refused& refused() const { return refused_; }
 
   private:
-    size_t divert(const Objects& wanted, const ObjectKeys& keys);
     void make(const Object& object, bool exists);
     void makeTunnel(const Tunnel& wanted, const Tunnel* present);
     void remove(const ObjectKey& key);
