@@ -11,6 +11,7 @@ the least and the greatest in parentheses.
 """
 import argparse
 import contextlib
+import fcntl
 import json
 import os
 import signal
@@ -19,7 +20,6 @@ import statistics
 import struct
 import subprocess
 import sys
-import threading
 import time
 
 from report import machine, write_page
@@ -37,31 +37,57 @@ SO_RCVBUFFORCE, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP = 33, 270, 1
 RTNLGRP_LINK, RTNLGRP_NEXTHOP = 1, 32
 RTM_NEWLINK, RTM_NEWNEXTHOP, NHA_ID, NHA_GROUP, NHA_ENCAP = 16, 104, 1, 2, 8
 NLA_TYPE_MASK = 0x3FFF
+STAMP = struct.Struct("=dI")  # when something was received, and its length
 
 
 class Observer:
     """The events about links and next hops in a namespace: when the first about a link was received
     since forget(), and when each group had left all next hops that it had then, whether it was
-    replaced or the encapsulation of its members."""
+    replaced or the encapsulation of its members.
 
-    def __init__(self, lab, name):
+    A process of its own receives them: a thread would wait for the interpreter while others are
+    evaluated, and stamp what it receives after that."""
+
+    def __init__(self, stack, lab, name):
         with lab.within(name):
-            self.socket = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 0)
-        self.socket.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 1 << 26)
-        self.socket.bind((0, 0))
+            events = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 0)
+        events.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 1 << 26)
+        events.bind((0, 0))
         for group in RTNLGRP_LINK, RTNLGRP_NEXTHOP:
-            self.socket.setsockopt(SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, group)
-        self.events = []
-        self.taken = 0  # of the events
+            events.setsockopt(SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, group)
+        self.pipe, writing = os.pipe()
+        fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 1 << 20)
+        os.set_blocking(self.pipe, False)
+        process = os.fork()
+        if process == 0:
+            self._receive(events, writing)
+        stack.callback(os.waitpid, process, 0)
+        stack.callback(os.kill, process, signal.SIGKILL)
+        for each in events, open(writing, "wb"):
+            each.close()
+        self.received = b""
         self.members, self.encapsulations = {}, {}  # by the number of the group, of the member
         self.link, self.before, self.moved = None, {}, {}
-        threading.Thread(target=self._receive, daemon=True).start()
 
-    def _receive(self):
+    @staticmethod
+    def _receive(events, writing):
         os.sched_setscheduler(0, os.SCHED_FIFO, os.sched_param(1))  # or a time may be later than its event
         while True:
-            data = self.socket.recv(1 << 16)
-            self.events.append((time.monotonic(), data))
+            data = events.recv(1 << 16)
+            os.write(writing, STAMP.pack(time.monotonic(), len(data)) + data)
+
+    def _events(self):
+        """The next events with their times."""
+        with contextlib.suppress(BlockingIOError):
+            while chunk := os.read(self.pipe, 1 << 20):
+                self.received += chunk
+        while len(self.received) >= STAMP.size:
+            when, size = STAMP.unpack_from(self.received)
+            end = STAMP.size + size
+            if len(self.received) < end:
+                break
+            data, self.received = self.received[STAMP.size:end], self.received[end:]
+            yield when, data
 
     def forget(self):
         self.take()
@@ -70,9 +96,7 @@ class Observer:
 
     def take(self):
         """Takes in the events that have been received since the last call."""
-        while self.taken < len(self.events):
-            when, data = self.events[self.taken]
-            self.taken += 1
+        for when, data in self._events():
             while len(data) >= 16:
                 length, kind = struct.unpack_from("=IH", data)
                 if kind == RTM_NEWLINK:
@@ -108,7 +132,7 @@ class FullSize:
     def __init__(self, folder, stack, profiles):
         self.profiles = profiles
         self.lab = stack.enter_context(Lab(f"{folder}/agent/host/nav-agent", f"{folder}/navctl/navctl"))
-        self.observer = Observer(self.lab, "router1")
+        self.observer = Observer(stack, self.lab, "router1")
         self.lab.configure(1, self.configuration(), self.forwarding())
 
     def configuration(self, first="mpls"):
