@@ -94,7 +94,7 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
         startCounting(loop, options.runDir);
         tableChanged_ =
             loop.onReadable(forwarding_->tableFd(), [this] { forwarding_->handleTableReadable(); });
-        probing_.emplace(inputs, config_, *quality_, loop,
+        probing_.emplace(inputs, config_, *quality_,
                          [this]() -> const InterfaceView& { return monitor_.interfaces(); });
     }
     agent_.emplace(inputs, monitor_, forwarding(), probing_ ? &*probing_ : nullptr, *quality_);

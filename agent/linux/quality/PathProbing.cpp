@@ -67,11 +67,10 @@ struct PathProbing::Source {
 };
 
 PathProbing::PathProbing(const Nav::NavInputs& inputs, ForwardingPtr config, QualityStatus& quality,
-                         EventLoop& loop, std::function<const InterfaceView&()> interfaces)
+                         std::function<const InterfaceView&()> interfaces)
     : in_(inputs),
       config_(std::move(config)),
       quality_(quality),
-      loop_(loop),
       interfaces_(std::move(interfaces)),
       lastSessionId_(static_cast<uint16_t>(std::random_device()())),
       tick_(*in_.scheduler, Loom::call<&PathProbing::tick>(*this)),

@@ -18,7 +18,6 @@
 #include "agent/linux/quality/ProbeSession.h"
 #include "agent/linux/quality/ReflectorThread.h"
 #include "agent/router/PathQuality.h"
-#include "agent/shell/EventLoop.h"
 #include "nav/root/NavInputs.h"
 
 namespace Agent::Linux {
@@ -31,9 +30,9 @@ class PathProbing {
     // What the kernel has refused is tried again, and new interfaces are found.
     static constexpr Loom::Duration reviewInterval = std::chrono::seconds(1);
 
-    // The loop and `interfaces`, the present ones, must outlive this.
+    // `interfaces` gives the present ones.
     PathProbing(const Nav::NavInputs& inputs, ForwardingPtr config, QualityStatus& quality,
-                EventLoop& loop, std::function<const InterfaceView&()> interfaces);
+                std::function<const InterfaceView&()> interfaces);
     ~PathProbing();
 
     // A path whose next hop answers, the interface that it leaves by, and whether it is secured by
@@ -86,7 +85,6 @@ class PathProbing {
     const Nav::NavInputs in_;
     const ForwardingPtr config_;
     const Vel::Ptr<QualityStatus> quality_;
-    EventLoop& loop_;
     const std::function<const InterfaceView&()> interfaces_;
     DayClock clock_;
     std::map<uint32_t, Path> paths_;  // by path index
