@@ -144,6 +144,8 @@ class ForwardingTest(LabCase):
         self.await_over(by[voice], "mpls")
         self.await_over(by[web] + by[guests], "internet")
         self.assertEqual(set.union(*self.providers_of(by[rest]).values()), set(providers))
+        await_("it is counted", lambda: any(row["path"] != "all" and row["bytes"] > 50 * row["packets"] > 0
+                                            for row in self.shown(1, "show", "counters")))
         for provider, moving, without in (("mpls", voice, []), ("internet", web, by[guests])):
             other = next(each for each in providers if each != provider)
             carrying, firsts = self.providers_of(everything), self.firsts()
@@ -471,6 +473,15 @@ class ForwardingTest(LabCase):
             self.await_receiver(new, new_at)
             self.await_receiver(within, within_at)
             self.assertEqual(self.lab.navctl(1, "validate").stdout, "PASS\n")
+        # A prefix of the configuration is no daemon's; of several routes for a prefix, the best counts.
+        by1, by3 = (f"via {router(site)} dev {tunnel} onlink proto bgp metric" for site in (1, 3))
+        for routes, place in (
+                (f"route add 10.1.0.0/16 {by3} 20\nroute add 10.1.99.0/24 {by3} 20\n", "host3"),
+                ("route del 10.1.99.0/24\n", "host1"), (f"route add 10.1.99.0/24 {by3} 20\n", "host3"),
+                (f"route add 10.1.99.0/24 {by1} 10\n", "host1")):
+            self.lab.ip("router2", routes)
+            self.await_receiver(within, place)
+        self.forget(2)
         self.assertNotIn("refuses", self.lab.log(1) + self.lab.log(2))
 
     def refused(self, site):

@@ -182,7 +182,7 @@ class NavctlTest(Products):
         self.says("batch", "-", input='{"op":"get","path":"/b","id":1}\n\n' + port, status=1,
                   out='{"id":1,"ok":false,"error":"/b: not found"}\n{"id":2,"ok":true,"value":4793}\n')
         self.says("batch", self.file("batch", port + "\n"))
-        self.says("batch", "-", input="x" * (2 << 20) + "\n", status=1)
+        self.says("batch", "-", input="x" * (32 << 20) + "\n", status=1)
 
     def test_a_newline_may_come_alone(self):
         directory = self.run_dir()

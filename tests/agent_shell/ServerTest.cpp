@@ -30,7 +30,7 @@ struct Handler : Agent::RequestHandler {
                          Agent::Session& session) override {
         ++requests;
         if (op == "refuse") throw Agent::RequestError("not today");
-        if (op == "fail") throw std::out_of_range("somewhere below");
+        if (op == "fail") throw std::out_of_range("somewhere \xff below");
         if (op == "warn") {
             Agent::Answer answer(1);
             answer.warnings = {"careful"};
