@@ -322,6 +322,14 @@ void Program::quality() {
 
 // The differences are printed, and make the command fail. A change that the agent is about to
 // follow is a difference, too, so those count that a second look finds again.
+namespace {
+
+std::string counted(size_t differences) {
+    return std::to_string(differences) + (differences == 1 ? " difference" : " differences");
+}
+
+}  // namespace
+
 void Program::validate() {
     Client::ControlClient client(runDir());
     const auto look = [&client] { return client.request({{"op", "validate"}}).at("value"); };
@@ -340,8 +348,7 @@ void Program::validate() {
     for (const Json& each : differences)
         if (!output_.json) output_.text() << each.get<std::string>() << "\n";
     if (!output_.json && differences.empty()) output_.text() << "PASS\n";
-    if (!differences.empty())
-        throw Client::Refused(std::to_string(differences.size()) + " differences");
+    if (!differences.empty()) throw Client::Refused(counted(differences.size()));
 }
 
 void Program::counters() {
@@ -492,7 +499,7 @@ void Program::diff() {
     request["op"] = "diff";
     const Json changes = Client::ControlClient(runDir()).request(request).at("value");
     output_.json ? output_.document(changes) : printChanges(changes);
-    if (!changes.empty()) throw Client::Refused(std::to_string(changes.size()) + " differences");
+    if (!changes.empty()) throw Client::Refused(counted(changes.size()));
 }
 
 void Program::confirm() {

@@ -248,10 +248,11 @@ class Lab:
                            "add chain ip nat source { type nat hook postrouting priority srcnat; }\n"
                            f"add rule ip nat source ip saddr {outside(provider, site)} snat to {address}")
 
-    def links(self, provider, state, among=sites):
+    def links(self, provider, state, among=None):
         """Sets a provider's links to sites "up" or "down": all of them by one system call, so that
-        no site is ahead of another whatever else the machine does, or some one after the other."""
-        self.ip(provider, f"link set group 1 {state}\n" if among is sites else
+        no site is ahead of another whatever else the machine does, or those `among` one after
+        the other."""
+        self.ip(provider, f"link set group 1 {state}\n" if among is None else
                 "".join(f"link set site{site} {state}\n" for site in among))
 
     def degrade(self, provider, percent):

@@ -11,7 +11,7 @@ namespace Agent {
 class Replica {
   public:
     // `database`: /navDb of the agent; null while path selection is switched off. A path that the
-    // agent has too is as far as it is there; services do not answer for others.
+    // agent has too is in the same state as there; no service answers for the other paths.
     Replica(const Nav::NavInputs& inputs, const Nav::NavDb* database,
             const Nav::NavCliConfig& config);
     ~Replica();

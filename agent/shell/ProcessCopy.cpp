@@ -19,8 +19,8 @@ namespace Agent {
 
 namespace {
 
-constexpr int niceness =
-    10;  // so that the event thread goes first; not every service may change it
+// So that the event thread goes first; not every service may change it.
+constexpr int niceness = 10;
 constexpr size_t pipeBytes = 65536;
 
 [[noreturn]] void failed(const char* what) {
