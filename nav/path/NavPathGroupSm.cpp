@@ -35,12 +35,16 @@ class NavPathGroupSm::VelRemoteViaConfig : public Vel::Object {
         DUOLOG_ENTRY(pathTrace);
         owner_.removeStalePaths();
     }
-    void doCleanup() { dir().remoteSiteDel(key()); }
+    // A site that was configured again while its paths were removed stays listed.
+    void doCleanup() {
+        if (!configured() || isConfigured()) dir().remoteSiteDel(key());
+    }
 
   private:
-    bool isConfigured() const {
-        return owner_.config().remoteViaConfig(site_.remoteAddr()) == &site_;
+    RemoteViaConfig* configured() const {
+        return owner_.config().remoteViaConfig(site_.remoteAddr());
     }
+    bool isConfigured() const { return configured() == &site_; }
     NavPathGroupDirSm& dir() const { return *owner_.in_.pgDirSm; }
     SiteGroupKey key() const { return {owner_.pgName(), site_.remoteAddr()}; }
 
