@@ -206,7 +206,6 @@ void LbProfileSm::createLbIdStatus(const LbProfileKey& key, const Vel::String& l
         status = &in_.lbProfileStatus->lbProfileStatusEntryIs(
             key, [id](LbProfileStatusEntry& made) { made.lbIndexIs(id); });
         DUOLOG(lbTrace, 7, "LbId: ", id);
-        if (reactions_ != turn) return;
     } else if (!keySet.lbKeyHas(key) && wanted(key).wantedBy(lbName)) {
         keys_.add(key, keySet);  // the key was created for another profile
     }
