@@ -98,14 +98,11 @@ TEST_F(PolicyTest, ChangesInsideNotificationsAreFollowed) {
         done("q");
         EXPECT_EQ(classified("q"), "-") << "deleted while it was programmed";
     }
-    policy("q");
-    auto& applied = *dir.appliedPolicy(Classification::vrfTarget);
-    On back(applied, Classification::AppliedPolicy::policyForTargetAttr,
-            [&] { bindTo("red", "p"); });
-    bindTo("red", "q");
-    EXPECT_TRUE(*applied.policyForTarget("red") == "p" && navDb().vrfApp({1, 2}))
-        << "bound to another while it was bound";
-    EXPECT_EQ(in.navStatusDir->navRuleStatus("red")->navRuleEntry().size(), 1u);
+    NavRuleStatus& red = *in.navStatusDir->navRuleStatus("red");
+    rule("p", 30, 3, "bulk"), done("p");
+    On newer(red, NavRuleStatus::navRuleEntryAttr, [&] { rule("p", 30, 3, "bulk"), done("p"); });
+    policy("p").appProfilePolicyRuleListDelAll(), done("p");
+    EXPECT_TRUE(red.navRuleEntryHas({30, 3, "gold"})) << "wanted again while rule 20 was removed";
 }
 
 TEST_F(PolicyTest, ApplicationsOfASharedIdGoToTheOtherVrf) {

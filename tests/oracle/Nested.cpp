@@ -65,6 +65,9 @@ Outcome::Outcome(const World& world) {
         if (name == "pathIndexEntry" || name == "pathEntry") nameIndex(place, place.rfind('[') + 1);
         lines_.insert(place + " " + value);
     }
+    inputs_ = in;
+    inputs_.results = {}, inputs_.fecs = inputs_.fecs6 = {};
+    inputs_.connections = {}, inputs_.hardware = {};
 }
 
 // Of load balancing: those that rules want, alone and with the profiles that want them.
@@ -151,7 +154,8 @@ std::optional<std::string> Pair::run(size_t position, bool before) {
 
 // What is there in neither order, or missing although it is there in both. (A change may reach one
 // path before the other change and the next path after it.) Where one order runs out of indices,
-// the outcome is that of the other, unless the outer change alone runs out of them.
+// the outcome is that of the other, unless the outer change alone runs out of them. Of orders that
+// leave different inputs, only the one that leaves those of the outcome counts.
 std::string Pair::wrong(const Outcome& outcome) {
     if (!inOrder_) {
         const auto ofOrder = [&](const Event& first, const Event& second) {
@@ -161,8 +165,11 @@ std::string Pair::wrong(const Outcome& outcome) {
         reversed_ = ofOrder(inner_, outer_);
     }
     if (outcome.ranOut() && inOrder_->ranOut()) return {};
-    const auto& one = (inOrder_->ranOut() ? reversed_ : inOrder_)->lines();
-    const auto& other = (reversed_->ranOut() ? inOrder_ : reversed_)->lines();
+    const auto counts = [&](const Outcome& order, const Outcome& other) {
+        return !order.ranOut() && (order.hasInputsOf(outcome) || !other.hasInputsOf(outcome));
+    };
+    const auto& one = (counts(*inOrder_, *reversed_) ? inOrder_ : reversed_)->lines();
+    const auto& other = (counts(*reversed_, *inOrder_) ? reversed_ : inOrder_)->lines();
     std::string found = outcome.ranOut() ? "    out of indices\n" : "";
     for (const auto& line : outcome.lines())
         if (!one.contains(line) && !other.contains(line)) found += "    too much: " + line + "\n";

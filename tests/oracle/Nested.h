@@ -18,6 +18,8 @@ class Outcome {
     Outcome() = default;  // of changes that run out of indices
     bool ranOut() const { return lines_.empty(); }
     const std::set<std::string>& lines() const { return lines_; }
+    // Whether the router's configuration and state are the same, services' answers aside.
+    bool hasInputsOf(const Outcome& other) const { return inputs_ == other.inputs_; }
 
   private:
     static std::set<std::string> wantedKeys(const Inputs& in, const Nav::NavInputs& published);
@@ -25,6 +27,7 @@ class Outcome {
 
     std::map<std::string, std::string> names_;  // of the path that has each index
     std::set<std::string> lines_;
+    Inputs inputs_;
 };
 
 // Two changes of a world, which stays as it is. With services, the router's services are part of

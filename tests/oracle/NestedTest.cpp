@@ -164,8 +164,25 @@ TEST_F(Nested, WithoutResolver) {
 TEST_F(Nested, FromSwitchedOff) {
     matrix(true, {set("/cliConfig/navConfigured", {false})});
 }
-TEST_F(Nested, TheResolutionOfAVrfEndsWhileAPathIsRemoved) {
-    matrix(true, {}, {del(g1 + siteA + dst1)}, {del("/nexthopStatus/vrf[default]")});
+// With two profiles that can give a site of both groups different constraints.
+TEST_F(Nested, PairsThatMatterAtFewPositions) {
+    const std::string silver = "/cliConfig/loadBalanceProfile[silver]";
+    const std::string blue = vrfIds + "[blue]/vrfId";
+    const Event toP1 = text(bindings + "[blue]/policyName", "p1");
+    const Event toP2 = text(bindings + "[blue]/policyName", "p2");
+    const std::vector<Event> first{number(silver + "/latency", 30), number(silver + "/jitter", 30),
+                                   set(g1 + siteB + "/remoteVia[192.0.2.3]"),
+                                   set(g2 + siteB + "/remoteVia[192.0.2.4]")};
+    for (const auto& [outer, inner] : std::initializer_list<std::pair<Event, Event>>{
+             {del(g1 + siteA + dst1), del("/nexthopStatus/vrf[default]")},
+             {del(g1 + siteA), set(g1 + siteA + dst1)},
+             {del(g1 + siteB), set("/cliConfig/loadBalanceProfile[bronze]")},
+             {number(blue, 0), number(blue, 10)},
+             {number(blue, 11), number(blue, 10)},
+             {number(blue, 11), number(policy + "/configVersion", 7)},
+             {number(blue, 11), toP2},
+             {toP2, toP1}})
+        matrix(true, first, {outer}, {inner});
 }
 // With every index in use, paths are added within the removal of others and the other way round.
 TEST_F(Nested, WithAllIndicesInUse) {
