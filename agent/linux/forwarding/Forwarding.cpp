@@ -317,7 +317,7 @@ void Forwarding::apply(ObjectKeys keys) {
     if (std::exchange(tampered_, false) && changes != 0)
         DUOLOG(linuxTrace, 4, "Somebody has changed the agent's objects in the kernel; ", changes,
                " changes put them back");
-    applyPostponed();
+    if (!postponed_.armed()) armPostponed();
     if (changes != 0) onProgrammed_();
 }
 
@@ -346,6 +346,10 @@ void Forwarding::applyPostponed() {
     while (in_.scheduler->now() < end && groupsToReplace_.empty() && !nexthopsToRemove_.empty())
         kernel_.apply(plan_.wanted(), {take(nexthopsToRemove_, nexthopsToRemove_.begin())},
                       scope());
+    armPostponed();
+}
+
+void Forwarding::armPostponed() {
     if (!groupsToReplace_.empty() || !nexthopsToRemove_.empty()) postponed_.armIn(postponedPause);
 }
 

@@ -117,6 +117,7 @@ class Forwarding {
     void apply(ObjectKeys keys);
     void postpone(ObjectKeys& keys);
     void applyPostponed();
+    void armPostponed();
     ObjectWriter::Scope scope() const;
     bool removes(const ObjectKey& key) const;
     bool replaces(const ObjectKey& key) const;
