@@ -459,8 +459,8 @@ charon {{
         curve25519 {plugin} kernel-netlink socket-default vici
     install_routes = no
     process_route = no
-    block_threshold = 0
-    cookie_threshold = 0
+    cookie_threshold_ip = 255
+    block_threshold = 256
     retransmit_timeout = 1
     retransmit_tries = 3
     {group}
