@@ -72,50 +72,6 @@ class TreeTest : public testing::Test {
                            "nobody writes this"}}};
 };
 
-TEST_F(TreeTest, EveryFormOfAValueIsWrittenAndReadBack) {
-    const std::string entry =
-        "/navStatusDir/navPathStatusDir/pathStatus[default]/"
-        "pathStatusEntry[192.0.2.1,2001:db8::1,0]";
-    const std::string via = R"("mplsLabel":1048576,"mplsAction":0,"weight":)";
-    struct Case {
-        std::string path, value, readAt, expected;
-    };
-    for (const auto& [path, value, readAt, expected] : std::initializer_list<Case>{
-             {"/cliConfig/udpPortConfig", "65535", "/cliConfig/udpPortConfig", "65535"},
-             // Every entry on the way comes into being; a member of a set is true.
-             {"/cliConfig/pathGroupConfig[a]/remoteViaConfig[2001:DB8::0:1]/remoteVia[192.0.2.1]",
-              "true", "/cliConfig/pathGroupConfig[a]",
-              R"({"name":"a","localIntf":[],"remoteViaConfig":{"2001:db8::1":{)"
-              R"("remoteAddr":"2001:db8::1","remoteVia":["192.0.2.1"]}},"ipsecProfile":""})"},
-             // The key may be repeated; members of an object nest to any depth.
-             {"/cliConfig",
-              R"({"name":"cliConfig","policyConfig":{"p":{"appProfilePolicyRuleList":{)"
-              R"("30":{"lbGrpName":"x"},"7":{"ruleKey":7}},"name":"p"}}})",
-              "/cliConfig/policyConfig[p]/appProfilePolicyRuleList",
-              R"({"7":{"ruleKey":7,"appProfileId":0,"appProfileName":"","lbGrpName":""},)"
-              R"("30":{"ruleKey":30,"appProfileId":0,"appProfileName":"","lbGrpName":"x"}})"},
-             {"/cliConfig/loadBalanceProfile[gold]/pathGroupPriority", R"({"a":4294967295,"b":0})",
-              "/cliConfig/loadBalanceProfile[gold]/pathGroupPriority[a]", "4294967295"},
-             {"/forwardingStatus/fec[5]", R"([{"hop":"192.0.2.9","intfId":"wan1"},{"weight":3}])",
-              "/forwardingStatus/fec[5]",
-              R"([{"hop":"192.0.2.9","intfId":"wan1",)" + via + "1}," +
-                  R"({"hop":"0.0.0.0","intfId":"",)" + via + "3}]"},
-             // A child that is there is written like any entity; a value is read into.
-             {entry, R"({"pathInfo":{"pathType":"securedPath","via":{"intfId":"wan1"}}})",
-              entry + "/pathInfo/via/intfId", R"("wan1")"}}) {
-        EXPECT_EQ(set(path, value), "ok");
-        EXPECT_EQ(get(readAt), expected) << path;
-        const std::string before = everything();
-        EXPECT_EQ(set(path, value), "ok");
-        EXPECT_EQ(everything(), before) << path;
-    }
-    for (const char* absent :
-         {"/cliConfig/pathGroupConfig[zzz]", "/cliConfig/pathGroupConfig[a]/localIntf[wan3]",
-          "/cliConfig/pathGroupConfig[zzz]/localIntf[wan1]",
-          "/navStatusDir/navLbProfileStatus/lbProfileStatusEntry"})
-        EXPECT_EQ(get(absent), "null");
-}
-
 // A key of one free text is raw in JSON; in a path, and in a key of several fields, it is escaped.
 TEST_F(TreeTest, AwkwardKeysNameTheSameEntryInPathsAndInJson) {
     ASSERT_EQ(set(R"(/cliConfig/pathGroupConfig[a[0\]\,\\/"])", "{}"), "ok");

@@ -286,30 +286,6 @@ TEST_F(Kernel, LookupsGoByInterfaceAndSource) {
                   {v4, "", "wa", "198.51.100.77"}});  // not an address of the host
 }
 
-// Routes by next-hop objects and groups, which the kernel names in two ways.
-TEST_F(Kernel, NexthopObjectsAreLookedUp) {
-    for (const char* compatible : {"1", "0"}) {
-        sysctl("ipv4/nexthop_compat_mode", compatible);
-        Monitored kernel;
-        ASSERT_TRUE(
-            ip("nexthop replace id 1 via 203.0.113.9 dev wa\nnexthop replace id 2 dev wc\n"
-               "nexthop replace id 3 group 1,2/2,250\n"
-               "nexthop replace id 5 via 2001:db8:a::9 dev wa\n"
-               "route replace 10.1.0.0/16 nhid 3\nroute replace 10.2.0.0/16 nhid 1\n"
-               "route replace unreachable 10.3.0.0/16\nroute replace 2001:db8:1::/48 nhid 5\n"));
-        expectRoutes({{"10.1.0.1", "10.1.0.1 wc 250, 203.0.113.9 wa 2"},
-                      {"10.1.0.1", "10.1.0.1 wc 250", "wc"},
-                      {"10.2.0.1", "203.0.113.9 wa 1"},
-                      {"10.3.0.1", ""},
-                      {"2001:db8:1::1", "2001:db8:a::9 wa 1"}});
-        // Deleting an object deletes its routes; only the object is announced.
-        ASSERT_TRUE(kernel.settle());
-        ASSERT_TRUE(ip("nexthop del id 1\n"));
-        ASSERT_TRUE(kernel.settle());
-        expectRoutes({{"10.2.0.1", ""}, {"10.1.0.1", "10.1.0.1 wc 1"}});
-    }
-}
-
 TEST_F(Kernel, NeighboursThatAnOperatorSetStayAsTheyAre) {
     Monitored kernel;
     const auto wa = if_nametoindex("wa");

@@ -55,34 +55,6 @@ TEST_F(PathConstructionTest, GroupsAddressesAndDestinationsComeAndGo) {
     EXPECT_TRUE(configuredPaths().empty());
 }
 
-TEST_F(PathConstructionTest, ProfilesComeWithTheEntryAndClearingDeletes) {
-    start();
-    const PathKey pathKey = key("203.0.113.1", dst);
-    PathConfig& config = in.pathConfigDir->pathConfigIs("default");
-    std::string seen;
-    On watcher(config, PathConfig::pathConfigEntryAttr, [&] {
-        if (const auto* entry = config.pathConfigEntry(pathKey))
-            seen += entry->ipsecProfile() + std::to_string(entry->pathIndex()) + " ";
-    });
-
-    group("internet").ipsecProfileIs("gold");
-    listIntf("internet", "wan1");
-    via("internet", site, dst);
-    address("wan1", "203.0.113.1/24");
-    auto& traces = capture("path");
-    group("internet").ipsecProfileIs("silver");
-    EXPECT_TRUE(traced("Add ipsec for paths for remote 10.255.0.2 and via 198.51.100.2"));
-    EXPECT_TRUE(
-        traced("Using pathIndex: 1 for path  ( Src: 203.0.113.1 Dst: 198.51.100.2 vrfId: "
-               "0 )"));
-    EXPECT_EQ(configuredPaths(), std::set{pathKey});
-    traces.clear();
-    group("internet").ipsecProfileIs("");
-    EXPECT_TRUE(traced("Remove ipsec from paths for remote 10.255.0.2 and via 198.51.100.2"));
-    EXPECT_TRUE(configuredPaths().empty());
-    EXPECT_EQ(seen, "gold1 ") << "whole when it is announced";
-}
-
 TEST_F(PathConstructionTest, AVrfIdThatTwoReportBelongsToTheOneThatKeepsIt) {
     for (const char* vrf : {"red", "blue"}) vrfId(vrf, 5), in.nexthopStatus->vrfIs(vrf);
     intfVrf("wan1", "red"), address("wan1", "203.0.113.1/24"), listIntf("internet", "wan1");

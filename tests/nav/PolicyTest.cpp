@@ -150,23 +150,5 @@ TEST_F(PolicyTest, AVersionTouchesOnlyTheRulesThatChanged) {
     EXPECT_TRUE(changed().empty());
 }
 
-TEST_F(PolicyTest, EveryBindingGivesNewIds) {
-    const Netz::IpGenAddr site = ip("10.255.0.1");
-    const auto id = [&](U32 vrfId) {
-        const auto* key =
-            in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry({site, 1, vrfId});
-        return key ? key->lbIndex() : 0;
-    };
-    start();
-    for (const char* name : {"p", "q"}) rule(name, 10, 1, "voice");
-    cli.loadBalanceProfileIs("gold").pathGroupPriorityIs("wan", 1);
-    in.siteGroupStatus->siteGroupStatusEntryIs({"wan", site}).pathIndexEntryIs(1);
-    vrfId("red", 1), bindTo("red", "p"), vrfId("blue", 2), bindTo("blue", "p");
-    bindTo("red", "q"), done("p");
-    EXPECT_EQ(id(1), 3u);
-    vrfId("red", 7);
-    EXPECT_TRUE(id(1) == 0 && id(7) == 4u && id(2) == 2u);
-}
-
 }  // namespace
 }  // namespace Nav::Test

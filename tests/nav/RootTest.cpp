@@ -14,20 +14,6 @@ class RootTest : public NavFixture {
     }
 };
 
-TEST_F(RootTest, ContainerFollowsTheFlag) {
-    start(false);
-    EXPECT_EQ(root->navContainer(), nullptr);
-    cli.navConfiguredIs(true);
-    ASSERT_NE(root->navContainer(), nullptr);
-    const Vel::Ptr<NavContainer> first(*root->navContainer());
-    capture("root");
-    root->handleInitialized();
-    first->handleInitialized();
-    EXPECT_TRUE(traced("handleInitialized:already initialized"));
-    root->handleNavConfigured();
-    EXPECT_EQ(root->navContainer(), first.get()) << "a container that is there is kept";
-}
-
 TEST_F(RootTest, SwitchedOffPathsGoOneByOneAndTheirRequestsWithThem) {
     onePath();
     via("internet", "10.255.0.3", "198.51.100.3");
@@ -76,20 +62,6 @@ TEST_F(RootTest, ATransitionIsNotEnteredTwice) {
                   [](const std::string& line) { return line.ends_with("Creating Nav container"); }),
               1);
     EXPECT_EQ(configuredPaths().size(), 1u);
-}
-
-TEST_F(RootTest, NullInputsAreRefusedByName) {
-    start();
-    EXPECT_THROW(NavRootSmIs({}), Vel::Error);
-    try {
-        root->inputIs(&NavInputs::ip6StatusDir, Vel::Ptr<Ip6::Status>());
-        FAIL() << "accepted";
-    } catch (const Vel::Error& e) {
-        EXPECT_STREQ(
-            e.what(),
-            "null value for mutator parameter of Nav::NavRootSm::ip6StatusDir not allowed");
-    }
-    EXPECT_NE(root->navContainer(), nullptr);
 }
 
 }  // namespace

@@ -1,33 +1,13 @@
-// What navctl makes of the agent's texts, and of tables for a terminal. The program:
-// navctl_test.py.
+// Tables for a terminal. The program: navctl_test.py.
 #include <gtest/gtest.h>
 
 #include <sstream>
 
-#include "navctl/Literal.h"
 #include "navctl/Show.h"
 
 namespace {
 
 using Agent::Json;
-
-TEST(LiteralTest, RefusesEverythingElse) {
-    for (const std::string& text : std::initializer_list<std::string>{
-             "", "{'a'", "{'a': 1 'b': 2}", "{'a': 1,, }", "(1]", "{'a': 1} x", "{'a': 'it's', }",
-             "'open", "-1", "1.5", "99999999999999999999999", "{[1]: 2}", "{(): 1}", "True",
-             std::string("{ }\0", 4), std::string(100000, '[')})
-        EXPECT_THROW(Navctl::parseLiteral(text), Navctl::LiteralError) << text.substr(0, 40);
-    for (const auto& [text, reason] : std::initializer_list<std::pair<std::string, std::string>>{
-             {"", "the agent gave no answer"},
-             {"% NavRootSm is not initialized\n", "NavRootSm is not initialized"},
-             {"{'it's'}", "the agent's answer is not a table (--raw prints it): "}})
-        try {
-            Navctl::parseShowText(text);
-            ADD_FAILURE() << text;
-        } catch (const Client::Refused& refused) {
-            EXPECT_TRUE(std::string_view(refused.what()).starts_with(reason)) << refused.what();
-        }
-}
 
 TEST(TableTest, AlignsByCharactersAndKeepsControlCharactersFromTheTerminal) {
     const Navctl::TextTable table{{"path group", "state", "sites"},

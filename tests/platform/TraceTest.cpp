@@ -74,26 +74,6 @@ class Trace : public testing::Test {
     Texts texts;
 };
 
-TEST_F(Trace, LevelsAreKeptPerFacility) {
-    int evaluated = 0;
-    const auto trace = [&] {
-        texts.clear();
-        DUOLOG(red, 5, "red5 ", ++evaluated);
-        DUOLOG(red, 6, "red6 ", ++evaluated);
-        DUOLOG(blue, 6, "blue6 ", ++evaluated);
-        return texts;
-    };
-    EXPECT_TRUE(Duolog::levelIs("*", 5));
-    EXPECT_TRUE(Duolog::levelIs("blue", 6));
-    EXPECT_EQ(trace(), (Texts{"red5 1", "blue6 2"}));
-    EXPECT_TRUE(Duolog::levelIs("*", 4));
-    EXPECT_EQ(trace(), (Texts{}));
-    EXPECT_EQ(evaluated, 2);
-    EXPECT_FALSE(Duolog::levelIs("green", 8));
-    static Duolog::Facility late{"late"};  // as of a library loaded later
-    EXPECT_EQ(late.level(), 4);
-}
-
 TEST_F(Trace, TextIsThatOfAStream) {
     std::string text = "text";
     struct {

@@ -48,16 +48,6 @@ class Attack : public testing::Test {
     const Vandal vandal_{space_.fileOf("map")};
 };
 
-TEST_F(Attack, AReaderNamesWhatDoesNotFit) {
-    const auto first = writer();
-    PlainKind<7>::Reader other(space_, "map");
-    EXPECT_EQ(other.update(), MapState::refused);
-    EXPECT_EQ(other.refusal(),
-              "has 8 bytes of key, 48 bytes of value, schema 1; "
-              "expected 8 bytes of key, 56 bytes of value, schema 1");
-    EXPECT_THROW((void)space_.fileOf("../map"), Vel::Error);
-}
-
 TEST_F(Attack, AReaderTrustsNothingThatOthersMayHaveMade) {
     const auto first = writer();
     first->valueIs(1, Kind::value(1, 1));
@@ -95,30 +85,6 @@ TEST_F(Attack, AWriterKeepsItsMapWhateverChildrenAndSignalsDo) {
               }),
               0)
         << "the guard did not survive a stray signal";
-}
-
-TEST_F(Attack, AReaderLearnsOfTheMountOfAnOrderlyStopAndOfDeath) {
-    Kind::Writer other(space_, "other", capacity);
-    Kind::Reader reader(space_, "map");
-    EXPECT_EQ(reader.update(), MapState::absent);
-    const auto next = [&] { return reader.await(0ms) ? reader.update() : MapState::absent; };
-    auto first = writer();
-    EXPECT_EQ(next(), MapState::mounting);
-    first->mountComplete();
-    EXPECT_EQ(next(), MapState::mounted);
-    other.mountComplete();
-    first->valueIs(1, Kind::value(1, 1));
-    EXPECT_EQ(next(), MapState::absent) << "woken for another map, or before the commit";
-    vandal_.keepName();
-    first.reset();
-    EXPECT_EQ(next(), MapState::quiesced);
-    Kind::Value value;
-    EXPECT_EQ(reader.find(1, value), Lookup::found) << "the last values stay readable";
-    vandal_.restoreName();
-    EXPECT_EQ(inChild([&] { return writer()->mountComplete(), kill(getpid(), SIGKILL); }),
-              -SIGKILL);
-    EXPECT_EQ(next(), MapState::mounted);
-    EXPECT_FALSE(reader.writerAlive());
 }
 
 // A reader beyond the kernel's limit of watchers. Read access is all that a reader needs, and it

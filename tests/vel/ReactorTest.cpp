@@ -134,10 +134,6 @@ struct Follower : Reactor {
         U32 number = 0;
         Log* log = nullptr;
     };
-    struct Entry : Object {
-        Entry(Follower& owner, Leaf& leaf) { owner.note("entry " + std::to_string(leaf.id())); }
-        void handleInitialized() {}
-    };
     explicit Follower(const Inputs& inputs) : in(inputs) {}
     const Inputs& inputs() const { return in; }
     void handleInitialized() override {
@@ -145,16 +141,9 @@ struct Follower : Reactor {
         if (in.number == 13) throw 13;
     }
     void doCleanup() override { note("cleanup"); }
-    void handleMode() {
-        note("mode");
-        if (act) act();
-    }
     void note(std::string text) { in.log->push_back(std::move(text)); }
 
     const Inputs in;
-    std::function<void()> act;
-    Subscription mode = Subscription::to<&Follower::handleMode>(*in.tree, Tree::modeAttr, this);
-    EntryReactorsOf<Entry, decltype(Tree::leafAttr)> entries{*this, *in.tree, Tree::leafAttr};
 };
 VEL_INPUTS(Follower::Inputs, tree, number, log)
 
@@ -191,19 +180,6 @@ TEST_F(ReactorTest, IsKeptForTheSameInputsAndRefusedForOthers) {
     EXPECT_THROW(map.is(1, number), int);
     EXPECT_EQ(take(), (Log{"initialized", "cleanup", "initialized", "cleanup"}));
     EXPECT_FALSE(owned || map(1)) << "half initialised";
-}
-
-// Deleted in the middle of its own handler, a reactor hears and makes nothing more, though its
-// memory waits for the stack to unwind.
-TEST_F(ReactorTest, IsSilentOnceItsOwnerDroppedIt) {
-    owned.is(inputs).act = [&] {
-        owned.del();
-        tree->leafIs(1);
-        tree->modeIs(Mode::standby);
-    };
-    tree->modeIs(Mode::active);
-    EXPECT_FALSE(owned);
-    EXPECT_EQ(take(), (Log{"initialized", "mode", "cleanup"}));
 }
 
 }  // namespace Test

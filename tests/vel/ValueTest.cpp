@@ -5,12 +5,6 @@
 
 namespace Test {
 
-TEST(Value, HasATextAndAKey) {
-    EXPECT_EQ(valueToStrep(SiteKey{"it's\n\x01\\", addr(2)}),
-              R"(Value('Test::SiteKey', ** {'name': 'it\'s\n\x01\\', 'addr': '2001:db8::2'}))");
-    EXPECT_EQ(Codec<SiteKey>::key({"a,b]\\", addr(257)}), R"(a\,b\]\\,0.0.1.1)");
-}
-
 TEST(Value, HashTakesEveryField) {
     OneAtATime reference;  // Bob Jenkins' function of "abcd"
     reference.add(0x64636261);
