@@ -347,7 +347,7 @@ void LbProfileSm::ruleChanged(const NavRuleEntry& rule, const L3::VrfName& vrf) 
     ++reactions_;
     const U32* vrfId = in_.navDb->vrfNameToId(vrf);
     if (const U32 entered = enteredVrfId(entry, vrf); vrfId && entered != *vrfId) {
-        leaveRule(entry, vrf);
+        rules_.leave(entry, vrf);
         handleNavRuleEntry(entry, vrf, entered);
     }
     if (isListed(entry, vrf)) rules_.enter(entry, vrf, vrfIdOf(vrf));
@@ -360,19 +360,8 @@ void LbProfileSm::rulesDeleted(const L3::VrfName& vrf) {
     if (!initialized_) return;
     ++reactions_;
     const auto rules = rules_.ofVrf(vrf);
-    for (const auto& [entry, vrfId] : rules) leaveRule(entry, vrf);
+    for (const auto& [entry, vrfId] : rules) rules_.leave(entry, vrf);
     for (const auto& [entry, vrfId] : rules) handleNavRuleEntry(entry, vrf, vrfId);
-}
-
-// If no remaining rule of the application names the profile, its keys belong to the remaining rules
-// from now on. (If no rule remains, the keys are about to be released.)
-void LbProfileSm::leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf) {
-    const VrfAppKey app{enteredVrfId(entry, vrf), entry.appProfileId};
-    rules_.leave(entry, vrf);
-    const LbRules::Rules& left = rules_.of(app);
-    auto* keySet = in_.navDb->lbNameToLbKeySet(entry.lbProfileName);
-    if (left.empty() || !keySet || firstNaming(left, entry.lbProfileName)) return;
-    for (const LbProfileKey& key : keys_.of(app)) keys_.leave(key, *keySet);
 }
 
 void LbProfileSm::handleNavRuleEntry(const NavRuleEntry& rule, const L3::VrfName& vrf, U32 vrfId) {
@@ -380,7 +369,7 @@ void LbProfileSm::handleNavRuleEntry(const NavRuleEntry& rule, const L3::VrfName
     const NavRuleEntry entry = rule;
     DUOLOG(lbTrace, 7, "NavRuleEntry: ", entry, " vrf: ", vrf, " vrfId: ", vrfId);
     const bool listed = isListed(entry, vrf);
-    if (!listed) leaveRule(entry, vrf);
+    if (!listed) rules_.leave(entry, vrf);
     const bool removed = !listed || enteredVrfId(entry, vrf) != vrfId;
     const VrfAppKey app{vrfId, entry.appProfileId};
     in_.navDb->lbNameToLbKeySetIs(entry.lbProfileName);
@@ -436,10 +425,14 @@ bool LbProfileSm::removeSiteGroup(const LbProfileKey& key, const Vel::String& lb
     return true;
 }
 
-// Releases the keys that no other rule wants, including keys of vanished sites.
+// Releases the keys that no other rule wants, including keys of vanished sites. The others are the
+// profile's only as long as a rule of the application names it.
 void LbProfileSm::releaseUnwanted(const VrfAppKey& app, const Vel::String& lbName) {
     for (const LbProfileKey& key : keys_.of(app))
-        if (!wanted(key).constraints()) deleteLbIdStatus(key, lbName);
+        if (!wanted(key).constraints())
+            deleteLbIdStatus(key, lbName);
+        else if (!firstNaming(rules_.of(app), lbName))
+            keys_.leave(key, in_.navDb->lbNameToLbKeySetIs(lbName));
 }
 
 // Rules of one application that name the same profile count as one: the first acts for all.

@@ -105,7 +105,6 @@ class NAV_EXPORT LbProfileSm final : public Vel::Reactor {
     bool isListed(const NavRuleEntry& entry, const L3::VrfName& vrf) const;
     void ruleChanged(const NavRuleEntry& rule, const L3::VrfName& vrf);
     void rulesDeleted(const L3::VrfName& vrf);
-    void leaveRule(const NavRuleEntry& entry, const L3::VrfName& vrf);
     void releaseUnwanted(const VrfAppKey& app, const Vel::String& lbName);
 
     // Steps. They return false if another reaction ran before they were done: decide again.

@@ -170,9 +170,12 @@ TEST_F(Nested, PairsThatMatterAtFewPositions) {
     const std::string blue = vrfIds + "[blue]/vrfId";
     const Event toP1 = text(bindings + "[blue]/policyName", "p1");
     const Event toP2 = text(bindings + "[blue]/policyName", "p2");
-    const std::vector<Event> first{number(silver + "/latency", 30), number(silver + "/jitter", 30),
+    const std::vector<Event> first{number(silver + "/latency", 30),
+                                   number(silver + "/jitter", 30),
                                    set(g1 + siteB + "/remoteVia[192.0.2.3]"),
-                                   set(g2 + siteB + "/remoteVia[192.0.2.4]")};
+                                   set(g2 + siteB + "/remoteVia[192.0.2.4]"),
+                                   set("/cliConfig/policyConfig[p2]/defaultRuleCfgd"),
+                                   text("/cliConfig/policyConfig[p2]/defaultLbGrpName", "gold")};
     for (const auto& [outer, inner] : std::initializer_list<std::pair<Event, Event>>{
              {del(g1 + siteA + dst1), del("/nexthopStatus/vrf[default]")},
              {del(g1 + siteA), set(g1 + siteA + dst1)},
@@ -181,7 +184,8 @@ TEST_F(Nested, PairsThatMatterAtFewPositions) {
              {number(blue, 11), number(blue, 10)},
              {number(blue, 11), number(policy + "/configVersion", 7)},
              {number(blue, 11), toP2},
-             {toP2, toP1}})
+             {toP2, toP1},
+             {del(bindings + "[blue]"), toP2}})
         matrix(true, first, {outer}, {inner});
 }
 // With every index in use, paths are added within the removal of others and the other way round.
