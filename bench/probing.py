@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
 """What probing costs: probing.py BUILD_DIR [PATHS [INTERVAL-MS [SECONDS]]], as root.
 
-A router with 4 uplinks in one network namespace, reflectors at all destinations in another. A veth pair
-runs the other end's network stack in the sender's system calls, unless packets are steered to another
-processor. So everything is measured twice: the agent's processor time with the other end's stack on the
-other processor, as if it were another machine, and in its system calls. Prints that with and without
-probing, and the processor time of a process which only makes the same system calls for the same packets.
+A router with 4 uplinks in one network namespace, reflectors at all destinations in another. Prints the
+processor time of the agent with and without probing, and that of a process which only makes the same
+system calls for the same packets, with and without the other namespace's network stack, which a veth
+pair runs in the sender's system calls.
 """
 import ctypes
 import itertools
@@ -121,21 +120,12 @@ def bare():
             probes.send(opened)
 
 
-def run(netns, processor, function, *arguments):
+def run(netns, function, *arguments):
     process = os.fork()
     if process == 0:
-        os.sched_setaffinity(0, {processor})
         enter(netns)
         function(*arguments)
     return process
-
-
-def steer(apart):
-    """Runs the other end on the second processor, or each packet where it is sent."""
-    for uplink in range(uplinks):
-        subprocess.run(["ip", "netns", "exec", f"{name}b", "sh", "-c",
-                        f"echo {2 if apart else 0} > /sys/class/net/down{uplink}/queues/rx-0/rps_cpus"],
-                       check=True)
 
 
 def agent_share(probed):
@@ -148,8 +138,8 @@ def agent_share(probed):
                                             "probe": {"interval": interval if probed else 0}})):
             pathlib.Path(f"{directory}/{file}.json").write_text(json.dumps(value), encoding="utf-8")
         agent = subprocess.Popen(
-            ["taskset", "1", "ip", "netns", "exec", f"{name}a", f"{build}/agent/host/nav-agent",
-             "--platform", "linux", "--run-dir", directory, "--config", f"{directory}/config.json",
+            ["ip", "netns", "exec", f"{name}a", f"{build}/agent/host/nav-agent", "--platform", "linux",
+             "--run-dir", directory, "--config", f"{directory}/config.json",
              "--forwarding", f"{directory}/forwarding.json"], stderr=subprocess.DEVNULL)
         time.sleep(5)  # until all paths are probed
         found = share(agent.pid)
@@ -161,7 +151,7 @@ def agent_share(probed):
 
 
 def bare_share():
-    process = run(f"{name}a", 0, bare)
+    process = run(f"{name}a", bare)
     time.sleep(1)
     found = share(process)
     os.kill(process, 9)
@@ -179,14 +169,19 @@ def main():
                            f"addr add 198.51.{uplink}.1/24 dev up{uplink}\nlink set up{uplink} up")
             ip(f"{name}b", "".join(f"addr add {each}/24 dev down{uplink}\n" for each in far(uplink)) +
                f"link set down{uplink} up")
-        process = run(f"{name}b", 1, reflect, [each for uplink in range(uplinks) for each in far(uplink)])
+        process = run(f"{name}b", reflect, [each for uplink in range(uplinks) for each in far(uplink)])
+        probing, alive = agent_share(True)
         idle, _ = agent_share(False)
-        for apart, where in (True, "on the other processor"), (False, "in the sender's system calls"):
-            steer(apart)
-            probing, alive = agent_share(True)
-            print(f"{paths} paths, {interval} ms, {alive} alive, the other end's stack {where}, % of a core: "
-                  f"agent {100 * probing:.2f}, without probing {100 * idle:.2f}; the same system calls alone "
-                  f"{100 * bare_share():.2f}; load {os.getloadavg()[0]:.1f}", flush=True)
+        whole = bare_share()
+        subprocess.run(["ip", "netns", "exec", f"{name}b", "nft", "-f", "-"], text=True, check=True,
+                       input="table netdev sink {\n" + "".join(
+                           f"chain {each} {{ type filter hook ingress device {each} priority 0; "
+                           "ip protocol udp drop; }\n"
+                           for each in (f"down{uplink}" for uplink in range(uplinks))) + "}\n")
+        print(f"{paths} paths, {interval} ms, {alive} alive, % of a core: agent {100 * probing:.2f}, "
+              f"without probing {100 * idle:.2f}; the same system calls alone {100 * whole:.2f}, "
+              f"without the other end's stack and its answers {100 * bare_share():.2f}; "
+              f"load {os.getloadavg()[0]:.1f}")
         os.kill(process, 9)
     finally:
         for side in "a", "b":
