@@ -186,6 +186,7 @@ class FullSize:
     def change(self, change):
         """Makes a change that moves all applications. Returns the seconds from its first event to
         the first and the last application."""
+        await_("the change before is complete", lambda: self.lab.navctl(1, "validate").stdout == "PASS\n")
         self.observer.forget()
         change()
         await_("all applications move", self.moved)
