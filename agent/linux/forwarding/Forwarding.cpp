@@ -156,7 +156,8 @@ void Forwarding::interfacesChanged() {
     commitLater();
 }
 
-// A group that is still to be replaced may have next hops that nothing shows to be its own.
+// While groups wait for their replacement, commit() does it: in the kernel, one of them may have a
+// failed next hop, whose place not every next hop may take for it.
 void Forwarding::leaveFailedLinks() {
     if (adopting_ || !groupsToReplace_.empty()) return;
     std::set<uint32_t> failed;
