@@ -70,8 +70,6 @@ void EventLoop::stop() {
 }
 
 void EventLoop::runOnce(nanoseconds patience) {
-    settle();
-    if (stopped_) return;
     if (const auto deadline = scheduler_.nextDeadline()) {
         patience = std::min(patience, *deadline - scheduler_.now());
     }
@@ -80,7 +78,7 @@ void EventLoop::runOnce(nanoseconds patience) {
     event_base_loop(base_.get(), EVLOOP_ONCE | EVLOOP_NO_EXIT_ON_EMPTY);
     event_del(alarm_.get());
     wake();  // at the latest for what is due now
-    settle();
+    scheduler_.runDue(*woken_ + roundTime);
     const double spent =
         std::chrono::duration<double>(scheduler_.now() - *std::exchange(woken_, {})).count();
     busy_.sum += spent;

@@ -60,9 +60,12 @@ class EventLoop {
     // Returns after stop(); immediately if that was called before.
     void run();
     void stop();
-    // One round: runs the tasks that are due, waits for events for at most `patience`, runs their
-    // callbacks and the tasks that these made due.
+    // One round: waits for events for at most `patience`, and not at all while a task is due; runs
+    // their callbacks and the tasks that are due then. The tasks that have not begun `roundTime`
+    // after the first callback wait for the next round, so that events that have come meanwhile
+    // are handled first.
     void runOnce(std::chrono::nanoseconds patience);
+    static constexpr Loom::Duration roundTime = std::chrono::milliseconds(1);
 
     Registration onSignal(int number, Callback callback);
     // Called repeatedly while the descriptor is readable or at its end, or writable or broken. The

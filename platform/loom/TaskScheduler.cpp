@@ -11,7 +11,7 @@ TaskScheduler::~TaskScheduler() {
     for (const Slot& slot : timers_) slot.timer->slot_ = Timer::unarmed;
 }
 
-void TaskScheduler::runDue() {
+void TaskScheduler::runDue(Instant end) {
     struct Running {
         explicit Running(bool& flag) : flag(flag), before(std::exchange(flag, true)) {}
         ~Running() { flag = before; }
@@ -20,17 +20,23 @@ void TaskScheduler::runDue() {
     } const running(running_);
 
     for (int round = 0; round < maxRounds; ++round) {
-        // Tasks left over from a round that an error ended run first.
+        // Tasks left over from a round that an error or the end of the time has ended run first.
         if (!round_.linked() && posted_.linked()) {
             round_.linkBefore(posted_.next());
             posted_.unlink();
         }
-        while (round_.linked()) runTask(static_cast<Task&>(round_.next()));
+        while (round_.linked()) {
+            runTask(static_cast<Task&>(round_.next()));
+            if (reached(end)) return;
+        }
         bool ranTimer = false;
         if (!timers_.empty()) {
             const Instant started = now();
             const uint64_t lastArmed = sequence_;
-            while (runTimer(started, lastArmed)) ranTimer = true;
+            while (runTimer(started, lastArmed)) {
+                ranTimer = true;
+                if (reached(end)) return;
+            }
         }
         if (!posted_.linked() && !ranTimer) return;
     }

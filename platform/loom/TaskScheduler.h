@@ -104,10 +104,10 @@ class VEL_EXPORT TaskScheduler {
 
     // Runs what is due, in rounds: the tasks queued at the beginning of a round, then the timers
     // due at that time. Ends when nothing is due or after maxRounds, so that work that keeps
-    // posting itself delays neither other work nor the host's loop; what is left stays due. May be
-    // called from a task. An exception of a task or timer leaves runDue() at once; what has not run
-    // yet stays due.
-    void runDue();
+    // posting itself delays neither other work nor the host's loop, or after the first task or
+    // timer that has run at or beyond `end`; what is left stays due. May be called from a task. An
+    // exception of a task or timer leaves runDue() at once; what has not run yet stays due.
+    void runDue(Instant end = Instant::max());
 
     // Longer than any chain of tasks that post one another, and short enough for a loop that has
     // sockets to serve.
@@ -134,6 +134,7 @@ class VEL_EXPORT TaskScheduler {
         }
     };
 
+    bool reached(Instant end) const { return end != Instant::max() && now() >= end; }
     void runTask(Task& task);
     bool runTimer(Instant now, uint64_t lastArmed);
     void wakeup() {

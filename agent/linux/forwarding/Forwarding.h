@@ -36,9 +36,9 @@ class Forwarding {
     // first of them alone stays there as long as it has packets.
     static constexpr Loom::Duration newPathsDelay = std::chrono::milliseconds(2);
     // Groups are replaced and next hops removed for so long at a time, and at least one: the kernel
-    // takes milliseconds for each, since it waits for all processors, and other events must not
-    // wait for all of them. They are handled in the pause.
-    static constexpr Loom::Duration postponedTime = std::chrono::milliseconds(2);
+    // takes up to some milliseconds for each, since it waits for all processors, and other events
+    // must not wait for all of them. They are handled in the pause.
+    static constexpr Loom::Duration postponedTime = std::chrono::milliseconds(1);
     static constexpr Loom::Duration postponedPause = std::chrono::microseconds(100);
     // Delay before refused changes are tried again.
     static constexpr Loom::Duration retryTime = std::chrono::seconds(5);
