@@ -7,7 +7,7 @@
 namespace Agent::Linux {
 
 Connection::Connection(const Ipsec::ConnectionKey& key, uint32_t reqid, Loom::Instant now)
-    : key_(key), reqid_(reqid), changed_(now), single_(now), random_(std::random_device{}()) {
+    : key_(key), reqid_(reqid), changed_(now), single_(now), random_(reqid) {
     due_ = now + headStart();
 }
 
