@@ -59,6 +59,11 @@ Texts prefixes(const Range& range, bool v6) {
     return texts;
 }
 
+// Matches the addresses of a packet, in a set of pairs.
+std::string pairOf(bool v6) {
+    return v6 ? "ip6 saddr . ip6 daddr " : "ip saddr . ip daddr ";
+}
+
 // An asterisk at the end of a name would stand for any text.
 std::string quoted(std::string_view name) {
     const bool asterisk = name.ends_with('*');
@@ -221,24 +226,45 @@ class Writer {
                  "tcp flags syn oifname " + setOf(tunnels_) + " tcp option maxseg size set rt mtu");
     }
 
-    // Protected is what the kernel has decrypted or is to encrypt, and what charon does.
+    // Protected is what the kernel has decrypted or is to encrypt, and what charon does. It is
+    // accepted from any interface, because nobody but the peer can have sent it. Each pair of
+    // addresses is in one set for all ports, since large sets take nftables long.
+    void secured(const Texts (&in)[2], const Texts (&out)[2]) {
+        const std::string device = quoted(ipsecDevice), probe = std::to_string(probePort);
+        for (const std::string direction : {"in", "out"}) {
+            out_ << "add chain " << table_ << " secured_" << direction << "\n";
+            for (const auto& port : {port_, "udp dport " + probe, "udp sport " + probe})
+                rule("tunnels_" + direction, port + " jump secured_" + direction);
+        }
+        out_ << "add chain " << table_ << " protected\n";
+        rule("protected", "meta secpath missing iifname != " + device + " counter drop");
+        rule("protected", "accept");
+        for (const bool v6 : {false, true}) {
+            if (in[v6].empty()) continue;
+            rule("secured_in", pairOf(v6) + setOf(in[v6]) + " jump protected");
+            rule("secured_out", pairOf(v6) + setOf(out[v6]) +
+                                    " rt ipsec missing oifname != " + device + " counter drop");
+        }
+    }
+
     void protection() {
         chain("tunnels_in", "filter hook input priority filter");
         chain("tunnels_out", "filter hook postrouting priority mangle");
-        Texts peers[2], secured[2], securedOut[2];
+        Texts peers[2], securedIn[2], securedOut[2];
         const auto allow = [&](const IpGenAddr& source, const IpGenAddr& destination,
                                const Interface& interface, bool protect) {
             const bool v6 = source.isV6();
             const std::string out = source.stringValue() + " . " + destination.stringValue();
             const std::string in = destination.stringValue() + " . " + source.stringValue();
+            if (protect) {
+                securedIn[v6].insert(in);
+                securedOut[v6].insert(out);
+                return;
+            }
             // What is received in a VRF is delivered with the VRF's device as its input interface.
             peers[v6].insert(
                 in + " . " +
                 quoted(interface.vrf.index == 0 ? interface.name.str() : interface.vrf.name.str()));
-            if (!protect) return;
-            peers[v6].insert(in + " . " + quoted(ipsecDevice));
-            secured[v6].insert(in);
-            securedOut[v6].insert(out);
         };
         for (const Nav::PathConfig& vrf : in_.pathConfigDir->pathConfig())
             for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
@@ -260,21 +286,11 @@ class Writer {
                             allow(source, destination, interface, !group.ipsecProfile().empty());
                     }
             }
-        for (const bool v6 : {false, true}) {
-            const std::string ip = v6 ? "ip6" : "ip", pair = ip + " saddr . " + ip + " daddr ";
-            const std::string probe = std::to_string(probePort), device = quoted(ipsecDevice);
-            for (const auto& port : {port_, "udp dport " + probe, "udp sport " + probe}) {
-                if (secured[v6].empty()) break;
-                rule("tunnels_in", port + " " + pair + setOf(secured[v6]) +
-                                       " meta secpath missing iifname != " + device +
-                                       " counter drop");
-                rule("tunnels_out", port + " " + pair + setOf(securedOut[v6]) +
-                                        " rt ipsec missing oifname != " + device + " counter drop");
-            }
+        if (!securedIn[0].empty() || !securedIn[1].empty()) secured(securedIn, securedOut);
+        for (const bool v6 : {false, true})
             if (!peers[v6].empty())
                 rule("tunnels_in",
-                     port_ + " " + pair + ". iifname " + setOf(peers[v6]) + " accept");
-        }
+                     port_ + " " + pairOf(v6) + ". iifname " + setOf(peers[v6]) + " accept");
         if (!plan_.segments().empty()) rule("tunnels_in", port_ + " counter drop");
     }
 
