@@ -1,7 +1,10 @@
 #include "platform/netz/IpAddrWithMask.h"
 
+#include <endian.h>
+
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <ostream>
 
 namespace Netz {
@@ -22,11 +25,15 @@ std::optional<IpAddrWithMask> IpAddrWithMask::parse(std::string_view text) {
 
 bool IpAddrWithMask::contains(const IpGenAddr& address) const {
     if (addr.isV6() != address.isV6()) return false;
-    const size_t octets = prefixLength / 8;
-    const unsigned bits = prefixLength % 8;
-    const uint8_t *ours = addr.data(), *theirs = address.data();
-    return std::equal(ours, ours + octets, theirs) &&
-           (bits == 0 || (ours[octets] ^ theirs[octets]) >> (8 - bits) == 0);
+    // In words of 8 octets; an IPv4 address is followed by zeros.
+    for (unsigned bits = 0; bits < prefixLength; bits += 64) {
+        uint64_t ours, theirs;
+        std::memcpy(&ours, addr.data() + bits / 8, sizeof ours);
+        std::memcpy(&theirs, address.data() + bits / 8, sizeof theirs);
+        const unsigned compared = std::min(prefixLength - bits, 64U);
+        if (be64toh(ours ^ theirs) >> (64 - compared) != 0) return false;
+    }
+    return true;
 }
 
 std::string IpAddrWithMask::stringValue() const {
