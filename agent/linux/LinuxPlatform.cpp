@@ -149,7 +149,7 @@ NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(
     const InterfaceView& view = monitor_.interfaces();
     const std::vector<PathQuery> queries = pathQueries(view, *in_.pathConfigDir, requested);
     const std::vector<RouteQuery> routes = routesOf(queries);
-    const std::vector<const RouteResult*> results = monitor_.lookup(routes);
+    const std::span<const RouteResult* const> results = monitor_.lookup(routes);
     if (std::ranges::count(results, RouteResult::Kind::failed, &RouteResult::kind) != 0)
         retry_.armIn(retryDelay);
     return pathVias(view, queries, results);

@@ -55,8 +55,10 @@ NexthopResolver::ViasByVrf pathVias(const InterfaceView& view, std::span<const P
         const L3::VrfName& vrf = queries[i].vrf;
         legs.clear();
         for (; i < queries.size() && queries[i].vrf == vrf; ++i)
-            for (const RouteVia& via : results[i]->vias)
+            for (RouteVia via : results[i]->vias) {
+                if (via.hop.isZero()) via.hop = queries[i].route.destination;
                 legs.emplace_back(queries[i].route.destination, via);
+            }
         const auto resolved = found.find(vrf);
         if (resolved == found.end()) continue;
         std::ranges::sort(legs);

@@ -20,7 +20,7 @@ constexpr int attempts = 4;  // when routes change while they are read
 // The gateway of vias into a tunnel.
 std::optional<Netz::IpGenAddr> VrfRoutes::tunnelled(const std::vector<RouteVia>& vias) const {
     for (const RouteVia& via : vias)
-        if (tunnels_.contains(via.ifIndex) && !via.onLink && !via.hop.isZero()) return via.hop;
+        if (tunnels_.contains(via.ifIndex) && !via.hop.isZero()) return via.hop;
     return {};
 }
 
@@ -41,8 +41,7 @@ std::optional<std::pair<VrfRoutes::Key, VrfRoutes::Value>> VrfRoutes::parse(
     }
     // The kernel names the vias of an object only if net.ipv4.nexthop_compat_mode is on.
     value.gateway =
-        tunnelled(value.nexthopId == 0 ? viasOf(message, key.prefix.addr)
-                                       : expand(nexthops_, value.nexthopId, key.prefix.addr).vias);
+        tunnelled(value.nexthopId == 0 ? viasOf(message) : expand(nexthops_, value.nexthopId).vias);
     return std::pair(key, value);
 }
 
@@ -100,7 +99,7 @@ void VrfRoutes::resolve(RequestSocket& requests) {
     outdated_ = false;
     for (auto& [key, value] : routes_) {
         if (value.nexthopId == 0) continue;
-        value.gateway = tunnelled(expand(nexthops_, value.nexthopId, key.prefix.addr).vias);
+        value.gateway = tunnelled(expand(nexthops_, value.nexthopId).vias);
         if (value.gateway) learned_.insert({key.table, *value.gateway, key});
     }
 }

@@ -52,11 +52,6 @@ std::optional<Netz::IpGenAddr> gatewayOf(const NetlinkAttribute& attribute, unsi
     return readAddr(viaFamily.value_or(AF_UNSPEC), dropFront(attribute.data, sizeof(uint16_t)));
 }
 
-RouteVia viaTo(const Netz::IpGenAddr& destination, std::optional<Netz::IpGenAddr> gateway,
-               uint32_t ifIndex, uint32_t weight) {
-    return {gateway.value_or(destination), ifIndex, weight, !gateway};
-}
-
 Kind kindOf(const Message& refusal) {
     switch (errorOf(refusal)) {
         case ENETUNREACH:   // no route
@@ -95,36 +90,35 @@ std::optional<FibEntry> fibEntryOf(const Message& message) {
     return entry;
 }
 
-std::vector<RouteVia> viasOf(const Message& message, const Netz::IpGenAddr& destination) {
+std::vector<RouteVia> viasOf(const Message& message) {
     std::vector<RouteVia> vias;
     const auto header = message.header<rtmsg>();
     if (!header) return vias;
     uint32_t ifIndex = 0;
-    std::optional<Netz::IpGenAddr> gateway;
+    Netz::IpGenAddr gateway;
     for (const NetlinkAttribute& attribute : attributesAfter<rtmsg>(message)) {
-        if (auto hop = gatewayOf(attribute, header->rtm_family)) gateway = hop;
+        if (const auto hop = gatewayOf(attribute, header->rtm_family)) gateway = *hop;
         if (attribute.type == RTA_OIF) ifIndex = attribute.u32().value_or(0);
         if (attribute.type != RTA_MULTIPATH) continue;
         for (const Leg& leg : Legs(attribute.data)) {
             if ((leg.head.rtnh_flags & deadFlags) != 0) continue;
-            std::optional<Netz::IpGenAddr> hop;
+            Netz::IpGenAddr hop;
             for (const NetlinkAttribute& inner : Attributes(leg.attributes))
-                if (auto found = gatewayOf(inner, header->rtm_family)) hop = found;
-            vias.push_back(viaTo(destination, hop, static_cast<uint32_t>(leg.head.rtnh_ifindex),
-                                 leg.head.rtnh_hops + 1U));
+                if (const auto found = gatewayOf(inner, header->rtm_family)) hop = *found;
+            vias.push_back(
+                {hop, static_cast<uint32_t>(leg.head.rtnh_ifindex), leg.head.rtnh_hops + 1U});
         }
     }
-    if (ifIndex != 0 && (header->rtm_flags & deadFlags) == 0)
-        vias.push_back(viaTo(destination, gateway, ifIndex, 1));
+    if (ifIndex != 0 && (header->rtm_flags & deadFlags) == 0) vias.push_back({gateway, ifIndex});
     return vias;
 }
 
-RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination) {
+RouteReply parseRoute(const Message& message) {
     if (message.type == NLMSG_ERROR) return {{kindOf(message), {}}, 0};
     const auto header = message.header<rtmsg>();
     if (message.type != RTM_NEWROUTE || !header) return {};
     RouteReply reply{{header->rtm_type == RTN_UNICAST ? Kind::forwarded : Kind::unreachable,
-                      viasOf(message, destination), fibEntryOf(message)},
+                      viasOf(message), fibEntryOf(message)},
                      0};
     // The kernel names the object and its legs both, unless net.ipv4.nexthop_compat_mode is off.
     bool named = false;
@@ -145,15 +139,12 @@ NexthopObject parseNexthop(const Message& message) {
         return object;
     }
     object.dead = (header->nh_flags & deadFlags) != 0;
-    object.via.onLink = true;
     for (const NetlinkAttribute& attribute : attributesAfter<nhmsg>(message)) {
         if (attribute.type == NHA_BLACKHOLE) object.blackhole = true;
         if (attribute.type == NHA_OIF) object.via.ifIndex = attribute.u32().value_or(0);
         if (attribute.type == NHA_GATEWAY)
-            if (auto hop = readAddr(header->nh_family, attribute.data)) {
-                object.via.hop = *hop;
-                object.via.onLink = false;
-            }
+            object.via.hop =
+                readAddr(header->nh_family, attribute.data).value_or(Netz::IpGenAddr());
         if (attribute.type != NHA_GROUP) continue;
         for (Bytes rest = attribute.data; auto member = readAs<GroupMember>(rest);
              rest = dropFront(rest, sizeof(GroupMember)))
@@ -163,16 +154,13 @@ NexthopObject parseNexthop(const Message& message) {
     return object;
 }
 
-RouteResult expand(const NexthopObjects& objects, uint32_t id, const Netz::IpGenAddr& destination) {
+RouteResult expand(const NexthopObjects& objects, uint32_t id) {
     const auto object = objects.find(id);
     if (object == objects.end()) return {};
     RouteResult result{object->second.blackhole ? Kind::unreachable : Kind::forwarded, {}};
     auto add = [&](const NexthopObject& nexthop, uint32_t weight) {
         if (nexthop.dead || !nexthop.group.empty()) return;
-        RouteVia via = nexthop.via;
-        if (via.onLink) via.hop = destination;
-        via.weight = weight;
-        result.vias.push_back(via);
+        result.vias.push_back({nexthop.via.hop, nexthop.via.ifIndex, weight});
     };
     add(object->second, 1);
     for (const NexthopObject::Member& member : object->second.group) {
@@ -236,7 +224,7 @@ std::vector<RouteResult> FibLookup::ask(std::span<const RouteQuery> queries) {
             if (query.ifIndex != 0) writer.attribute(RTA_OIF, query.ifIndex);
         },
         [&](size_t i, const Message& message) {
-            RouteReply reply = parseRoute(message, queries[i].destination);
+            RouteReply reply = parseRoute(message);
             results[i] = std::move(reply.result);
             ids[i] = reply.nexthopId;
             if (reply.nexthopId != 0) unresolved.push_back(reply.nexthopId);
@@ -245,7 +233,7 @@ std::vector<RouteResult> FibLookup::ask(std::span<const RouteQuery> queries) {
     const NexthopObjects objects = nexthops(unresolved);
     for (size_t i = 0; i < queries.size(); ++i)
         if (ids[i] != 0) {
-            RouteResult expanded = expand(objects, ids[i], queries[i].destination);
+            RouteResult expanded = expand(objects, ids[i]);
             expanded.entry = results[i].entry;
             results[i] = std::move(expanded);
         }

@@ -31,10 +31,9 @@ struct RouteQuery {
 };
 
 struct RouteVia {
-    Netz::IpGenAddr hop;  // the gateway; the destination itself where the route is on-link
+    Netz::IpGenAddr hop;  // the gateway; zero: the destination itself, which is on the link
     uint32_t ifIndex = 0;
     uint32_t weight = 1;  // 1..65536, relative to the other legs of the route; 1 of a single leg
-    bool onLink = false;
 
     bool operator==(const RouteVia&) const = default;
     auto operator<=>(const RouteVia&) const = default;
@@ -75,9 +74,9 @@ struct RouteReply {
     RouteResult result;
     uint32_t nexthopId = 0;  // of the next-hop object that holds the vias, if the reply does not
 };
-RouteReply parseRoute(const Message& message, const Netz::IpGenAddr& destination);
+RouteReply parseRoute(const Message& message);
 // The vias of an RTM_NEWROUTE or RTM_DELROUTE message that names them itself, dead ones left out.
-std::vector<RouteVia> viasOf(const Message& message, const Netz::IpGenAddr& destination);
+std::vector<RouteVia> viasOf(const Message& message);
 
 // The content of one RTM_NEWNEXTHOP message: a next-hop object that is a group or a single hop.
 struct NexthopObject {
@@ -88,13 +87,13 @@ struct NexthopObject {
     bool blackhole = false;
     bool dead = false;
     std::vector<Member> group;
-    RouteVia via;  // an unspecified hop stands for the destination
+    RouteVia via;
 };
 NexthopObject parseNexthop(const Message& message);
 
 using NexthopObjects = std::map<uint32_t, NexthopObject>;  // by id
-// The vias of a destination through one of them; `failed` if it does not exist.
-RouteResult expand(const NexthopObjects& objects, uint32_t id, const Netz::IpGenAddr& destination);
+// The route through one of them; `failed` if it does not exist.
+RouteResult expand(const NexthopObjects& objects, uint32_t id);
 
 class FibLookup {
   public:

@@ -86,7 +86,7 @@ class KernelMonitor {
     // One result for each query, in their order, valid until the next call. The kernel is asked
     // only for what events may have changed since the last call, and for queries that this did not
     // include.
-    std::vector<const RouteResult*> lookup(std::span<const RouteQuery> queries) {
+    std::span<const RouteResult* const> lookup(std::span<const RouteQuery> queries) {
         return answers_.lookup(queries, scheduler_.now());
     }
     // Whether packets can be sent to the neighbour at once: it is resolved, or its link needs no

@@ -3,27 +3,18 @@
 #include <algorithm>
 #include <map>
 #include <tuple>
+#include <unordered_map>
 #include <utility>
 
 namespace Agent::Linux {
 
-namespace {
-
 using Netz::IpAddrWithMask;
 using Netz::IpGenAddr;
 
-// Makes a result that of a query to another destination by the same FIB entry.
-void redirect(RouteResult& result, const IpGenAddr& destination) {
-    for (RouteVia& via : result.vias)
-        if (via.onLink) via.hop = destination;
-    std::ranges::sort(result.vias);
-}
-
-}  // namespace
-
 void LookupCache::routeChanged(const FibEntry& route, Loom::Instant now) {
-    for (auto& [query, answer] : answers_) {
-        if (!route.prefix.contains(query.destination)) continue;
+    for (size_t i = 0; i < queries_.size(); ++i) {
+        if (!route.prefix.contains(queries_[i].destination)) continue;
+        Answer& answer = answers_[i];
         answer.settled = now + settleTime;
         if (!answer.stale) {
             answer.stale = true;
@@ -37,77 +28,85 @@ void LookupCache::routeChanged(const FibEntry& route, Loom::Instant now) {
 }
 
 void LookupCache::anythingChanged(Loom::Instant now) {
-    for (auto& [query, answer] : answers_) {
+    for (Answer& answer : answers_) {
         answer.stale = true;
         answer.settled = now + settleTime;
         answer.table.reset();
     }
 }
 
-void LookupCache::ask(std::span<Entry* const> entries, Loom::Instant now) {
+// Keeps the answers to queries that are among the new ones, too.
+void LookupCache::queriesAre(std::span<const RouteQuery> queries) {
+    const auto hash = [](const RouteQuery& query) {
+        return Netz::hashMix(Netz::hashMix(query.source.mix(), query.ifIndex),
+                             query.destination.mix());
+    };
+    std::unordered_map<RouteQuery, size_t, decltype(hash)> positions(queries_.size(), hash);
+    for (size_t i = 0; i < queries_.size(); ++i) positions.emplace(queries_[i], i);
+    std::vector<Answer> answers(queries.size());
+    for (size_t i = 0; i < queries.size(); ++i)
+        if (const auto known = positions.find(queries[i]); known != positions.end())
+            answers[i] = answers_[known->second];
+    queries_.assign(queries.begin(), queries.end());
+    answers_ = std::move(answers);
+}
+
+// Equal results of consecutive queries become one object.
+void LookupCache::ask(std::span<const size_t> positions, Loom::Instant now) {
     std::vector<RouteQuery> queries;
-    for (const Entry* entry : entries) queries.push_back(entry->first);
-    std::vector<RouteResult> results = fib_.lookup(queries);
-    for (size_t i = 0; i < entries.size(); ++i) {
-        Answer& answer = entries[i]->second;
-        answer.result = std::move(results[i]);
-        answer.renewed(now);
+    queries.reserve(positions.size());
+    for (const size_t position : positions) queries.push_back(queries_[position]);
+    std::shared_ptr<const RouteResult> last;
+    for (size_t i = 0; RouteResult & result : fib_.lookup(queries)) {
+        if (!last || *last != result) last = std::make_shared<RouteResult>(std::move(result));
+        answers_[positions[i++]].resultIs(last, now);
     }
 }
 
-std::vector<const RouteResult*> LookupCache::lookup(std::span<const RouteQuery> queries,
-                                                    Loom::Instant now) {
+std::span<const RouteResult* const> LookupCache::lookup(std::span<const RouteQuery> queries,
+                                                        Loom::Instant now) {
+    if (!std::ranges::equal(queries, queries_)) queriesAre(queries);
     // Queries that had one FIB entry, which changes of the same routes of its table may have
-    // replaced by another one.
+    // replaced by another one. The first of each group is asked.
     using Group = std::tuple<IpGenAddr, uint32_t, FibEntry, IpAddrWithMask>;
-    std::map<Group, Entry*> groups;
-    struct Follower {
-        Entry* entry;
-        Entry* first;  // of its group
-        uint32_t table;
-    };
-    std::vector<Entry*> entries, asked;
-    std::vector<Follower> followers;
-    entries.reserve(queries.size());
-    ++lookups_;
-    for (const RouteQuery& query : queries) {
-        Entry& entry = *answers_.try_emplace(query).first;
-        Answer& answer = entry.second;
-        entries.push_back(&entry);
-        if (std::exchange(answer.used, lookups_) == lookups_ || !answer.stale) continue;
-        const auto& before = answer.result.entry;
-        if (before && answer.table == before->table) {
-            const auto [first, isFirst] =
-                groups.try_emplace({query.source, query.ifIndex, *before, answer.prefix}, &entry);
-            if (!isFirst) {
-                followers.push_back({&entry, first->second, before->table});
-                continue;
-            }
+    std::map<Group, size_t> groups;
+    auto group = groups.end();
+    std::vector<size_t> asked;
+    std::vector<std::pair<size_t, decltype(group)>> followers;
+    for (size_t i = 0; i < answers_.size(); ++i) {
+        const Answer& answer = answers_[i];
+        if (!answer.stale) continue;
+        const FibEntry* before =
+            answer.result && answer.result->entry ? &*answer.result->entry : nullptr;
+        if (!before || answer.table != before->table) {
+            asked.push_back(i);
+            continue;
         }
-        asked.push_back(&entry);
+        const auto key = std::tie(queries_[i].source, queries_[i].ifIndex, *before, answer.prefix);
+        if (group == groups.end() || group->first != key) group = groups.emplace(key, i).first;
+        if (group->second == i)
+            asked.push_back(i);
+        else
+            followers.emplace_back(i, group);
     }
     if (!asked.empty()) ask(asked, now);
     asked.clear();
-    for (const auto& [entry, first, table] : followers) {
-        const RouteResult& result = first->second.result;
+    for (const auto& [position, group] : followers) {
+        const auto& result = answers_[group->second].result;
         // A destination may have routes of its own in the tables after this one, and the first may
         // have one whose event has not been read yet.
-        if (!result.entry || result.entry->table != table ||
-            !result.entry->prefix.contains(entry->first.destination)) {
-            asked.push_back(entry);
-            continue;
-        }
-        entry->second.result = result;
-        redirect(entry->second.result, entry->first.destination);
-        entry->second.renewed(now);
+        const FibEntry& before = std::get<FibEntry>(group->first);
+        if (result->entry && result->entry->table == before.table &&
+            result->entry->prefix.contains(queries_[position].destination))
+            answers_[position].resultIs(result, now);
+        else
+            asked.push_back(position);
     }
     if (!asked.empty()) ask(asked, now);
 
-    std::erase_if(answers_, [this](const auto& item) { return item.second.used != lookups_; });
-    std::vector<const RouteResult*> results;
-    results.reserve(entries.size());
-    for (const Entry* entry : entries) results.push_back(&entry->second.result);
-    return results;
+    results_.clear();
+    for (const Answer& answer : answers_) results_.push_back(answer.result.get());
+    return results_;
 }
 
 }  // namespace Agent::Linux
