@@ -19,12 +19,6 @@ namespace Agent::Linux {
 
 namespace {
 
-std::vector<RouteQuery> routesOf(const std::vector<PathQuery>& queries) {
-    std::vector<RouteQuery> routes;
-    for (const PathQuery& query : queries) routes.push_back(query.route);
-    return routes;
-}
-
 // The delay after a failed lookup; no event may come that would repeat it.
 constexpr Loom::Duration retryDelay = std::chrono::seconds(1);
 
@@ -53,13 +47,14 @@ class LinuxPlatform::Services {
     void startCounting(EventLoop& loop, const std::string& runDir);
     void handleInterfaces();
     void handleForwarding();
-    NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested);
+    NexthopResolver::Routes lookup(const Routing::NexthopConfig& requested, bool changed);
 
     const Nav::NavInputs in_;
     const ForwardingPtr config_;  // null: the platform observes only
     const Vel::Ptr<QualityStatus> quality_ = Vel::make<QualityStatus>("pathQuality");
     KernelMonitor monitor_;
-    std::set<L3::VrfName> unnumbered_;  // VRFs reported to have no id
+    std::set<L3::VrfName> unnumbered_;    // VRFs reported to have no id
+    std::optional<PathQueries> queries_;  // empty after interfaces have changed
     NexthopResolver resolver_;
     uint64_t refreshes_ = 1;  // of the monitor, when last looked at
     std::optional<Forwarding> forwarding_;
@@ -84,7 +79,8 @@ LinuxPlatform::Services::Services(EventLoop& loop, const Nav::NavInputs& inputs,
                     if (forwarding_) forwarding_->routeChanged(message);
                 }},
                options.receiveBuffer),
-      resolver_(inputs, [this](const auto& requested) { return lookup(requested); }),
+      resolver_(inputs,
+                [this](const auto& requested, bool changed) { return lookup(requested, changed); }),
       retry_(*inputs.scheduler, Loom::call<&Services::handleForwarding>(*this)),
       readable_(loop.onReadable(monitor_.fd(), [this] { monitor_.handleReadable(); })) {
     monitor_.start();
@@ -115,6 +111,7 @@ void LinuxPlatform::Services::startCounting(EventLoop& loop, const std::string& 
 }
 
 void LinuxPlatform::Services::handleInterfaces() {
+    queries_.reset();
     RouterStatus status;
     std::set<L3::VrfName> unnumbered;
     // The VRF "default" is the first; a device with that name is ignored.
@@ -144,15 +141,14 @@ void LinuxPlatform::Services::handleForwarding() {
     if (forwarding_) forwarding_->repair();
 }
 
-NexthopResolver::ViasByVrf LinuxPlatform::Services::lookup(
-    const Routing::NexthopConfig& requested) {
+NexthopResolver::Routes LinuxPlatform::Services::lookup(const Routing::NexthopConfig& requested,
+                                                        bool changed) {
     const InterfaceView& view = monitor_.interfaces();
-    const std::vector<PathQuery> queries = pathQueries(view, *in_.pathConfigDir, requested);
-    const std::vector<RouteQuery> routes = routesOf(queries);
-    const std::span<const RouteResult* const> results = monitor_.lookup(routes);
+    if (changed || !queries_) queries_ = pathQueries(view, *in_.pathConfigDir, requested);
+    const auto results = monitor_.lookup(queries_->routes);
     if (std::ranges::count(results, RouteResult::Kind::failed, &RouteResult::kind) != 0)
         retry_.armIn(retryDelay);
-    return pathVias(view, queries, results);
+    return pathRoutes(view, *queries_, results);
 }
 
 // The interfaces are read, the kernel is asked for the route of each path, and the agent's objects
@@ -163,18 +159,20 @@ std::vector<std::string> LinuxPlatform::Services::validate() {
     std::vector<std::string> differences;
     if (readInterfaces(requests) != view)
         differences.push_back("the kernel has other interfaces, addresses or VRFs than known");
-    const auto queries = pathQueries(view, *in_.pathConfigDir, *in_.nexthopConfig);
-    const std::vector<RouteResult> results = FibLookup(requests).lookup(routesOf(queries));
+    const PathQueries queries = pathQueries(view, *in_.pathConfigDir, *in_.nexthopConfig);
+    const std::vector<RouteResult> results = FibLookup(requests).lookup(queries.routes);
     std::vector<const RouteResult*> answers;
     for (const RouteResult& result : results) answers.push_back(&result);
-    for (const auto& [vrf, resolved] : pathVias(view, queries, answers)) {
+    const NexthopResolver::Routes found = pathRoutes(view, queries, answers);
+    for (const auto& [vrf, routes] : found.vrfs) {
         const Routing::NexthopVrfConfig* requested = in_.nexthopConfig->vrf(vrf);
         if (!requested) continue;
         for (const Netz::IpGenAddr& address : requested->nexthop()) {
             const Shard::Fib::Fec* fec = fecOf(in_, vrf, address);
-            const auto now = resolved.find(address);
+            const auto now =
+                std::ranges::find(routes, address, &NexthopResolver::Routes::Route::addr);
             const NexthopResolver::Vias none;
-            if ((now == resolved.end() ? none : now->second) != (fec ? fec->vias() : none))
+            if ((now == routes.end() ? none : found.lists[now->list]) != (fec ? fec->vias() : none))
                 differences.push_back("the kernel routes " + address.stringValue() + " in VRF " +
                                       vrf.str() + " otherwise than published");
         }

@@ -21,56 +21,80 @@ std::multimap<IpGenAddr, uint32_t> sources(const InterfaceView& view, const L3::
     return sources;
 }
 
+// The vias of a destination by the routes of its paths.
+NexthopResolver::Vias viasTo(const IpGenAddr& destination, const InterfaceView& view,
+                             std::span<const RouteResult* const> routes) {
+    std::vector<RouteVia> legs;
+    for (const RouteResult* route : routes)
+        for (RouteVia via : route->vias) {
+            if (via.hop.isZero()) via.hop = destination;
+            legs.push_back(via);
+        }
+    std::ranges::sort(legs);
+    const auto sameHop = [](const RouteVia& a, const RouteVia& b) {
+        return a.hop == b.hop && a.ifIndex == b.ifIndex;
+    };
+    legs.erase(std::unique(legs.begin(), legs.end(), sameHop), legs.end());
+    NexthopResolver::Vias vias;
+    for (const RouteVia& via : legs) {
+        // An interface that has been deleted or is still unknown causes an event itself.
+        const Interface* interface = view.at(via.ifIndex);
+        if (!interface) continue;
+        if (vias.size() < Shard::Fib::Fec::maxVias)
+            vias.push_back({.hop = via.hop, .intfId = interface->name, .weight = via.weight});
+    }
+    return vias;
+}
+
+// Whether the vias by this route are the same for every destination.
+bool leadsToGateways(const RouteResult* route) {
+    return std::ranges::none_of(route->vias, &IpGenAddr::isZero, &RouteVia::hop);
+}
+
 }  // namespace
 
-std::vector<PathQuery> pathQueries(const InterfaceView& view, const Nav::PathConfigDir& paths,
-                                   const Routing::NexthopConfig& requested) {
-    std::vector<PathQuery> queries;
+PathQueries pathQueries(const InterfaceView& view, const Nav::PathConfigDir& paths,
+                        const Routing::NexthopConfig& requested) {
+    PathQueries queries;
     for (const Nav::PathConfig& vrf : paths.pathConfig()) {
         const Routing::NexthopVrfConfig* config = requested.vrf(vrf.vrfName());
         if (!config) continue;
+        const size_t begin = queries.routes.size();
         const auto interfaces = sources(view, vrf.vrfName());
         for (const Nav::PathConfigEntry& path : vrf.pathConfigEntry()) {
             const Nav::PathKey& key = path.key();
             if (familiesDiffer(key) || !config->nexthopHas(key.dstAddr)) continue;
             const auto [first, last] = interfaces.equal_range(key.srcAddr);
             for (auto at = first; at != last; ++at)
-                queries.push_back({vrf.vrfName(), {key.dstAddr, key.srcAddr, at->second}});
+                queries.routes.push_back({key.dstAddr, key.srcAddr, at->second});
         }
+        const size_t end = queries.routes.size();
+        if (begin == end) continue;
+        std::ranges::stable_sort(std::span(queries.routes).subspan(begin), {},
+                                 &RouteQuery::destination);
+        queries.vrfs.push_back({vrf.vrfName(), end});
     }
     return queries;
 }
 
-NexthopResolver::ViasByVrf pathVias(const InterfaceView& view, std::span<const PathQuery> queries,
-                                    std::span<const RouteResult* const> results) {
-    using Leg = std::pair<IpGenAddr, RouteVia>;  // of the route to a destination
-    const auto sameHop = [](const Leg& a, const Leg& b) {
-        return a.first == b.first && a.second.hop == b.second.hop &&
-               a.second.ifIndex == b.second.ifIndex;
-    };
-    NexthopResolver::ViasByVrf found;
-    for (const Vrf& vrf : view.vrfs) found.try_emplace(vrf.name);
-    std::vector<Leg> legs;
-    for (size_t i = 0; i < queries.size();) {
-        const L3::VrfName& vrf = queries[i].vrf;
-        legs.clear();
-        for (; i < queries.size() && queries[i].vrf == vrf; ++i)
-            for (RouteVia via : results[i]->vias) {
-                if (via.hop.isZero()) via.hop = queries[i].route.destination;
-                legs.emplace_back(queries[i].route.destination, via);
-            }
-        const auto resolved = found.find(vrf);
-        if (resolved == found.end()) continue;
-        std::ranges::sort(legs);
-        legs.erase(std::unique(legs.begin(), legs.end(), sameHop), legs.end());
-        for (const auto& [destination, via] : legs) {
-            // An interface that has been deleted or is still unknown causes an event itself.
-            const Interface* interface = view.at(via.ifIndex);
-            if (!interface) continue;
-            const auto last = resolved->second.end();
-            auto& vias = resolved->second.try_emplace(last, destination)->second;
-            if (vias.size() < Shard::Fib::Fec::maxVias)
-                vias.push_back({.hop = via.hop, .intfId = interface->name, .weight = via.weight});
+NexthopResolver::Routes pathRoutes(const InterfaceView& view, const PathQueries& queries,
+                                   std::span<const RouteResult* const> results) {
+    NexthopResolver::Routes found;
+    for (const Vrf& vrf : view.vrfs) found.vrfs.try_emplace(vrf.name);
+    std::span<const RouteResult* const> last;  // of the destination before
+    size_t list = 0, i = 0;
+    for (const auto& [vrf, end] : queries.vrfs) {
+        auto& routes = found.vrfs[vrf];
+        while (i < end) {
+            const IpGenAddr& destination = queries.routes[i].destination;
+            size_t next = i + 1;
+            while (next < end && queries.routes[next].destination == destination) ++next;
+            const auto own = results.subspan(i, next - i);
+            if (!std::ranges::equal(own, last) || !std::ranges::all_of(own, leadsToGateways))
+                list = found.add(viasTo(destination, view, own));
+            if (!found.lists[list].empty()) routes.push_back({destination, list});
+            last = own;
+            i = next;
         }
     }
     return found;

@@ -15,23 +15,29 @@
 
 namespace Agent::Linux {
 
-struct PathQuery {
-    L3::VrfName vrf;
-    RouteQuery route;
+struct PathQueries {
+    struct Vrf {
+        L3::VrfName name;
+        size_t end;  // its queries begin where those of the previous one end
 
-    bool operator==(const PathQuery&) const = default;
+        bool operator==(const Vrf&) const = default;
+    };
+    std::vector<Vrf> vrfs;
+    std::vector<RouteQuery> routes;  // in a VRF by ascending destination
+
+    bool operator==(const PathQueries&) const = default;
 };
 
 // One query for each path whose destination is requested and whose source address is that of an
-// interface in the path's VRF. None for a path whose families differ. Those of a VRF are adjacent.
-std::vector<PathQuery> pathQueries(const InterfaceView& view, const Nav::PathConfigDir& paths,
-                                   const Routing::NexthopConfig& requested);
+// interface in the path's VRF. None for a path whose families differ.
+PathQueries pathQueries(const InterfaceView& view, const Nav::PathConfigDir& paths,
+                        const Routing::NexthopConfig& requested);
 
-// The vias of each address according to the results of its queries, one for each in their order.
-// Sorted by hop and interface, without duplicates; every VRF of the view has an element. A path
-// takes the last via through its own interface, which in this order stays the same as long as it
-// exists.
-NexthopResolver::ViasByVrf pathVias(const InterfaceView& view, std::span<const PathQuery> queries,
-                                    std::span<const RouteResult* const> results);
+// The routes to all destinations according to the results of the queries, one for each in their
+// order. The vias of a list are sorted by hop and interface, without duplicates; every VRF of the
+// view has an element. A path takes the last via through its own interface, which in this order
+// stays the same as long as it exists.
+NexthopResolver::Routes pathRoutes(const InterfaceView& view, const PathQueries& queries,
+                                   std::span<const RouteResult* const> results);
 
 }  // namespace Agent::Linux

@@ -1,7 +1,7 @@
 #include "agent/router/NexthopResolver.h"
 
 #include <optional>
-#include <span>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -9,64 +9,74 @@ namespace Agent {
 
 using Netz::IpGenAddr;
 using Vel::U64;
+using Routes = NexthopResolver::Routes;
 using Vias = NexthopResolver::Vias;
 
 namespace {
 
-// A requested address with the vias that it is to get.
+// The lists of a lookup by their vias. Of equal ones, only the first is used.
+class Lists {
+  public:
+    explicit Lists(const std::vector<Vias>& lists) : lists_(lists) {
+        for (const Vias& vias : lists)
+            first_.push_back(positions_.try_emplace(bytesOf(vias), first_.size()).first->second);
+    }
+    size_t size() const { return lists_.size(); }
+    const Vias& operator[](size_t list) const { return lists_[list]; }
+    size_t firstEqual(size_t list) const { return first_[list]; }
+    std::optional<size_t> find(const Vias& vias) const {
+        const auto found = positions_.find(bytesOf(vias));
+        return found == positions_.end() ? std::nullopt : std::optional(found->second);
+    }
+
+  private:
+    static_assert(Netz::equalAsBytes<Vias::value_type>);
+    static std::string_view bytesOf(const Vias& vias) {
+        return {reinterpret_cast<const char*>(vias.data()), vias.size() * sizeof(Vias::value_type)};
+    }
+
+    const std::vector<Vias>& lists_;
+    std::vector<size_t> first_;
+    std::unordered_map<std::string_view, size_t> positions_;
+};
+
+// A requested address, the list that it is to get, and the FEC that it has; 0 without one.
 struct Target {
     Routing::NexthopVrfStatus& vrf;
     const IpGenAddr& addr;
-    const Vias& vias;
-    size_t list = 0;  // position of the vias among the different ones of the family
-
-    const Routing::NexthopResult* result() const { return vrf.nexthop(addr); }
+    size_t list;
+    U64 fecId;
 };
 
-struct ViasHash {
-    static_assert(Netz::equalAsBytes<Vias::value_type>);
+// What addresses of one FEC are to get.
+struct Move {
+    U64 fecId;
+    size_t list;
 
-    size_t operator()(const Vias& vias) const {
-        const auto bytes = std::as_bytes(std::span(vias));
-        return Netz::hashBytes({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-    }
+    bool operator==(const Move&) const = default;
 };
 
-// The different lists of vias that addresses of one family are to get, each with the id of the FEC
-// that has it, 0 without one, in the order of their first use.
-struct Lists {
-    struct List {
-        const Vias& vias;
-        U64 fecId = 0;
-    };
-    std::vector<List> lists;
-    std::unordered_map<Vias, size_t, ViasHash> positions;
-
-    explicit Lists(std::vector<Target>& targets) {
-        for (Target& target : targets) {
-            const auto [at, isNew] = positions.try_emplace(target.vias, lists.size());
-            if (isNew) lists.push_back({at->first});
-            target.list = at->second;
-        }
+// Those of all targets, in their order. Targets in a row that move alike have one.
+std::vector<Move> movesOf(const std::vector<Target>& targets) {
+    std::vector<Move> moves;
+    for (const Target& target : targets) {
+        const Move move{target.fecId, target.list};
+        if (moves.empty() || moves.back() != move) moves.push_back(move);
     }
-    List* find(const Vias& vias) {
-        const auto at = positions.find(vias);
-        return at == positions.end() ? nullptr : &lists[at->second];
-    }
-};
+    return moves;
+}
 
 // For each FEC in use, the list that all its addresses are to get; nothing if these differ. In the
 // order of first use.
-std::vector<std::pair<U64, std::optional<size_t>>> commonLists(const std::vector<Target>& targets) {
+std::vector<std::pair<U64, std::optional<size_t>>> commonLists(const std::vector<Move>& moves) {
     std::vector<std::pair<U64, std::optional<size_t>>> common;
     std::unordered_map<U64, size_t> positions;
-    for (const Target& target : targets) {
-        const Routing::NexthopResult* result = target.result();
-        if (!result) continue;
-        const auto [at, isNew] = positions.try_emplace(result->fecId, common.size());
-        if (isNew) common.emplace_back(result->fecId, target.list);
+    for (const Move& move : moves) {
+        if (move.fecId == 0) continue;
+        const auto [at, isNew] = positions.try_emplace(move.fecId, common.size());
+        if (isNew) common.emplace_back(move.fecId, move.list);
         auto& list = common[at->second].second;
-        if (list != target.list) list.reset();
+        if (list != move.list) list.reset();
     }
     return common;
 }
@@ -74,28 +84,36 @@ std::vector<std::pair<U64, std::optional<size_t>>> commonLists(const std::vector
 // Publishes the vias of the targets, all of one address family. REQUIRES: no other address of the
 // family has a result.
 template <class Fib>
-void publishFamily(Fib& fib, std::vector<Target>& targets, U64& lastFecId) {
-    Lists wanted(targets);
+void publishFamily(Fib& fib, const std::vector<Target>& targets, const Lists& lists,
+                   U64& lastFecId) {
+    const std::vector<Move> moves = movesOf(targets);
+    std::vector<U64> fecIds(lists.size());  // of each list; 0 without one
     for (const auto& [id, fec] : fib.fec())
-        if (auto* list = wanted.find(fec.vias())) list->fecId = id;
+        if (const auto list = lists.find(fec.vias())) fecIds[*list] = id;
     std::unordered_set<U64> used;
-    for (const auto& [vias, id] : wanted.lists) used.insert(id);
-    for (const auto& [fecId, common] : commonLists(targets)) {
-        if (!common || used.contains(fecId)) continue;
-        auto& [vias, id] = wanted.lists[*common];
-        if (id != 0) continue;
-        used.insert(id = fecId);
-        fib.fecIs(id, vias);
-    }
-    for (auto& [vias, id] : wanted.lists) {
-        if (id != 0) continue;
-        used.insert(id = ++lastFecId);
-        fib.fecIs(id, vias);
-    }
+    for (const Move& move : moves)
+        if (fecIds[move.list] != 0) used.insert(fecIds[move.list]);
+    const auto fecIs = [&](U64 id, size_t list) {
+        used.insert(fecIds[list] = id);
+        fib.fecIs(id, lists[list]);
+    };
+    for (const auto& [fecId, common] : commonLists(moves))
+        if (common && fecIds[*common] == 0 && !used.contains(fecId)) fecIs(fecId, *common);
+    for (const Move& move : moves)
+        if (fecIds[move.list] == 0) fecIs(++lastFecId, move.list);
     for (const Target& target : targets)
-        target.vrf.nexthopIs({target.addr, wanted.lists[target.list].fecId});
+        if (target.fecId != fecIds[target.list])
+            target.vrf.nexthopIs({target.addr, fecIds[target.list]});
+    if (fib.fec().size() == used.size()) return;
     for (const auto& [id, fec] : fib.fec())
         if (!used.contains(id)) fib.fecDel(id);
+}
+
+void removeOthers(Routing::NexthopVrfStatus& vrf, const std::vector<Routes::Route>& routes) {
+    std::unordered_set<IpGenAddr> kept;
+    for (const Routes::Route& route : routes) kept.insert(route.addr);
+    for (const Routing::NexthopResult& result : vrf.nexthop())
+        if (!kept.contains(result.addr)) vrf.nexthopDel(result.addr);
 }
 
 }  // namespace
@@ -122,20 +140,25 @@ NexthopResolver::NexthopResolver(const Nav::NavInputs& inputs, Lookup lookup)
 
 void NexthopResolver::resolve() {
     const Vel::Hold hold;
-    const ViasByVrf wanted = lookup_(*in_.nexthopConfig);
+    const Routes wanted = lookup_(*in_.nexthopConfig, std::exchange(changed_, false));
     Routing::NexthopStatus& status = *in_.nexthopStatus;
     for (const auto& vrf : status.vrf())
-        if (!wanted.contains(vrf.vrfName())) status.vrfDel(vrf.vrfName());
+        if (!wanted.vrfs.contains(vrf.vrfName())) status.vrfDel(vrf.vrfName());
+    const Lists lists(wanted.lists);
     std::vector<Target> targets, targets6;
-    for (const auto& [name, resolved] : wanted) {
+    for (const auto& [name, routes] : wanted.vrfs) {
         Routing::NexthopVrfStatus& vrf = status.vrfIs(name);
-        for (const Routing::NexthopResult& result : vrf.nexthop())
-            if (!resolved.contains(result.addr)) vrf.nexthopDel(result.addr);
-        for (const auto& [addr, vias] : resolved)
-            (addr.isV6() ? targets6 : targets).push_back({vrf, addr, vias});
+        size_t present = 0;
+        for (const auto& [addr, list] : routes) {
+            const Routing::NexthopResult* result = vrf.nexthop(addr);
+            present += result != nullptr;
+            (addr.isV6() ? targets6 : targets)
+                .push_back({vrf, addr, lists.firstEqual(list), result ? result->fecId : 0});
+        }
+        if (present != vrf.nexthop().size()) removeOthers(vrf, routes);
     }
-    publishFamily(*in_.forwardingStatus, targets, lastFecId_);
-    publishFamily(*in_.forwarding6Status, targets6, lastFecId_);
+    publishFamily(*in_.forwardingStatus, targets, lists, lastFecId_);
+    publishFamily(*in_.forwarding6Status, targets6, lists, lastFecId_);
 }
 
 }  // namespace Agent

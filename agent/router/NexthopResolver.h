@@ -3,9 +3,9 @@
 // publishes what changed. Owned by the platform; used on the event thread.
 //
 // Invariants after each resolution: a VRF has a status exactly while the lookup returns it; a
-// requested address has a result exactly while the lookup returns vias for it, and the result names
-// the FEC of these vias. All addresses of one family with the same vias share a FEC, which is
-// deleted with the last of them. Ids are not reused.
+// requested address has a result exactly while the lookup returns a route to it, and the result
+// names the FEC of the route's vias. All addresses of one family with the same vias share a FEC,
+// which is deleted with the last of them. Ids are not reused.
 //
 // When vias change, few notifications are sent: if every address using a FEC moves to the same new
 // vias, for example because their gateway changes, the FEC keeps its id and takes them, and no
@@ -28,20 +28,38 @@ const Shard::Fib::Fec* fecOf(const Nav::NavInputs& inputs, const L3::VrfName& vr
 class NexthopResolver {
   public:
     using Vias = std::vector<Shard::Fib::Via>;
-    // Every VRF of the router, with the vias of each requested address that has any. Equal vias are
-    // in equal order.
-    using ViasByVrf = std::map<L3::VrfName, std::map<Netz::IpGenAddr, Vias>>;
-    using Lookup = std::function<ViasByVrf(const Routing::NexthopConfig& requested)>;
+    struct Routes {
+        struct Route {
+            Netz::IpGenAddr addr;
+            size_t list;  // position of its vias in `lists`; these are not empty
+        };
+        // Equal vias are in equal order, but may be in several lists: the fewer lists there are,
+        // the less is compared.
+        std::vector<Vias> lists;
+        // Every VRF of the router, with the route to each requested address that has one.
+        std::map<L3::VrfName, std::vector<Route>> vrfs;
 
-    // The lookup may also depend on the configured paths: it is repeated when one is added or
-    // removed.
+        size_t add(Vias vias) {
+            lists.push_back(std::move(vias));
+            return lists.size() - 1;
+        }
+    };
+    // `changed`: addresses have been requested or released, or paths added or removed, since the
+    // last call.
+    using Lookup = std::function<Routes(const Routing::NexthopConfig& requested, bool changed)>;
+
     NexthopResolver(const Nav::NavInputs& inputs, Lookup lookup);
 
-    // Looks everything up and publishes it, now or in a task.
+    // Looks everything up and publishes it.
     void resolve();
-    void review() { in_.scheduler->post(resolution_); }
 
   private:
+    // The same in a task, after requests or paths have changed.
+    void review() {
+        changed_ = true;
+        in_.scheduler->post(resolution_);
+    }
+
     // Subscribes to one collection of one VRF.
     template <class Vrf, const auto* attribute>
     struct VelVrf final : Vel::Object {
@@ -61,6 +79,7 @@ class NexthopResolver {
     const Nav::NavInputs in_;
     const Lookup lookup_;
     Vel::U64 lastFecId_ = 0;
+    bool changed_ = true;
     Loom::Task resolution_;
     Vel::EntryReactorsOf<VelNexthopVrfConfig, decltype(Routing::NexthopConfig::vrfAttr)> requests_;
     Vel::EntryReactorsOf<VelPathConfig, decltype(Nav::PathConfigDir::pathConfigAttr)> paths_;

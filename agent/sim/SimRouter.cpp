@@ -39,7 +39,7 @@ SimRouter::SimRouter(const Nav::NavInputs& inputs, History history)
       history_(std::move(history)),
       start_(inputs.scheduler->now()),
       world_(history_.first),
-      resolver_(inputs, [this](const auto& requested) { return lookup(requested); }),
+      resolver_(inputs, [this](const auto& requested, bool) { return lookup(requested); }),
       quality_(Vel::make<QualityStatus>("pathQuality")),
       peers_(inputs, world_),
       probes_(inputs, *quality_, world_),
@@ -95,17 +95,17 @@ void SimRouter::publish() {
     status.publish(inputs_);
 }
 
-NexthopResolver::ViasByVrf SimRouter::lookup(const Routing::NexthopConfig& requested) const {
-    NexthopResolver::ViasByVrf found;
+NexthopResolver::Routes SimRouter::lookup(const Routing::NexthopConfig& requested) const {
+    NexthopResolver::Routes found;
     for (const auto& [name, vrf] : world_.vrfs) {
-        auto& resolved = found[name];
+        auto& routes = found.vrfs[name];
         const Routing::NexthopVrfConfig* config = requested.vrf(name);
         if (!config) continue;
         for (const Netz::IpGenAddr& addr : config->nexthop()) {
             NexthopResolver::Vias vias;
             for (const World::Via& via : world_.lookup(name, addr))
                 vias.push_back({.hop = via.gateway, .intfId = via.interface, .weight = via.weight});
-            if (!vias.empty()) resolved.emplace(addr, std::move(vias));
+            if (!vias.empty()) routes.push_back({addr, found.add(std::move(vias))});
         }
     }
     return found;

@@ -33,7 +33,7 @@ class SimRouter {
 
   private:
     void publish();
-    NexthopResolver::ViasByVrf lookup(const Routing::NexthopConfig& requested) const;
+    NexthopResolver::Routes lookup(const Routing::NexthopConfig& requested) const;
     void handleStep();
     void awaitStep();
 

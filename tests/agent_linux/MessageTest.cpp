@@ -118,18 +118,20 @@ TEST(Routes, PathsAreLookedUpInTheirVrfByTheirInterface) {
             paths->pathConfigIs(vrf).pathConfigEntryIs({from, destination, 0});
     }
     const auto queries = pathQueries(view, *paths, *requested);
-    EXPECT_EQ(queries, (std::vector<PathQuery>{{"blue", {to, source, 3}},
-                                               {"blue", {to6, source6, 3}},
-                                               {"red", {to, source, 7}}}));
+    EXPECT_EQ(queries, (PathQueries{{{"blue", 2}, {"red", 3}},
+                                    {{to, source, 3}, {to6, source6, 3}, {to, source, 7}}}));
     const auto blue = parse(recorded("routeBlue"));
     const auto blue6 = parse(recorded("route6BlueSevenFirst"));
     const RouteResult red;
-    auto found = pathVias(view, queries, std::vector<const RouteResult*>{&blue, &blue6, &red});
-    EXPECT_EQ(found.size(), 3U);
-    EXPECT_EQ(found["red"].size() + found["default"].size(), 0U);
-    ASSERT_EQ(found["blue"][to].size(), 2U);
-    EXPECT_EQ(found["blue"][to][1].hop, addr("10.0.0.8"));
-    EXPECT_EQ(found["blue"][to][1].intfId, Netz::IntfId("wa"));
+    auto found = pathRoutes(view, queries, std::vector<const RouteResult*>{&blue, &blue6, &red});
+    EXPECT_EQ(found.vrfs.size(), 3U);
+    EXPECT_EQ(found.vrfs["red"].size() + found.vrfs["default"].size(), 0U);
+    ASSERT_EQ(found.vrfs["blue"].size(), 2U);
+    EXPECT_EQ(found.vrfs["blue"][0].addr, to);
+    const NexthopResolver::Vias& vias = found.lists.at(found.vrfs["blue"][0].list);
+    ASSERT_EQ(vias.size(), 2U);
+    EXPECT_EQ(vias[1].hop, addr("10.0.0.8"));
+    EXPECT_EQ(vias[1].intfId, Netz::IntfId("wa"));
     // The kernel starts its list of IPv6 legs at another leg from one reply to the next.
     EXPECT_EQ(blue6, parse(recorded("route6BlueEightFirst")));
 }

@@ -12,8 +12,20 @@ namespace Agent {
 namespace {
 
 struct Resolution : testing::Test {
-    using Routes = NexthopResolver::ViasByVrf;
+    using Routes = std::map<L3::VrfName, std::map<Netz::IpGenAddr, NexthopResolver::Vias>>;
 
+    // Some of the equal lists are one, others are not.
+    NexthopResolver::Routes lookup() const {
+        NexthopResolver::Routes routes;
+        for (const auto& [vrf, resolved] : now) {
+            auto& found = routes.vrfs[vrf];
+            for (const auto& [addr, vias] : resolved) {
+                if (routes.lists.empty() || routes.lists.back() != vias) routes.add(vias);
+                found.push_back({addr, routes.lists.size() - 1});
+            }
+        }
+        return routes;
+    }
     void handleFec() {
         ++fecChanges;
         check(true);
@@ -58,7 +70,7 @@ struct Resolution : testing::Test {
     Nav::NavInputs& inputs = host.inputs();
     int fecChanges = 0;
     Routes before, now;
-    NexthopResolver resolver{inputs, [this](const auto&) { return now; }};
+    NexthopResolver resolver{inputs, [this](const auto&, bool) { return lookup(); }};
     Vel::Subscription fec = Vel::Subscription::to<&Resolution::handleFec>(
         *inputs.forwardingStatus, Shard::Fib::ForwardingStatus::fecAttr, this);
     Vel::Subscription fec6 = Vel::Subscription::to<&Resolution::handleFec>(
