@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "agent/linux/kernel/LinuxTrace.h"
-#include "agent/router/NexthopResolver.h"
 
 namespace Agent::Linux {
 
@@ -64,10 +63,10 @@ ForwardingAgent::VelPathStatusEntry::VelPathStatusEntry(PathVrf<ForwardingAgent>
           path, Nav::PathStatusEntry::encapIdAttr, this)) {}
 
 // Empty unless the path's via is still part of its route.
-std::optional<Neighbour> ForwardingAgent::VelPathStatusEntry::findNexthop() const {
+std::optional<Neighbour> ForwardingAgent::VelPathStatusEntry::findNexthop() {
     const Nav::HwPathInfo& info = path_->pathInfo();
     if (familiesDiffer(path_->key())) return {};
-    const Fec* fec = fecOf(agent_.in_, vrf_->vrfName(), path_->key().dstAddr);
+    const Fec* fec = fec_(agent_.in_, vrf_->vrfName(), path_->key().dstAddr);
     const Interface* interface = agent_.monitor_.interfaces().named(info.via.intfId);
     const auto isTaken = [&](const Via& via) {
         return via.hop == info.via.hop && via.intfId == info.via.intfId;
@@ -115,15 +114,15 @@ U32 ForwardingAgent::VelPathStatusEntry::program(const Nav::HwPathInfo& info) {
 }
 
 void ForwardingAgent::VelPathStatusEntry::probe(const Nav::HwPathInfo& info) {
-    const Interface* interface = agent_.monitor_.interfaces().at(nexthop_->ifIndex);
-    if (agent_.probing_ && interface)
+    if (!agent_.probing_) return;
+    if (const Interface* interface = agent_.monitor_.interfaces().at(nexthop_->ifIndex))
         agent_.probing_->pathIs(info.pathIndex, path_->key(), *interface, secured());
 }
 
 void ForwardingAgent::VelPathStatusEntry::write(const Nav::HwPathKey& key, U32 pathIndex,
                                                 U32 arpIndex) {
     Nav::HwPathStatus& hardware = *agent_.in_.hwPathStatus;
-    const Nav::HwPathStatusEntry* present = hardware.hwPathStatusList(key);
+    const Nav::HwPathStatusEntry* present = entry_([&] { return hardware.hwPathStatusList(key); });
     if (present && present->hwPathIndex() == pathIndex && present->hwArpIndex() == arpIndex &&
         present->ipsecEncapId() == path_->encapId())
         return;
@@ -142,6 +141,7 @@ void ForwardingAgent::VelPathStatusEntry::write(const Nav::HwPathKey& key, U32 p
 void ForwardingAgent::VelPathStatusEntry::withdraw() {
     const auto gone = std::exchange(written_, std::nullopt);
     if (!gone) return;
+    entry_ = {};
     agent_.in_.hwPathStatus->hwPathStatusListDel(*gone);
     if (agent_.probing_) agent_.probing_->pathDel(gone->pathIndex);
     if (agent_.forwarding_) agent_.forwarding_->pathDel(gone->pathIndex);

@@ -23,6 +23,7 @@
 #include "agent/linux/kernel/KernelMonitor.h"
 #include "agent/linux/quality/PathProbing.h"
 #include "agent/router/DeadPaths.h"
+#include "agent/router/NexthopResolver.h"
 #include "agent/router/PathReactors.h"
 
 namespace Agent::Linux {
@@ -53,7 +54,7 @@ class ForwardingAgent {
         const std::optional<Neighbour>& nexthop() const { return nexthop_; }
 
       private:
-        std::optional<Neighbour> findNexthop() const;
+        std::optional<Neighbour> findNexthop();
         bool secured() const { return path_->pathInfo().pathType == Nav::PathType::securedPath; }
         PathHop hopBy(const Neighbour& nexthop) const;
         void pin(const std::optional<Neighbour>& nexthop);
@@ -66,9 +67,11 @@ class ForwardingAgent {
         ForwardingAgent& agent_;
         const Vel::Ptr<Nav::PathStatus> vrf_;
         const Vel::Ptr<Nav::PathStatusEntry> path_;
-        std::optional<Neighbour> nexthop_;       // set exactly while written_ is
-        std::optional<Nav::HwPathKey> written_;  // the entry's key
-        std::optional<Vel::U32> pinned_;         // path index with which its IKE is pinned
+        FecFinder fec_;
+        std::optional<Neighbour> nexthop_;          // set exactly while written_ is
+        std::optional<Nav::HwPathKey> written_;     // the entry's key
+        Vel::Found<Nav::HwPathStatusEntry> entry_;  // under this key
+        std::optional<Vel::U32> pinned_;            // path index with which its IKE is pinned
         Loom::Task review_;
         Vel::Subscription pathInfo_, encapId_;
     };

@@ -81,17 +81,23 @@ NexthopResolver::Routes pathRoutes(const InterfaceView& view, const PathQueries&
                                    std::span<const RouteResult* const> results) {
     NexthopResolver::Routes found;
     for (const Vrf& vrf : view.vrfs) found.vrfs.try_emplace(vrf.name);
-    std::span<const RouteResult* const> last;  // of the destination before
-    size_t list = 0, i = 0;
+    // Of the destination before: its results, its list, and whether another one may have the list.
+    std::span<const RouteResult* const> last;
+    size_t list = 0;
+    bool shared = false;
+    size_t i = 0;
     for (const auto& [vrf, end] : queries.vrfs) {
         auto& routes = found.vrfs[vrf];
+        routes.reserve(end - i);
         while (i < end) {
             const IpGenAddr& destination = queries.routes[i].destination;
             size_t next = i + 1;
             while (next < end && queries.routes[next].destination == destination) ++next;
             const auto own = results.subspan(i, next - i);
-            if (!std::ranges::equal(own, last) || !std::ranges::all_of(own, leadsToGateways))
+            if (!shared || !std::ranges::equal(own, last)) {
                 list = found.add(viasTo(destination, view, own));
+                shared = std::ranges::all_of(own, leadsToGateways);
+            }
             if (!found.lists[list].empty()) routes.push_back({destination, list});
             last = own;
             i = next;

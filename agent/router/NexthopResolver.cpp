@@ -118,13 +118,24 @@ void removeOthers(Routing::NexthopVrfStatus& vrf, const std::vector<Routes::Rout
 
 }  // namespace
 
-const Shard::Fib::Fec* fecOf(const Nav::NavInputs& inputs, const L3::VrfName& vrfName,
+const Shard::Fib::Fec* fecOf(const Nav::NavInputs& inputs, const L3::VrfName& vrf,
                              const IpGenAddr& addr) {
-    const Routing::NexthopVrfStatus* vrf = inputs.nexthopStatus->vrf(vrfName);
-    const Routing::NexthopResult* result = vrf ? vrf->nexthop(addr) : nullptr;
+    return FecFinder()(inputs, vrf, addr);
+}
+
+const Shard::Fib::Fec* FecFinder::operator()(const Nav::NavInputs& inputs, const L3::VrfName& vrf,
+                                             const IpGenAddr& addr) {
+    if (!vrf_ || vrf_->removed()) {
+        vrf_ = Vel::Ptr(inputs.nexthopStatus->vrf(vrf));
+        result_ = {};
+    }
+    const Routing::NexthopResult* result = vrf_ ? vrf_->nexthop().find(addr, result_) : nullptr;
     if (!result) return nullptr;
-    return addr.isV6() ? inputs.forwarding6Status->fec(result->fecId)
-                       : inputs.forwardingStatus->fec(result->fecId);
+    if (std::exchange(fecId_, result->fecId) != result->fecId) fec_ = {};
+    const auto& fecs =
+        addr.isV6() ? inputs.forwarding6Status->fec() : inputs.forwardingStatus->fec();
+    const auto* item = fecs.find(result->fecId, fec_);
+    return item ? &item->second : nullptr;
 }
 
 NexthopResolver::NexthopResolver(const Nav::NavInputs& inputs, Lookup lookup)

@@ -25,6 +25,23 @@ namespace Agent {
 const Shard::Fib::Fec* fecOf(const Nav::NavInputs& inputs, const L3::VrfName& vrf,
                              const Netz::IpGenAddr& addr);
 
+// The same for one address again and again: it is looked up only after results or FECs have been
+// added or removed. The inputs, VRF and address must be the same in every call.
+class FecFinder {
+  public:
+    const Shard::Fib::Fec* operator()(const Nav::NavInputs& inputs, const L3::VrfName& vrf,
+                                      const Netz::IpGenAddr& addr);
+
+  private:
+    template <class Collection>
+    using PlaceIn = typename std::remove_cvref_t<Collection>::Place;
+
+    Vel::Ptr<Routing::NexthopVrfStatus> vrf_;
+    PlaceIn<decltype(vrf_->nexthop())> result_;
+    PlaceIn<decltype(std::declval<Shard::Fib::ForwardingStatus>().fec())> fec_;
+    Vel::U64 fecId_ = 0;  // that of fec_
+};
+
 class NexthopResolver {
   public:
     using Vias = std::vector<Shard::Fib::Via>;

@@ -73,6 +73,7 @@ std::span<const RouteResult* const> LookupCache::lookup(std::span<const RouteQue
     auto group = groups.end();
     std::vector<size_t> asked;
     std::vector<std::pair<size_t, decltype(group)>> followers;
+    followers.reserve(answers_.size());
     for (size_t i = 0; i < answers_.size(); ++i) {
         const Answer& answer = answers_[i];
         if (!answer.stale) continue;
