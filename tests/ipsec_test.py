@@ -181,6 +181,7 @@ class IpsecTest(LabCase):
     def run_events(self, streams, seed):
         chance = random.Random(seed)
         events = [self.kill_charon, self.kill, self.delete, self.rekey, self.flap, self.change_path,
+                  lambda site: self.lab.swanctl(site, "--load-all", "--file", "/dev/null"),  # unloads
                   lambda _: self.change_profile(espProposals=chance.choice(
                       ["aes256gcm16", "aes128gcm16-ecp256"])),
                   lambda _: self.change_profile(presharedKey=f"another key {chance.random()}")]

@@ -75,7 +75,7 @@ void Charon::handleEvent(const Vici::Packet& packet) {
     if (--unconfirmed_ != 0) return;
     const auto up = [this](const Json& stats) {
         up_ = true;
-        told_ = false;
+        told_.clear();
         delay_ = firstDelay;
         callbacks_.up(stats);
     };
@@ -106,17 +106,16 @@ void Charon::handleSilence() {
     end("charon does not answer");
 }
 
-void Charon::end(const std::string& reason) {
+void Charon::end(std::string reason) {
     commands_.reset();
     events_.reset();
     queue_.clear();
     sent_ = false;
     silence_.disarm();
-    const bool first = !std::exchange(told_, true);
     up_ = false;
     reopen_.armIn(delay_);
     delay_ = std::min(2 * delay_, lastDelay);
-    if (first) callbacks_.down(reason);
+    if (std::exchange(told_, reason) != reason) callbacks_.down(reason);
 }
 
 }  // namespace Agent::Linux

@@ -28,8 +28,8 @@ class Charon {
     struct Callbacks {
         // The session is up; with charon's answer to the command "stats".
         std::function<void(const Json& stats)> up;
-        // The session is no longer up, or could not be opened for the first time. Commands without
-        // an answer are forgotten.
+        // The session is no longer up, or could not be opened, the first time or for another reason
+        // than the last time. Commands without an answer are forgotten.
         std::function<void(const std::string& reason)> down;
         // One of the subscribed events.
         std::function<void(const std::string& name, const Json& message)> event;
@@ -62,7 +62,7 @@ class Charon {
     void handleEvent(const Vici::Packet& packet);
     void sendNext();
     void handleSilence();
-    void end(const std::string& reason);
+    void end(std::string reason);  // which may lie in a connection, and these are closed
 
     EventLoop& loop_;
     Loom::TaskScheduler& scheduler_;
@@ -72,7 +72,8 @@ class Charon {
     size_t unconfirmed_ = 0;     // subscriptions of both connections
     std::deque<Command> queue_;  // the first one has been sent if sent_
     bool sent_ = false;
-    bool up_ = false, told_ = false;  // told_: the last callback was down
+    bool up_ = false;
+    std::string told_;  // the reason of the last callback, if that was down
     Loom::Duration delay_ = firstDelay;
     Loom::Timer reopen_, silence_;
 };

@@ -20,7 +20,8 @@ bool Connection::want(Settings settings, Loom::Duration dpdTimeout, Loom::Instan
     if (settings == settings_) return false;
     const bool replaces = !settings_.name.empty();
     settings_ = std::move(settings);
-    loaded_ = observed_ = false;
+    loaded_.reset();
+    observed_ = false;
     wanted_ = now;
     failures_ = 0;
     hint_.clear();
@@ -32,19 +33,21 @@ bool Connection::want(Settings settings, Loom::Duration dpdTimeout, Loom::Instan
 bool Connection::refuse(const std::string& reason, Loom::Instant now) {
     const bool replaces = !settings_.name.empty();
     settings_ = {};
-    loaded_ = observed_ = false;
+    loaded_.reset();
+    observed_ = false;
     wanted_ = now;
     fail(reason, now);
     return replaces;
 }
 
 void Connection::unloaded(const std::string& reason, Loom::Instant now) {
-    loaded_ = false;
+    loaded_.reset();
     fail(reason, now);
 }
 
 void Connection::charonLost(const std::string& reason, Loom::Instant now) {
-    loaded_ = observed_ = false;
+    loaded_.reset();
+    observed_ = false;
     sas_.clear();
     waits_.clear();
     failures_ = 0;

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -42,10 +43,16 @@ class Connection {
     bool want(Settings settings, Loom::Duration dpdTimeout, Loom::Instant now);
     // The same if there are none, for this reason.
     bool refuse(const std::string& reason, Loom::Instant now);
-    // Whether charon has yet to be given the settings; that it is; that it refuses them.
+    // Whether charon has yet to be given the settings; that it is; that it refuses them; that it
+    // did not have them when it was asked, which is false if it was given them later.
     bool unloaded() const { return !settings_.name.empty() && !loaded_; }
-    void loaded() { loaded_ = true; }
+    void loaded(Loom::Instant now) { loaded_ = now; }
     void unloaded(const std::string& reason, Loom::Instant now);
+    bool missed(Loom::Instant asked) {
+        const bool gone = loaded_ && *loaded_ < asked;
+        if (gone) loaded_.reset();
+        return gone;
+    }
     // Charon is not available, or no longer.
     void charonLost(const std::string& reason, Loom::Instant now);
 
@@ -97,8 +104,8 @@ class Connection {
     const uint32_t reqid_;
     Settings settings_;  // without a name: there are none
     Loom::Duration dpdTimeout_{};
-    bool loaded_ = false;    // charon has the settings
-    bool observed_ = false;  // a list has been asked for since they are wanted
+    std::optional<Loom::Instant> loaded_;  // when charon was given the settings
+    bool observed_ = false;                // a list has been asked for since they are wanted
     bool doubtful_ = false;
     ConnectionState state_ = ConnectionState::down;
     std::chrono::system_clock::time_point since_ = std::chrono::system_clock::now();

@@ -133,7 +133,7 @@ void IpsecService::settle(Connection& connection, const Ipsec::Path::PathConfig&
 }
 
 void IpsecService::load(Connection& connection) {
-    connection.loaded();
+    connection.loaded(in_.scheduler->now());
     const Settings& settings = connection.settings();
     names_.insert_or_assign(settings.name, connection.key());
     const auto handle = [this, key = connection.key(), child = settings.child](const Json& answer) {
@@ -146,12 +146,26 @@ void IpsecService::load(Connection& connection) {
         publish(at->second);
     };
     try {
-        if (!settings.shared.is_null()) charon_.request("load-shared", settings.shared, handle);
-        if (!settings.key.is_null()) charon_.request("load-key", settings.key, handle);
+        loadSecrets(settings, handle);
         charon_.request("load-conn", settings.connection, handle);
     } catch (const Vici::Error& error) {
         handle({{"errmsg", error.what()}});
     }
+}
+
+void IpsecService::loadSecrets(const Settings& settings, const Charon::Answer& handle) {
+    if (!settings.shared.is_null()) charon_.request("load-shared", settings.shared, handle);
+    if (!settings.key.is_null()) charon_.request("load-key", settings.key, handle);
+}
+
+// "swanctl --load-all" unloads what its files do not have. Strongswan's unit runs it at each start.
+void IpsecService::handleLoaded(const Json& answer, Loom::Instant asked) {
+    const auto names = answer.find("conns");
+    if (names == answer.end() || !names->is_array()) return;
+    const std::set<Json> loaded(names->begin(), names->end());
+    for (auto& [key, connection] : connections_)
+        if (!loaded.contains(connection.settings().name) && connection.missed(asked))
+            reconcileLater();
 }
 
 void IpsecService::list() {
@@ -160,9 +174,11 @@ void IpsecService::list() {
     listAgain_ = listing_;
     if (std::exchange(listing_, true)) return;
     sas_.clear();
+    const Loom::Instant asked = in_.scheduler->now();
+    charon_.request("get-conns", Json::object(),
+                    [this, asked](const Json& answer) { handleLoaded(answer, asked); });
     charon_.request(
-        "list-sas", Json::object(),
-        [this, asked = in_.scheduler->now()](const Json&) { handleList(asked); },
+        "list-sas", Json::object(), [this, asked](const Json&) { handleList(asked); },
         [this](const Json& message) {
             for (IkeSa& sa : sasOf(message)) sas_.push_back(std::move(sa));
         });
@@ -230,6 +246,8 @@ void IpsecService::initiateDue() {
         }
         if (connecting == maxConnecting) continue;  // this is called again when one has come up
         ++connecting;
+        // After a failure, since somebody may have unloaded them.
+        if (connection.state() == ConnectionState::failed) loadSecrets(connection.settings(), {});
         connection.initiated(now);
         publish(connection);
         charon_.request("initiate",

@@ -65,6 +65,8 @@ class IpsecService {
     void reconcile();
     void settle(Connection& connection, const Ipsec::Path::PathConfig& request);
     void load(Connection& connection);
+    void loadSecrets(const Settings& settings, const Charon::Answer& handle);
+    void handleLoaded(const Json& answer, Loom::Instant asked);
     void list();
     void handleList(Loom::Instant asked);
     void initiateDue();
