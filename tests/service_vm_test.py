@@ -3,7 +3,7 @@ kernel: service_vm_test.py BUILD_DIR SOURCE_DIR, in the virtual machine of `scri
 packages in BUILD_DIR/packages.
 
 The service is the agent of site 1 of the laboratory. Whatever becomes of it, packets from site 1 to site 2
-arrive.
+arrive. They are secured, with the files of docs/ipsec.md, if this machine has charon-systemd.
 """
 import contextlib
 import glob
@@ -13,14 +13,17 @@ import re
 import signal
 import subprocess
 import tempfile
+import textwrap
 import unittest
 
-from products import Lab, Traffic, await_, build, main
+from products import Lab, Traffic, await_, build, main, source
 from netlab import host
 
-tempfile.tempdir = "/run"  # the root is an overlay, in which no file can be without a name
+tempfile.tempdir = "/dev/shm"  # the root is an overlay, and charons have a /run of their own
 names = "libnav1", "nav-agent", "navctl"
 CAP_NET_ADMIN = 12
+units = "/etc/systemd/system"
+secured = ["internet"] if os.path.exists("/usr/sbin/charon-systemd") else []
 
 
 def run(*command):
@@ -36,6 +39,18 @@ def shown(what):
 
 def journal():
     return run("journalctl", "--no-pager", "--output=cat", "--unit=nav-agent.service")
+
+
+def write(path, text):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def documented(path):
+    """A file, as the documentation has it."""
+    with open(f"{source}/docs/ipsec.md", encoding="utf-8") as file:
+        return textwrap.dedent(re.search(rf"`{path}`:\n\n((?:    .*\n)+)", file.read())[1])
 
 
 def earlier(package, directory):
@@ -71,17 +86,30 @@ class ServiceVmTest(unittest.TestCase):
         self.earlier = [earlier(package, "/run/earlier") for package in self.later]
 
     def configure(self, config):
-        os.makedirs("/etc/systemd/system/nav-agent.service.d", exist_ok=True)
-        for path, text in (
-                ("/etc/systemd/system/nav-agent.service.d/router.conf",
-                 f"[Service]\nNetworkNamespacePath={self.lab.place('router1')}\n"),
-                ("/etc/default/nav-agent", 'NAV_AGENT_OPTIONS="--platform linux --config '
-                 '/etc/nav/config.json --forwarding /etc/nav/forwarding.json"\n'),
-                ("/etc/nav/config.json", config),
-                ("/etc/nav/forwarding.json", json.dumps(self.lab.forwarding(1)))):
-            with open(path, "w", encoding="utf-8") as file:
-                file.write(text)
+        for unit in "nav-agent", "strongswan":
+            write(f"{units}/{unit}.service.d/router.conf",
+                  f"[Service]\nNetworkNamespacePath={self.lab.place('router1')}\n")
+        write("/etc/default/nav-agent", 'NAV_AGENT_OPTIONS="--platform linux --config /etc/nav/config.json '
+              f'--forwarding /etc/nav/forwarding.json{" --ipsec /etc/nav/ipsec.json" if secured else ""}"\n')
+        write("/etc/nav/config.json", config)
+        write("/etc/nav/forwarding.json", json.dumps(self.lab.forwarding(1)))
         run("systemctl", "daemon-reload")
+
+    def start_secured(self):
+        """First without the group that may use charon's socket."""
+        settings, drop_in = "/etc/strongswan.d/nav.conf", f"{units}/nav-agent.service.d/ipsec.conf"
+        write(drop_in, documented(drop_in))
+        write(settings, documented(settings).replace("group = nav", ""))
+        write("/run/ipsec.json", json.dumps(self.lab.ipsec()))
+        run("install", "-o", "nav", "-g", "nav", "-m", "0600", "/run/ipsec.json", "/etc/nav/ipsec.json")
+        for site in 2, 3:
+            self.lab.start_charon(site)
+        run("systemctl", "daemon-reload")
+        run("systemctl", "start", "nav-agent")
+        await_("charon is refused", lambda: "charon is not available: Permission denied" in run(
+            "navctl", "show", "ipsec"), every=0.5)
+        write(settings, documented(settings))
+        run("systemctl", "restart", "strongswan")
 
     def await_agent(self, other_than):
         await_("the agent is another process", lambda: shown("MainPID") not in ("0", other_than), every=0.1)
@@ -111,7 +139,8 @@ class ServiceVmTest(unittest.TestCase):
     def test_a_router_from_installation_to_purge(self):
         run("dpkg", "--install", *self.earlier)
         self.assertEqual(shown("ActiveState"), "inactive", "there is no configuration yet")
-        with Lab("/usr/bin/nav-agent", "/usr/bin/navctl") as self.lab, Traffic(self.lab) as self.traffic:
+        with Lab("/usr/bin/nav-agent", "/usr/bin/navctl", secured=secured,
+                 kernel_esp=True) as self.lab, Traffic(self.lab) as self.traffic:
             self.addCleanup(lambda: None if self.purged else print(journal()[-4000:]))
             self.live()
 
@@ -120,6 +149,8 @@ class ServiceVmTest(unittest.TestCase):
         self.configure(config)
         for site in 2, 3:
             self.lab.start_agent(site)
+        if secured:
+            self.start_secured()
         run("systemctl", "start", "nav-agent")
         self.await_agent(other_than="0")
         self.check_privileges()
@@ -145,6 +176,7 @@ class ServiceVmTest(unittest.TestCase):
         run("systemctl", "reset-failed", "nav-agent")  # it has been started too often by now
         self.costs_nothing("start", lambda: run("systemctl", "restart", "nav-agent"))
         self.traffic.stop()
+        self.assertEqual([self.lab.clear(provider) for provider in secured], [{} for _ in secured])
 
         files = {path for path in run("dpkg-query", "--listfiles", *names).split("\n")
                  if path and not os.path.isdir(path)}
@@ -154,8 +186,10 @@ class ServiceVmTest(unittest.TestCase):
                   "/etc/systemd/system/multi-user.target.wants/nav-agent.service"}
         self.assertEqual([path for path in files if os.path.lexists(path)], [])
         self.assertEqual(shown("LoadState"), "not-found")
-        for listed in ["nft", "list", "tables"], ["ip", "nexthop"], ["ip", "link", "show", "group", "110"]:
-            self.assertEqual(self.lab.run("router1", *listed), "", listed)
+        for listed in (["nft", "list", "tables"], ["ip", "nexthop"], ["ip", "link", "show", "group", "110"],
+                       ["ip", "xfrm", "state"]):
+            left = self.lab.run("router1", *listed).replace("table inet lab\n", "")
+            self.assertEqual(left, "", listed)
         self.assertTrue(os.path.exists("/etc/nav/config.json"), "it is the operator's")
         self.purged = True
 
