@@ -23,6 +23,12 @@ bool encryptsItself(const Json& stats) {
            std::ranges::find(*plugins, Json("kernel-libipsec")) != plugins->end();
 }
 
+// Whether an agent has made its settings.
+bool isAgents(const IkeSa& sa) {
+    return std::ranges::any_of(
+        sa.children, [](const ChildSa& child) { return child.name.starts_with(childPrefix); });
+}
+
 const char* stateText(ConnectionState state) {
     static constexpr const char* names[] = {"down", "connecting", "rekeying", "established",
                                             "failed"};
@@ -199,9 +205,7 @@ void IpsecService::handleList(Loom::Instant asked) {
     for (IkeSa& sa : std::exchange(sas_, {})) {
         if (const Connection* connection = connectionOf(sa))
             by[connection].push_back(std::move(sa));
-        else if (!adoption_.armed() && std::ranges::any_of(sa.children, [](const ChildSa& child) {
-                     return child.name.starts_with(childPrefix);
-                 }))
+        else if (!adoption_.armed() && isAgents(sa))
             terminate("ike-id", std::to_string(sa.id));
     }
     const Loom::Instant now = in_.scheduler->now();
@@ -333,8 +337,14 @@ void IpsecService::terminate(const char* selector, const std::string& value) {
 }
 
 void IpsecService::clear() {
+    if (!charon_.up()) return;
     tidy();
     for (const auto& [name, key] : names_) forget(name);
+    // Also those that were made when their connection had another name.
+    charon_.request("list-sas", Json::object(), {}, [this](const Json& message) {
+        for (const IkeSa& sa : sasOf(message))
+            if (isAgents(sa)) terminate("ike-id", std::to_string(sa.id));
+    });
     charon_.drain();
 }
 
