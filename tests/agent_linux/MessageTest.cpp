@@ -132,6 +132,11 @@ TEST(Routes, PathsAreLookedUpInTheirVrfByTheirInterface) {
     ASSERT_EQ(vias.size(), 2U);
     EXPECT_EQ(vias[1].hop, addr("10.0.0.8"));
     EXPECT_EQ(vias[1].intfId, Netz::IntfId("wa"));
+    // On a link, each destination is its own next hop.
+    const RouteResult link{RouteResult::Kind::forwarded, {{{}, 3}}};
+    found = pathRoutes(view, queries, std::vector<const RouteResult*>{&link, &link, &red});
+    for (const auto& [addr, list] : found.vrfs["blue"])
+        EXPECT_EQ(found.lists.at(list).at(0).hop, addr);
     // The kernel starts its list of IPv6 legs at another leg from one reply to the next.
     EXPECT_EQ(blue6, parse(recorded("route6BlueEightFirst")));
 }

@@ -35,19 +35,19 @@ class KernelRoad : public InNamespace {
         internet_ = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
         InNamespace::SetUp();
         sysctl("ipv6/conf/default/disable_ipv6", "1");
-        const std::string there = " netns " + internet() + "\n";
-        ASSERT_TRUE(
-            ip("link set lo up\n"
-               "link add wan1 type veth peer name isp1\nlink add wan2 type veth peer name isp2\n"
-               "addr add 203.0.113.1/24 dev wan1\naddr add 192.0.2.1/24 dev wan2\n"
-               "link set wan1 up\nlink set wan2 up\nlink set isp1" +
-               there + "link set isp2" + there));
+        ASSERT_TRUE(ip("link set lo up\n"));
+        connect("1", "203.0.113.");
+        connect("2", "192.0.2.");
+    }
+    void connect(const std::string& link, const std::string& network) {
+        const std::string wan = "wan" + link, isp = "isp" + link;
+        ASSERT_TRUE(ip("link add " + wan + " type veth peer name " + isp + "\naddr add " + network +
+                       "1/24 dev " + wan + "\nlink set " + wan + " up\nlink set " + isp +
+                       " netns " + internet() + "\n"));
         // The kernel gives up on a neighbour after 0.3 s.
-        for (const char* link : {"wan1", "wan2"})
-            sysctl("ipv4/neigh/" + std::string(link) + "/retrans_time_ms", "100");
-        ASSERT_TRUE(
-            inInternet("link set isp1 up\nlink set isp2 up\n"
-                       "addr add 203.0.113.254/24 dev isp1\naddr add 192.0.2.254/24 dev isp2\n"));
+        sysctl("ipv4/neigh/" + wan + "/retrans_time_ms", "100");
+        ASSERT_TRUE(inInternet("link set " + isp + " up\naddr add " + network + "254/24 dev " +
+                               isp + "\n"));
     }
     void TearDown() override { close(internet_); }
 
@@ -142,8 +142,17 @@ TEST_F(KernelRoad, PathsFollowTheRoutesOfTwoLinksToTwoSites) {
     ASSERT_TRUE(await([&] { return vias("198.51.100.2") == "203.0.113.254 wan1 3; "; }));
     group.localIntfIs(Netz::IntfId("wan2"));
     ASSERT_TRUE(become({up, up, up, up}));
+    // Another device has the name and address of a link before the agent looks.
+    ASSERT_TRUE(ip("link del wan1\n"));
+    connect("1", "203.0.113.");
+    ASSERT_TRUE(ip(bothRoutes));
+    ASSERT_TRUE(await(
+        [&] { return vias("198.51.100.2") == "192.0.2.254 wan2 1; 203.0.113.254 wan1 1; "; }));
+    ASSERT_TRUE(become({up, up, up, up}));
     // A path whose route is by another link keeps its last via, but is not usable.
-    ASSERT_TRUE(ip("route del 198.51.100.2\nroute replace 198.51.100.0/24 via 192.0.2.254\n"));
+    ASSERT_TRUE(
+        ip("route del 198.51.100.2\nroute del 198.51.100.3\n"
+           "route replace 198.51.100.0/24 via 192.0.2.254\n"));
     ASSERT_TRUE(become({arp, up, arp, up}));
     EXPECT_EQ(programmed(), 2U);
     ASSERT_TRUE(ip("route add blackhole 198.51.100.2\nroute del 198.51.100.0/24\n"));
