@@ -53,7 +53,7 @@ class NexthopResolver {
         // Equal vias are in equal order, but may be in several lists: the fewer lists there are,
         // the less is compared.
         std::vector<Vias> lists;
-        // Every VRF of the router, with the route to each requested address that has one.
+        // Every VRF of the router, with one route to each requested address that has any.
         std::map<L3::VrfName, std::vector<Route>> vrfs;
 
         size_t add(Vias vias) {
