@@ -196,6 +196,7 @@ TEST_F(Kernel, KeptAnswersFollowRandomRoutesAndRules) {
 TEST_F(Kernel, EveryKindOfChangeLeadsToLookups) {
     Monitored kernel;
     ASSERT_TRUE(kernel.await([&] { return kernel.named("wa").up && kernel.monitor.settled(); }));
+    kernel.monitor.lookup(std::vector<RouteQuery>{{addr("10.1.0.1")}, {addr("2001:db8:1::1")}});
     for (const char* change :
          {"rule add from 203.0.113.1 table 77", "-6 rule add from 2001:db8:a::1 table 77",
           "route add 10.1.0.0/16 dev wa table 77", "-6 route add 2001:db8:1::/48 dev wa table 77",
@@ -205,6 +206,14 @@ TEST_F(Kernel, EveryKindOfChangeLeadsToLookups) {
         ASSERT_TRUE(sh("ip " + std::string(change)));
         EXPECT_TRUE(kernel.settle()) << change;
     }
+    // A route to destinations that nobody asks for, once no other event comes with it.
+    int hop = 2;
+    EXPECT_TRUE(kernel.await([&] {
+        const auto events = kernel.monitor.counters().events;
+        ip("route replace 10.7.0.0/16 via 203.0.113." + std::to_string(++hop) + "\n");
+        kernel.monitor.handleReadable();
+        return kernel.monitor.counters().events == events + 1 && kernel.monitor.settled();
+    }));
 }
 
 // The first event is acted upon at once, and lookups go on while events keep coming.
@@ -214,6 +223,7 @@ TEST_F(Kernel, SteadyChurnDelaysNoLookupForLong) {
     std::vector<Loom::Instant> rounds;
     KernelMonitor monitor(scheduler, {[] {}, [&] { rounds.push_back(clock.now()); }});
     monitor.start();
+    monitor.lookup(std::vector<RouteQuery>{{addr("10.1.0.1")}});
     clock.advance(2 * KernelMonitor::maxHold);
     const auto begin = clock.now();
     for (int i = 0; i < 100; ++i) {

@@ -92,9 +92,8 @@ void KernelMonitor::handleEvent(const Message& message) {
             if (route.rtm_protocol == ownProtocol) return handleOwn(message);
             listener_.onRoute(message);
             const auto entry = fibEntryOf(message);
-            if (!entry) return;
-            answers_.routeChanged(*entry, scheduler_.now());
-            return forwardingChanged();
+            if (entry && answers_.routeChanged(*entry, scheduler_.now())) forwardingChanged();
+            return;
         }
         case RTM_NEWNEXTHOP:
         case RTM_DELNEXTHOP:

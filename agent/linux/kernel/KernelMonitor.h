@@ -49,7 +49,8 @@ class KernelMonitor {
     struct Listener {
         // interfaces() has changed.
         std::function<void()> onInterfaces;
-        // Any route may have changed, and any neighbour may have become resolved or unresolved.
+        // The route of any query of the last lookup may have changed, and any neighbour may have
+        // become resolved or unresolved.
         std::function<void()> onForwarding;
         // Somebody else has removed or changed a route, rule or next hop that bears `ownProtocol`.
         // Called as the event is read. Not called after an overrun, which onForwarding follows.

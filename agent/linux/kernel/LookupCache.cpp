@@ -11,9 +11,11 @@ namespace Agent::Linux {
 using Netz::IpAddrWithMask;
 using Netz::IpGenAddr;
 
-void LookupCache::routeChanged(const FibEntry& route, Loom::Instant now) {
+bool LookupCache::routeChanged(const FibEntry& route, Loom::Instant now) {
+    bool concerns = false;
     for (size_t i = 0; i < queries_.size(); ++i) {
         if (!route.prefix.contains(queries_[i].destination)) continue;
+        concerns = true;
         Answer& answer = answers_[i];
         answer.settled = now + settleTime;
         if (!answer.stale) {
@@ -25,6 +27,7 @@ void LookupCache::routeChanged(const FibEntry& route, Loom::Instant now) {
         if (answer.table != route.table) answer.table.reset();
         if (route.prefix.prefixLength > answer.prefix.prefixLength) answer.prefix = route.prefix;
     }
+    return concerns;
 }
 
 void LookupCache::anythingChanged(Loom::Instant now) {

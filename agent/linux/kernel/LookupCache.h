@@ -34,7 +34,8 @@ class LookupCache {
     std::span<const RouteResult* const> lookup(std::span<const RouteQuery> queries,
                                                Loom::Instant now);
 
-    void routeChanged(const FibEntry& route, Loom::Instant now);
+    // Returns whether the change may concern an answer.
+    bool routeChanged(const FibEntry& route, Loom::Instant now);
     void anythingChanged(Loom::Instant now);
 
   private:
