@@ -5,9 +5,7 @@
 namespace Loom {
 
 TaskScheduler::~TaskScheduler() {
-    for (Link* list : {&round_, &posted_}) {
-        while (list->linked()) list->next().unlink();
-    }
+    while (posted_.linked()) posted_.next().unlink();
     for (const Slot& slot : timers_) slot.timer->slot_ = Timer::unarmed;
 }
 
@@ -20,32 +18,34 @@ void TaskScheduler::runDue(Instant end) {
     } const running(running_);
 
     for (int round = 0; round < maxRounds; ++round) {
-        // Tasks left over from a round that an error or the end of the time has ended run first.
-        if (!round_.linked() && posted_.linked()) {
-            round_.linkBefore(posted_.next());
-            posted_.unlink();
-        }
-        while (round_.linked()) {
-            runTask(static_cast<Task&>(round_.next()));
+        if (std::exchange(ended_, false)) ++round_;
+        while (runTask())
             if (reached(end)) return;
-        }
-        bool ranTimer = false;
-        if (!timers_.empty()) {
-            const Instant started = now();
-            const uint64_t lastArmed = sequence_;
-            while (runTimer(started, lastArmed)) {
-                ranTimer = true;
-                if (reached(end)) return;
-            }
-        }
-        if (!posted_.linked() && !ranTimer) return;
+        ended_ = true;
+        const bool ranTimer = !timers_.empty() && runTimers(end);
+        if ((!posted_.linked() && !ranTimer) || reached(end)) return;
     }
 }
 
-void TaskScheduler::runTask(Task& task) {
+// Runs the first task, if it was posted before this round.
+bool TaskScheduler::runTask() {
+    if (!posted_.linked()) return false;
+    Task& task = static_cast<Task&>(posted_.next());
+    if (task.round_ == round_) return false;
     task.unlink();
     const Callback callback = task.callback_;  // the task may die before its function returns
     callback();
+    return true;
+}
+
+// Runs the timers that are due now. Returns whether there was one. Apart from runDue(), which has
+// less to save then.
+[[gnu::noinline]] bool TaskScheduler::runTimers(Instant end) {
+    const Instant started = now();
+    const uint64_t lastArmed = sequence_;
+    bool ran = false;
+    while (!(ran && reached(end)) && runTimer(started, lastArmed)) ran = true;
+    return ran;
 }
 
 bool TaskScheduler::runTimer(Instant now, uint64_t lastArmed) {
@@ -58,7 +58,7 @@ bool TaskScheduler::runTimer(Instant now, uint64_t lastArmed) {
 }
 
 std::optional<Instant> TaskScheduler::nextDeadline() {
-    if (posted_.linked() || round_.linked()) return Instant{};
+    if (posted_.linked()) return Instant{};
     const Timer* const timer = earliest();
     return timer ? std::optional(timer->deadline_) : std::nullopt;
 }

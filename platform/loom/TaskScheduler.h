@@ -52,6 +52,7 @@ class Task : private Link {
   private:
     friend class TaskScheduler;
     const Callback callback_;
+    uint64_t round_ = 0;  // in which it was posted
 };
 
 // Runs once each time it was armed, never before its deadline; a deadline beyond the clock's range
@@ -97,6 +98,7 @@ class VEL_EXPORT TaskScheduler {
     // Appends a task to the queue; a task already queued keeps its position.
     void post(Task& task) {
         if (task.linked()) return;
+        task.round_ = round_;
         task.linkBefore(posted_);
         if (!running_) [[unlikely]]
             wakeup();
@@ -106,7 +108,8 @@ class VEL_EXPORT TaskScheduler {
     // due at that time. Ends when nothing is due or after maxRounds, so that work that keeps
     // posting itself delays neither other work nor the host's loop, or after the first task or
     // timer that has run at or beyond `end`; what is left stays due. May be called from a task. An
-    // exception of a task or timer leaves runDue() at once; what has not run yet stays due.
+    // exception of a task or timer leaves runDue() at once; what has not run yet stays due. A round
+    // that ended early is continued by the next call.
     void runDue(Instant end = Instant::max());
 
     // Longer than any chain of tasks that post one another, and short enough for a loop that has
@@ -135,7 +138,8 @@ class VEL_EXPORT TaskScheduler {
     };
 
     bool reached(Instant end) const { return end != Instant::max() && now() >= end; }
-    void runTask(Task& task);
+    bool runTask();
+    bool runTimers(Instant end);
     bool runTimer(Instant now, uint64_t lastArmed);
     void wakeup() {
         if (wakeup_) wakeup_();
@@ -150,8 +154,9 @@ class VEL_EXPORT TaskScheduler {
 
     const Clock& clock_;
     Callback wakeup_;
-    Link posted_;  // tasks for the next round, in the order of posting
-    Link round_;   // tasks of the current round that have not run; kept if one of them throws
+    Link posted_;               // tasks in the order of posting
+    uint64_t round_ = 0;        // the current one; tasks posted in it run in the next one
+    bool ended_ = true;         // the current round has run its tasks
     bool running_ = false;      // inside runDue(), where no wakeup is needed
     uint64_t sequence_ = 0;     // number of armings so far
     std::vector<Slot> timers_;  // binary heap by (deadline, sequence) as filed
