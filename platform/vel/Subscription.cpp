@@ -8,44 +8,98 @@
 
 namespace Vel {
 
-// One notification in progress, on the stack. It holds its position in the list of subscribers, so
-// that a subscription that ends is skipped and a new one is not called in this round.
-class Round {
+// One notification in progress, on the stack: keeps alive what it uses, limits how deep
+// notifications nest, and begins an event of the trace if it is the outermost one.
+class Notification {
   public:
     static constexpr U32 maxDepth = 64;
 
-    Round(Entity& entity, Ordinal attribute)
-        : entity_(entity),
-          outer_(top),
-          end_(entity.last_),
-          depth_(top ? top->depth_ + 1 : 1),
-          attribute_(attribute) {
+    Notification(const Entity& entity, Ordinal attribute)
+        : entity_(entity), outer_(top), depth_(top ? top->depth_ + 1 : 1), attribute_(attribute) {
         if (depth_ > maxDepth) [[unlikely]]
             tooDeep();
         if (!outer_) Ringlog::newEvent();
+        top = this;
+    }
+    ~Notification() { top = outer_; }
+    Notification(const Notification&) = delete;
+    Notification& operator=(const Notification&) = delete;
+
+    // For an exception that a subscriber threw: in a destructor it has no caller to reach.
+    void subscriberThrew() const {
+        if (const Object* object = objectBeingDestroyed()) {
+            const std::string handler = "'s destructor, through a subscriber of " + what() + ",";
+            handlerThrew(typeid(*object), handler.c_str());
+        }
+    }
+
+  private:
+    std::string what() const {
+        const TypeDescriptor& type = entity_.type();
+        return std::string(type.name).append(".").append(type.attributeName(attribute_));
+    }
+    [[noreturn, gnu::cold]] void tooDeep() const {
+        std::string chain = "notifications nest deeper than 64 rounds:";
+        for (const Notification* each = this; each; each = each->outer_)
+            chain.append(" ").append(each->what());
+        assertionFailed(chain.c_str(), __FILE__, __LINE__);
+    }
+
+    static const Notification* top;  // the innermost one; one event thread
+
+    Hold hold_;
+    const Entity& entity_;
+    const Notification* const outer_;
+    const U32 depth_;
+    const Ordinal attribute_;
+};
+
+constinit const Notification* Notification::top = nullptr;
+
+// The position of a notification in a list of several subscribers, so that a subscription that ends
+// is skipped and a new one is not called in this round.
+class Round {
+  public:
+    Round(const Entity& entity, const Notification& notification)
+        : entity_(entity), notification_(notification), outer_(top), end_(entity.last_) {
         top = this;
     }
     ~Round() { top = outer_; }
     Round(const Round&) = delete;
     Round& operator=(const Round&) = delete;
 
+    static void call(const Subscription& subscriber, Ordinal attribute, const void* key) {
+        if (subscriber.attribute_ != attribute && subscriber.attribute_ != anyAttribute)
+            [[unlikely]]
+            return;
+        subscriber.function_(subscriber.object_, key, attribute);
+    }
     // An exception in a subscriber does not keep others from being called; the first error is
     // thrown at the end.
-    void run(const void* key) {
+    [[gnu::noinline]] void run(Ordinal attribute, const void* key) {
         try {
-            Subscription* const first = entity_.first_;
-            if (first == end_) {  // nothing in the list to keep track of
-                end_ = nullptr;
-                if (takes(*first)) first->function_(first->object_, key, attribute_);
-            } else {
-                callFrom(first, key);
+            for (Subscription *now = entity_.first_, *next; now; now = next) {
+                next_ = next = now->next_;
+                call(*now, attribute, key);
+                if (disturbed_) return callTheRest(attribute, key);
             }
         } catch (...) {
-            callTheOthers(key);
+            notification_.subscriberThrew();
+            while (next_) {
+                try {
+                    callTheRest(attribute, key);
+                } catch (...) {
+                    continue;  // only the first error is kept
+                }
+            }
             throw;
         }
     }
 
+    static void added(const Entity& entity) {
+        for (Round* round = top; round; round = round->outer_)
+            if (&round->entity_ == &entity) round->disturbed_ = true;
+    }
     static void removed(const Subscription& gone) {
         for (Round* round = top; round; round = round->outer_) {
             if (round->next_ == &gone) round->nextIs(&gone == round->end_ ? nullptr : gone.next_);
@@ -60,58 +114,25 @@ class Round {
     }
 
   private:
-    bool takes(const Subscription& subscriber) const {
-        return subscriber.attribute_ == attribute_ || subscriber.attribute_ == anyAttribute;
-    }
-    [[gnu::always_inline]] inline void callFrom(Subscription* first, const void* key) {
-        for (Subscription *now = first, *next; now; now = next) {
-            next_ = next = now == end_ ? nullptr : now->next_;
-            if (!takes(*now)) continue;
-            now->function_(now->object_, key, attribute_);
-            if (disturbed_) [[unlikely]]  // else the next one is known without loading it
-                next = next_;
+    void callTheRest(Ordinal attribute, const void* key) {
+        while (const Subscription* now = next_) {
+            next_ = now == end_ ? nullptr : now->next_;
+            call(*now, attribute, key);
         }
     }
-    [[gnu::cold, gnu::noinline]] void callTheOthers(const void* key) {
-        if (const Object* object = objectBeingDestroyed()) {
-            const std::string handler = "'s destructor, through a subscriber of " + what() + ",";
-            handlerThrew(typeid(*object), handler.c_str());
-        }
-        while (next_) {
-            try {
-                callFrom(next_, key);
-            } catch (...) {
-                continue;  // only the first error is kept
-            }
-        }
-    }
-
-    std::string what() const {
-        const TypeDescriptor& type = entity_.type();
-        return std::string(type.name).append(".").append(type.attributeName(attribute_));
-    }
-    [[noreturn, gnu::cold]] void tooDeep() const {
-        std::string chain = "notifications nest deeper than 64 rounds:";
-        for (const Round* round = this; round; round = round->outer_)
-            chain.append(" ").append(round->what());
-        assertionFailed(chain.c_str(), __FILE__, __LINE__);
-    }
-
     void nextIs(Subscription* next) {
         next_ = next;
         disturbed_ = true;
     }
 
-    static Round* top;  // the innermost one; one event thread
+    static Round* top;  // the innermost one
 
-    Hold hold_;
-    Entity& entity_;
+    const Entity& entity_;
+    const Notification& notification_;
     Round* const outer_;
     Subscription* next_ = nullptr;  // to be called next; null after the last
     Subscription* end_;             // the last subscriber of this round
-    const U32 depth_;
-    const Ordinal attribute_;
-    bool disturbed_ = false;  // next_ was changed during a call
+    bool disturbed_ = false;        // the list has another end, or next_ was changed
 };
 
 constinit Round* Round::top = nullptr;
@@ -126,6 +147,7 @@ Subscription::Subscription(Entity& entity, Ordinal attribute, void* object, Func
     (prev_ ? prev_->next_ : entity.first_) = this;
     entity.last_ = this;
     entity.interest_ |= Entity::interestIn(attribute);
+    Round::added(entity);
 }
 
 void Subscription::reset() {
@@ -152,8 +174,14 @@ void Subscription::adopt(Subscription& other) {
 }
 
 void Entity::notify(Ordinal attribute, const void* key) {
-    Round round(*this, attribute);
-    round.run(key);
+    const Notification notification(*this, attribute);
+    if (first_ != last_) return Round(*this, notification).run(attribute, key);
+    try {
+        Round::call(*first_, attribute, key);
+    } catch (...) {
+        notification.subscriberThrew();
+        throw;
+    }
 }
 
 Entity::~Entity() {

@@ -19,6 +19,7 @@
 namespace Vel {
 
 class Entity;
+class Notification;
 class Round;
 
 using Ordinal = U16;                             // an attribute's place in its type's table
@@ -69,6 +70,7 @@ class [[nodiscard]] VEL_EXPORT Subscription {
 
   private:
     friend class Entity;
+    friend class Notification;
     friend class Round;
 
     void adopt(Subscription& other);
