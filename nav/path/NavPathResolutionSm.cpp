@@ -235,11 +235,9 @@ void NavPathResolutionSm::handleNexthopBacklog() {
     } draining{draining_ = true};
     const Vel::Ptr<Routing::NexthopBacklog> nexthopBacklog = nexthopBacklog_;
     while (!nexthopBacklog->backlog().empty()) {
-        for (const IpGenAddr& addr : nexthopBacklog->backlog()) {
-            DUOLOG(pathTrace, 7, "Backlog nexthopResolver addr: ", addr);
-            nexthopBacklog->backlogDel(addr);
-            reviewNexthop(addr);
-        }
+        const IpGenAddr addr = nexthopBacklog->backlogTakeOldest();
+        DUOLOG(pathTrace, 7, "Backlog nexthopResolver addr: ", addr);
+        reviewNexthop(addr);
     }
 }
 

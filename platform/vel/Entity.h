@@ -18,7 +18,8 @@
 //                                     cIs(key, init) with init(element) before it is announced,
 //                                     cDel(key), cDelAll()
 //     VEL_ORDERED(K, E, c)            the same in ascending order of key, and cHas(key)
-//     VEL_SET(K, s)                   s() to walk, sHas(key), sIs(key), sDel(key), sDelAll()
+//     VEL_SET(K, s)                   s() to walk, sHas(key), sIs(key), sDel(key), sDelAll(),
+//                                     sTakeOldest() to remove what was inserted first
 //     VEL_MAP(K, V, m)                m() to walk pairs, m(key) or null, mIs(key, v), mDel, mDelAll
 //     VEL_VALUES(K, V, field, m)      the same, of values that hold their key: mIs(v)
 //     VEL_CHILD(T, c)                 c() or null, cIs(name) get or create, cDel()
@@ -114,13 +115,13 @@ class VEL_EXPORT Entity : public Object {
         return element;
     }
     template <class Store, class Item>
-    void itemIs(Store& store, Ordinal attribute, Item item) {
+    void itemIs(Store& store, Ordinal attribute, const Item& item) {
         const typename Store::Key key = Store::keyOf(item);
         if (Item* present = store.find(key)) {
             if (sameValue(*present, item)) return;
-            *present = std::move(item);
+            *present = item;
         } else {
-            store.insert(std::move(item));
+            store.insert(item);
         }
         changed(attribute, &key);
     }
@@ -143,6 +144,12 @@ class VEL_EXPORT Entity : public Object {
         auto& item = taken.second;  // not a structured binding, which clang 14 refuses below
         if constexpr (requires { item->removed(); }) static_cast<Entity&>(*item).removed_ = true;
         changed(attribute, &Store::keyIn(item));
+    }
+    template <class Store>
+    typename Store::Item itemTakeOldest(Store& store, Ordinal attribute) {
+        const auto item = store.takeOldest();
+        changed(attribute, &Store::keyIn(item));
+        return item;
     }
     template <class Store>
     void keyDelAll(Store& store, Ordinal attribute) {
@@ -387,6 +394,10 @@ struct KeyedAttr : Attr<E, K> {
     }                                                                                         \
     VEL_ON_USE_ void name_##Is(const Key& key) {                                              \
         itemIs(name_##_, velOrdinalOf_##name_, key);                                          \
+    }                                                                                         \
+    /* Removes the key that was inserted first. REQUIRES: not empty. */                       \
+    VEL_ON_USE_ Key name_##TakeOldest() {                                                     \
+        return itemTakeOldest(name_##_, velOrdinalOf_##name_);                                \
     }                                                                                         \
     VEL_DESCRIBED_(                                                                           \
         name_,                                                                                \

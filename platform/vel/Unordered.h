@@ -58,8 +58,8 @@ class Unordered {
 
     // The item under a key, or null. Valid until the next insertion or removal.
     const Item* find(const Key& key) const {
-        const U32 slot = slotOf(key, index_ ? tagOf(key) : 0);
-        return slot == none ? nullptr : &slots_[slot].item;
+        const Slot* slot = slotOf(key);
+        return slot ? &slot->item : nullptr;
     }
     // The same by way of the place where the key was sought before. REQUIRES: `place` is new, or
     // was used with this collection and this key only.
@@ -76,31 +76,29 @@ class Unordered {
     Item& insert(Item item) {
         ++layout_;
         if (slots_.size() == slots_.capacity()) makeRoom();
-        slots_.push_back(Slot{std::move(item), 0, true});
+        Slot& slot = slots_.emplace_back(std::move(item));
         ++live_;
         if (index_) {
-            slots_.back().tag = tagOf(Traits::key(slots_.back().item));
+            slot.tag = tagOf(Traits::key(slot.item));
             place(static_cast<U32>(slots_.size()) - 1);
         } else if (slots_.size() > smallSize) {
-            for (Slot& slot : slots_)
-                if (slot.live) slot.tag = tagOf(Traits::key(slot.item));
+            for (Slot& each : slots_)
+                if (each.live) each.tag = tagOf(Traits::key(each.item));
             reindex();
         }
-        return slots_.back().item;
+        return slot.item;
     }
 
     // Removes the item. Returns whether it was found, and the item, or else a default one.
     std::pair<bool, Item> take(const Key& key) {
-        const U32 at = slotOf(key, index_ ? tagOf(key) : 0);
-        if (at == none) return {false, Item{}};
-        ++layout_;
-        if (index_) unplace(at);
-        Slot& slot = slots_[at];
-        Item item = std::exchange(slot.item, Item{});
-        slot.live = false;
-        --live_;
-        if (live_ == 0 || slots_.size() - live_ > live_ + keptDead) compact();
-        return {true, std::move(item)};
+        Slot* const slot = const_cast<Slot*>(slotOf(key));
+        if (!slot) return {false, Item{}};
+        return {true, take(*slot)};
+    }
+    // Removes the item that was inserted first. REQUIRES: not empty.
+    Item takeOldest() {
+        while (!slots_[oldest_].live) ++oldest_;
+        return take(slots_[oldest_]);
     }
 
     Cursor begin() const { return Cursor(*this); }
@@ -112,9 +110,11 @@ class Unordered {
     static constexpr U32 keptDead = 16;  // up to this many tombstones are not compacted
 
     struct Slot {
-        Item item;  // default when not live
-        U32 tag;    // of its key; unused while there is no index
-        bool live;  // else a tombstone
+        explicit Slot(Item&& inserted) : item(std::move(inserted)) {}
+
+        Item item;         // default when not live
+        U32 tag = 0;       // of its key; unused while there is no index
+        bool live = true;  // else a tombstone
     };
 
     static bool same(const Key& a, const Key& b) {
@@ -127,18 +127,29 @@ class Unordered {
         return static_cast<U32>(Codec<Key>::mix(key) >> 32);  // depends on every bit of the key
     }
 
-    U32 slotOf(const Key& key, U32 tag) const {
+    const Slot* slotOf(const Key& key) const {
         if (!index_) {
-            for (U32 i = 0; i < slots_.size(); ++i)
-                if (slots_[i].live && same(Traits::key(slots_[i].item), key)) return i;
-            return none;
+            for (const Slot& slot : slots_)
+                if (slot.live && same(Traits::key(slot.item), key)) return &slot;
+            return nullptr;
         }
+        const U32 tag = tagOf(key);
         for (U32 i = tag & mask_;; i = (i + 1) & mask_) {
             const IndexEntry& entry = index_[i];
-            if (entry.slot == none) return none;
+            if (entry.slot == none) return nullptr;
             if (entry.tag == tag && same(Traits::key(slots_[entry.slot].item), key))
-                return entry.slot;
+                return &slots_[entry.slot];
         }
+    }
+
+    Item take(Slot& slot) {
+        ++layout_;
+        if (index_) unplace(static_cast<U32>(&slot - slots_.data()));
+        Item item = std::exchange(slot.item, Item{});
+        slot.live = false;
+        --live_;
+        if (live_ == 0 || slots_.size() - live_ > live_ + keptDead) compact();
+        return item;
     }
 
     void place(U32 slot) {
@@ -179,6 +190,7 @@ class Unordered {
             c->at_ -= deadBefore(c->at_);
             c->end_ -= deadBefore(c->end_);
         }
+        oldest_ = 0;
         if (live_ == 0) return slots_.clear();  // removals have emptied the index
         std::erase_if(slots_, [](const Slot& slot) { return !slot.live; });
         if (index_) reindex();
@@ -196,6 +208,7 @@ class Unordered {
     std::unique_ptr<IndexEntry[]> index_;
     U32 mask_ = 0;    // entries of the index less one; entries are a power of two
     U32 live_ = 0;    // slots that are live
+    U32 oldest_ = 0;  // no slot before it is live
     U64 layout_ = 1;  // changes with each insertion and removal
     mutable Cursor* cursors_ = nullptr;  // of the iterations in progress, innermost first
 };
