@@ -15,7 +15,6 @@ using Netz::IntfId;
 using Netz::IpGenAddr;
 using Shard::Fib::Fec;
 using Shard::Fib::Via;
-using Shard::Fib::ViaIndex;
 
 template <class Collection>
 using PlaceIn = typename std::remove_cvref_t<Collection>::Place;
@@ -66,7 +65,7 @@ class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
     bool inCharge() const { return joined_; }
     PathStatusEntry* status();
     PathKeyInfo* keyInfo();
-    IntfId localIntf();
+    const IntfId* localIntf();
 
   private:
     // Adds the path to its destination's paths, or removes it if it was added.
@@ -135,7 +134,7 @@ class NavPathResolutionSm::VelPathStatusEntry final : public Vel::Object {
 struct NavPathResolutionSm::Offer {
     VelPathConfigEntry& config;
     PathStatusEntry& status;
-    IntfId intf;
+    const IntfId& intf;  // valid until something is written
     PathType type;
 
     const PathKey& pathKey() const { return status.key(); }
@@ -280,27 +279,26 @@ void NavPathResolutionSm::reviewPath(const PathKey& pathKey, VelPathConfigEntry*
            " number of via: ", fec.size());
     if (fec.size() == 0) return;
     const std::optional<Offer> offer = offerTo(config);
-    std::optional<Via> taken;
-    for (U32 i = 0; i < fec.size(); ++i) {
-        const Via& via = fec.via(ViaIndex(i));
+    const Via* taken = nullptr;
+    for (const Via& via : fec.vias()) {
         DUOLOG(pathTrace, 7, "Nexthop: ", via.hop, ", IntfId: ", via.intfId);
-        if (offer && offer->takes(via)) taken = via;
+        if (offer && offer->takes(via)) taken = &via;
     }
     if (offer) publish(*offer, taken);
 }
 
 void NavPathResolutionSm::updatePathVia(const PathKey& pathKey, const Via& via) {
     if (const std::optional<Offer> offer = offerTo(pathConfigEntry_(pathKey)))
-        publish(*offer, offer->takes(via) ? std::optional(via) : std::nullopt);
+        publish(*offer, offer->takes(via) ? &via : nullptr);
 }
 
 // Empty for a path that has no status, no interface, or is not configured.
 std::optional<NavPathResolutionSm::Offer> NavPathResolutionSm::offerTo(VelPathConfigEntry* config) {
     PathStatusEntry* status = config && config->inCharge() ? config->status() : nullptr;
     if (!status) return std::nullopt;
-    const IntfId intf = config->localIntf();
-    if (intf.empty()) return std::nullopt;
-    return Offer{*config, *status, intf, pathTypeOf(config->ipsecProfile())};
+    const IntfId* intf = config->localIntf();
+    if (!intf) return std::nullopt;
+    return Offer{*config, *status, *intf, pathTypeOf(config->ipsecProfile())};
 }
 
 bool NavPathResolutionSm::Offer::takes(const Via& via) const {
@@ -314,26 +312,29 @@ bool NavPathResolutionSm::Offer::takes(const Via& via) const {
                " Path intf: ", intf);
         return false;
     }
-    const PathState state = stateBy(via);
-    if (state == PathState::resolved)
+    if (pathTrace.isOn(7) && stateBy(via) == PathState::resolved)
         DUOLOG(pathTrace, 7, " Resolved path: ", pathKey(), " via: ", via, " pathType: ", type,
-               " pathState: ", state);
+               " pathState: ", PathState::resolved);
     return true;
 }
 
 // Writes the path's status for the via, if one was taken.
-void NavPathResolutionSm::publish(const Offer& offer, const std::optional<Via>& via) {
-    Vel::Hold hold;
-    const PathKey& pathKey = offer.pathKey();
-    if (offer.type == PathType::unsecuredPath && offer.status.encapId() != noEncapId) {
-        offer.status.encapIdIs(noEncapId);
-        // A subscriber called above may have changed the path, which wrote its status.
-        const std::optional<Offer> now = offerTo(pathConfigEntry_(pathKey));
-        if (!now || &now->status != &offer.status || now->type != offer.type) return;
-    }
-    if (!via) return;
-    if (const PathKeyInfo* pathKeyInfo = offer.config.keyInfo())
+void NavPathResolutionSm::publish(const Offer& offer, const Via* via) {
+    if (offer.type == PathType::unsecuredPath && offer.status.encapId() != noEncapId)
+        return publishUnsecured(offer, via ? std::optional(*via) : std::nullopt);
+    const PathKeyInfo* pathKeyInfo = via ? offer.config.keyInfo() : nullptr;
+    if (pathKeyInfo)
         offer.status.pathInfoIs({offer.type, offer.stateBy(*via), pathKeyInfo->pathIndex(), *via});
+}
+
+// The same for a path that was secured until now.
+void NavPathResolutionSm::publishUnsecured(const Offer& offer, const std::optional<Via>& via) {
+    Vel::Hold hold;
+    offer.status.encapIdIs(noEncapId);
+    // A subscriber called above may have changed the path, which wrote its status.
+    const std::optional<Offer> now = offerTo(pathConfigEntry_(offer.pathKey()));
+    if (now && &now->status == &offer.status && now->type == offer.type && via)
+        publish(*now, &*via);
 }
 
 bool NavPathResolutionSm::isConfigured(const PathKey& pathKey) const {
@@ -425,7 +426,7 @@ void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfile() {
     DUOLOG(pathTrace, 7, "Adding connection ", connection_, " to ipsecPathConfig");
     in_.ipsecPathConfigDir->ipsecPathConfigIs(connection_, [&](Ipsec::Path::PathConfig& request) {
         request.profileIs(ipsecProfile());
-        request.intfIdIs(localIntf());
+        if (const IntfId* intf = localIntf()) request.intfIdIs(*intf);
         request.connectionNameIs(pathName(pathIndex));
     });
 }
@@ -466,18 +467,19 @@ void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfileDel() {
     owner_.handlePathConfig(pathKey());
 }
 
-// The interface that has the path's source address; empty if none has. The database names one
-// interface for an address; if several VRFs have the address, the interface in this VRF is used.
-IntfId NavPathResolutionSm::VelPathConfigEntry::localIntf() {
+// The interface that has the path's source address, or null; valid until something is written. The
+// database names one interface for an address; if several VRFs have the address, the interface in
+// this VRF is used.
+const IntfId* NavPathResolutionSm::VelPathConfigEntry::localIntf() {
     const IpGenAddr& addr = pathKey().srcAddr;
     const auto* mapping = in_.navDb->srcToIntfMapping().find(addr, mapping_);
-    if (!mapping) return {};
+    if (!mapping) return nullptr;
     const IntfId* const mapped = &mapping->second;
     const auto hasAddrHere = [&](const Ip::IpIntfStatus& intf) {
         return intf.activeAddrWithMask().addr == addr && intf.vrfName() == in_.vrfName;
     };
     if (intf_ && !intf_->removed() && intf_->intfId() == *mapped && hasAddrHere(*intf_))
-        return *mapped;
+        return mapped;
     const auto tables = {&in_.ipStatusDir->ipIntfStatus(), &in_.ip6StatusDir->ipIntfStatus()};
     const auto isHere = [&](const IntfId& known) {
         return std::ranges::any_of(tables, [&](const auto* intfs) {
@@ -487,12 +489,12 @@ IntfId NavPathResolutionSm::VelPathConfigEntry::localIntf() {
             return true;
         });
     };
-    if (isHere(*mapped)) return *mapped;
-    if (!intfHere_.empty() && isHere(intfHere_)) return intfHere_;
+    if (isHere(*mapped)) return mapped;
+    if (!intfHere_.empty() && isHere(intfHere_)) return &intfHere_;
     for (const auto* intfs : tables)
         for (const Ip::IpIntfStatus& intf : *intfs)
-            if (hasAddrHere(intf)) return intfHere_ = intf.intfId();
-    return *mapped;
+            if (hasAddrHere(intf)) return &(intfHere_ = intf.intfId());
+    return mapped;
 }
 
 void NavPathResolutionSm::VelPathStatusEntry::handleInitialized() {

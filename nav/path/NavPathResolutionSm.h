@@ -78,7 +78,8 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     void reviewPath(const PathKey& pathKey, VelPathConfigEntry* config, const Netz::IpGenAddr& addr,
                     Resolution& resolution);
     std::optional<Offer> offerTo(VelPathConfigEntry* config);
-    void publish(const Offer& offer, const std::optional<Shard::Fib::Via>& via);
+    void publish(const Offer& offer, const Shard::Fib::Via* via);
+    void publishUnsecured(const Offer& offer, const std::optional<Shard::Fib::Via>& via);
     void sweepLeftovers();
 
     const Inputs in_;
