@@ -11,10 +11,10 @@
 // function that traced it.
 //
 // How a value is recorded:
-//   - strings, character arrays, and types whose str() gives a string: up to maxString bytes are
-//     copied;
 //   - trivially copyable values: their bytes are copied. stringValue() or operator<< makes the text
 //     when the trace is read, so such a value must not point at anything with a shorter lifetime;
+//   - strings, character arrays, and other types whose str() gives a string: up to maxString bytes
+//     are copied;
 //   - any other value: its text is made at the call, up to maxRendered bytes. If making it throws,
 //     the record is dropped and counted.
 // An ellipsis replaces what is cut off; a UTF-8 character is never cut in half.
@@ -145,6 +145,8 @@ void renderValue(const T& value, std::string& out) {
         out += std::to_string(value);
     } else if constexpr (HasStringValue<T>) {
         out += value.stringValue();
+    } else if constexpr (HasStr<T>) {
+        out += value.str();
     } else if constexpr (Streamable<T>) {
         std::ostringstream stream;
         stream << value;
@@ -195,7 +197,8 @@ struct Piece : Text<maxRendered> {
     }
 };
 template <class T>
-requires(String<T> || HasStr<T>) struct Piece<T> : Text<maxString> {
+requires(String<T> || (HasStr<T> && !std::is_trivially_copyable_v<T>)) struct Piece<T>
+    : Text<maxString> {
     static constexpr bool callsOut = [] {
         if constexpr (HasStr<T>)
             return !noexcept(std::declval<const T&>().str());
@@ -214,7 +217,7 @@ requires(String<T> || HasStr<T>) struct Piece<T> : Text<maxString> {
     }
 };
 template <class T>
-requires(!String<T> && !HasStr<T> && std::is_trivially_copyable_v<T>) struct Piece<T> {
+requires(!String<T> && std::is_trivially_copyable_v<T>) struct Piece<T> {
     static constexpr bool callsOut = false;
     static constexpr size_t maxSize = sizeof(T);
 
@@ -281,7 +284,7 @@ uint8_t* putAll(const Args&... args) {
 // Makes the records that need more than copying: the first of a site or of an event, one to be
 // dropped, one to be delivered as text.
 template <class... Args>
-[[gnu::noinline, gnu::cold]] void recordWithAttention(Ringlog::Site& site, Args... args) {
+[[gnu::noinline]] void recordWithAttention(Ringlog::Site& site, Args... args) {
     if (!Ringlog::prepare()) return;
     if (!site.render) {
         site.phrases = {phraseOf(args)...};

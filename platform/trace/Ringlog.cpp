@@ -11,11 +11,14 @@
 #include <exception>
 
 #include "platform/netz/Assert.h"
+#include "platform/trace/WallClock.h"
 
 namespace Ringlog {
 namespace {
 
 alignas(64) uint8_t memory[capacity + maxRecord];
+
+constinit WallClock wallClock;
 
 jmp_buf* rendering = nullptr;  // where a rendering that cannot continue returns to
 
@@ -162,10 +165,8 @@ bool prepare() {
         return false;
     }
     if (state.attention & untimed) {
-        timespec now;
-        clock_gettime(CLOCK_REALTIME, &now);
-        state.time = now.tv_sec * int64_t{1000000000} + now.tv_nsec;
-        if (state.inEvent && state.inEvent()) state.attention &= ~untimed;
+        state.time = wallClock.now();
+        if (state.events) state.attention &= ~untimed;
     }
     return true;
 }

@@ -9,7 +9,7 @@
 // - A record made while the arguments of another are rendered, or while the ring is read, is
 //   dropped and counted. So a reader sees whole records only.
 // - All records of one event, that is of one outermost notification, have the time of its first
-//   record; outside a notification each record has its own time. A record's time never changes.
+//   record; outside an event each record has its own time. A record's time never changes.
 // - Reading never fails because of a record's content: a value that cannot be rendered is shown as
 //   "(unreadable)", even if rendering it breaks an assertion, also in a noexcept function.
 #pragma once
@@ -67,10 +67,8 @@ struct State {
     int64_t time = 0;       // of the next record, unless `untimed` is set
     uint64_t dropped = 0;   // records dropped since the process began
     uint32_t lastSize = 0;  // of the newest record; 0 while there is none
+    uint32_t events = 0;    // nested events in progress
     uint8_t attention = untimed;
-    // Says whether an event is in progress, at whose end newEvent() is called. Null: events are not
-    // used.
-    bool (*inEvent)() = nullptr;
 };
 VEL_EXPORT extern State state;
 
@@ -86,9 +84,19 @@ class Busy {
     const uint8_t before_;
 };
 
-// Called when an outermost notification begins, and when an event that inEvent() reported ends.
-inline void newEvent() {
+// The next record takes a new time. Called when an outermost notification begins within an event.
+inline void newTime() {
     state.attention |= untimed;
+}
+// An event begins; events nest.
+inline void beginEvent() {
+    ++state.events;
+}
+// The innermost event ends. Returns whether it was the outermost one.
+inline bool endEvent() {
+    if (--state.events != 0) return false;
+    newTime();
+    return true;
 }
 
 // Prepares a record that needs attention: takes its time. Returns false if it is to be dropped.

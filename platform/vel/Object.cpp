@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/trace/Ringlog.h"
-
 namespace Vel {
 namespace {
 
@@ -40,7 +38,6 @@ void eventThreadIsThis() {
     eventThread = &thread;
 }
 
-U32 Hold::depth = 0;
 bool Hold::pending = false;
 
 const Object* objectBeingDestroyed() {
@@ -51,11 +48,11 @@ void Object::dispose(Object* object) {
     if (object->buried_) return;
     VEL_ASSERT(object->made_, "a Ptr to an object under construction");
     object->buried_ = true;
-    if (Hold::depth == 0) {
-        destroy(object);
-    } else {
+    if (Hold::exists()) {
         graveyard().push_back(object);
         Hold::pending = true;
+    } else {
+        destroy(object);
     }
 }
 
@@ -65,21 +62,8 @@ void Object::destroy(Object* object) {
     beingDestroyed = outer;
 }
 
-// An event of the trace ends with the outermost Hold, or earlier with the next notification.
-bool Hold::inEvent() {
-    if (depth == 0) return false;
-    pending = true;
-    return true;
-}
-const bool Hold::traced = [] {
-    Ringlog::state.inEvent = &Hold::inEvent;
-    return true;
-}();
-
-void Hold::unwound() {
+void Hold::destroyPending() {
     pending = false;
-    Ringlog::newEvent();
-    if (graveyard().empty()) return;
     std::vector<Object*> objects;
     objects.swap(graveyard());
     for (Object* object : objects) {

@@ -17,6 +17,7 @@
 
 #include "platform/Export.h"
 #include "platform/netz/Assert.h"
+#include "platform/trace/Ringlog.h"
 #include "platform/vel/Types.h"
 
 namespace Vel {
@@ -120,26 +121,25 @@ Ptr<T> make(Args&&... args) {
 }
 
 // While one exists, objects without a Ptr are kept. Take one around an operation made of several
-// mutations whose results are used afterwards.
+// mutations whose results are used afterwards. It is an event of the trace.
 class VEL_EXPORT Hold {
   public:
     Hold() {
         assertEventThread();
-        ++depth;
+        Ringlog::beginEvent();
     }
     ~Hold() {
-        if (--depth == 0 && pending) unwound();
+        if (Ringlog::endEvent() && pending) [[unlikely]]
+            destroyPending();
     }
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
 
   private:
     friend class Object;
-    static void unwound();  // destroys the waiting objects and ends the event of the trace
-    static bool inEvent();
-    static const bool traced;
-    static U32 depth;     // number of existing Holds
-    static bool pending;  // an object, or the end of a trace event, waits for the last Hold
+    static bool exists() { return Ringlog::state.events != 0; }
+    static void destroyPending();
+    static bool pending;  // an object waits for the end of the last Hold
 };
 
 // The object whose destructor runs, or null. An error caused by a destructor has no caller to

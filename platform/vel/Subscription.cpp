@@ -18,7 +18,7 @@ class Notification {
         : entity_(entity), outer_(top), depth_(top ? top->depth_ + 1 : 1), attribute_(attribute) {
         if (depth_ > maxDepth) [[unlikely]]
             tooDeep();
-        if (!outer_) Ringlog::newEvent();
+        if (!outer_) Ringlog::newTime();
         top = this;
     }
     ~Notification() { top = outer_; }
