@@ -185,6 +185,7 @@ void services(const Meter& meter, FullRouter& router) {
     auto pathOf = [paths](U32 i) { return i * 7 % paths; };
 
     U32 hop = 0;
+    for (; hop < paths; ++hop) router.fecChanges(hop, 0);  // requests every address
     meter.all("fec", 128, [&](U32 i) { router.fecChanges(pathOf(i), hop++ / paths); });
     auto& results = *in.nexthopStatus->vrf("default");
     meter.all("next hop", 128, [&](U32 i) {
