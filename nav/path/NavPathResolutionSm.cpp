@@ -73,6 +73,10 @@ class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
     void leave();
     void handlePathIpsecProfileDel();
     bool isNewest(U32 profileRun) const;
+    bool hasSource(const Ip::IpIntfStatus& intf) const {
+        return intf.activeAddrWithMask().addr == pathKey().srcAddr && intf.vrfName() == in_.vrfName;
+    }
+    [[gnu::noinline]] const IntfId* localIntfAnew(const IntfId* mapped);
     bool writeUnconnected(U32 profileRun, U32 pathIndex);
 
     NavPathResolutionSm& owner_;
@@ -255,7 +259,11 @@ void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
             reviewPath(path.pathKey(), &path, addr, destination.resolution);
         }
     }
-    if (used) return;
+    if (!used) forgetNexthop(addr);
+}
+
+// Withdraws the request for an address that no path has as its destination.
+void NavPathResolutionSm::forgetNexthop(const IpGenAddr& addr) {
     const PathAddrToPathKeySet* paths = in_.navDb->addrToPathKeySet(addr);
     if (paths && paths->pathKey().empty()) in_.navDb->addrToPathKeySetDel(addr);
     DUOLOG(pathTrace, 7, "No paths for dstAddr ", addr);
@@ -471,20 +479,20 @@ void NavPathResolutionSm::VelPathConfigEntry::handlePathIpsecProfileDel() {
 // database names one interface for an address; if several VRFs have the address, the interface in
 // this VRF is used.
 const IntfId* NavPathResolutionSm::VelPathConfigEntry::localIntf() {
-    const IpGenAddr& addr = pathKey().srcAddr;
-    const auto* mapping = in_.navDb->srcToIntfMapping().find(addr, mapping_);
+    const auto* mapping = in_.navDb->srcToIntfMapping().find(pathKey().srcAddr, mapping_);
     if (!mapping) return nullptr;
     const IntfId* const mapped = &mapping->second;
-    const auto hasAddrHere = [&](const Ip::IpIntfStatus& intf) {
-        return intf.activeAddrWithMask().addr == addr && intf.vrfName() == in_.vrfName;
-    };
-    if (intf_ && !intf_->removed() && intf_->intfId() == *mapped && hasAddrHere(*intf_))
+    if (intf_ && !intf_->removed() && intf_->intfId() == *mapped && hasSource(*intf_))
         return mapped;
+    return localIntfAnew(mapped);
+}
+
+const IntfId* NavPathResolutionSm::VelPathConfigEntry::localIntfAnew(const IntfId* mapped) {
     const auto tables = {&in_.ipStatusDir->ipIntfStatus(), &in_.ip6StatusDir->ipIntfStatus()};
     const auto isHere = [&](const IntfId& known) {
         return std::ranges::any_of(tables, [&](const auto* intfs) {
             const auto* intf = intfs->find(known);
-            if (!intf || !hasAddrHere(**intf)) return false;
+            if (!intf || !hasSource(**intf)) return false;
             intf_ = *intf;
             return true;
         });
@@ -493,7 +501,7 @@ const IntfId* NavPathResolutionSm::VelPathConfigEntry::localIntf() {
     if (!intfHere_.empty() && isHere(intfHere_)) return &intfHere_;
     for (const auto* intfs : tables)
         for (const Ip::IpIntfStatus& intf : *intfs)
-            if (hasAddrHere(intf)) return &(intfHere_ = intf.intfId());
+            if (hasSource(intf)) return &(intfHere_ = intf.intfId());
     return mapped;
 }
 

@@ -73,6 +73,7 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     bool isConfigured(const PathKey& pathKey) const;
     bool isUsed(const Netz::IpGenAddr& addr) const;
     void requestNexthop(const Netz::IpGenAddr& addr);
+    void forgetNexthop(const Netz::IpGenAddr& addr);
     void releaseUnusedNexthop(const Netz::IpGenAddr& addr);
     PathKeyInfo* keyInfoOf(const PathKey& pathKey) const;
     void reviewPath(const PathKey& pathKey, VelPathConfigEntry* config, const Netz::IpGenAddr& addr,

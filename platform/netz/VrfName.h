@@ -4,6 +4,7 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iosfwd>
 #include <string>
@@ -30,7 +31,10 @@ class VEL_EXPORT VrfName {
     const std::string& stringValue() const { return name_; }
     uint32_t hash() const { return Netz::hashBytes(name_); }
 
-    bool operator==(const VrfName&) const = default;
+    bool operator==(const VrfName& other) const {
+        return name_.size() == other.name_.size() &&
+               std::memcmp(name_.data(), other.name_.data(), name_.size()) == 0;
+    }
     auto operator<=>(const VrfName&) const = default;
 
   private:
