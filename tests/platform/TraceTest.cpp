@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <random>
 
@@ -112,6 +113,20 @@ TEST_F(Trace, TextIsThatOfAStream) {
     const auto lines = Ringlog::last(expected.size());
     for (size_t i = 0; i < expected.size(); ++i)
         EXPECT_EQ(messageOf(lines[i]), "red:7 TestBody: " + expected[i]);
+}
+
+// For as long as several measurements of the counter's rate take.
+TEST_F(Trace, TimesAreThoseOfTheSystemsClock) {
+    const auto now = [] {
+        return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    for (const int64_t begin = now(); now() < begin + 100'000'000;) {
+        const int64_t before = now();
+        Ringlog::prepare();
+        ASSERT_GT(Ringlog::state.time, before - 20'000);
+        ASSERT_LT(Ringlog::state.time, now() + 20'000);
+    }
 }
 
 // Over many laps of the ring, with records of every size: the reader's text is that of the writer,
