@@ -12,7 +12,7 @@ namespace {
 constexpr int64_t second = 1'000'000'000;
 constexpr int64_t validFor = second / 100;
 constexpr int64_t shortest = second / 100;  // between readings from which the rate is measured
-constexpr int64_t atOnce = 2000;
+constexpr int64_t atOnce = 2000;            // from the first to the last clock of a reading
 
 int64_t timeOf(clockid_t clock) {
     timespec now;

@@ -9,8 +9,8 @@ namespace Ringlog {
 // Advances with the processor's counter for at most 10 ms after a reading of the system's clock, so
 // a stamp follows a change of the system's clock after that time at the latest, and may be before
 // an earlier one by the tenth of a microsecond. The rate of the counter is measured between
-// readings. Where the kernel itself does not rely on the counter, or
-// while readings are too far apart to measure it, each stamp is a reading.
+// readings. Where the kernel itself does not rely on the counter, or while readings are too far
+// apart to measure it, each stamp is a reading.
 //
 // Used by one thread.
 class WallClock {
