@@ -145,6 +145,7 @@ class Ours {
             if (clock_.now() > deadline) return false;
             loop_.runOnce(std::chrono::milliseconds(20));
         }
+        loop_.settle();  // a round of the loop may end before all paths have followed
         return true;
     }
     void rest() {
