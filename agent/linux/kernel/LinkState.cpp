@@ -40,8 +40,8 @@ const Interface* InterfaceView::at(uint32_t index) const {
 }
 
 const Interface* InterfaceView::named(const Netz::IntfId& name) const {
-    const auto found = std::ranges::find(interfaces, name, &Interface::name);
-    return found != interfaces.end() ? &*found : nullptr;
+    const auto found = byName.find(name);
+    return found != byName.end() ? &interfaces[found->second] : nullptr;
 }
 
 void LinkState::apply(const Message& message) {
@@ -153,6 +153,7 @@ InterfaceView LinkState::view() const {
         }
         if (interface.up)
             interface.primary4 = interface.address4, interface.primary6 = interface.address6;
+        view.byName.emplace(interface.name, view.interfaces.size());
         view.interfaces.push_back(std::move(interface));
     }
     return view;

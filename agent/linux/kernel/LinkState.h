@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "agent/linux/kernel/NetlinkMessage.h"
@@ -51,8 +52,9 @@ struct Interface {
 };
 
 struct InterfaceView {
-    std::vector<Interface> interfaces;  // by ascending index
-    std::vector<Vrf> vrfs;              // "default" first, then by ascending index
+    std::vector<Interface> interfaces;                // by ascending index
+    std::vector<Vrf> vrfs;                            // "default" first, then by ascending index
+    std::unordered_map<Netz::IntfId, size_t> byName;  // positions of the interfaces
 
     // Null if not found.
     const Interface* at(uint32_t index) const;
