@@ -55,10 +55,10 @@ void LookupCache::queriesAre(std::span<const RouteQuery> queries) {
 }
 
 // Equal results of consecutive queries become one object.
-void LookupCache::ask(std::span<const size_t> positions, Loom::Instant now) {
+void LookupCache::ask(std::span<const uint32_t> positions, Loom::Instant now) {
     std::vector<RouteQuery> queries;
     queries.reserve(positions.size());
-    for (const size_t position : positions) queries.push_back(queries_[position]);
+    for (const uint32_t position : positions) queries.push_back(queries_[position]);
     std::shared_ptr<const RouteResult> last;
     for (size_t i = 0; RouteResult & result : fib_.lookup(queries)) {
         if (!last || *last != result) last = std::make_shared<RouteResult>(std::move(result));
@@ -72,39 +72,36 @@ std::span<const RouteResult* const> LookupCache::lookup(std::span<const RouteQue
     // Queries that had one FIB entry, which changes of the same routes of its table may have
     // replaced by another one. The first of each group is asked.
     using Group = std::tuple<IpGenAddr, uint32_t, FibEntry, IpAddrWithMask>;
-    std::map<Group, size_t> groups;
+    std::map<Group, uint32_t> groups;
     auto group = groups.end();
-    std::vector<size_t> asked;
-    std::vector<std::pair<size_t, decltype(group)>> followers;
-    followers.reserve(answers_.size());
-    for (size_t i = 0; i < answers_.size(); ++i) {
-        const Answer& answer = answers_[i];
+    std::vector<uint32_t> asked;
+    for (uint32_t i = 0; i < answers_.size(); ++i) {
+        Answer& answer = answers_[i];
         if (!answer.stale) continue;
-        const FibEntry* before =
+        answer.asked = i;
+        const auto* before =
             answer.result && answer.result->entry ? &*answer.result->entry : nullptr;
-        if (!before || answer.table != before->table) {
-            asked.push_back(i);
-            continue;
+        if (before && answer.table == before->table) {
+            const auto key =
+                std::tie(queries_[i].source, queries_[i].ifIndex, *before, answer.prefix);
+            if (group == groups.end() || group->first != key) group = groups.emplace(key, i).first;
+            answer.asked = group->second;
         }
-        const auto key = std::tie(queries_[i].source, queries_[i].ifIndex, *before, answer.prefix);
-        if (group == groups.end() || group->first != key) group = groups.emplace(key, i).first;
-        if (group->second == i)
-            asked.push_back(i);
-        else
-            followers.emplace_back(i, group);
+        if (answer.asked == i) asked.push_back(i);
     }
     if (!asked.empty()) ask(asked, now);
     asked.clear();
-    for (const auto& [position, group] : followers) {
-        const auto& result = answers_[group->second].result;
+    for (uint32_t i = 0; i < answers_.size(); ++i) {
+        Answer& answer = answers_[i];
+        if (!answer.stale || answer.asked == i) continue;
+        const auto& result = answers_[answer.asked].result;
         // A destination may have routes of its own in the tables after this one, and the first may
         // have one whose event has not been read yet.
-        const FibEntry& before = std::get<FibEntry>(group->first);
-        if (result->entry && result->entry->table == before.table &&
-            result->entry->prefix.contains(queries_[position].destination))
-            answers_[position].resultIs(result, now);
+        if (result->entry && result->entry->table == answer.table &&
+            result->entry->prefix.contains(queries_[i].destination))
+            answer.resultIs(result, now);
         else
-            asked.push_back(position);
+            asked.push_back(i);
     }
     if (!asked.empty()) ask(asked, now);
 

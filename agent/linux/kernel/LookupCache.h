@@ -46,6 +46,7 @@ class LookupCache {
         // prefixes; no table if there are several, or something else has changed.
         std::optional<uint32_t> table;
         Netz::IpAddrWithMask prefix;
+        uint32_t asked = 0;  // during a lookup, the position of the query whose result it may share
         Loom::Instant settled{};  // all changes have taken effect by then
 
         // A failed query is repeated, and an early answer: then the table and prefix remain.
@@ -56,7 +57,7 @@ class LookupCache {
     };
 
     void queriesAre(std::span<const RouteQuery> queries);
-    void ask(std::span<const size_t> positions, Loom::Instant now);
+    void ask(std::span<const uint32_t> positions, Loom::Instant now);
 
     FibLookup& fib_;
     std::vector<RouteQuery> queries_;  // of the last lookup
