@@ -95,13 +95,17 @@ void ForwardingAgent::VelPathStatusEntry::review() {
     pin(nexthop_);
     if (path_->pathInfo().pathState != Nav::PathState::resolved) nexthop_.reset();
     if (!nexthop_) return withdraw();
-    const Nav::PathKey& path = path_->key();
-    const Nav::HwPathKey key{path.srcAddr, path.dstAddr, path.vrfId, path_->pathInfo().pathIndex};
-    if (written_ != key) withdraw();
-    written_ = key;
+    const Nav::HwPathKey key = hwKey(path_->pathInfo().pathIndex);
+    if (written_ != key.pathIndex) withdraw();
+    written_ = key.pathIndex;
     const U32 arpIndex = agent_.followNexthop(*nexthop_) ? nexthop_->ifIndex : 0;
     if (arpIndex != 0) probe(path_->pathInfo());
     write(key, program(path_->pathInfo()), arpIndex);
+}
+
+Nav::HwPathKey ForwardingAgent::VelPathStatusEntry::hwKey(U32 pathIndex) const {
+    const Nav::PathKey& path = path_->key();
+    return {path.srcAddr, path.dstAddr, path.vrfId, pathIndex};
 }
 
 // Returns the hardware's index of the path, 0 until it has one.
@@ -142,9 +146,9 @@ void ForwardingAgent::VelPathStatusEntry::withdraw() {
     const auto gone = std::exchange(written_, std::nullopt);
     if (!gone) return;
     entry_ = {};
-    agent_.in_.hwPathStatus->hwPathStatusListDel(*gone);
-    if (agent_.probing_) agent_.probing_->pathDel(gone->pathIndex);
-    if (agent_.forwarding_) agent_.forwarding_->pathDel(gone->pathIndex);
+    agent_.in_.hwPathStatus->hwPathStatusListDel(hwKey(*gone));
+    if (agent_.probing_) agent_.probing_->pathDel(*gone);
+    if (agent_.forwarding_) agent_.forwarding_->pathDel(*gone);
 }
 
 }  // namespace Agent::Linux

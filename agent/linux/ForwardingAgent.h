@@ -61,6 +61,7 @@ class ForwardingAgent {
         void review();
         Vel::U32 program(const Nav::HwPathInfo& info);
         void probe(const Nav::HwPathInfo& info);
+        Nav::HwPathKey hwKey(Vel::U32 pathIndex) const;
         void write(const Nav::HwPathKey& key, Vel::U32 pathIndex, Vel::U32 arpIndex);
         void withdraw();
 
@@ -69,7 +70,7 @@ class ForwardingAgent {
         const Vel::Ptr<Nav::PathStatusEntry> path_;
         FecFinder fec_;
         std::optional<Neighbour> nexthop_;          // set exactly while written_ is
-        std::optional<Nav::HwPathKey> written_;     // the entry's key
+        std::optional<Vel::U32> written_;           // path index in the entry's key
         Vel::Found<Nav::HwPathStatusEntry> entry_;  // under this key
         std::optional<Vel::U32> pinned_;            // path index with which its IKE is pinned
         Loom::Task review_;
