@@ -164,7 +164,7 @@ void IpsecService::loadSecrets(const Settings& settings, const Charon::Answer& h
     if (!settings.key.is_null()) charon_.request("load-key", settings.key, handle);
 }
 
-// "swanctl --load-all" unloads what its files do not have. Strongswan's unit runs it at each start.
+// swanctl --load-all unloads what its files do not have. Strongswan's unit runs it at each start.
 void IpsecService::handleLoaded(const Json& answer, Loom::Instant asked) {
     const auto names = answer.find("conns");
     if (names == answer.end() || !names->is_array()) return;
