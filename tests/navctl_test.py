@@ -155,12 +155,18 @@ class NavctlTest(Products):
             name: {"ipsecProfile": name} for name in ("branch", "gold")}})
         key, place = {"presharedKey": "s3cret"}, "line 1: /ipsecConfig/profile[p]"
         files = dict.fromkeys(("certificate", "privateKey"), "/none") | {"authority": ["/none"]}
+        made = {name: self.file(name, f"{name}\n-----BEGIN {text}-----\n") for name, text in (
+            ("certificate", "CERTIFICATE"), ("privateKey", "EC PRIVATE KEY"))}
+        os.chmod(made["privateKey"], 0o600)
         for profile, error in (
                 (profiles["branch"], None),
                 (profiles["partner"], "/privateKey: /etc/nav/router.key: No such file or directory"),
                 ({}, ": required: presharedKey, or certificate, privateKey and authority"),
                 (key | files, ": either presharedKey or certificates, not both"),
                 (files | {"authority": []}, "/authority: required: files in PEM"),
+                (made | {"authority": [made["certificate"]]}, None),
+                (made | {"certificate": made["privateKey"], "authority": ["/none"]},
+                 f"/certificate: {made['privateKey']}: expected PEM with a line \"-----BEGIN CERTIFICATE-----\""),
                 (key | {"proposals": "aes128-sha256,"}, "/proposals: expected algorithms such as"),
                 (key | {"dpdDelay": 0}, "/dpdDelay: expected seconds from 1 to 3600, got 0"),
                 (key | {"localID": "a"}, "/localID: unknown attribute")):
