@@ -19,6 +19,8 @@ using Shard::Fib::Via;
 template <class Collection>
 using PlaceIn = typename std::remove_cvref_t<Collection>::Place;
 
+static const Fec noVias;
+
 // The places of one address in the resolver's status and in the FEC table.
 struct NavPathResolutionSm::Resolution {
     const Routing::NexthopResult* result(const Inputs& in, const IpGenAddr& addr) {
@@ -246,7 +248,6 @@ void NavPathResolutionSm::handleNexthopBacklog() {
 
 void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
     DUOLOG_ENTRY(pathTrace, " ", addr);
-    Vel::Hold hold;
     bool used = false;
     if (const auto* found = destinations_.find(addr)) {
         Destination& destination = *found->second;
@@ -372,12 +373,11 @@ void NavPathResolutionSm::releaseUnusedNexthop(const IpGenAddr& addr) {
 
 const Fec& NavPathResolutionSm::Resolution::fec(const Inputs& in,
                                                 const Routing::NexthopResult& result) {
-    static const Fec none;
     if (std::exchange(fecId_, result.fecId) != result.fecId) fec_ = {};
     const auto& fecs =
         result.addr.isV4() ? in.forwardingStatus->fec() : in.forwarding6Status->fec();
     const auto* item = fecs.find(result.fecId, fec_);
-    return item ? item->second : none;
+    return item ? item->second : noVias;
 }
 
 // The path's key info; null only for a path that is not configured.

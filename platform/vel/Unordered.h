@@ -73,21 +73,8 @@ class Unordered {
     Item* find(const Key& key) { return const_cast<Item*>(std::as_const(*this).find(key)); }
 
     // REQUIRES: no item under this key.
-    Item& insert(Item item) {
-        ++layout_;
-        if (slots_.size() == slots_.capacity()) makeRoom();
-        Slot& slot = slots_.emplace_back(std::move(item));
-        ++live_;
-        if (index_) {
-            slot.tag = tagOf(Traits::key(slot.item));
-            place(static_cast<U32>(slots_.size()) - 1);
-        } else if (slots_.size() > smallSize) {
-            for (Slot& each : slots_)
-                if (each.live) each.tag = tagOf(Traits::key(each.item));
-            reindex();
-        }
-        return slot.item;
-    }
+    Item& insert(const Item& item) { return append(item); }
+    Item& insert(Item&& item) { return append(std::move(item)); }
 
     // Removes the item. Returns whether it was found, and the item, or else a default one.
     std::pair<bool, Item> take(const Key& key) {
@@ -110,6 +97,7 @@ class Unordered {
     static constexpr U32 keptDead = 16;  // up to this many tombstones are not compacted
 
     struct Slot {
+        explicit Slot(const Item& inserted) : item(inserted) {}
         explicit Slot(Item&& inserted) : item(std::move(inserted)) {}
 
         Item item;         // default when not live
@@ -140,6 +128,23 @@ class Unordered {
             if (entry.tag == tag && same(Traits::key(slots_[entry.slot].item), key))
                 return &slots_[entry.slot];
         }
+    }
+
+    template <class T>
+    Item& append(T&& item) {
+        ++layout_;
+        if (slots_.size() == slots_.capacity()) makeRoom();
+        Slot& slot = slots_.emplace_back(std::forward<T>(item));
+        ++live_;
+        if (index_) {
+            slot.tag = tagOf(Traits::key(slot.item));
+            place(static_cast<U32>(slots_.size()) - 1);
+        } else if (slots_.size() > smallSize) {
+            for (Slot& each : slots_)
+                if (each.live) each.tag = tagOf(Traits::key(each.item));
+            reindex();
+        }
+        return slot.item;
     }
 
     Item take(Slot& slot) {
