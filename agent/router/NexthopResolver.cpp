@@ -127,15 +127,11 @@ const Shard::Fib::Fec* FecFinder::operator()(const Nav::NavInputs& inputs, const
                                              const IpGenAddr& addr) {
     if (!vrf_ || vrf_->removed()) {
         vrf_ = Vel::Ptr(inputs.nexthopStatus->vrf(vrf));
-        result_ = {};
+        place_ = {};
     }
-    const Routing::NexthopResult* result = vrf_ ? vrf_->nexthop().find(addr, result_) : nullptr;
-    if (!result) return nullptr;
-    if (std::exchange(fecId_, result->fecId) != result->fecId) fec_ = {};
-    const auto& fecs =
-        addr.isV6() ? inputs.forwarding6Status->fec() : inputs.forwardingStatus->fec();
-    const auto* item = fecs.find(result->fecId, fec_);
-    return item ? &item->second : nullptr;
+    const Routing::NexthopResult* result = vrf_ ? place_.result(*vrf_, addr) : nullptr;
+    return result ? place_.fec(*result, *inputs.forwardingStatus, *inputs.forwarding6Status)
+                  : nullptr;
 }
 
 NexthopResolver::NexthopResolver(const Nav::NavInputs& inputs, Lookup lookup)

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "nav/root/NavInputs.h"
+#include "platform/services/FecPlace.h"
 
 namespace Agent {
 
@@ -33,13 +34,8 @@ class FecFinder {
                                       const Netz::IpGenAddr& addr);
 
   private:
-    template <class Collection>
-    using PlaceIn = typename std::remove_cvref_t<Collection>::Place;
-
     Vel::Ptr<Routing::NexthopVrfStatus> vrf_;
-    PlaceIn<decltype(vrf_->nexthop())> result_;
-    PlaceIn<decltype(std::declval<Shard::Fib::ForwardingStatus>().fec())> fec_;
-    Vel::U64 fecId_ = 0;  // that of fec_
+    Routing::FecPlace place_;  // in it
 };
 
 class NexthopResolver {

@@ -19,22 +19,6 @@ using Shard::Fib::Via;
 template <class Collection>
 using PlaceIn = typename std::remove_cvref_t<Collection>::Place;
 
-static const Fec noVias;
-
-// The places of one address in the resolver's status and in the FEC table.
-struct NavPathResolutionSm::Resolution {
-    const Routing::NexthopResult* result(const Inputs& in, const IpGenAddr& addr) {
-        return in.nexthopVrfStatus->nexthop().find(addr, result_);
-    }
-    // A FEC that is not in the table has no vias.
-    const Fec& fec(const Inputs& in, const Routing::NexthopResult& result);
-
-  private:
-    PlaceIn<decltype(std::declval<Routing::NexthopVrfStatus>().nexthop())> result_;
-    PlaceIn<decltype(std::declval<Shard::Fib::ForwardingStatus>().fec())> fec_;
-    Vel::U64 fecId_ = 0;
-};
-
 // One configured path.
 class NavPathResolutionSm::VelPathConfigEntry final : public Vel::Object {
   public:
@@ -107,7 +91,7 @@ struct NavPathResolutionSm::Destination final : Vel::Object {
     };
     Vel::Unordered<PathTraits> paths;
     PlaceIn<decltype(std::declval<Routing::NexthopVrfConfig>().nexthop())> request;
-    Resolution resolution;
+    Routing::FecPlace fec;
 };
 
 // One path status: keeps the path's index in its site's list while the path is programmed.
@@ -257,7 +241,7 @@ void NavPathResolutionSm::reviewNexthop(const IpGenAddr& addr) {
             if (!std::exchange(used, true) &&
                 !in_.nexthopVrfConfig->nexthop().find(addr, destination.request))
                 requestNexthop(addr);
-            reviewPath(path.pathKey(), &path, addr, destination.resolution);
+            reviewPath(path.pathKey(), &path, addr, destination.fec);
         }
     }
     if (!used) forgetNexthop(addr);
@@ -272,24 +256,25 @@ void NavPathResolutionSm::forgetNexthop(const IpGenAddr& addr) {
 }
 
 void NavPathResolutionSm::reviewPath(const PathKey& pathKey, const IpGenAddr& addr) {
-    Resolution resolution;
-    reviewPath(pathKey, pathConfigEntry_(pathKey), addr, resolution);
+    Routing::FecPlace place;
+    reviewPath(pathKey, pathConfigEntry_(pathKey), addr, place);
 }
 
 void NavPathResolutionSm::reviewPath(const PathKey& pathKey, VelPathConfigEntry* config,
-                                     const IpGenAddr& addr, Resolution& resolution) {
-    const Routing::NexthopResult* result = resolution.result(in_, addr);
+                                     const IpGenAddr& addr, Routing::FecPlace& place) {
+    const Routing::NexthopResult* result = place.result(*in_.nexthopVrfStatus, addr);
     if (!result) {
         DUOLOG(pathTrace, 7, "Addr unresolved for ", addr);
         return updatePathVia(pathKey, Via{});
     }
-    const Fec& fec = resolution.fec(in_, *result);
+    const Fec* fec = place.fec(*result, *in_.forwardingStatus, *in_.forwarding6Status);
+    const U32 vias = fec ? fec->size() : 0;
     DUOLOG(pathTrace, 7, "Addr resolved for ", addr, " fec id: ", result->fecId,
-           " number of via: ", fec.size());
-    if (fec.size() == 0) return;
+           " number of via: ", vias);
+    if (vias == 0) return;
     const std::optional<Offer> offer = offerTo(config);
     const Via* taken = nullptr;
-    for (const Via& via : fec.vias()) {
+    for (const Via& via : fec->vias()) {
         DUOLOG(pathTrace, 7, "Nexthop: ", via.hop, ", IntfId: ", via.intfId);
         if (offer && offer->takes(via)) taken = &via;
     }
@@ -369,15 +354,6 @@ void NavPathResolutionSm::releaseUnusedNexthop(const IpGenAddr& addr) {
     if (isUsed(addr)) return;
     DUOLOG(pathTrace, 7, "Deleting ", addr, " from nexthopVrfConfig");
     in_.nexthopVrfConfig->nexthopDel(addr);
-}
-
-const Fec& NavPathResolutionSm::Resolution::fec(const Inputs& in,
-                                                const Routing::NexthopResult& result) {
-    if (std::exchange(fecId_, result.fecId) != result.fecId) fec_ = {};
-    const auto& fecs =
-        result.addr.isV4() ? in.forwardingStatus->fec() : in.forwarding6Status->fec();
-    const auto* item = fecs.find(result.fecId, fec_);
-    return item ? item->second : noVias;
 }
 
 // The path's key info; null only for a path that is not configured.

@@ -18,6 +18,7 @@
 
 #include "nav/types/NavDb.h"
 #include "nav/types/PathStatus.h"
+#include "platform/services/FecPlace.h"
 #include "platform/services/FibMonitorHelperSm.h"
 #include "platform/services/Ip.h"
 #include "platform/services/Ipsec.h"
@@ -65,7 +66,6 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     class VelPathConfigEntry;
     class VelPathStatusEntry;
     struct Destination;
-    struct Resolution;
     struct Offer;
 
     ~NavPathResolutionSm() override;
@@ -77,7 +77,7 @@ class NAV_EXPORT NavPathResolutionSm final : public Vel::Reactor {
     void releaseUnusedNexthop(const Netz::IpGenAddr& addr);
     PathKeyInfo* keyInfoOf(const PathKey& pathKey) const;
     void reviewPath(const PathKey& pathKey, VelPathConfigEntry* config, const Netz::IpGenAddr& addr,
-                    Resolution& resolution);
+                    Routing::FecPlace& place);
     std::optional<Offer> offerTo(VelPathConfigEntry* config);
     void publish(const Offer& offer, const Shard::Fib::Via* via);
     void publishUnsecured(const Offer& offer, const std::optional<Shard::Fib::Via>& via);
