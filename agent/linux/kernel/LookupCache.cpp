@@ -66,11 +66,10 @@ void LookupCache::ask(std::span<const uint32_t> positions, Loom::Instant now) {
     }
 }
 
-std::span<const RouteResult* const> LookupCache::lookup(std::span<const RouteQuery> queries,
-                                                        Loom::Instant now) {
-    if (!std::ranges::equal(queries, queries_)) queriesAre(queries);
-    // Queries that had one FIB entry, which changes of the same routes of its table may have
-    // replaced by another one. The first of each group is asked.
+// Prepares a lookup: queries that had one FIB entry, which changes of the same routes of its table
+// may have replaced by another one, are a group. Returns what to ask: the first of each group, and
+// stale queries without one.
+std::vector<uint32_t> LookupCache::firstOfGroups() {
     using Group = std::tuple<IpGenAddr, uint32_t, FibEntry, IpAddrWithMask>;
     std::map<Group, uint32_t> groups;
     auto group = groups.end();
@@ -89,22 +88,32 @@ std::span<const RouteResult* const> LookupCache::lookup(std::span<const RouteQue
         }
         if (answer.asked == i) asked.push_back(i);
     }
-    if (!asked.empty()) ask(asked, now);
-    asked.clear();
+    return asked;
+}
+
+// Gives the others of each group the result of the first. Returns those that it does not fit: a
+// destination may have routes of its own in the tables after this one, and the first may have one
+// whose event has not been read yet.
+std::vector<uint32_t> LookupCache::shareResults(Loom::Instant now) {
+    std::vector<uint32_t> others;
     for (uint32_t i = 0; i < answers_.size(); ++i) {
         Answer& answer = answers_[i];
         if (!answer.stale || answer.asked == i) continue;
         const auto& result = answers_[answer.asked].result;
-        // A destination may have routes of its own in the tables after this one, and the first may
-        // have one whose event has not been read yet.
         if (result->entry && result->entry->table == answer.table &&
             result->entry->prefix.contains(queries_[i].destination))
             answer.resultIs(result, now);
         else
-            asked.push_back(i);
+            others.push_back(i);
     }
-    if (!asked.empty()) ask(asked, now);
+    return others;
+}
 
+std::span<const RouteResult* const> LookupCache::lookup(std::span<const RouteQuery> queries,
+                                                        Loom::Instant now) {
+    if (!std::ranges::equal(queries, queries_)) queriesAre(queries);
+    if (const auto asked = firstOfGroups(); !asked.empty()) ask(asked, now);
+    if (const auto asked = shareResults(now); !asked.empty()) ask(asked, now);
     results_.clear();
     for (const Answer& answer : answers_) results_.push_back(answer.result.get());
     return results_;

@@ -57,6 +57,8 @@ class LookupCache {
     };
 
     void queriesAre(std::span<const RouteQuery> queries);
+    std::vector<uint32_t> firstOfGroups();
+    std::vector<uint32_t> shareResults(Loom::Instant now);
     void ask(std::span<const uint32_t> positions, Loom::Instant now);
 
     FibLookup& fib_;
