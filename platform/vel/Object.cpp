@@ -48,7 +48,7 @@ void Object::dispose(Object* object) {
     if (object->buried_) return;
     VEL_ASSERT(object->made_, "a Ptr to an object under construction");
     object->buried_ = true;
-    if (Hold::exists()) {
+    if (Hold::exists()) {  // each is an event of the trace, and nothing else begins one
         graveyard().push_back(object);
         Hold::pending = true;
     } else {

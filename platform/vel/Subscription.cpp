@@ -25,6 +25,7 @@ class Notification {
     Notification(const Notification&) = delete;
     Notification& operator=(const Notification&) = delete;
 
+    const Entity& entity() const { return entity_; }
     // For an exception that a subscriber threw: in a destructor it has no caller to reach.
     void subscriberThrew() const {
         if (const Object* object = objectBeingDestroyed()) {
@@ -60,8 +61,8 @@ constinit const Notification* Notification::top = nullptr;
 // is skipped and a new one is not called in this round.
 class Round {
   public:
-    Round(const Entity& entity, const Notification& notification)
-        : entity_(entity), notification_(notification), outer_(top), end_(entity.last_) {
+    explicit Round(const Notification& notification)
+        : notification_(notification), outer_(top), end_(notification.entity().last_) {
         top = this;
     }
     ~Round() { top = outer_; }
@@ -78,7 +79,7 @@ class Round {
     // thrown at the end.
     [[gnu::noinline]] void run(Ordinal attribute, const void* key) {
         try {
-            for (Subscription *now = entity_.first_, *next; now; now = next) {
+            for (Subscription *now = notification_.entity().first_, *next; now; now = next) {
                 next_ = next = now->next_;
                 call(*now, attribute, key);
                 if (disturbed_) return callTheRest(attribute, key);
@@ -98,7 +99,7 @@ class Round {
 
     static void added(const Entity& entity) {
         for (Round* round = top; round; round = round->outer_)
-            if (&round->entity_ == &entity) round->disturbed_ = true;
+            if (&round->notification_.entity() == &entity) round->disturbed_ = true;
     }
     static void removed(const Subscription& gone) {
         for (Round* round = top; round; round = round->outer_) {
@@ -127,7 +128,6 @@ class Round {
 
     static Round* top;  // the innermost one
 
-    const Entity& entity_;
     const Notification& notification_;
     Round* const outer_;
     Subscription* next_ = nullptr;  // to be called next; null after the last
@@ -175,7 +175,7 @@ void Subscription::adopt(Subscription& other) {
 
 void Entity::notify(Ordinal attribute, const void* key) {
     const Notification notification(*this, attribute);
-    if (first_ != last_) return Round(*this, notification).run(attribute, key);
+    if (first_ != last_) return Round(notification).run(attribute, key);
     try {
         Round::call(*first_, attribute, key);
     } catch (...) {
