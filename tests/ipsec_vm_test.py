@@ -11,6 +11,30 @@ from netlab import Lab, await_, host, outside, providers, router, sites  # noqa:
 tempfile.tempdir = "/dev/shm"  # the root is an overlay, and charons have a /run of their own
 web = 443  # prefers the internet
 
+# Of swanctl: from the first address to the second, with a CHILD_SA of the third name.
+ANOTHER = """
+connections {
+    another {
+        version = 2
+        proposals = aes256gcm16-prfsha384-ecp384
+        mobike = no
+        unique = never
+        local_addrs = %s
+        remote_addrs = %s
+        local { auth = psk }
+        remote { auth = psk }
+        children {
+            %s {
+                mode = transport
+                local_ts = dynamic[17]
+                remote_ts = dynamic[17]
+                esp_proposals = aes256gcm16-ecp384
+            }
+        }
+    }
+}
+"""
+
 
 class VrfLab(Lab):
     """Two sites, whose traffic of VRF "red" is carried over an internet in VRF "outside" and an MPLS
@@ -65,6 +89,20 @@ class IpsecVmTest(LabCase):
                 for row in self.shown(site, "show", "forwarding")["probes"]["paths"]
                 if row["source"] == outside("internet", site)]
 
+    def lose_a_delete(self):
+        """The first site sets up another IKE_SA and deletes it, of which the second does not hear."""
+        child = re.search(r"(nav-\w+): #", self.lab.swanctl(1, "--list-sas"))[1]
+        with open(f"{self.lab.directory}/another", "w", encoding="utf-8") as file:
+            file.write(ANOTHER % (outside("internet", 1), outside("internet", 2), child))
+        self.lab.swanctl(1, "--load-conns", "--file", file.name)
+        self.lab.swanctl(1, "--initiate", "--ike", "another", "--child", child, "--timeout", "5")
+        self.assertEqual([len(self.associations(site)) for site in (1, 2)], [4, 4])
+        self.lab.nft("internet", "add rule inet lab degrade udp dport 500 drop")
+        self.lab.swanctl(1, "--terminate", "--ike", "another", "--force")
+        await_("it is deleted", lambda: len(self.associations(1)) == 2, every=0.1)
+        self.lab.degrade("internet", 0)
+        self.assertEqual(len(self.associations(2)), 4)
+
     def test_rekeying_kills_a_bad_link_and_a_nat(self):
         for site in 1, 2:
             self.lab.start_charon(site)
@@ -92,6 +130,8 @@ class IpsecVmTest(LabCase):
         self.lab.swanctl(1, "--terminate", "--ike", "Path1", "--timeout", "5")
         self.await_settled()
         self.assertNotIn("cannot be sent", self.lab.log(1))
+        self.lose_a_delete()
+        self.await_settled()
         self.lab.run("internet", "tc", "qdisc", "add", "dev", "site2", "root", "netem", "delay", "20ms",
                      "loss", "5%")
         for killed in (1,), (1, 2):

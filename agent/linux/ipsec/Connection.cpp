@@ -1,6 +1,7 @@
 #include "agent/linux/ipsec/Connection.h"
 
 #include <algorithm>
+#include <ranges>
 
 #include "agent/linux/ipsec/IpsecTrace.h"
 
@@ -115,43 +116,59 @@ bool Connection::isSilent(const IkeSa& sa, Loom::Instant now) {
     return true;
 }
 
+// Both sides keep the same one of several, and a second one is terminated by its initiator. If the
+// notice of that is lost, charon does not miss the peer: to it, packets of one association show that
+// all with the same policy are in use. Which of them the peer still has is then told by the packets.
+std::vector<uint32_t> Connection::superfluous(std::vector<const IkeSa*> carriers,
+                                              const std::vector<IkeSa>& before,
+                                              Loom::Instant now) {
+    if (carriers.size() < 2) single_ = now;
+    const bool lost = now - single_ >= lostTime;
+    std::ranges::sort(carriers, {}, &IkeSa::spi);
+    const auto receives = [&before](const IkeSa* sa) {
+        const auto at = std::ranges::find(before, sa->id, &IkeSa::id);
+        return at != before.end() && at->bytesIn() != sa->bytesIn();
+    };
+    if (lost) std::ranges::stable_partition(carriers, receives);
+    std::vector<uint32_t> ids;
+    if (now - single_ < pairTime) return ids;
+    for (const IkeSa* sa : carriers | std::views::drop(1))
+        if (lost || sa->initiator) ids.push_back(sa->id);
+    return ids;
+}
+
 std::vector<uint32_t> Connection::observe(std::vector<IkeSa> sas, Loom::Instant asked,
                                           Loom::Instant now) {
     if (asked < wanted_) return {};
     observed_ = true;
-    sas_ = std::move(sas);
+    const std::vector<IkeSa> before = std::exchange(sas_, std::move(sas));
     listed_ = std::chrono::system_clock::now();
     std::erase_if(waits_, [this](const auto& each) {
         return std::ranges::find(sas_, each.first, &IkeSa::id) == sas_.end();
     });
-    std::vector<uint32_t> superfluous;
+    std::vector<uint32_t> ended;
     bool connecting = false;
     std::vector<const IkeSa*> carriers;
     for (const IkeSa& sa : sas_) {
         if (!sa.connecting() && !sa.established()) continue;  // it is being deleted
         if (isStale(sa) || isSilent(sa, now)) {
-            superfluous.push_back(sa.id);
+            ended.push_back(sa.id);
             continue;
         }
         if (isCarriedBy(sa)) carriers.push_back(&sa);
         connecting |=
             sa.connecting() ? sa.initiator || now - waits_[sa.id] < passiveConnectTime : sa.waits;
     }
-    // Both sides keep the same one of several. A second one is terminated by its initiator.
-    std::ranges::sort(carriers, {}, &IkeSa::spi);
-    if (carriers.size() < 2) single_ = now;
+    for (const uint32_t id : superfluous(carriers, before, now)) ended.push_back(id);
     const bool doubted = std::exchange(doubtful_, false);
-    if (now - single_ >= pairTime)
-        for (size_t i = 1; i < carriers.size(); ++i)
-            if (carriers[i]->initiator) superfluous.push_back(carriers[i]->id);
     if (!carriers.empty()) {
         failures_ = 0;
         hint_.clear();
         become(ConnectionState::established, now);
     } else if (established()) {
-        if (asked < changed_) return superfluous;
+        if (asked < changed_) return ended;
         doubtful_ = !doubted;
-        if (doubtful_) return superfluous;
+        if (doubtful_) return ended;
         failures_ = 0;
         fail(now);
     } else if (connecting) {
@@ -159,7 +176,7 @@ std::vector<uint32_t> Connection::observe(std::vector<IkeSa> sas, Loom::Instant 
     } else if (state_ == ConnectionState::connecting && asked >= initiated_ + graceTime) {
         fail(now);
     }
-    return superfluous;
+    return ended;
 }
 
 void Connection::observeUp(const IkeSa& sa, Loom::Instant now) {

@@ -35,6 +35,9 @@ class Connection {
     static constexpr Loom::Duration passiveDelay = std::chrono::seconds(3);
     // If they did, the two IKE_SAs that come of it are kept so long; rekeying takes less.
     static constexpr Loom::Duration pairTime = std::chrono::seconds(5);
+    // Of several IKE_SAs that still stand after this time, the peer knows only those that packets
+    // come by: it has terminated the others, and its notice was lost.
+    static constexpr Loom::Duration lostTime = 2 * pairTime;
 
     Connection(const Ipsec::ConnectionKey& key, uint32_t reqid, Loom::Instant now);
 
@@ -99,6 +102,8 @@ class Connection {
     bool isStale(const IkeSa& sa) const;
     bool isCarriedBy(const IkeSa& sa) const;
     bool isSilent(const IkeSa& sa, Loom::Instant now);
+    std::vector<uint32_t> superfluous(std::vector<const IkeSa*> carriers,
+                                      const std::vector<IkeSa>& before, Loom::Instant now);
 
     const Ipsec::ConnectionKey key_;
     const uint32_t reqid_;

@@ -44,6 +44,11 @@ struct IkeSa {
     bool established() const {
         return state == "ESTABLISHED" || state == "REKEYING" || state == "REKEYED";
     }
+    uint64_t bytesIn() const {
+        uint64_t sum = 0;
+        for (const ChildSa& child : children) sum += child.bytesIn;
+        return sum;
+    }
 };
 
 // Those of a message: an element of a list, or an event. What is not as expected is left out.
