@@ -117,11 +117,11 @@ bool Connection::isSilent(const IkeSa& sa, Loom::Instant now) {
 }
 
 // Both sides keep the same one of several, and a second one is terminated by its initiator. If the
-// notice of that is lost, charon does not miss the peer: to it, packets of one association show that
-// all with the same policy are in use. Which of them the peer still has is then told by the packets.
+// notice of that is lost, charon does not miss the peer: to it, packets of one association show
+// that all with the same policy are in use. Which of them the peer still has is then told by the
+// packets.
 std::vector<uint32_t> Connection::superfluous(std::vector<const IkeSa*> carriers,
-                                              const std::vector<IkeSa>& before,
-                                              Loom::Instant now) {
+                                              const std::vector<IkeSa>& before, Loom::Instant now) {
     if (carriers.size() < 2) single_ = now;
     const bool lost = now - single_ >= lostTime;
     std::ranges::sort(carriers, {}, &IkeSa::spi);
