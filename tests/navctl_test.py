@@ -249,6 +249,32 @@ class NavctlTest(Products):
         self.assertEqual(terminal.status(), 3)
         self.assertIn(back + "navctl: no agent at ", terminal.text)
 
+    def test_tables_fit_the_terminal(self):
+        self.says("set", f"{group}[zür\x1b[2Jich]",
+                  '{"localIntf":["wän"],"remoteViaConfig":{"2001:db8::7":{"remoteVia":["2001:db8::5"]}}}')
+        self.says("set", "/cliConfig/navConfigured", "true")
+        # In the order in which a narrow terminal asks for it: no empty column, no date of today, words
+        # in several lines, no minor column, parts of words. "#" stands for a digit of the time.
+        for width, rows in (
+                (110, ["PATH GROUP  INTERFACE  SITE         DESTINATION  STATE  SINCE                REASON",
+                       "zür?[2Jich  wän        2001:db8::7  2001:db8::5  down   ####-##-## ##:##:##  "
+                       "interface wän does not exist"]),
+                (80, ["PATH GROUP  INTERFACE  SITE         DESTINATION  STATE  SINCE     REASON",
+                      "zür?[2Jich  wän        2001:db8::7  2001:db8::5  down   ##:##:##  interface wän",
+                      "                                                                  does not exist"]),
+                (60, ["INTERFACE  SITE       DESTINATIO  STATE  SINCE     REASON",
+                      "                      N",
+                      "wän        2001:db8:  2001:db8::  down   ##:##:##  interface",
+                      "           :7         5                            wän does",
+                      "                                                   not exist"])):
+            terminal = Terminal(24, width, programs["navctl"], "--run-dir", self.directory, "explain")
+            self.assertEqual(terminal.status(), 0)
+            self.assertIn("\x1b[31mdown\x1b[0m", terminal.text)
+            plain = re.sub(r"\x1b\[\d*m", "", terminal.text)
+            plain = re.sub(r"(\d{4}-\d\d-\d\d )?\d\d:\d\d:\d\d",
+                           lambda time: re.sub(r"\d", "#", time[0]), plain)
+            self.assertEqual(plain.splitlines(), ["paths", *rows])
+
     def test_tables_of_what_services_publish(self):
         for path, value in (
                 ("/ipsecPathStatusDir/ipsecPathStatus[::1,::2,v]", {"connectionState": 4}),
