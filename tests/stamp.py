@@ -34,8 +34,10 @@ def signed(packet, key):
     return packet + hmac.new(key, packet, hashlib.sha256).digest()[:16] if key else packet
 
 
-def authentic(packet, key):
-    return not key or hmac.compare_digest(packet, signed(packet[:96], key))
+def proper(packet, form, key):
+    """Whether a packet has the size and signature of its form, and zeros where it has to."""
+    plain = packet[:form.size]
+    return len(packet) == (112 if key else 44) and packet == signed(form.pack(*form.unpack(plain)), key)
 
 
 def open_socket(address, port):
@@ -56,11 +58,12 @@ def reflect(address, key):
     while True:
         packet, control, _, peer = sock.recvmsg(2048, 256)
         received = now()
-        if len(packet) != (112 if key else 44) or not authentic(packet, key):
+        if not proper(packet, SENDER[bool(key)], key):
             continue
         sequence, timestamp, estimate, session = SENDER[bool(key)].unpack(packet[:96 if key else 44])
         ttl = next((struct.unpack("i", data)[0] for _, _, data in control), 0)
         own = sessions[peer, session] = sessions.get((peer, session), -1) + 1
+        time.sleep(0.01)  # which is not part of the round trip
         answer = REFLECTOR[bool(key)].pack(own, now(), ESTIMATE, session, received, sequence,
                                            timestamp, estimate, ttl)
         sock.sendto(signed(answer, key), peer)
@@ -80,8 +83,8 @@ def send(source, destination, count, interval, key):
             answer, _, _, peer = sock.recvmsg(2048, 256)
         except TimeoutError:
             continue
-        if len(answer) != (112 if key else 44) or not authentic(answer, key):
-            faults.add("size or signature")
+        if not proper(answer, REFLECTOR[bool(key)], key):
+            faults.add("size, zeros or signature")
             continue
         own, timestamp, estimate, echoed, received, of, stamp, of_estimate, ttl = \
             REFLECTOR[bool(key)].unpack(answer[:96 if key else 44])
