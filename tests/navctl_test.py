@@ -249,6 +249,33 @@ class NavctlTest(Products):
         self.assertEqual(terminal.status(), 3)
         self.assertIn(back + "navctl: no agent at ", terminal.text)
 
+    def test_a_refused_change_says_where_and_why_and_changes_nothing(self):
+        def everything():
+            return [self.says("get", root) for root in ("/cliConfig", "/navStatusDir", "/nexthopStatus")]
+
+        self.says("set", f"{group}[a]/localIntf[w1]", "true")
+        self.says("set", "/nexthopStatus/vrf[default]/nexthop[192.0.2.1]", '{"fecId":5}')
+        before, path = everything(), "/navStatusDir/navPathStatusDir/pathStatus[x]/pathStatusEntry"
+        for place, value, reason in (
+                ("cliConfig/udpPortConfig", 1, "expected a '/'"),
+                ("/nowhere", 1, "/nowhere: not found"),
+                ("/cliConfig/udpPortConfig[1]", 1, "takes no key"),
+                (f"{group}/ipsecProfile", "x", "needs a key"),
+                ("/cliConfig/name", "other", 'the key is "cliConfig"'),
+                # The fault comes last; what stands before it must not have been done.
+                ("/cliConfig", {"udpPortConfig": 1, "pathGroupConfig": {
+                    "a": {"localIntf": ["w"]}, "b": {"name": "c"}}}, f'{group}[b]/name: the key is "b"'),
+                ("/nexthopStatus/vrf[blue]/nexthop", {"192.0.2.7": {}, "192.0.2.8": {"addr": "192.0.2.9"}},
+                 "/nexthop[192.0.2.8]: expected the key 192.0.2.8"),
+                (f"{path}[192.0.2.1,192.0.2.2]", {}, "a key of 3 fields"),
+                (f"{path}[192.0.2.1,192.0.2.2,0]/pathInfo/pathIndex", 1, "set whole"),
+                ("/navDb/lbId", 1, "belongs to"),
+                (f"{group}[a]/localIntf[w2]", None, "[w2]: not found"),
+                (group, None, "by its key")):
+            change = ["del", place] if value is None else ["set", place, json.dumps(value)]
+            self.says(*change, status=1, err=reason)
+            self.assertEqual(everything(), before, change)
+
     def test_tables_fit_the_terminal(self):
         self.says("set", f"{group}[zür\x1b[2Jich]",
                   '{"localIntf":["wän"],"remoteViaConfig":{"2001:db8::7":{"remoteVia":["2001:db8::5"]}}}')
@@ -287,28 +314,15 @@ class NavctlTest(Products):
         self.assertEqual(self.says("show", "nexthops").split()[-5:], ["::3", "resolved", "1", "::6", "w6"])
         self.assertEqual(self.says("show", "paths", "--raw"), "{ }")
 
-    def test_a_path_that_changes_is_logged_up_once(self):
-        for path, value in (
-                ("/ipStatusDir/ipIntfStatus[w]/activeAddrWithMask", '"10.0.0.1/24"'),
-                (f"{group}[g]", '{"localIntf":["w"],"remoteViaConfig":{"::9":{"remoteVia":["10.0.1.9"]}}}'),
-                ("/nexthopStatus/vrf[default]/nexthop[10.0.1.9]", '{"fecId":1}'),
-                ("/forwardingStatus/fec[1]", '[{"hop":"10.0.0.4","intfId":"w"}]'),
-                ("/cliConfig/navConfigured", "true"),
-                ("/hwPathStatus/hwPathStatusList[10.0.0.1,10.0.1.9,0,1]",
-                 '{"hwPathIndex":1,"hwArpIndex":1}')):
-            self.says("set", path, value)
-        await_("the path is up", lambda: " is up by 10.0.0.4" in self.errors(self.directory))
-        self.says("set", "/forwardingStatus/fec[1]", '[{"hop":"10.0.0.5","intfId":"w"}]')
-        status = "/navStatusDir/navPathStatusDir/pathStatus[default]/pathStatusEntry"
-        await_("the path has another hop", lambda: "10.0.0.5" in self.says("get", status))
-        self.says("set", "/ipStatusDir/ipIntfStatus[x]/activeAddrWithMask", '"10.9.0.1/24"')
-        await_("the log goes on", lambda: "interface x " in self.errors(self.directory))
-        self.assertEqual(self.errors(self.directory).count(" is up by "), 1)
-
     def test_completion_knows_commands_paths_and_keys(self):
         for name in ("internet", "inner", "mpls"):
             self.says("set", f"{group}[{name}]/localIntf", f'["{len(name)}1", "{len(name)}2"]')
-        self.says("set", f"{group}[in\\\\out\\]]", "{}")
+        # A key is raw in JSON; in a path, and in a key of several fields, it is escaped.
+        self.says("set", f"{group}[in\\\\out\\]]", '{"name":"in\\\\out]"}')
+        self.says("set", r"/ipsecPathStatusDir/ipsecPathStatus[192.0.2.1,2001:db8::1,r\,\]\\]",
+                  r'{"key":{"srcAddr":"192.0.2.1","dstAddr":"2001:db8:0::1","vrfName":"r,]\\"}}')
+        self.says("set", "/ipsecPathStatusDir", self.says("get", "/ipsecPathStatusDir"))
+        self.assertEqual(len(json.loads(self.says("get", "/ipsecPathStatusDir/ipsecPathStatus"))), 1)
         for words, expected in (
                 (["sh"], "show\n"), (["show", "paths", "--r"], "--raw\n--run-dir\n"),
                 (["get", "/cliConfig/p"], f"{group}\n/cliConfig/policyConfig\n"),
