@@ -6,6 +6,7 @@ thinks of its unit.
 import grp
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -42,9 +43,10 @@ class ServiceTest(Products):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
             manager.bind(f"{run_dir}/manager")
             manager.settimeout(patience)
+            journal = os.stat(self.write(f"{run_dir}/errors", ""))
             environment = {**os.environ, "NOTIFY_SOCKET": manager.getsockname(),
-                           "WATCHDOG_USEC": "20000"}
-            agent = self.start(run_dir, "nav-agent", *branch, env=environment)
+                           "WATCHDOG_USEC": "20000", "JOURNAL_STREAM": f"{journal.st_dev}:{journal.st_ino}"}
+            agent = self.start(run_dir, "nav-agent", *branch, "--log-level", "8", env=environment)
 
             def told(word):
                 while word not in (lines := manager.recv(4096).decode().splitlines()):
@@ -61,6 +63,14 @@ class ServiceTest(Products):
             agent.send_signal(signal.SIGTERM)
             told("STOPPING=1")
             self.assertEqual(agent.wait(patience), 0)
+        # Each line with its priority; operators are not told where in the code it is written.
+        levels = set()
+        for line in self.errors(run_dir).splitlines():
+            priority, level, place = re.fullmatch(
+                r"<(\d)>\d{4}-\d\d-\d\dT[\d:.]+\+00:00 \w+:(\d) .*?( \(\w+\.\w+:\d+\))?", line).groups()
+            self.assertEqual((priority, bool(place)), (min(level, "7"), level >= "7"), line)
+            levels.add(level)
+        self.assertLessEqual({"5", "6", "7", "8"}, levels)
 
     @unittest.skipUnless(os.geteuid() == 0, "only root can become another user")
     def test_members_of_the_group_read_and_change_nothing(self):
