@@ -329,31 +329,21 @@ class ForwardingTest(LabCase):
         self.others(site)
 
     def test_explain_says_what_the_kernel_shows(self):
-        def reason(site=1):
-            rows = self.shown(site, "explain", "path", outside("internet", 2))["paths"]
+        def reason():
+            rows = self.shown(1, "explain", "path", outside("internet", 2))["paths"]
             return rows[0]["reason"] or ""
 
         self.lab.run("router1", "sysctl", "-qw", *(
             f"net.ipv4.neigh.internet.{each}" for each in (
                 "base_reachable_time_ms=1000", "retrans_time_ms=100", "delay_first_probe_time=1")))
-        where, there = outside("internet", 1), gateway("internet", 1)
-        routes = [f"route %s default via {there} metric 100", f"route %s default via {there} table 11"]
-        away, back = ("".join(route % word + "\n" for route in routes) for word in ("del", "add"))
-        address = f"addr %s {where}/28 dev internet\n"
-        nowhere = f"no route to {outside('internet', 2)} in VRF default"
-        for expected, on, cause, cure in (
-                ("interface internet is down", "internet", "link set site1 down", "link set site1 up"),
-                ("interface internet has no address", "router1", address % "del",
-                 address % "add" + back),
-                (nowhere, "router1", away, back),
-                (f"next hop {there} does not answer", "internet", f"addr del {there}/28 dev site1",
-                 f"addr add {there}/28 dev site1"),
-                ("interface internet does not exist", "router1", "link set internet down\n"
-                 "link set internet name wan", "link set wan name internet\n"
-                 "link set internet up\n" + back)):
-            self.lab.ip(on, cause)
+        there = gateway("internet", 1)
+        for expected, cause, cure in (
+                ("interface internet is down", "link set site1 down", "link set site1 up"),
+                (f"next hop {there} does not answer", f"addr del {there}/28 dev site1",
+                 f"addr add {there}/28 dev site1")):
+            self.lab.ip("internet", cause)
             await_(expected, lambda: reason() == expected)
-            self.lab.ip(on, cure)
+            self.lab.ip("internet", cure)
             await_("the path is up again", lambda: self.lab.paths_up(1) == 4)
 
         [mpls] = [row for row in self.shown(1, "show", "interfaces") if row["interface"] == "mpls"]
