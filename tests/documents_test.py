@@ -12,7 +12,7 @@ import shutil
 import socket
 import subprocess
 
-from products import Products, await_, branch, main, programs, source
+from products import Products, await_, branch, main, programs, read, source, write
 
 pages = sorted(os.path.relpath(page, source) for pattern in ("*.md", "docs/*.md", "docs/man/*.md")
                for page in glob.glob(f"{source}/{pattern}"))
@@ -39,11 +39,6 @@ router = ["unshare", "--user", "--map-root-user", "--net", "sh", "-ec", """
         ip link set ${each%=*} up
     done
     exec "$@" """, "sh"]
-
-
-def read(page):
-    with open(os.path.join(source, page), encoding="utf-8") as file:
-        return file.read()
 
 
 def commands_of(page):
@@ -107,7 +102,7 @@ class DocumentsTest(Products):
             os.symlink(f"{source}/{name}", f"{place}/{name}")
         for name in ("branch/branch", "branch/world", "linux/config", "linux/forwarding"):
             shutil.copy(f"{source}/examples/{name}.json", place)
-        os.chmod(self.write(f"{place}/token", "secret\n"), 0o600)
+        os.chmod(write(f"{place}/token", "secret\n"), 0o600)
         return place
 
     def run_command(self, place, command):

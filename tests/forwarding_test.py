@@ -15,12 +15,11 @@ import signal
 import socket
 import struct
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
-from products import LabCase, document, main, programs, source  # which adds scripts/ to the path
+from products import LabCase, document, main, programs, read  # which adds scripts/ to the path
 
 from netlab import (await_, gateway, host, outside, port, providers,  # noqa: E402
                     router, sites, tunnel)
@@ -504,8 +503,7 @@ class ForwardingTest(LabCase):
         site, application = shown["sites"][0], shown["applications"][0]
         words = {"ID": site["group"], "TABLE": application["table"], "MARK": application["mark"],
                  "TO": host(2), "HOST": host(1), "LAN": "lan"}
-        with open(f"{source}/docs/forwarding.md", encoding="utf-8") as page:
-            commands = re.findall(r"(?:^    |`)((?:ip|bridge|nft) [^`\n]+)", page.read(), re.M)
+        commands = re.findall(r"(?:^    |`)((?:ip|bridge|nft) [^`\n]+)", read("docs/forwarding.md"), re.M)
         self.assertGreater(len(commands), 10)
         for command in commands:
             if "flush" not in command:  # its consequences are another test's

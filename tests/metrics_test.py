@@ -9,7 +9,7 @@ import unittest
 import urllib.error
 import urllib.request
 
-from products import Products, await_, branch, main, programs, source
+from products import Products, await_, branch, main, programs, read, source, write
 
 promtool = shutil.which("promtool", path=f"{os.environ['PATH']}:{source}/build/tools")
 monitoring = f"{source}/examples/monitoring"
@@ -54,8 +54,7 @@ class MetricsTest(Products):
                                 programs["nav-agent"], directory], stdin=subprocess.DEVNULL,
                                capture_output=True, text=True, timeout=150, check=False)
         self.assertEqual((fleet.returncode, fleet.stderr), (0, ""))
-        with open(f"{directory}/prometheus.yml", encoding="utf-8") as file:
-            [job] = json.load(file)["scrape_configs"]
+        [job] = json.loads(read(f"{directory}/prometheus.yml"))["scrape_configs"]
         self.assertEqual(job["static_configs"], [
             {"targets": [f"127.0.0.1:{port}"], "labels": {"branch": "branch1"}}])
         if promtool:
@@ -89,26 +88,21 @@ class MetricsTest(Products):
         self.assertEqual(after["nav_load_balance_ids"][(("state", "used"),)] +
                          after["nav_load_balance_ids"][(("state", "free"),)], 1023)
         self.assertTrue(all(key in before for key in after["nav_path_transitions_total"]))
-        with open(f"{source}/docs/metrics.md") as page:
-            documented = set(re.findall(r"`(nav_[a-z_]+)`", page.read()))
+        documented = set(re.findall(r"`(nav_[a-z_]+)`", read("docs/metrics.md")))
         served = {re.sub("_(bucket|sum|count)$", "", name) if "loop_busy" in name else name
                   for name in metrics | after}
         self.assertEqual(documented, served)
-        for expression in re.findall(r"nav_\w+", json.dumps(self.monitoring())):
+        used = read(f"{monitoring}/dashboard.json") + read(f"{monitoring}/alerts.yml")
+        for expression in re.findall(r"\bnav_\w+", used):
             self.assertIn(expression.removesuffix("_bucket"), served)
         if promtool:
             lint = subprocess.run([promtool, "check", "metrics"], input=text, text=True,
                                   capture_output=True)
             self.assertEqual((lint.returncode, lint.stdout + lint.stderr), (0, ""))
 
-    def monitoring(self):
-        with open(f"{monitoring}/dashboard.json") as board, open(f"{monitoring}/alerts.yml") as rules:
-            return [target["expr"] for panel in json.load(board)["panels"]
-                    for target in panel["targets"]] + re.findall("expr: (.*)", rules.read())
-
     def test_collectors_that_misbehave_cost_their_own_connection(self):
         run_dir = self.run_dir()
-        token = self.write(f"{run_dir}/token", "secret\n")
+        token = write(f"{run_dir}/token", "secret\n")
         os.chmod(token, 0o644)
         options = [f"--run-dir={run_dir}", *branch, "--metrics=127.0.0.1:0", f"--metrics-token={token}"]
         refused = self.run_to_end("nav-agent", *options)

@@ -12,7 +12,7 @@ import struct
 import subprocess
 import termios
 
-from products import Products, await_, main, patience, programs, source, tied
+from products import Products, await_, main, patience, programs, read, tied, write
 
 group = "/cliConfig/pathGroupConfig"
 
@@ -67,7 +67,7 @@ class NavctlTest(Products):
         return done.stdout
 
     def file(self, name, text):
-        return self.write(f"{self.directory}/{name}", text)
+        return write(f"{self.directory}/{name}", text)
 
     def test_exit_status_says_who_is_at_fault(self):
         self.says("get", "/cliConfig/udpPortConfig", out="4793\n")
@@ -137,8 +137,7 @@ class NavctlTest(Products):
         saved = self.file("saved", "old")
         self.says("save", "--forwarding", saved)
         self.assertEqual(os.stat(saved).st_mode & 0o777, 0o600)
-        with open(saved, encoding="utf-8") as file:
-            self.assertIn("s3cret", file.read())
+        self.assertIn("s3cret", read(saved))
         self.says("load", empty, "--forwarding", saved)
         self.assertNotIn("s3cret", self.says("save", "--forwarding", "-"))
         for wrong in (("save", "--forwarding", "/dev/null"), ("save", "-", "--forwarding", "-"),
@@ -149,8 +148,7 @@ class NavctlTest(Products):
                   err='warning: application "x" is not named by any policy\n')
 
     def test_ipsec_profiles_are_checked(self):
-        with open(f"{source}/examples/linux/ipsec.json", encoding="utf-8") as file:
-            profiles = json.load(file)["profile"]
+        profiles = json.loads(read("examples/linux/ipsec.json"))["profile"]
         config = self.file("config", {"pathGroupConfig": {
             name: {"ipsecProfile": name} for name in ("branch", "gold")}})
         key, place = {"presharedKey": "s3cret"}, "line 1: /ipsecConfig/profile[p]"

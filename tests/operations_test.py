@@ -7,7 +7,7 @@ import os
 import re
 import signal
 
-from products import Products, await_, main, source
+from products import Products, await_, main, read, source, write
 
 
 class OperationsTest(Products):
@@ -17,8 +17,7 @@ class OperationsTest(Products):
 
     def router(self, *options):
         """The branch with files of this test, when all its paths are up, as they stay."""
-        with open(f"{source}/examples/branch/world.json", encoding="utf-8") as file:
-            world = json.load(file)
+        world = json.loads(read("examples/branch/world.json"))
         del world["events"][1:]
         self.options = [f"--config={self.file('config', self.config)}",
                         f"--world={self.file('world', world)}", f"--history={self.directory}/history"]
@@ -28,14 +27,10 @@ class OperationsTest(Products):
 
     @property
     def config(self):
-        with open(f"{source}/examples/branch/branch.json", encoding="utf-8") as file:
-            return json.load(file)
+        return json.loads(read("examples/branch/branch.json"))
 
     def file(self, name, config):
-        path = f"{self.directory}/{name}"
-        with open(path, "w", encoding="utf-8") as file:
-            file.write("// what this is for\n" + json.dumps(config))
-        return path
+        return write(f"{self.directory}/{name}", "// what this is for\n" + json.dumps(config))
 
     def says(self, *arguments, status=0, err=""):
         done = self.navctl(self.directory, *arguments)
@@ -149,8 +144,7 @@ class OperationsTest(Products):
         self.assertEqual(self.states()[-1], (4, "running"))
         # A damaged file is reported and left as it is.
         self.stop(self.process)
-        with open(f"{self.directory}/history", "w", encoding="utf-8") as file:
-            file.write("{")
+        write(f"{self.directory}/history", "{")
         self.process = self.agent(self.directory, *self.options)
         self.assertIn("is not kept in", self.errors(self.directory))
         self.assertEqual(self.states(), [(1, "running")])
@@ -159,14 +153,11 @@ class OperationsTest(Products):
     def test_comments_are_read_and_not_lost(self):
         self.router()
         own = f"{self.directory}/config"
-        with open(own, encoding="utf-8") as file:
-            commented = file.read()
+        commented = read(own)
         self.says("save", own, status=1, err="it has comments")
-        with open(own, encoding="utf-8") as file:
-            self.assertEqual(file.read(), commented)
-        bad = f"{self.directory}/bad"
-        with open(bad, "w", encoding="utf-8") as file:
-            file.write('// one\n/* two\n three */ {\n"vrfConfig": {"v": {"policy": 1}}}')
+        self.assertEqual(read(own), commented)
+        bad = write(f"{self.directory}/bad",
+                    '// one\n/* two\n three */ {\n"vrfConfig": {"v": {"policy": 1}}}')
         self.says("check", bad, status=1, err=f"{bad}: line 4: /cliConfig/vrfConfig[v]/policy")
         self.says("save", "--force", own)
         self.assertEqual(self.says("diff", own), "")
@@ -174,8 +165,7 @@ class OperationsTest(Products):
 
     def test_the_reference_is_complete_and_its_ranges_hold(self):
         page = self.run_to_end("navctl", "reference").stdout
-        with open(f"{source}/docs/reference.md", encoding="utf-8") as file:
-            self.assertEqual(file.read(), page, "navctl reference > docs/reference.md")
+        self.assertEqual(read("docs/reference.md"), page, "navctl reference > docs/reference.md")
         options = {"cliConfig": (), "forwardingConfig": ("--forwarding",), "ipsecConfig": ("--ipsec",)}
 
         def accepted(root, path, value):
@@ -191,9 +181,8 @@ class OperationsTest(Products):
             for step in steps[:-1]:
                 at = at.setdefault(keys.get(step, "1") if step in keyed else step, {})
             at[steps[-1]] = value
-            name = f"{self.directory}/{root}"
-            with open(name, "w", encoding="utf-8", opener=lambda *a: os.open(*a, 0o600)) as file:
-                json.dump(config, file)
+            name = write(f"{self.directory}/{root}", config)
+            os.chmod(name, 0o600)
             done = self.run_to_end("navctl", "check", *options[root], name)
             self.assertIn(done.returncode, (0, 1), done.stderr)
             return done.returncode == 0
@@ -226,8 +215,7 @@ class OperationsTest(Products):
                 self.directory = self.run_dir()
                 config = f"examples/{name}/config.json"
                 self.assertEqual(self.run_to_end("navctl", "check", config).stderr, "")
-                with open(f"{source}/{config}", encoding="utf-8") as file:
-                    command = re.search(r"^//     nav-agent (.*)$", file.read(), re.M)[1].split()
+                command = re.search(r"^//     nav-agent (.*)$", read(config), re.M)[1].split()
                 agent = self.agent(self.directory, *command)
                 await_("every path is up and every application has some", lambda: (
                     explained := self.ask("explain")) and all(
@@ -240,8 +228,7 @@ class OperationsTest(Products):
     def hook(self, text):
         """The program of the hook from now on."""
         path = f"{self.directory}/hook"
-        with open(f"{path}.new", "w", encoding="utf-8") as file:
-            file.write(f"#!/bin/sh\ncd {self.directory}\n{text}\n")
+        write(f"{path}.new", f"#!/bin/sh\ncd {self.directory}\n{text}\n")
         os.chmod(f"{path}.new", 0o755)
         os.rename(f"{path}.new", path)
         return path
@@ -256,8 +243,7 @@ class OperationsTest(Products):
         told = f"{self.directory}/told"
 
         def lines():
-            with open(told, encoding="utf-8") as file:
-                return file.read().splitlines()
+            return read(told).splitlines()
 
         self.router("--hook-timeout=2", "--hook", self.hook(
             'echo "$*|$NAV_SITE|$NAV_CAUSE|$NAV_PATHS|$NAV_PATHS_BEFORE|$(env | wc -l)" >> told'))
@@ -294,13 +280,12 @@ class OperationsTest(Products):
         self.says("ping")
         await_("it is killed", lambda: self.runs()["killed"] >= 4)
         self.assertIn("killed after 2 s", self.errors(self.directory))
-        with open(f"{self.directory}/hanging", encoding="utf-8") as file:
-            killed = [process for line in file.readlines()[:4] for process in line.split()]
+        killed = [each for line in read(f"{self.directory}/hanging").splitlines()[:4]
+                  for each in line.split()]
 
         def lives(process):
             try:
-                with open(f"/proc/{process}/cmdline", encoding="utf-8") as file:
-                    return file.read() != ""  # else nobody has waited for it yet
+                return read(f"/proc/{process}/cmdline") != ""  # else nobody has waited for it yet
             except FileNotFoundError:
                 return False
 

@@ -10,7 +10,7 @@ import re
 import signal
 import subprocess
 
-from products import Products, await_, branch, document, main, patience, programs, source
+from products import Products, await_, branch, document, main, patience, read, write
 
 
 def tables_of(run_dir):
@@ -91,15 +91,13 @@ class ProductTest(Products):
 
     def test_tables_show_what_the_router_does(self):
         run_dir, long = self.run_dir(), "long" * 400  # makes answers of far more than 64 KiB
-        with open(f"{source}/examples/branch/branch.json", encoding="utf-8") as file:
-            config = json.loads(file.read().replace('"internet"', f'"{long}"'))
+        config = json.loads(read("examples/branch/branch.json").replace('"internet"', f'"{long}"'))
         config["pathGroupConfig"][long]["remoteViaConfig"]["10.255.9.9"] = {
             "remoteVia": [f"10.99.0.{i}" for i in range(100, 200)]}
-        with open(f"{source}/examples/branch/world.json", encoding="utf-8") as file:
-            world = json.load(file)
+        world = json.loads(read("examples/branch/world.json"))
         del world["events"][1:]  # the paths come up and stay
-        self.agent(run_dir, f"--config={self.write(f'{run_dir}/config.json', config)}",
-                   f"--world={self.write(f'{run_dir}/world.json', world)}")
+        self.agent(run_dir, f"--config={write(f'{run_dir}/config.json', config)}",
+                   f"--world={write(f'{run_dir}/world.json', world)}")
 
         def table(name):
             lines = self.navctl(run_dir, "show", name).stdout.splitlines()[1:]
@@ -188,8 +186,8 @@ class ProductTest(Products):
 
     def test_what_cannot_run_says_why(self):
         run_dir = self.run_dir()
-        file = self.write(f"{run_dir}/file", '{\n  "a": 1,\n  "b": }\n')
-        world = self.write(f"{run_dir}/world", '{"vrfs": {"a": {"id": 7},\n"b": {"id": 7}}}')
+        file = write(f"{run_dir}/file", '{\n  "a": 1,\n  "b": }\n')
+        world = write(f"{run_dir}/world", '{"vrfs": {"a": {"id": 7},\n"b": {"id": 7}}}')
         for arguments, status, reason in (
                 (["--run-dir", run_dir, "--world", world], 1,
                  world + ': line 2: /vrfs/b: has the same id as VRF "a"'),
@@ -213,21 +211,21 @@ class ProductTest(Products):
         run_dir = self.run_dir()
         names = [f"{run_dir}/{name}.json" for name in ("config", "forwarding")]
 
-        def write(udp_port, probe):
-            self.write(names[0], {"udpPortConfig": udp_port})
-            self.write(names[1], probe)
+        def configure(udp_port, probe):
+            write(names[0], {"udpPortConfig": udp_port})
+            write(names[1], probe)
 
-        write(1, '{"probe": {"key": "s3cret"}}')
+        configure(1, '{"probe": {"key": "s3cret"}}')
         agent = self.agent(run_dir, "--platform", "linux", "--config", names[0], "--forwarding",
                            names[1], under=alone)
         for probe, reason in (('{"probe":\n{"key": "s3cret', "line 2, column"),
                               ('{"probe":\n{"key": "s3cret", "window": 5}}',
                                "line 2: /forwardingConfig/probe/window: expected milliseconds")):
-            write(2, probe)
+            configure(2, probe)
             agent.send_signal(signal.SIGHUP)
             await_("it is refused", lambda: f"{names[1]}: {reason}" in self.errors(run_dir))
         self.assertEqual(self.navctl(run_dir, "get", "/cliConfig/udpPortConfig").stdout, "1\n")
-        write(2, '{"probe": {"key": "s3cret", "window": 600}}')
+        configure(2, '{"probe": {"key": "s3cret", "window": 600}}')
         agent.send_signal(signal.SIGHUP)
         await_("both are loaded", lambda: self.navctl(
             run_dir, "get", "/forwardingConfig/probe/window").stdout == "600\n")
@@ -246,8 +244,7 @@ class ProductTest(Products):
         self.assertNotEqual(self.navctl(run_dir, "batch", "-", input=requests).returncode, 0)
         self.assertEqual(agent.wait(patience), -signal.SIGABRT)
         self.assertIn("assertion failed: ", self.errors(run_dir))
-        with open(f"{run_dir}/postmortem.trace", encoding="utf-8") as file:
-            self.assertIn("198.51.1.28", file.read())
+        self.assertIn("198.51.1.28", read(f"{run_dir}/postmortem.trace"))
         self.assertEqual(self.stop(self.agent(run_dir)), 0)
 
 

@@ -26,6 +26,19 @@ branch = [f"--config={source}/examples/branch/branch.json",
 patience = 60  # seconds
 
 
+def read(path):
+    """The text of a file, whose path may be relative to SOURCE_DIR."""
+    with open(os.path.join(source, path), encoding="utf-8") as file:
+        return file.read()
+
+
+def write(path, content):
+    """A file of a text, or of anything else as JSON; returns its path."""
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(content if isinstance(content, str) else json.dumps(content))
+    return path
+
+
 @functools.cache
 def schema_of(name):
     """One of docs/navctl.schema.json. Its readers accept members that it does not describe, and the
@@ -38,8 +51,7 @@ def schema_of(name):
         closed = {"additionalProperties": False} if "properties" in part else {}
         return {key: strict(value) for key, value in part.items()} | closed
 
-    with open(f"{source}/docs/navctl.schema.json", encoding="utf-8") as file:
-        schemas = strict(json.load(file)["$defs"])
+    schemas = strict(json.loads(read("docs/navctl.schema.json"))["$defs"])
     return jsonschema.Draft202012Validator({"$ref": f"#/$defs/{name}", "$defs": schemas})
 
 
@@ -74,15 +86,8 @@ class Products(unittest.TestCase):
         self.processes.callback(process.terminate)
         return process
 
-    def write(self, path, content):
-        """A file of a text, or of anything else as JSON; returns its path."""
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(content if isinstance(content, str) else json.dumps(content))
-        return path
-
     def errors(self, run_dir):
-        with open(f"{run_dir}/errors", encoding="utf-8") as file:
-            return file.read()
+        return read(f"{run_dir}/errors")
 
     def agent(self, run_dir, *arguments, **options):
         process = self.start(run_dir, "nav-agent", *arguments, **options)

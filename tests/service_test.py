@@ -13,27 +13,18 @@ import socket
 import subprocess
 import unittest
 
-from products import Products, await_, branch, main, patience, programs, source
-
-unit = f"{source}/systemd/nav-agent.service.in"
+from products import Products, await_, branch, main, patience, programs, read, source, write
 
 
 class ServiceTest(Products):
-    def unit_in(self, directory):
-        """The unit as it is installed, with the program just built."""
-        with open(unit, encoding="utf-8") as file:
-            return self.write(f"{directory}/nav-agent.service", file.read().replace(
-                "@bindir@/nav-agent", programs["nav-agent"]))
-
     @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
     def test_the_unit_is_correct_and_gives_away_little(self):
-        path = self.unit_in(self.run_dir())
+        unit = read("systemd/nav-agent.service.in").replace("@bindir@/nav-agent", programs["nav-agent"])
+        path = write(f"{self.run_dir()}/nav-agent.service", unit)
         done = subprocess.run(["systemd-analyze", "verify", "--man=no", path], capture_output=True, text=True,
                               check=False)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
-        with open(path, "a", encoding="utf-8") as file, \
-                open(f"{source}/systemd/reflector.conf", encoding="utf-8") as drop_in:
-            file.write(drop_in.read())  # offline, drop-ins are not read
+        write(path, unit + read("systemd/reflector.conf"))  # offline, drop-ins are not read
         done = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager",
                                "--threshold=15", path], capture_output=True, text=True, check=False)
         self.assertEqual(done.returncode, 0, done.stdout[-200:])
@@ -43,7 +34,7 @@ class ServiceTest(Products):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
             manager.bind(f"{run_dir}/manager")
             manager.settimeout(patience)
-            journal = os.stat(self.write(f"{run_dir}/errors", ""))
+            journal = os.stat(write(f"{run_dir}/errors", ""))
             environment = {**os.environ, "NOTIFY_SOCKET": manager.getsockname(),
                            "WATCHDOG_USEC": "20000", "JOURNAL_STREAM": f"{journal.st_dev}:{journal.st_ino}"}
             agent = self.start(run_dir, "nav-agent", *branch, "--log-level", "8", env=environment)

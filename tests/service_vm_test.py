@@ -16,7 +16,7 @@ import tempfile
 import textwrap
 import unittest
 
-from products import Lab, Traffic, await_, build, main, source
+from products import Lab, Traffic, await_, build, main, read
 from netlab import host
 
 tempfile.tempdir = "/dev/shm"  # the root is an overlay, and charons have a /run of their own
@@ -49,19 +49,17 @@ def write(path, text):
 
 def documented(path):
     """A file, as the documentation has it."""
-    with open(f"{source}/docs/ipsec.md", encoding="utf-8") as file:
-        return textwrap.dedent(re.search(rf"`{path}`:\n\n((?:    .*\n)+)", file.read())[1])
+    return textwrap.dedent(re.search(rf"`{path}`:\n\n((?:    .*\n)+)", read("docs/ipsec.md"))[1])
 
 
 def earlier(package, directory):
     """The same package as of an earlier version."""
     tree = f"{directory}/{os.path.basename(package)}"
     run("dpkg-deb", "--raw-extract", package, tree)
-    with open(f"{tree}/DEBIAN/control", "r+", encoding="utf-8") as file:
-        control = file.read()
-        version = re.search(r"^Version: (.*)$", control, re.M)[1]
-        file.seek(0)
-        file.write(re.sub(rf"(Version: |= ){re.escape(version)}\b", rf"\g<1>{version}~earlier", control))
+    control = read(f"{tree}/DEBIAN/control")
+    version = re.search(r"^Version: (.*)$", control, re.M)[1]
+    write(f"{tree}/DEBIAN/control",
+          re.sub(rf"(Version: |= ){re.escape(version)}\b", rf"\g<1>{version}~earlier", control))
     run("dpkg-deb", "--build", "-Znone", tree, f"{tree}.deb")
     return f"{tree}.deb"
 
@@ -72,13 +70,11 @@ class ServiceVmTest(unittest.TestCase):
     def setUp(self):
         # dpkg knows which packages this machine has, but not their files and triggers: to read those, and
         # to rebuild the databases of these, would take minutes.
-        with open("/var/lib/dpkg/status", encoding="utf-8") as file:
-            status = file.read()
+        status = read("/var/lib/dpkg/status")
         run("mount", "-t", "tmpfs", "tmpfs", "/var/lib/dpkg")
         for part in "info", "triggers", "updates":
             os.mkdir(f"/var/lib/dpkg/{part}")
-        with open("/var/lib/dpkg/status", "w", encoding="utf-8") as file:
-            file.write(status)
+        write("/var/lib/dpkg/status", status)
         with contextlib.suppress(FileNotFoundError):
             os.remove("/usr/sbin/policy-rc.d")  # of a container, in which no service may be started
         self.later = [glob.glob(f"{build}/packages/{name}_*.deb")[0] for name in names]
@@ -117,8 +113,7 @@ class ServiceVmTest(unittest.TestCase):
             "active", "4 of 4 paths are up"), every=0.2)
 
     def check_privileges(self):
-        with open(f"/proc/{shown('MainPID')}/status", encoding="utf-8") as file:
-            status = dict(line.split(":", 1) for line in file)
+        status = dict(line.split(":", 1) for line in read(f"/proc/{shown('MainPID')}/status").splitlines())
         self.assertEqual(status["Uid"].split()[0], run("id", "-u", "nav"))
         for kind in "CapEff", "CapPrm", "CapBnd":
             self.assertEqual(int(status[kind], 16), 1 << CAP_NET_ADMIN, kind)

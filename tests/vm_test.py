@@ -7,7 +7,7 @@ each wired to a provider of its own, whose gateway is 203.0.113.254.
 import subprocess
 import tempfile
 
-from products import Products, await_, main, programs
+from products import Products, await_, main, programs, read, write
 
 tempfile.tempdir = "/run"  # the root is an overlay, in which no file can be without a name
 remote = "198.51.100.2"
@@ -21,18 +21,14 @@ def ip(commands, netns="router"):
 
 def unload(module):
     """Removes a kernel module and what uses it. False while something of it exists."""
-    with open("/proc/modules", encoding="ascii") as file:
-        users = {line.split()[0]: line.split()[3] for line in file}
+    users = {line.split()[0]: line.split()[3] for line in read("/proc/modules").splitlines()}
     for user in users.get(module, "-").strip(",-").split(","):
         if user:
             unload(user)
     return module not in users or subprocess.run(["rmmod", module], stderr=subprocess.DEVNULL).returncode == 0
 
 
-def loader_is(program):
-    """What the kernel runs to load a module."""
-    with open("/proc/sys/kernel/modprobe", "w", encoding="ascii") as file:
-        file.write(program)
+loader = "/proc/sys/kernel/modprobe"  # what the kernel runs to load a module
 
 
 class VmTest(Products):
@@ -57,7 +53,7 @@ class VmTest(Products):
         """One with a path group of each port, of the same name, to the same remote address."""
         groups = {port: {"localIntf": [port], "remoteViaConfig": {site: {"remoteVia": [remote]}}}
                   for port in ports}
-        config = self.write(f"{self.directory}/config.json",
+        config = write(f"{self.directory}/config.json",
                             {"navConfigured": True, "pathGroupConfig": groups})
         return self.agent(self.directory, "--platform", "linux", "--config", config,
                           under=["ip", "netns", "exec", "router"])
@@ -135,8 +131,8 @@ class VmTest(Products):
                                                  for vrf, vni in (("red", 1), ("blue", 2))}}}}
         directory = self.run_dir()
         self.agent(directory, "--platform", "linux",
-                   "--config", self.write(f"{directory}/config.json", config),
-                   "--forwarding", self.write(f"{directory}/forwarding.json", forwarding),
+                   "--config", write(f"{directory}/config.json", config),
+                   "--forwarding", write(f"{directory}/forwarding.json", forwarding),
                    under=["ip", "netns", "exec", router])
         return directory
 
@@ -160,12 +156,11 @@ class VmTest(Products):
         self.assertEqual(answer("blue1", "10.2.0.2"), "blue2")
 
     def test_a_kernel_without_vxlan_or_nftables_is_named(self):
-        forwarding = self.write(f"{self.directory}/forwarding.json",
+        forwarding = write(f"{self.directory}/forwarding.json",
                                 {"vrf": {"default": {"vni": 1, "address": "10.255.0.1/24"}}})
-        with open("/proc/sys/kernel/modprobe", encoding="ascii") as file:
-            self.processes.callback(loader_is, file.read())
+        self.processes.callback(write, loader, read(loader))
         for module, reason in (("vxlan", r"VXLAN devices \(kernel module vxlan\)"), ("nf_tables", "nftables: .+")):
-            loader_is("/bin/false")
+            write(loader, "/bin/false")
             await_(f"{module} is not loaded", lambda m=module: unload(m))
             links = subprocess.check_output(["ip", "-n", "router", "link"])
             refused = subprocess.run(
