@@ -116,29 +116,40 @@ bool Connection::isSilent(const IkeSa& sa, Loom::Instant now) {
     return true;
 }
 
-// Both sides keep the same one of several, and a second one is terminated by its initiator. If the
-// notice of that is lost, charon does not miss the peer: to it, packets of one association show
+// The ids of its CHILD_SAs that are not being rekeyed.
+std::vector<uint32_t> Connection::installed(const IkeSa& sa) const {
+    std::vector<uint32_t> ids;
+    for (const ChildSa& child : sa.children)
+        if (child.name == settings_.child && child.state == "INSTALLED") ids.push_back(child.id);
+    return ids;
+}
+
+// Both sides keep the same IKE_SA of several, and a second one is terminated by its initiator. If
+// the notice of that is lost, charon does not miss the peer: to it, packets of one association show
 // that all with the same policy are in use. Which of them the peer still has is then told by the
-// packets.
-std::vector<uint32_t> Connection::superfluous(std::vector<const IkeSa*> carriers,
-                                              const std::vector<IkeSa>& before, Loom::Instant now) {
-    if (carriers.size() < 2) single_ = now;
+// packets. Of a CHILD_SA's end the peer is told until it answers, so that one side may choose.
+void Connection::endSeconds(Ended& ended, std::vector<const IkeSa*> carriers,
+                            const std::vector<IkeSa>& before, Loom::Instant now) {
+    const auto hasSeconds = [this](const IkeSa* sa) { return installed(*sa).size() > 1; };
+    if (carriers.size() < 2 && std::ranges::none_of(carriers, hasSeconds)) single_ = now;
+    if (now - single_ < pairTime) return;
     const bool lost = now - single_ >= lostTime;
-    std::ranges::sort(carriers, {}, &IkeSa::spi);
     const auto receives = [&before](const IkeSa* sa) {
         const auto at = std::ranges::find(before, sa->id, &IkeSa::id);
         return at != before.end() && at->bytesIn() != sa->bytesIn();
     };
+    std::ranges::sort(carriers, {}, &IkeSa::spi);
     if (lost) std::ranges::stable_partition(carriers, receives);
-    std::vector<uint32_t> ids;
-    if (now - single_ < pairTime) return ids;
     for (const IkeSa* sa : carriers | std::views::drop(1))
-        if (lost || sa->initiator) ids.push_back(sa->id);
-    return ids;
+        if (lost || sa->initiator) ended.ikeSas.push_back(sa->id);
+    for (const IkeSa* sa : carriers)
+        if (sa->initiator)
+            std::ranges::copy(installed(*sa) | std::views::drop(1),
+                              std::back_inserter(ended.childSas));
 }
 
-std::vector<uint32_t> Connection::observe(std::vector<IkeSa> sas, Loom::Instant asked,
-                                          Loom::Instant now) {
+Connection::Ended Connection::observe(std::vector<IkeSa> sas, Loom::Instant asked,
+                                      Loom::Instant now) {
     if (asked < wanted_) return {};
     observed_ = true;
     const std::vector<IkeSa> before = std::exchange(sas_, std::move(sas));
@@ -146,20 +157,20 @@ std::vector<uint32_t> Connection::observe(std::vector<IkeSa> sas, Loom::Instant 
     std::erase_if(waits_, [this](const auto& each) {
         return std::ranges::find(sas_, each.first, &IkeSa::id) == sas_.end();
     });
-    std::vector<uint32_t> ended;
+    Ended ended;
     bool connecting = false;
     std::vector<const IkeSa*> carriers;
     for (const IkeSa& sa : sas_) {
         if (!sa.connecting() && !sa.established()) continue;  // it is being deleted
         if (isStale(sa) || isSilent(sa, now)) {
-            ended.push_back(sa.id);
+            ended.ikeSas.push_back(sa.id);
             continue;
         }
         if (isCarriedBy(sa)) carriers.push_back(&sa);
         connecting |=
             sa.connecting() ? sa.initiator || now - waits_[sa.id] < passiveConnectTime : sa.waits;
     }
-    for (const uint32_t id : superfluous(carriers, before, now)) ended.push_back(id);
+    endSeconds(ended, carriers, before, now);
     const bool doubted = std::exchange(doubtful_, false);
     if (!carriers.empty()) {
         failures_ = 0;

@@ -33,7 +33,8 @@ class Connection {
     static constexpr Loom::Duration lastRetry = std::chrono::seconds(60);
     // The side with the higher address waits longer, so that both sides seldom initiate at once.
     static constexpr Loom::Duration passiveDelay = std::chrono::seconds(3);
-    // If they did, the two IKE_SAs that come of it are kept so long; rekeying takes less.
+    // If they did, the two IKE_SAs, or two CHILD_SAs of one, that come of it are kept so long;
+    // rekeying takes less.
     static constexpr Loom::Duration pairTime = std::chrono::seconds(5);
     // Of several IKE_SAs that still stand after this time, the peer knows only those that packets
     // come by: it has terminated the others, and its notice was lost.
@@ -59,9 +60,13 @@ class Connection {
     // Charon is not available, or no longer.
     void charonLost(const std::string& reason, Loom::Instant now);
 
-    // A complete list of the path's IKE_SAs, which was asked for at `asked`. Returns the ids of
-    // those to be terminated: made by other settings, whose peer does not answer, or second ones.
-    std::vector<uint32_t> observe(std::vector<IkeSa> sas, Loom::Instant asked, Loom::Instant now);
+    // Ids of what is to be terminated.
+    struct Ended {
+        std::vector<uint32_t> ikeSas, childSas;
+    };
+    // A complete list of the path's IKE_SAs, which was asked for at `asked`. Returns those made by
+    // other settings, those whose peer does not answer, and second ones.
+    Ended observe(std::vector<IkeSa> sas, Loom::Instant asked, Loom::Instant now);
     // The latest list lacks what carries the packets of an established connection; the next one
     // decides. When an IKE_SA is rekeyed its CHILD_SAs move to another one, and a list that charon
     // gives meanwhile may have neither with them.
@@ -102,8 +107,9 @@ class Connection {
     bool isStale(const IkeSa& sa) const;
     bool isCarriedBy(const IkeSa& sa) const;
     bool isSilent(const IkeSa& sa, Loom::Instant now);
-    std::vector<uint32_t> superfluous(std::vector<const IkeSa*> carriers,
-                                      const std::vector<IkeSa>& before, Loom::Instant now);
+    std::vector<uint32_t> installed(const IkeSa& sa) const;
+    void endSeconds(Ended& ended, std::vector<const IkeSa*> carriers,
+                    const std::vector<IkeSa>& before, Loom::Instant now);
 
     const Ipsec::ConnectionKey key_;
     const uint32_t reqid_;
@@ -120,7 +126,7 @@ class Connection {
     unsigned failures_ = 0;  // since it was established last
     std::string error_, hint_;
     bool natHere_ = false;
-    Loom::Instant single_;  // when there was last at most one IKE_SA that carries packets
+    Loom::Instant single_;  // when one IKE_SA at most carried packets last, with one CHILD_SA
     std::map<uint32_t, Loom::Instant>
         waits_;  // since when an IKE_SA has waited for its peer, by id
     std::vector<IkeSa> sas_;

@@ -210,8 +210,9 @@ void IpsecService::handleList(Loom::Instant asked) {
     }
     const Loom::Instant now = in_.scheduler->now();
     for (auto& [key, connection] : connections_) {
-        for (const uint32_t id : connection.observe(std::move(by[&connection]), asked, now))
-            terminate("ike-id", std::to_string(id));
+        const Connection::Ended ended = connection.observe(std::move(by[&connection]), asked, now);
+        for (const uint32_t id : ended.ikeSas) terminate("ike-id", std::to_string(id));
+        for (const uint32_t id : ended.childSas) terminate("child-id", std::to_string(id));
         publish(connection);
         if (connection.doubtful()) list_.armIn({});
     }

@@ -37,6 +37,7 @@ uint32_t spiIn(const Json& section, const char* name) {
 
 ChildSa childOf(const Json& section) {
     return {.name = text(section, "name"),
+            .id = static_cast<uint32_t>(number(section, "uniqueid")),
             .reqid = static_cast<uint32_t>(number(section, "reqid")),
             .state = text(section, "state"),
             .cipher = cipherOf(section),

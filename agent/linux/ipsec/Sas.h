@@ -12,6 +12,7 @@ namespace Agent::Linux {
 // Carries packets. While it is rekeyed there are two of a name.
 struct ChildSa {
     std::string name;
+    uint32_t id = 0;  // as long as charon runs
     uint32_t reqid = 0;
     std::string state;  // "INSTALLED", "REKEYING" and others
     std::string cipher;
