@@ -10,6 +10,7 @@ namespace {
 
 const char* const s1 = "10.255.0.1";
 const char* const s2 = "10.255.0.2";
+const char* const s3 = "10.255.0.3";
 
 // VRFs red (1) and blue (2).
 class LoadBalance : public NavFixture {
@@ -89,6 +90,22 @@ TEST_F(LoadBalance, AKeyThatNoRuleWantsGivesUpItsId) {
     cli.loadBalanceProfile("gold")->pathGroupPriorityDel("wan");
     rule("red", 2, 2, "silver");
     EXPECT_TRUE(!entry(1) && entry(2));
+}
+
+// As many keys as ids are needed, of the site that vanished first.
+TEST_F(LoadBalance, VanishedSitesGiveUpTheirIds) {
+    const auto has = [&](const char* site) {
+        return bool(entry(1, 1, site)) + bool(entry(2, 1, site));
+    };
+    const auto goes = [&](const char* site) {
+        in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(site)});
+    };
+    list("gold", "wan", 1), rule("red", 1, 1, "gold"), rule("red", 2, 2, "gold");
+    start(4);
+    path("wan", s1, 1), path("wan", s2, 2), goes(s2), goes(s1), path("wan", s3, 3);
+    EXPECT_TRUE(has(s1) == 2 && has(s2) == 0 && has(s3) == 2);
+    rule("red", 3, 3, "gold");
+    EXPECT_TRUE(has(s1) == 1 && has(s3) == 2 && entry(3, 1, s3));
 }
 
 TEST_F(LoadBalance, GenerationCountsOncePerBatchAndOncePerPath) {

@@ -1,7 +1,6 @@
 #include "tests/oracle/Oracle.h"
 
 #include <algorithm>
-#include <limits>
 
 namespace Oracle {
 
@@ -640,31 +639,6 @@ void Oracle::balances() {
     }
     hold(keysOfProfiles.empty(), "/navDb/lbNameToLbKeySet", "no other keys");
     if (!fresh_) balancesOver();
-    vanishedSites();
-}
-
-// A vanished site keeps its keys, unless ids ran out: then those that vanished first give up theirs
-// first, one key for each id that is needed.
-void Oracle::vanishedSites() {
-    if (fresh_) vanished_.clear();
-    ++checks_;
-    std::set<IpGenAddr> present;
-    for (const auto& [site, indices] : seen_.siteGroups) present.insert(site.routerIp);
-    std::erase_if(vanished_, [&](const auto& site) { return present.contains(site.first); });
-    if (fresh_) return;
-    for (const auto& [site, indices] : before_.siteGroups)
-        if (!present.contains(site.routerIp)) vanished_.emplace(site.routerIp, checks_);
-
-    U64 firstKept = std::numeric_limits<U64>::max();
-    for (const auto& [key, balance] : seen_.balances)
-        if (const U64* since = find(vanished_, key.vtepIp)) firstKept = std::min(firstKept, *since);
-    for (const auto& [key, was] : before_.balances) {
-        const U64* since = find(vanished_, key.vtepIp);
-        if (!since || seen_.balances.contains(key)) continue;
-        if (last_.profiles != now_.profiles || !keepsRules(key.vrfId)) continue;
-        hold(seen_.balances.size() == Nav::NavConstants::maxLbIndex && *since <= firstKept,
-             at("lbProfileStatusEntry", key), "an entry");
-    }
 }
 
 // Whether the VRFs with an id have the bindings and rules that they had.
@@ -699,6 +673,10 @@ void Oracle::balancesOver() {
     std::ranges::set_symmetric_difference(indicesIn(seen_), indicesIn(before_),
                                           std::back_inserter(changed));
     const bool sameProfiles = namesOf(last_.profiles) == namesOf(now_.profiles);
+    for (const auto& [key, was] : before_.balances)  // vanished sites keep theirs: ids suffice
+        hold(seen_.balances.contains(key) || last_.profiles != now_.profiles ||
+                 !keepsRules(key.vrfId),
+             at("lbProfileStatusEntry", key), "an entry");
     for (const auto& [key, got] : seen_.balances) {
         const std::string place =
             "/navStatusDir/navLbProfileStatus/lbProfileStatusEntry" + piece(key);

@@ -118,7 +118,6 @@ class Oracle {
     void classification();
     void balances();
     void balancesOver();
-    void vanishedSites();
     bool keepsRules(U32 vrfId) const;
     const Nav::NavRuleEntry* governing(U32 vrfId, U32 appId, const String& group) const;
 
@@ -129,9 +128,7 @@ class Oracle {
     bool fresh_ = false, settled_ = true;
 
     Claims claims_, effectiveBefore_;
-    std::set<IpGenAddr> claimants_;      // sites that may have had a path for a moment
-    std::map<IpGenAddr, U64> vanished_;  // sites without a site group, with the check that saw it
-    U64 checks_ = 0;
+    std::set<IpGenAddr> claimants_;  // sites that may have had a path for a moment
     std::set<std::pair<Nav::PathKey, Claim>> withheld_;  // the group's profile was cleared
     std::set<std::pair<Nav::PathKey, Claim>> withheldBefore_;
     std::map<std::pair<IpGenAddr, VrfName>, std::set<IntfId>> intfsOf_;

@@ -198,46 +198,6 @@ TEST_F(OracleTest, HoldsOnARandomWalk) {
     }
 }
 
-// Eight keys for each site that comes, so that ids run out after 127 sites.
-TEST_F(OracleTest, SitesThatComeAndGoShareTheIds) {
-    Episode episode;
-    const auto all = [&](const std::vector<Event>& events) {
-        for (const Event& event : events) episode.happen(event);
-    };
-    all({text("/ipStatusDir/ipIntfStatus[et1]/activeAddrWithMask", "203.0.113.1/24"),
-         set("/nexthopStatus/vrf[default]"), set("/cliConfig/pathGroupConfig[g1]/localIntf[et1]"),
-         number("/cliConfig/loadBalanceProfile[gold]/pathGroupPriority[g1]", 1)});
-    for (const U64 app : {1, 2, 3, 4}) {
-        const auto rule =
-            "/cliConfig/policyConfig[p1]/appProfilePolicyRuleList[" + std::to_string(app) + "]";
-        all({number(rule + "/appProfileId", app), text(rule + "/lbGrpName", "gold")});
-    }
-    for (const std::string vrf : {"red", "blue"})
-        all({number("/routingHwRouteStatus/vrfStatus[" + vrf + "]/vrfId", vrf == "red" ? 1 : 2),
-             text("/cliConfig/vrfConfig[" + vrf + "]/policyName", "p1")});
-    all({set("/cliConfig/navConfigured")});
-    const auto site = [](size_t n) {
-        return "/cliConfig/pathGroupConfig[g1]/remoteViaConfig[10.0.0." + std::to_string(n) + "]";
-    };
-    const auto comes = [&](size_t n) {
-        const auto destination = "192.0.2." + std::to_string(n);
-        const auto hardware = "/hwPathStatus/hwPathStatusList[203.0.113.1," + destination + ",0,*]";
-        all({set(site(n) + "/remoteVia[" + destination + "]"), number(hardware + "/hwArpIndex", 1),
-             number(hardware + "/hwPathIndex", 1)});
-    };
-    const auto goes = [&](size_t n) { episode.happen(del(site(n))); };
-    const auto ids = [&] {
-        return episode.world().in.navStatusDir->navLbProfileStatus()->lbProfileStatusEntry().size();
-    };
-    for (size_t n = 0; n < 60; ++n) comes(n);
-    for (size_t n = 60; n-- > 0;) goes(n);
-    for (size_t n = 60; n < 140; ++n) comes(n), goes(n);
-    EXPECT_EQ(ids(), Nav::NavConstants::maxLbIndex);
-    for (const size_t n : {139, 59, 0, 58, 1, 138}) comes(n);
-    EXPECT_EQ(ids(), Nav::NavConstants::maxLbIndex);
-    episode.end();
-}
-
 }  // namespace
 
 }  // namespace Oracle
