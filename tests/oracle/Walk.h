@@ -2,7 +2,7 @@
 // are shared, moved, taken away and brought back all the time.
 #pragma once
 
-#include <deque>
+#include <algorithm>
 #include <random>
 
 #include "tests/oracle/World.h"
@@ -16,37 +16,19 @@ class Walk {
     Event next(const World& world);
 
   private:
-    struct LivePath {
-        Nav::PathKey key;
-        L3::VrfName vrf;
-    };
-    using Choice = std::initializer_list<const char*>;
-
     // At most one of these among the operands of an expression or the arguments of a call: their
     // order is the compiler's, and what a seed means must not depend on it.
     size_t below(size_t n) { return random_() % n; }
     bool oneIn(size_t n) { return below(n) == 0; }
-    std::string of(Choice choice) { return choice.begin()[below(choice.size())]; }
-    Vel::Datum textOf(Choice choice) { return {Vel::String(of(choice))}; }
-    Vel::Datum numberOf(std::initializer_list<Vel::U64> choice) {
-        return {choice.begin()[below(choice.size())]};
-    }
 
-    // Mostly set, sometimes deleted.
-    Event keep(std::string path, Vel::Datum value = {true});
-
-    LivePath path(const World& world);
-    Vel::Datum fec();
-    Event group();
-    Event interface();
-    Event vrf(const World& world);
-    Event policy(const World& world);
-    Event balance();
-    Event route(const World& world);
-    Event connection(const World& world);
-    Event hardware(const World& world);
+    // One of the texts between bars.
+    std::string oneOf(std::string_view texts);
+    // The text with a word in the place of each name in angle brackets.
+    std::string filled(std::string text, const World& world);
+    Vel::Datum valueOf(const std::string& text);
 
     std::mt19937_64 random_;
+    Vel::U64 version_ = 0;
 };
 
 }  // namespace Oracle

@@ -116,28 +116,14 @@ World::~World() {
     root = nullptr;
 }
 
-Event World::resolved(Event event) const {
-    const size_t star = event.path.find('*');
-    if (star == event.path.npos) return event;
-    const size_t open = event.path.find('[') + 1;
-    const auto key = Vel::Codec<Nav::PathKey>::fromKey(event.path.substr(open, star - 1 - open));
-    Vel::U32 index = 1;
-    for (const auto& vrf : in.pathConfigDir->pathConfig())
-        if (const auto* path = vrf.pathConfigEntry(key)) index = path->pathIndex();
-    event.path.replace(star, 1, std::to_string(index));
-    return event;
-}
-
-void World::apply(const Event& unresolved) {
+void World::apply(const Event& event) {
     const Vel::Hold hold;  // an element made on the way may be removed by what that sets off
-    const Event event = resolved(unresolved);
     std::string_view rest = event.path;
     Entity* at = rootOf(in, Step(rest).name);
     while (at && !rest.empty()) {
         const Step step(rest);
         const Attribute& attribute = *at->type().find(step.name);
-        const bool del = rest.empty() && event.op == Event::Op::del;
-        if (del) {
+        if (rest.empty() && event.op == Event::Op::del) {
             attribute.eraseAt(*at, step.key);
         } else if (attribute.kind == Attribute::Kind::collection) {
             at = event.op == Event::Op::del ? attribute.find(*at, step.key)

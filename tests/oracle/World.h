@@ -57,8 +57,6 @@ class World {
     World(const World& from, bool published, bool started = true);
     ~World();
 
-    // A "*" in the key of a hardware entry stands for the index that its path has now.
-    Event resolved(Event event) const;
     // Deleting what is not there does nothing.
     void apply(const Event& event);
     void start() { root = Nav::NavRootSmIs(in); }
