@@ -68,17 +68,7 @@ TEST_F(Resolution, LastMatchingViaIsWrittenOnce) {
     fec(1, vias), traces.clear(), settle();
     EXPECT_EQ(traced(" Resolved path:  ( Src: 203.0.113.1"), 2);
     EXPECT_EQ(written, 1u);
-    vias.resize(512, viaOver("Et2"));
-    vias[511] = viaOver("Et1", "203.0.113.252");
-    fec(1, vias), settle();
-    EXPECT_EQ(entry(path1)->pathInfo().via, vias[511]);
     EXPECT_THROW(fec(1, std::vector<Via>(513)), Vel::RangeError);
-    // A FEC with no via for the path leaves it as it was, and so does one without vias.
-    fec(1, {viaOver("Et2")}), settle();
-    in.forwardingStatus->fecDel(1), settle();
-    EXPECT_EQ(written, 2u);
-    noResult(path1), settle();
-    EXPECT_EQ(show(path1), "unresolved ");
 }
 
 TEST_F(Resolution, EachChangedAddressIsReviewedOnce) {
@@ -136,10 +126,6 @@ TEST_F(Resolution, ServicesMaySpeakOfPathsThatAreNotConfigured) {
         entry.hwArpIndexIs(1);
     });
     EXPECT_EQ(traced("Hardware pathIndex: 77 is not pathIndex: 1 of path: "), 1);
-    EXPECT_FALSE(entry(path1)->programmed());
-    navDb().pathKeyInfoDel(path1);
-    EXPECT_THROW(entry(path1)->programmedIs(true), AssertionFailed);
-    navDb().pathKeyInfoIs(path1);
 }
 
 }  // namespace
