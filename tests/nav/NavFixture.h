@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -117,8 +118,9 @@ class NavFixture : public testing::Test {
         Duolog::captureIs(&traces_);
         return traces_;
     }
-    bool traced(const std::string& text) const {
-        return std::find(traces_.begin(), traces_.end(), text) != traces_.end();
+    // Whether a line ended so.
+    bool traced(std::string_view text) const {
+        return std::ranges::any_of(traces_, [&](auto& line) { return line.ends_with(text); });
     }
 
     LiveObjectCheck live;

@@ -1,7 +1,5 @@
 // Policies and the VRFs bound to them, in a whole container: what is classified, which rules a VRF
 // has, and the load-balance ids made for them.
-#include <algorithm>
-
 #include "tests/nav/NavFixture.h"
 
 namespace Nav::Test {
@@ -31,14 +29,15 @@ class PolicyTest : public NavFixture {
             text += std::to_string(key) + "=" + std::string(app) + " ";
         return text;
     }
-    std::vector<std::string>& traces = capture("policy");
 };
 
 TEST_F(PolicyTest, TracesWhatItProgramsAndBinds) {
+    capture("policy");
     start();
     rule("p", 30, 3, "bulk"), rule("p", 10, 1, "voice"), rule("p", 20, 2, "video"), done("p");
     EXPECT_EQ(classified("p"), "10=voice 20=video 30=bulk ") << "in the order of the rules";
     policy("p").appProfilePolicyRuleListDel(20), done("p");
+    EXPECT_EQ(classified("p"), "10=voice 30=bulk ");
     bindTo("red", "p"), bindTo("blue", "p");
     vrfId("red", 0), vrfId("red", 1), vrfId("red", 0);
     root->navContainer()->navLoadBalancerSm()->handleNavPolicyConfigVersion("red", "none");
@@ -50,9 +49,7 @@ TEST_F(PolicyTest, TracesWhatItProgramsAndBinds) {
           "Delete navFeaturePolicyDir entry for policy: p",
           "Deleting policyToVrfEntry & navRuleStatus", "Skip mapping from red to 0",
           "No policyEntry for policyName: none", "Deleting navRuleStatus for vrf"})
-        EXPECT_TRUE(std::ranges::any_of(traces, [&](auto& line) {
-            return line.ends_with("): " + message);
-        })) << message;
+        EXPECT_TRUE(traced("): " + message)) << message;
 }
 
 TEST_F(PolicyTest, ChangesInsideNotificationsAreFollowed) {
