@@ -8,7 +8,7 @@
 namespace Agent::Linux {
 
 Connection::Connection(const Ipsec::ConnectionKey& key, uint32_t reqid, Loom::Instant now)
-    : key_(key), reqid_(reqid), changed_(now), single_(now), random_(reqid) {
+    : key_(key), reqid_(reqid), changed_(now), single_(now), singleChildren_(now), random_(reqid) {
     due_ = now + headStart();
 }
 
@@ -128,12 +128,10 @@ std::vector<uint32_t> Connection::installed(const IkeSa& sa) const {
 // the notice of that is lost, charon does not miss the peer: to it, packets of one association show
 // that all with the same policy are in use. Which of them the peer still has is then told by the
 // packets. Of a CHILD_SA's end the peer is told until it answers, so that one side may choose.
-void Connection::endSeconds(Ended& ended, std::vector<const IkeSa*> carriers,
-                            const std::vector<IkeSa>& before, Loom::Instant now) {
-    const auto hasSeconds = [this](const IkeSa* sa) { return installed(*sa).size() > 1; };
-    if (carriers.size() < 2 && std::ranges::none_of(carriers, hasSeconds)) single_ = now;
-    if (now - single_ < pairTime) return;
-    const bool lost = now - single_ >= lostTime;
+void Connection::endDuplicates(Ended& ended, std::vector<const IkeSa*> carriers,
+                               const std::vector<IkeSa>& before, Loom::Instant now) {
+    if (carriers.size() < 2) single_ = now;
+    const bool lost = now - single_ >= lostTime, late = now - single_ >= pairTime;
     const auto receives = [&before](const IkeSa* sa) {
         const auto at = std::ranges::find(before, sa->id, &IkeSa::id);
         return at != before.end() && at->bytesIn() != sa->bytesIn();
@@ -141,11 +139,14 @@ void Connection::endSeconds(Ended& ended, std::vector<const IkeSa*> carriers,
     std::ranges::sort(carriers, {}, &IkeSa::spi);
     if (lost) std::ranges::stable_partition(carriers, receives);
     for (const IkeSa* sa : carriers | std::views::drop(1))
-        if (lost || sa->initiator) ended.ikeSas.push_back(sa->id);
+        if (lost || (late && sa->initiator)) ended.ikeSas.push_back(sa->id);
+
+    std::vector<uint32_t> children;
     for (const IkeSa* sa : carriers)
         if (sa->initiator)
-            std::ranges::copy(installed(*sa) | std::views::drop(1),
-                              std::back_inserter(ended.childSas));
+            std::ranges::copy(installed(*sa) | std::views::drop(1), std::back_inserter(children));
+    if (children.empty()) singleChildren_ = now;
+    if (now - singleChildren_ >= pairTime) ended.childSas = std::move(children);
 }
 
 Connection::Ended Connection::observe(std::vector<IkeSa> sas, Loom::Instant asked,
@@ -170,7 +171,7 @@ Connection::Ended Connection::observe(std::vector<IkeSa> sas, Loom::Instant aske
         connecting |=
             sa.connecting() ? sa.initiator || now - waits_[sa.id] < passiveConnectTime : sa.waits;
     }
-    endSeconds(ended, carriers, before, now);
+    endDuplicates(ended, carriers, before, now);
     const bool doubted = std::exchange(doubtful_, false);
     if (!carriers.empty()) {
         failures_ = 0;

@@ -65,7 +65,7 @@ class Connection {
         std::vector<uint32_t> ikeSas, childSas;
     };
     // A complete list of the path's IKE_SAs, which was asked for at `asked`. Returns those made by
-    // other settings, those whose peer does not answer, and second ones.
+    // other settings, those whose peer does not answer, and duplicates.
     Ended observe(std::vector<IkeSa> sas, Loom::Instant asked, Loom::Instant now);
     // The latest list lacks what carries the packets of an established connection; the next one
     // decides. When an IKE_SA is rekeyed its CHILD_SAs move to another one, and a list that charon
@@ -108,8 +108,8 @@ class Connection {
     bool isCarriedBy(const IkeSa& sa) const;
     bool isSilent(const IkeSa& sa, Loom::Instant now);
     std::vector<uint32_t> installed(const IkeSa& sa) const;
-    void endSeconds(Ended& ended, std::vector<const IkeSa*> carriers,
-                    const std::vector<IkeSa>& before, Loom::Instant now);
+    void endDuplicates(Ended& ended, std::vector<const IkeSa*> carriers,
+                       const std::vector<IkeSa>& before, Loom::Instant now);
 
     const Ipsec::ConnectionKey key_;
     const uint32_t reqid_;
@@ -126,7 +126,8 @@ class Connection {
     unsigned failures_ = 0;  // since it was established last
     std::string error_, hint_;
     bool natHere_ = false;
-    Loom::Instant single_;  // when one IKE_SA at most carried packets last, with one CHILD_SA
+    Loom::Instant single_;          // when one IKE_SA at most carried packets last
+    Loom::Instant singleChildren_;  // when each that this side has initiated did so by one CHILD_SA
     std::map<uint32_t, Loom::Instant>
         waits_;  // since when an IKE_SA has waited for its peer, by id
     std::vector<IkeSa> sas_;
