@@ -193,20 +193,13 @@ TEST_F(Kernel, KeptAnswersFollowRandomRoutesAndRules) {
     }
 }
 
-TEST_F(Kernel, EveryKindOfChangeLeadsToLookups) {
+TEST_F(Kernel, RulesLeadToLookupsAndRoutesToOtherDestinationsToNone) {
     Monitored kernel;
     ASSERT_TRUE(kernel.await([&] { return kernel.named("wa").up && kernel.monitor.settled(); }));
     kernel.monitor.lookup(std::vector<RouteQuery>{{addr("10.1.0.1")}, {addr("2001:db8:1::1")}});
-    for (const char* change :
-         {"rule add from 203.0.113.1 table 77", "-6 rule add from 2001:db8:a::1 table 77",
-          "route add 10.1.0.0/16 dev wa table 77", "-6 route add 2001:db8:1::/48 dev wa table 77",
-          "nexthop add id 1 dev wa", "link set wa mtu 1400", "addr add 10.9.0.1/24 dev wa",
-          "neigh add 203.0.113.9 lladdr 02:00:00:00:00:05 dev wa nud permanent",
-          "neigh del 203.0.113.9 dev wa"}) {
-        ASSERT_TRUE(sh("ip " + std::string(change)));
-        EXPECT_TRUE(kernel.settle()) << change;
-    }
-    // A route to destinations that nobody asks for, once no other event comes with it.
+    ASSERT_TRUE(sh("ip -6 rule add from 2001:db8:a::1 table 77"));
+    EXPECT_TRUE(kernel.settle());
+    // Once no other event comes with it.
     int hop = 2;
     EXPECT_TRUE(kernel.await([&] {
         const auto events = kernel.monitor.counters().events;
