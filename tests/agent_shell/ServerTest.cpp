@@ -234,6 +234,14 @@ TEST_F(ServerTest, EventsOfPendingWorkComeAfterTheFirstValueAndBeforeOtherAnswer
     EXPECT_EQ(peer.line(), R"({"ok":true,"value":null})");
 }
 
+TEST_F(ServerTest, AWatcherThatFallsBehindIsToldAndClosed) {
+    serve({.eventBytes = 0});
+    Peer peer(*this, path());
+    EXPECT_EQ(peer.ask(R"({"op":"watch"})"), R"({"ok":true,"value":null})");
+    EXPECT_EQ(peer.line(), R"({"event":"overrun"})");
+    EXPECT_EQ(peer.line(), "<end>");
+}
+
 TEST_F(ServerTest, WatchersAndIdleClientsLeaveRoomForANewOne) {
     serve({.clients = 4, .watchers = 2});
     Peer first(*this, path()), second(*this, path()), idle(*this, path());
