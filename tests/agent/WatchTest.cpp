@@ -61,6 +61,9 @@ TEST_F(WatchTest, TellsOfAPathThatComesAndGoesWithWhatHoldsIt) {
     tree.del("/nexthopStatus/vrf[default]");
     EXPECT_EQ(events(), (Events{"set " + hop + "/fecId 5", "set " + hop + "/fecId 7",
                                 "del " + hop + "/fecId null"}));
+    watches.remove(*this);
+    tree.del(member);
+    EXPECT_EQ(events(), Events{});
 }
 
 TEST_F(WatchTest, FollowsChildrenAndRootsThatComeAndGo) {
