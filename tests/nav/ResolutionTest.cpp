@@ -101,15 +101,6 @@ TEST_F(Resolution, AReactorFollowsTheStatusThatItsVrfHasNow) {
     EXPECT_EQ(show(path1), "resolved Et1");
 }
 
-TEST_F(Resolution, APathMayReturnWhileItsRequestIsWithdrawn) {
-    On withdrawn(*in.nexthopConfig->vrf("default"), Routing::NexthopVrfConfig::nexthopAttr,
-                 [&] { via("wan", "192.0.2.100", "2001:db8::9"); });
-    noVia("wan", "192.0.2.100", "2001:db8::9");
-    result(path6, 1), in.forwarding6Status->fecIs(1, std::vector{viaOver("Et1")}), settle();
-    ASSERT_TRUE(entry(path6));
-    EXPECT_EQ(show(path6), "resolved Et1");
-}
-
 TEST_F(Resolution, ServicesMaySpeakOfPathsThatAreNotConfigured) {
     const PathKey other = key("203.0.113.3", "198.51.100.9");
     pathStatusDir().pathStatus("default")->pathStatusEntryIs(other);

@@ -147,26 +147,6 @@ TEST_F(Dispatch, FollowsTheModel) {
     }
 }
 
-TEST(HoldTest, DestroysOnceWhatNobodyTookUp) {
-    struct Node : Object {
-        Ptr<Node> next;
-        std::shared_ptr<int> alive;
-    };
-    const auto alive = std::make_shared<int>();
-    auto first = make<Node>(), second = make<Node>(), third = make<Node>();
-    first->alive = second->alive = third->alive = alive;
-    {
-        Hold hold;
-        Node &a = *first, &b = *second, &c = *third;
-        first = second = third = nullptr;
-        a.next = b;  // dropped when it is destroyed itself
-        third = c;   // for good
-        EXPECT_TRUE(a.gone() && !b.gone() && !c.gone());
-        EXPECT_EQ(alive.use_count(), 4);
-    }
-    EXPECT_EQ(alive.use_count(), 2);
-}
-
 // Records of one notification have one time, of the next another; outside each has its own.
 TEST(Event, HasOneTime) {
     struct Tracer {
