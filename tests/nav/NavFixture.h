@@ -24,10 +24,6 @@ inline Netz::IpGenAddr ip(std::string_view text) {
     return Netz::IpGenAddr::parse(text).value();
 }
 
-inline Netz::IpAddrWithMask ipMask(std::string_view text) {
-    return Netz::IpAddrWithMask::parse(text).value();
-}
-
 // Declared first, so that it looks when everything else is gone.
 struct LiveObjectCheck {
     const std::map<std::string, Vel::U32> baseline = Vel::liveObjects();
@@ -71,12 +67,11 @@ class NavFixture : public testing::Test {
         return in.ipStatusDir->ipIntfStatusIs(Netz::IntfId(intf));
     }
     void address(const std::string& intf, const std::string& withMask) {
-        intfStatus(intf).activeAddrWithMaskIs(ipMask(withMask));
+        intfStatus(intf).activeAddrWithMaskIs(Netz::IpAddrWithMask::parse(withMask).value());
     }
     void intfVrf(const std::string& intf, const std::string& vrf) {
         intfStatus(intf).vrfNameIs(vrf);
     }
-    void noIntf(const std::string& intf) { in.ipStatusDir->ipIntfStatusDel(Netz::IntfId(intf)); }
     void vrfId(const std::string& vrf, U32 id) {
         in.routingHwRouteStatus->vrfStatusIs(vrf).vrfIdIs(id);
     }
@@ -84,14 +79,8 @@ class NavFixture : public testing::Test {
     void listIntf(const std::string& name, const std::string& intf) {
         group(name).localIntfIs(Netz::IntfId(intf));
     }
-    void unlistIntf(const std::string& name, const std::string& intf) {
-        group(name).localIntfDel(Netz::IntfId(intf));
-    }
     void via(const std::string& name, const std::string& site, const std::string& dst) {
         group(name).remoteViaConfigIs(ip(site)).remoteViaIs(ip(dst));
-    }
-    void noVia(const std::string& name, const std::string& site, const std::string& dst) {
-        group(name).remoteViaConfigIs(ip(site)).remoteViaDel(ip(dst));
     }
 
     static PathKey key(const std::string& src, const std::string& dst, U32 vrf = 0) {

@@ -38,7 +38,7 @@ TEST_F(PathConstructionTest, GroupsAddressesAndDestinationsComeAndGo) {
         order += text.starts_with("Removing path ") ? "-" : text.starts_with("Adding ") ? "+" : "";
     EXPECT_EQ(order, "--++") << "all removals, then all additions";
     EXPECT_EQ(indexOf(key("203.0.113.9", dst)), 3u);
-    noIntf("wan1");
+    in.ipStatusDir->ipIntfStatusDel(Netz::IntfId("wan1"));
     EXPECT_TRUE(configuredPaths().empty());
     EXPECT_TRUE(traced("Intf wan1 ip: 203.0.113.9"));
 

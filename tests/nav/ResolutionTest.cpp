@@ -85,7 +85,8 @@ TEST_F(Resolution, EachChangedAddressIsReviewedOnce) {
     result(path1, 2), settle(), traces.clear();
     fec(1, {viaOver("Et1"), viaOver("Et2")}), settle();
     EXPECT_EQ(traced("Backlog nexthopResolver addr: "), 0);
-    noVia("lte", "192.0.2.100", "198.51.100.8"), noResult(path3), settle();
+    group("lte").remoteViaConfigIs(ip("192.0.2.100")).remoteViaDel(path3.dstAddr);
+    noResult(path3), settle();
     EXPECT_EQ(traced("No paths for dstAddr 198.51.100.8"), 1);
 }
 

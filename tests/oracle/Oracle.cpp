@@ -1,6 +1,7 @@
 #include "tests/oracle/Oracle.h"
 
 #include <algorithm>
+#include <ranges>
 
 namespace Oracle {
 
@@ -417,19 +418,13 @@ std::set<U32> Oracle::encapIdsFor(const PathKey& key, const Live& path, const Li
 
 // The entry with the path's index decides; where there is only one with another, it may.
 std::set<bool> Oracle::programmedFor(const PathKey& key, const Live& path, const Live* was) const {
-    std::set<bool> allowed;
-    Nav::HwPathKey from{key.srcAddr, key.dstAddr, key.vrfId, 0};
-    bool decided = false;
-    for (auto at = now_.hardware.lower_bound(from);
-         at != now_.hardware.end() && at->first.pathKey() == key; ++at) {
-        if (at->first.pathIndex == path.index) {
-            allowed = {at->second};
-            decided = true;
-            break;
-        }
-        allowed.insert(at->second);
-    }
-    if (!decided) allowed.insert(false);
+    std::set<bool> allowed{false};
+    if (const bool* own =
+            find(now_.hardware, Nav::HwPathKey{key.srcAddr, key.dstAddr, key.vrfId, path.index}))
+        allowed = {*own};
+    else
+        for (const auto& [entry, programmed] : now_.hardware)
+            if (entry.pathKey() == key) allowed.insert(programmed);
     if (!now_.results.contains(path.vrf)) {
         allowed.insert(false);
         if (was) allowed.insert(was->programmed);
@@ -655,11 +650,6 @@ bool Oracle::keepsRules(U32 vrfId) const {
 
 // What lives on keeps its id, and its generation tells every change of the members.
 void Oracle::balancesOver() {
-    const auto namesOf = [](const std::map<String, Profile>& profiles) {
-        std::set<String> names;
-        for (const auto& [name, profile] : profiles) names.insert(name);
-        return names;
-    };
     const auto indicesIn = [](const Results& results) {
         std::set<std::pair<SiteGroupKey, U32>> all;
         for (const auto& [site, indices] : results.siteGroups)
@@ -672,7 +662,8 @@ void Oracle::balancesOver() {
     std::vector<std::pair<SiteGroupKey, U32>> changed;
     std::ranges::set_symmetric_difference(indicesIn(seen_), indicesIn(before_),
                                           std::back_inserter(changed));
-    const bool sameProfiles = namesOf(last_.profiles) == namesOf(now_.profiles);
+    const bool sameProfiles =
+        std::ranges::equal(last_.profiles | std::views::keys, now_.profiles | std::views::keys);
     for (const auto& [key, was] : before_.balances)  // vanished sites keep theirs: ids suffice
         hold(seen_.balances.contains(key) || last_.profiles != now_.profiles ||
                  !keepsRules(key.vrfId),
