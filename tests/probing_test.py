@@ -21,7 +21,7 @@ import time
 
 from products import LabCase, main, source  # which adds scripts/ to the path
 
-from netlab import await_, call, outside, providers, router, sites  # noqa: E402
+from netlab import await_, call, outside, providers, sites  # noqa: E402
 from traffic import open_socket  # noqa: E402
 
 stamp = [sys.executable, f"{source}/tests/stamp.py"]
