@@ -124,10 +124,11 @@ std::vector<uint32_t> Connection::installed(const IkeSa& sa) const {
     return ids;
 }
 
-// Both sides keep the same IKE_SA of several, and a second one is terminated by its initiator. If
-// the notice of that is lost, charon does not miss the peer: to it, packets of one association show
-// that all with the same policy are in use. Which of them the peer still has is then told by the
-// packets. Of a CHILD_SA's end the peer is told until it answers, so that one side may choose.
+// Both sides keep the same IKE_SA of several, and the initiator of another one terminates it. If
+// its DELETE is lost, charon on this side does not notice: it takes packets of one association for
+// a sign of life of all that have the same policy. What is received tells then which of them the
+// peer still has. The DELETE of a CHILD_SA is retransmitted until the peer answers, so that the
+// initiator of its IKE_SA can choose alone.
 void Connection::endDuplicates(Ended& ended, std::vector<const IkeSa*> carriers,
                                const std::vector<IkeSa>& before, Loom::Instant now) {
     if (carriers.size() < 2) single_ = now;

@@ -36,8 +36,8 @@ class Connection {
     // If they did, the two IKE_SAs, or two CHILD_SAs of one, that come of it are kept so long;
     // rekeying takes less.
     static constexpr Loom::Duration pairTime = std::chrono::seconds(5);
-    // Of several IKE_SAs that still stand after this time, the peer knows only those that packets
-    // come by: it has terminated the others, and its notice was lost.
+    // Of several IKE_SAs that still stand after this time, the peer has only those by which packets
+    // come: it has terminated the others, and its DELETE was lost.
     static constexpr Loom::Duration lostTime = 2 * pairTime;
 
     Connection(const Ipsec::ConnectionKey& key, uint32_t reqid, Loom::Instant now);
@@ -126,8 +126,8 @@ class Connection {
     unsigned failures_ = 0;  // since it was established last
     std::string error_, hint_;
     bool natHere_ = false;
-    Loom::Instant single_;          // when one IKE_SA at most carried packets last
-    Loom::Instant singleChildren_;  // when each that this side has initiated did so by one CHILD_SA
+    Loom::Instant single_;          // when there was last at most one IKE_SA that carries packets
+    Loom::Instant singleChildren_;  // when no IKE_SA initiated here had two CHILD_SAs last
     std::map<uint32_t, Loom::Instant>
         waits_;  // since when an IKE_SA has waited for its peer, by id
     std::vector<IkeSa> sas_;
